@@ -32,13 +32,12 @@ public:
     /// until root unlocks the user.
     virtual void lockUser(const QString &method, uint uid, bool lock, const QString &reason, uint duration) = 0;
     /// Record `event` with `details` in the system's event journal at `level`.
-    virtual void logEvent(const QString &method, const QString &level, const QString &event, const QString &details)
-        = 0;
+    virtual void logEvent(const QString &method, const QString &level, const QString &event,
+                          const QString &details) = 0;
     /// Option `option` of user `uid` (0: of the method as a whole) has the new value `value`. `computed` tells that the
     /// method computes the value itself and that it is not in the option store.
     virtual void optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
-                               bool computed)
-        = 0;
+                               bool computed) = 0;
 
 private:
     Q_DISABLE_COPY(NotificationHandler)

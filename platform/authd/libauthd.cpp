@@ -1,0 +1,97 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include <authd/libauthd.h>
+#include <authd/vocabulary.h>
+
+#include "platformlog.h"
+
+#include <QFile>
+#include <QScopeGuard>
+#include <QVarLengthArray>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+Q_LOGGING_CATEGORY(authdPlatform, "authd.platform", QtWarningMsg)
+
+namespace LibAuthd {
+
+namespace {
+
+constexpr mode_t OwnerOnly = S_IRUSR | S_IWUSR;
+constexpr mode_t AllModeBits = 07777;
+
+/// What keeps a file from being restricted, as an errno value; 0 when nothing does.
+int objection(const struct stat &status)
+{
+    if (S_ISLNK(status.st_mode))
+        return ELOOP;
+    if (S_ISDIR(status.st_mode))
+        return EISDIR;
+    if (!S_ISREG(status.st_mode))
+        return EINVAL;
+    return status.st_nlink == 1 ? 0 : EMLINK;
+}
+
+} // namespace
+
+QString userName(uint uid)
+{
+    passwd entry;
+    passwd *found = nullptr;
+    QVarLengthArray<char, 1024> buffer(1024);
+    while (getpwuid_r(uid, &entry, buffer.data(), static_cast<size_t>(buffer.size()), &found) == ERANGE)
+        buffer.resize(buffer.size() * 2);
+    return found ? QString::fromUtf8(found->pw_name) : QString();
+}
+
+bool restrictPermissions(const QString &path)
+{
+    // Another process may remove or create the file between the two looks; each then gives way to the other's answer.
+    constexpr int Attempts = 16;
+
+    const QByteArray name = QFile::encodeName(path);
+    if (name.contains('\0')) {
+        errno = EINVAL;
+        return false;
+    }
+    int fd = -1;
+    for (int attempt = 0; fd < 0 && attempt < Attempts; ++attempt) {
+        // Only a look: whatever stands there is neither opened nor followed.
+        fd = open(name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0 && errno == ENOENT)
+            fd = open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, OwnerOnly);
+        if (fd < 0 && errno != EEXIST)
+            return false;
+    }
+    if (fd < 0)
+        return false;
+    const auto closer = qScopeGuard([fd] { close(fd); });
+
+    struct stat status;
+    if (fstat(fd, &status) != 0)
+        return false;
+    if (const int error = objection(status)) {
+        errno = error;
+        return false;
+    }
+    if ((status.st_mode & AllModeBits) == OwnerOnly)
+        return true;
+    const QByteArray pinned = "/proc/self/fd/" + QByteArray::number(fd);
+    return chmod(pinned.constData(), OwnerOnly) == 0;
+}
+
+QMap<QString, QVariant> inputRequestParams(int request)
+{
+    return {{Vocabulary::InputRequestType, request}};
+}
+
+QMap<QString, QVariant> resultCodeParams(int code)
+{
+    return {{Vocabulary::ResultCode, code}};
+}
+
+} // namespace LibAuthd

@@ -1,0 +1,8 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <QLoggingCategory>
+
+/// What the platform library itself has to say: "authd.platform", warnings and above by default.
+Q_DECLARE_LOGGING_CATEGORY(authdPlatform)

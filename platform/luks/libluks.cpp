@@ -1,0 +1,41 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include <luks/libluks.h>
+
+#include "common/regularfile.h"
+
+#include <glib.h>
+#include <libcryptsetup.h>
+
+namespace LibLuks {
+
+namespace {
+
+constexpr char ConfigurationFile[] = "/etc/authd/luks.conf";
+constexpr char GroupName[] = "Partition";
+constexpr char DeviceKey[] = "Device";
+constexpr std::size_t LargestFile = 1024 * 1024;
+
+void dropLog(int, const char *, void *) { }
+
+} // namespace
+
+bool isDeviceActive()
+{
+    const std::optional<std::string> content = readRegularFile(ConfigurationFile, 0, LargestFile);
+    if (!content)
+        return errno == ENOENT;
+    g_autoptr(GKeyFile) file = g_key_file_new();
+    if (!g_key_file_load_from_data(file, content->data(), content->size(), G_KEY_FILE_NONE, nullptr))
+        return false;
+    g_autofree char *device = g_key_file_get_string(file, GroupName, DeviceKey, nullptr);
+    if (!device || !*device)
+        return false;
+
+    // The library prints to the standard streams of the process unless it is given somewhere else to write to.
+    crypt_set_log_callback(nullptr, dropLog, nullptr);
+    const crypt_status_info status = crypt_status(nullptr, device);
+    return status == CRYPT_ACTIVE || status == CRYPT_BUSY;
+}
+
+} // namespace LibLuks
