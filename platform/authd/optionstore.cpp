@@ -7,6 +7,7 @@
 #include "common/regularfile.h"
 #include "platformlog.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QStringList>
@@ -24,12 +25,13 @@
 
 namespace {
 
-constexpr mode_t FileMode = S_IRUSR | S_IWUSR;
+constexpr int FileMode = S_IRUSR | S_IWUSR;
 constexpr mode_t DirectoryMode = S_IRWXU;
 constexpr QLatin1String UsersDirectory("/var/lib/authd/users/");
 constexpr QLatin1String MethodFile("/current.conf");
 constexpr QLatin1String UserFileSuffix(".conf");
-constexpr char TemporarySuffix[] = ".new";
+// As the library that writes the file names its temporary ones.
+constexpr QLatin1String TemporarySuffix(".??????");
 constexpr char DamagedSuffix[] = ".damaged";
 
 /// The text in UTF-8; absent when it cannot be written so (a zero character, half a surrogate pair).
@@ -168,13 +170,15 @@ int openDirectory(const QString &path)
 /// Makes the directory `path` and those above it that are missing, each on disk before the next.
 bool makeDirectory(const QString &path)
 {
-    if (mkdir(QFile::encodeName(path).constData(), DirectoryMode) == 0) {
-        const Descriptor parent(openDirectory(QFileInfo(path).path()));
-        return parent.isOpen() && fsync(parent) == 0;
-    }
-    if (errno == EEXIST)
-        return true;
-    return errno == ENOENT && makeDirectory(QFileInfo(path).path()) && makeDirectory(path);
+    const QByteArray name = QFile::encodeName(path);
+    const QString above = QFileInfo(path).path();
+    int made = mkdir(name.constData(), DirectoryMode);
+    if (made != 0 && errno == ENOENT && makeDirectory(above))
+        made = mkdir(name.constData(), DirectoryMode);
+    if (made != 0)
+        return errno == EEXIST;
+    const Descriptor parent(openDirectory(above));
+    return parent.isOpen() && fsync(parent) == 0;
 }
 
 /// One file of the store, locked against other processes and read, for as long as the object lives.
@@ -297,23 +301,24 @@ private:
         return true;
     }
 
-    /// The name of the temporary file is fixed, so that what a crash leaves behind is taken up by the next writer.
     bool replace() const
     {
+        removeLeftovers();
         gsize size = 0;
         g_autofree char *content = g_key_file_to_data(keys(), &size, nullptr);
-        const QByteArray temporary = m_name + TemporarySuffix;
-        unlink(temporary.constData());
-        const Descriptor file(::open(temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, FileMode));
-        if (!file.isOpen())
-            return false;
-        for (gsize written = 0; written < size;) {
-            const ssize_t count = write(file, content + written, size - written);
-            if (count < 0 && errno != EINTR)
-                return false;
-            written += static_cast<gsize>(std::max<ssize_t>(count, 0));
-        }
-        return fsync(file) == 0 && rename(temporary.constData(), m_name.constData()) == 0;
+        constexpr auto flags = GFileSetContentsFlags(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
+        return g_file_set_contents_full(m_name.constData(), content, static_cast<gssize>(size), flags, FileMode,
+                                        nullptr);
+    }
+
+    /// A writer that was killed leaves its temporary file behind; no living one has any while the lock is held.
+    void removeLeftovers() const
+    {
+        const QFileInfo file(m_path);
+        QDir directory(file.path());
+        const QStringList names = directory.entryList({file.fileName() + TemporarySuffix}, QDir::Files | QDir::Hidden);
+        for (const QString &name : names)
+            directory.remove(name);
     }
 
     const QString m_path;

@@ -9,7 +9,7 @@
 namespace AppManifest {
 
 /// What a desktop application says of itself in the group "X-Application" of its desktop file. A value type; every text
-/// is UTF-8, and one whose key is missing is empty.
+/// is UTF-8, and one whose key is missing or whose value has an escape that key files do not know is empty.
 class __attribute__((visibility("default"))) ManifestEntry
 {
 public:

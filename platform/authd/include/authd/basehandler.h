@@ -23,7 +23,9 @@ class AUTHD_EXPORT BaseHandler : public QObject
     Q_OBJECT
 
 public:
-    /// A handler whose options are stored under `name`. The name must be a file name without "/".
+    /// A handler whose options are stored under `name`. The name must be a file name without "/", and as option names
+    /// it must be free of control characters, "=", "[" and "]", not begin with "#", and neither begin nor end with
+    /// white space; under any other name nothing can be stored.
     explicit BaseHandler(const QString &name, QObject *parent = nullptr);
     ~BaseHandler() override;
 
@@ -45,18 +47,21 @@ public:
     virtual const ValidationScope &getOptionsValidations(uint uid) = 0;
     /// Rules for actions; empty in the base.
     virtual const ValidationScope &getActionsValidations();
-    /// User `uid` has been removed from the system. The base forgets the user's stored options of this handler.
+    /// User `uid` has been removed from the system. The base forgets the user's stored options of this handler; for
+    /// `uid` 0, which stands for the handler as a whole, it does nothing.
     virtual void handleUserRemovedInternal(uint uid);
     /// An option has been written from outside. The base does nothing.
     virtual void handleOptionChanged(uint uid, const QString &option, const QVariant &value);
 
     /// The stored value of `option` of user `uid` (0: of the handler as a whole); the default of defaultOptions() when
-    /// none is stored or the store cannot be read; an invalid variant when there is no default either.
+    /// none is stored or the store cannot be read; an invalid variant when there is no default either. What is damaged
+    /// in the store is reported in the log, set aside under a name that ends in ".damaged", and counts as not stored.
     QVariant getOptionInternal(uint uid, const QString &option);
     /// Stores `value` durably and tells the daemon with optionChanged(). An invalid variant removes the stored value,
     /// and the daemon is told the default. Booleans, integers of 32 and 64 bits, doubles, strings, string lists and
     /// byte arrays can be stored and come back as the same type. False, with a warning in the log and nothing changed,
-    /// when the value is of another type or cannot be written.
+    /// when the value is of another type, is text that UTF-8 cannot carry or that holds a zero character, when the
+    /// option's name is none (see the constructor), or when it cannot be written.
     bool setOptionInternal(uint uid, const QString &option, const QVariant &value);
     /// Tells the daemon that `option` of user `uid` now has `value`; nothing is stored. `computed` is passed on, see
     /// NotificationHandler::optionChanged().
