@@ -1,0 +1,91 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "client/methodkavetprivate.h"
+
+#include "plugin/methodkavet.h"
+#include "settings/constants.h"
+
+#include <authd/libauthd.h>
+#include <luks/libluks.h>
+
+#include <QHash>
+
+void MethodKavetPrivate::makeAuth()
+{
+    for (;;) {
+        if (!LibLuks::isDeviceActive()) {
+            requestInput(SettingsKavet::EnterPasswordOrPinWithoutConnection, SettingsKavet::Success);
+            return;
+        }
+        if (currentUid == 0 || child.clientStarting)
+            return;
+
+        switch (clientStage) {
+        case MustLaunch:
+            if (!launchChild()) {
+                requestInput(SettingsKavet::Connecting, SettingsKavet::CannotStartClient);
+                return;
+            }
+            clientStage = MustConnect;
+            break;
+        case MustConnect:
+            if (!connectToChild()) {
+                requestInput(SettingsKavet::Connecting, SettingsKavet::CannotConnectClient);
+                return;
+            }
+            clientStage = Linked;
+            break;
+        case Linked: {
+            if (!pendingAuthData) {
+                requestInput(SettingsKavet::EnterPasswordOrPin, SettingsKavet::Success);
+                return;
+            }
+            const QMap<QString, QVariant> authData = *pendingAuthData;
+            pendingAuthData.reset();
+
+            if (authData.contains(Constants::password))
+                checkPassword(authData.value(Constants::password).toString());
+            else if (authData.contains(Constants::cert) && authData.contains(Constants::pin))
+                validateCert(authData.value(Constants::cert).toString(), authData.value(Constants::pin).toString());
+            else
+                requestInput(SettingsKavet::EnterPasswordOrPin, SettingsKavet::Success);
+            return;
+        }
+        default:
+            return;
+        }
+    }
+}
+
+void MethodKavetPrivate::handleResult(const QString &answer)
+{
+    static const QHash<QString, SettingsKavet::ResultCode> results = {
+        {Constants::answerSuccess, SettingsKavet::Success},
+        {Constants::answerLock, SettingsKavet::UserLocked},
+        {Constants::answerRemove, SettingsKavet::TooManyAttempts},
+        {Constants::answerNoUsb, SettingsKavet::NoUsbDevice},
+        {Constants::answerConnectionError, SettingsKavet::ConnectionError},
+        {Constants::answerFailed, SettingsKavet::AuthFailed},
+        {Constants::answerBadDefaultCert, SettingsKavet::BadDefaultCert},
+        {Constants::answerErrAuthType, SettingsKavet::ErrAuthType},
+    };
+
+    const SettingsKavet::ResultCode code = results.value(answer, SettingsKavet::AuthFailed);
+    if (code == SettingsKavet::Success)
+        q->succeed();
+    else
+        requestInput(SettingsKavet::EnterPasswordOrPin, code);
+}
+
+void MethodKavetPrivate::requestInput(SettingsKavet::InputRequest request, SettingsKavet::ResultCode code)
+{
+    QMap<QString, QVariant> params = LibAuthd::inputRequestParams(request);
+    const QMap<QString, QVariant> resultParams = LibAuthd::resultCodeParams(code);
+    for (auto param = resultParams.cbegin(); param != resultParams.cend(); ++param)
+        params.insert(param.key(), param.value());
+
+    if (code == SettingsKavet::Success)
+        q->inputRequested(params);
+    else
+        q->finish(false, params);
+}

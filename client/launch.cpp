@@ -1,0 +1,107 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "client/methodkavetprivate.h"
+
+#include "client/userfiles.h"
+#include "plugin/logging.h"
+#include "plugin/methodkavet.h"
+#include "settings/constants.h"
+
+#include <authd/libauthd.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcessEnvironment>
+
+#include <cerrno>
+
+#include <grp.h>
+#include <unistd.h>
+
+bool MethodKavetPrivate::launchChild()
+{
+    if (child.clientRunning)
+        return true;
+    if (launchBudget == 0)
+        return false;
+    --launchBudget;
+    if (!child.tryToParseManifest())
+        return false;
+    if (child.sharedDirectory.isEmpty()) {
+        qCCritical(kavet) << "Shared directory is not set";
+        return false;
+    }
+
+    const QString userName = LibAuthd::userName(currentUid);
+    if (userName.isNull()) {
+        qCCritical(kavet) << "Cannot name for" << currentUid;
+        return false;
+    }
+    const struct group *clientGroup = getgrnam(Constants::clientGroup);
+    if (!clientGroup) {
+        qCCritical(kavet) << "Cannot get GID of" << QString::fromLatin1(Constants::clientGroup);
+        return false;
+    }
+    child.uid = currentUid;
+    child.gid = clientGroup->gr_gid;
+
+    const QStringList arguments = getLaunchArgs();
+    if (arguments.isEmpty() || child.uid == 0 || child.gid == 0)
+        return false;
+    if (!prepareEnvironment())
+        return false;
+
+    watcher.addPath(child.sharedDirectory);
+    if (QFileInfo::exists(Constants::currentPolicyFile)) {
+        syncPolicy(Constants::currentPolicyFile, true);
+        watcher.addPath(Constants::currentPolicyFile);
+    }
+
+    child.userConfigPath = Constants::userConfigName.arg(child.sharedDirectory).arg(currentUid);
+    LibAuthd::restrictPermissions(child.userConfigPath);
+    if (!PinnedFile(child.userConfigPath).changeOwner(child.uid, child.gid)) {
+        const int error = errno;
+        qCWarning(kavet) << __func__ << "Cannot set owner of" << child.userConfigPath << "to" << child.uid << child.gid
+                         << error;
+        return false;
+    }
+    // Written at the end of the function.
+    UserSettings userSettings(child.userConfigPath);
+    userSettings.setValue(Constants::attempts, q->getOptionInternal(currentUid, Constants::attempts));
+    if (QFileInfo::exists(child.userConfigPath))
+        watcher.addPath(child.userConfigPath);
+
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(Constants::homeVariable, Constants::homeRoot + userName);
+    environment.insert(Constants::sessionBusVariable, Constants::sessionBusAddress.arg(currentUid));
+    child.setProcessEnvironment(environment);
+    child.start(Constants::sandboxLauncher, arguments, QIODevice::ReadWrite);
+    return true;
+}
+
+bool MethodKavetPrivate::prepareEnvironment()
+{
+    const auto handOver = [this](const QString &directory) {
+        return chown(QFile::encodeName(directory).constData(), child.uid, child.gid) == 0;
+    };
+
+    if (!handOver(Constants::clientDirectory)) {
+        qCCritical(kavet) << "Cannot change owner of directory";
+        return false;
+    }
+
+    const QStringList directories = {Constants::sharedRoot + QLatin1Char('/') + child.orgName + QLatin1Char('/')
+                                     + child.appName};
+    for (const QString &directory : directories) {
+        if (!QDir().mkpath(directory)) {
+            qCWarning(kavet) << "Cannot create directory";
+            return false;
+        }
+        if (!handOver(directory)) {
+            qCCritical(kavet) << "Cannot change owner of directory.";
+            return false;
+        }
+    }
+    return true;
+}

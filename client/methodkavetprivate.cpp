@@ -1,0 +1,56 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "client/methodkavetprivate.h"
+
+#include "plugin/logging.h"
+#include "plugin/methodkavet.h"
+#include "settings/constants.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+MethodKavetPrivate::MethodKavetPrivate(MethodKavet *method)
+    : QObject(method)
+    , connection(QString())
+    , clientStage(MustLaunch)
+    , currentUid(0)
+    , watcher(method)
+    , child(this)
+    , launchBudget(Constants::launchBudget)
+    , certListInFlight(false)
+    , certListPending(false)
+    , q(method)
+{
+    if (!child.detectManifest())
+        return;
+
+    connect(&child, &QProcess::errorOccurred, this, &MethodKavetPrivate::onChildErrorOccurred);
+    connect(&child, &QProcess::readyReadStandardOutput, this, &MethodKavetPrivate::onReadyStdout);
+    connect(&child, &QProcess::readyReadStandardError, this, &MethodKavetPrivate::onReadyStderr);
+    connect(&child, &QProcess::stateChanged, this, &MethodKavetPrivate::onChildStateChanged);
+    // By signature, since the process class has two signals of this name.
+    connect(&child, SIGNAL(finished(int, QProcess::ExitStatus)), this, // clazy:exclude=old-style-connect
+            SLOT(onChildFinished(int, QProcess::ExitStatus)));
+    connect(&watcher, &QFileSystemWatcher::directoryChanged, this, &MethodKavetPrivate::handleChildDirectoryChanged);
+    connect(&watcher, &QFileSystemWatcher::fileChanged, this, &MethodKavetPrivate::handleChildFileChanged);
+
+    if (!QDir().mkpath(Constants::clientDirectory))
+        qCCritical(kavet) << "Cannot create auxiliary directory" << Constants::clientDirectory;
+    watcher.addPath(Constants::clientDirectory);
+
+    if (!child.sharedDirectory.isEmpty() && QFileInfo::exists(child.sharedDirectory))
+        watcher.addPath(child.sharedDirectory);
+
+    if (QFileInfo::exists(Constants::packagedPolicyFile))
+        syncPolicy(Constants::packagedPolicyFile, false);
+}
+
+MethodKavetPrivate::~MethodKavetPrivate()
+{
+    if (QFileInfo::exists(Constants::currentPolicyFile))
+        syncPolicy(Constants::currentPolicyFile, true);
+
+    // A client that still runs is ended by the process object's destructor, whose signals must not reach members that
+    // are gone by then.
+    child.disconnect(this);
+}

@@ -1,0 +1,98 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "client/methodkavetprivate.h"
+
+#include "plugin/logging.h"
+#include "plugin/methodkavet.h"
+#include "settings/constants.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <pwd.h>
+
+namespace {
+
+bool firstStartFinished(const QString &homeDirectory)
+{
+    return QFileInfo::exists(homeDirectory + QDir::separator() + Constants::firstStartMarker);
+}
+
+} // namespace
+
+void MethodKavetPrivate::handleUserSessionStarted(uint uid, bool manageClient)
+{
+    if (!child.tryToParseManifest())
+        return;
+
+    if (!child.sharedDirectory.isEmpty())
+        watcher.addPath(child.sharedDirectory);
+    if (QFileInfo::exists(Constants::packagedPolicyFile))
+        syncPolicy(Constants::packagedPolicyFile, false);
+    if (QFileInfo::exists(Constants::currentPolicyFile)) {
+        watcher.addPath(Constants::currentPolicyFile);
+        syncPolicy(Constants::currentPolicyFile, true);
+    }
+    if (!manageClient)
+        return;
+
+    if (child.clientRunning) {
+        qCWarning(kavet) << __func__ << "Kavet client is already running, terminate...";
+        child.kill();
+    }
+
+    const struct passwd *entry = getpwuid(uid);
+    if (!entry) {
+        qCWarning(kavet) << "Cannot get name for" << uid;
+        return;
+    }
+    const QString homeDirectory = QString::fromLatin1(entry->pw_dir);
+    const QString userName = QString::fromLatin1(entry->pw_name);
+
+    if (firstStartFinished(homeDirectory)) {
+        if (q->getOptionInternal(uid, Constants::delayedDeletion).toBool())
+            removeUserDataInternal(uid, userName);
+        return;
+    }
+
+    qCWarning(kavet) << "Delaying child launch for" << uid;
+    child.uid = uid;
+    child.homeDirectory = homeDirectory;
+    watcher.addPath(homeDirectory);
+}
+
+void MethodKavetPrivate::handleUserSessionStopped(bool manageClient)
+{
+    if (!child.manifestExists)
+        return;
+
+    if (!child.userConfigPath.isEmpty())
+        watcher.removePath(child.userConfigPath);
+    if (!manageClient)
+        return;
+
+    if (!child.clientRunning)
+        qCWarning(kavet) << __func__ << "Kavet client is not launched";
+    if (child.state() == QProcess::NotRunning) {
+        qCWarning(kavet) << __func__ << "Kavet client is not running";
+        return;
+    }
+    child.terminate();
+}
+
+void MethodKavetPrivate::handleHomeDirectory(const QString &path)
+{
+    if (child.uid == 0) {
+        qCWarning(kavet) << __func__ << "unexpected home directory change" << path;
+        watcher.removePath(child.homeDirectory);
+        return;
+    }
+
+    if (!firstStartFinished(child.homeDirectory))
+        return;
+
+    // Launches for the user being authenticated; without one it fails, and the client is launched on demand later.
+    if (!launchChild())
+        qCWarning(kavet) << __func__ << "Couldn't start Kavet client";
+    watcher.removePath(child.homeDirectory);
+}

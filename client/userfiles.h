@@ -1,0 +1,67 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <QString>
+#include <QTemporaryDir>
+#include <QVariant>
+
+#include <sys/types.h>
+
+// Root's hands in a directory that belongs to a user, where every name is the user's to choose: a link, a FIFO or a
+// directory may stand where a file is expected, and that may change at any moment.
+
+/// A file pinned by a descriptor, so that all that is done is done to one and the same file, whatever its path leads to
+/// later. Only a regular file with one link, not reached through a link in the last path element, is touched.
+class PinnedFile
+{
+public:
+    /// Pins the file `path`. When there is none to be touched, everything below fails with errno telling why.
+    explicit PinnedFile(const QString &path);
+    ~PinnedFile();
+
+    /// Gives the file to `uid` and `gid`. Only a file of root's or of that user's own is given; any other is refused.
+    /// A file that is theirs already is not touched. False, with errno set, on failure.
+    bool changeOwner(uid_t uid, gid_t gid) const;
+    /// Reads the file into `content` with the rights of its owner and no more. False, with errno set, on failure, which
+    /// includes a file larger than settings can sensibly be (16 MiB).
+    bool read(QByteArray &content) const;
+    /// Replaces the file's content with the rights of its owner and no more. The file stays the same one, so that its
+    /// owner and whoever watches it stay. False, with errno set, on failure.
+    bool write(const QByteArray &content) const;
+
+private:
+    int openAsOwner(int flags) const;
+
+    int m_descriptor;
+    int m_error = 0;
+    uid_t m_owner = 0;
+    gid_t m_group = 0;
+
+    Q_DISABLE_COPY(PinnedFile)
+};
+
+/// Native-format settings in a user's file. An honest file reads and writes as with QSettings; one that PinnedFile
+/// refuses or its owner may not read is as good as empty, and is not written.
+class UserSettings
+{
+public:
+    explicit UserSettings(const QString &path);
+    /// Writes what setValue() has set.
+    ~UserSettings();
+
+    /// The value of `key`, or `defaultValue` when there is none.
+    QVariant value(const QString &key, const QVariant &defaultValue) const;
+    /// Sets `key`; the file is written when this object is destroyed.
+    void setValue(const QString &key, const QVariant &value);
+
+private:
+    const PinnedFile m_file;
+    // QSettings opens its file by name; here it gets a copy under a name that is not the user's to change.
+    const QTemporaryDir m_scratch;
+    const QString m_copy;
+    bool m_copied = false;
+    bool m_changed = false;
+
+    Q_DISABLE_COPY(UserSettings)
+};

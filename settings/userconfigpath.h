@@ -1,0 +1,12 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <QString>
+
+namespace Authd {
+
+/// Path of the file in which the daemon keeps the options of user `uid`.
+Q_DECL_EXPORT QString getUserConfigFilePath(unsigned int uid);
+
+} // namespace Authd

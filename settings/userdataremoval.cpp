@@ -1,0 +1,33 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "client/methodkavetprivate.h"
+
+#include "plugin/logging.h"
+#include "plugin/methodkavet.h"
+#include "settings/constants.h"
+
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+
+void MethodKavetPrivate::removeUserDataInternal(unsigned int uid, const QString &userName)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(Constants::wiperService, Constants::wiperObjectPath,
+                                                       Constants::wiperInterface, Constants::wiperMethod);
+    call.setArguments({userName});
+
+    auto *pending = new QDBusPendingCallWatcher(QDBusConnection::systemBus().asyncCall(call), this);
+    connect(
+        pending, &QDBusPendingCallWatcher::finished, pending,
+        [this, uid](QDBusPendingCallWatcher *finished) {
+            const QDBusPendingReply<> reply = *finished;
+            if (reply.isError()) {
+                qCWarning(kavet) << "Call" << Constants::wiperMethod << "to" << Constants::wiperService
+                                 << "failed:" << reply.error().message();
+            } else {
+                q->setOptionInternal(uid, Constants::delayedDeletion, false);
+            }
+            finished->deleteLater();
+        },
+        Qt::DirectConnection);
+}

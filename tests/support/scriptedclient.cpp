@@ -1,0 +1,237 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusServer>
+#include <QDBusVirtualObject>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QFileSystemWatcher>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcessEnvironment>
+
+#include <csignal>
+#include <cstdio>
+#include <functional>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// Stands in the place of the sandbox launcher: records what it was launched with, then plays the client as the script
+// says. The script is a JSON object, read at launch:
+//   "exit": N         end at once with exit code N
+//   "crash": true     end at once by a signal
+//   "stdout", "stderr": text to write first
+//   "socket": "now" (default), "never", or a path: serve as soon as that file exists
+//   "certs": [...]    the certificates that getCertList answers; left out: it answers an error
+//   "certsAnswer": one of the words below, for getCertList
+//   "ignoreTerm": true   do not end on SIGTERM
+// What it answers to checkPassword and validateCert is what the password or PIN says:
+//   "error"           an error reply
+//   "number"          a reply of another type
+//   "nothing"         a reply without arguments
+//   "many"            "success" and two more arguments
+//   "never"           no reply
+//   "late"            "success" once the file /tmp/scripted-client/answer exists
+//   "die"             ends without a reply
+//   "drop"            drops the link without a reply, lives on and serves again
+//   anything else     that text itself
+namespace {
+
+const QString stateDirectory = QStringLiteral("/tmp/scripted-client/");
+const QString socketPath = QStringLiteral("/run/aux-auth/tarsk/kavet_client/kavet.socket");
+
+// One write each, so that lines of several clients never mix.
+void record(const QString &journal, const QJsonDocument &entry)
+{
+    const int descriptor =
+        open(QFile::encodeName(stateDirectory + journal).constData(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    const QByteArray line = entry.toJson(QJsonDocument::Compact) + '\n';
+    if (descriptor == -1 || write(descriptor, line.constData(), size_t(line.size())) != line.size())
+        qFatal("Cannot record");
+    close(descriptor);
+}
+
+void recordLaunch(const QStringList &arguments)
+{
+    uid_t uids[3];
+    gid_t gids[3];
+    getresuid(&uids[0], &uids[1], &uids[2]);
+    getresgid(&gids[0], &gids[1], &gids[2]);
+    gid_t groups[64];
+    QJsonArray groupList;
+    for (int i = 0, count = getgroups(64, groups); i < count; ++i)
+        groupList << int(groups[i]);
+    const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    QJsonObject variables;
+    for (const QString &key : environment.keys())
+        variables.insert(key, environment.value(key));
+
+    record(QStringLiteral("launches"),
+           QJsonDocument(QJsonObject{{QStringLiteral("pid"), int(getpid())},
+                                     {QStringLiteral("arguments"), QJsonArray::fromStringList(arguments)},
+                                     {QStringLiteral("environment"), variables},
+                                     {QStringLiteral("directory"), QDir::currentPath()},
+                                     {QStringLiteral("uids"), QJsonArray{int(uids[0]), int(uids[1]), int(uids[2])}},
+                                     {QStringLiteral("gids"), QJsonArray{int(gids[0]), int(gids[1]), int(gids[2])}},
+                                     {QStringLiteral("groups"), groupList}}));
+}
+
+void whenExists(const QString &path, QObject *context, const std::function<void()> &action)
+{
+    if (QFileInfo::exists(path)) {
+        action();
+        return;
+    }
+    auto *watcher = new QFileSystemWatcher({QFileInfo(path).path()}, context);
+    const auto look = [watcher, path, action] {
+        if (QFileInfo::exists(path)) {
+            watcher->deleteLater();
+            watcher->disconnect();
+            action();
+        }
+    };
+    QObject::connect(watcher, &QFileSystemWatcher::directoryChanged, context, look);
+    look();
+}
+
+class Client : public QDBusVirtualObject
+{
+public:
+    explicit Client(const QJsonObject &script)
+        : m_script(script)
+    {
+    }
+
+    void serve()
+    {
+        delete m_server;
+        QFile::remove(socketPath);
+        // Made under another name first, so that the plugin never meets a socket that nobody listens on.
+        const QString temporary = socketPath + QStringLiteral(".new");
+        QFile::remove(temporary);
+        m_server = new QDBusServer(QStringLiteral("unix:path=") + temporary, this);
+        if (!m_server->isConnected())
+            qFatal("Cannot serve: %s", qPrintable(m_server->lastError().message()));
+        connect(m_server, &QDBusServer::newConnection, this, [this](const QDBusConnection &connection) {
+            m_peers << connection.name();
+            QDBusConnection peer(connection);
+            peer.registerVirtualObject(QStringLiteral("/kavetauth"), this);
+        });
+        if (!QFile::rename(temporary, socketPath))
+            qFatal("Cannot put the socket into its place");
+    }
+
+    QString introspect(const QString &) const override
+    {
+        return QStringLiteral("<interface name=\"tarsk.kavet_auth\">"
+                              "<method name=\"checkPassword\"><arg direction=\"in\" type=\"s\"/>"
+                              "<arg direction=\"in\" type=\"s\"/><arg direction=\"out\" type=\"s\"/></method>"
+                              "<method name=\"validateCert\"><arg direction=\"in\" type=\"s\"/>"
+                              "<arg direction=\"in\" type=\"s\"/><arg direction=\"in\" type=\"s\"/>"
+                              "<arg direction=\"out\" type=\"s\"/></method>"
+                              "<method name=\"getCertList\"><arg direction=\"out\" type=\"as\"/></method>"
+                              "</interface>");
+    }
+
+    bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override
+    {
+        if (message.interface() != QLatin1String("tarsk.kavet_auth"))
+            return false;
+        QJsonArray call{message.member()};
+        for (const QVariant &argument : message.arguments())
+            call << argument.toString();
+        record(QStringLiteral("calls"), QJsonDocument(call));
+
+        if (message.member() != QLatin1String("getCertList"))
+            return answer(message.arguments().constLast().toString(), QStringLiteral("success"), message, connection);
+        if (m_script.contains(QLatin1String("certsAnswer")))
+            return answer(m_script.value(QLatin1String("certsAnswer")).toString(), certs(), message, connection);
+        return m_script.contains(QLatin1String("certs")) ? connection.send(message.createReply(certs()))
+                                                         : answer(QStringLiteral("error"), {}, message, connection);
+    }
+
+private:
+    bool answer(const QString &word, const QVariant &success, const QDBusMessage &message, QDBusConnection connection)
+    {
+        if (word == QLatin1String("error"))
+            return connection.send(message.createErrorReply(QStringLiteral("tarsk.Error"), QStringLiteral("No luck")));
+        if (word == QLatin1String("number"))
+            return connection.send(message.createReply(42));
+        if (word == QLatin1String("nothing"))
+            return connection.send(message.createReply());
+        if (word == QLatin1String("many"))
+            return connection.send(message.createReply({success, QStringLiteral("lock"), 7}));
+        if (word == QLatin1String("never"))
+            return true;
+        if (word == QLatin1String("late")) {
+            whenExists(stateDirectory + QStringLiteral("answer"), this,
+                       [message, success, connection]() mutable { connection.send(message.createReply(success)); });
+            return true;
+        }
+        if (word == QLatin1String("die"))
+            _exit(0);
+        if (word == QLatin1String("drop")) {
+            QMetaObject::invokeMethod(
+                this,
+                [this] {
+                    for (const QString &peer : qAsConst(m_peers))
+                        QDBusConnection::disconnectFromPeer(peer);
+                    m_peers.clear();
+                },
+                Qt::QueuedConnection);
+            return true;
+        }
+        return connection.send(message.createReply(word));
+    }
+
+    QVariant certs() const
+    {
+        QStringList list;
+        for (const QJsonValue &cert : m_script.value(QLatin1String("certs")).toArray())
+            list << cert.toString();
+        return list;
+    }
+
+    const QJsonObject m_script;
+    QDBusServer *m_server = nullptr;
+    QStringList m_peers;
+};
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+    const QStringList arguments = QCoreApplication::arguments();
+    recordLaunch(arguments.mid(1));
+
+    QFile file(stateDirectory + QStringLiteral("script.json"));
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("No script");
+    const QJsonObject script = QJsonDocument::fromJson(file.readAll()).object();
+
+    std::fputs(qUtf8Printable(script.value(QLatin1String("stdout")).toString()), stdout);
+    std::fflush(stdout);
+    std::fputs(qUtf8Printable(script.value(QLatin1String("stderr")).toString()), stderr);
+    if (script.contains(QLatin1String("exit")))
+        return script.value(QLatin1String("exit")).toInt();
+    if (script.value(QLatin1String("crash")).toBool())
+        abort();
+    if (script.value(QLatin1String("ignoreTerm")).toBool())
+        signal(SIGTERM, SIG_IGN);
+
+    Client client(script);
+    const QString socket = script.value(QLatin1String("socket")).toString(QStringLiteral("now"));
+    if (socket == QLatin1String("now"))
+        client.serve();
+    else if (socket != QLatin1String("never"))
+        whenExists(socket, &client, [&client] { client.serve(); });
+    return QCoreApplication::exec();
+}

@@ -1,0 +1,166 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "support/testdevice.h"
+
+#include <authd/libauthd.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QThread>
+
+#include <csignal>
+
+#include <grp.h>
+#include <linux/magic.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+namespace {
+
+const QString stateDirectory = QStringLiteral("/tmp/scripted-client");
+const QString scriptFile = stateDirectory + QStringLiteral("/script.json");
+const QString launchesFile = stateDirectory + QStringLiteral("/launches");
+const QString callsFile = stateDirectory + QStringLiteral("/calls");
+
+QVector<QJsonDocument> journal(const QString &path)
+{
+    QVector<QJsonDocument> entries;
+    const QList<QByteArray> lines = TestDevice::readFile(path).split('\n');
+    for (const QByteArray &line : lines) {
+        if (!line.isEmpty())
+            entries << QJsonDocument::fromJson(line);
+    }
+    return entries;
+}
+
+} // namespace
+
+bool TestDevice::isDevice()
+{
+    // The root of the device is an overlay, and only in the device the adapter has taken the launcher's name.
+    struct statfs root = {};
+    return statfs("/", &root) == 0 && root.f_type == OVERLAYFS_SUPER_MAGIC
+           && QFileInfo::exists(QStringLiteral("/usr/bin/firejail.stock"))
+           && LibAuthd::userName(alice) == QLatin1String("alice");
+}
+
+void TestDevice::reset()
+{
+    if (!isDevice())
+        qFatal("This test changes the system it runs on. Run it in the disposable device: device/enter %s",
+               qPrintable(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath()));
+
+    const QVector<QJsonObject> running = launches();
+    for (const QJsonObject &launch : running) {
+        const pid_t pid = launch.value(QLatin1String("pid")).toInt();
+        const QString program = QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget();
+        if (program == launcher || program.startsWith(launcher + QLatin1Char(' ')))
+            kill(pid, SIGKILL);
+    }
+
+    for (const QString &directory :
+         {QStringLiteral("/run/aux-auth"), QStringLiteral("/srv/shared"), QStringLiteral("/var/lib/authd"),
+          QStringLiteral("/var/lib/varnet"), QStringLiteral("/etc/varnet/permissions"),
+          QStringLiteral("/usr/share/tarsk.kavet_client"), stateDirectory}) {
+        const QFileInfo info(directory);
+        if (info.isSymLink() || (info.exists() && !info.isDir()))
+            QFile::remove(directory);
+        QDir(directory).removeRecursively();
+    }
+    QDir().mkpath(QStringLiteral("/srv/shared"));
+    QDir().mkpath(QStringLiteral("/var/lib/authd"));
+    QDir(manifest).removeRecursively();
+    QFile::remove(manifest);
+    writeManifest(QStringLiteral("tarsk"), QStringLiteral("kavet_client"),
+                  QStringLiteral("/usr/bin/tarsk.kavet_client"), {});
+
+    for (const char *user : {"alice", "bob", "carol"}) {
+        const QString marker = QStringLiteral("/home/%1/.qarv-startupwizard-usersession-done").arg(QLatin1String(user));
+        QFile::remove(marker);
+        if (qstrcmp(user, "carol") != 0)
+            writeFile(marker, {});
+    }
+
+    // World-writable, since the client runs as the user.
+    QDir().mkpath(stateDirectory);
+    chmod(QFile::encodeName(stateDirectory).constData(), 01777);
+    for (const QString &file : {launchesFile, callsFile}) {
+        writeFile(file, {});
+        chmod(QFile::encodeName(file).constData(), 0666);
+    }
+    setScript({});
+    QFile::remove(launcher);
+    QFile::copy(QStringLiteral(SCRIPTED_CLIENT), launcher);
+    chmod(QFile::encodeName(launcher).constData(), 0755);
+}
+
+bool TestDevice::writeFile(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.flush();
+}
+
+QByteArray TestDevice::readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool TestDevice::setOwner(const QString &path, uint uid, uint gid)
+{
+    return lchown(QFile::encodeName(path).constData(), uid, gid) == 0;
+}
+
+bool TestDevice::writeManifest(const QString &organization, const QString &application, const QString &command,
+                               const QStringList &permissions)
+{
+    QString content = QStringLiteral("[X-Application]\n");
+    if (!organization.isNull())
+        content += QStringLiteral("OrganizationName=%1\n").arg(organization);
+    if (!application.isNull())
+        content += QStringLiteral("ApplicationName=%1\n").arg(application);
+    if (!command.isNull())
+        content += QStringLiteral("ExecCmd=%1\n").arg(command);
+    if (!permissions.isEmpty())
+        content += QStringLiteral("Permissions=%1;\n").arg(permissions.join(QLatin1Char(';')));
+    return writeFile(manifest, content.toUtf8());
+}
+
+bool TestDevice::writeSetting(const QString &path, const QString &key, const QString &value)
+{
+    return writeFile(path, QStringLiteral("[General]\n%1=%2\n").arg(key, value).toUtf8());
+}
+
+uint TestDevice::groupId(const char *name)
+{
+    const struct group *entry = getgrnam(name);
+    return entry ? entry->gr_gid : 0;
+}
+
+void TestDevice::setScript(const QJsonObject &script)
+{
+    writeFile(scriptFile, QJsonDocument(script).toJson());
+}
+
+QVector<QJsonObject> TestDevice::launches()
+{
+    QVector<QJsonObject> launches;
+    const QVector<QJsonDocument> entries = journal(launchesFile);
+    for (const QJsonDocument &entry : entries)
+        launches << entry.object();
+    return launches;
+}
+
+QVector<QJsonArray> TestDevice::calls()
+{
+    QVector<QJsonArray> calls;
+    const QVector<QJsonDocument> entries = journal(callsFile);
+    for (const QJsonDocument &entry : entries)
+        calls << entry.array();
+    return calls;
+}

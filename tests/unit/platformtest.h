@@ -1,0 +1,109 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QString>
+#include <QStringList>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+/// What the tests of the platform's libraries have in common.
+namespace PlatformTest {
+
+/// Ends the program outside the disposable device: the tests remove what they find on the real paths.
+inline void requireDevice()
+{
+    if (!qEnvironmentVariableIsSet("KAVET_DEVICE"))
+        qFatal("This test changes the system it runs on. Run it in the disposable device: device/enter %s",
+               qPrintable(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath()));
+}
+
+/// Removes whatever is at `path`, a directory with all in it.
+inline void removeAll(const QString &path)
+{
+    if (QFileInfo(path).isDir() && !QFileInfo(path).isSymLink())
+        QDir(path).removeRecursively();
+    else
+        QFile::remove(path);
+}
+
+inline bool writeFile(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.flush();
+}
+
+inline QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/// The mode bits of `path` itself, not of what it links to; -1 when there is nothing.
+inline int mode(const QString &path)
+{
+    struct stat status;
+    return lstat(QFile::encodeName(path).constData(), &status) == 0 ? int(status.st_mode & 07777) : -1;
+}
+
+/// Runs `work` in a forked child and returns its result, 0 to 255; -1 when the child died.
+template <typename Work>
+int inChild(Work work)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(work());
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status))
+        return -1;
+    return WEXITSTATUS(status);
+}
+
+/// Collects the lines of the category "authd.platform" while the object lives; one at a time. None reaches standard
+/// error.
+class PlatformLog
+{
+public:
+    PlatformLog()
+    {
+        current() = this;
+        m_previous = qInstallMessageHandler(handle);
+    }
+    ~PlatformLog()
+    {
+        qInstallMessageHandler(m_previous);
+        current() = nullptr;
+    }
+
+    /// The warnings so far; lines of another level are marked with it.
+    QStringList lines() const { return m_lines; }
+    QString text() const { return m_lines.join(QLatin1Char('\n')); }
+    void clear() { m_lines.clear(); }
+
+private:
+    Q_DISABLE_COPY(PlatformLog)
+
+    static PlatformLog *&current()
+    {
+        static PlatformLog *log = nullptr;
+        return log;
+    }
+
+    static void handle(QtMsgType level, const QMessageLogContext &context, const QString &text)
+    {
+        if (qstrcmp(context.category, "authd.platform") != 0)
+            return current()->m_previous(level, context, text);
+        current()->m_lines << (level == QtWarningMsg ? text : QStringLiteral("level %1: %2").arg(level).arg(text));
+    }
+
+    QtMessageHandler m_previous = nullptr;
+    QStringList m_lines;
+};
+
+} // namespace PlatformTest
