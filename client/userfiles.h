@@ -2,8 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <QByteArray>
 #include <QString>
-#include <QTemporaryDir>
 #include <QVariant>
 
 #include <sys/types.h>
@@ -41,8 +41,9 @@ private:
     Q_DISABLE_COPY(PinnedFile)
 };
 
-/// Native-format settings in a user's file. An honest file reads and writes as with QSettings; one that PinnedFile
-/// refuses or its owner may not read is as good as empty, and is not written.
+/// The keys outside of any group in a user's file of native-format settings. An honest file reads and writes as with
+/// QSettings; one that PinnedFile refuses or its owner may not read is as good as empty, and is not written. Only the
+/// line of the key that is asked for is ever interpreted or replaced, whatever else stands in the file.
 class UserSettings
 {
 public:
@@ -50,17 +51,15 @@ public:
     /// Writes what setValue() has set.
     ~UserSettings();
 
-    /// The value of `key`, or `defaultValue` when there is none.
+    /// The value of `key`; `defaultValue` when there is none, or one that is no plain text or list of texts.
     QVariant value(const QString &key, const QVariant &defaultValue) const;
     /// Sets `key`; the file is written when this object is destroyed.
     void setValue(const QString &key, const QVariant &value);
 
 private:
     const PinnedFile m_file;
-    // QSettings opens its file by name; here it gets a copy under a name that is not the user's to change.
-    const QTemporaryDir m_scratch;
-    const QString m_copy;
-    bool m_copied = false;
+    QByteArray m_content;
+    const bool m_readable;
     bool m_changed = false;
 
     Q_DISABLE_COPY(UserSettings)
