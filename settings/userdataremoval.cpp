@@ -16,7 +16,10 @@ void MethodKavetPrivate::removeUserDataInternal(unsigned int uid, const QString 
                                                        Constants::wiperInterface, Constants::wiperMethod);
     call.setArguments({userName});
 
-    auto *pending = new QDBusPendingCallWatcher(QDBusConnection::systemBus().asyncCall(call), this);
+    const QDBusConnection bus = QDBusConnection::systemBus();
+    // Without a bus the library makes a call that never finishes.
+    auto *pending = new QDBusPendingCallWatcher(
+        bus.isConnected() ? bus.asyncCall(call) : QDBusPendingCall::fromError(bus.lastError()), this);
     connect(
         pending, &QDBusPendingCallWatcher::finished, pending,
         [this, uid](QDBusPendingCallWatcher *finished) {
