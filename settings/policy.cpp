@@ -15,10 +15,12 @@ void MethodKavetPrivate::syncPolicy(const QString &path, bool force)
     if (!force && QFileInfo::exists(marker))
         return;
 
+    QVariant value = 0;
     // The current policy lies where the user may put anything in its place; any other is the system's own.
-    const QVariant value = path == Constants::currentPolicyFile
-                               ? UserSettings(path).value(Constants::maxAttempts, 0)
-                               : QSettings(path, QSettings::NativeFormat).value(Constants::maxAttempts, 0);
+    if (path == Constants::currentPolicyFile)
+        value = UserSettings(path).value(Constants::maxAttempts, value);
+    else if (QFileInfo(path).isFile()) // Opening a FIFO would wait for its other end.
+        value = QSettings(path, QSettings::NativeFormat).value(Constants::maxAttempts, value);
     if (value.isValid())
         q->setOptionInternal(0, Constants::maxAttempts, value);
 }
