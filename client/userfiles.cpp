@@ -160,6 +160,8 @@ bool PinnedFile::read(QByteArray &content) const
         return false;
     file.open(descriptor, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle);
     content = file.read(maximumSize + 1);
+    if (file.error() != QFileDevice::NoError)
+        return fail(EIO);
     return content.size() <= maximumSize || fail(EFBIG);
 }
 
@@ -184,7 +186,9 @@ int PinnedFile::openAsOwner(int flags) const
         errno = EPERM;
         return -1;
     }
-    return ::open(QByteArray("/proc/self/fd/" + QByteArray::number(m_descriptor)).constData(), flags | O_CLOEXEC);
+    // The owner may hold a lease on the file, which would keep an opening that waits waiting.
+    return ::open(QByteArray("/proc/self/fd/" + QByteArray::number(m_descriptor)).constData(),
+                  flags | O_NONBLOCK | O_CLOEXEC);
 }
 
 UserSettings::UserSettings(const QString &path)
