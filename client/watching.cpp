@@ -52,16 +52,23 @@ bool MethodKavetPrivate::handleChildSocket(const QString &path)
 void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
 {
     Q_UNUSED(path)
+    // A file that has been replaced counts as watched until the watcher has told of the old one's end, which may come
+    // after the directory's change; so it is given up first.
+    const auto watchAgain = [this](const QString &file) {
+        watcher.removePath(file);
+        watcher.addPath(file);
+    };
+
     if (child.uid != 0 && !child.userConfigPath.isEmpty() && QFileInfo::exists(child.userConfigPath)) {
         if (!PinnedFile(child.userConfigPath).changeOwner(child.uid, child.gid)) {
             qCWarning(kavet) << "Failed to change owner for" << child.userConfigPath << "to" << child.uid << child.gid;
         }
-        watcher.addPath(child.userConfigPath);
+        watchAgain(child.userConfigPath);
         q->setOptionInternal(child.uid, Constants::attempts, getChildAttempts());
     }
 
     if (QFileInfo::exists(Constants::currentPolicyFile)) {
-        watcher.addPath(Constants::currentPolicyFile);
+        watchAgain(Constants::currentPolicyFile);
         syncPolicy(Constants::currentPolicyFile, true);
     }
 }
