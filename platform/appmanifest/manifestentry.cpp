@@ -19,15 +19,18 @@ constexpr std::size_t LargestFile = 1024 * 1024;
 
 std::string text(GKeyFile *file, const char *key)
 {
-    g_autofree char *value = g_key_file_get_string(file, GroupName, key, nullptr);
-    return value ? value : std::string();
+    // A value with an unknown escape is returned besides the error.
+    g_autoptr(GError) error = nullptr;
+    g_autofree char *value = g_key_file_get_string(file, GroupName, key, &error);
+    return value && !error ? value : std::string();
 }
 
 std::vector<std::string> list(GKeyFile *file, const char *key)
 {
-    g_auto(GStrv) values = g_key_file_get_string_list(file, GroupName, key, nullptr, nullptr);
+    g_autoptr(GError) error = nullptr;
+    g_auto(GStrv) values = g_key_file_get_string_list(file, GroupName, key, nullptr, &error);
     std::vector<std::string> result;
-    for (char **value = values; value && *value; ++value)
+    for (char **value = values; !error && value && *value; ++value)
         result.emplace_back(*value);
     return result;
 }

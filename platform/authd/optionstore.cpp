@@ -52,8 +52,8 @@ QString fromUtf8(const char *utf8)
     return QString(reinterpret_cast<const QChar *>(utf16), static_cast<int>(size));
 }
 
-/// The value in the store's form, a floating reference; null when the store has no form for it.
-GVariant *toStored(const QVariant &value)
+/// The value as a floating reference; null when there is no form for it.
+GVariant *toGVariant(const QVariant &value)
 {
     switch (value.userType()) {
     case QMetaType::Bool:
@@ -93,7 +93,22 @@ GVariant *toStored(const QVariant &value)
     }
 }
 
-/// The value of a text in the store's form; an invalid variant when it is none of those that toStored() makes.
+/// The value in the store's form; absent when it has none from which the same value would come back.
+std::optional<std::string> toStored(const QVariant &value)
+{
+    GVariant *variant = toGVariant(value);
+    if (!variant)
+        return std::nullopt;
+    g_autoptr(GVariant) owned = g_variant_ref_sink(variant);
+    g_autofree char *text = g_variant_print(owned, TRUE);
+    // The parser takes no subnormal number.
+    g_autoptr(GVariant) back = g_variant_parse(nullptr, text, nullptr, nullptr, nullptr);
+    if (!back || !g_variant_equal(owned, back))
+        return std::nullopt;
+    return text;
+}
+
+/// The value of a text in the store's form; an invalid variant when it is none of those that toStored() takes.
 QVariant fromStored(const char *text)
 {
     g_autoptr(GVariant) value = g_variant_parse(nullptr, text, nullptr, nullptr, nullptr);
@@ -349,18 +364,16 @@ bool OptionStore::write(uint uid, const QString &option, const QVariant &value) 
 {
     if (!isLegal(option))
         return false;
-    g_autoptr(GVariant) stored = toStored(value);
+    const std::optional<std::string> stored = toStored(value);
     if (!stored) {
         qCWarning(authdPlatform) << "Cannot store the value of option" << m_method << uid << option << value.typeName();
         return false;
     }
-    g_variant_ref_sink(stored);
-    g_autofree char *text = g_variant_print(stored, TRUE);
 
     const StoreFile file(path(uid), StoreFile::MakeDirectory);
     if (!file.isUsable())
         return false;
-    g_key_file_set_value(file.keys(), toUtf8(m_method)->c_str(), toUtf8(option)->c_str(), text);
+    g_key_file_set_value(file.keys(), toUtf8(m_method)->c_str(), toUtf8(option)->c_str(), stored->c_str());
     return file.save();
 }
 

@@ -28,8 +28,10 @@ bool isDeviceActive()
     g_autoptr(GKeyFile) file = g_key_file_new();
     if (!g_key_file_load_from_data(file, content->data(), content->size(), G_KEY_FILE_NONE, nullptr))
         return false;
-    g_autofree char *device = g_key_file_get_string(file, GroupName, DeviceKey, nullptr);
-    if (!device || !*device)
+    // A value with an unknown escape is returned besides the error.
+    g_autoptr(GError) error = nullptr;
+    g_autofree char *device = g_key_file_get_string(file, GroupName, DeviceKey, &error);
+    if (error || !device || !*device)
         return false;
 
     // The library prints to the standard streams of the process unless it is given somewhere else to write to.

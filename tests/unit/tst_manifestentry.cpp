@@ -115,7 +115,8 @@ void TestManifestEntry::permissions_data()
     QTest::newRow("empty names") << QByteArray(";a;;b;") << list({"", "a", "", "b"});
     QTest::newRow("escaped separator") << QByteArray("a\\;b;c") << list({"a;b", "c"});
     QTest::newRow("unknown escape") << QByteArray("a\\qb;c") << QStringList();
-    QTest::newRow("many") << QByteArray("p;").repeated(5000) << QString("p;").repeated(5000).split(';').mid(0, 5000);
+    QTest::newRow("many") << QByteArray("p;").repeated(5000)
+                          << QStringList(QVector<QString>(5000, QStringLiteral("p")).toList());
 }
 
 void TestManifestEntry::permissions()
@@ -141,7 +142,9 @@ void TestManifestEntry::absent_data()
     QTest::newRow("latin-1") << QByteArray("[X-Application]\nApplicationName=caf\xe9\n");
     QTest::newRow("latin-1 elsewhere") << QByteArray("# caf\xe9\n[X-Application]\nApplicationName=a\n");
     QTest::newRow("zero byte") << QByteArray("[X-Application]\nApplicationName=a\0b\n", 37);
-    QTest::newRow("binary") << QByteArray("\x7f" "ELF\x02\x01\x01\0\0\0", 10);
+    QTest::newRow("binary") << QByteArray("\x7f"
+                                          "ELF\x02\x01\x01\0\0\0",
+                                          10);
     QByteArray noise(10 * 1024 * 1024, '\0');
     for (int i = 0; i < noise.size(); ++i)
         noise[i] = char((i * 2654435761u) >> 13);

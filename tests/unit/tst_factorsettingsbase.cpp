@@ -1,0 +1,486 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "platformtest.h"
+
+#include <authd/authservice.h>
+#include <authd/factorsettingsbase.h>
+#include <authd/vocabulary.h>
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusContext>
+#include <QDBusMessage>
+#include <QDBusVariant>
+#include <QMutex>
+#include <QProcess>
+#include <QTest>
+#include <QThread>
+
+#include <memory>
+
+namespace AuthService = LibAuthd::AuthService;
+namespace Vocabulary = LibAuthd::Vocabulary;
+using PlatformTest::PlatformLog;
+
+namespace {
+
+const QString activationFile = QStringLiteral("/usr/share/dbus-1/system-services/qarv.AuthService.service");
+const QString activationMark = QStringLiteral("/tmp/tst_factorsettingsbase-activated");
+constexpr uint alice = 1000;
+
+QString own()
+{
+    return QStringLiteral("kavet");
+}
+
+/// The settings of a method's screen, recording what they are told.
+class Settings : public FactorSettingsBase
+{
+public:
+    explicit Settings(const QString &name = own())
+        : FactorSettingsBase(nullptr, name)
+    {
+    }
+    void handleOptionChanged(uint uid, const QString &option, const QVariant &value) override
+    {
+        changes << QVariantList{uid, option, value};
+    }
+    QVector<QVariantList> changes;
+};
+
+/// Stands in for the daemon on the bus: answers as it is told to and records what it is asked.
+class FakeService : public QObject, protected QDBusContext
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "qarv.AuthService")
+
+public:
+    enum Answer { Value, Error, NoValue, PlainValue, TwoValues, Silence };
+
+    void prepare(Answer answer, const QVariant &value = QVariant())
+    {
+        const QMutexLocker locker(&m_mutex);
+        m_answer = answer;
+        m_value = value;
+        m_asked.clear();
+    }
+    QVector<QVariantList> asked() const
+    {
+        const QMutexLocker locker(&m_mutex);
+        return m_asked;
+    }
+
+public Q_SLOTS:
+    QDBusVariant GetMethodOption(const QString &method, const QString &option) { return answer({method, option}); }
+    QDBusVariant GetUserMethodOption(uint uid, const QString &method, const QString &option)
+    {
+        return answer({uid, method, option});
+    }
+
+private:
+    QDBusVariant answer(const QVariantList &asked)
+    {
+        const QMutexLocker locker(&m_mutex);
+        m_asked << asked;
+        const QVariant wrapped = QVariant::fromValue(QDBusVariant(m_value));
+        switch (m_answer) {
+        case Value:
+            break;
+        case Error:
+            sendErrorReply(QStringLiteral("qarv.AuthService.Error.NoSuchOption"), QStringLiteral("No such option"));
+            break;
+        case NoValue:
+            reply({});
+            break;
+        case PlainValue:
+            reply({m_value});
+            break;
+        case TwoValues:
+            reply({wrapped, wrapped});
+            break;
+        case Silence:
+            setDelayedReply(true);
+            break;
+        }
+        return QDBusVariant(m_value.isValid() ? m_value : QVariant(0));
+    }
+    void reply(const QVariantList &values)
+    {
+        setDelayedReply(true);
+        connection().send(message().createReply(values));
+    }
+
+    mutable QMutex m_mutex;
+    Answer m_answer = Value;
+    QVariant m_value;
+    QVector<QVariantList> m_asked;
+};
+
+/// A fake service on the bus, in a thread and on a connection of its own, since a caller's thread waits for it.
+class RunningService
+{
+public:
+    RunningService()
+        : m_connection(QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("fake service")))
+    {
+        service.moveToThread(&m_thread);
+        m_thread.start();
+        isRunning = m_connection.registerObject(AuthService::ObjectPath, &service, QDBusConnection::ExportAllSlots)
+                    && m_connection.registerService(AuthService::Service);
+    }
+    ~RunningService()
+    {
+        m_connection.unregisterService(AuthService::Service);
+        m_connection.unregisterObject(AuthService::ObjectPath);
+        m_thread.quit();
+        m_thread.wait();
+        QDBusConnection::disconnectFromBus(m_connection.name());
+    }
+
+    void tell(const QString &signal, const QVariantList &arguments, const QString &path = AuthService::ObjectPath,
+              const QString &interface = AuthService::Interface)
+    {
+        QDBusMessage message = QDBusMessage::createSignal(path, interface, signal);
+        message.setArguments(arguments);
+        m_connection.send(message);
+    }
+
+    FakeService service;
+    bool isRunning = false;
+
+private:
+    Q_DISABLE_COPY(RunningService)
+    QThread m_thread;
+    QDBusConnection m_connection;
+};
+
+QVariant wrapped(const QVariant &value)
+{
+    return QVariant::fromValue(QDBusVariant(value));
+}
+
+/// What a screen sees on a device without a system bus; the exit code of the program that tries.
+int tryWithoutBus()
+{
+    Settings settings;
+    if (settings.getOption(0, QStringLiteral("certs")).isValid())
+        return 1;
+    if (settings.getOption(alice, QStringLiteral("attempts")).isValid())
+        return 2;
+    QCoreApplication::processEvents();
+    return settings.changes.isEmpty() ? 0 : 3;
+}
+
+} // namespace
+
+class TestFactorSettingsBase : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void names();
+    void values_data();
+    void values();
+    void asksForWhat();
+    void noService();
+    void failures_data();
+    void failures();
+    void silence();
+    void compound();
+    void changes();
+    void ignoredChanges();
+    void otherMethod();
+    void serviceComesAndGoes();
+    void deletedBeforeChange();
+    void base();
+    void busDies();
+
+private:
+    QProcess m_bus;
+};
+
+void TestFactorSettingsBase::initTestCase()
+{
+    PlatformTest::requireDevice();
+
+    QProcess program;
+    program.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--without-bus")});
+    QVERIFY(program.waitForFinished());
+    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(program.exitCode(), 0);
+
+    // The bus could start the service on demand, so that a call that asks for it would be seen.
+    QVERIFY(
+        PlatformTest::writeFile(activationFile, "[D-BUS Service]\nName=qarv.AuthService\nUser=root\nExec=/bin/touch "
+                                                    + QFile::encodeName(activationMark) + "\n"));
+    m_bus.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    m_bus.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--system"), QStringLiteral("--nofork"),
+                                                QStringLiteral("--nopidfile"), QStringLiteral("--print-address")});
+    QVERIFY2(m_bus.waitForReadyRead(), qPrintable(m_bus.errorString()));
+    QVERIFY2(QDBusConnection::systemBus().isConnected(),
+             qPrintable(QDBusConnection::systemBus().lastError().message()));
+    QVERIFY(QDBusConnection::systemBus().interface()->activatableServiceNames().value().contains(AuthService::Service));
+}
+
+void TestFactorSettingsBase::names()
+{
+    QCOMPARE(AuthService::Service, QLatin1String("qarv.AuthService"));
+    QCOMPARE(AuthService::ObjectPath, QLatin1String("/qarv/AuthService"));
+    QCOMPARE(AuthService::Interface, QLatin1String("qarv.AuthService"));
+}
+
+void TestFactorSettingsBase::values_data()
+{
+    QTest::addColumn<QVariant>("value");
+    const auto row = [](const char *name, const QVariant &value) {
+        QTest::newRow(name) << value;
+    };
+    row("bool", true);
+    row("int", -5);
+    row("uint", 4294967295U);
+    row("int64", qlonglong(-5000000000));
+    row("uint64", qulonglong(18446744073709551615U));
+    row("double", 0.5);
+    row("text", QString::fromUtf8("ключ"));
+    row("empty text", QString(QLatin1String("")));
+    row("list", QStringList{QStringLiteral("a"), QString::fromUtf8("ключ")});
+    row("empty list", QStringList());
+    row("bytes", QByteArray("a\0b", 3));
+}
+
+void TestFactorSettingsBase::values()
+{
+    QFETCH(QVariant, value);
+    RunningService running;
+    QVERIFY(running.isRunning);
+    running.service.prepare(FakeService::Value, value);
+    const Settings settings;
+    const PlatformLog log;
+    for (const uint uid : {0U, alice}) {
+        const QVariant answer = settings.getOption(uid, QStringLiteral("any"));
+        QCOMPARE(answer.userType(), value.userType());
+        QCOMPARE(answer, value);
+    }
+    running.service.prepare(FakeService::Value, wrapped(value));
+    QCOMPARE(settings.getOption(0, QStringLiteral("any")), value);
+    QCOMPARE(log.lines(), QStringList());
+}
+
+void TestFactorSettingsBase::asksForWhat()
+{
+    RunningService running;
+    QVERIFY(running.isRunning);
+    running.service.prepare(FakeService::Value, 1);
+    const Settings settings;
+    settings.getOption(0, QStringLiteral("certs"));
+    settings.getOption(alice, QStringLiteral("attempts"));
+    settings.getOption(4294967295U, QStringLiteral("attempts"));
+    QCOMPARE(running.service.asked(), (QVector<QVariantList>{{own(), QStringLiteral("certs")},
+                                                             {alice, own(), QStringLiteral("attempts")},
+                                                             {4294967295U, own(), QStringLiteral("attempts")}}));
+}
+
+void TestFactorSettingsBase::noService()
+{
+    const Settings settings;
+    const PlatformLog log;
+    QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
+    QVERIFY(!settings.getOption(alice, QStringLiteral("attempts")).isValid());
+    QCOMPARE(log.lines(), (QStringList{QStringLiteral("getOption \"kavet\" 0 \"certs\" "
+                                                      "\"org.freedesktop.DBus.Error.NameHasNoOwner\""),
+                                       QStringLiteral("getOption \"kavet\" 1000 \"attempts\" "
+                                                      "\"org.freedesktop.DBus.Error.NameHasNoOwner\"")}));
+    QVERIFY(!QFile::exists(activationMark));
+}
+
+void TestFactorSettingsBase::failures_data()
+{
+    QTest::addColumn<int>("answer");
+    QTest::addColumn<QString>("line");
+    const QString line = QStringLiteral("getOption \"kavet\" 1000 \"attempts\" ");
+    QTest::newRow("error") << int(FakeService::Error)
+                           << line + QStringLiteral("\"qarv.AuthService.Error.NoSuchOption\"");
+    QTest::newRow("no value") << int(FakeService::NoValue) << line + QStringLiteral("Unexpected answer \"\"");
+    QTest::newRow("plain value") << int(FakeService::PlainValue) << line + QStringLiteral("Unexpected answer \"i\"");
+    QTest::newRow("two values") << int(FakeService::TwoValues) << line + QStringLiteral("Unexpected answer \"vv\"");
+}
+
+void TestFactorSettingsBase::failures()
+{
+    QFETCH(int, answer);
+    QFETCH(QString, line);
+    RunningService running;
+    QVERIFY(running.isRunning);
+    running.service.prepare(FakeService::Answer(answer), 5);
+    const Settings settings;
+    const PlatformLog log;
+    QVERIFY(!settings.getOption(alice, QStringLiteral("attempts")).isValid());
+    QCOMPARE(log.lines(), QStringList{line});
+    // The next question is answered again.
+    running.service.prepare(FakeService::Value, 5);
+    QCOMPARE(settings.getOption(alice, QStringLiteral("attempts")), QVariant(5));
+}
+
+void TestFactorSettingsBase::silence()
+{
+    RunningService running;
+    QVERIFY(running.isRunning);
+    running.service.prepare(FakeService::Silence);
+    const Settings settings;
+    const PlatformLog log;
+    QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
+    QCOMPARE(log.lines(),
+             QStringList{QStringLiteral("getOption \"kavet\" 0 \"certs\" \"org.freedesktop.DBus.Error.NoReply\"")});
+}
+
+void TestFactorSettingsBase::compound()
+{
+    RunningService running;
+    QVERIFY(running.isRunning);
+    Settings settings;
+    const QVariantMap map = {{QStringLiteral("a"), 1}};
+    running.service.prepare(FakeService::Value, map);
+    QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
+    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(map)});
+    QTRY_COMPARE(settings.changes.size(), 1);
+    QCOMPARE(settings.changes.constFirst(), (QVariantList{0U, QStringLiteral("certs"), QVariant()}));
+}
+
+void TestFactorSettingsBase::changes()
+{
+    RunningService running;
+    QVERIFY(running.isRunning);
+    Settings settings;
+    const QStringList certs = {QStringLiteral("a"), QStringLiteral("b")};
+    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(certs)});
+    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(QStringList())});
+    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("max-attempts"), wrapped(3)});
+    running.tell(Vocabulary::UserMethodOptionChanged, {alice, own(), QStringLiteral("attempts"), wrapped(2)});
+    running.tell(Vocabulary::UserMethodOptionChanged,
+                 {4294967295U, own(), QStringLiteral("attempts"), wrapped(QStringLiteral("2"))});
+    running.tell(Vocabulary::UserMethodOptionChanged, {alice, own(), QStringLiteral("certs"), wrapped(wrapped(certs))});
+    QTRY_COMPARE(settings.changes.size(), 6);
+    QCOMPARE(settings.changes, (QVector<QVariantList>{{0U, QStringLiteral("certs"), certs},
+                                                      {0U, QStringLiteral("certs"), QStringList()},
+                                                      {0U, QStringLiteral("max-attempts"), 3},
+                                                      {alice, QStringLiteral("attempts"), 2},
+                                                      {4294967295U, QStringLiteral("attempts"), QStringLiteral("2")},
+                                                      {alice, QStringLiteral("certs"), certs}}));
+    QCOMPARE(settings.changes.at(1).at(2).userType(), int(QMetaType::QStringList));
+    QCOMPARE(settings.changes.at(3).at(2).userType(), int(QMetaType::Int));
+}
+
+void TestFactorSettingsBase::ignoredChanges()
+{
+    RunningService running;
+    QVERIFY(running.isRunning);
+    Settings settings;
+    const QString certs = QStringLiteral("certs");
+    const QVariantList change = {own(), certs, wrapped(1)};
+    running.tell(Vocabulary::MethodOptionChanged, {QStringLiteral("other"), certs, wrapped(1)});
+    running.tell(Vocabulary::UserMethodOptionChanged, {alice, QStringLiteral("other"), certs, wrapped(1)});
+    running.tell(Vocabulary::MethodOptionChanged, {QString(), certs, wrapped(1)});
+    running.tell(Vocabulary::MethodOptionChanged, {own(), certs, 1});
+    running.tell(Vocabulary::MethodOptionChanged, {own(), certs});
+    running.tell(Vocabulary::MethodOptionChanged, {});
+    running.tell(Vocabulary::UserMethodOptionChanged, change);
+    running.tell(Vocabulary::OptionChanged, change);
+    running.tell(Vocabulary::MethodOptionChanged, change, QStringLiteral("/elsewhere"));
+    running.tell(Vocabulary::MethodOptionChanged, change, AuthService::ObjectPath, QStringLiteral("some.other"));
+
+    // Somebody else on the bus pretends; what the bus has answered after that, it has passed on before.
+    QDBusConnection stranger = QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("stranger"));
+    QDBusMessage pretence =
+        QDBusMessage::createSignal(AuthService::ObjectPath, AuthService::Interface, Vocabulary::MethodOptionChanged);
+    pretence.setArguments(change);
+    QVERIFY(stranger.send(pretence));
+    QVERIFY(stranger.interface()->isServiceRegistered(AuthService::Service).isValid());
+    QDBusConnection::disconnectFromBus(QStringLiteral("stranger"));
+
+    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("last"), wrapped(1)});
+    QTRY_VERIFY(!settings.changes.isEmpty());
+    QCOMPARE(settings.changes, (QVector<QVariantList>{{0U, QStringLiteral("last"), 1}}));
+}
+
+void TestFactorSettingsBase::otherMethod()
+{
+    RunningService running;
+    QVERIFY(running.isRunning);
+    Settings settings(QStringLiteral("other"));
+    Settings ours;
+    running.service.prepare(FakeService::Value, 1);
+    QCOMPARE(settings.getOption(0, QStringLiteral("certs")), QVariant(1));
+    QCOMPARE(running.service.asked(), (QVector<QVariantList>{{QStringLiteral("other"), QStringLiteral("certs")}}));
+    running.tell(Vocabulary::MethodOptionChanged, {QStringLiteral("other"), QStringLiteral("certs"), wrapped(1)});
+    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(2)});
+    QTRY_COMPARE(ours.changes.size(), 1);
+    QTRY_COMPARE(settings.changes.size(), 1);
+    QCOMPARE(settings.changes.constFirst(), (QVariantList{0U, QStringLiteral("certs"), 1}));
+    QCOMPARE(ours.changes.constFirst(), (QVariantList{0U, QStringLiteral("certs"), 2}));
+}
+
+void TestFactorSettingsBase::serviceComesAndGoes()
+{
+    Settings settings;
+    for (int round = 1; round <= 2; ++round) {
+        {
+            RunningService running;
+            QVERIFY(running.isRunning);
+            running.service.prepare(FakeService::Value, round);
+            QCOMPARE(settings.getOption(0, QStringLiteral("certs")), QVariant(round));
+            running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(round)});
+            QTRY_COMPARE(settings.changes.size(), round);
+        }
+        const PlatformLog log;
+        QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
+    }
+}
+
+void TestFactorSettingsBase::deletedBeforeChange()
+{
+    RunningService running;
+    QVERIFY(running.isRunning);
+    std::unique_ptr<Settings> gone(new Settings);
+    Settings settings;
+    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(1)});
+    gone.reset();
+    QTRY_COMPARE(settings.changes.size(), 1);
+}
+
+void TestFactorSettingsBase::base()
+{
+    RunningService running;
+    QVERIFY(running.isRunning);
+    QObject parent;
+    auto *settings = new FactorSettingsBase(&parent, own());
+    QCOMPARE(settings->parent(), &parent);
+    Settings witness;
+    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(1)});
+    QTRY_COMPARE(witness.changes.size(), 1);
+}
+
+void TestFactorSettingsBase::busDies()
+{
+    Settings settings;
+    m_bus.kill();
+    QVERIFY(m_bus.waitForFinished());
+    const PlatformLog log;
+    QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
+    QTRY_VERIFY(!QDBusConnection::systemBus().isConnected());
+    QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
+    QVERIFY(!Settings().getOption(0, QStringLiteral("certs")).isValid());
+    QCOMPARE(log.lines().size(), 3);
+}
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+    if (QCoreApplication::arguments().contains(QLatin1String("--without-bus")))
+        return tryWithoutBus();
+    TestFactorSettingsBase test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_factorsettingsbase.moc"

@@ -1,0 +1,342 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "platformtest.h"
+
+#include <authd/libauthd.h>
+#include <authd/validationscope.h>
+
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+class TestLibAuthd : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { PlatformTest::requireDevice(); }
+    void init();
+
+    void userName();
+    void params();
+
+    void newFile_data();
+    void newFile();
+    void existingFile_data();
+    void existingFile();
+    void alreadyRestricted();
+    void symbolicLinks_data();
+    void symbolicLinks();
+    void hardLink();
+    void directory();
+    void specialFiles();
+    void missingParent();
+    void oddPaths();
+    void foreignFile();
+    void noDescriptorLeft();
+    void race();
+
+    void emptyScope();
+    void scope();
+
+private:
+    QString path(const char *name) const { return m_directory->filePath(QLatin1String(name)); }
+
+    QScopedPointer<QTemporaryDir> m_directory;
+};
+
+void TestLibAuthd::init()
+{
+    m_directory.reset(new QTemporaryDir);
+    QVERIFY(m_directory->isValid());
+    umask(022);
+}
+
+void TestLibAuthd::userName()
+{
+    QCOMPARE(LibAuthd::userName(0), QStringLiteral("root"));
+    QCOMPARE(LibAuthd::userName(1000), QStringLiteral("alice"));
+    QVERIFY(LibAuthd::userName(4000000000U).isNull());
+
+    // An entry larger than any buffer that one would begin with, in the device's own file.
+    const QByteArray users = PlatformTest::readFile(QStringLiteral("/etc/passwd"));
+    const QByteArray entry = "long:x:3999:3999:" + QByteArray(20000, 'x') + ":/:/bin/false\n";
+    QVERIFY(PlatformTest::writeFile(QStringLiteral("/etc/passwd"), users + entry));
+    const QString name = LibAuthd::userName(3999);
+    QVERIFY(PlatformTest::writeFile(QStringLiteral("/etc/passwd"), users));
+    QCOMPARE(name, QStringLiteral("long"));
+    QVERIFY(LibAuthd::userName(3999).isNull());
+}
+
+void TestLibAuthd::params()
+{
+    using Map = QMap<QString, QVariant>;
+    QCOMPARE(LibAuthd::inputRequestParams(2), (Map{{QStringLiteral("input-request-type"), 2}}));
+    QCOMPARE(LibAuthd::resultCodeParams(14), (Map{{QStringLiteral("result-code"), 14}}));
+    QCOMPARE(LibAuthd::inputRequestParams(0).first().userType(), int(QMetaType::Int));
+    QCOMPARE(LibAuthd::resultCodeParams(0).first().userType(), int(QMetaType::Int));
+}
+
+void TestLibAuthd::newFile_data()
+{
+    QTest::addColumn<int>("mask");
+    QTest::newRow("no mask") << 0;
+    QTest::newRow("usual mask") << 022;
+    QTest::newRow("mask of everything") << 0777;
+}
+
+void TestLibAuthd::newFile()
+{
+    QFETCH(int, mask);
+    umask(mode_t(mask));
+    const bool done = LibAuthd::restrictPermissions(path("file"));
+    umask(022);
+    QVERIFY(done);
+    QCOMPARE(PlatformTest::mode(path("file")), 0600);
+    QVERIFY(QFileInfo(path("file")).isFile());
+    QCOMPARE(QFileInfo(path("file")).size(), 0);
+}
+
+void TestLibAuthd::existingFile_data()
+{
+    QTest::addColumn<int>("mode");
+    for (const int mode : {0666, 0644, 0601, 0700, 04600, 01600, 0400, 0})
+        QTest::newRow(QByteArray::number(mode, 8).constData()) << mode;
+}
+
+void TestLibAuthd::existingFile()
+{
+    QFETCH(int, mode);
+    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    QCOMPARE(chmod(QFile::encodeName(path("file")).constData(), mode_t(mode)), 0);
+    QVERIFY(LibAuthd::restrictPermissions(path("file")));
+    QCOMPARE(PlatformTest::mode(path("file")), 0600);
+    QCOMPARE(PlatformTest::readFile(path("file")), QByteArray("content"));
+}
+
+void TestLibAuthd::alreadyRestricted()
+{
+    const QByteArray name = QFile::encodeName(path("file"));
+    QVERIFY(LibAuthd::restrictPermissions(path("file")));
+    struct stat before;
+    QCOMPARE(stat(name.constData(), &before), 0);
+    QTest::qSleep(20); // Changing the mode would set a later time, if the clock has ticked.
+    QVERIFY(LibAuthd::restrictPermissions(path("file")));
+    struct stat after;
+    QCOMPARE(stat(name.constData(), &after), 0);
+    QCOMPARE(after.st_ino, before.st_ino);
+    QCOMPARE(after.st_ctim.tv_sec, before.st_ctim.tv_sec);
+    QCOMPARE(after.st_ctim.tv_nsec, before.st_ctim.tv_nsec);
+}
+
+void TestLibAuthd::symbolicLinks_data()
+{
+    QTest::addColumn<QString>("target");
+    QTest::newRow("to a file") << "file";
+    QTest::newRow("to a directory") << ".";
+    QTest::newRow("dangling") << "nothing";
+    QTest::newRow("to itself") << "link";
+}
+
+void TestLibAuthd::symbolicLinks()
+{
+    QFETCH(QString, target);
+    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    QVERIFY(QFile::link(target, path("link")));
+    const int directoryMode = PlatformTest::mode(m_directory->path());
+
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(path("link")));
+    QCOMPARE(errno, ELOOP);
+    QCOMPARE(PlatformTest::mode(path("file")), 0644);
+    QCOMPARE(PlatformTest::mode(m_directory->path()), directoryMode);
+    QVERIFY(!QFile::exists(path("nothing")));
+    QVERIFY(QFileInfo(path("link")).isSymLink());
+}
+
+void TestLibAuthd::hardLink()
+{
+    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    QCOMPARE(link(QFile::encodeName(path("file")).constData(), QFile::encodeName(path("second")).constData()), 0);
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(path("second")));
+    QCOMPARE(errno, EMLINK);
+    QCOMPARE(PlatformTest::mode(path("file")), 0644);
+
+    QVERIFY(QFile::remove(path("file")));
+    QVERIFY(LibAuthd::restrictPermissions(path("second")));
+    QCOMPARE(PlatformTest::mode(path("second")), 0600);
+}
+
+void TestLibAuthd::directory()
+{
+    QVERIFY(QDir().mkpath(path("directory")));
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(path("directory")));
+    QCOMPARE(errno, EISDIR);
+    QCOMPARE(PlatformTest::mode(path("directory")), 0755);
+}
+
+void TestLibAuthd::specialFiles()
+{
+    // Opening it for reading would wait for a writer, opening it for writing would wake a reader.
+    QCOMPARE(mkfifo(QFile::encodeName(path("fifo")).constData(), 0644), 0);
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(path("fifo")));
+    QCOMPARE(errno, EINVAL);
+    QCOMPARE(PlatformTest::mode(path("fifo")), 0644);
+
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    qstrncpy(address.sun_path, QFile::encodeName(path("socket")).constData(), sizeof address.sun_path);
+    QCOMPARE(bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(path("socket")));
+    QCOMPARE(errno, EINVAL);
+    QCOMPARE(PlatformTest::mode(path("socket")), 0755);
+    close(fd);
+
+    const int mode = PlatformTest::mode(QStringLiteral("/dev/null"));
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(QStringLiteral("/dev/null")));
+    QCOMPARE(errno, EINVAL);
+    QCOMPARE(PlatformTest::mode(QStringLiteral("/dev/null")), mode);
+}
+
+void TestLibAuthd::missingParent()
+{
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(path("missing/file")));
+    QCOMPARE(errno, ENOENT);
+    QVERIFY(!QFile::exists(path("missing")));
+
+    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(path("file/file")));
+    QCOMPARE(errno, ENOTDIR);
+}
+
+void TestLibAuthd::oddPaths()
+{
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(QString()));
+    QCOMPARE(errno, ENOENT);
+    errno = 0;
+    QVERIFY(!LibAuthd::restrictPermissions(path("file") + QChar(QChar::Null) + QLatin1String("name")));
+    QCOMPARE(errno, EINVAL);
+    QVERIFY(!QFile::exists(path("file")));
+    QVERIFY(LibAuthd::restrictPermissions(path("with space; and $(more)")));
+    QCOMPARE(PlatformTest::mode(path("with space; and $(more)")), 0600);
+}
+
+void TestLibAuthd::foreignFile()
+{
+    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    QVERIFY(QFile::setPermissions(m_directory->path(), QFile::Permissions(0x7755)));
+    const int error = PlatformTest::inChild([&] {
+        if (setresuid(65534, 65534, 65534) != 0)
+            return 255;
+        return LibAuthd::restrictPermissions(path("file")) ? 254 : errno;
+    });
+    QCOMPARE(error, EPERM);
+    QCOMPARE(PlatformTest::mode(path("file")), 0644);
+}
+
+void TestLibAuthd::noDescriptorLeft()
+{
+    const QDir descriptors(QStringLiteral("/proc/self/fd"));
+    QVERIFY(QFile::link(QStringLiteral("nowhere"), path("link")));
+    const int before = descriptors.entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size();
+    QVERIFY(LibAuthd::restrictPermissions(path("file")));
+    QVERIFY(LibAuthd::restrictPermissions(path("file")));
+    QVERIFY(!LibAuthd::restrictPermissions(path("link")));
+    QVERIFY(!LibAuthd::restrictPermissions(m_directory->path()));
+    QCOMPARE(descriptors.entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size(), before);
+}
+
+void TestLibAuthd::race()
+{
+    // Another process swaps the name between nothing, a file and a link all the time; the link's target is never
+    // touched, and the answer is always one of the honest ones.
+    QVERIFY(PlatformTest::writeFile(path("target"), "content"));
+    const QByteArray name = QFile::encodeName(path("swapped"));
+    const QByteArray target = QFile::encodeName(path("target"));
+    const pid_t child = fork();
+    if (child == 0) {
+        for (;;) {
+            unlink(name.constData());
+            if (symlink(target.constData(), name.constData()) != 0 && errno != EEXIST)
+                _exit(1);
+            unlink(name.constData());
+            close(creat(name.constData(), 0666));
+        }
+    }
+    int done = 0;
+    int refused = 0;
+    int other = 0;
+    for (int i = 0; i < 20000; ++i) {
+        if (LibAuthd::restrictPermissions(path("swapped")))
+            ++done;
+        else if (errno == ELOOP)
+            ++refused;
+        else if (errno != EMLINK && errno != EEXIST && errno != ENOENT) // Unlinked while it was looked at.
+            ++other;
+    }
+    QCOMPARE(kill(child, SIGKILL), 0);
+    int status = 0;
+    QCOMPARE(waitpid(child, &status, 0), child);
+    QVERIFY2(WIFSIGNALED(status), "the other process gave up, so nothing has been shown");
+    QCOMPARE(other, 0);
+    QVERIFY(done > 0);
+    QVERIFY(refused > 0);
+    QCOMPARE(PlatformTest::mode(path("target")), 0644);
+    QCOMPARE(PlatformTest::readFile(path("target")), QByteArray("content"));
+}
+
+void TestLibAuthd::emptyScope()
+{
+    const ValidationScope scope;
+    QVERIFY(scope.rules().isEmpty());
+    QVERIFY(!scope.contains(QStringLiteral("certs")));
+    QVERIFY(!scope.contains(QString()));
+    QCOMPARE(int(scope.rulesFor(QStringLiteral("certs"))), 0);
+}
+
+void TestLibAuthd::scope()
+{
+    QCOMPARE(int(RootOnly), 1);
+    QCOMPARE(int(TypeOfDefault), 2);
+    QCOMPARE(int(MethodOnly), 4);
+
+    const QString certs = QStringLiteral("certs");
+    const QString limit = QStringLiteral("max-attempts");
+    const QString free = QStringLiteral("free");
+    const QString both = QStringLiteral("both");
+    const ValidationScope::Rules rules = {{RootOnly | TypeOfDefault | MethodOnly, {certs}},
+                                          {RootOnly | TypeOfDefault, {limit, both}},
+                                          {MethodOnly, {both}},
+                                          {ValidationOptions(), {free}}};
+    const ValidationScope scope(rules);
+    QCOMPARE(scope.rules(), rules);
+    QCOMPARE(int(scope.rulesFor(certs)), 7);
+    QCOMPARE(int(scope.rulesFor(limit)), 3);
+    QCOMPARE(int(scope.rulesFor(both)), 7);
+    QCOMPARE(int(scope.rulesFor(free)), 0);
+    QCOMPARE(int(scope.rulesFor(QStringLiteral("Certs"))), 0);
+    for (const QString &option : {certs, limit, free, both})
+        QVERIFY(scope.contains(option));
+    QVERIFY(!scope.contains(QStringLiteral("Certs")));
+
+    const ValidationScope copy = scope;
+    QCOMPARE(copy.rules(), rules);
+}
+
+QTEST_APPLESS_MAIN(TestLibAuthd)
+
+#include "tst_libauthd.moc"

@@ -1,0 +1,182 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "platformtest.h"
+
+#include <luks/libluks.h>
+
+#include <QTest>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <libcryptsetup.h>
+
+namespace {
+
+const QString configuration = QStringLiteral("/etc/authd/luks.conf");
+
+// What the library is told of a mapping; the real function answers where nothing is prepared. No device mapper is at
+// hand in the disposable device, so that no mapping could really be active.
+crypt_status_info prepared = CRYPT_INVALID;
+bool isPrepared = false;
+QByteArray asked;
+
+} // namespace
+
+extern "C" Q_DECL_EXPORT crypt_status_info crypt_status(crypt_device *device, const char *name)
+{
+    asked = name;
+    if (isPrepared)
+        return prepared;
+    using Function = crypt_status_info (*)(crypt_device *, const char *);
+    const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "crypt_status"));
+    return real(device, name);
+}
+
+class TestLibLuks : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { PlatformTest::requireDevice(); }
+    void init();
+    void noConfiguration();
+    void states_data();
+    void states();
+    void realMapping();
+    void broken_data();
+    void broken();
+    void specialFiles();
+    void unreadable();
+    void readAfresh();
+};
+
+void TestLibLuks::init()
+{
+    PlatformTest::removeAll(configuration);
+    QDir().mkpath(QStringLiteral("/etc/authd"));
+    isPrepared = false;
+    asked.clear();
+}
+
+void TestLibLuks::noConfiguration()
+{
+    QVERIFY(LibLuks::isDeviceActive());
+    PlatformTest::removeAll(QStringLiteral("/etc/authd"));
+    QVERIFY(LibLuks::isDeviceActive());
+    QVERIFY(asked.isNull());
+}
+
+void TestLibLuks::states_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<bool>("active");
+    QTest::newRow("active") << int(CRYPT_ACTIVE) << true;
+    QTest::newRow("busy") << int(CRYPT_BUSY) << true;
+    QTest::newRow("inactive") << int(CRYPT_INACTIVE) << false;
+    QTest::newRow("invalid") << int(CRYPT_INVALID) << false;
+}
+
+void TestLibLuks::states()
+{
+    QFETCH(int, status);
+    QVERIFY(PlatformTest::writeFile(configuration, "# ours\n[Partition]\nDevice=vault\n"));
+    prepared = crypt_status_info(status);
+    isPrepared = true;
+    QTEST(LibLuks::isDeviceActive(), "active");
+    QCOMPARE(asked, QByteArray("vault"));
+}
+
+void TestLibLuks::realMapping()
+{
+    QVERIFY(PlatformTest::writeFile(configuration, "[Partition]\nDevice=no-such-mapping\n"));
+    // The library's own messages must not reach the streams of the process.
+    const QString printed = QStringLiteral("/tmp/tst_libluks-printed");
+    const int active = PlatformTest::inChild([&] {
+        const int fd = open(QFile::encodeName(printed).constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0 || dup2(fd, STDERR_FILENO) < 0)
+            return 2;
+        return LibLuks::isDeviceActive() ? 1 : 0;
+    });
+    QCOMPARE(active, 0);
+    QVERIFY(QFile::exists(printed));
+    QCOMPARE(PlatformTest::readFile(printed), QByteArray());
+}
+
+void TestLibLuks::broken_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::newRow("empty") << QByteArray("");
+    QTest::newRow("no group") << QByteArray("Device=vault\n");
+    QTest::newRow("other group") << QByteArray("[Device]\nDevice=vault\n");
+    QTest::newRow("no key") << QByteArray("[Partition]\nName=vault\n");
+    QTest::newRow("empty key") << QByteArray("[Partition]\nDevice=\n");
+    QTest::newRow("unknown escape") << QByteArray("[Partition]\nDevice=va\\qult\n");
+    QTest::newRow("not UTF-8") << QByteArray("[Partition]\nDevice=va\xffult\n");
+    QTest::newRow("truncated") << QByteArray("[Partition]\nDevi");
+    QTest::newRow("binary") << QByteArray("\x7f"
+                                          "ELF\0\0",
+                                          6);
+    QTest::newRow("too large") << QByteArray("[Partition]\nDevice=vault\n") + QByteArray("#\n").repeated(512 * 1024);
+}
+
+void TestLibLuks::broken()
+{
+    QFETCH(QByteArray, content);
+    QVERIFY(PlatformTest::writeFile(configuration, content));
+    prepared = CRYPT_ACTIVE;
+    isPrepared = true;
+    QVERIFY(!LibLuks::isDeviceActive());
+    QVERIFY(asked.isNull());
+}
+
+void TestLibLuks::specialFiles()
+{
+    prepared = CRYPT_ACTIVE;
+    isPrepared = true;
+    const QByteArray name = QFile::encodeName(configuration);
+
+    QVERIFY(QDir().mkpath(configuration));
+    QVERIFY(!LibLuks::isDeviceActive());
+
+    PlatformTest::removeAll(configuration);
+    QCOMPARE(mkfifo(name.constData(), 0600), 0);
+    QVERIFY(!LibLuks::isDeviceActive());
+
+    // A link is root's to make in this directory.
+    PlatformTest::removeAll(configuration);
+    QVERIFY(PlatformTest::writeFile(QStringLiteral("/etc/authd/real.conf"), "[Partition]\nDevice=linked\n"));
+    QVERIFY(QFile::link(QStringLiteral("real.conf"), configuration));
+    QVERIFY(LibLuks::isDeviceActive());
+    QCOMPARE(asked, QByteArray("linked"));
+}
+
+void TestLibLuks::unreadable()
+{
+    QVERIFY(PlatformTest::writeFile(configuration, "[Partition]\nDevice=vault\n"));
+    QCOMPARE(chmod(QFile::encodeName(configuration).constData(), 0), 0);
+    prepared = CRYPT_ACTIVE;
+    isPrepared = true;
+    QVERIFY(LibLuks::isDeviceActive());
+    // Root reads every file, so that nobody has to try.
+    const int active = PlatformTest::inChild([] {
+        if (setresuid(65534, 65534, 65534) != 0)
+            return 2;
+        return LibLuks::isDeviceActive() ? 1 : 0;
+    });
+    QCOMPARE(active, 0);
+}
+
+void TestLibLuks::readAfresh()
+{
+    isPrepared = true;
+    prepared = CRYPT_INACTIVE;
+    QVERIFY(LibLuks::isDeviceActive());
+    QVERIFY(PlatformTest::writeFile(configuration, "[Partition]\nDevice=vault\n"));
+    QVERIFY(!LibLuks::isDeviceActive());
+    prepared = CRYPT_ACTIVE;
+    QVERIFY(LibLuks::isDeviceActive());
+}
+
+QTEST_APPLESS_MAIN(TestLibLuks)
+
+#include "tst_libluks.moc"
