@@ -1,0 +1,682 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "methodfixture.h"
+#include "support/logcapture.h"
+
+#include <QDBusConnection>
+#include <QDBusInterface>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QPointer>
+#include <QTest>
+
+#include <cstring>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+Q_DECLARE_METATYPE(RecordingDaemon::Call)
+
+namespace {
+
+using Call = RecordingDaemon::Call;
+
+constexpr int connecting = 1;
+constexpr int enterPasswordOrPin = 2;
+constexpr int cannotConnectClient = 4;
+constexpr int cannotCommunicateClient = 5;
+constexpr int authFailed = 11;
+
+const QString certs = QStringLiteral("certs");
+const QString success = QStringLiteral("success");
+const QString answerFile = QStringLiteral("/tmp/scripted-client/answer");
+const QString goFile = QStringLiteral("/tmp/scripted-client/go");
+
+const QString cannotConnect =
+    QStringLiteral("Cannot connect to the Kavet client socket "
+                   "\"unix:path=/run/aux-auth/tarsk/kavet_client/kavet.socket\" "
+                   "QDBusError(\"org.freedesktop.DBus.Error.NoServer\", "
+                   "\"Failed to connect to socket /run/aux-auth/tarsk/kavet_client/kavet.socket: "
+                   "Connection refused\")");
+const QString terminated = QStringLiteral("onChildFinished Client has terminated exitCode 0 exitStatus 0");
+const QString disconnected = QStringLiteral("Not connected to D-Bus server");
+
+QString failure(const QString &method, const QString &error, const QString &message)
+{
+    return QStringLiteral("%1 failed: QDBusError(\"%2\", \"%3\")").arg(method, error, message);
+}
+
+Call certsChanged(const QStringList &list)
+{
+    return {QStringLiteral("optionChanged"), {0U, certs, list, true}};
+}
+
+// The changes of the certificate list that the daemon was told of.
+QVector<Call> certLists(const MethodFixture &fixture)
+{
+    QVector<Call> lists;
+    const QVector<Call> told = fixture.told();
+    for (const Call &call : told) {
+        if (call.operation == QLatin1String("optionChanged"))
+            lists << call;
+    }
+    return lists;
+}
+
+// A socket that nobody serves any more.
+bool leaveSocket(const QString &path)
+{
+    const QByteArray name = QFile::encodeName(path);
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, name.constData(), sizeof address.sun_path - 1);
+    const bool bound = bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    close(descriptor);
+    return bound;
+}
+
+// Puts a file that nobody can connect to in the socket's place, without a moment in which there is none.
+bool replaceSocket()
+{
+    const QString substitute = TestDevice::clientDirectory + QStringLiteral("/substitute");
+    return TestDevice::writeFile(substitute, {}) && TestDevice::setOwner(substitute, TestDevice::alice, 0)
+           && rename(QFile::encodeName(substitute).constData(), QFile::encodeName(TestDevice::socketPath).constData())
+                  == 0;
+}
+
+} // namespace
+
+class TstClientLink : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { TestDevice::reset(); }
+
+    void noClientOrNoSocket_data();
+    void noClientOrNoSocket();
+    void firstLink();
+    void standingLink();
+    void newLinkAfterDrop();
+    void cannotConnect_data();
+    void cannotConnect();
+
+    void arguments();
+    void userWithoutName();
+    void reply_data();
+    void reply();
+    void lateReply();
+    void requestsInFlight();
+
+    void certListRequested();
+    void certListAsksOnce();
+    void certListWithoutClient();
+    void certListFetchedOnceLinked();
+    void certListAskedInsteadOfPending();
+    void certListStaysPending();
+    void certListReply_data();
+    void certListReply();
+    void certListAskedWhileReported();
+
+    void linkNeverMade();
+    void linkDropped_data();
+    void linkDropped();
+    void socketGone();
+    void cannotLinkAgain_data();
+    void cannotLinkAgain();
+};
+
+void TstClientLink::noClientOrNoSocket_data()
+{
+    QTest::addColumn<bool>("clientRunning");
+    QTest::addColumn<bool>("socketPresent");
+    QTest::newRow("neither") << false << false;
+    QTest::newRow("no client") << false << true;
+    QTest::newRow("no socket") << true << false;
+}
+
+void TstClientLink::noClientOrNoSocket()
+{
+    QFETCH(bool, clientRunning);
+    QFETCH(bool, socketPresent);
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    QVERIFY(fixture.link());
+    LogCapture log(true);
+
+    // Not even a link that stands counts.
+    d->child.clientRunning = clientRunning;
+    d->child.socketPresent = socketPresent;
+    QVERIFY(!d->connectToChild());
+
+    QVERIFY(fixture.dropLink());
+    log.clear();
+    d->child.clientRunning = clientRunning;
+    d->child.socketPresent = socketPresent;
+    const QPointer<QDBusInterface> proxy = d->clientInterface.data();
+    QVERIFY(!d->connectToChild());
+    QVERIFY(!d->connection.isConnected());
+    QCOMPARE(d->clientInterface.data(), proxy.data());
+    QVERIFY(proxy);
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TstClientLink::firstLink()
+{
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    QVERIFY(!d->clientInterface);
+    QVERIFY(!d->connection.isConnected());
+    LogCapture log;
+    QVERIFY(fixture.link());
+
+    QCOMPARE(d->connection.name(), QStringLiteral("kavet_p2p_service"));
+    QVERIFY(d->clientInterface);
+    QCOMPARE(d->clientInterface->service(), QStringLiteral("tarsk.kavet_client"));
+    QCOMPARE(d->clientInterface->path(), QStringLiteral("/kavetauth"));
+    QCOMPARE(d->clientInterface->interface(), QStringLiteral("tarsk.kavet_auth"));
+    QCOMPARE(d->clientInterface->connection().name(), QStringLiteral("kavet_p2p_service"));
+    QVERIFY(d->clientInterface->connection().isConnected());
+    QVERIFY(MethodFixture::calledMethods().isEmpty());
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TstClientLink::standingLink()
+{
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    QVERIFY(fixture.link());
+    const QPointer<QDBusInterface> proxy = d->clientInterface.data();
+
+    d->certListPending = true;
+    QVERIFY(d->connectToChild());
+    QVERIFY(d->connection.isConnected());
+    QVERIFY(proxy);
+    QCOMPARE(d->clientInterface.data(), proxy.data());
+    QVERIFY(d->certListPending);
+    QVERIFY(!fixture.isWaiting());
+}
+
+void TstClientLink::newLinkAfterDrop()
+{
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    QVERIFY(fixture.link());
+    QVERIFY(fixture.dropLink());
+    const QPointer<QDBusInterface> proxy = d->clientInterface.data();
+    QVERIFY(proxy);
+    LogCapture log;
+
+    QVERIFY(d->connectToChild());
+    QVERIFY(d->connection.isConnected());
+    QVERIFY(!proxy);
+    QVERIFY(d->clientInterface->connection().isConnected());
+    QVERIFY(log.lines().isEmpty());
+
+    fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+}
+
+void TstClientLink::cannotConnect_data()
+{
+    QTest::addColumn<bool>("isSocket");
+    QTest::newRow("no socket") << false;
+    QTest::newRow("nobody serves") << true;
+}
+
+void TstClientLink::cannotConnect()
+{
+    QFETCH(bool, isSocket);
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    QVERIFY(isSocket ? leaveSocket(TestDevice::socketPath) : TestDevice::writeFile(TestDevice::socketPath, {}));
+    d->child.clientRunning = true;
+    d->child.socketPresent = true;
+    d->certListPending = true;
+    LogCapture log(true);
+
+    QVERIFY(!d->connectToChild());
+    QCOMPARE(log.warnings(), QStringList{::cannotConnect});
+    QCOMPARE(log.lines().size(), 1);
+    QVERIFY(!d->connection.isConnected());
+    QVERIFY(!d->clientInterface);
+    QVERIFY(d->certListPending);
+    QVERIFY(fixture.told().isEmpty());
+
+    // The flow reports it.
+    d->currentUid = TestDevice::alice;
+    d->clientStage = MethodKavetPrivate::MustConnect;
+    d->makeAuth();
+    QCOMPARE(fixture.told(), QVector<Call>{RecordingDaemon::failed(connecting, cannotConnectClient)});
+    QCOMPARE(log.warnings(), QStringList({::cannotConnect, ::cannotConnect}));
+    QCOMPARE(d->clientStage, int(MethodKavetPrivate::MustConnect));
+}
+
+void TstClientLink::arguments()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    fixture.d->checkPassword(QStringLiteral("pass wörd"));
+    QTRY_COMPARE(fixture.told().size(), 1);
+    fixture.d->validateCert(QStringLiteral("pkcs11:object=a"), QStringLiteral("1234"));
+    QTRY_COMPARE(fixture.told().size(), 2);
+    fixture.d->getCertList();
+    QTRY_COMPARE(fixture.told().size(), 3);
+    // The user is the one being authenticated, not the one the client runs as.
+    fixture.d->currentUid = TestDevice::bob;
+    fixture.d->checkPassword(QStringLiteral("other"));
+    QTRY_COMPARE(fixture.told().size(), 4);
+
+    const QVector<QJsonArray> expected = {
+        {QStringLiteral("checkPassword"), QStringLiteral("alice"), QStringLiteral("pass wörd")},
+        {QStringLiteral("validateCert"), QStringLiteral("pkcs11:object=a"), QStringLiteral("alice"),
+         QStringLiteral("1234")},
+        {QStringLiteral("getCertList")},
+        {QStringLiteral("checkPassword"), QStringLiteral("bob"), QStringLiteral("other")},
+    };
+    QCOMPARE(TestDevice::calls(), expected);
+}
+
+void TstClientLink::userWithoutName()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    fixture.d->currentUid = 4242;
+    fixture.d->checkPassword(QStringLiteral("secret"));
+    QTRY_COMPARE(TestDevice::calls(),
+                 (QVector<QJsonArray>{{QStringLiteral("checkPassword"), QString(), QStringLiteral("secret")}}));
+}
+
+void TstClientLink::reply_data()
+{
+    const QString signature = QStringLiteral("org.freedesktop.DBus.Error.InvalidSignature");
+    const Call broken = RecordingDaemon::failed(enterPasswordOrPin, cannotCommunicateClient);
+
+    QTest::addColumn<QString>("method");
+    QTest::addColumn<QString>("word");
+    QTest::addColumn<Call>("outcome");
+    QTest::addColumn<QString>("warning");
+
+    for (const QString &method : {QStringLiteral("checkPassword"), QStringLiteral("validateCert")}) {
+        const auto row = [&method](const char *name, const QString &word, const Call &outcome,
+                                   const QString &warning = {}) {
+            QTest::addRow("%s: %s", qUtf8Printable(method), name) << method << word << outcome << warning;
+        };
+        row("success", success, RecordingDaemon::succeeded());
+        row("failed", QStringLiteral("failed"), RecordingDaemon::failed(enterPasswordOrPin, authFailed));
+        row("no answer known", QString(), RecordingDaemon::failed(enterPasswordOrPin, authFailed));
+        row("more arguments", QStringLiteral("many"), RecordingDaemon::succeeded());
+        row("error", QStringLiteral("error"), broken,
+            failure(method, QStringLiteral("tarsk.Error"), QStringLiteral("No luck")));
+        row("another type", QStringLiteral("number"), broken,
+            failure(method, signature,
+                    QStringLiteral("Unexpected reply signature: got \\\"i\\\", expected \\\"s\\\"")));
+        row("no argument", QStringLiteral("nothing"), broken,
+            failure(method, signature, QStringLiteral("Unexpected reply signature: got \\\"\\\", expected \\\"s\\\"")));
+        row("client dies", QStringLiteral("die"), broken,
+            failure(method, QStringLiteral("org.freedesktop.DBus.Error.Disconnected"), disconnected));
+        row("link dropped", QStringLiteral("drop"), broken,
+            failure(method, QStringLiteral("org.freedesktop.DBus.Error.Disconnected"), disconnected));
+    }
+}
+
+void TstClientLink::reply()
+{
+    QFETCH(QString, method);
+    QFETCH(QString, word);
+    QFETCH(Call, outcome);
+    QFETCH(QString, warning);
+
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    // A client that is launched again after it died is not to be met.
+    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
+    LogCapture log;
+
+    if (method == QLatin1String("checkPassword"))
+        fixture.d->checkPassword(word);
+    else
+        fixture.d->validateCert(QStringLiteral("a certificate"), word);
+    QVERIFY(fixture.isWaiting());
+    QVERIFY(fixture.told().isEmpty());
+
+    QTRY_VERIFY(!fixture.isWaiting());
+    QStringList warnings = {warning};
+    if (word == QLatin1String("die")) {
+        QTRY_COMPARE(TestDevice::launches().size(), 2);
+        QTRY_VERIFY(fixture.d->child.clientRunning);
+        warnings << terminated;
+    }
+    QCOMPARE(fixture.daemon.outcomes(), QVector<Call>{outcome});
+    QStringList logged = log.warnings();
+    logged.sort();
+    warnings.sort();
+    warnings.removeAll(QString());
+    QCOMPARE(logged, warnings);
+    QCOMPARE(MethodFixture::calledMethods(), QStringList{method});
+}
+
+void TstClientLink::lateReply()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    fixture.d->checkPassword(QStringLiteral("late"));
+    QTRY_COMPARE(MethodFixture::calledMethods().size(), 1);
+
+    // One that came later is answered first.
+    fixture.d->checkPassword(QStringLiteral("failed"));
+    const QVector<Call> first = {RecordingDaemon::failed(enterPasswordOrPin, authFailed)};
+    QTRY_COMPARE(fixture.told(), first);
+    QVERIFY(fixture.isWaiting());
+
+    QVERIFY(TestDevice::writeFile(answerFile, {}));
+    QTRY_COMPARE(fixture.told(), first + QVector<Call>{RecordingDaemon::succeeded()});
+    QTRY_VERIFY(!fixture.isWaiting());
+}
+
+void TstClientLink::requestsInFlight()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    LogCapture log;
+    fixture.d->checkPassword(QStringLiteral("never"));
+    fixture.d->validateCert(QStringLiteral("a certificate"), QStringLiteral("never"));
+    fixture.d->checkPassword(QStringLiteral("drop"));
+
+    const Call broken = RecordingDaemon::failed(enterPasswordOrPin, cannotCommunicateClient);
+    QTRY_COMPARE(fixture.told(), (QVector<Call>{broken, broken, broken}));
+    QTRY_VERIFY(!fixture.isWaiting());
+    QCOMPARE(log.warnings().size(), 3);
+}
+
+void TstClientLink::certListRequested()
+{
+    const QStringList list = {QStringLiteral("pkcs11:object=a"), QStringLiteral("pkcs11:object=ä")};
+    MethodFixture fixture;
+    QVERIFY(fixture.link({{certs, QJsonArray::fromStringList(list)}}));
+    fixture.d->certListPending = true;
+    LogCapture log;
+
+    QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
+    QVERIFY(fixture.d->certListInFlight);
+    QVERIFY(!fixture.d->certListPending);
+    QVERIFY(fixture.told().isEmpty());
+
+    QTRY_COMPARE(fixture.told(), QVector<Call>{certsChanged(list)});
+    QVERIFY(!fixture.d->certListInFlight);
+    QTRY_VERIFY(!fixture.isWaiting());
+    QCOMPARE(fixture.told().size(), 1);
+    QCOMPARE(MethodFixture::calledMethods(), QStringList{QStringLiteral("getCertList")});
+    QVERIFY(log.lines().isEmpty());
+
+    // And again.
+    QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
+    QTRY_COMPARE(fixture.told(), (QVector<Call>{certsChanged(list), certsChanged(list)}));
+}
+
+void TstClientLink::certListAsksOnce()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link({{certs, QJsonArray()}, {QStringLiteral("certsAnswer"), QStringLiteral("late")}}));
+    QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
+    QTRY_COMPARE(MethodFixture::calledMethods().size(), 1);
+
+    fixture.d->certListPending = true;
+    QCOMPARE(fixture.d->getCertList(), QStringList());
+    QVERIFY(!fixture.d->certListPending);
+    QVERIFY(fixture.d->certListInFlight);
+    QCOMPARE(fixture.d->findChildren<QDBusPendingCallWatcher *>().size(), 1);
+
+    QVERIFY(TestDevice::writeFile(answerFile, {}));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{certsChanged({})});
+    QTRY_VERIFY(!fixture.isWaiting());
+    QCOMPARE(MethodFixture::calledMethods(), QStringList{QStringLiteral("getCertList")});
+    QCOMPARE(fixture.told().size(), 1);
+}
+
+void TstClientLink::certListWithoutClient()
+{
+    MethodFixture fixture;
+    LogCapture log(true);
+    for (int i = 0; i < 2; ++i) {
+        QCOMPARE(fixture.d->getCertList(), QStringList());
+        QVERIFY(fixture.d->certListPending);
+        QVERIFY(!fixture.d->certListInFlight);
+    }
+    QVERIFY(log.lines().isEmpty());
+    QVERIFY(fixture.told().isEmpty());
+}
+
+void TstClientLink::certListFetchedOnceLinked()
+{
+    const QStringList list = {QStringLiteral("pkcs11:object=a")};
+    MethodFixture fixture;
+    QCOMPARE(fixture.d->getCertList(), QStringList());
+    QVERIFY(fixture.d->certListPending);
+
+    QVERIFY(fixture.link({{certs, QJsonArray::fromStringList(list)}}));
+    QVERIFY(!fixture.d->certListPending);
+    QTRY_COMPARE(certLists(fixture), QVector<Call>{certsChanged(list)});
+    QVERIFY(!fixture.d->certListInFlight);
+
+    // Not with a later link.
+    fixture.daemon.calls.clear();
+    QVERIFY(fixture.dropLink());
+    QVERIFY(fixture.d->connectToChild());
+    fixture.d->checkPassword(success);
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    QCOMPARE(
+        MethodFixture::calledMethods(),
+        QStringList({QStringLiteral("getCertList"), QStringLiteral("checkPassword"), QStringLiteral("checkPassword")}));
+}
+
+void TstClientLink::certListAskedInsteadOfPending()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link({{certs, QJsonArray()}}));
+    QVERIFY(fixture.dropLink());
+
+    // Makes the link by itself.
+    QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
+    QVERIFY(fixture.d->connection.isConnected());
+    QTRY_COMPARE(fixture.told(), QVector<Call>{certsChanged({})});
+    QCOMPARE(MethodFixture::calledMethods().count(QStringLiteral("getCertList")), 1);
+}
+
+void TstClientLink::certListStaysPending()
+{
+    MethodFixture fixture;
+    QVERIFY(TestDevice::writeFile(TestDevice::socketPath, {}));
+    fixture.d->child.clientRunning = true;
+    fixture.d->child.socketPresent = true;
+    LogCapture log;
+    QCOMPARE(fixture.d->getCertList(), QStringList());
+    QVERIFY(fixture.d->certListPending);
+    QVERIFY(!fixture.d->certListInFlight);
+    QCOMPARE(log.warnings(), QStringList{::cannotConnect});
+    QVERIFY(fixture.told().isEmpty());
+}
+
+void TstClientLink::certListReply_data()
+{
+    const QString signature = QStringLiteral("Unexpected reply signature: got \\\"%1\\\", expected \\\"as\\\"");
+    QTest::addColumn<QString>("word");
+    QTest::addColumn<QStringList>("list");
+    QTest::addColumn<QString>("warning");
+    QTest::newRow("more arguments") << QStringLiteral("many") << QStringList{QStringLiteral("one")} << QString();
+    QTest::newRow("error") << QStringLiteral("error") << QStringList() << QStringLiteral("No luck");
+    QTest::newRow("another type") << QStringLiteral("number") << QStringList() << signature.arg(QLatin1Char('i'));
+    QTest::newRow("a string") << QStringLiteral("text") << QStringList() << signature.arg(QLatin1Char('s'));
+    QTest::newRow("no argument") << QStringLiteral("nothing") << QStringList() << signature.arg(QString());
+    QTest::newRow("client dies") << QStringLiteral("die") << QStringList() << disconnected;
+    QTest::newRow("link dropped") << QStringLiteral("drop") << QStringList() << disconnected;
+}
+
+void TstClientLink::certListReply()
+{
+    QFETCH(QString, word);
+    QFETCH(QStringList, list);
+    QFETCH(QString, warning);
+    MethodFixture fixture;
+    QVERIFY(fixture.link({{certs, QJsonArray{QStringLiteral("one")}}, {QStringLiteral("certsAnswer"), word}}));
+    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
+    LogCapture log;
+
+    QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
+    QTRY_VERIFY(!fixture.isWaiting());
+    QCOMPARE(certLists(fixture), QVector<Call>{certsChanged(list)});
+    QVERIFY(fixture.daemon.outcomes().isEmpty());
+    QVERIFY(!fixture.d->certListInFlight);
+    QVERIFY(!fixture.d->certListPending);
+    if (word == QLatin1String("die"))
+        QTRY_COMPARE(TestDevice::launches().size(), 2);
+    QStringList warnings = log.warnings();
+    warnings.removeOne(terminated);
+    QCOMPARE(warnings, warning.isEmpty() ? QStringList()
+                                         : QStringList{QStringLiteral("getCertList failed: \"%1\"").arg(warning)});
+}
+
+void TstClientLink::certListAskedWhileReported()
+{
+    // A daemon that asks for the list as soon as it is told of it would ask for ever.
+    struct AskingDaemon : RecordingDaemon
+    {
+        MethodKavetPrivate *d = nullptr;
+        QVector<QStringList> answers;
+        void optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
+                           bool computed) override
+        {
+            if (option != certs)
+                return;
+            RecordingDaemon::optionChanged(method, uid, option, value, computed);
+            answers << d->getCertList();
+        }
+    };
+
+    MethodFixture fixture;
+    AskingDaemon daemon;
+    daemon.d = fixture.d;
+    QVERIFY(fixture.link({{certs, QJsonArray{QStringLiteral("one")}}}));
+    fixture.method.setNotificator(&daemon);
+    fixture.d->getCertList();
+    QTRY_COMPARE(daemon.callsOf(QStringLiteral("optionChanged")), QVector<Call>{certsChanged({QStringLiteral("one")})});
+    QCOMPARE(daemon.answers, QVector<QStringList>{QStringList()});
+    QVERIFY(!fixture.d->certListInFlight);
+}
+
+void TstClientLink::linkNeverMade()
+{
+    TestDevice::setScript({{QStringLiteral("socket"), goFile}, {certs, QJsonArray()}});
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    fixture.method.authenticate(TestDevice::alice, {});
+    QTRY_VERIFY(d->child.clientRunning);
+    QCOMPARE(d->getCertList(), QStringList());
+    fixture.method.reset();
+    QVERIFY(TestDevice::writeFile(goFile, {}));
+    QTRY_VERIFY(d->child.socketPresent);
+    QVERIFY(!d->clientInterface);
+
+    fixture.method.reset();
+    QCOMPARE(d->clientStage, int(MethodKavetPrivate::Linked));
+    LogCapture log;
+    fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(success));
+    QTRY_COMPARE(fixture.daemon.outcomes(), QVector<Call>{RecordingDaemon::succeeded()});
+    // The link brings the certificates too.
+    QTRY_COMPARE(certLists(fixture), QVector<Call>{certsChanged({})});
+    QVERIFY(d->connection.isConnected());
+    QVERIFY(log.lines().isEmpty());
+    QCOMPARE(fixture.told().size(), 2);
+}
+
+void TstClientLink::linkDropped_data()
+{
+    QTest::addColumn<bool>("withCert");
+    QTest::newRow("checkPassword") << false;
+    QTest::newRow("validateCert") << true;
+}
+
+void TstClientLink::linkDropped()
+{
+    QFETCH(bool, withCert);
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    QVERIFY(fixture.dropLink());
+    const QPointer<QDBusInterface> proxy = fixture.d->clientInterface.data();
+    fixture.method.reset();
+    QCOMPARE(fixture.d->clientStage, int(MethodKavetPrivate::Linked));
+    LogCapture log;
+
+    fixture.method.authenticate(TestDevice::alice,
+                                withCert ? MethodFixture::AuthData{{QStringLiteral("cert"), QStringLiteral("c")},
+                                                                   {QStringLiteral("pin"), success}}
+                                         : MethodFixture::passwordData(success));
+    QVERIFY(!proxy);
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    QTRY_VERIFY(!fixture.isWaiting());
+    QCOMPARE(fixture.told().size(), 1);
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TstClientLink::socketGone()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    const QPointer<QDBusInterface> proxy = fixture.d->clientInterface.data();
+    QVERIFY(QFile::remove(TestDevice::socketPath));
+    QTRY_VERIFY(!fixture.d->child.socketPresent);
+    LogCapture log;
+
+    fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    QVERIFY(proxy);
+    QCOMPARE(fixture.d->clientInterface.data(), proxy.data());
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TstClientLink::cannotLinkAgain_data()
+{
+    QTest::addColumn<bool>("withCert");
+    QTest::addColumn<bool>("socketPresent");
+    QTest::newRow("checkPassword, no socket") << false << false;
+    QTest::newRow("checkPassword, refused") << false << true;
+    QTest::newRow("validateCert, no socket") << true << false;
+    QTest::newRow("validateCert, refused") << true << true;
+}
+
+void TstClientLink::cannotLinkAgain()
+{
+    QFETCH(bool, withCert);
+    QFETCH(bool, socketPresent);
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    QVERIFY(fixture.dropLink());
+    if (socketPresent) {
+        QVERIFY(replaceSocket());
+    } else {
+        QVERIFY(QFile::remove(TestDevice::socketPath));
+        QTRY_VERIFY(!fixture.d->child.socketPresent);
+    }
+    LogCapture log;
+
+    fixture.method.authenticate(TestDevice::alice,
+                                withCert ? MethodFixture::AuthData{{QStringLiteral("cert"), QStringLiteral("c")},
+                                                                   {QStringLiteral("pin"), success}}
+                                         : MethodFixture::passwordData(success));
+    QCOMPARE(fixture.told(), QVector<Call>{RecordingDaemon::failed(enterPasswordOrPin, cannotCommunicateClient)});
+    QStringList warnings = {failure(withCert ? QStringLiteral("validateCert") : QStringLiteral("checkPassword"),
+                                    QStringLiteral("org.freedesktop.DBus.Error.Disconnected"),
+                                    QStringLiteral("No link to the client"))};
+    if (socketPresent)
+        warnings.prepend(::cannotConnect);
+    QCOMPARE(log.warnings(), warnings);
+    QVERIFY(!fixture.isWaiting());
+    QVERIFY(!fixture.d->pendingAuthData);
+    QCOMPARE(MethodFixture::calledMethods(), QStringList{QStringLiteral("checkPassword")}); // the one that dropped
+}
+
+QTEST_GUILESS_MAIN(TstClientLink)
+#include "tst_clientlink.moc"
