@@ -1,0 +1,787 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "methodfixture.h"
+#include "support/logcapture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QProcessEnvironment>
+#include <QSettings>
+#include <QTest>
+
+#include <cerrno>
+#include <functional>
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace TestDevice;
+
+namespace {
+
+const QString groupFile = QStringLiteral("/etc/group");
+const QString passwdFile = QStringLiteral("/etc/passwd");
+const QString aliceFile = sharedDirectory + QStringLiteral("/1000.conf");
+const QString sharedParent = QStringLiteral("/srv/shared/tarsk");
+constexpr uint unknownUser = 4242;
+
+uint authFactor()
+{
+    return groupId("auth-factor");
+}
+
+/// Who owns what stands at `path`: "uid:gid"; "none" when nothing does.
+QString owner(const QString &path)
+{
+    struct stat status = {};
+    if (lstat(QFile::encodeName(path).constData(), &status) == -1)
+        return QStringLiteral("none");
+    return QStringLiteral("%1:%2").arg(status.st_uid).arg(status.st_gid);
+}
+
+mode_t mode(const QString &path)
+{
+    struct stat status = {};
+    return lstat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_mode & 07777 : mode_t(-1);
+}
+
+/// All that a launch may leave behind.
+struct Trace
+{
+    uint budget = 11;
+    uint uid = 0;
+    uint gid = 0;
+    QString userConfigPath;
+    QString clientDirectoryOwner = QStringLiteral("0:0");
+    QString sharedDirectoryOwner = QStringLiteral("none");
+    QString fileOwner = QStringLiteral("none");
+    QStringList watched = {clientDirectory};
+    QProcess::ProcessState process = QProcess::NotRunning;
+
+    static Trace of(const MethodKavetPrivate *d)
+    {
+        Trace trace;
+        trace.budget = d->launchBudget;
+        trace.uid = d->child.uid;
+        trace.gid = d->child.gid;
+        trace.userConfigPath = d->child.userConfigPath;
+        trace.clientDirectoryOwner = owner(clientDirectory);
+        trace.sharedDirectoryOwner = owner(sharedDirectory);
+        trace.fileOwner = owner(aliceFile);
+        trace.watched = d->watcher.directories() + d->watcher.files();
+        trace.process = d->child.state();
+        return trace;
+    }
+
+    QStringList texts() const
+    {
+        QStringList sorted = watched;
+        sorted.sort();
+        return {QStringLiteral("budget %1").arg(budget),
+                QStringLiteral("identity %1:%2").arg(uid).arg(gid),
+                QStringLiteral("file ") + userConfigPath,
+                QStringLiteral("client directory ") + clientDirectoryOwner,
+                QStringLiteral("shared directory ") + sharedDirectoryOwner,
+                QStringLiteral("file owner ") + fileOwner,
+                QStringLiteral("watched ") + sorted.join(QLatin1Char(' ')),
+                QStringLiteral("process %1").arg(process)};
+    }
+};
+
+/// The trace of a launch that failed before it got an identity.
+Trace failedEarly()
+{
+    Trace trace;
+    trace.budget = 10;
+    return trace;
+}
+
+/// The trace of a launch that failed before anything was handed over.
+Trace failedWithIdentity(uint uid, uint gid)
+{
+    Trace trace = failedEarly();
+    trace.uid = uid;
+    trace.gid = gid;
+    return trace;
+}
+
+QString handedOver()
+{
+    return QStringLiteral("1000:%1").arg(authFactor());
+}
+
+/// A read-only mount over a directory, for as long as the object lives.
+class ReadOnly
+{
+public:
+    explicit ReadOnly(const QString &path)
+        : m_path(QFile::encodeName(path))
+        , m_mounted(mount(m_path.constData(), m_path.constData(), nullptr, MS_BIND, nullptr) == 0)
+        , m_sealed(m_mounted
+                   && mount(nullptr, m_path.constData(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0)
+    {
+    }
+    ~ReadOnly()
+    {
+        if (m_mounted)
+            umount2(m_path.constData(), MNT_DETACH);
+    }
+    bool sealed() const { return m_sealed; }
+
+private:
+    const QByteArray m_path;
+    const bool m_mounted;
+    const bool m_sealed;
+
+    Q_DISABLE_COPY(ReadOnly)
+};
+
+/// Notes what was watched, and what else had been done, when an option was changed.
+class Onlooker : public RecordingDaemon
+{
+public:
+    explicit Onlooker(MethodKavetPrivate *method)
+        : d(method)
+    {
+    }
+    void optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
+                       bool computed) override
+    {
+        RecordingDaemon::optionChanged(method, uid, option, value, computed);
+        traces << Trace::of(d).texts();
+    }
+
+    QVector<QStringList> traces;
+
+private:
+    MethodKavetPrivate *const d;
+};
+
+} // namespace
+
+class TstLaunch : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void launches();
+    void launcherAndArguments();
+    void environment();
+    void homeIgnoresTheDatabase();
+    void identity();
+    void attemptsAreTheDaemons();
+    void userFileKeepsOtherKeys();
+    void userFileIsWrittenAtTheEnd();
+    void policyIsReadBeforeItIsWatched();
+    void noPolicyFile();
+    void directoriesKeepTheirModes();
+    void onlyTheLastElementIsHandedOver();
+    void namesMakeTheDirectories();
+
+    void runningClient();
+    void budget();
+    void failuresUseUpTheBudget();
+    void failures_data();
+    void failures();
+    void userFileCannotBeGiven_data();
+    void userFileCannotBeGiven();
+    void sharedDirectoryCannotBeGiven();
+    void clientDirectoryCannotBeGiven();
+    void prepareEnvironmentAlone();
+    void launcherMissing();
+
+private:
+    QByteArray m_groups;
+    QByteArray m_passwords;
+
+    bool replaceGroup(const QByteArray &line);
+};
+
+void TstLaunch::initTestCase()
+{
+    reset();
+    m_groups = readFile(groupFile);
+    m_passwords = readFile(passwdFile);
+    QVERIFY(m_groups.contains("\nauth-factor:") || m_groups.startsWith("auth-factor:"));
+    QVERIFY(authFactor() != 0);
+    QVERIFY(groupId("inet") != 0);
+}
+
+void TstLaunch::init()
+{
+    reset();
+}
+
+void TstLaunch::cleanup()
+{
+    QVERIFY(writeFile(groupFile, m_groups));
+    QVERIFY(writeFile(passwdFile, m_passwords));
+}
+
+/// Puts `line` in the place of the one of the group "auth-factor".
+bool TstLaunch::replaceGroup(const QByteArray &line)
+{
+    QByteArray groups;
+    const QList<QByteArray> lines = m_groups.split('\n');
+    for (const QByteArray &entry : lines) {
+        if (!entry.startsWith("auth-factor:") && !entry.isEmpty())
+            groups += entry + '\n';
+    }
+    return writeFile(groupFile, groups + line);
+}
+
+void TstLaunch::launches()
+{
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QCOMPARE(Trace::of(f.d).texts(), Trace().texts());
+    LogCapture log(true);
+
+    QVERIFY(f.d->launchChild());
+    Trace expected;
+    expected.budget = 10;
+    expected.uid = alice;
+    expected.gid = authFactor();
+    expected.userConfigPath = aliceFile;
+    expected.clientDirectoryOwner = handedOver();
+    expected.sharedDirectoryOwner = handedOver();
+    expected.fileOwner = handedOver();
+    expected.watched = QStringList{clientDirectory, sharedDirectory, aliceFile};
+    // Whether the program could be started is not known yet.
+    expected.process = QProcess::Starting;
+    QCOMPARE(Trace::of(f.d).texts(), expected.texts());
+
+    QCOMPARE(mode(aliceFile), mode_t(0600));
+    QCOMPARE(readFile(aliceFile), QByteArray("[General]\nattempts=0\n"));
+    QVERIFY(log.warnings().isEmpty());
+    QVERIFY(log.criticals().isEmpty());
+    QVERIFY(f.daemon.calls.isEmpty());
+
+    QTRY_COMPARE(TestDevice::launches().size(), 1);
+    QTRY_VERIFY(f.d->child.clientRunning);
+}
+
+void TstLaunch::launcherAndArguments()
+{
+    QVERIFY(writeManifest(QStringLiteral("tarsk"), QStringLiteral("kavet_client"),
+                          QStringLiteral("/usr/bin/tarsk.kavet_client -x  'y z'"), {QStringLiteral("Token")}));
+    QVERIFY(writeFile(QStringLiteral("/etc/varnet/permissions/Token.permission"), "net none"));
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+
+    QTRY_COMPARE(TestDevice::launches().size(), 1);
+    const QStringList expected = f.d->getLaunchArgs();
+    QCOMPARE(expected.size(), 21);
+    QCOMPARE(TestDevice::launches().first().value(QLatin1String("arguments")).toArray(),
+             QJsonArray::fromStringList(expected));
+    QCOMPARE(f.d->child.program(), QStringLiteral("/usr/bin/firejail"));
+    QCOMPARE(f.d->child.openMode() & QIODevice::ReadWrite, QIODevice::OpenMode(QIODevice::ReadWrite));
+}
+
+void TstLaunch::environment()
+{
+    qputenv("HOME", "/root/elsewhere");
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/tmp/other");
+    qputenv("KAVET_TEST_EMPTY", "");
+    qputenv("KAVET_TEST_ODD", "a=b; \"c\"\n${HOME}");
+    const QProcessEnvironment own = QProcessEnvironment::systemEnvironment();
+    QVERIFY(own.contains(QStringLiteral("PATH")));
+    QVERIFY(own.contains(QStringLiteral("KAVET_TEST_EMPTY")));
+
+    QJsonObject expected;
+    const QStringList keys = own.keys();
+    for (const QString &key : keys)
+        expected.insert(key, own.value(key));
+    expected.insert(QStringLiteral("HOME"), QStringLiteral("/home/bob"));
+    expected.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
+                    QStringLiteral("unix:path=/run/user/1001/dbus/user_bus_socket"));
+
+    MethodFixture f;
+    f.d->currentUid = bob;
+    QVERIFY(f.d->launchChild());
+    QTRY_COMPARE(TestDevice::launches().size(), 1);
+    QCOMPARE(TestDevice::launches().first().value(QLatin1String("environment")).toObject(), expected);
+    // The daemon's own is not touched.
+    QCOMPARE(qgetenv("HOME"), QByteArray("/root/elsewhere"));
+    QCOMPARE(qgetenv("DBUS_SESSION_BUS_ADDRESS"), QByteArray("unix:path=/tmp/other"));
+
+    for (const char *variable : {"DBUS_SESSION_BUS_ADDRESS", "KAVET_TEST_EMPTY", "KAVET_TEST_ODD"})
+        qunsetenv(variable);
+}
+
+void TstLaunch::homeIgnoresTheDatabase()
+{
+    QVERIFY(m_passwords.contains(":/home/alice:"));
+    QVERIFY(writeFile(passwdFile, QByteArray(m_passwords).replace(":/home/alice:", ":/opt/a lice:")));
+
+    MethodFixture f;
+    f.d->currentUid = alice;
+    qunsetenv("HOME");
+    QVERIFY(f.d->launchChild());
+    QTRY_COMPARE(TestDevice::launches().size(), 1);
+    const QJsonObject variables = TestDevice::launches().first().value(QLatin1String("environment")).toObject();
+    QCOMPARE(variables.value(QLatin1String("HOME")).toString(), QStringLiteral("/home/alice"));
+    QCOMPARE(variables.value(QLatin1String("DBUS_SESSION_BUS_ADDRESS")).toString(),
+             QStringLiteral("unix:path=/run/user/1000/dbus/user_bus_socket"));
+}
+
+void TstLaunch::identity()
+{
+    MethodFixture f;
+    f.d->currentUid = bob;
+    QVERIFY(f.d->launchChild());
+    QTRY_COMPARE(TestDevice::launches().size(), 1);
+
+    const QJsonObject launch = TestDevice::launches().first();
+    const int group = int(authFactor());
+    QCOMPARE(launch.value(QLatin1String("uids")).toArray(), (QJsonArray{1001, 1001, 1001}));
+    QCOMPARE(launch.value(QLatin1String("gids")).toArray(), (QJsonArray{group, group, group}));
+    QCOMPARE(launch.value(QLatin1String("groups")).toArray(), QJsonArray{int(groupId("inet"))});
+    QCOMPARE(launch.value(QLatin1String("directory")).toString(), QDir::currentPath());
+}
+
+void TstLaunch::attemptsAreTheDaemons()
+{
+    MethodFixture f;
+    QVERIFY(f.method.setOptionInternal(alice, QStringLiteral("attempts"), 7));
+    QVERIFY(f.method.setOptionInternal(bob, QStringLiteral("attempts"), 3));
+    QVERIFY(writeSetting(aliceFile, QStringLiteral("attempts"), QStringLiteral("2")));
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(readFile(aliceFile), QByteArray("[General]\nattempts=7\n"));
+    // Written in place, so that it is still the client's.
+    QCOMPARE(owner(aliceFile), handedOver());
+    QCOMPARE(mode(aliceFile), mode_t(0600));
+}
+
+void TstLaunch::userFileKeepsOtherKeys()
+{
+    QVERIFY(writeFile(aliceFile, "[General]\nname=Ann\nattempts=9\n\n[Token]\nslot=4\n"));
+    QVERIFY(setOwner(aliceFile, alice, alice));
+    QVERIFY(chmod(QFile::encodeName(aliceFile).constData(), 0644) == 0);
+    const ino_t inode = [] {
+        struct stat status = {};
+        return stat(QFile::encodeName(aliceFile).constData(), &status) == 0 ? status.st_ino : 0;
+    }();
+
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    const QSettings settings(aliceFile, QSettings::NativeFormat);
+    QCOMPARE(settings.allKeys(),
+             (QStringList{QStringLiteral("Token/slot"), QStringLiteral("attempts"), QStringLiteral("name")}));
+    QCOMPARE(settings.value(QStringLiteral("attempts")), QVariant(QStringLiteral("0")));
+    QCOMPARE(settings.value(QStringLiteral("name")), QVariant(QStringLiteral("Ann")));
+    QCOMPARE(settings.value(QStringLiteral("Token/slot")), QVariant(QStringLiteral("4")));
+    QCOMPARE(owner(aliceFile), handedOver());
+    QCOMPARE(mode(aliceFile), mode_t(0600));
+    struct stat status = {};
+    QCOMPARE(stat(QFile::encodeName(aliceFile).constData(), &status), 0);
+    QCOMPARE(status.st_ino, inode);
+}
+
+void TstLaunch::userFileIsWrittenAtTheEnd()
+{
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QByteArray content("not seen");
+    QStringList trace;
+    connect(&f.d->child, &QProcess::stateChanged, this, [&](QProcess::ProcessState state) {
+        if (state == QProcess::Starting) {
+            content = readFile(aliceFile);
+            trace = Trace::of(f.d).texts();
+        }
+    });
+    QVERIFY(f.d->launchChild());
+    // By the time that the process is started all is prepared, but the file not yet written.
+    QCOMPARE(content, QByteArray(""));
+    QCOMPARE(trace, Trace::of(f.d).texts());
+    QCOMPARE(readFile(aliceFile), QByteArray("[General]\nattempts=0\n"));
+}
+
+void TstLaunch::policyIsReadBeforeItIsWatched()
+{
+    QVERIFY(writeSetting(currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("4")));
+    MethodFixture f;
+    // The constructor found the shared directory, as this policy lies in it.
+    QCOMPARE(f.d->watcher.directories(), (QStringList{clientDirectory, sharedDirectory}));
+    f.d->watcher.removePath(sharedDirectory);
+    Onlooker onlooker(f.d);
+    f.method.setNotificator(&onlooker);
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+
+    const QVector<RecordingDaemon::Call> expected = {
+        {QStringLiteral("optionChanged"), {0u, QStringLiteral("max-attempts"), QStringLiteral("4"), false}}};
+    QCOMPARE(onlooker.calls, expected);
+    Trace then = failedWithIdentity(alice, authFactor());
+    then.clientDirectoryOwner = handedOver();
+    then.sharedDirectoryOwner = handedOver();
+    then.watched = QStringList{clientDirectory, sharedDirectory};
+    QCOMPARE(onlooker.traces, QVector<QStringList>{then.texts()});
+    QCOMPARE(f.d->watcher.files(), (QStringList{currentPolicy, aliceFile}));
+    f.method.setNotificator(&f.daemon);
+}
+
+void TstLaunch::noPolicyFile()
+{
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(f.d->watcher.files(), QStringList{aliceFile});
+    QVERIFY(f.daemon.calls.isEmpty());
+}
+
+void TstLaunch::directoriesKeepTheirModes()
+{
+    MethodFixture f;
+    QCOMPARE(chmod(QFile::encodeName(clientDirectory).constData(), 0711), 0);
+    const mode_t mask = umask(027);
+    f.d->currentUid = alice;
+    const bool launched = f.d->launchChild();
+    umask(mask);
+    QVERIFY(launched);
+    QCOMPARE(mode(clientDirectory), mode_t(0711));
+    QCOMPARE(mode(sharedDirectory), mode_t(0750));
+
+    QCOMPARE(chmod(QFile::encodeName(sharedDirectory).constData(), 0700), 0);
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(mode(sharedDirectory), mode_t(0700));
+}
+
+void TstLaunch::onlyTheLastElementIsHandedOver()
+{
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(owner(QStringLiteral("/run/aux-auth")), QStringLiteral("0:0"));
+    QCOMPARE(owner(QStringLiteral("/run/aux-auth/tarsk")), QStringLiteral("0:0"));
+    QCOMPARE(owner(clientDirectory), handedOver());
+    QCOMPARE(owner(QStringLiteral("/srv/shared")), QStringLiteral("0:0"));
+    QCOMPARE(owner(sharedParent), QStringLiteral("0:0"));
+    QCOMPARE(owner(sharedDirectory), handedOver());
+}
+
+void TstLaunch::namesMakeTheDirectories()
+{
+    QVERIFY(writeManifest(QStringLiteral("acme"), QStringLiteral("key ring"),
+                          QStringLiteral("/usr/bin/tarsk.kavet_client"), {}));
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(owner(QStringLiteral("/srv/shared/acme/key ring")), handedOver());
+    QCOMPARE(f.d->child.userConfigPath, QStringLiteral("/srv/shared/acme/key ring/1000.conf"));
+    QCOMPARE(owner(QStringLiteral("/srv/shared/acme/key ring/1000.conf")), handedOver());
+    QCOMPARE(owner(sharedDirectory), QStringLiteral("none"));
+    QCOMPARE(f.d->watcher.directories(), (QStringList{clientDirectory, QStringLiteral("/srv/shared/acme/key ring")}));
+}
+
+void TstLaunch::runningClient()
+{
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    QTRY_VERIFY(f.d->child.clientRunning);
+    QTRY_COMPARE(TestDevice::launches().size(), 1);
+    const QStringList before = Trace::of(f.d).texts();
+    QVERIFY(before.contains(QStringLiteral("budget 10")));
+
+    LogCapture log(true);
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(Trace::of(f.d).texts(), before);
+    // It counts before everything else that would keep it from being launched.
+    f.d->launchBudget = 0;
+    f.d->currentUid = 0;
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(f.d->launchBudget, 0u);
+    QVERIFY(log.lines().isEmpty());
+    QCOMPARE(TestDevice::launches().size(), 1);
+}
+
+void TstLaunch::budget()
+{
+    setScript({{QStringLiteral("exit"), 0}});
+    MethodFixture f;
+    QCOMPARE(f.d->launchBudget, 11u);
+    // A client that ends is launched again for as long as there is a user and a budget.
+    f.method.authenticate(alice, {});
+    QTRY_COMPARE(f.d->launchBudget, 0u);
+    QTRY_VERIFY(!f.daemon.outcomes().isEmpty());
+    QCOMPARE(f.d->child.state(), QProcess::NotRunning);
+    QCOMPARE(TestDevice::launches().size(), 11);
+    QCOMPARE(f.daemon.outcomes(), QVector<RecordingDaemon::Call>{RecordingDaemon::failed(
+                                      SettingsKavet::Connecting, SettingsKavet::CannotStartClient)});
+
+    LogCapture log(true);
+    const QStringList before = Trace::of(f.d).texts();
+    QVERIFY(!f.d->launchChild());
+    QCOMPARE(Trace::of(f.d).texts(), before);
+    QVERIFY(log.lines().isEmpty());
+
+    f.method.reset();
+    QCOMPARE(f.d->launchBudget, 11u);
+    setScript({});
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(f.d->launchBudget, 10u);
+    QTRY_COMPARE(TestDevice::launches().size(), 12);
+}
+
+void TstLaunch::failuresUseUpTheBudget()
+{
+    MethodFixture f;
+    f.d->currentUid = unknownUser;
+    for (uint left = 11; left > 0; --left) {
+        QCOMPARE(f.d->launchBudget, left);
+        QVERIFY(!f.d->launchChild());
+    }
+    f.d->currentUid = alice;
+    LogCapture log(true);
+    QVERIFY(!f.d->launchChild());
+    QCOMPARE(f.d->launchBudget, 0u);
+    QVERIFY(log.lines().isEmpty());
+}
+
+using Damage = std::function<void(MethodKavetPrivate *)>;
+Q_DECLARE_METATYPE(Damage)
+Q_DECLARE_METATYPE(Trace)
+Q_DECLARE_METATYPE(LogCapture::Line)
+
+void TstLaunch::failures_data()
+{
+    // What is wrong, in the order in which it is noticed; each row adds what is noticed later, which must not matter.
+    const Damage noManifest = [](MethodKavetPrivate *d) {
+        d->child.manifestExists = false;
+    };
+    const Damage noSharedDirectory = [](MethodKavetPrivate *d) {
+        d->child.sharedDirectory.clear();
+    };
+    const Damage noUser = [](MethodKavetPrivate *d) {
+        d->currentUid = unknownUser;
+    };
+    const Damage noGroup = [this](MethodKavetPrivate *) {
+        QVERIFY(replaceGroup({}));
+    };
+    const Damage noCommand = [](MethodKavetPrivate *d) {
+        d->child.exec.clear();
+    };
+    const Damage root = [](MethodKavetPrivate *d) {
+        d->currentUid = 0;
+    };
+    const Damage rootGroup = [this](MethodKavetPrivate *) {
+        QVERIFY(replaceGroup("auth-factor:x:0:\n"));
+    };
+    const Damage noClientDirectory = [](MethodKavetPrivate *d) {
+        d->watcher.removePath(clientDirectory);
+        QVERIFY(QDir().rmdir(clientDirectory));
+    };
+    const Damage fileInTheWay = [](MethodKavetPrivate *) {
+        QVERIFY(writeFile(sharedParent, "in the way"));
+    };
+    const auto all = [](const QVector<Damage> &damages) {
+        return Damage([damages](MethodKavetPrivate *d) {
+            for (const Damage &damage : damages)
+                damage(d);
+        });
+    };
+    const auto critical = [](const char *text) {
+        return QVector<LogCapture::Line>{
+            {QtCriticalMsg, QStringLiteral("authd.method.kavet"), QString::fromLatin1(text)}};
+    };
+
+    QTest::addColumn<Damage>("damage");
+    QTest::addColumn<QVector<LogCapture::Line>>("lines");
+    QTest::addColumn<Trace>("trace");
+
+    Trace noDirectory = failedEarly();
+    noDirectory.watched.clear();
+    noDirectory.clientDirectoryOwner = QStringLiteral("none");
+
+    QTest::newRow("no manifest") << noManifest << QVector<LogCapture::Line>() << failedEarly();
+    QTest::newRow("no manifest, and more")
+        << all({noManifest, noSharedDirectory, noUser, noGroup}) << QVector<LogCapture::Line>() << failedEarly();
+    QTest::newRow("no shared directory") << noSharedDirectory << critical("Shared directory is not set")
+                                         << failedEarly();
+    QTest::newRow("no shared directory, and more") << all({noSharedDirectory, noUser, noGroup, noCommand})
+                                                   << critical("Shared directory is not set") << failedEarly();
+    QTest::newRow("no user") << noUser << critical("Cannot name for 4242") << failedEarly();
+    QTest::newRow("no user, and more") << all({noUser, noGroup, noCommand, noClientDirectory})
+                                       << critical("Cannot name for 4242") << noDirectory;
+    QTest::newRow("no group") << noGroup << critical("Cannot get GID of \"auth-factor\"") << failedEarly();
+    QTest::newRow("no group, and more") << all({root, noGroup, noCommand, noClientDirectory})
+                                        << critical("Cannot get GID of \"auth-factor\"") << noDirectory;
+    QTest::newRow("no command") << noCommand << critical("Empty ExecCmd= statement in desktop file.")
+                                << failedWithIdentity(alice, authFactor());
+    noDirectory.uid = alice;
+    noDirectory.gid = authFactor();
+    QTest::newRow("no command, and more")
+        << all({noCommand, noClientDirectory}) << critical("Empty ExecCmd= statement in desktop file.") << noDirectory;
+    QTest::newRow("root and no command") << all({root, noCommand})
+                                         << critical("Empty ExecCmd= statement in desktop file.")
+                                         << failedWithIdentity(0, authFactor());
+    QTest::newRow("root") << root << QVector<LogCapture::Line>() << failedWithIdentity(0, authFactor());
+    QTest::newRow("root's group") << rootGroup << QVector<LogCapture::Line>() << failedWithIdentity(alice, 0);
+    QTest::newRow("no client directory") << noClientDirectory << critical("Cannot change owner of directory")
+                                         << noDirectory;
+    QTest::newRow("no client directory, and more")
+        << all({noClientDirectory, fileInTheWay}) << critical("Cannot change owner of directory") << noDirectory;
+    Trace noShared = failedWithIdentity(alice, authFactor());
+    noShared.clientDirectoryOwner = handedOver();
+    QTest::newRow("shared directory cannot be made")
+        << fileInTheWay
+        << QVector<LogCapture::Line>{{QtWarningMsg, QStringLiteral("authd.method.kavet"),
+                                      QStringLiteral("Cannot create directory")}}
+        << noShared;
+}
+
+void TstLaunch::failures()
+{
+    QFETCH(Damage, damage);
+    QFETCH(QVector<LogCapture::Line>, lines);
+    QFETCH(Trace, trace);
+
+    MethodFixture f;
+    f.d->currentUid = alice;
+    damage(f.d);
+    LogCapture log(true);
+    QVERIFY(!f.d->launchChild());
+    const QVector<LogCapture::Line> written = log.lines();
+    QCOMPARE(written.size(), lines.size());
+    for (int i = 0; i < lines.size(); ++i) {
+        QCOMPARE(written.at(i).text, lines.at(i).text);
+        QCOMPARE(written.at(i).level, lines.at(i).level);
+        QCOMPARE(written.at(i).category, lines.at(i).category);
+    }
+    QCOMPARE(Trace::of(f.d).texts(), trace.texts());
+    QVERIFY(f.daemon.calls.isEmpty());
+    QVERIFY(TestDevice::launches().isEmpty());
+}
+
+void TstLaunch::userFileCannotBeGiven_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<int>("error");
+    QTest::newRow("link") << QStringLiteral("link") << ELOOP;
+    QTest::newRow("directory") << QStringLiteral("directory") << EISDIR;
+    QTest::newRow("FIFO") << QStringLiteral("fifo") << EINVAL;
+    QTest::newRow("second link") << QStringLiteral("hard") << EMLINK;
+    QTest::newRow("another user's") << QStringLiteral("bob") << EPERM;
+}
+
+void TstLaunch::userFileCannotBeGiven()
+{
+    QFETCH(QString, kind);
+    QFETCH(int, error);
+
+    QVERIFY(writeSetting(currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("2")));
+    if (kind == QLatin1String("link")) {
+        QVERIFY(QFile::link(QStringLiteral("/nowhere"), aliceFile));
+    } else if (kind == QLatin1String("directory")) {
+        QVERIFY(QDir().mkdir(aliceFile));
+    } else if (kind == QLatin1String("fifo")) {
+        QCOMPARE(mkfifo(QFile::encodeName(aliceFile).constData(), 0666), 0);
+    } else if (kind == QLatin1String("hard")) {
+        QVERIFY(writeFile(aliceFile, "x=1\n"));
+        QCOMPARE(link(QFile::encodeName(aliceFile).constData(), "/srv/shared/tarsk/kavet_client/second"), 0);
+    } else {
+        QVERIFY(writeFile(aliceFile, "x=1\n"));
+        QVERIFY(setOwner(aliceFile, bob, bob));
+    }
+    const QString ownerBefore = owner(aliceFile);
+
+    MethodFixture f;
+    f.d->currentUid = alice;
+    LogCapture log(true);
+    QVERIFY(!f.d->launchChild());
+    QCOMPARE(log.warnings(), QStringList{QStringLiteral("launchChild Cannot set owner of "
+                                                        "\"/srv/shared/tarsk/kavet_client/1000.conf\" to 1000 %1 %2")
+                                             .arg(authFactor())
+                                             .arg(error)});
+    QCOMPARE(log.lines().size(), 1);
+
+    // What was done before stays done.
+    Trace expected = failedWithIdentity(alice, authFactor());
+    expected.userConfigPath = aliceFile;
+    expected.clientDirectoryOwner = handedOver();
+    expected.sharedDirectoryOwner = handedOver();
+    expected.fileOwner = ownerBefore;
+    expected.watched = QStringList{clientDirectory, sharedDirectory, currentPolicy};
+    QCOMPARE(Trace::of(f.d).texts(), expected.texts());
+    QCOMPARE(f.daemon.calls.size(), 1);
+    QCOMPARE(f.daemon.calls.first().arguments,
+             (QVariantList{0u, QStringLiteral("max-attempts"), QStringLiteral("2"), false}));
+    QVERIFY(TestDevice::launches().isEmpty());
+    if (kind == QLatin1String("hard") || kind == QLatin1String("bob"))
+        QCOMPARE(readFile(aliceFile), QByteArray("x=1\n"));
+}
+
+void TstLaunch::sharedDirectoryCannotBeGiven()
+{
+    MethodFixture f;
+    QVERIFY(QDir().mkpath(sharedDirectory));
+    const ReadOnly readOnly(sharedDirectory);
+    QVERIFY2(readOnly.sealed(), "a read-only mount is needed for this");
+    f.d->currentUid = alice;
+    LogCapture log(true);
+    QVERIFY(!f.d->launchChild());
+    QCOMPARE(log.criticals(), QStringList{QStringLiteral("Cannot change owner of directory.")});
+    QCOMPARE(log.lines().size(), 1);
+
+    Trace expected = failedWithIdentity(alice, authFactor());
+    expected.clientDirectoryOwner = handedOver();
+    expected.sharedDirectoryOwner = QStringLiteral("0:0");
+    QCOMPARE(Trace::of(f.d).texts(), expected.texts());
+}
+
+void TstLaunch::clientDirectoryCannotBeGiven()
+{
+    MethodFixture f;
+    const ReadOnly readOnly(clientDirectory);
+    QVERIFY2(readOnly.sealed(), "a read-only mount is needed for this");
+    f.d->currentUid = alice;
+    LogCapture log(true);
+    QVERIFY(!f.d->launchChild());
+    QCOMPARE(log.criticals(), QStringList{QStringLiteral("Cannot change owner of directory")});
+    QCOMPARE(log.lines().size(), 1);
+    QCOMPARE(Trace::of(f.d).texts(), failedWithIdentity(alice, authFactor()).texts());
+}
+
+void TstLaunch::prepareEnvironmentAlone()
+{
+    MethodFixture f;
+    f.d->child.uid = bob;
+    f.d->child.gid = alice;
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(owner(clientDirectory), QStringLiteral("1001:1000"));
+    QCOMPARE(owner(sharedDirectory), QStringLiteral("1001:1000"));
+    QCOMPARE(owner(sharedParent), QStringLiteral("0:0"));
+
+    // Taken over again for the next user.
+    f.d->child.uid = alice;
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(owner(clientDirectory), QStringLiteral("1000:1000"));
+    QCOMPARE(owner(sharedDirectory), QStringLiteral("1000:1000"));
+}
+
+void TstLaunch::launcherMissing()
+{
+    QVERIFY(QFile::remove(launcher));
+    MethodFixture f;
+    f.d->currentUid = alice;
+    // That it does not start is learnt from the process.
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(f.d->launchBudget, 10u);
+    QTRY_COMPARE(f.d->child.state(), QProcess::NotRunning);
+    QVERIFY(!f.d->child.clientRunning);
+}
+
+QTEST_GUILESS_MAIN(TstLaunch)
+#include "tst_launch.moc"
