@@ -299,8 +299,8 @@ private Q_SLOTS:
         QFETCH(bool, socket);
         QFETCH(int, stage);
 
-        MethodKavet method;
         RecordingDaemon daemon;
+        MethodKavet method;
         method.setNotificator(&daemon);
         MethodKavetPrivate *const d = privateOf(method);
         for (int before : {1, 2, 3}) {
@@ -328,8 +328,8 @@ private Q_SLOTS:
 
     void resetKeepsTheClient()
     {
-        MethodKavet method;
         RecordingDaemon daemon;
+        MethodKavet method;
         method.setNotificator(&daemon);
         MethodKavetPrivate *const d = privateOf(method);
         // The socket counts only once the process is known to run.
@@ -348,8 +348,8 @@ private Q_SLOTS:
     void authenticateStoresTheRequest()
     {
         using Data = QMap<QString, QVariant>;
-        MethodKavet method;
         RecordingDaemon daemon;
+        MethodKavet method;
         method.setNotificator(&daemon);
         MethodKavetPrivate *const d = privateOf(method);
         // With this the flow stops before it takes the request up.
@@ -373,8 +373,8 @@ private Q_SLOTS:
 
     void authenticateRunsTheFlow()
     {
-        MethodKavet method;
         RecordingDaemon daemon;
+        MethodKavet method;
         method.setNotificator(&daemon);
         privateOf(method)->launchBudget = 0;
         method.authenticate(TestDevice::alice, {{QStringLiteral("password"), QStringLiteral("p")}});
