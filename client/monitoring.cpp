@@ -64,7 +64,9 @@ void MethodKavetPrivate::setChildUnavailable(bool wasRunning)
     if (!wasRunning)
         return;
 
+    // The library keeps a connection open for as long as anything refers to it.
     QDBusConnection::disconnectFromPeer(Constants::peerConnection);
+    connection = QDBusConnection(QString());
     watcher.removePath(child.userConfigPath);
     child.userConfigPath.clear();
     watcher.removePath(Constants::currentPolicyFile);
