@@ -1,0 +1,663 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "methodfixture.h"
+#include "support/logcapture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QHash>
+#include <QSettings>
+#include <QTest>
+
+#include <sys/stat.h>
+
+using namespace TestDevice;
+
+namespace {
+
+const QString aliceFile = sharedDirectory + QStringLiteral("/1000.conf");
+const QString attempts = QStringLiteral("attempts");
+const QString maxAttempts = QStringLiteral("max-attempts");
+constexpr uint group = 960;
+constexpr uint unknownOwner = 4294967294;
+
+QString owner(const QString &path)
+{
+    struct stat status = {};
+    if (lstat(QFile::encodeName(path).constData(), &status) == -1)
+        return QStringLiteral("none");
+    return QStringLiteral("%1:%2").arg(status.st_uid).arg(status.st_gid);
+}
+
+RecordingDaemon::Call changed(uint uid, const QString &option, const QVariant &value)
+{
+    return {QStringLiteral("optionChanged"), {uid, option, value, false}};
+}
+
+using Calls = QVector<RecordingDaemon::Call>;
+
+/// Gives the file that stands at `path` new content without making it another file.
+bool rewrite(const QString &path, const QString &key, const QString &value)
+{
+    return writeSetting(path, key, value);
+}
+
+/// Puts a new file in the place of `path`.
+bool replace(const QString &path, const QString &key, const QString &value)
+{
+    const QString next = QStringLiteral("/srv/shared/tarsk/next");
+    return writeSetting(next, key, value)
+           && rename(QFile::encodeName(next).constData(), QFile::encodeName(path).constData()) == 0;
+}
+
+/// A client that runs as alice, without a process.
+struct WatchingFixture : MethodFixture
+{
+    WatchingFixture()
+    {
+        d->child.clientRunning = true;
+        d->child.uid = alice;
+        d->child.gid = group;
+        d->child.userConfigPath = aliceFile;
+        QDir().mkpath(sharedDirectory);
+    }
+};
+
+/// Notes which files were watched when an option was changed.
+class Onlooker : public RecordingDaemon
+{
+public:
+    explicit Onlooker(MethodKavetPrivate *method)
+        : d(method)
+    {
+    }
+    void optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
+                       bool computed) override
+    {
+        RecordingDaemon::optionChanged(method, uid, option, value, computed);
+        watched << d->watcher.files();
+    }
+
+    QVector<QStringList> watched;
+
+private:
+    MethodKavetPrivate *const d;
+};
+
+} // namespace
+
+class TstWatching : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+
+    void directoriesAreToldApart();
+    void directoriesInOrder();
+
+    void socketOfClientThatDoesNotRun();
+    void socketRemoved();
+    void socketOfWrongOwner_data();
+    void socketOfWrongOwner();
+    void socketAppeared();
+    void socketAppearedDuringAuthentication();
+    void socketIsSeen();
+
+    void sharedDirectoryWithoutUser_data();
+    void sharedDirectoryWithoutUser();
+    void userFileIsTakenUp();
+    void userFileCannotBeGiven();
+    void attemptsAsRead_data();
+    void attemptsAsRead();
+    void policyIsTakenUp();
+    void userFileComesBeforePolicy();
+
+    void fileChanged();
+    void fileThatIsBoth();
+
+    void filesAreFollowed_data();
+    void filesAreFollowed();
+    void noStorm_data();
+    void noStorm();
+    void nothingIsWatchedTwice();
+};
+
+void TstWatching::init()
+{
+    reset();
+    QCOMPARE(groupId("auth-factor"), group);
+}
+
+void TstWatching::directoriesAreToldApart()
+{
+    MethodFixture f;
+    const QString home = QStringLiteral("/home/carol");
+    QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("4")));
+    f.d->child.clientRunning = true;
+    f.d->child.homeDirectory = home;
+    LogCapture log(true);
+
+    f.d->handleChildDirectoryChanged(clientDirectory);
+    QCOMPARE(log.lines().size(), 1);
+    QCOMPARE(log.debugs(), QStringList{QStringLiteral("handleChildSocket kavet client socket removed")});
+    QVERIFY(f.daemon.calls.isEmpty());
+
+    log.clear();
+    f.d->handleChildDirectoryChanged(sharedDirectory);
+    QVERIFY(log.lines().isEmpty());
+    QCOMPARE(f.daemon.calls, Calls{changed(0, maxAttempts, QStringLiteral("4"))});
+
+    f.daemon.calls.clear();
+    f.d->handleChildDirectoryChanged(home);
+    QCOMPARE(log.lines().size(), 1);
+    QCOMPARE(log.warnings(),
+             QStringList{QStringLiteral("handleHomeDirectory unexpected home directory change \"/home/carol\"")});
+    QVERIFY(f.daemon.calls.isEmpty());
+
+    log.clear();
+    for (const QString &path : {clientDirectory, sharedDirectory, home}) {
+        for (const QString &other : QStringList{path + QLatin1Char('/'), path + QStringLiteral("/more"), path.toUpper(),
+                                                path.left(path.size() - 1), QLatin1Char('/') + path})
+            f.d->handleChildDirectoryChanged(other);
+    }
+    QVERIFY(log.lines().isEmpty());
+    QVERIFY(f.daemon.calls.isEmpty());
+    f.d->child.clientRunning = false;
+}
+
+void TstWatching::directoriesInOrder()
+{
+    MethodFixture f;
+    QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("4")));
+    f.d->child.clientRunning = true;
+    LogCapture log(true);
+
+    f.d->child.sharedDirectory = clientDirectory;
+    f.d->child.homeDirectory = clientDirectory;
+    f.d->handleChildDirectoryChanged(clientDirectory);
+    QCOMPARE(log.lines().size(), 1);
+    QCOMPARE(log.debugs(), QStringList{QStringLiteral("handleChildSocket kavet client socket removed")});
+    QVERIFY(f.daemon.calls.isEmpty());
+
+    log.clear();
+    f.d->child.sharedDirectory = sharedDirectory;
+    f.d->child.homeDirectory = sharedDirectory;
+    f.d->handleChildDirectoryChanged(sharedDirectory);
+    QVERIFY(log.lines().isEmpty());
+    QCOMPARE(f.daemon.calls.size(), 1);
+    f.d->child.clientRunning = false;
+}
+
+void TstWatching::socketOfClientThatDoesNotRun()
+{
+    WatchingFixture f;
+    f.d->child.clientRunning = false;
+    f.d->currentUid = alice;
+    LogCapture log(true);
+    for (const bool present : {false, true}) {
+        f.d->child.socketPresent = present;
+        QFile::remove(socketPath);
+        QVERIFY(!f.d->handleChildSocket(clientDirectory));
+        QCOMPARE(f.d->child.socketPresent, present);
+        QVERIFY(writeFile(socketPath, {}));
+        QVERIFY(setOwner(socketPath, alice, group));
+        QVERIFY(!f.d->handleChildSocket(clientDirectory));
+        QCOMPARE(f.d->child.socketPresent, present);
+    }
+    QCOMPARE(f.d->clientStage, 1);
+    QVERIFY(log.lines().isEmpty());
+    QVERIFY(f.daemon.calls.isEmpty());
+}
+
+void TstWatching::socketRemoved()
+{
+    WatchingFixture f;
+    f.d->child.socketPresent = true;
+    f.d->clientStage = 3;
+    f.d->currentUid = alice;
+    LogCapture log(true);
+    QVERIFY(!f.d->handleChildSocket(clientDirectory));
+    QVERIFY(!f.d->child.socketPresent);
+    QCOMPARE(log.debugs(), QStringList{QStringLiteral("handleChildSocket kavet client socket removed")});
+    QCOMPARE(log.lines().size(), 1);
+    // The link is left to fail on use.
+    QCOMPARE(f.d->clientStage, 3);
+    QVERIFY(f.daemon.calls.isEmpty());
+
+    // The directory is the one that is named.
+    QVERIFY(writeFile(QStringLiteral("/srv/shared/else/kavet.socket"), {}));
+    QVERIFY(setOwner(QStringLiteral("/srv/shared/else/kavet.socket"), alice, alice));
+    f.d->currentUid = 0;
+    QVERIFY(f.d->handleChildSocket(QStringLiteral("/srv/shared/else")));
+}
+
+void TstWatching::socketOfWrongOwner_data()
+{
+    QTest::addColumn<uint>("owner");
+    QTest::addColumn<uint>("user");
+    QTest::newRow("another user") << bob << alice;
+    QTest::newRow("root") << 0u << alice;
+    QTest::newRow("nobody yet") << alice << 0u;
+    QTest::newRow("unreadable") << unknownOwner << alice;
+    QTest::newRow("unreadable, as it happens the user's") << unknownOwner << unknownOwner;
+}
+
+void TstWatching::socketOfWrongOwner()
+{
+    QFETCH(uint, owner);
+    QFETCH(uint, user);
+
+    WatchingFixture f;
+    f.d->child.uid = user;
+    f.d->currentUid = alice;
+    QVERIFY(writeFile(socketPath, {}));
+    QVERIFY2(setOwner(socketPath, owner, group), "the device has no such user id (run it as root)");
+    for (const bool present : {false, true}) {
+        f.d->child.socketPresent = present;
+        LogCapture log(true);
+        QVERIFY(!f.d->handleChildSocket(clientDirectory));
+        QCOMPARE(f.d->child.socketPresent, present);
+        QCOMPARE(log.debugs(), QStringList{QStringLiteral("handleChildSocket Wrong socket owner %1").arg(owner)});
+        QCOMPARE(log.lines().size(), 1);
+    }
+    QCOMPARE(f.d->clientStage, 1);
+    QVERIFY(f.daemon.calls.isEmpty());
+}
+
+void TstWatching::socketAppeared()
+{
+    WatchingFixture f;
+    QVERIFY(writeFile(socketPath, {}));
+    QVERIFY(setOwner(socketPath, alice, alice));
+    LogCapture log(true);
+    QVERIFY(f.d->handleChildSocket(clientDirectory));
+    QVERIFY(f.d->child.socketPresent);
+    QCOMPARE(log.debugs(), QStringList{QStringLiteral("handleChildSocket kavet client socket appeared")});
+    QCOMPARE(log.lines().size(), 1);
+    QCOMPARE(f.d->clientStage, 1);
+    QVERIFY(f.daemon.calls.isEmpty());
+
+    f.d->currentUid = alice;
+    QVERIFY(!f.d->handleChildSocket(clientDirectory));
+    QCOMPARE(log.lines().size(), 1);
+    QCOMPARE(f.d->clientStage, 1);
+    QVERIFY(f.daemon.calls.isEmpty());
+
+    // Seen to be gone, it can appear again.
+    f.d->currentUid = 0;
+    QVERIFY(QFile::remove(socketPath));
+    QVERIFY(!f.d->handleChildSocket(clientDirectory));
+    QVERIFY(writeFile(socketPath, {}));
+    QVERIFY(setOwner(socketPath, alice, alice));
+    QVERIFY(f.d->handleChildSocket(clientDirectory));
+}
+
+void TstWatching::socketAppearedDuringAuthentication()
+{
+    WatchingFixture f;
+    QVERIFY(writeFile(socketPath, {}));
+    QVERIFY(setOwner(socketPath, alice, alice));
+    f.d->currentUid = alice;
+    f.d->clientStage = 3;
+    // Nobody listens, so that the flow gets as far as the second stage.
+    QVERIFY(f.d->handleChildSocket(clientDirectory));
+    QVERIFY(f.d->child.socketPresent);
+    QCOMPARE(f.d->clientStage, 2);
+    const Calls expected = {RecordingDaemon::failed(SettingsKavet::Connecting, SettingsKavet::CannotConnectClient)};
+    QCOMPARE(f.daemon.calls, expected);
+
+    QVERIFY(!f.d->handleChildSocket(clientDirectory));
+    QCOMPARE(f.daemon.calls, expected);
+    f.d->currentUid = 0;
+}
+
+void TstWatching::socketIsSeen()
+{
+    MethodFixture f;
+    LogCapture log(true);
+    QVERIFY(f.link());
+    QVERIFY(f.d->child.socketPresent);
+    QVERIFY(log.debugs().contains(QStringLiteral("handleChildSocket kavet client socket appeared")));
+
+    QVERIFY(QFile::remove(socketPath));
+    QTRY_VERIFY(!f.d->child.socketPresent);
+    QVERIFY(f.d->connection.isConnected());
+
+    log.clear();
+    QVERIFY(writeFile(socketPath + QStringLiteral(".new"), {}));
+    QVERIFY(setOwner(socketPath + QStringLiteral(".new"), bob, bob));
+    QVERIFY(QFile::rename(socketPath + QStringLiteral(".new"), socketPath));
+    QTRY_VERIFY(log.debugs().contains(QStringLiteral("handleChildSocket Wrong socket owner 1001")));
+    QVERIFY(!f.d->child.socketPresent);
+}
+
+void TstWatching::sharedDirectoryWithoutUser_data()
+{
+    QTest::addColumn<uint>("user");
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<bool>("exists");
+    QTest::newRow("no user") << 0u << aliceFile << true;
+    QTest::newRow("no file's name") << alice << QString() << true;
+    QTest::newRow("no file") << alice << aliceFile << false;
+}
+
+void TstWatching::sharedDirectoryWithoutUser()
+{
+    QFETCH(uint, user);
+    QFETCH(QString, path);
+    QFETCH(bool, exists);
+
+    WatchingFixture f;
+    f.d->child.uid = user;
+    f.d->child.userConfigPath = path;
+    if (exists)
+        QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("2")));
+    LogCapture log(true);
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QVERIFY(log.lines().isEmpty());
+    QVERIFY(log.otherLines().isEmpty());
+    QVERIFY(f.daemon.calls.isEmpty());
+    QCOMPARE(f.d->watcher.files(), QStringList());
+    QCOMPARE(owner(aliceFile), exists ? QStringLiteral("0:0") : QStringLiteral("none"));
+
+    // The policy is taken up all the same.
+    QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("4")));
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(f.daemon.calls, Calls{changed(0, maxAttempts, QStringLiteral("4"))});
+    QCOMPARE(f.d->watcher.files(), QStringList{currentPolicy});
+}
+
+void TstWatching::userFileIsTakenUp()
+{
+    WatchingFixture f;
+    QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("2")));
+    Onlooker onlooker(f.d);
+    f.method.setNotificator(&onlooker);
+    LogCapture log(true);
+    f.d->handleChildSharedDirectory(QStringLiteral("/whatever"));
+    QCOMPARE(owner(aliceFile), QStringLiteral("1000:960"));
+    // Watched before it is read, so that no change goes by unseen.
+    QCOMPARE(onlooker.calls, Calls{changed(alice, attempts, QStringLiteral("2"))});
+    QCOMPARE(onlooker.watched, QVector<QStringList>{QStringList{aliceFile}});
+    QCOMPARE(f.d->watcher.files(), QStringList{aliceFile});
+    QVERIFY(log.lines().isEmpty());
+
+    // The user is the client's, whoever is being authenticated.
+    f.d->currentUid = bob;
+    f.d->child.uid = carol;
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(onlooker.calls.constLast(), changed(carol, attempts, QStringLiteral("2")));
+    f.method.setNotificator(&f.daemon);
+    f.d->currentUid = 0;
+}
+
+void TstWatching::userFileCannotBeGiven()
+{
+    WatchingFixture f;
+    QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("2")));
+    QVERIFY(setOwner(aliceFile, bob, bob));
+    LogCapture log(true);
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(log.warnings(),
+             QStringList{QStringLiteral(
+                 "Failed to change owner for \"/srv/shared/tarsk/kavet_client/1000.conf\" to 1000 960")});
+    QCOMPARE(log.lines().size(), 1);
+    QCOMPARE(owner(aliceFile), QStringLiteral("1001:1001"));
+    // It is followed and read all the same.
+    QCOMPARE(f.d->watcher.files(), QStringList{aliceFile});
+    QCOMPARE(f.daemon.calls, Calls{changed(alice, attempts, QStringLiteral("2"))});
+}
+
+void TstWatching::attemptsAsRead_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QVariant>("value");
+    QTest::newRow("number") << QByteArray("[General]\nattempts=12\n") << QVariant(QStringLiteral("12"));
+    QTest::newRow("spaces") << QByteArray("[General]\nattempts = 12 \n") << QVariant(QStringLiteral("12"));
+    QTest::newRow("quoted") << QByteArray("[General]\nattempts=\"1 2\"\n") << QVariant(QStringLiteral("1 2"));
+    QTest::newRow("no number") << QByteArray("[General]\nattempts=many\n") << QVariant(QStringLiteral("many"));
+    QTest::newRow("nothing") << QByteArray("[General]\nattempts=\n") << QVariant(QString());
+    QTest::newRow("list") << QByteArray("[General]\nattempts=1, 2\n")
+                          << QVariant(QStringList{QStringLiteral("1"), QStringLiteral("2")});
+    QTest::newRow("no key") << QByteArray("[General]\nother=12\n") << QVariant(0);
+    QTest::newRow("other group") << QByteArray("[Other]\nattempts=12\n") << QVariant(0);
+    QTest::newRow("empty") << QByteArray() << QVariant(0);
+    QTest::newRow("noise") << QByteArray(3000, '\xfe') << QVariant(0);
+}
+
+void TstWatching::attemptsAsRead()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QVariant, value);
+
+    WatchingFixture f;
+    QVERIFY(writeFile(aliceFile, content));
+    QVERIFY(setOwner(aliceFile, alice, alice));
+    for (int i = 0; i < 2; ++i) {
+        f.daemon.calls.clear();
+        if (i == 0)
+            f.d->handleChildSharedDirectory(sharedDirectory);
+        else
+            f.d->handleChildFileChanged(aliceFile);
+        QCOMPARE(f.daemon.calls, Calls{changed(alice, attempts, value)});
+        QCOMPARE(f.daemon.calls.first().arguments.at(2).userType(), value.userType());
+        QCOMPARE(f.method.getOptionInternal(alice, attempts), value);
+    }
+}
+
+void TstWatching::policyIsTakenUp()
+{
+    WatchingFixture f;
+    f.d->child.userConfigPath.clear();
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QVERIFY(f.daemon.calls.isEmpty());
+    QCOMPARE(f.d->watcher.files(), QStringList());
+
+    // The daemon's own limit gives way.
+    QVERIFY(f.method.setOptionInternal(0, maxAttempts, 8));
+    QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("4")));
+    Onlooker onlooker(f.d);
+    f.method.setNotificator(&onlooker);
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(onlooker.calls, Calls{changed(0, maxAttempts, QStringLiteral("4"))});
+    QCOMPARE(onlooker.watched, QVector<QStringList>{QStringList{currentPolicy}});
+    QCOMPARE(f.d->watcher.files(), QStringList{currentPolicy});
+    f.method.setNotificator(&f.daemon);
+}
+
+void TstWatching::userFileComesBeforePolicy()
+{
+    WatchingFixture f;
+    QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("2")));
+    QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("4")));
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(f.daemon.calls,
+             (Calls{changed(alice, attempts, QStringLiteral("2")), changed(0, maxAttempts, QStringLiteral("4"))}));
+    QCOMPARE(f.d->watcher.files(), (QStringList{aliceFile, currentPolicy}));
+}
+
+void TstWatching::fileChanged()
+{
+    WatchingFixture f;
+    QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("2")));
+    QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("4")));
+    QVERIFY(f.method.setOptionInternal(0, maxAttempts, 8));
+    f.daemon.calls.clear();
+    LogCapture log(true);
+
+    f.d->handleChildFileChanged(aliceFile);
+    QCOMPARE(f.daemon.calls, Calls{changed(alice, attempts, QStringLiteral("2"))});
+    f.daemon.calls.clear();
+    f.d->handleChildFileChanged(currentPolicy);
+    QCOMPARE(f.daemon.calls, Calls{changed(0, maxAttempts, QStringLiteral("4"))});
+    f.daemon.calls.clear();
+
+    for (const QString &path : QStringList{sharedDirectory + QStringLiteral("/1001.conf"), aliceFile + QLatin1Char('/'),
+                                           currentPolicy.toUpper(), sharedDirectory, packagedPolicy, QString()})
+        f.d->handleChildFileChanged(path);
+    f.d->child.uid = 0;
+    f.d->handleChildFileChanged(aliceFile);
+    QVERIFY(f.daemon.calls.isEmpty());
+
+    // A file that has gone counts as empty; neither is owned or watched anew from here.
+    f.d->child.uid = alice;
+    QCOMPARE(owner(aliceFile), QStringLiteral("0:0"));
+    QVERIFY(QFile::remove(aliceFile));
+    QVERIFY(QFile::remove(currentPolicy));
+    f.d->handleChildFileChanged(aliceFile);
+    f.d->handleChildFileChanged(currentPolicy);
+    QCOMPARE(f.daemon.calls, (Calls{changed(alice, attempts, 0), changed(0, maxAttempts, 0)}));
+    QCOMPARE(f.d->watcher.files(), QStringList());
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TstWatching::fileThatIsBoth()
+{
+    WatchingFixture f;
+    QVERIFY(writeFile(currentPolicy, "[General]\nattempts=2\nmax-attempts=4\n"));
+    f.d->child.userConfigPath = currentPolicy;
+    f.d->handleChildFileChanged(currentPolicy);
+    QCOMPARE(f.daemon.calls, Calls{changed(alice, attempts, QStringLiteral("2"))});
+
+    f.daemon.calls.clear();
+    f.d->child.uid = 0;
+    f.d->handleChildFileChanged(currentPolicy);
+    QCOMPARE(f.daemon.calls, Calls{changed(0, maxAttempts, QStringLiteral("4"))});
+}
+
+void TstWatching::filesAreFollowed_data()
+{
+    // The watcher tells of what has happened at once in the order of a hash, which the seed decides.
+    QTest::addColumn<int>("seed");
+    for (const int seed : {0, 1, 2, 3, 4, 7, 8, 15})
+        QTest::newRow(qPrintable(QStringLiteral("seed %1").arg(seed))) << seed;
+}
+
+void TstWatching::filesAreFollowed()
+{
+    QFETCH(int, seed);
+
+    qSetGlobalQHashSeed(seed);
+    MethodFixture f;
+    QVERIFY(f.link());
+    const auto count = [&f] {
+        return f.method.getOptionInternal(alice, attempts).toString();
+    };
+    const auto limit = [&f] {
+        return f.method.getOptionInternal(0, maxAttempts).toString();
+    };
+
+    QVERIFY(rewrite(aliceFile, attempts, QStringLiteral("1")));
+    QTRY_COMPARE(count(), QStringLiteral("1"));
+    QVERIFY(replace(aliceFile, attempts, QStringLiteral("2")));
+    QTRY_COMPARE(count(), QStringLiteral("2"));
+    QTRY_COMPARE(owner(aliceFile), QStringLiteral("1000:960"));
+    QVERIFY(rewrite(aliceFile, attempts, QStringLiteral("3")));
+    QTRY_COMPARE(count(), QStringLiteral("3"));
+    QVERIFY(QFile::remove(aliceFile));
+    QVERIFY(rewrite(aliceFile, attempts, QStringLiteral("4")));
+    QTRY_COMPARE(count(), QStringLiteral("4"));
+    QVERIFY(rewrite(aliceFile, attempts, QStringLiteral("5")));
+    QTRY_COMPARE(count(), QStringLiteral("5"));
+    QVERIFY(QFile::remove(aliceFile));
+    QTRY_COMPARE(count(), QStringLiteral("0"));
+    QVERIFY(rewrite(aliceFile, attempts, QStringLiteral("6")));
+    QTRY_COMPARE(count(), QStringLiteral("6"));
+    {
+        QSettings settings(aliceFile, QSettings::NativeFormat);
+        settings.setValue(attempts, 7);
+    }
+    QTRY_COMPARE(count(), QStringLiteral("7"));
+    QVERIFY(rewrite(aliceFile, attempts, QStringLiteral("8")));
+    QTRY_COMPARE(count(), QStringLiteral("8"));
+
+    QVERIFY(replace(currentPolicy, maxAttempts, QStringLiteral("11")));
+    QTRY_COMPARE(limit(), QStringLiteral("11"));
+    QVERIFY(rewrite(currentPolicy, maxAttempts, QStringLiteral("12")));
+    QTRY_COMPARE(limit(), QStringLiteral("12"));
+    QVERIFY(replace(currentPolicy, maxAttempts, QStringLiteral("13")));
+    QTRY_COMPARE(limit(), QStringLiteral("13"));
+    QVERIFY(rewrite(currentPolicy, maxAttempts, QStringLiteral("14")));
+    QTRY_COMPARE(limit(), QStringLiteral("14"));
+    QCOMPARE(f.d->watcher.files().size(), 2);
+    qSetGlobalQHashSeed(-1);
+}
+
+void TstWatching::noStorm_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::newRow("the client's") << QStringLiteral("alice");
+    QTest::newRow("root's") << QStringLiteral("root");
+    QTest::newRow("another user's") << QStringLiteral("bob");
+    QTest::newRow("link") << QStringLiteral("link");
+    QTest::newRow("directory") << QStringLiteral("directory");
+    QTest::newRow("link to the directory") << QStringLiteral("self");
+    QTest::newRow("link to the daemon's own file") << QStringLiteral("options");
+}
+
+void TstWatching::noStorm()
+{
+    QFETCH(QString, kind);
+
+    MethodFixture f;
+    QVERIFY(f.link());
+    QVERIFY(rewrite(currentPolicy, maxAttempts, QStringLiteral("100")));
+    QTRY_COMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("100")));
+    QVERIFY(QFile::remove(aliceFile));
+    QTRY_VERIFY(!f.d->watcher.files().contains(aliceFile));
+    f.daemon.calls.clear();
+
+    if (kind == QLatin1String("link")) {
+        QVERIFY(QFile::link(QStringLiteral("/etc/hostname"), aliceFile));
+    } else if (kind == QLatin1String("directory")) {
+        QVERIFY(QDir().mkdir(aliceFile));
+    } else if (kind == QLatin1String("self")) {
+        QVERIFY(QFile::link(sharedDirectory, aliceFile));
+    } else if (kind == QLatin1String("options")) {
+        QVERIFY(f.method.setOptionInternal(alice, attempts, 1));
+        QVERIFY(QFile::link(QStringLiteral("/var/lib/authd/users/1000.conf"), aliceFile));
+    } else {
+        QVERIFY(rewrite(aliceFile, attempts, QStringLiteral("1")));
+        if (kind == QLatin1String("alice"))
+            QVERIFY(setOwner(aliceFile, alice, group));
+        else if (kind == QLatin1String("bob"))
+            QVERIFY(setOwner(aliceFile, bob, bob));
+    }
+
+    // Each change of the policy lets the event loop run, and with it whatever goes on by itself.
+    for (int limit = 101; limit <= 125; ++limit) {
+        QVERIFY(rewrite(currentPolicy, maxAttempts, QString::number(limit)));
+        QTRY_COMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QString::number(limit)));
+    }
+    int seen = 0;
+    for (const RecordingDaemon::Call &call : qAsConst(f.daemon.calls))
+        seen += call.arguments.value(1) == attempts ? 1 : 0;
+    QVERIFY2(seen >= 1 && seen <= 6, qPrintable(QStringLiteral("%1 changes of the count").arg(seen)));
+}
+
+void TstWatching::nothingIsWatchedTwice()
+{
+    MethodFixture f;
+    QVERIFY(f.link());
+    QVERIFY(rewrite(currentPolicy, maxAttempts, QStringLiteral("4")));
+    QTRY_VERIFY(f.d->watcher.files().contains(currentPolicy));
+
+    for (int i = 0; i < 3; ++i) {
+        f.d->handleChildSharedDirectory(sharedDirectory);
+        f.method.handleUserSessionTriggered(alice, true, false);
+        f.d->child.clientRunning = false;
+        // The process runs already and says so; all that comes before starting it is done again.
+        QVERIFY(f.d->launchChild());
+        f.d->child.clientRunning = true;
+    }
+    QStringList files = f.d->watcher.files();
+    files.sort();
+    QCOMPARE(files, (QStringList{aliceFile, currentPolicy}));
+    QStringList directories = f.d->watcher.directories();
+    directories.sort();
+    QCOMPARE(directories, (QStringList{clientDirectory, sharedDirectory}));
+}
+
+QTEST_GUILESS_MAIN(TstWatching)
+#include "tst_watching.moc"
