@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr qint64 maximumSize = 16 * 1024 * 1024;
+constexpr qint64 maximumSize = qint64(16) * 1024 * 1024;
 constexpr int maximumLine = 4096;
 constexpr char generalGroup[] = "[general]";
 const QString settingsName = QStringLiteral("settings.conf");

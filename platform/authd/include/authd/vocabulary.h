@@ -8,72 +8,79 @@
 namespace LibAuthd {
 namespace Vocabulary {
 
+/// Not every compiler can count a text's characters at compile time in QLatin1String's own constructor.
+template <int size>
+constexpr QLatin1String word(const char (&text)[size])
+{
+    return QLatin1String(text, size - 1);
+}
+
 // Options and the parameters of a request
-constexpr QLatin1String NoUi("no-ui");
-constexpr QLatin1String AuthUi("auth-ui");
-constexpr QLatin1String SecurityUi("security-ui");
-constexpr QLatin1String FactorName("factor-name");
-constexpr QLatin1String PrePage("pre-page");
-constexpr QLatin1String AuthPage("auth-page");
-constexpr QLatin1String InfoPage("info-page");
-constexpr QLatin1String UiType("ui-type");
-constexpr QLatin1String CancelEnabled("cancel-enabled");
-constexpr QLatin1String ResultCode("result-code");
-constexpr QLatin1String InputRequestType("input-request-type");
-constexpr QLatin1String ForConfirm("forConfirm");
-constexpr QLatin1String TextForButton("textForButton");
-constexpr QLatin1String AvailableServiceFactors("available-service-factors");
-constexpr QLatin1String AvailableServices("available-services");
-constexpr QLatin1String CanSwitchToUser("can-switch-to-user");
-constexpr QLatin1String ShowLastLogin("show-last-login");
-constexpr QLatin1String LastLoginDate("last-login-date");
-constexpr QLatin1String DisabledFactors("disabled-factors");
-constexpr QLatin1String IsMultiFactorable("is-multi-factorable");
-constexpr QLatin1String IsUserSettable("is-user-settable");
-constexpr QLatin1String ServiceFactors("service-factors");
-constexpr QLatin1String CountErrInMultifactorableAuth("count-err-in-multifactorable-auth");
-constexpr QLatin1String PermissiveMode("permissive-mode");
-constexpr QLatin1String ShowNotifications("show-notifications");
-constexpr QLatin1String AuthRequestInterval("auth-request-interval");
-constexpr QLatin1String DevlockPrefix("devlock/");
+constexpr QLatin1String NoUi = word("no-ui");
+constexpr QLatin1String AuthUi = word("auth-ui");
+constexpr QLatin1String SecurityUi = word("security-ui");
+constexpr QLatin1String FactorName = word("factor-name");
+constexpr QLatin1String PrePage = word("pre-page");
+constexpr QLatin1String AuthPage = word("auth-page");
+constexpr QLatin1String InfoPage = word("info-page");
+constexpr QLatin1String UiType = word("ui-type");
+constexpr QLatin1String CancelEnabled = word("cancel-enabled");
+constexpr QLatin1String ResultCode = word("result-code");
+constexpr QLatin1String InputRequestType = word("input-request-type");
+constexpr QLatin1String ForConfirm = word("forConfirm");
+constexpr QLatin1String TextForButton = word("textForButton");
+constexpr QLatin1String AvailableServiceFactors = word("available-service-factors");
+constexpr QLatin1String AvailableServices = word("available-services");
+constexpr QLatin1String CanSwitchToUser = word("can-switch-to-user");
+constexpr QLatin1String ShowLastLogin = word("show-last-login");
+constexpr QLatin1String LastLoginDate = word("last-login-date");
+constexpr QLatin1String DisabledFactors = word("disabled-factors");
+constexpr QLatin1String IsMultiFactorable = word("is-multi-factorable");
+constexpr QLatin1String IsUserSettable = word("is-user-settable");
+constexpr QLatin1String ServiceFactors = word("service-factors");
+constexpr QLatin1String CountErrInMultifactorableAuth = word("count-err-in-multifactorable-auth");
+constexpr QLatin1String PermissiveMode = word("permissive-mode");
+constexpr QLatin1String ShowNotifications = word("show-notifications");
+constexpr QLatin1String AuthRequestInterval = word("auth-request-interval");
+constexpr QLatin1String DevlockPrefix = word("devlock/");
 
 // Where the daemon keeps the methods' settings
-constexpr QLatin1String MethodsDirectory("/var/lib/authd/methods/");
+constexpr QLatin1String MethodsDirectory = word("/var/lib/authd/methods/");
 
 // Messages of the authentication service
-constexpr QLatin1String FactorMethod("FactorMethod");
-constexpr QLatin1String ActionMethod("ActionMethod");
-constexpr QLatin1String ActionUserMethod("ActionUserMethod");
-constexpr QLatin1String GetOption("GetOption");
-constexpr QLatin1String SetOption("SetOption");
-constexpr QLatin1String GetUserOption("GetUserOption");
-constexpr QLatin1String GetMethodOption("GetMethodOption");
-constexpr QLatin1String SetMethodOption("SetMethodOption");
-constexpr QLatin1String GetUserOptions("GetUserOptions");
-constexpr QLatin1String SetUserOption("SetUserOption");
-constexpr QLatin1String GetUserMethodOption("GetUserMethodOption");
-constexpr QLatin1String SetUserMethodOption("SetUserMethodOption");
-constexpr QLatin1String RequestChallenge("RequestChallenge");
-constexpr QLatin1String SetState("SetState");
-constexpr QLatin1String GetState("GetState");
-constexpr QLatin1String Authenticated("Authenticated");
-constexpr QLatin1String AuthenticationFailed("AuthenticationFailed");
-constexpr QLatin1String AuthDataChanged("AuthDataChanged");
-constexpr QLatin1String ChangeAuthDataFailed("ChangeAuthDataFailed");
-constexpr QLatin1String UnlockIfNeededFinished("UnlockIfNeededFinished");
-constexpr QLatin1String MethodActionCompleted("MethodActionCompleted");
-constexpr QLatin1String Factor("Factor");
-constexpr QLatin1String OptionChanged("OptionChanged");
-constexpr QLatin1String MethodOptionChanged("MethodOptionChanged");
-constexpr QLatin1String UserOptionChanged("UserOptionChanged");
-constexpr QLatin1String UserMethodOptionChanged("UserMethodOptionChanged");
-constexpr QLatin1String UserMethodActionCompleted("UserMethodActionCompleted");
-constexpr QLatin1String StateChanged("StateChanged");
+constexpr QLatin1String FactorMethod = word("FactorMethod");
+constexpr QLatin1String ActionMethod = word("ActionMethod");
+constexpr QLatin1String ActionUserMethod = word("ActionUserMethod");
+constexpr QLatin1String GetOption = word("GetOption");
+constexpr QLatin1String SetOption = word("SetOption");
+constexpr QLatin1String GetUserOption = word("GetUserOption");
+constexpr QLatin1String GetMethodOption = word("GetMethodOption");
+constexpr QLatin1String SetMethodOption = word("SetMethodOption");
+constexpr QLatin1String GetUserOptions = word("GetUserOptions");
+constexpr QLatin1String SetUserOption = word("SetUserOption");
+constexpr QLatin1String GetUserMethodOption = word("GetUserMethodOption");
+constexpr QLatin1String SetUserMethodOption = word("SetUserMethodOption");
+constexpr QLatin1String RequestChallenge = word("RequestChallenge");
+constexpr QLatin1String SetState = word("SetState");
+constexpr QLatin1String GetState = word("GetState");
+constexpr QLatin1String Authenticated = word("Authenticated");
+constexpr QLatin1String AuthenticationFailed = word("AuthenticationFailed");
+constexpr QLatin1String AuthDataChanged = word("AuthDataChanged");
+constexpr QLatin1String ChangeAuthDataFailed = word("ChangeAuthDataFailed");
+constexpr QLatin1String UnlockIfNeededFinished = word("UnlockIfNeededFinished");
+constexpr QLatin1String MethodActionCompleted = word("MethodActionCompleted");
+constexpr QLatin1String Factor = word("Factor");
+constexpr QLatin1String OptionChanged = word("OptionChanged");
+constexpr QLatin1String MethodOptionChanged = word("MethodOptionChanged");
+constexpr QLatin1String UserOptionChanged = word("UserOptionChanged");
+constexpr QLatin1String UserMethodOptionChanged = word("UserMethodOptionChanged");
+constexpr QLatin1String UserMethodActionCompleted = word("UserMethodActionCompleted");
+constexpr QLatin1String StateChanged = word("StateChanged");
 
 // Who asks for an authentication
-constexpr QLatin1String Worker("worker");
-constexpr QLatin1String Unlock("unlock");
-constexpr QLatin1String Login("login");
+constexpr QLatin1String Worker = word("worker");
+constexpr QLatin1String Unlock = word("unlock");
+constexpr QLatin1String Login = word("login");
 
 } // namespace Vocabulary
 } // namespace LibAuthd
