@@ -90,5 +90,6 @@ const QString wiperService = QStringLiteral("qarv.userdata.wiper");
 const QString wiperObjectPath = QStringLiteral("/qarv/userdata/wiper");
 const QString wiperInterface = wiperService;
 const QString wiperMethod = QStringLiteral("ProcessTargetUser");
+const QString noSystemBus = QStringLiteral("Not connected to the system bus");
 
 } // namespace Constants

@@ -104,5 +104,6 @@ extern const QString wiperService;
 extern const QString wiperObjectPath;
 extern const QString wiperInterface;
 extern const QString wiperMethod;
+extern const QString noSystemBus;
 
 } // namespace Constants

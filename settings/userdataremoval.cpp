@@ -18,8 +18,10 @@ void MethodKavetPrivate::removeUserDataInternal(unsigned int uid, const QString 
 
     const QDBusConnection bus = QDBusConnection::systemBus();
     // Without a bus the library makes a call that never finishes.
-    auto *pending = new QDBusPendingCallWatcher(
-        bus.isConnected() ? bus.asyncCall(call) : QDBusPendingCall::fromError(bus.lastError()), this);
+    const QDBusPendingCall sent =
+        bus.isConnected() ? bus.asyncCall(call)
+                          : QDBusPendingCall::fromError(QDBusError(QDBusError::Disconnected, Constants::noSystemBus));
+    auto *pending = new QDBusPendingCallWatcher(sent, this);
     connect(
         pending, &QDBusPendingCallWatcher::finished, pending,
         [this, uid](QDBusPendingCallWatcher *finished) {

@@ -107,6 +107,7 @@ const QVector<Text> &texts()
         {"wiperObjectPath", Constants::wiperObjectPath, "/qarv/userdata/wiper"},
         {"wiperInterface", Constants::wiperInterface, "qarv.userdata.wiper"},
         {"wiperMethod", Constants::wiperMethod, "ProcessTargetUser"},
+        {"noSystemBus", Constants::noSystemBus, "Not connected to the system bus"},
     };
     return texts;
 }

@@ -1,0 +1,43 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "client/methodkavetprivate.h"
+#include "plugin/methodkavet.h"
+#include "support/logcapture.h"
+#include "support/recordingdaemon.h"
+#include "support/testdevice.h"
+
+#include <QDBusPendingCallWatcher>
+#include <QTest>
+
+// In a program of its own, since a process looks for the system bus only once.
+class TstNoSystemBus : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void removal()
+    {
+        TestDevice::reset();
+        RecordingDaemon daemon;
+        MethodKavet method;
+        auto *d = method.findChild<MethodKavetPrivate *>();
+        QVERIFY(method.setOptionInternal(TestDevice::alice, QStringLiteral("delayed-deletion"), true));
+        method.setNotificator(&daemon);
+
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            const LogCapture log;
+            method.handleUserSessionTriggered(TestDevice::alice, true, true);
+            // As with any other call, the answer comes later.
+            QVERIFY(log.lines().isEmpty());
+            QTRY_COMPARE(log.warnings(),
+                         QStringList{QStringLiteral("Call \"ProcessTargetUser\" to \"qarv.userdata.wiper\" failed: "
+                                                    "\"Not connected to the system bus\"")});
+            QTRY_VERIFY(d->findChildren<QDBusPendingCallWatcher *>().isEmpty());
+            QCOMPARE(daemon.calls, QVector<RecordingDaemon::Call>());
+            QCOMPARE(method.getOptionInternal(TestDevice::alice, QStringLiteral("delayed-deletion")), QVariant(true));
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TstNoSystemBus)
+#include "tst_nosystembus.moc"
