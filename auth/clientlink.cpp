@@ -59,15 +59,18 @@ void MethodKavetPrivate::callClient(const QString &method, const QVariantList &a
         return;
     }
 
+    // The handler belongs to the call and holds on to the connection: the library fails when it closes one on which a
+    // call is outstanding.
     auto *pending = new QDBusPendingCallWatcher(clientInterface->asyncCallWithArgumentList(method, arguments), this);
-    connect(pending, &QDBusPendingCallWatcher::finished, this, [this, fail](QDBusPendingCallWatcher *finished) {
+    const auto handleReply = [this, fail, link = connection](QDBusPendingCallWatcher *finished) {
         const QDBusPendingReply<QString> reply = *finished;
         if (reply.isError())
             fail(reply.error());
         else
             handleResult(reply.value());
         finished->deleteLater();
-    });
+    };
+    connect(pending, &QDBusPendingCallWatcher::finished, pending, handleReply);
 }
 
 QStringList MethodKavetPrivate::getCertList()
@@ -84,7 +87,8 @@ QStringList MethodKavetPrivate::getCertList()
     certListPending = false;
     auto *pending = new QDBusPendingCallWatcher(clientInterface->asyncCall(Constants::getCertList), this);
     certListInFlight = true;
-    connect(pending, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher *finished) {
+    // Holds on to the connection as callClient() does.
+    const auto handleReply = [this, link = connection](QDBusPendingCallWatcher *finished) {
         const QDBusPendingReply<QStringList> reply = *finished;
         QStringList certList;
         if (reply.isError())
@@ -94,6 +98,7 @@ QStringList MethodKavetPrivate::getCertList()
         q->optionChanged(0, Constants::certs, certList, true);
         finished->deleteLater();
         certListInFlight = false;
-    });
+    };
+    connect(pending, &QDBusPendingCallWatcher::finished, pending, handleReply);
     return {Constants::updatingCertList};
 }
