@@ -110,6 +110,8 @@ private Q_SLOTS:
     void reply();
     void lateReply();
     void requestsInFlight();
+    void destroyedWhileInFlight_data();
+    void destroyedWhileInFlight();
 
     void certListRequested();
     void certListAsksOnce();
@@ -390,6 +392,31 @@ void TstClientLink::requestsInFlight()
     QTRY_COMPARE(fixture.told(), (QVector<Call>{broken, broken, broken}));
     QTRY_VERIFY(!fixture.isWaiting());
     QCOMPARE(log.warnings().size(), 3);
+}
+
+void TstClientLink::destroyedWhileInFlight_data()
+{
+    QTest::addColumn<bool>("available");
+    QTest::newRow("link stands") << true;
+    QTest::newRow("link given up") << false;
+}
+
+void TstClientLink::destroyedWhileInFlight()
+{
+    QFETCH(bool, available);
+    for (int i = 0; i < 2; ++i) {
+        TestDevice::reset();
+        RecordingDaemon daemon;
+        MethodFixture fixture;
+        QVERIFY(fixture.link({{QStringLiteral("certsAnswer"), QStringLiteral("never")}}));
+        fixture.method.setNotificator(&daemon);
+        fixture.d->checkPassword(QStringLiteral("never"));
+        fixture.d->getCertList();
+        QTRY_COMPARE(MethodFixture::calledMethods().size(), 2);
+        if (!available)
+            fixture.d->setChildUnavailable(true);
+        QVERIFY(daemon.outcomes().isEmpty());
+    }
 }
 
 void TstClientLink::certListRequested()
