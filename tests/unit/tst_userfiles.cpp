@@ -1,0 +1,794 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "client/userfiles.h"
+#include "methodfixture.h"
+#include "support/logcapture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QScopeGuard>
+#include <QSettings>
+#include <QTest>
+
+#include <cerrno>
+#include <csignal>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace TestDevice;
+
+namespace {
+
+const QString aliceFile = sharedDirectory + QStringLiteral("/1000.conf");
+const QString file = sharedDirectory + QStringLiteral("/file.conf");
+/// What the user must not reach through root.
+const QString outside = QStringLiteral("/srv/outside");
+const QString secret = outside + QStringLiteral("/secret");
+const QString attempts = QStringLiteral("attempts");
+const QString maxAttempts = QStringLiteral("max-attempts");
+constexpr uint clientGroup = 960;
+constexpr int sizeLimit = 16 * 1024 * 1024;
+
+QByteArray encoded(const QString &path)
+{
+    return QFile::encodeName(path);
+}
+
+struct stat statusOf(const QString &path)
+{
+    struct stat status = {};
+    if (lstat(encoded(path).constData(), &status) == -1)
+        qFatal("No %s", qPrintable(path));
+    return status;
+}
+
+/// Everything about what stands at `path` that root might change.
+QString portrait(const QString &path)
+{
+    const struct stat status = statusOf(path);
+    return QStringLiteral("%1 inode %2 mode %3 owner %4:%5 links %6 size %7 changed %8.%9 content %10")
+        .arg(path)
+        .arg(status.st_ino)
+        .arg(status.st_mode, 0, 8)
+        .arg(status.st_uid)
+        .arg(status.st_gid)
+        .arg(status.st_nlink)
+        .arg(status.st_size)
+        .arg(status.st_ctim.tv_sec)
+        .arg(status.st_ctim.tv_nsec)
+        .arg(S_ISREG(status.st_mode) ? QString::fromLatin1(readFile(path).toHex()) : QString());
+}
+
+QStringList portraits()
+{
+    QStringList portraits = {portrait(outside)};
+    const QStringList names =
+        QDir(outside).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    for (const QString &name : names)
+        portraits << portrait(outside + QLatin1Char('/') + name);
+    return portraits;
+}
+
+QStringList temporaryFiles()
+{
+    return QDir(QDir::tempPath()).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+}
+
+/// The identities and groups of this process, the file-system ones included, and what it may do.
+QByteArray identity()
+{
+    QByteArray found;
+    const QList<QByteArray> lines = readFile(QStringLiteral("/proc/thread-self/status")).split('\n');
+    for (const QByteArray &line : lines) {
+        for (const char *field : {"Uid:", "Gid:", "Groups:", "CapEff:"}) {
+            if (line.startsWith(field))
+                found += line + '\n';
+        }
+    }
+    return found;
+}
+
+/// Plants something at `path`; false when that failed.
+bool plant(const QString &kind, const QString &path)
+{
+    const QByteArray name = encoded(path);
+    QDir().mkpath(QFileInfo(path).path());
+    if (kind == QLatin1String("link"))
+        return symlink(encoded(secret).constData(), name.constData()) == 0;
+    if (kind == QLatin1String("dangling link"))
+        return symlink("/srv/outside/nothing", name.constData()) == 0;
+    if (kind == QLatin1String("link to a directory"))
+        return symlink(encoded(outside).constData(), name.constData()) == 0;
+    if (kind == QLatin1String("hard link"))
+        return link(encoded(secret).constData(), name.constData()) == 0;
+    if (kind == QLatin1String("FIFO"))
+        return mkfifo(name.constData(), 0666) == 0;
+    if (kind == QLatin1String("device"))
+        return mknod(name.constData(), S_IFCHR | 0666, makedev(1, 5)) == 0;
+    if (kind == QLatin1String("directory"))
+        return mkdir(name.constData(), 0777) == 0;
+    if (kind == QLatin1String("socket")) {
+        const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        qstrncpy(address.sun_path, name.constData(), sizeof address.sun_path);
+        const bool bound = bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+        close(descriptor);
+        return bound;
+    }
+    return false;
+}
+
+struct Kind
+{
+    const char *name;
+    int error;
+    bool exists; ///< As far as one who follows links can see.
+};
+
+const QVector<Kind> kinds = {
+    {"link", ELOOP, true},       {"dangling link", ELOOP, false}, {"link to a directory", ELOOP, true},
+    {"hard link", EMLINK, true}, {"FIFO", EINVAL, true},          {"device", EINVAL, true},
+    {"directory", EISDIR, true}, {"socket", EINVAL, true},
+};
+
+void addKinds()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<int>("error");
+    QTest::addColumn<bool>("exists");
+    for (const Kind &kind : kinds)
+        QTest::newRow(kind.name) << QString::fromLatin1(kind.name) << kind.error << kind.exists;
+}
+
+} // namespace
+
+class TstUserFiles : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void cleanup();
+
+    void refused_data();
+    void refused();
+    void plantedAsUserFile_data();
+    void plantedAsUserFile();
+    void plantedAsPolicy_data();
+    void plantedAsPolicy();
+    void linkAbove();
+
+    void changeOwner_data();
+    void changeOwner();
+    void changeOwnerFails();
+    void changeOwnerTouchesNothingInVain();
+    void changeOwnerNeedsRoot();
+
+    void read();
+    void readWithOwnersRights_data();
+    void readWithOwnersRights();
+    void readSizeLimit();
+    void readFails();
+    void readWaitsForNoLease();
+    void writeInPlace_data();
+    void writeInPlace();
+    void swappedAfterPinning();
+    void identityIsRestored();
+    void identityCannotBeTaken();
+
+    void settingsRead();
+    void settingsWritten();
+    void settingsAreNotWrittenInVain();
+    void settingsRefused_data();
+    void settingsRefused();
+    void settingsOfUnreadableFile();
+    void settingsOfNoise();
+    void settingsThatWouldEndTheDaemon_data();
+    void settingsThatWouldEndTheDaemon();
+    void settingsLeaveNothingBehind();
+};
+
+void TstUserFiles::init()
+{
+    reset();
+    QCOMPARE(groupId("auth-factor"), clientGroup);
+    QVERIFY(QDir().mkpath(sharedDirectory));
+    QVERIFY(writeFile(secret, "[General]\nattempts=77\nmax-attempts=88\n"));
+    QCOMPARE(chmod(encoded(secret).constData(), 0640), 0);
+    QCOMPARE(chmod(encoded(outside).constData(), 0750), 0);
+    // Whatever waits, waits no longer than this.
+    alarm(60);
+}
+
+void TstUserFiles::cleanup()
+{
+    alarm(0);
+    QVERIFY(QDir(outside).removeRecursively());
+}
+
+void TstUserFiles::refused_data()
+{
+    addKinds();
+}
+
+void TstUserFiles::refused()
+{
+    QFETCH(QString, kind);
+    QFETCH(int, error);
+
+    QVERIFY2(plant(kind, file), "cannot be made here (run the device as root)");
+    const QStringList before = portraits();
+    const QString itself = portrait(file);
+    const PinnedFile pinned(file);
+    errno = 0;
+    QVERIFY(!pinned.changeOwner(alice, clientGroup));
+    QCOMPARE(errno, error);
+    QByteArray content("as before");
+    errno = 0;
+    QVERIFY(!pinned.read(content));
+    QCOMPARE(errno, error);
+    QCOMPARE(content, QByteArray("as before"));
+    errno = 0;
+    QVERIFY(!pinned.write("new"));
+    QCOMPARE(errno, error);
+    QCOMPARE(portraits(), before);
+    QCOMPARE(portrait(file), itself);
+}
+
+void TstUserFiles::plantedAsUserFile_data()
+{
+    addKinds();
+}
+
+void TstUserFiles::plantedAsUserFile()
+{
+    QFETCH(QString, kind);
+    QFETCH(int, error);
+    QFETCH(bool, exists);
+
+    QVERIFY2(plant(kind, aliceFile), "cannot be made here (run the device as root)");
+    const QStringList before = portraits();
+    const QString itself = portrait(aliceFile);
+    MethodFixture f;
+    f.d->currentUid = alice;
+    LogCapture log;
+    QVERIFY(!f.d->launchChild());
+    QCOMPARE(log.warnings(), QStringList{QStringLiteral("launchChild Cannot set owner of "
+                                                        "\"/srv/shared/tarsk/kavet_client/1000.conf\" to 1000 960 %1")
+                                             .arg(error)});
+    QCOMPARE(log.lines().size(), 1);
+
+    log.clear();
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    f.d->handleChildFileChanged(aliceFile);
+    // A link that leads nowhere is no file at all; of every other the count is unknown.
+    const QStringList warning = {
+        QStringLiteral("Failed to change owner for \"/srv/shared/tarsk/kavet_client/1000.conf\" to 1000 960")};
+    QCOMPARE(log.warnings(), exists ? warning : QStringList());
+    QCOMPARE(log.lines().size(), exists ? 1 : 0);
+    const RecordingDaemon::Call unknown = {QStringLiteral("optionChanged"), {alice, attempts, 0, false}};
+    QCOMPARE(f.daemon.calls, QVector<RecordingDaemon::Call>(exists ? 2 : 1, unknown));
+    QCOMPARE(f.d->getChildAttempts(), QVariant(0));
+
+    QCOMPARE(portraits(), before);
+    QCOMPARE(portrait(aliceFile), itself);
+    QVERIFY(TestDevice::launches().isEmpty());
+}
+
+void TstUserFiles::plantedAsPolicy_data()
+{
+    addKinds();
+}
+
+void TstUserFiles::plantedAsPolicy()
+{
+    QFETCH(QString, kind);
+    QFETCH(bool, exists);
+
+    QVERIFY2(plant(kind, currentPolicy), "cannot be made here (run the device as root)");
+    const QStringList before = portraits();
+    const QString itself = portrait(currentPolicy);
+    {
+        MethodFixture f;
+        f.d->currentUid = alice;
+        LogCapture log;
+        f.method.handleUserSessionTriggered(alice, true, false);
+        f.d->handleChildSharedDirectory(sharedDirectory);
+        QVERIFY(f.d->launchChild());
+        QCOMPARE(f.daemon.calls.size(), exists ? 3 : 0);
+        f.d->handleChildFileChanged(currentPolicy);
+        // Where no limit can be read there is none.
+        const RecordingDaemon::Call unlimited = {QStringLiteral("optionChanged"), {0u, maxAttempts, 0, false}};
+        QCOMPARE(f.daemon.calls, QVector<RecordingDaemon::Call>(exists ? 4 : 1, unlimited));
+        QVERIFY(log.lines().isEmpty());
+        QTRY_VERIFY(f.d->child.clientRunning);
+    }
+    QCOMPARE(portraits(), before);
+    QCOMPARE(portrait(currentPolicy), itself);
+}
+
+void TstUserFiles::linkAbove()
+{
+    // Only the last element is the user's to choose; those above are root's.
+    QVERIFY(QFile::link(sharedDirectory, outside + QStringLiteral("/way")));
+    QVERIFY(writeFile(file, "x"));
+    QByteArray content;
+    QVERIFY(PinnedFile(outside + QStringLiteral("/way/file.conf")).read(content));
+    QCOMPARE(content, QByteArray("x"));
+}
+
+void TstUserFiles::changeOwner_data()
+{
+    QTest::addColumn<uint>("uid");
+    QTest::addColumn<uint>("gid");
+    QTest::addColumn<int>("error");
+    QTest::newRow("root's") << 0u << 0u << 0;
+    QTest::newRow("root's with a group") << 0u << clientGroup << 0;
+    QTest::newRow("the user's own") << alice << alice << 0;
+    QTest::newRow("given already") << alice << clientGroup << 0;
+    QTest::newRow("a third user's") << bob << bob << EPERM;
+    QTest::newRow("a third user's with the group") << bob << clientGroup << EPERM;
+}
+
+void TstUserFiles::changeOwner()
+{
+    QFETCH(uint, uid);
+    QFETCH(uint, gid);
+    QFETCH(int, error);
+
+    QVERIFY(writeFile(file, "content"));
+    QVERIFY(setOwner(file, uid, gid));
+    const QString before = portrait(file);
+    errno = 0;
+    QCOMPARE(PinnedFile(file).changeOwner(alice, clientGroup), error == 0);
+    if (error) {
+        QCOMPARE(errno, error);
+        QCOMPARE(portrait(file), before);
+        return;
+    }
+    QCOMPARE(statusOf(file).st_uid, alice);
+    QCOMPARE(statusOf(file).st_gid, clientGroup);
+    QCOMPARE(readFile(file), QByteArray("content"));
+}
+
+void TstUserFiles::changeOwnerFails()
+{
+    errno = 0;
+    QVERIFY(!PinnedFile(file).changeOwner(alice, clientGroup));
+    QCOMPARE(errno, ENOENT);
+    QVERIFY(!PinnedFile(QString()).changeOwner(alice, clientGroup));
+    QCOMPARE(errno, ENOENT);
+    QVERIFY(!PinnedFile(secret + QStringLiteral("/below")).changeOwner(alice, clientGroup));
+    QCOMPARE(errno, ENOTDIR);
+    QVERIFY(!PinnedFile(QString(5000, QLatin1Char('x'))).changeOwner(alice, clientGroup));
+    QCOMPARE(errno, ENAMETOOLONG);
+
+    QVERIFY(writeFile(file, {}));
+    const QByteArray directory = encoded(sharedDirectory);
+    QCOMPARE(mount(directory.constData(), directory.constData(), nullptr, MS_BIND, nullptr), 0);
+    const auto unmount = qScopeGuard([&directory] { umount2(directory.constData(), MNT_DETACH); });
+    QCOMPARE(mount(nullptr, directory.constData(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+    errno = 0;
+    QVERIFY(!PinnedFile(file).changeOwner(alice, clientGroup));
+    QCOMPARE(errno, EROFS);
+}
+
+void TstUserFiles::changeOwnerTouchesNothingInVain()
+{
+    QVERIFY(writeFile(file, {}));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    const QString before = portrait(file);
+    QVERIFY(PinnedFile(file).changeOwner(alice, clientGroup));
+    // The time of its last change is part of this.
+    QCOMPARE(portrait(file), before);
+}
+
+void TstUserFiles::changeOwnerNeedsRoot()
+{
+    QVERIFY(writeFile(file, {}));
+    const PinnedFile pinned(file);
+    QCOMPARE(seteuid(alice), 0);
+    errno = 0;
+    const bool changed = pinned.changeOwner(alice, clientGroup);
+    const int error = errno;
+    QCOMPARE(seteuid(0), 0);
+    QVERIFY(!changed);
+    QCOMPARE(error, EPERM);
+    QCOMPARE(statusOf(file).st_uid, 0u);
+}
+
+void TstUserFiles::read()
+{
+    for (const QByteArray &content : {QByteArray(""), QByteArray("text\n"), QByteArray("\0\xff\n\0", 4)}) {
+        QVERIFY(writeFile(file, content));
+        QByteArray found("before");
+        QVERIFY(PinnedFile(file).read(found));
+        QCOMPARE(found, content);
+    }
+    const QString before = portrait(file);
+    QByteArray again;
+    const PinnedFile pinned(file);
+    QVERIFY(pinned.read(again));
+    QVERIFY(pinned.read(again));
+    QCOMPARE(again, QByteArray("\0\xff\n\0", 4));
+    QCOMPARE(portrait(file), before);
+}
+
+void TstUserFiles::readWithOwnersRights_data()
+{
+    QTest::addColumn<uint>("owner");
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<bool>("readable");
+    QTest::addColumn<bool>("writable");
+    QTest::newRow("nobody may") << alice << 0000 << false << false;
+    QTest::newRow("owner may write") << alice << 0200 << false << true;
+    QTest::newRow("owner may read") << alice << 0400 << true << false;
+    QTest::newRow("owner may both") << bob << 0600 << true << true;
+    QTest::newRow("all but the owner may") << alice << 0066 << false << false;
+    QTest::newRow("root's own") << 0u << 0000 << true << true;
+}
+
+void TstUserFiles::readWithOwnersRights()
+{
+    QFETCH(uint, owner);
+    QFETCH(int, mode);
+    QFETCH(bool, readable);
+    QFETCH(bool, writable);
+
+    QVERIFY(writeFile(file, "old"));
+    QVERIFY(setOwner(file, owner, clientGroup));
+    QCOMPARE(chmod(encoded(file).constData(), mode_t(mode)), 0);
+    const PinnedFile pinned(file);
+    QByteArray content;
+    errno = 0;
+    QCOMPARE(pinned.read(content), readable);
+    if (!readable)
+        QCOMPARE(errno, EACCES);
+    QCOMPARE(content, readable ? QByteArray("old") : QByteArray());
+    errno = 0;
+    QCOMPARE(pinned.write("new"), writable);
+    if (!writable)
+        QCOMPARE(errno, EACCES);
+    QCOMPARE(readFile(file), writable ? QByteArray("new") : QByteArray("old"));
+    QCOMPARE(statusOf(file).st_uid, owner);
+    QCOMPARE(int(statusOf(file).st_mode & 07777), mode);
+}
+
+void TstUserFiles::readSizeLimit()
+{
+    QVERIFY(writeFile(file, "x"));
+    QCOMPARE(truncate(encoded(file).constData(), sizeLimit), 0);
+    const PinnedFile pinned(file);
+    QByteArray content;
+    QVERIFY(pinned.read(content));
+    QCOMPARE(content.size(), sizeLimit);
+    // Also when it has grown since.
+    QCOMPARE(truncate(encoded(file).constData(), sizeLimit + 1), 0);
+    errno = 0;
+    QVERIFY(!pinned.read(content));
+    QCOMPARE(errno, EFBIG);
+    QCOMPARE(truncate(encoded(file).constData(), off_t(1) << 40), 0);
+    QVERIFY(!pinned.read(content));
+    QCOMPARE(errno, EFBIG);
+}
+
+void TstUserFiles::readFails()
+{
+    // A regular file that can be opened and not read: nothing is mapped at this process's first address.
+    QByteArray content;
+    errno = 0;
+    QVERIFY(!PinnedFile(QStringLiteral("/proc/self/mem")).read(content));
+    QCOMPARE(errno, EIO);
+}
+
+void TstUserFiles::readWaitsForNoLease()
+{
+    // A file system that has leases.
+    const QString leased = QStringLiteral("/run/leased.conf");
+    QVERIFY(writeFile(leased, "[General]\nattempts=3\n"));
+    const auto remove = qScopeGuard([&leased] { QFile::remove(leased); });
+    // Told that the lease is in somebody's way, the holder does nothing about it.
+    const auto handler = signal(SIGIO, SIG_IGN);
+    const int holder = open(encoded(leased).constData(), O_RDONLY | O_CLOEXEC);
+    QVERIFY(holder != -1);
+    const int taken = fcntl(holder, F_SETLEASE, F_RDLCK);
+    QVERIFY2(taken == 0, "the file system has no leases");
+
+    const PinnedFile pinned(leased);
+    errno = 0;
+    QVERIFY(!pinned.write("new"));
+    QCOMPARE(errno, EWOULDBLOCK);
+    QByteArray content;
+    QVERIFY(pinned.read(content));
+    close(holder);
+    QCOMPARE(content, QByteArray("[General]\nattempts=3\n"));
+
+    const int writer = open(encoded(leased).constData(), O_WRONLY | O_CLOEXEC);
+    QVERIFY2(fcntl(writer, F_SETLEASE, F_WRLCK) == 0, "the file system has no leases");
+    errno = 0;
+    QVERIFY(!pinned.read(content));
+    QCOMPARE(errno, EWOULDBLOCK);
+    close(writer);
+    signal(SIGIO, handler);
+}
+
+void TstUserFiles::writeInPlace_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::newRow("shorter") << QByteArray("ab");
+    QTest::newRow("longer") << QByteArray(100000, 'x');
+    QTest::newRow("empty") << QByteArray("");
+    QTest::newRow("equal") << QByteArray("content");
+}
+
+void TstUserFiles::writeInPlace()
+{
+    QFETCH(QByteArray, content);
+
+    QVERIFY(writeFile(file, "content"));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    QCOMPARE(chmod(encoded(file).constData(), 0640), 0);
+    const struct stat before = statusOf(file);
+    QVERIFY(PinnedFile(file).write(content));
+    QCOMPARE(readFile(file), content);
+    const struct stat after = statusOf(file);
+    QCOMPARE(after.st_ino, before.st_ino);
+    QCOMPARE(after.st_mode, before.st_mode);
+    QCOMPARE(after.st_uid, alice);
+    QCOMPARE(after.st_gid, clientGroup);
+    QCOMPARE(QDir(sharedDirectory).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList{QStringLiteral("file.conf")});
+}
+
+void TstUserFiles::swappedAfterPinning()
+{
+    const QString away = sharedDirectory + QStringLiteral("/away");
+    for (const Kind &kind : kinds) {
+        QVERIFY(writeFile(file, "old"));
+        const PinnedFile pinned(file);
+        QCOMPARE(rename(encoded(file).constData(), encoded(away).constData()), 0);
+        QVERIFY2(plant(QString::fromLatin1(kind.name), file), "cannot be made here (run the device as root)");
+        const QStringList before = portraits();
+        const QString itself = portrait(file);
+
+        QVERIFY(pinned.changeOwner(alice, clientGroup));
+        QByteArray content;
+        QVERIFY(pinned.read(content));
+        QCOMPARE(content, QByteArray("old"));
+        QVERIFY(pinned.write("new text"));
+
+        QCOMPARE(portraits(), before);
+        QCOMPARE(portrait(file), itself);
+        QCOMPARE(readFile(away), QByteArray("new text"));
+        QCOMPARE(statusOf(away).st_uid, alice);
+        QVERIFY(QFile::remove(away));
+        if (S_ISDIR(statusOf(file).st_mode))
+            QVERIFY(QDir().rmdir(file));
+        else
+            QVERIFY(QFile::remove(file));
+    }
+}
+
+void TstUserFiles::identityIsRestored()
+{
+    const gid_t own[] = {961, 4, 1002};
+    QCOMPARE(setgroups(3, own), 0);
+    const auto drop = qScopeGuard([] { setgroups(0, nullptr); });
+    const QByteArray before = identity();
+    QVERIFY(before.contains("Uid:\t0\t0\t0\t0"));
+    QVERIFY(before.contains("Groups:\t4 961 1002"));
+
+    QVERIFY(writeFile(file, "old"));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    QCOMPARE(chmod(encoded(file).constData(), 0600), 0);
+    QByteArray content;
+    QVERIFY(PinnedFile(file).read(content));
+    QCOMPARE(identity(), before);
+    QVERIFY(PinnedFile(file).write("new"));
+    QCOMPARE(identity(), before);
+    UserSettings(file).setValue(attempts, 1);
+    QCOMPARE(identity(), before);
+
+    QCOMPARE(chmod(encoded(file).constData(), 0000), 0);
+    QVERIFY(!PinnedFile(file).read(content));
+    QCOMPARE(identity(), before);
+    QVERIFY(!PinnedFile(file).write("newer"));
+    QCOMPARE(identity(), before);
+
+    // Root's rights are back too, and what is made is root's.
+    const QString made = outside + QStringLiteral("/made");
+    QVERIFY(writeFile(made, "x"));
+    QCOMPARE(statusOf(made).st_uid, 0u);
+    QCOMPARE(statusOf(made).st_gid, 0u);
+    QVERIFY(!readFile(file).isNull());
+}
+
+void TstUserFiles::identityCannotBeTaken()
+{
+    QVERIFY(writeFile(file, "old"));
+    QVERIFY(setOwner(file, bob, bob));
+    QCOMPARE(chmod(encoded(file).constData(), 0666), 0);
+    const PinnedFile pinned(file);
+
+    // Another user than root cannot act as the owner, and does not act as anybody else.
+    QCOMPARE(seteuid(alice), 0);
+    const QByteArray before = identity();
+    QByteArray content;
+    errno = 0;
+    const bool done = pinned.read(content) || pinned.write("new");
+    const int error = errno;
+    const QByteArray after = identity();
+    QCOMPARE(seteuid(0), 0);
+    QVERIFY(!done);
+    QCOMPARE(error, EPERM);
+    QCOMPARE(after, before);
+    QCOMPARE(readFile(file), QByteArray("old"));
+}
+
+void TstUserFiles::settingsRead()
+{
+    QVERIFY(writeFile(file, "early=1\n[Other]\nattempts=5\n[General]\nattempts=3\ntext=\"a b\"\nlist=x, y\n"));
+    const UserSettings settings(file);
+    QCOMPARE(settings.value(attempts, 0), QVariant(QStringLiteral("3")));
+    QCOMPARE(settings.value(QStringLiteral("early"), 0), QVariant(QStringLiteral("1")));
+    QCOMPARE(settings.value(QStringLiteral("text"), 0), QVariant(QStringLiteral("a b")));
+    QCOMPARE(settings.value(QStringLiteral("list"), 0),
+             QVariant(QStringList{QStringLiteral("x"), QStringLiteral("y")}));
+    QCOMPARE(settings.value(QStringLiteral("none"), 7), QVariant(7));
+    QCOMPARE(settings.value(QStringLiteral("none"), QVariant()), QVariant());
+
+    const UserSettings missing(outside + QStringLiteral("/missing"));
+    QCOMPARE(missing.value(attempts, 7), QVariant(7));
+}
+
+void TstUserFiles::settingsWritten()
+{
+    QVERIFY(writeFile(file, "[General]\nattempts=3\ntext=\"a b\"\n\n[Other]\nattempts=5\n"));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    QCOMPARE(chmod(encoded(file).constData(), 0640), 0);
+    const struct stat before = statusOf(file);
+    {
+        UserSettings settings(file);
+        settings.setValue(attempts, 4);
+        settings.setValue(QStringLiteral("fresh"), QStringLiteral("c, d"));
+        // Not before it is destroyed.
+        QVERIFY(readFile(file).contains("attempts=3"));
+        QVERIFY(!readFile(file).contains("fresh"));
+    }
+    const QSettings settings(file, QSettings::NativeFormat);
+    QStringList keys = settings.allKeys();
+    keys.sort();
+    QCOMPARE(keys, (QStringList{QStringLiteral("Other/attempts"), attempts, QStringLiteral("fresh"),
+                                QStringLiteral("text")}));
+    QCOMPARE(settings.value(attempts), QVariant(QStringLiteral("4")));
+    QCOMPARE(settings.value(QStringLiteral("fresh")), QVariant(QStringLiteral("c, d")));
+    QCOMPARE(settings.value(QStringLiteral("text")), QVariant(QStringLiteral("a b")));
+    QCOMPARE(settings.value(QStringLiteral("Other/attempts")), QVariant(QStringLiteral("5")));
+    QCOMPARE(statusOf(file).st_ino, before.st_ino);
+    QCOMPARE(statusOf(file).st_mode, before.st_mode);
+    QCOMPARE(statusOf(file).st_uid, alice);
+    QCOMPARE(statusOf(file).st_gid, clientGroup);
+
+    // A file without settings gets them.
+    QVERIFY(writeFile(file, ""));
+    UserSettings(file).setValue(attempts, 9);
+    QCOMPARE(readFile(file), QByteArray("[General]\nattempts=9\n"));
+}
+
+void TstUserFiles::settingsAreNotWrittenInVain()
+{
+    QVERIFY(writeFile(file, "attempts=3\n; a comment\n"));
+    const QString before = portrait(file);
+    QCOMPARE(UserSettings(file).value(attempts, 0), QVariant(QStringLiteral("3")));
+    QCOMPARE(portrait(file), before);
+}
+
+void TstUserFiles::settingsRefused_data()
+{
+    addKinds();
+}
+
+void TstUserFiles::settingsRefused()
+{
+    QFETCH(QString, kind);
+
+    QVERIFY2(plant(kind, file), "cannot be made here (run the device as root)");
+    const QStringList before = portraits();
+    const QString itself = portrait(file);
+    {
+        UserSettings settings(file);
+        QCOMPARE(settings.value(attempts, 7), QVariant(7));
+        settings.setValue(attempts, 8);
+        QCOMPARE(settings.value(attempts, 7), QVariant(7));
+    }
+    QCOMPARE(portraits(), before);
+    QCOMPARE(portrait(file), itself);
+}
+
+void TstUserFiles::settingsOfUnreadableFile()
+{
+    // What is not known cannot be kept, so nothing is written.
+    QVERIFY(writeFile(file, "[General]\nattempts=3\nother=1\n"));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    QCOMPARE(chmod(encoded(file).constData(), 0200), 0);
+    const QString before = portrait(file);
+    {
+        UserSettings settings(file);
+        QCOMPARE(settings.value(attempts, 7), QVariant(7));
+        settings.setValue(attempts, 8);
+    }
+    QCOMPARE(portrait(file), before);
+
+    // The other way round the failure comes last.
+    QCOMPARE(chmod(encoded(file).constData(), 0400), 0);
+    UserSettings(file).setValue(attempts, 8);
+    QCOMPARE(readFile(file), QByteArray("[General]\nattempts=3\nother=1\n"));
+}
+
+void TstUserFiles::settingsOfNoise()
+{
+    for (const QByteArray &noise : {QByteArray("noise\n"), QByteArray(5000, '\0'), QByteArray(5000, '\xff'),
+                                    QByteArray("[General\n=\n===\n[]\n"), QByteArray("noise without an end")}) {
+        QVERIFY(writeFile(file, noise));
+        QCOMPARE(UserSettings(file).value(attempts, 7), QVariant(7));
+        UserSettings(file).setValue(attempts, 8);
+        QCOMPARE(UserSettings(file).value(attempts, 7), QVariant(QStringLiteral("8")));
+        QCOMPARE(QSettings(file, QSettings::NativeFormat).value(attempts), QVariant(QStringLiteral("8")));
+    }
+}
+
+void TstUserFiles::settingsThatWouldEndTheDaemon_data()
+{
+    // A serialized list of 2^31 elements, and lists a hundred thousand deep.
+    const QByteArray huge = "@Variant(\\0\\0\\0\\t\\x7f\\xff\\xff\\xff)";
+    const QByteArray deep = "@Variant(" + QByteArray("\0\0\0\t\0\0\0\1", 8).repeated(100000) + ")";
+    QTest::addColumn<QByteArray>("value");
+    QTest::newRow("huge") << huge;
+    QTest::newRow("deep") << deep;
+    QTest::newRow("huge, quoted") << QByteArray('"' + huge + '"');
+    QTest::newRow("huge, in pieces") << QByteArray("\"@Va\"\"ria\"\"nt(\\0\\0\\0\\t\\x7f\\xff\\xff\\xff)\"");
+    QTest::newRow("huge, escaped") << QByteArray("\\x40Variant(\\0\\0\\0\\t\\x7f\\xff\\xff\\xff)");
+    QTest::newRow("huge, in a list") << QByteArray("1, " + huge);
+    QTest::newRow("huge, continued") << QByteArray("\\\n" + huge);
+}
+
+void TstUserFiles::settingsThatWouldEndTheDaemon()
+{
+    QFETCH(QByteArray, value);
+
+    QVERIFY(writeFile(file, "[General]\nother=" + value + "\nattempts=3\n"));
+    QCOMPARE(UserSettings(file).value(attempts, 7), QVariant(QStringLiteral("3")));
+    UserSettings(file).setValue(attempts, 4);
+    QCOMPARE(UserSettings(file).value(attempts, 7), QVariant(QStringLiteral("4")));
+
+    QVERIFY(writeFile(file, "[General]\nattempts=" + value + "\n"));
+    QCOMPARE(UserSettings(file).value(attempts, 7), QVariant(7));
+    UserSettings(file).setValue(attempts, 4);
+    QVERIFY(readFile(file).contains("attempts=4\n"));
+}
+
+void TstUserFiles::settingsLeaveNothingBehind()
+{
+    const QStringList before = temporaryFiles();
+    QVERIFY(writeFile(file, "attempts=3\n"));
+    {
+        UserSettings settings(file);
+        settings.setValue(attempts, 4);
+        QCOMPARE(settings.value(attempts, 0), QVariant(QStringLiteral("4")));
+    }
+    UserSettings(outside).setValue(attempts, 4);
+    QCOMPARE(temporaryFiles(), before);
+    QCOMPARE(QDir(sharedDirectory).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList{QStringLiteral("file.conf")});
+}
+
+QTEST_GUILESS_MAIN(TstUserFiles)
+#include "tst_userfiles.moc"
