@@ -1,0 +1,122 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "lockstore.h"
+
+#include "common/regularfile.h"
+#include "log.h"
+#include "states.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
+
+#include <cstring>
+#include <glib.h>
+
+namespace {
+
+constexpr char LockFile[] = "/var/lib/authd/locks.conf";
+constexpr std::size_t SizeLimit = 16 * 1024 * 1024;
+constexpr char Method[] = "method";
+constexpr char Reason[] = "reason";
+constexpr char Until[] = "until";
+
+qint64 now()
+{
+    return QDateTime::currentSecsSinceEpoch();
+}
+
+bool lastsLonger(const Lock &lock, const Lock &other)
+{
+    return lock.until == 0 || (other.until != 0 && lock.until > other.until);
+}
+
+void report(const char *event, const QString &error)
+{
+    Log::write(Log::Error, event, {{"file", QString::fromLatin1(LockFile)}, {"error", error}});
+}
+
+} // namespace
+
+uint Lock::duration() const
+{
+    if (until == 0)
+        return States::UntilUnlocked;
+    return static_cast<uint>(qBound(qint64(0), until - now(), qint64(States::UntilUnlocked) - 1));
+}
+
+bool LockStore::load()
+{
+    m_locks.clear();
+    const std::optional<std::string> content = readRegularFile(LockFile, O_NOFOLLOW, SizeLimit);
+    if (!content && errno == ENOENT)
+        return true;
+    if (!content) {
+        report("locks-unreadable", qt_error_string(errno));
+        return false;
+    }
+
+    g_autoptr(GKeyFile) keys = g_key_file_new();
+    g_autoptr(GError) error = nullptr;
+    bool good = g_key_file_load_from_data(keys, content->data(), content->size(), G_KEY_FILE_NONE, &error);
+    g_auto(GStrv) groups = g_key_file_get_groups(keys, nullptr);
+    for (char **group = groups; good && *group; ++group) {
+        const uint uid = QByteArray(*group).toUInt(&good);
+        if (!good)
+            break;
+        g_autofree char *method = g_key_file_get_string(keys, *group, Method, &error);
+        g_autofree char *reason = error ? nullptr : g_key_file_get_string(keys, *group, Reason, &error);
+        const qint64 until = error ? 0 : g_key_file_get_int64(keys, *group, Until, &error);
+        good = !error && until >= 0;
+        m_locks.insert(uid, {QString::fromUtf8(method), QString::fromUtf8(reason), until});
+    }
+    if (!good)
+        report("locks-damaged", error ? QString::fromUtf8(error->message) : QStringLiteral("not a list of locks"));
+    return good;
+}
+
+std::optional<Lock> LockStore::find(uint uid) const
+{
+    const auto lock = m_locks.constFind(uid);
+    if (lock == m_locks.constEnd() || (lock->until != 0 && lock->until <= now()))
+        return std::nullopt;
+    return *lock;
+}
+
+void LockStore::lock(uint uid, const QString &method, const QString &reason, uint duration)
+{
+    const Lock lock = {method, reason, duration == States::UntilUnlocked ? 0 : now() + duration};
+    const std::optional<Lock> present = find(uid);
+    if (present && !lastsLonger(lock, *present))
+        return;
+    m_locks.insert(uid, lock);
+    save();
+}
+
+bool LockStore::unlock(uint uid)
+{
+    const bool wasLocked = find(uid).has_value();
+    if (m_locks.remove(uid) > 0)
+        save();
+    return wasLocked;
+}
+
+void LockStore::save() const
+{
+    g_autoptr(GKeyFile) keys = g_key_file_new();
+    for (auto lock = m_locks.cbegin(); lock != m_locks.cend(); ++lock) {
+        if (!find(lock.key()))
+            continue;
+        const QByteArray group = QByteArray::number(lock.key());
+        g_key_file_set_string(keys, group.constData(), Method, lock->method.toUtf8().constData());
+        g_key_file_set_string(keys, group.constData(), Reason, lock->reason.toUtf8().constData());
+        g_key_file_set_int64(keys, group.constData(), Until, lock->until);
+    }
+    gsize size = 0;
+    g_autofree char *content = g_key_file_to_data(keys, &size, nullptr);
+    constexpr auto flags = GFileSetContentsFlags(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
+    g_autoptr(GError) error = nullptr;
+    QDir().mkpath(QFileInfo(QString::fromLatin1(LockFile)).path());
+    if (!g_file_set_contents_full(LockFile, content, static_cast<gssize>(size), flags, S_IRUSR | S_IWUSR, &error))
+        report("locks-not-saved", QString::fromUtf8(error->message));
+}

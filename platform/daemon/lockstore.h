@@ -1,0 +1,44 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <QHash>
+#include <QString>
+
+#include <optional>
+
+/// A lock on a user.
+struct Lock
+{
+    /// The method that asked for it.
+    QString method;
+    QString reason;
+    /// When it ends, in seconds since the epoch; 0 when only root ends it.
+    qint64 until = 0;
+
+    /// Seconds left, rounded up; States::UntilUnlocked when only root ends it.
+    uint duration() const;
+};
+
+/// Who is locked, kept in the file "/var/lib/authd/locks.conf", which only root may read. Each change is written at
+/// once and survives a crash. One that cannot be written is reported in the log and holds until the daemon ends.
+class LockStore
+{
+public:
+    /// Reads the file; false, with a line in the log, when there is one that cannot be read or understood whole: then
+    /// nobody knows who is locked.
+    bool load();
+
+    /// The lock that stands on user `uid` now.
+    std::optional<Lock> find(uint uid) const;
+    /// Locks user `uid` for `duration` seconds, States::UntilUnlocked for as long as root likes. A lock that lasts
+    /// longer stays.
+    void lock(uint uid, const QString &method, const QString &reason, uint duration);
+    /// Takes the lock away; false when there was none.
+    bool unlock(uint uid);
+
+private:
+    void save() const;
+
+    QHash<uint, Lock> m_locks;
+};

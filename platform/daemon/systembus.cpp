@@ -1,0 +1,47 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "systembus.h"
+
+#include <authd/authservice.h>
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusError>
+#include <QDBusReply>
+
+namespace {
+
+const QString connectionName = QStringLiteral("authd");
+
+} // namespace
+
+SystemBus::~SystemBus()
+{
+    QDBusConnection::disconnectFromBus(connectionName);
+}
+
+bool SystemBus::open()
+{
+    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName);
+    if (!bus.isConnected()) {
+        m_error = bus.lastError().message();
+        QDBusConnection::disconnectFromBus(connectionName);
+        return false;
+    }
+    bus.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"), QStringLiteral("org.freedesktop.DBus.Local"),
+                QStringLiteral("Disconnected"), this, SIGNAL(lost()));
+    return true;
+}
+
+SystemBus::Claim SystemBus::claim(QObject *object)
+{
+    QDBusConnection bus(connectionName);
+    bus.registerObject(LibAuthd::AuthService::ObjectPath, object, QDBusConnection::ExportAdaptors);
+    const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
+        bus.interface()->registerService(LibAuthd::AuthService::Service);
+    if (!reply.isValid()) {
+        m_error = reply.error().message();
+        return Refused;
+    }
+    return reply.value() == QDBusConnectionInterface::ServiceRegistered ? Claimed : Taken;
+}
