@@ -1,0 +1,135 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <QMap>
+#include <QString>
+#include <QStringList>
+
+#include <iosfwd>
+
+/// What the stateful test of the private object can do, in words that the model and the real system share.
+namespace Sequences {
+
+constexpr uint alice = 1000;
+constexpr uint bob = 1001;
+constexpr uint unknownUser = 4242;
+
+enum class Kind {
+    Authenticate, // user, variant = AuthData, answer
+    Reset,
+    EndClient, // variant = how
+    PutSocket, // variant = SocketChoice
+    RemoveSocket,
+    ChangeSocketOwner, // variant = SocketChoice
+    TouchClientDirectory,
+    DropLink,
+    Reply, // variant = which call, answer
+    FetchCerts,
+    SetCertsAnswer, // variant = CertsAnswer
+    ReplyCerts, // variant = CertsAnswer but Hold
+    StartSession, // user, flag = manageClient
+    StopSession, // flag = manageClient
+    CreateMarker, // user
+    RemoveMarker, // user
+    TouchHome, // user
+    WritePolicy, // variant = value
+    ReplacePolicy, // variant = value
+    PlantPolicy, // variant = Plant
+    RemovePolicy,
+    WriteUserFile, // user, variant = value
+    ReplaceUserFile, // user, variant = value
+    PlantUserFile, // user, variant = Plant
+    RemoveUserFile, // user
+    TouchSharedDirectory,
+    WritePackagedPolicy, // variant = value
+    RemovePackagedPolicy,
+    RemoveMethodSettings,
+    LockPartition,
+    UnlockPartition,
+    IncreaseAttempts, // user
+    ResetAttempts, // user
+    GetAttempts, // user
+    MarkForDeletion, // user
+    SetLauncher, // variant = Launcher
+    SetGroup, // variant = Group
+    MoveClientDirectory, // there and back
+    BlockSharedDirectory, // there and back
+    SetManifest, // variant = Manifest
+    SetWiper, // variant = Wiper
+    ReplyWiper, // flag = success
+    Repair, // all that keeps a client from being launched
+    Restart, // the plugin
+    Count
+};
+
+enum AuthData { Password, CertAndPin, PasswordAndPin, CertOnly, EmptyMap, AuthDataCount };
+enum SocketChoice { RightOwner, OtherUser, Root, NobodyListens, SocketChoiceCount };
+enum CertsAnswer { SomeCerts, NoCerts, CertsError, CertsNumber, CertsNothing, HoldCerts, CertsAnswerCount };
+enum Launcher { Works, IsMissing, ExitsAtOnce, FailsAtOnce, IgnoresTerm, LauncherCount };
+enum Group { Normal, NoGroup, GroupOfRoot, GroupCount };
+enum Manifest { Stock, NoManifest, Damaged, NoOrganization, NoCommand, ManifestCount };
+enum Wiper { WiperSucceeds, WiperFails, WiperHolds, NoWiper, WiperCount };
+enum Plant { SymbolicLink, HardLink, Fifo, Directory, FileOfOther, PlantCount };
+
+/// What the client answers to a credential; the part of the credential before the "#".
+const QStringList answers = {QStringLiteral("success"),
+                             QStringLiteral("failed"),
+                             QStringLiteral("lock"),
+                             QStringLiteral("remove"),
+                             QStringLiteral("nousb"),
+                             QStringLiteral("connerr"),
+                             QStringLiteral("firstcererr"),
+                             QStringLiteral("errauthtype"),
+                             QStringLiteral("SUCCESS"),
+                             QStringLiteral("whatever"),
+                             QString(),
+                             QStringLiteral("<error>"),
+                             QStringLiteral("<number>"),
+                             QStringLiteral("<nothing>"),
+                             QStringLiteral("<many>"),
+                             QStringLiteral("<hold>"),
+                             QStringLiteral("<drop>"),
+                             QStringLiteral("<die>")};
+
+/// What is written as a value into settings files; a null string stands for a file without the key.
+const QStringList limits = {QStringLiteral("1"),
+                            QStringLiteral("3"),
+                            QStringLiteral("0"),
+                            QStringLiteral("-1"),
+                            QStringLiteral("100000"),
+                            QStringLiteral("nonsense"),
+                            QString()};
+const QStringList counts = {QStringLiteral("2"), QStringLiteral("0"), QStringLiteral("17"), QStringLiteral("many"),
+                            QString()};
+
+/// How a sequence starts.
+struct Setup
+{
+    int manifest = Stock;
+    bool manifestIsLink = false;
+    bool packagedPolicy = false;
+    bool sharedDirectory = false;
+    bool currentPolicy = false; ///< Only with sharedDirectory.
+};
+
+/// One thing that happens.
+struct Event
+{
+    Kind kind = Kind::Reset;
+    uint user = alice;
+    int variant = 0;
+    QString answer;
+    bool flag = false;
+    /// The next event happens before the event loop has run.
+    bool hurried = false;
+};
+
+/// What can be seen of the private object and its surroundings, by name.
+using Observation = QMap<QString, QString>;
+
+QString nameOf(Kind kind);
+std::ostream &operator<<(std::ostream &stream, const Event &event);
+std::ostream &operator<<(std::ostream &stream, const Setup &setup);
+
+} // namespace Sequences

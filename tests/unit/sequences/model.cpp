@@ -1,0 +1,1111 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "model.h"
+
+namespace Sequences {
+
+namespace {
+
+const QString clientDirectory = QStringLiteral("/run/aux-auth/tarsk/kavet_client");
+const QString shared = QStringLiteral("/srv/shared/tarsk/kavet_client");
+const QString policy = QStringLiteral("/srv/shared/tarsk/kavet_client/current.conf");
+const QString packaged = QStringLiteral("/usr/share/tarsk.kavet_client/policy.conf");
+const QString attempts = QStringLiteral("attempts");
+const QString maxAttempts = QStringLiteral("max-attempts");
+const QString deletion = QStringLiteral("delayed-deletion");
+constexpr uint clientGroup = 960;
+constexpr uint fullBudget = 11;
+
+QString loginName(uint user)
+{
+    static const QMap<uint, QString> names = {{0, QStringLiteral("root")},
+                                              {1000, QStringLiteral("alice")},
+                                              {1001, QStringLiteral("bob")},
+                                              {1002, QStringLiteral("carol")}};
+    return names.value(user);
+}
+
+QString answerTo(const QString &credential)
+{
+    return credential.left(credential.indexOf(QLatin1Char('#')));
+}
+
+} // namespace
+
+Model::Model(const Setup &setup)
+    : m_manifest(setup.manifest)
+    , m_manifestIsLink(setup.manifestIsLink)
+    , m_sharedExists(setup.sharedDirectory)
+    , m_markers({1000, 1001})
+{
+    if (setup.packagedPolicy)
+        m_packagedPolicy = limits.first();
+    if (setup.currentPolicy)
+        put(policy, {File::Regular, 0, 0, alice, clientGroup, limits.at(1)});
+    construct();
+}
+
+// --- Events ---------------------------------------------------------------------------------------------------------
+
+bool Model::allows(const Event &event) const
+{
+    const auto possible = [this, &event] {
+        switch (event.kind) {
+        case Kind::EndClient:
+            return m_process != NotRunning && m_processKind != IsMissing && !m_dying;
+        case Kind::PutSocket:
+        case Kind::TouchClientDirectory:
+            return !m_clientDirectoryAway;
+        case Kind::RemoveSocket:
+        case Kind::ChangeSocketOwner:
+            return !m_clientDirectoryAway && m_socket.exists;
+        case Kind::DropLink:
+            return m_connected && !event.hurried;
+        case Kind::Reply:
+            return !m_heldCalls.isEmpty();
+        case Kind::ReplyCerts:
+            return m_certsHeld && event.variant != HoldCerts;
+        case Kind::ReplyWiper:
+            return !m_heldWipes.isEmpty();
+        case Kind::WritePolicy:
+        case Kind::PlantPolicy:
+        case Kind::WriteUserFile:
+        case Kind::PlantUserFile:
+        case Kind::TouchSharedDirectory:
+            return sharedThere();
+        case Kind::ReplacePolicy:
+            return sharedThere() && m_files.value(policy).type == File::Regular;
+        case Kind::ReplaceUserFile:
+            return sharedThere() && m_files.value(userFile(event.user)).type == File::Regular;
+        case Kind::RemovePolicy:
+            return sharedThere() && m_files.contains(policy);
+        case Kind::RemoveUserFile:
+            return sharedThere() && m_files.contains(userFile(event.user));
+        case Kind::RemovePackagedPolicy:
+            return m_packagedPolicy.has_value();
+        case Kind::CreateMarker:
+            return isKnown(event.user) && !m_markers.contains(event.user);
+        case Kind::RemoveMarker:
+            return m_markers.contains(event.user);
+        case Kind::TouchHome:
+            return isKnown(event.user);
+        case Kind::Restart:
+            return !m_clientDirectoryAway;
+        default:
+            return true;
+        }
+    };
+    if (!possible())
+        return false;
+
+    Model after = *this;
+    after.act(event);
+    if (event.hurried)
+        return !after.m_ambiguous && after.m_arrivals.isEmpty() && after.m_wiped.isEmpty();
+    after.settle();
+    return !after.m_ambiguous;
+}
+
+void Model::apply(const Event &event)
+{
+    act(event);
+    if (!event.hurried)
+        settle();
+}
+
+void Model::act(const Event &event)
+{
+    const auto plant = [this, &event](const QString &path, uint other) {
+        if (m_files.contains(path))
+            removeFile(path);
+        if (event.variant == FileOfOther)
+            createFile(path, {File::Regular, 0, 0, other, other, QStringLiteral("5")});
+        else
+            createFile(path, {File::Planted, event.variant, 0, 0, 0, QString()});
+    };
+    const auto write = [this](const QString &path, uint owner, const QString &value) {
+        if (m_files.value(path).type == File::Regular) {
+            writeFile(path, value);
+            return;
+        }
+        if (m_files.contains(path))
+            removeFile(path);
+        createFile(path, {File::Regular, 0, 0, owner, clientGroup, value});
+    };
+    const auto replace = [this](const QString &path, uint owner, const QString &value) {
+        removeFile(path);
+        createFile(path, {File::Regular, 0, 0, owner, clientGroup, value});
+    };
+    const uint other = event.user == bob ? alice : bob;
+
+    m_returned.clear();
+    m_atOnce.clear();
+    switch (event.kind) {
+    case Kind::Authenticate:
+        m_currentUid = event.user;
+        m_pending = Data{event.variant, event.answer + QLatin1Char('#') + QString::number(++m_credentials)};
+        makeAuth();
+        break;
+    case Kind::Reset:
+        m_pending.reset();
+        m_currentUid = 0;
+        m_budget = fullBudget;
+        m_stage = m_running ? MustConnect + int(m_socketPresent) : MustLaunch;
+        if (m_stage == Linked && !m_connected)
+            m_situations << QStringLiteral("last stage without a link");
+        break;
+    case Kind::EndClient:
+        m_dying = true;
+        break;
+    case Kind::PutSocket:
+        m_socket = {true, event.variant != NobodyListens, socketOwner(event.variant)};
+        noteDirectory(clientDirectory);
+        break;
+    case Kind::RemoveSocket:
+        m_socket = {};
+        noteDirectory(clientDirectory);
+        break;
+    case Kind::ChangeSocketOwner:
+        m_socket.owner = socketOwner(event.variant);
+        noteDirectory(clientDirectory);
+        break;
+    case Kind::TouchClientDirectory:
+        noteDirectory(clientDirectory);
+        break;
+    case Kind::DropLink:
+        if (!m_arrivals.isEmpty() || (m_dying && !m_heldCalls.isEmpty()))
+            m_ambiguous = true;
+        m_arrivals << Arrival{Arrival::LinkGone, QString(), 0};
+        break;
+    case Kind::Reply: {
+        m_heldCalls.removeAt(event.variant % m_heldCalls.size());
+        const bool certain = event.answer != QLatin1String("<hold>") && event.answer != QLatin1String("<drop>")
+                             && event.answer != QLatin1String("<die>");
+        m_arrivals << Arrival{Arrival::Answer, certain ? event.answer : answers.first(), 0};
+        break;
+    }
+    case Kind::FetchCerts:
+        m_returned = getCertList().join(QLatin1Char(','));
+        break;
+    case Kind::SetCertsAnswer:
+        m_certsAnswer = event.variant;
+        break;
+    case Kind::ReplyCerts:
+        m_certsHeld = false;
+        m_arrivals << Arrival{Arrival::Certs, QString(), event.variant};
+        break;
+    case Kind::StartSession:
+        startSession(event.user, event.flag);
+        break;
+    case Kind::StopSession:
+        stopSession(event.flag);
+        break;
+    case Kind::CreateMarker:
+        m_markers << event.user;
+        noteDirectory(home(event.user));
+        break;
+    case Kind::RemoveMarker:
+        m_markers.remove(event.user);
+        noteDirectory(home(event.user));
+        break;
+    case Kind::TouchHome:
+        noteDirectory(home(event.user));
+        break;
+    case Kind::WritePolicy:
+        write(policy, alice, limits.at(event.variant % limits.size()));
+        break;
+    case Kind::ReplacePolicy:
+        replace(policy, alice, limits.at(event.variant % limits.size()));
+        break;
+    case Kind::PlantPolicy:
+        plant(policy, bob);
+        break;
+    case Kind::RemovePolicy:
+        removeFile(policy);
+        break;
+    case Kind::WriteUserFile:
+        write(userFile(event.user), event.user, counts.at(event.variant % counts.size()));
+        break;
+    case Kind::ReplaceUserFile:
+        replace(userFile(event.user), event.user, counts.at(event.variant % counts.size()));
+        break;
+    case Kind::PlantUserFile:
+        plant(userFile(event.user), other);
+        break;
+    case Kind::RemoveUserFile:
+        removeFile(userFile(event.user));
+        break;
+    case Kind::TouchSharedDirectory:
+        noteDirectory(shared);
+        break;
+    case Kind::WritePackagedPolicy:
+        m_packagedPolicy = limits.at(event.variant % limits.size());
+        break;
+    case Kind::RemovePackagedPolicy:
+        m_packagedPolicy.reset();
+        break;
+    case Kind::RemoveMethodSettings:
+        for (const OptionKey &key : m_options.keys()) {
+            if (key.first == 0)
+                m_options.remove(key);
+        }
+        break;
+    case Kind::LockPartition:
+        m_partitionLocked = true;
+        break;
+    case Kind::UnlockPartition:
+        m_partitionLocked = false;
+        break;
+    case Kind::IncreaseAttempts: {
+        const int result = increaseAttempts(event.user);
+        m_returned = QString::number(result) + QLatin1Char(':') + m_atOnce.join(QLatin1Char(';'));
+        break;
+    }
+    case Kind::ResetAttempts:
+        setOption(event.user, attempts, integer(0));
+        m_returned = m_atOnce.join(QLatin1Char(';'));
+        break;
+    case Kind::GetAttempts: {
+        const int limit = option(0, maxAttempts).toInt();
+        if (limit != 0 && event.user == 0)
+            getCertList();
+        m_returned = QString::number(limit == 0 ? 1 : limit);
+        break;
+    }
+    case Kind::MarkForDeletion:
+        setOption(event.user, deletion, {QStringLiteral("bool"), QStringLiteral("true")});
+        break;
+    case Kind::SetLauncher:
+        m_launcher = event.variant;
+        break;
+    case Kind::SetGroup:
+        m_group = event.variant;
+        break;
+    case Kind::MoveClientDirectory:
+        m_clientDirectoryAway = !m_clientDirectoryAway;
+        break;
+    case Kind::BlockSharedDirectory:
+        m_sharedBlocked = !m_sharedBlocked;
+        break;
+    case Kind::SetManifest:
+        m_manifest = event.variant;
+        break;
+    case Kind::SetWiper:
+        m_wiper = event.variant;
+        break;
+    case Kind::ReplyWiper: {
+        const uint user = m_heldWipes.takeFirst();
+        if (event.flag)
+            m_wiped << user;
+        break;
+    }
+    case Kind::Repair:
+        m_partitionLocked = false;
+        m_launcher = Works;
+        m_group = Normal;
+        m_clientDirectoryAway = false;
+        m_sharedBlocked = false;
+        m_manifest = Stock;
+        break;
+    case Kind::Restart:
+        destroy();
+        construct();
+        break;
+    case Kind::Count:
+        break;
+    }
+}
+
+void Model::settle()
+{
+    for (;;) {
+        deliverChanges();
+        if (m_process == Starting && m_processKind == IsMissing) {
+            processFailedToStart();
+        } else if (m_process == Starting) {
+            processStarted();
+        } else if (m_process == Running && m_dying) {
+            processEnded();
+        } else if (!m_arrivals.isEmpty()) {
+            const Arrival arrival = m_arrivals.takeFirst();
+            switch (arrival.type) {
+            case Arrival::Answer:
+                handleAnswer(arrival.answer);
+                break;
+            case Arrival::Certs:
+                handleCerts(arrival.certs);
+                break;
+            case Arrival::LinkGone:
+                linkGone();
+                break;
+            }
+        } else if (!m_wiped.isEmpty()) {
+            m_situations << QStringLiteral("data removed");
+            setOption(m_wiped.takeFirst(), deletion, {QStringLiteral("bool"), QStringLiteral("false")});
+        } else {
+            return;
+        }
+    }
+}
+
+void Model::construct()
+{
+    m_wired = false;
+    m_stage = MustLaunch;
+    m_currentUid = 0;
+    m_pending.reset();
+    m_budget = fullBudget;
+    m_certsInFlight = m_certsPending = false;
+    m_uid = m_gid = 0;
+    m_starting = m_running = m_socketPresent = false;
+    m_sharedDirectory = m_userConfigPath = m_homeDirectory = QString();
+    m_organizationKnown = m_commandKnown = false;
+    m_manifestExists = m_manifestParsed = m_isSymLink = false;
+    m_watches.clear();
+
+    if (m_manifestIsLink) {
+        m_manifestExists = m_isSymLink = true;
+        m_wired = m_manifest == NoManifest || parseManifest();
+    } else {
+        m_manifestExists = m_manifest != NoManifest;
+        m_wired = m_manifestExists && parseManifest();
+    }
+    if (!m_wired) {
+        m_situations << QStringLiteral("inert");
+        return;
+    }
+    watch(clientDirectory);
+    if (!m_sharedDirectory.isEmpty())
+        watch(shared);
+    if (m_packagedPolicy) {
+        const auto told = m_optionsTold;
+        syncPolicy(packaged, false);
+        m_optionsTold = told; // There is no daemon yet that could be told.
+    }
+}
+
+void Model::destroy()
+{
+    if (exists(policy))
+        syncPolicy(policy, true);
+    m_process = NotRunning;
+    m_dying = false;
+    m_connected = false;
+    m_heldCalls.clear();
+    m_certsHeld = false;
+    m_heldWipes.clear();
+    m_changedDirectories.clear();
+    m_changedFiles.clear();
+}
+
+// --- The authentication ---------------------------------------------------------------------------------------------
+
+void Model::makeAuth()
+{
+    for (;;) {
+        if (m_partitionLocked) {
+            m_situations << QStringLiteral("partition locked");
+            requestInput(WithoutConnection, Success);
+            return;
+        }
+        if (m_currentUid == 0)
+            return;
+        if (m_starting) {
+            m_situations << QStringLiteral("asked while starting");
+            return;
+        }
+        if (m_stage == MustLaunch) {
+            if (!launch()) {
+                requestInput(Connecting, CannotStartClient);
+                return;
+            }
+            m_stage = MustConnect;
+        } else if (m_stage == MustConnect) {
+            if (!connectToClient()) {
+                requestInput(Connecting, CannotConnectClient);
+                return;
+            }
+            m_stage = Linked;
+        } else {
+            if (!m_pending) {
+                requestInput(EnterPasswordOrPin, Success);
+                return;
+            }
+            const Data data = *m_pending;
+            m_pending.reset();
+            if (data.kind == Password || data.kind == PasswordAndPin)
+                callClient(QStringLiteral("checkPassword"), {loginName(m_currentUid), data.credential},
+                           data.credential);
+            else if (data.kind == CertAndPin)
+                callClient(QStringLiteral("validateCert"),
+                           {QStringLiteral("pkcs11:one"), loginName(m_currentUid), data.credential}, data.credential);
+            else
+                requestInput(EnterPasswordOrPin, Success);
+            return;
+        }
+    }
+}
+
+void Model::handleAnswer(const QString &answer)
+{
+    static const QMap<QString, int> codes = {{QStringLiteral("success"), Success},
+                                             {QStringLiteral("<many>"), Success},
+                                             {QStringLiteral("lock"), 6},
+                                             {QStringLiteral("remove"), 7},
+                                             {QStringLiteral("nousb"), 9},
+                                             {QStringLiteral("connerr"), 10},
+                                             {QStringLiteral("failed"), 11},
+                                             {QStringLiteral("firstcererr"), 12},
+                                             {QStringLiteral("errauthtype"), 14},
+                                             {QStringLiteral("<error>"), CannotCommunicateClient},
+                                             {QStringLiteral("<number>"), CannotCommunicateClient},
+                                             {QStringLiteral("<nothing>"), CannotCommunicateClient}};
+    const int code = codes.value(answer, 11);
+    m_situations << QStringLiteral("outcome %1").arg(code);
+    if (code == Success)
+        tell(QStringLiteral("succeed"));
+    else
+        requestInput(EnterPasswordOrPin, code);
+}
+
+void Model::requestInput(Request request, int code)
+{
+    tell((code == Success ? QStringLiteral("inputRequested %1/%2") : QStringLiteral("finish false %1/%2"))
+             .arg(request)
+             .arg(code));
+}
+
+bool Model::connectToClient()
+{
+    if (!m_running || !m_socketPresent)
+        return false;
+    if (m_connected)
+        return true;
+    if (m_clientDirectoryAway || !m_socket.exists || !m_socket.served) {
+        m_situations << QStringLiteral("connection refused");
+        return false;
+    }
+    m_connected = true;
+    if (m_certsPending) {
+        m_certsPending = false;
+        m_situations << QStringLiteral("certificates fetched once linked");
+        getCertList();
+    }
+    return true;
+}
+
+void Model::callClient(const QString &method, const QStringList &arguments, const QString &credential)
+{
+    if (!m_connected) {
+        if (!connectToClient()) {
+            m_situations << QStringLiteral("no link at the last stage");
+            requestInput(EnterPasswordOrPin, CannotCommunicateClient);
+            return;
+        }
+        m_situations << QStringLiteral("link made at the last stage");
+    }
+    m_calls << method + QLatin1Char('(') + arguments.join(QLatin1Char(',')) + QLatin1Char(')');
+    const QString answer = answerTo(credential);
+    if (answer == QLatin1String("<hold>")) {
+        m_heldCalls << credential;
+    } else if (answer == QLatin1String("<die>")) {
+        m_heldCalls << credential;
+        m_dying = true;
+    } else if (answer == QLatin1String("<drop>")) {
+        m_ambiguous = m_ambiguous || !m_arrivals.isEmpty() || m_dying;
+        m_heldCalls << credential;
+        m_arrivals << Arrival{Arrival::LinkGone, QString(), 0};
+    } else {
+        m_arrivals << Arrival{Arrival::Answer, answer, 0};
+    }
+}
+
+QStringList Model::getCertList()
+{
+    if (m_certsInFlight) {
+        m_situations << QStringLiteral("certificates asked for twice");
+        m_certsPending = false;
+        return {};
+    }
+    if (!connectToClient()) {
+        m_certsPending = true;
+        return {};
+    }
+    m_certsPending = false;
+    m_certsInFlight = true;
+    m_calls << QStringLiteral("getCertList()");
+    if (m_certsAnswer == HoldCerts)
+        m_certsHeld = true;
+    else
+        m_arrivals << Arrival{Arrival::Certs, QString(), m_certsAnswer};
+    return {QStringLiteral(".")};
+}
+
+void Model::handleCerts(int answer)
+{
+    m_certsTold << (answer == SomeCerts ? QStringLiteral("[pkcs11:one,pkcs11:two]") : QStringLiteral("[]"));
+    m_certsInFlight = false;
+}
+
+void Model::linkGone()
+{
+    m_connected = false;
+    const int lost = m_heldCalls.size();
+    m_heldCalls.clear();
+    for (int i = 0; i < lost; ++i) {
+        m_situations << QStringLiteral("call lost with the link");
+        requestInput(EnterPasswordOrPin, CannotCommunicateClient);
+    }
+    if (m_certsHeld)
+        handleCerts(CertsError);
+    m_certsHeld = false;
+}
+
+// --- The client -----------------------------------------------------------------------------------------------------
+
+bool Model::launch()
+{
+    if (m_running)
+        return true;
+    if (m_budget == 0) {
+        m_situations << QStringLiteral("budget exhausted");
+        return false;
+    }
+    --m_budget;
+    if (!tryToParseManifest() || m_sharedDirectory.isEmpty() || (m_currentUid != 0 && !isKnown(m_currentUid))
+        || m_group == NoGroup)
+        return false;
+    m_uid = m_currentUid;
+    m_gid = m_group == GroupOfRoot ? 0 : clientGroup;
+    if (!m_organizationKnown || !m_commandKnown || m_manifest == NoManifest || m_manifest == Damaged)
+        return false;
+    if (m_uid == 0 || m_gid == 0) {
+        m_situations << (m_uid == 0 ? QStringLiteral("no launch for root") : QStringLiteral("no launch for group 0"));
+        return false;
+    }
+
+    if (m_clientDirectoryAway)
+        return false;
+    noteDirectory(clientDirectory);
+    if (m_sharedBlocked)
+        return false;
+    m_sharedExists = true;
+    noteDirectory(shared);
+
+    watch(shared);
+    if (exists(policy)) {
+        syncPolicy(policy, true);
+        watch(policy);
+    }
+    m_userConfigPath = userFile(m_currentUid);
+    if (!m_files.contains(m_userConfigPath))
+        createFile(m_userConfigPath, {File::Regular, 0, 0, 0, 0, QString()});
+    if (!changeOwner(m_userConfigPath, m_uid, m_gid)) {
+        m_situations << QStringLiteral("user's file refused");
+        return false;
+    }
+    const QString count = option(m_currentUid, attempts).text;
+    watch(m_userConfigPath);
+    startProcess();
+    writeFile(m_userConfigPath, count);
+    return true;
+}
+
+bool Model::tryToParseManifest()
+{
+    if (!m_manifestExists)
+        return false;
+    if (m_manifestParsed)
+        return true;
+    if (!m_isSymLink)
+        return false;
+    m_situations << QStringLiteral("manifest read late");
+    return parseManifest();
+}
+
+bool Model::parseManifest()
+{
+    if (m_manifest == NoManifest || m_manifest == Damaged) {
+        m_manifestExists = m_manifestParsed = false;
+        return false;
+    }
+    m_organizationKnown = m_manifest != NoOrganization;
+    m_commandKnown = m_manifest != NoCommand;
+    if (m_organizationKnown)
+        m_sharedDirectory = shared;
+    m_manifestParsed = true;
+    return true;
+}
+
+void Model::startProcess()
+{
+    if (m_process != NotRunning)
+        return;
+    m_process = Starting;
+    m_processKind = m_launcher;
+    m_starting = true;
+    setUnavailable(m_running);
+    if (m_processKind == IsMissing)
+        return;
+    m_launches << QStringLiteral("%1:%2").arg(m_uid).arg(m_gid);
+    m_dying = m_processKind == ExitsAtOnce || m_processKind == FailsAtOnce;
+}
+
+void Model::processStarted()
+{
+    m_process = Running;
+    m_starting = false;
+    m_running = true;
+}
+
+void Model::processFailedToStart()
+{
+    m_situations << QStringLiteral("failed start");
+    m_process = NotRunning;
+    m_dying = false;
+    m_starting = false;
+    setUnavailable(m_running);
+}
+
+void Model::processEnded()
+{
+    if (!m_arrivals.isEmpty())
+        m_ambiguous = true;
+    const bool loses = m_connected && (!m_heldCalls.isEmpty() || m_certsHeld);
+    const int launches = m_launches.size();
+    m_process = NotRunning;
+    m_dying = false;
+    m_starting = false;
+    setUnavailable(m_running);
+    setUnavailable(m_running);
+    makeAuth();
+    if (m_launches.size() > launches)
+        m_situations << QStringLiteral("relaunched");
+    if (loses)
+        m_arrivals << Arrival{Arrival::LinkGone, QString(), 0};
+}
+
+void Model::setUnavailable(bool wasRunning)
+{
+    m_stage = MustLaunch;
+    m_running = false;
+    m_socketPresent = false;
+    if (!wasRunning)
+        return;
+    m_connected = false;
+    unwatch(m_userConfigPath);
+    m_userConfigPath.clear();
+    unwatch(policy);
+    m_uid = m_gid = 0;
+    if (!m_clientDirectoryAway && m_socket.exists) {
+        m_socket = {};
+        noteDirectory(clientDirectory);
+    }
+    tell(QStringLiteral("restartAuth %1").arg(m_currentUid));
+}
+
+void Model::terminate()
+{
+    if (m_process == Starting && m_processKind == IsMissing)
+        m_ambiguous = true;
+    if (m_processKind != IgnoresTerm)
+        m_dying = true;
+    else
+        m_situations << QStringLiteral("termination ignored");
+}
+
+void Model::kill()
+{
+    m_situations << QStringLiteral("client of an earlier session killed");
+    m_dying = true;
+}
+
+// --- Sessions and watching ------------------------------------------------------------------------------------------
+
+void Model::startSession(uint user, bool manageClient)
+{
+    if (!tryToParseManifest())
+        return;
+    if (!m_sharedDirectory.isEmpty())
+        watch(shared);
+    if (m_packagedPolicy)
+        syncPolicy(packaged, false);
+    if (exists(policy)) {
+        watch(policy);
+        syncPolicy(policy, true);
+    }
+    if (!manageClient)
+        return;
+    if (m_running)
+        kill();
+    if (!isKnown(user))
+        return;
+    if (m_markers.contains(user)) {
+        if (option(user, deletion).toBool()) {
+            if (m_wiper != NoWiper)
+                m_wipes << loginName(user);
+            if (m_wiper == WiperSucceeds)
+                m_wiped << user;
+            else if (m_wiper == WiperHolds)
+                m_heldWipes << user;
+        }
+        return;
+    }
+    m_situations << QStringLiteral("launch delayed");
+    m_uid = user;
+    m_homeDirectory = home(user);
+    watch(m_homeDirectory);
+}
+
+void Model::stopSession(bool manageClient)
+{
+    if (!m_manifestExists)
+        return;
+    if (!m_userConfigPath.isEmpty())
+        unwatch(m_userConfigPath);
+    if (manageClient && m_process != NotRunning)
+        terminate();
+}
+
+void Model::deliverChanges()
+{
+    while (!m_changedDirectories.isEmpty() || !m_changedFiles.isEmpty()) {
+        const QSet<QString> files = m_changedFiles;
+        const QSet<QString> directories = m_changedDirectories;
+        m_changedFiles.clear();
+        m_changedDirectories.clear();
+        for (const QString &path : files) {
+            if (!m_watches.contains(path))
+                continue;
+            if (m_goneInodes.contains(m_watches.value(path)))
+                unwatch(path);
+            fileChanged(path);
+        }
+        for (const QString &path : directories) {
+            if (!m_watches.contains(path))
+                continue;
+            if (m_goneInodes.contains(m_watches.value(path)))
+                unwatch(path);
+            directoryChanged(path);
+        }
+    }
+}
+
+void Model::directoryChanged(const QString &path)
+{
+    if (path == clientDirectory)
+        socketDirectoryChanged();
+    else if (path == m_sharedDirectory)
+        sharedDirectoryChanged();
+    else if (path == m_homeDirectory)
+        homeChanged();
+}
+
+void Model::fileChanged(const QString &path)
+{
+    if (path == m_userConfigPath && m_uid != 0)
+        setOption(m_uid, attempts, childAttempts());
+    else if (path == policy)
+        syncPolicy(policy, true);
+}
+
+void Model::socketDirectoryChanged()
+{
+    if (!m_running)
+        return;
+    if (m_clientDirectoryAway || !m_socket.exists) {
+        m_socketPresent = false;
+        return;
+    }
+    if (m_socket.owner != m_uid) {
+        m_situations << QStringLiteral("wrong owner");
+        return;
+    }
+    if (m_socketPresent)
+        return;
+    m_socketPresent = true;
+    if (m_currentUid == 0) {
+        m_situations << QStringLiteral("socket without an authentication");
+        return;
+    }
+    m_stage = MustConnect;
+    makeAuth();
+}
+
+void Model::sharedDirectoryChanged()
+{
+    if (m_uid != 0 && !m_userConfigPath.isEmpty() && exists(m_userConfigPath)) {
+        changeOwner(m_userConfigPath, m_uid, m_gid);
+        unwatch(m_userConfigPath);
+        watch(m_userConfigPath);
+        setOption(m_uid, attempts, childAttempts());
+    }
+    if (exists(policy)) {
+        unwatch(policy);
+        watch(policy);
+        syncPolicy(policy, true);
+    }
+}
+
+void Model::homeChanged()
+{
+    if (m_uid == 0) {
+        m_situations << QStringLiteral("home changed unexpectedly");
+        unwatch(m_homeDirectory);
+        return;
+    }
+    bool finished = false;
+    for (const uint user : m_markers)
+        finished = finished || home(user) == m_homeDirectory;
+    if (!finished)
+        return;
+    if (launch())
+        m_situations << QStringLiteral("delayed launch");
+    unwatch(m_homeDirectory);
+}
+
+void Model::watch(const QString &path)
+{
+    if (m_watches.contains(path))
+        return;
+    if (path == shared ? sharedThere() : !path.startsWith(shared) || exists(path))
+        m_watches.insert(path, m_files.value(path).inode);
+}
+
+void Model::unwatch(const QString &path)
+{
+    m_watches.remove(path);
+}
+
+// --- Settings -------------------------------------------------------------------------------------------------------
+
+Model::Value Model::option(uint user, const QString &name) const
+{
+    const Value none = user == 0 && name != maxAttempts ? Value()
+                       : name == deletion               ? Value{QStringLiteral("bool"), QStringLiteral("false")}
+                                                        : integer(0);
+    return m_options.value({user, name}, none);
+}
+
+void Model::setOption(uint user, const QString &name, const Value &value)
+{
+    m_options.insert({user, name}, value);
+    QStringList &told = m_optionsTold[{user, name}];
+    if (told.isEmpty() || told.last() != value.rendered())
+        told << value.rendered();
+    m_atOnce << QStringLiteral("optionChanged %1 %2 %3").arg(user).arg(name, value.rendered());
+}
+
+Model::Value Model::childAttempts() const
+{
+    const File file = m_files.value(m_userConfigPath);
+    return exists(m_userConfigPath) && file.type == File::Regular && !file.value.isNull() ? text(file.value)
+                                                                                          : integer(0);
+}
+
+void Model::syncPolicy(const QString &path, bool force)
+{
+    const auto isStored = [this] {
+        for (const OptionKey &key : m_options.keys()) {
+            if (key.first == 0)
+                return true;
+        }
+        return false;
+    };
+    if (!force && isStored())
+        return;
+    QString value;
+    if (path == packaged)
+        value = *m_packagedPolicy;
+    else if (exists(path) && m_files.value(path).type == File::Regular)
+        value = m_files.value(path).value;
+    setOption(0, maxAttempts, value.isNull() ? integer(0) : text(value));
+}
+
+int Model::increaseAttempts(uint user)
+{
+    const int limit = option(0, maxAttempts).toInt();
+    if (limit == 0)
+        return BadPassword;
+    if (user == 0)
+        getCertList();
+    if (limit > 0) {
+        setOption(user, attempts, integer(1));
+        if (limit > 1)
+            return BadPassword;
+    }
+    m_situations << QStringLiteral("user locked");
+    tell(QStringLiteral("logEvent WARN_LEVEL devlock-attempts-expired "));
+    setOption(user, attempts, integer(0));
+    tell(QStringLiteral("lockUser %1 true kavet-max-attempts 4294967295").arg(user));
+    setOption(user, deletion, {QStringLiteral("bool"), QStringLiteral("true")});
+    return TooManyAttempts;
+}
+
+void Model::tell(const QString &text)
+{
+    m_told << text;
+    m_atOnce << text;
+}
+
+// --- Files ----------------------------------------------------------------------------------------------------------
+
+bool Model::exists(const QString &path) const
+{
+    return sharedThere() && m_files.contains(path);
+}
+
+void Model::noteDirectory(const QString &path)
+{
+    if (m_watches.contains(path))
+        m_changedDirectories << path;
+}
+
+void Model::noteFile(const QString &path)
+{
+    if (m_watches.contains(path) && m_watches.value(path) == m_files.value(path).inode)
+        m_changedFiles << path;
+}
+
+void Model::put(const QString &path, const File &file)
+{
+    m_files.insert(path, file);
+    m_files[path].inode = ++m_lastInode;
+}
+
+void Model::createFile(const QString &path, const File &file)
+{
+    put(path, file);
+    noteDirectory(shared);
+}
+
+void Model::removeFile(const QString &path)
+{
+    const File file = m_files.value(path);
+    const bool livesOn = file.type == File::Planted && (file.plant == SymbolicLink || file.plant == HardLink);
+    if (!livesOn)
+        m_goneInodes << file.inode;
+    if (m_watches.value(path, -1) == file.inode) {
+        if (file.type == File::Planted && file.plant == Directory)
+            m_changedDirectories << path;
+        else if (file.type != File::Planted || file.plant != SymbolicLink)
+            m_changedFiles << path;
+    }
+    m_files.remove(path);
+    noteDirectory(shared);
+}
+
+void Model::writeFile(const QString &path, const QString &value)
+{
+    m_files[path].value = value;
+    noteFile(path);
+}
+
+bool Model::changeOwner(const QString &path, uint owner, uint group)
+{
+    File &file = m_files[path];
+    if (file.type != File::Regular)
+        return false;
+    if (file.owner == owner && file.group == group)
+        return true;
+    if (file.owner != owner && file.owner != 0)
+        return false;
+    file.owner = owner;
+    file.group = group;
+    noteFile(path);
+    noteDirectory(shared);
+    return true;
+}
+
+uint Model::socketOwner(int choice) const
+{
+    switch (choice) {
+    case Root:
+        return 0;
+    case OtherUser:
+        return m_uid == bob ? alice : bob;
+    default:
+        return m_uid != 0 ? m_uid : alice;
+    }
+}
+
+QString Model::userFile(uint user) const
+{
+    return QStringLiteral("%1/%2.conf").arg(shared).arg(user);
+}
+
+bool Model::isKnown(uint user)
+{
+    return !loginName(user).isNull();
+}
+
+QString Model::home(uint user)
+{
+    return user == 0 ? QStringLiteral("/root") : QStringLiteral("/home/") + loginName(user);
+}
+
+Model::Value Model::integer(int value)
+{
+    return {QStringLiteral("int"), QString::number(value)};
+}
+
+Model::Value Model::text(const QString &value)
+{
+    return {QStringLiteral("QString"), value};
+}
+
+// --- What can be seen -----------------------------------------------------------------------------------------------
+
+Observation Model::observation() const
+{
+    const auto flag = [](bool value) {
+        return value ? QStringLiteral("yes") : QStringLiteral("no");
+    };
+    Observation seen = {
+        {QStringLiteral("clientStage"), QString::number(m_stage)},
+        {QStringLiteral("currentUid"), QString::number(m_currentUid)},
+        {QStringLiteral("pendingAuthData"), flag(m_pending.has_value())},
+        {QStringLiteral("launchBudget"), QString::number(m_budget)},
+        {QStringLiteral("certListInFlight"), flag(m_certsInFlight)},
+        {QStringLiteral("certListPending"), flag(m_certsPending)},
+        {QStringLiteral("uid"), QString::number(m_uid)},
+        {QStringLiteral("gid"), QString::number(m_gid)},
+        {QStringLiteral("clientStarting"), flag(m_starting)},
+        {QStringLiteral("clientRunning"), flag(m_running)},
+        {QStringLiteral("socketPresent"), flag(m_socketPresent)},
+        {QStringLiteral("sharedDirectory"), m_sharedDirectory},
+        {QStringLiteral("userConfigPath"), m_userConfigPath},
+        {QStringLiteral("homeDirectory"), m_homeDirectory},
+        {QStringLiteral("manifestExists"), flag(m_manifestExists)},
+        {QStringLiteral("manifestIsSymLink"), flag(m_isSymLink)},
+        {QStringLiteral("manifestParsed"), flag(m_manifestParsed)},
+        {QStringLiteral("process"), QString::number(m_process)},
+        {QStringLiteral("connected"), flag(m_connected)},
+        {QStringLiteral("watched"), QStringList(m_watches.keys()).join(QLatin1Char(' '))},
+        {QStringLiteral("launches"), m_launches.join(QLatin1Char(' '))},
+        {QStringLiteral("told"), m_told.join(QStringLiteral(", "))},
+        {QStringLiteral("certs told"), m_certsTold.join(QLatin1Char(' '))},
+        {QStringLiteral("calls"), m_calls.join(QLatin1Char(' '))},
+        {QStringLiteral("wiper calls"), m_wipes.join(QLatin1Char(' '))},
+        {QStringLiteral("returned"), m_returned},
+        {QStringLiteral("isAvailable"), flag(m_isSymLink || m_commandKnown)},
+    };
+    for (auto told = m_optionsTold.cbegin(); told != m_optionsTold.cend(); ++told)
+        seen.insert(QStringLiteral("told %1 %2").arg(told.key().first).arg(told.key().second),
+                    told.value().join(QStringLiteral(", ")));
+    return seen;
+}
+
+Observation Model::options() const
+{
+    Observation seen;
+    for (const uint user : {0U, 1000U, 1001U, 1002U, unknownUser}) {
+        for (const QString &name : {attempts, deletion, maxAttempts}) {
+            if (name != maxAttempts || user == 0)
+                seen.insert(QStringLiteral("option %1 %2").arg(user).arg(name), option(user, name).rendered());
+        }
+    }
+    return seen;
+}
+
+} // namespace Sequences

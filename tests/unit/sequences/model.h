@@ -1,0 +1,225 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include "event.h"
+
+#include <QSet>
+#include <QVector>
+
+#include <optional>
+
+namespace Sequences {
+
+/// What the private object should do, as tables and rules over plain values; shares no code with it. Besides its state
+/// it keeps that of the surroundings which it sees: files, processes, the other end of the link.
+class Model
+{
+public:
+    explicit Model(const Setup &setup);
+
+    /// Whether `event` can happen now, and leads to one certain result whatever the order in which independent parts of
+    /// the system get to run.
+    bool allows(const Event &event) const;
+    /// What happens at once, and, unless the event is hurried, all that follows from it.
+    void apply(const Event &event);
+
+    Observation observation() const;
+    /// The stored options, which take longer to look at.
+    Observation options() const;
+
+    /// Credentials so far, each of which has the next number.
+    int credentials() const { return m_credentials; }
+    /// Calls that the client has not answered yet.
+    int heldCalls() const { return m_heldCalls.size(); }
+    /// The remarkable situations that the sequence has come to.
+    const QSet<QString> &situations() const { return m_situations; }
+
+    /// The user that a choice of socket makes the owner.
+    uint socketOwner(int choice) const;
+    QString userFile(uint user) const;
+
+private:
+    enum Stage { MustLaunch = 1, MustConnect = 2, Linked = 3 };
+    enum Process { NotRunning, Starting, Running };
+    enum Request { WithoutConnection = 0, Connecting = 1, EnterPasswordOrPin = 2 };
+    enum Code {
+        Success = 0,
+        BadPassword = 1,
+        CannotStartClient = 3,
+        CannotConnectClient = 4,
+        CannotCommunicateClient = 5,
+        TooManyAttempts = 7
+    };
+    struct Data
+    {
+        int kind = Password;
+        QString credential;
+    };
+    struct File
+    {
+        enum Type { None, Regular, Planted } type = None;
+        int plant = 0;
+        int inode = 0;
+        uint owner = 0;
+        uint group = 0;
+        QString value; ///< Null without the key.
+    };
+    struct Socket
+    {
+        bool exists = false;
+        bool served = false;
+        uint owner = 0;
+    };
+    struct Value
+    {
+        QString type;
+        QString text;
+        QString rendered() const { return type + QLatin1Char(' ') + text; }
+        int toInt() const { return text.toInt(); }
+        bool toBool() const { return text == QLatin1String("true"); }
+    };
+    /// What arrives over a bus when the event loop runs.
+    struct Arrival
+    {
+        enum Type { Answer, Certs, LinkGone } type;
+        QString answer;
+        int certs = 0;
+    };
+    using OptionKey = QPair<uint, QString>;
+
+    void act(const Event &event);
+    void settle();
+    void construct();
+    void destroy();
+
+    // The authentication
+    void makeAuth();
+    void handleAnswer(const QString &answer);
+    void requestInput(Request request, int code);
+    bool connectToClient();
+    void callClient(const QString &method, const QStringList &arguments, const QString &credential);
+    QStringList getCertList();
+    void handleCerts(int answer);
+    void linkGone();
+
+    // The client
+    bool launch();
+    bool tryToParseManifest();
+    bool parseManifest();
+    void startProcess();
+    void processStarted();
+    void processFailedToStart();
+    void processEnded();
+    void setUnavailable(bool wasRunning);
+    void terminate();
+    void kill();
+
+    // Sessions and watching
+    void startSession(uint user, bool manageClient);
+    void stopSession(bool manageClient);
+    void deliverChanges();
+    void directoryChanged(const QString &path);
+    void fileChanged(const QString &path);
+    void socketDirectoryChanged();
+    void sharedDirectoryChanged();
+    void homeChanged();
+    void watch(const QString &path);
+    void unwatch(const QString &path);
+
+    // Settings
+    Value option(uint user, const QString &name) const;
+    void setOption(uint user, const QString &name, const Value &value);
+    Value childAttempts() const;
+    void syncPolicy(const QString &path, bool force);
+    int increaseAttempts(uint user);
+    void tell(const QString &text);
+
+    // Files
+    bool sharedThere() const { return m_sharedExists && !m_sharedBlocked; }
+    bool exists(const QString &path) const;
+    void noteDirectory(const QString &path);
+    void noteFile(const QString &path);
+    void createFile(const QString &path, const File &file);
+    void removeFile(const QString &path);
+    void writeFile(const QString &path, const QString &value);
+    bool changeOwner(const QString &path, uint owner, uint group);
+    void put(const QString &path, const File &file);
+
+    static bool isKnown(uint user);
+    static QString home(uint user);
+    static Value integer(int value);
+    static Value text(const QString &value);
+
+    // Surroundings
+    bool m_partitionLocked = false;
+    int m_launcher = Works;
+    int m_group = Normal;
+    int m_manifest;
+    bool m_manifestIsLink;
+    int m_wiper = WiperSucceeds;
+    int m_certsAnswer = SomeCerts;
+    bool m_clientDirectoryAway = false;
+    bool m_sharedExists = false;
+    bool m_sharedBlocked = false;
+    Socket m_socket;
+    QSet<uint> m_markers;
+    QMap<QString, File> m_files;
+    std::optional<QString> m_packagedPolicy;
+    int m_lastInode = 0;
+    QSet<int> m_goneInodes;
+    QMap<OptionKey, Value> m_options;
+
+    // Client process and link
+    Process m_process = NotRunning;
+    int m_processKind = Works;
+    bool m_dying = false;
+    bool m_connected = false;
+    QVector<QString> m_heldCalls;
+    bool m_certsHeld = false;
+    QVector<uint> m_heldWipes;
+
+    // On their way
+    QSet<QString> m_changedDirectories;
+    QSet<QString> m_changedFiles;
+    QVector<Arrival> m_arrivals;
+    QVector<uint> m_wiped;
+    bool m_ambiguous = false;
+
+    // The private object
+    bool m_wired = false;
+    int m_stage = MustLaunch;
+    uint m_currentUid = 0;
+    std::optional<Data> m_pending;
+    uint m_budget = 11;
+    bool m_certsInFlight = false;
+    bool m_certsPending = false;
+    uint m_uid = 0;
+    uint m_gid = 0;
+    bool m_starting = false;
+    bool m_running = false;
+    bool m_socketPresent = false;
+    QString m_sharedDirectory;
+    QString m_userConfigPath;
+    QString m_homeDirectory;
+    bool m_organizationKnown = false;
+    bool m_commandKnown = false;
+    bool m_manifestExists = false;
+    bool m_manifestParsed = false;
+    bool m_isSymLink = false;
+    QMap<QString, int> m_watches; ///< Path and the inode that is watched.
+
+    // What has been seen of it
+    int m_credentials = 0;
+    QStringList m_told;
+    QStringList m_certsTold;
+    QMap<OptionKey, QStringList> m_optionsTold;
+    QStringList m_calls;
+    QStringList m_launches;
+    QStringList m_wipes;
+    QStringList m_atOnce; ///< What the daemon is told while an event happens.
+    QString m_returned;
+    QSet<QString> m_situations;
+};
+
+} // namespace Sequences

@@ -1,0 +1,831 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "system.h"
+
+#include "client/methodkavetprivate.h"
+#include "plugin/methodkavet.h"
+
+#include "support/testdevice.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QSocketNotifier>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace Sequences {
+
+const QString System::servedSocket = QStringLiteral("/run/kavet-sequences/served");
+
+namespace {
+
+// Below /run, as a socket gets its place by a hard link.
+const QString deadSocket = QStringLiteral("/run/kavet-sequences/dead");
+const QString stateDirectory = QStringLiteral("/tmp/kavet-sequences");
+const QString program = QStringLiteral("/usr/bin/kavet-sequences-client");
+const QString linkedManifest = QStringLiteral("/tmp/kavet-sequences/manifest.desktop");
+const QString outsideDirectory = QStringLiteral("/srv/kavet-sequences");
+const QString groupFile = QStringLiteral("/etc/group");
+const QString partitionFile = QStringLiteral("/etc/authd/luks.conf");
+const QString awaySuffix = QStringLiteral(".away");
+
+constexpr int patience = 20000; // Only for what never comes.
+constexpr int impatience = 1000; // Once a sequence has failed and is being shortened.
+bool hasFailed = false;
+
+int launchesDescriptor = -1;
+QByteArray originalGroups;
+
+QByteArray name(const QString &path)
+{
+    return QFile::encodeName(path);
+}
+
+void need(bool done, const char *what)
+{
+    if (!done)
+        qFatal("Cannot %s: %s", what, std::strerror(errno));
+}
+
+void write(const QString &path, const QByteArray &content, uint owner, uint group, mode_t mode)
+{
+    const int file = open(name(path), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode);
+    need(file != -1 && ::write(file, content.constData(), size_t(content.size())) == content.size()
+             && fchown(file, owner, group) == 0,
+         "write a file");
+    close(file);
+}
+
+void overwrite(const QString &path, const QByteArray &content)
+{
+    const int file = open(name(path), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW);
+    need(file != -1 && ::write(file, content.constData(), size_t(content.size())) == content.size(),
+         "overwrite a file");
+    close(file);
+}
+
+QByteArray settings(const QString &key, const QString &value)
+{
+    return value.isNull() ? QByteArrayLiteral("[General]\nother=1\n")
+                          : QStringLiteral("[General]\n%1=%2\n").arg(key, value).toUtf8();
+}
+
+bool isThere(const QString &path)
+{
+    struct stat status;
+    return lstat(name(path), &status) == 0;
+}
+
+void remove(const QString &path)
+{
+    const QByteArray file = name(path);
+    need(unlink(file) == 0 || (errno == EISDIR && rmdir(file) == 0) || errno == ENOENT, "remove a file");
+}
+
+/// What must not change about a file that is none of the private object's.
+QString stateOf(const QString &path)
+{
+    struct stat status;
+    if (lstat(name(path), &status) != 0)
+        return QStringLiteral("gone");
+    return QStringLiteral("owner %1:%2 mode %3 content %4")
+        .arg(status.st_uid)
+        .arg(status.st_gid)
+        .arg(status.st_mode, 0, 8)
+        .arg(QString::fromUtf8(TestDevice::readFile(path)));
+}
+
+QString home(uint user)
+{
+    switch (user) {
+    case 0:
+        return QStringLiteral("/root");
+    case 1000:
+        return QStringLiteral("/home/alice");
+    case 1001:
+        return QStringLiteral("/home/bob");
+    default:
+        return QStringLiteral("/home/carol");
+    }
+}
+
+QString marker(uint user)
+{
+    return home(user) + QStringLiteral("/.qarv-startupwizard-usersession-done");
+}
+
+QString rendered(const QVariant &value)
+{
+    return QString::fromLatin1(value.typeName()) + QLatin1Char(' ') + value.toString();
+}
+
+QString rendered(const RecordingDaemon::Call &call)
+{
+    QString text = call.operation;
+    for (const QVariant &argument : call.arguments) {
+        if (argument.userType() == QMetaType::QVariantMap) {
+            const QMap<QString, QVariant> params = argument.toMap();
+            text += QStringLiteral(" %1/%2")
+                        .arg(params.value(QStringLiteral("input-request-type")).toInt())
+                        .arg(params.value(QStringLiteral("result-code")).toInt());
+            if (params.size() != 2)
+                text += QStringLiteral(" and more");
+        } else {
+            text += QLatin1Char(' ') + argument.toString();
+        }
+    }
+    return text;
+}
+
+} // namespace
+
+void System::prepareDevice()
+{
+    TestDevice::reset();
+    QFile::remove(TestDevice::launcher);
+    QFile::remove(program);
+    need(QFile::copy(QStringLiteral(LAUNCHED_CLIENT), program) && chmod(name(program), 0755) == 0,
+         "install the client");
+    for (const QString &directory :
+         {stateDirectory, outsideDirectory, QFileInfo(servedSocket).path(), QFileInfo(partitionFile).path()})
+        need(QDir().mkpath(directory), "make a directory");
+    need(chmod(name(stateDirectory), 0755) == 0, "open a directory");
+
+    const QByteArray launches = name(stateDirectory + QStringLiteral("/launches"));
+    need(mkfifo(launches, 0666) == 0 && chmod(launches, 0666) == 0, "make a FIFO");
+    launchesDescriptor = open(launches, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    need(launchesDescriptor != -1, "open a FIFO");
+
+    // A socket that was bound and on which nobody listens any more.
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, name(deadSocket).constData(), sizeof address.sun_path - 1);
+    need(descriptor != -1 && bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0,
+         "bind a socket");
+    close(descriptor);
+
+    originalGroups = TestDevice::readFile(groupFile);
+}
+
+System::System(const Setup &setup, Peer &peer)
+    : m_peer(peer)
+    , m_manifestIsLink(setup.manifestIsLink)
+{
+    for (const QString &directory : {QStringLiteral("/run/aux-auth"), QStringLiteral("/srv/shared"),
+                                     QStringLiteral("/var/lib/authd"), outsideDirectory})
+        QDir(directory).removeRecursively();
+    for (const QString &directory :
+         {QStringLiteral("/run/aux-auth"), QStringLiteral("/srv/shared"), QStringLiteral("/var/lib/authd"),
+          outsideDirectory, QFileInfo(TestDevice::packagedPolicy).path()})
+        QDir().mkpath(directory);
+    for (const uint user : {0U, 1000U, 1001U, 1002U}) {
+        remove(marker(user));
+        if (user == alice || user == bob)
+            write(marker(user), {}, user, user, 0600);
+    }
+    remove(TestDevice::packagedPolicy);
+    remove(TestDevice::manifest);
+    remove(linkedManifest);
+    setPartitionLocked(false);
+    setGroup(Normal);
+    setLauncher(Works);
+    m_peer.forget();
+    m_peer.setWiper(WiperSucceeds);
+    m_peer.certsAnswer = SomeCerts;
+
+    if (m_manifestIsLink)
+        need(symlink(name(linkedManifest), name(TestDevice::manifest)) == 0, "make a link");
+    putManifest(setup.manifest);
+    if (setup.packagedPolicy)
+        writePackagedPolicy(limits.first());
+    if (setup.sharedDirectory)
+        QDir().mkpath(TestDevice::sharedDirectory);
+    if (setup.currentPolicy)
+        write(TestDevice::currentPolicy, settings(QStringLiteral("max-attempts"), limits.at(1)), alice,
+              TestDevice::groupId("auth-factor"), 0600);
+    start();
+}
+
+System::~System()
+{
+    m_method.reset();
+    QDBusConnection::disconnectFromPeer(QStringLiteral("kavet_p2p_service"));
+}
+
+void System::start()
+{
+    m_method = std::make_unique<MethodKavet>();
+    m_private = m_method->findChild<MethodKavetPrivate *>();
+    m_method->setNotificator(&m_daemon);
+    // The directory is the method's to make, but one that supervises nothing makes none.
+    if (!m_private->child.manifestExists)
+        QDir().mkpath(TestDevice::clientDirectory);
+
+    // The watcher is read when the test says so, before anything else gets to run.
+    m_watcherNotifier = m_private->watcher.findChild<QSocketNotifier *>();
+    need(m_watcherNotifier, "find the watcher's notifier");
+    m_watcherNotifier->setEnabled(false);
+
+    QObject::connect(&m_private->child, &QProcess::stateChanged, m_private, [this](QProcess::ProcessState state) {
+        if (state != QProcess::Starting)
+            return;
+        ++m_launchesSinceReset;
+        if (m_launcher != IsMissing)
+            ++m_started;
+    });
+    // A link ends with the client that holds its other end.
+    QObject::connect(&m_private->child, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), m_private,
+                     [this] { m_peer.drop(); });
+    m_launchesSinceReset = 0;
+}
+
+QString System::compareStart(const Model &model)
+{
+    return settle(model);
+}
+
+QString System::perform(const Event &event, const Model &before, const Model &after)
+{
+    m_returned.clear();
+    m_rightOwnerSeenBefore = m_rightOwnerSeen;
+    act(event, before);
+    awaitLaunches();
+    if (!event.hurried)
+        return settle(after);
+    const QString difference = differences(after, false);
+    if (!difference.isEmpty())
+        hasFailed = true;
+    return difference;
+}
+
+void System::act(const Event &event, const Model &before)
+{
+    const uint group = TestDevice::groupId("auth-factor");
+    const QString limit = limits.at(event.variant % limits.size());
+    const QString count = counts.at(event.variant % counts.size());
+    const QString userFile = before.userFile(event.user);
+    const auto writeFile = [](const QString &path, const QByteArray &content, uint owner, uint ownerGroup) {
+        struct stat status;
+        if (lstat(name(path), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1) {
+            overwrite(path, content);
+            return;
+        }
+        remove(path);
+        write(path, content, owner, ownerGroup, 0600);
+    };
+    const auto replaceFile = [](const QString &path, const QByteArray &content, uint owner, uint ownerGroup) {
+        const QString other = outsideDirectory + QStringLiteral("/new");
+        write(other, content, owner, ownerGroup, 0600);
+        need(rename(name(other), name(path)) == 0, "replace a file");
+    };
+    const auto touchDirectory = [](const QString &directory) {
+        const QString file = directory + QStringLiteral("/touched");
+        write(file, {}, 0, 0, 0600);
+        remove(file);
+    };
+    const int toldBefore = m_daemon.calls.size();
+    const auto toldAtOnce = [this, toldBefore] {
+        QStringList told;
+        for (int i = toldBefore; i < m_daemon.calls.size(); ++i) {
+            const RecordingDaemon::Call &call = m_daemon.calls.at(i);
+            told << (call.operation == QLatin1String("optionChanged")
+                         ? QStringLiteral("optionChanged %1 %2 %3")
+                               .arg(call.arguments.at(0).toUInt())
+                               .arg(call.arguments.at(1).toString(), rendered(call.arguments.at(2)))
+                         : rendered(call));
+        }
+        return told.join(QLatin1Char(';'));
+    };
+
+    switch (event.kind) {
+    case Kind::Authenticate: {
+        const QString credential = event.answer + QLatin1Char('#') + QString::number(before.credentials() + 1);
+        QMap<QString, QVariant> data;
+        if (event.variant == Password || event.variant == PasswordAndPin)
+            data.insert(QStringLiteral("password"), credential);
+        if (event.variant == CertAndPin || event.variant == CertOnly || event.variant == PasswordAndPin)
+            data.insert(QStringLiteral("cert"), QStringLiteral("pkcs11:one"));
+        if (event.variant == CertAndPin)
+            data.insert(QStringLiteral("pin"), credential);
+        if (event.variant == PasswordAndPin)
+            data.insert(QStringLiteral("pin"), QStringLiteral("unused"));
+        m_method->authenticate(event.user, data);
+        break;
+    }
+    case Kind::Reset:
+        m_method->reset();
+        m_launchesSinceReset = 0;
+        break;
+    case Kind::EndClient: {
+        static constexpr int signalNumbers[] = {SIGUSR1, SIGUSR2, SIGABRT, SIGKILL};
+        need(kill(m_pid, signalNumbers[event.variant % 4]) == 0, "end the client");
+        break;
+    }
+    case Kind::PutSocket:
+        plantSocket(event.variant, before.socketOwner(event.variant));
+        break;
+    case Kind::RemoveSocket:
+        remove(TestDevice::socketPath);
+        break;
+    case Kind::ChangeSocketOwner:
+        need(TestDevice::setOwner(TestDevice::socketPath, before.socketOwner(event.variant), 0), "give a socket away");
+        break;
+    case Kind::TouchClientDirectory:
+        touchDirectory(TestDevice::clientDirectory);
+        break;
+    case Kind::DropLink:
+        m_peer.drop();
+        break;
+    case Kind::Reply: {
+        const bool certain = event.answer != QLatin1String("<hold>") && event.answer != QLatin1String("<drop>")
+                             && event.answer != QLatin1String("<die>");
+        m_peer.reply(event.variant % before.heldCalls(), certain ? event.answer : answers.first());
+        break;
+    }
+    case Kind::FetchCerts:
+        m_returned = m_method->getOption(0, QStringLiteral("certs")).toStringList().join(QLatin1Char(','));
+        break;
+    case Kind::SetCertsAnswer:
+        m_peer.certsAnswer = event.variant;
+        break;
+    case Kind::ReplyCerts:
+        m_peer.replyCerts(event.variant);
+        break;
+    case Kind::StartSession:
+    case Kind::StopSession:
+        m_method->handleUserSessionTriggered(event.user, event.kind == Kind::StartSession, event.flag);
+        break;
+    case Kind::CreateMarker:
+        write(marker(event.user), {}, event.user, event.user, 0600);
+        break;
+    case Kind::RemoveMarker:
+        remove(marker(event.user));
+        break;
+    case Kind::TouchHome:
+        touchDirectory(home(event.user));
+        break;
+    case Kind::WritePolicy:
+        writeFile(TestDevice::currentPolicy, settings(QStringLiteral("max-attempts"), limit), alice, group);
+        break;
+    case Kind::ReplacePolicy:
+        replaceFile(TestDevice::currentPolicy, settings(QStringLiteral("max-attempts"), limit), alice, group);
+        break;
+    case Kind::PlantPolicy:
+        plantFile(TestDevice::currentPolicy, event.variant, bob);
+        break;
+    case Kind::RemovePolicy:
+        remove(TestDevice::currentPolicy);
+        break;
+    case Kind::WriteUserFile:
+        writeFile(userFile, settings(QStringLiteral("attempts"), count), event.user, group);
+        break;
+    case Kind::ReplaceUserFile:
+        replaceFile(userFile, settings(QStringLiteral("attempts"), count), event.user, group);
+        break;
+    case Kind::PlantUserFile:
+        plantFile(userFile, event.variant, event.user == bob ? alice : bob);
+        break;
+    case Kind::RemoveUserFile:
+        remove(userFile);
+        break;
+    case Kind::TouchSharedDirectory:
+        touchDirectory(TestDevice::sharedDirectory);
+        break;
+    case Kind::WritePackagedPolicy:
+        writePackagedPolicy(limit);
+        break;
+    case Kind::RemovePackagedPolicy:
+        remove(TestDevice::packagedPolicy);
+        break;
+    case Kind::RemoveMethodSettings:
+        remove(QStringLiteral("/var/lib/authd/methods/kavet/current.conf"));
+        break;
+    case Kind::LockPartition:
+        setPartitionLocked(true);
+        break;
+    case Kind::UnlockPartition:
+        setPartitionLocked(false);
+        break;
+    case Kind::IncreaseAttempts: {
+        const int result = m_method->increaseAttempts(event.user);
+        m_returned = QString::number(result) + QLatin1Char(':') + toldAtOnce();
+        break;
+    }
+    case Kind::ResetAttempts:
+        m_method->resetAttempts(event.user);
+        m_returned = toldAtOnce();
+        break;
+    case Kind::GetAttempts:
+        m_returned = QString::number(m_method->getAttempts(event.user));
+        break;
+    case Kind::MarkForDeletion:
+        m_method->setOptionInternal(event.user, QStringLiteral("delayed-deletion"), true);
+        break;
+    case Kind::SetLauncher:
+        setLauncher(event.variant);
+        break;
+    case Kind::SetGroup:
+        setGroup(event.variant);
+        break;
+    case Kind::MoveClientDirectory:
+        setClientDirectoryAway(!m_clientDirectoryAway);
+        break;
+    case Kind::BlockSharedDirectory:
+        setSharedBlocked(!m_sharedBlocked);
+        break;
+    case Kind::SetManifest:
+        putManifest(event.variant);
+        break;
+    case Kind::SetWiper:
+        m_peer.setWiper(event.variant);
+        break;
+    case Kind::ReplyWiper:
+        m_peer.replyWiper(event.flag);
+        break;
+    case Kind::Repair:
+        setPartitionLocked(false);
+        setLauncher(Works);
+        setGroup(Normal);
+        setClientDirectoryAway(false);
+        setSharedBlocked(false);
+        putManifest(Stock);
+        break;
+    case Kind::Restart:
+        m_method.reset();
+        QDBusConnection::disconnectFromPeer(QStringLiteral("kavet_p2p_service"));
+        m_peer.closeAll();
+        start();
+        break;
+    case Kind::Count:
+        break;
+    }
+}
+
+// --- Waiting --------------------------------------------------------------------------------------------------------
+
+/// Has the watcher read until there is nothing left to read, which includes what its handlers bring about.
+void System::runWatcher()
+{
+    pollfd watcher = {int(m_watcherNotifier->socket()), POLLIN, 0};
+    while (poll(&watcher, 1, 0) > 0) {
+        QEvent ready(QEvent::SockAct);
+        QCoreApplication::sendEvent(m_watcherNotifier, &ready);
+    }
+}
+
+/// Waits until every client that has been started is ready to be ended.
+void System::awaitLaunches()
+{
+    readLaunches();
+    QElapsedTimer waiting;
+    waiting.start();
+    while (m_launches.size() < m_started) {
+        pollfd launches = {launchesDescriptor, POLLIN, 0};
+        if (poll(&launches, 1, patience) <= 0 || waiting.elapsed() > patience)
+            qFatal("A client was started and never came up");
+        readLaunches();
+    }
+}
+
+void System::readLaunches()
+{
+    char buffer[1024];
+    for (;;) {
+        const ssize_t size = read(launchesDescriptor, buffer, sizeof buffer);
+        if (size <= 0)
+            break;
+        m_launchBuffer.append(buffer, int(size));
+    }
+    for (int end = m_launchBuffer.indexOf('\n'); end != -1; end = m_launchBuffer.indexOf('\n')) {
+        const QList<QByteArray> ids = m_launchBuffer.left(end).split(' ');
+        m_launchBuffer.remove(0, end + 1);
+        m_pid = ids.at(0).toInt();
+        m_peer.clientPid = m_pid;
+        m_rightOwnerSeen = false;
+        const bool agree =
+            ids.at(1) == ids.at(2) && ids.at(2) == ids.at(3) && ids.at(4) == ids.at(5) && ids.at(5) == ids.at(6);
+        m_launches << (agree ? QString::fromLatin1(ids.at(1) + ':' + ids.at(4))
+                             : QString::fromLatin1(ids.mid(1).join(',')));
+    }
+}
+
+QString System::settle(const Model &model)
+{
+    QElapsedTimer waiting;
+    waiting.start();
+    for (;;) {
+        // Once more after all agrees, for what must not come.
+        QString difference;
+        for (int round = 0; round < 2; ++round) {
+            runWatcher();
+            QCoreApplication::processEvents();
+            awaitLaunches();
+            runWatcher();
+            difference = differences(model, true);
+            if (!difference.isEmpty())
+                break;
+        }
+        if (difference.isEmpty() && options() != model.options()) {
+            const Observation seen = options();
+            const Observation expected = model.options();
+            for (auto value = expected.cbegin(); value != expected.cend(); ++value) {
+                if (seen.value(value.key()) != value.value())
+                    difference += QStringLiteral("\n  %1: \"%2\", expected \"%3\"")
+                                      .arg(value.key(), seen.value(value.key()), value.value());
+            }
+        }
+        if (difference.isEmpty())
+            return QString();
+        if (waiting.elapsed() > (hasFailed ? impatience : patience)) {
+            hasFailed = true;
+            return difference;
+        }
+        m_tick.start(2);
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        m_tick.stop();
+    }
+}
+
+// --- Looking --------------------------------------------------------------------------------------------------------
+
+QString System::differences(const Model &model, bool arrivals)
+{
+    Observation expected = model.observation();
+    Observation seen = observation();
+    if (!arrivals) {
+        for (const char *later : {"calls", "wiper calls", "connected"}) {
+            expected.remove(QLatin1String(later));
+            seen.remove(QLatin1String(later));
+        }
+    }
+    QString text = broken(model);
+    if (seen == expected)
+        return text;
+    QStringList keys = expected.keys() + seen.keys();
+    keys.removeDuplicates();
+    for (const QString &key : qAsConst(keys)) {
+        if (seen.value(key) != expected.value(key))
+            text += QStringLiteral("\n  %1: \"%2\", expected \"%3\"").arg(key, seen.value(key), expected.value(key));
+    }
+    return text;
+}
+
+/// What must never be and is.
+QString System::broken(const Model &)
+{
+    QString text;
+    if (m_launchesSinceReset > 11)
+        text += QStringLiteral("\n  %1 launches since the last reset").arg(m_launchesSinceReset);
+    for (const QString &launch : qAsConst(m_launches)) {
+        if (launch.split(QRegExp(QStringLiteral("[:,]"))).contains(QStringLiteral("0")))
+            text += QStringLiteral("\n  a client was launched as ") + launch;
+    }
+
+    struct stat status;
+    if (!m_launches.isEmpty() && m_private->child.state() != QProcess::NotRunning
+        && lstat(name(TestDevice::socketPath), &status) == 0
+        && status.st_uid == m_launches.last().section(QLatin1Char(':'), 0, 0).toUInt())
+        m_rightOwnerSeen = true;
+    const QStringList calls = m_peer.calls();
+    if (m_rightOwnerSeen || m_rightOwnerSeenBefore)
+        m_callsChecked = calls.size();
+    else if (calls.size() > m_callsChecked)
+        text += QStringLiteral("\n  called before a socket with the right owner was seen: ") + calls.last();
+    QStringList credentials = calls.filter(QStringLiteral("#"));
+    if (credentials.removeDuplicates() != 0)
+        text += QStringLiteral("\n  a credential was forwarded twice");
+
+    QStringList watched = m_private->watcher.files() + m_private->watcher.directories();
+    const int count = watched.size();
+    if (watched.removeDuplicates() != 0)
+        text += QStringLiteral("\n  watched twice: ") + watched.join(QLatin1Char(' '));
+    const QByteArray watches =
+        TestDevice::readFile(QStringLiteral("/proc/self/fdinfo/%1").arg(m_watcherNotifier->socket()));
+    if (watches.count("inotify wd:") > count)
+        text += QStringLiteral("\n  %1 paths are watched by %2 watches").arg(count).arg(watches.count("inotify wd:"));
+
+    for (const QPair<QString, QString> &file : qAsConst(m_outside)) {
+        if (stateOf(file.first) != file.second)
+            text += QStringLiteral("\n  a file elsewhere was touched: %1 instead of %2")
+                        .arg(stateOf(file.first), file.second);
+    }
+    return text;
+}
+
+Observation System::observation()
+{
+    for (; m_toldRead < m_daemon.calls.size(); ++m_toldRead) {
+        const RecordingDaemon::Call &call = m_daemon.calls.at(m_toldRead);
+        if (call.operation != QLatin1String("optionChanged")) {
+            m_told << rendered(call);
+        } else if (call.arguments.at(3).toBool()) {
+            m_certsTold << QLatin1Char('[') + call.arguments.at(2).toStringList().join(QLatin1Char(','))
+                               + QLatin1Char(']');
+        } else {
+            QStringList &told = m_optionsTold[{call.arguments.at(0).toUInt(), call.arguments.at(1).toString()}];
+            if (told.isEmpty() || told.last() != rendered(call.arguments.at(2)))
+                told << rendered(call.arguments.at(2));
+        }
+    }
+
+    const auto flag = [](bool value) {
+        return value ? QStringLiteral("yes") : QStringLiteral("no");
+    };
+    const ChildProcess &child = m_private->child;
+    QStringList watched = m_private->watcher.files() + m_private->watcher.directories();
+    watched.sort();
+    Observation seen = {
+        {QStringLiteral("clientStage"), QString::number(m_private->clientStage)},
+        {QStringLiteral("currentUid"), QString::number(m_private->currentUid)},
+        {QStringLiteral("pendingAuthData"), flag(m_private->pendingAuthData.has_value())},
+        {QStringLiteral("launchBudget"), QString::number(m_private->launchBudget)},
+        {QStringLiteral("certListInFlight"), flag(m_private->certListInFlight)},
+        {QStringLiteral("certListPending"), flag(m_private->certListPending)},
+        {QStringLiteral("uid"), QString::number(child.uid)},
+        {QStringLiteral("gid"), QString::number(child.gid)},
+        {QStringLiteral("clientStarting"), flag(child.clientStarting)},
+        {QStringLiteral("clientRunning"), flag(child.clientRunning)},
+        {QStringLiteral("socketPresent"), flag(child.socketPresent)},
+        {QStringLiteral("sharedDirectory"), child.sharedDirectory},
+        {QStringLiteral("userConfigPath"), child.userConfigPath},
+        {QStringLiteral("homeDirectory"), child.homeDirectory},
+        {QStringLiteral("manifestExists"), flag(child.manifestExists)},
+        {QStringLiteral("manifestIsSymLink"), flag(child.manifestIsSymLink)},
+        {QStringLiteral("manifestParsed"), flag(child.manifestParsed)},
+        {QStringLiteral("process"), QString::number(child.state())},
+        {QStringLiteral("connected"), flag(m_private->connection.isConnected())},
+        {QStringLiteral("watched"), watched.join(QLatin1Char(' '))},
+        {QStringLiteral("launches"), m_launches.join(QLatin1Char(' '))},
+        {QStringLiteral("told"), m_told.join(QStringLiteral(", "))},
+        {QStringLiteral("certs told"), m_certsTold.join(QLatin1Char(' '))},
+        {QStringLiteral("calls"), m_peer.calls().join(QLatin1Char(' '))},
+        {QStringLiteral("wiper calls"), m_peer.wipes().join(QLatin1Char(' '))},
+        {QStringLiteral("returned"), m_returned},
+        {QStringLiteral("isAvailable"), flag(m_method->isAvailable(0))},
+    };
+    for (auto told = m_optionsTold.cbegin(); told != m_optionsTold.cend(); ++told)
+        seen.insert(QStringLiteral("told %1 %2").arg(told.key().first).arg(told.key().second),
+                    told.value().join(QStringLiteral(", ")));
+    return seen;
+}
+
+Observation System::options()
+{
+    Observation seen;
+    for (const uint user : {0U, 1000U, 1001U, 1002U, unknownUser}) {
+        for (const QString &option :
+             {QStringLiteral("attempts"), QStringLiteral("delayed-deletion"), QStringLiteral("max-attempts")}) {
+            if (option != QLatin1String("max-attempts") || user == 0)
+                seen.insert(QStringLiteral("option %1 %2").arg(user).arg(option),
+                            rendered(m_method->getOptionInternal(user, option)));
+        }
+    }
+    return seen;
+}
+
+// --- Surroundings ---------------------------------------------------------------------------------------------------
+
+void System::putManifest(int manifest)
+{
+    const QString path = m_manifestIsLink ? linkedManifest : TestDevice::manifest;
+    if (manifest == NoManifest) {
+        remove(path);
+        return;
+    }
+    QByteArray content = "[X-Application]\nApplicationName=kavet_client\n";
+    if (manifest == Damaged)
+        content = "[Another group]\n";
+    if (manifest != NoOrganization)
+        content += "OrganizationName=tarsk\n";
+    if (manifest != NoCommand)
+        content += "ExecCmd=/usr/bin/true\n";
+    write(path, content, 0, 0, 0644);
+}
+
+void System::plantFile(const QString &path, int plant, uint other)
+{
+    const QString outside = QStringLiteral("%1/%2").arg(outsideDirectory).arg(m_outside.size());
+    remove(path);
+    switch (plant) {
+    case SymbolicLink:
+    case HardLink:
+        write(outside, settings(QStringLiteral("attempts"), QStringLiteral("666")), 0, 0, 0640);
+        need((plant == SymbolicLink ? symlink(name(outside), name(path)) : link(name(outside), name(path))) == 0,
+             "plant a link");
+        m_outside.append({outside, stateOf(outside)});
+        break;
+    case Fifo:
+        need(mkfifo(name(path), 0600) == 0, "plant a FIFO");
+        break;
+    case Directory:
+        need(mkdir(name(path), 0700) == 0, "plant a directory");
+        break;
+    default:
+        write(path,
+              settings(path == TestDevice::currentPolicy ? QStringLiteral("max-attempts") : QStringLiteral("attempts"),
+                       QStringLiteral("5")),
+              other, other, 0600);
+        break;
+    }
+}
+
+void System::plantSocket(int choice, uint owner)
+{
+    const QString socket = choice == NobodyListens ? deadSocket : servedSocket;
+    remove(TestDevice::socketPath);
+    need(chown(name(socket), owner, 0) == 0 && link(name(socket), name(TestDevice::socketPath)) == 0, "put a socket");
+}
+
+void System::writePackagedPolicy(const QString &value)
+{
+    // Of a new size each time: settings are cached for as long as size and time stamp of their file stay.
+    remove(TestDevice::packagedPolicy);
+    write(TestDevice::packagedPolicy,
+          settings(QStringLiteral("max-attempts"), value) + QByteArray(1, ';') + QByteArray(++m_policyNumber * 10, '-')
+              + '\n',
+          0, 0, 0644);
+}
+
+void System::setLauncher(int launcher)
+{
+    if (launcher == m_launcher)
+        return;
+    m_launcher = launcher;
+    remove(TestDevice::launcher);
+    if (launcher != IsMissing)
+        need(symlink(name(program), name(TestDevice::launcher)) == 0, "install the launcher");
+    const char *modes = "rr03i";
+    write(stateDirectory + QStringLiteral("/mode"), QByteArray(1, modes[launcher]), 0, 0, 0644);
+}
+
+void System::setClientDirectoryAway(bool away)
+{
+    if (away == m_clientDirectoryAway)
+        return;
+    m_clientDirectoryAway = away;
+    const QString other = TestDevice::clientDirectory + awaySuffix;
+    need((away ? rename(name(TestDevice::clientDirectory), name(other))
+               : rename(name(other), name(TestDevice::clientDirectory)))
+             == 0,
+         "move the client's directory");
+}
+
+void System::setSharedBlocked(bool blocked)
+{
+    if (blocked == m_sharedBlocked)
+        return;
+    m_sharedBlocked = blocked;
+    const QString parent = QFileInfo(TestDevice::sharedDirectory).path();
+    if (blocked) {
+        m_sharedSetAside = isThere(parent);
+        need(!m_sharedSetAside || rename(name(parent), name(parent + awaySuffix)) == 0, "set a directory aside");
+        write(parent, {}, 0, 0, 0600);
+    } else {
+        remove(parent);
+        need(!m_sharedSetAside || rename(name(parent + awaySuffix), name(parent)) == 0, "bring a directory back");
+    }
+}
+
+void System::setGroup(int group)
+{
+    static int current = Normal;
+    if (group == current)
+        return;
+    current = group;
+    QByteArray groups;
+    for (const QByteArray &line : originalGroups.split('\n')) {
+        if (line.isEmpty())
+            continue;
+        if (!line.startsWith("auth-factor:") || group == Normal)
+            groups += line + '\n';
+        else if (group == GroupOfRoot)
+            groups += "auth-factor:x:0:\n";
+    }
+    const QString other = groupFile + QStringLiteral(".new");
+    write(other, groups, 0, 0, 0644);
+    need(rename(name(other), name(groupFile)) == 0, "change the groups");
+}
+
+void System::setPartitionLocked(bool locked)
+{
+    if (locked)
+        write(partitionFile, "[Partition]\nDevice=absent\n", 0, 0, 0644);
+    else
+        remove(partitionFile);
+}
+
+} // namespace Sequences

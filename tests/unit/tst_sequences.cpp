@@ -1,0 +1,266 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "sequences/event.h"
+#include "sequences/model.h"
+#include "sequences/peer.h"
+#include "sequences/system.h"
+
+#include <QProcess>
+#include <QTest>
+
+#include <rapidcheck.h>
+#include <rapidcheck/state.h>
+
+#include <cstdio>
+#include <sstream>
+
+using namespace Sequences;
+
+namespace {
+
+constexpr int sequencesByDefault = 2000;
+constexpr int longestSequence = 60;
+
+QMap<QString, int> kindsSeen;
+QMap<QString, int> situationsSeen;
+QMap<int, int> lengthsSeen;
+QStringList logLines;
+
+void keepLogLine(QtMsgType level, const QMessageLogContext &context, const QString &text)
+{
+    static QMutex mutex;
+    const QMutexLocker locker(&mutex);
+    logLines << QStringLiteral("%1 %2: %3").arg(level).arg(QLatin1String(context.category), text);
+    if (level == QtFatalMsg)
+        std::fprintf(stderr, "%s\n", qPrintable(text));
+}
+
+class Happening : public rc::state::Command<Model, System>
+{
+public:
+    explicit Happening(const Event &event)
+        : m_event(event)
+    {
+    }
+
+    void checkPreconditions(const Model &before) const override { RC_PRE(before.allows(m_event)); }
+    void apply(Model &model) const override { model.apply(m_event); }
+    void show(std::ostream &stream) const override { stream << m_event; }
+
+    void run(const Model &before, System &system) const override
+    {
+        const Model after = nextState(before);
+        const QString difference = system.perform(m_event, before, after);
+        if (!difference.isEmpty()) {
+            std::ostringstream text;
+            text << "after " << m_event << ":" << difference.toStdString() << "\n  the last messages:";
+            for (const QString &line : logLines.mid(qMax(0, logLines.size() - 12)))
+                text << "\n    " << line.toStdString();
+            RC_FAIL(text.str());
+        }
+        ++kindsSeen[nameOf(m_event.kind)];
+        for (const QString &situation : after.situations() - before.situations())
+            ++situationsSeen[situation];
+    }
+
+private:
+    const Event m_event;
+};
+
+using HappeningPointer = std::shared_ptr<const Happening::CommandType>;
+
+rc::Gen<HappeningPointer> anyHappening(const Model &)
+{
+    using namespace rc;
+    const auto kinds = gen::weightedElement<Kind>({{16, Kind::Authenticate},
+                                                   {4, Kind::Reset},
+                                                   {5, Kind::EndClient},
+                                                   {14, Kind::PutSocket},
+                                                   {2, Kind::RemoveSocket},
+                                                   {2, Kind::ChangeSocketOwner},
+                                                   {1, Kind::TouchClientDirectory},
+                                                   {4, Kind::DropLink},
+                                                   {5, Kind::Reply},
+                                                   {3, Kind::FetchCerts},
+                                                   {2, Kind::SetCertsAnswer},
+                                                   {3, Kind::ReplyCerts},
+                                                   {5, Kind::StartSession},
+                                                   {3, Kind::StopSession},
+                                                   {3, Kind::CreateMarker},
+                                                   {2, Kind::RemoveMarker},
+                                                   {2, Kind::TouchHome},
+                                                   {3, Kind::WritePolicy},
+                                                   {2, Kind::ReplacePolicy},
+                                                   {1, Kind::PlantPolicy},
+                                                   {1, Kind::RemovePolicy},
+                                                   {3, Kind::WriteUserFile},
+                                                   {2, Kind::ReplaceUserFile},
+                                                   {1, Kind::PlantUserFile},
+                                                   {1, Kind::RemoveUserFile},
+                                                   {1, Kind::TouchSharedDirectory},
+                                                   {1, Kind::WritePackagedPolicy},
+                                                   {1, Kind::RemovePackagedPolicy},
+                                                   {1, Kind::RemoveMethodSettings},
+                                                   {1, Kind::LockPartition},
+                                                   {2, Kind::UnlockPartition},
+                                                   {4, Kind::IncreaseAttempts},
+                                                   {1, Kind::ResetAttempts},
+                                                   {1, Kind::GetAttempts},
+                                                   {2, Kind::MarkForDeletion},
+                                                   {2, Kind::SetLauncher},
+                                                   {1, Kind::SetGroup},
+                                                   {1, Kind::MoveClientDirectory},
+                                                   {1, Kind::BlockSharedDirectory},
+                                                   {1, Kind::SetManifest},
+                                                   {1, Kind::SetWiper},
+                                                   {3, Kind::ReplyWiper},
+                                                   {6, Kind::Repair},
+                                                   {1, Kind::Restart}});
+    const auto users = gen::weightedElement<uint>({{14, alice}, {3, bob}, {3, 1002}, {1, 0}, {1, unknownUser}});
+    // Small variants are the common ones of what they choose from.
+    const auto variants = gen::weightedElement<int>({{12, 0}, {4, 1}, {2, 2}, {2, 3}, {1, 4}, {1, 5}, {1, 6}});
+    const auto answer = gen::oneOf(gen::elementOf(std::vector<QString>(answers.cbegin(), answers.cend())),
+                                   gen::element(QString(answers.first()), QStringLiteral("<hold>")));
+    return gen::map(gen::tuple(kinds, users, variants, answer, gen::weightedElement<bool>({{3, true}, {1, false}}),
+                               gen::weightedElement<bool>({{4, false}, {1, true}})),
+                    [](const std::tuple<Kind, uint, int, QString, bool, bool> &parts) {
+                        Event event;
+                        std::tie(event.kind, event.user, event.variant, event.answer, event.flag, event.hurried) =
+                            parts;
+                        switch (event.kind) {
+                        case Kind::Authenticate:
+                            event.variant %= AuthDataCount;
+                            break;
+                        case Kind::PutSocket:
+                        case Kind::ChangeSocketOwner:
+                            event.variant %= SocketChoiceCount;
+                            break;
+                        case Kind::SetCertsAnswer:
+                        case Kind::ReplyCerts:
+                            event.variant %= CertsAnswerCount;
+                            break;
+                        case Kind::SetLauncher:
+                            event.variant %= LauncherCount;
+                            break;
+                        case Kind::SetGroup:
+                            event.variant %= GroupCount;
+                            break;
+                        case Kind::SetManifest:
+                            event.variant %= ManifestCount;
+                            break;
+                        case Kind::SetWiper:
+                            event.variant %= WiperCount;
+                            break;
+                        case Kind::PlantPolicy:
+                        case Kind::PlantUserFile:
+                            event.variant %= PlantCount;
+                            break;
+                        default:
+                            break;
+                        }
+                        return HappeningPointer(std::make_shared<Happening>(event));
+                    });
+}
+
+rc::Gen<Setup> anySetup()
+{
+    using namespace rc;
+    return gen::map(gen::tuple(gen::weightedElement<int>(
+                                   {{20, Stock}, {2, NoManifest}, {1, Damaged}, {1, NoOrganization}, {1, NoCommand}}),
+                               gen::arbitrary<bool>(), gen::arbitrary<bool>(), gen::arbitrary<bool>(),
+                               gen::arbitrary<bool>()),
+                    [](const std::tuple<int, bool, bool, bool, bool> &parts) {
+                        Setup setup;
+                        std::tie(setup.manifest, setup.manifestIsLink, setup.packagedPolicy, setup.sharedDirectory,
+                                 setup.currentPolicy) = parts;
+                        setup.currentPolicy = setup.currentPolicy && setup.sharedDirectory;
+                        return setup;
+                    });
+}
+
+} // namespace
+
+class TstSequences : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+    void modelAndMethodAgree();
+    void sequencesReachEverything();
+
+private:
+    int m_sequences = sequencesByDefault;
+    std::unique_ptr<Peer> m_peer;
+};
+
+void TstSequences::initTestCase()
+{
+    QCOMPARE(QProcess::execute(QStringLiteral(SYSTEM_BUS), {}), 0);
+    System::prepareDevice();
+    m_peer = std::make_unique<Peer>(System::servedSocket);
+
+    if (qEnvironmentVariableIsSet("KAVET_SEQUENCES")) {
+        bool isNumber = false;
+        m_sequences = qEnvironmentVariableIntValue("KAVET_SEQUENCES", &isNumber);
+        QVERIFY2(isNumber && m_sequences > 0, "KAVET_SEQUENCES must be a number of sequences");
+    }
+    // What is set by hand comes last and wins.
+    qputenv("RC_PARAMS", QByteArrayLiteral("max_success=") + QByteArray::number(m_sequences)
+                             + " max_size=" + QByteArray::number(longestSequence) + ' ' + qgetenv("RC_PARAMS"));
+    qInstallMessageHandler(keepLogLine);
+}
+
+void TstSequences::cleanupTestCase()
+{
+    m_peer.reset();
+}
+
+void TstSequences::modelAndMethodAgree()
+{
+    rc::detail::TestMetadata metadata;
+    metadata.id = metadata.description = "modelAndMethodAgree";
+    const rc::detail::TestResult result = rc::detail::checkTestable(
+        [this] {
+            logLines.clear();
+            const Setup setup = *anySetup();
+            const Model model(setup);
+            const auto happenings = *rc::state::gen::commands(model, anyHappening);
+            System system(setup, *m_peer);
+            const QString difference = system.compareStart(model);
+            if (!difference.isEmpty())
+                RC_FAIL("at the start:" + difference.toStdString());
+            rc::state::runAll(happenings, model, system);
+            ++lengthsSeen[int(happenings.size()) / 10 * 10];
+        },
+        metadata);
+
+    std::ostringstream text;
+    rc::detail::printResultMessage(result, text);
+    if (result.is<rc::detail::FailureResult>()) {
+        rc::detail::Configuration replay;
+        replay.testParams = rc::detail::configuration().testParams;
+        replay.reproduce.insert({metadata.id, result.get<rc::detail::FailureResult>().reproduce});
+        text << "\nTo replay it: RC_PARAMS=\"" << rc::detail::configToMinimalString(replay) << '"';
+    }
+    // QtTest cuts long messages.
+    const bool agree = result.is<rc::detail::SuccessResult>();
+    if (!agree)
+        std::fprintf(stderr, "%s\n", text.str().c_str());
+    QVERIFY2(agree, text.str().c_str());
+}
+
+void TstSequences::sequencesReachEverything()
+{
+    for (auto kind = kindsSeen.cbegin(); kind != kindsSeen.cend(); ++kind)
+        std::printf("%7d %s\n", kind.value(), qPrintable(kind.key()));
+    for (auto situation = situationsSeen.cbegin(); situation != situationsSeen.cend(); ++situation)
+        std::printf("%7d %s\n", situation.value(), qPrintable(situation.key()));
+    for (auto length = lengthsSeen.cbegin(); length != lengthsSeen.cend(); ++length)
+        std::printf("%7d sequences of %d events and more\n", length.value(), length.key());
+    std::fflush(stdout);
+}
+
+QTEST_GUILESS_MAIN(TstSequences)
+#include "tst_sequences.moc"
