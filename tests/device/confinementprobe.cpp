@@ -1,0 +1,105 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+// Stands in the client's place in the real sandbox, tries what it is told to in the JSON object "probe.json" of the
+// shared directory, and reports what came of it in "report.json" there:
+//   "read", "list", "write": paths, each reported as true or false
+//   "call": bus names on the system bus, "own": bus names on the session bus, likewise
+namespace {
+
+const QString sharedDirectory = QStringLiteral("/srv/shared/tarsk/kavet_client/");
+
+bool canRead(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) && !file.readAll().isEmpty();
+}
+
+bool canList(const QString &path)
+{
+    return !QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).isEmpty();
+}
+
+bool canWrite(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write("probe") == 5;
+}
+
+bool canCall(const QString &service)
+{
+    const QDBusMessage call = QDBusMessage::createMethodCall(
+        service, QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
+    return QDBusConnection::systemBus().call(call).type() == QDBusMessage::ReplyMessage;
+}
+
+bool canOwn(const QString &service)
+{
+    return QDBusConnection::sessionBus().registerService(service);
+}
+
+QJsonObject tried(const QJsonValue &subjects, bool (*attempt)(const QString &))
+{
+    QJsonObject results;
+    for (const QJsonValue &subject : subjects.toArray())
+        results.insert(subject.toString(), attempt(subject.toString()));
+    return results;
+}
+
+bool canOpenSocket(int family)
+{
+    const int descriptor = socket(family, SOCK_STREAM, 0);
+    if (descriptor == -1)
+        return false;
+    close(descriptor);
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+
+    QFile file(sharedDirectory + QStringLiteral("probe.json"));
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("Nothing to try");
+    const QJsonObject probe = QJsonDocument::fromJson(file.readAll()).object();
+
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        qFatal("No status");
+    const QJsonObject report{
+        {QStringLiteral("arguments"), QJsonArray::fromStringList(QCoreApplication::arguments())},
+        {QStringLiteral("status"), QString::fromLatin1(status.readAll())},
+        {QStringLiteral("programs"),
+         QJsonArray::fromStringList(
+             QDir(QStringLiteral("/usr/bin")).entryList(QDir::AllEntries | QDir::NoDotAndDotDot))},
+        {QStringLiteral("processes"), QDir(QStringLiteral("/proc")).entryList({QStringLiteral("[0-9]*")}).size()},
+        {QStringLiteral("internet"), canOpenSocket(AF_INET) || canOpenSocket(AF_INET6)},
+        {QStringLiteral("unix"), canOpenSocket(AF_UNIX)},
+        {QStringLiteral("read"), tried(probe.value(QLatin1String("read")), canRead)},
+        {QStringLiteral("list"), tried(probe.value(QLatin1String("list")), canList)},
+        {QStringLiteral("write"), tried(probe.value(QLatin1String("write")), canWrite)},
+        {QStringLiteral("call"), tried(probe.value(QLatin1String("call")), canCall)},
+        {QStringLiteral("own"), tried(probe.value(QLatin1String("own")), canOwn)},
+    };
+
+    // Under another name first, so that nobody reads half of it.
+    QFile result(sharedDirectory + QStringLiteral("report.new"));
+    if (!result.open(QIODevice::WriteOnly) || result.write(QJsonDocument(report).toJson()) == -1
+        || !result.rename(sharedDirectory + QStringLiteral("report.json")))
+        qFatal("Cannot report");
+    return QCoreApplication::exec();
+}
