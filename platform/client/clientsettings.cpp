@@ -1,0 +1,75 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "clientsettings.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QLoggingCategory>
+#include <QSettings>
+
+namespace {
+
+// Below the home directory and whatever the environment says, since it is this directory that the sandbox opens.
+const QString settingsFile = QStringLiteral(".config/tarsk/kavet_client/client.conf");
+
+const QString passwordHashKey = QStringLiteral("password-hash");
+const QString lockAfterKey = QStringLiteral("lock-after");
+const QString removeAfterKey = QStringLiteral("remove-after");
+const QString authTypeKey = QStringLiteral("auth-type");
+
+const QString authTypeAny = QStringLiteral("any");
+const QString authTypePassword = QStringLiteral("password");
+const QString authTypeCert = QStringLiteral("cert");
+
+constexpr int defaultLockAfter = 5;
+constexpr int defaultRemoveAfter = 10;
+
+int limit(const QSettings &settings, const QString &key, int defaultValue)
+{
+    bool isNumber = false;
+    const int value = settings.value(key, defaultValue).toInt(&isNumber);
+    if (isNumber && value >= 0)
+        return value;
+    qWarning("%s is not a number of attempts; %d it is", qUtf8Printable(key), defaultValue);
+    return defaultValue;
+}
+
+ClientSettings::AuthType readAuthType(const QSettings &settings)
+{
+    const QString type = settings.value(authTypeKey, authTypeAny).toString();
+    if (type == authTypePassword)
+        return ClientSettings::AuthType::Password;
+    if (type == authTypeCert)
+        return ClientSettings::AuthType::Cert;
+    if (type != authTypeAny)
+        qWarning("%s is not one of password, cert and any; any it is", qUtf8Printable(authTypeKey));
+    return ClientSettings::AuthType::Any;
+}
+
+} // namespace
+
+ClientSettings::ClientSettings()
+{
+    const QSettings settings(path(), QSettings::NativeFormat);
+    m_passwordHash = settings.value(passwordHashKey).toString().toLatin1();
+    m_lockAfter = limit(settings, lockAfterKey, defaultLockAfter);
+    m_removeAfter = limit(settings, removeAfterKey, defaultRemoveAfter);
+    m_authType = readAuthType(settings);
+}
+
+QString ClientSettings::path()
+{
+    return QDir::home().filePath(settingsFile);
+}
+
+bool ClientSettings::setPasswordHash(const QByteArray &hash)
+{
+    if (!QDir().mkpath(QFileInfo(path()).path()))
+        return false;
+    QSettings settings(path(), QSettings::NativeFormat);
+    settings.setValue(passwordHashKey, QString::fromLatin1(hash));
+    settings.sync();
+    return settings.status() == QSettings::NoError
+           && QFile::setPermissions(path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+}

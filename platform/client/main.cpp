@@ -1,0 +1,122 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "clientserver.h"
+#include "clientsettings.h"
+#include "kavetauth.h"
+#include "passwordhash.h"
+#include "passwordprompt.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QSocketNotifier>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+enum ExitCode { Success = 0, Failed = 1, WrongUsage = 2, RunAsRoot = 3 };
+
+int signalPipe[2];
+
+void handleSignal(int)
+{
+    const int error = errno;
+    const char byte = 0;
+    [[maybe_unused]] const ssize_t written = write(signalPipe[1], &byte, 1);
+    errno = error;
+}
+
+/// Has the signals that ask for an end finish the event loop.
+bool catchSignals()
+{
+    if (pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return false;
+    auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, qApp);
+    QObject::connect(notifier, &QSocketNotifier::activated, qApp, [] { QCoreApplication::exit(Success); });
+    struct sigaction action = {};
+    action.sa_handler = handleSignal;
+    action.sa_flags = SA_RESTART;
+    return sigaction(SIGTERM, &action, nullptr) == 0 && sigaction(SIGINT, &action, nullptr) == 0
+           && sigaction(SIGHUP, &action, nullptr) == 0;
+}
+
+int fail(const QString &message, ExitCode code = Failed)
+{
+    std::fprintf(stderr, "tarsk.kavet_client: %s\n", qUtf8Printable(message));
+    return code;
+}
+
+int setPassword()
+{
+    SecretBytes password;
+    const QString problem = readNewPassword(password);
+    if (!problem.isEmpty())
+        return fail(problem);
+    const QByteArray hash = PasswordHash::make(password.bytes());
+    if (hash.isEmpty())
+        return fail(
+            QStringLiteral("A password has 1 to %1 bytes; nothing was changed").arg(PasswordHash::maximumLength));
+    if (!ClientSettings::setPasswordHash(hash))
+        return fail(QStringLiteral("Cannot write %1").arg(ClientSettings::path()));
+    return Success;
+}
+
+int serve()
+{
+    const struct passwd *user = getpwuid(getuid());
+    if (!user)
+        return fail(QStringLiteral("User %1 has no name").arg(getuid()));
+    KavetAuth auth(QString::fromLocal8Bit(user->pw_name));
+    ClientServer server(&auth);
+    if (!catchSignals())
+        return fail(QStringLiteral("Cannot catch signals: %1").arg(qt_error_string(errno)));
+    const QString problem = server.listen();
+    if (!problem.isEmpty())
+        return fail(QStringLiteral("Cannot open the socket: %1").arg(problem));
+    return QCoreApplication::exec();
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    // No crash dump, and no other process of the user's reading this one's memory.
+    prctl(PR_SET_DUMPABLE, 0);
+    umask(S_IRWXG | S_IRWXO);
+    qSetMessagePattern(QStringLiteral("tarsk.kavet_client: %{message}"));
+
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("tarsk.kavet_client"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(KAVET_VERSION));
+    QCommandLineParser parser;
+    parser.setApplicationDescription(
+        QStringLiteral("Authenticates the user it runs as, for the device's authentication daemon."));
+    const QCommandLineOption help = parser.addHelpOption();
+    const QCommandLineOption version = parser.addVersionOption();
+    const QCommandLineOption noGui(QStringLiteral("no-gui"),
+                                   QStringLiteral("Serve without windows; there are none anyway."));
+    const QCommandLineOption setPasswordOption(
+        QStringLiteral("set-password"),
+        QStringLiteral("Ask for a new password, or read one line of standard input, store its hash, and end."));
+    parser.addOptions({noGui, setPasswordOption});
+    if (!parser.parse(QCoreApplication::arguments()))
+        return fail(parser.errorText(), WrongUsage);
+    if (!parser.positionalArguments().isEmpty())
+        return fail(QStringLiteral("Unexpected argument"), WrongUsage);
+    if (parser.isSet(help))
+        parser.showHelp();
+    if (parser.isSet(version))
+        parser.showVersion();
+
+    if (getuid() == 0 || geteuid() == 0)
+        return fail(QStringLiteral("Run this as the user to authenticate, never as root"), RunAsRoot);
+    return parser.isSet(setPasswordOption) ? setPassword() : serve();
+}

@@ -1,0 +1,45 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "passwordhash.h"
+
+#include <cstring>
+#include <memory>
+
+#include <crypt.h>
+
+namespace {
+
+/// Empty when the password cannot be hashed that way.
+QByteArray hashed(const QByteArray &password, const char *setting)
+{
+    const auto data = std::make_unique<struct crypt_data>(); // Too large for a stack.
+    const char *hash = crypt_rn(password.constData(), setting, data.get(), int(sizeof(*data)));
+    const QByteArray result(hash);
+    explicit_bzero(data.get(), sizeof(*data));
+    return result;
+}
+
+} // namespace
+
+const int PasswordHash::maximumLength = CRYPT_MAX_PASSPHRASE_SIZE - 1;
+
+QByteArray PasswordHash::make(const QByteArray &password)
+{
+    char setting[CRYPT_GENSALT_OUTPUT_SIZE];
+    // A password that ends early for C would be another one.
+    if (password.isEmpty() || password.size() > maximumLength || password.contains('\0')
+        || !crypt_gensalt_rn(nullptr, 0, nullptr, 0, setting, int(sizeof(setting))))
+        return {};
+    return hashed(password, setting);
+}
+
+bool PasswordHash::matches(const QByteArray &password, const QByteArray &hash)
+{
+    const QByteArray other = hashed(password, hash.constData());
+    if (other.isEmpty() || other.size() != hash.size())
+        return false;
+    unsigned difference = 0;
+    for (int i = 0; i < hash.size(); ++i)
+        difference |= unsigned(other.at(i)) ^ unsigned(hash.at(i));
+    return difference == 0;
+}

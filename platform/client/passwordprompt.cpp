@@ -1,0 +1,81 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "passwordprompt.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+
+/// Far more than any password.
+constexpr int maximumLine = 4096;
+
+/// Keeps what is typed off the screen for its life. Signal keys are off too, as a program they end would leave the
+/// terminal so.
+class HiddenInput
+{
+public:
+    HiddenInput()
+        : m_terminal(tcgetattr(STDIN_FILENO, &m_before) == 0)
+    {
+        struct termios hidden = m_before;
+        hidden.c_lflag &= ~tcflag_t(ECHO | ISIG);
+        if (m_terminal)
+            tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
+    }
+    ~HiddenInput()
+    {
+        if (m_terminal) {
+            tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_before);
+            std::fputc('\n', stderr);
+        }
+    }
+
+private:
+    struct termios m_before = {};
+    const bool m_terminal;
+
+    Q_DISABLE_COPY(HiddenInput)
+};
+
+/// One line without its end, straight from the descriptor, so that no copy stays in a stream's buffer.
+bool readLine(QByteArray &line)
+{
+    line.reserve(maximumLine); // Growing would leave copies behind.
+    while (line.size() < maximumLine) {
+        char character = 0;
+        const ssize_t count = read(STDIN_FILENO, &character, 1);
+        if (count == -1 && errno == EINTR)
+            continue;
+        if (count == -1)
+            return false;
+        if (count == 0 || character == '\n')
+            return true;
+        line.append(character);
+    }
+    return false;
+}
+
+bool ask(const char *prompt, QByteArray &line)
+{
+    const HiddenInput hidden;
+    std::fputs(prompt, stderr);
+    return readLine(line);
+}
+
+} // namespace
+
+QString readNewPassword(SecretBytes &password)
+{
+    const QString unreadable = QStringLiteral("Cannot read a password from standard input");
+    if (!isatty(STDIN_FILENO))
+        return readLine(password.bytes()) ? QString() : unreadable;
+
+    SecretBytes again;
+    if (!ask("New password: ", password.bytes()) || !ask("The same again: ", again.bytes()))
+        return unreadable;
+    return password.bytes() == again.bytes() ? QString() : QStringLiteral("The two differ; nothing was changed");
+}
