@@ -32,11 +32,11 @@ private Q_SLOTS:
         // Newer releases leave out the patch level.
         QCOMPARE(metadata.value(QLatin1String("version")).toInt() >> 8, QT_VERSION >> 8);
         QCOMPARE(metadata.value(QLatin1String("debug")), QJsonValue(bool(DEBUG_BUILD)));
-        const QVariantMap expected = {{QStringLiteral("Name"), QStringLiteral("kavet")},
+        const QJsonObject expected = {{QStringLiteral("Name"), QStringLiteral("kavet")},
                                       {QStringLiteral("Descr"), QStringLiteral("Kavet authentication method")},
                                       {QStringLiteral("Version"), QStringLiteral("0.0.1")},
-                                      {QStringLiteral("Priority"), 50.0}};
-        QCOMPARE(metadata.value(QLatin1String("MetaData")).toObject().toVariantMap(), expected);
+                                      {QStringLiteral("Priority"), 50}};
+        QCOMPARE(metadata.value(QLatin1String("MetaData")).toObject(), expected);
         QVERIFY(!loader.isLoaded());
         QVERIFY(!QFileInfo::exists(TestDevice::clientDirectory));
     }
@@ -53,13 +53,16 @@ private Q_SLOTS:
         QStringList others;
         const QStringList lines = QString::fromUtf8(nm.readAllStandardOutput()).split(QLatin1Char('\n'));
         for (const QString &line : lines) {
-            QString symbol = line.left(line.lastIndexOf(QRegularExpression(QStringLiteral(" [A-Za-z] "))));
-            // Compiler instrumentation is no part of the interface.
+            const int end = line.indexOf(QRegularExpression(QStringLiteral(" [A-Za-z] [0-9a-f]")));
+            const QString symbol = line.left(end);
+            const bool ours = symbol.contains(QStringLiteral("SettingsKavet"));
+            // Neither what the compiler adds nor, without optimisation, other headers' inline functions are ours.
             static const QRegularExpression instrumentation(
                 QStringLiteral("^(__asan|__odr_asan|__ubsan|__gcov|__llvm)"));
-            if (line.isEmpty() || symbol.contains(instrumentation))
+            if (line.isEmpty() || symbol.contains(instrumentation)
+                || (!ours && line.midRef(end, 3) == QLatin1String(" W ")))
                 continue;
-            (symbol.contains(QStringLiteral("SettingsKavet")) ? classes : others) << symbol;
+            (ours ? classes : others) << symbol;
         }
         others.sort();
         QCOMPARE(others,
