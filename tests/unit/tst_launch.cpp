@@ -242,6 +242,9 @@ void TstLaunch::launches()
     MethodFixture f;
     f.d->currentUid = alice;
     QCOMPARE(Trace::of(f.d).texts(), Trace().texts());
+    // As left by a session whose user had a first start to finish.
+    f.d->child.uid = carol;
+    f.d->child.gid = carol;
     LogCapture log(true);
 
     QVERIFY(f.d->launchChild());
@@ -414,6 +417,8 @@ void TstLaunch::policyIsReadBeforeItIsWatched()
     // The constructor found the shared directory, as this policy lies in it.
     QCOMPARE(f.d->watcher.directories(), (QStringList{clientDirectory, sharedDirectory}));
     f.d->watcher.removePath(sharedDirectory);
+    // The daemon's own limit gives way.
+    QVERIFY(f.method.setOptionInternal(0, QStringLiteral("max-attempts"), 8));
     Onlooker onlooker(f.d);
     f.method.setNotificator(&onlooker);
     f.d->currentUid = alice;
