@@ -301,10 +301,10 @@ void Authenticator::restartAuth(const QString &method, uint uid)
         if (!entry || uid == 0)
             return;
         QVariantMap details = {{States::Method, method}};
-        if (entry->attempt.isOpen() && entry->attempt.uid == uid) {
-            entry->attempt.phase = Attempt::Restarted;
+        if (entry->attempt.phase != Attempt::Closed && entry->attempt.uid == uid)
             details.insert(States::Restarted, true);
-        }
+        if (entry->attempt.phase == Attempt::Open && entry->attempt.uid == uid)
+            entry->attempt.phase = Attempt::Restarted;
         setState(uid, States::Challenge, details);
     });
 }

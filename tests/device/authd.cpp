@@ -1,0 +1,149 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "authd.h"
+
+#include <authd/authservice.h>
+
+#include <QAtomicInt>
+#include <QDBusArgument>
+#include <QTest>
+
+#include <csignal>
+#include <unistd.h>
+
+namespace AuthService = LibAuthd::AuthService;
+
+namespace {
+
+const QString program = QStringLiteral(TEST_BINARY_DIR "/bin/authd");
+
+QString uniqueName()
+{
+    static QAtomicInt count;
+    return QStringLiteral("user %1").arg(count++);
+}
+
+/// The bus goes by the effective user id at the time of connecting.
+QDBusConnection connectAs(uint uid, const QString &name)
+{
+    if (seteuid(uid) != 0)
+        qFatal("Cannot become user %u", uid);
+    const QDBusConnection connection = QDBusConnection::connectToBus(QDBusConnection::SystemBus, name);
+    if (seteuid(0) != 0)
+        qFatal("Cannot become root again");
+    if (!connection.isConnected())
+        qFatal("No connection to the bus: %s", qPrintable(connection.lastError().message()));
+    return connection;
+}
+
+} // namespace
+
+Authd::~Authd()
+{
+    if (isRunning())
+        stop(SIGKILL);
+}
+
+bool Authd::start(const QString &methods, const QStringList &arguments)
+{
+    m_log.clear();
+    m_process.start(program, QStringList{QStringLiteral("--methods"), methods} + arguments);
+    return m_process.waitForStarted() && waitForLog("event=ready");
+}
+
+int Authd::stop(int signal)
+{
+    kill(pid_t(pid()), signal);
+    if (!m_process.waitForFinished())
+        return -1;
+    log();
+    return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+}
+
+bool Authd::waitForLog(const QByteArray &text, int count)
+{
+    const bool found = QTest::qWaitFor([&] { return log().count(text) >= count || !isRunning(); }, 30000)
+                       && log().count(text) >= count;
+    if (!found)
+        qWarning("No '%s' in the log:\n%s", text.constData(), m_log.constData());
+    return found;
+}
+
+QByteArray Authd::log()
+{
+    m_log += m_process.readAllStandardError();
+    return m_log;
+}
+
+QPair<int, QByteArray> Authd::run(const QStringList &arguments)
+{
+    QProcess process;
+    process.start(program, arguments);
+    if (!process.waitForFinished() || process.exitStatus() != QProcess::NormalExit)
+        return {-1, process.readAllStandardError()};
+    return {process.exitCode(), process.readAllStandardError() + process.readAllStandardOutput()};
+}
+
+BusUser::BusUser(uint uid)
+    : m_name(uniqueName())
+    , m_connection(connectAs(uid, m_name))
+{
+}
+
+BusUser::~BusUser()
+{
+    QDBusConnection::disconnectFromBus(m_name);
+}
+
+QDBusMessage BusUser::call(const QString &member, const QVariantList &arguments) const
+{
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(AuthService::Service, AuthService::ObjectPath, AuthService::Interface, member);
+    call.setArguments(arguments);
+    return m_connection.call(call);
+}
+
+QString BusUser::error(const QString &member, const QVariantList &arguments) const
+{
+    return call(member, arguments).errorName();
+}
+
+Reports::Reports(const BusUser &user)
+{
+    user.connection().connect(AuthService::Service, AuthService::ObjectPath, AuthService::Interface, QString(), this,
+                              SLOT(record(QDBusMessage)));
+    user.call(QStringLiteral("GetMethods")); // From here on the bus delivers them.
+}
+
+bool Reports::waitFor(const QString &text)
+{
+    const bool found = QTest::qWaitFor([&] { return !texts.isEmpty() && texts.constLast().startsWith(text); }, 30000);
+    if (!found)
+        qWarning("Waited for '%s', have:\n%s", qPrintable(text), qPrintable(texts.join(QLatin1Char('\n'))));
+    return found;
+}
+
+void Reports::record(const QDBusMessage &signal)
+{
+    all << signal;
+    if (signal.member().endsWith(QLatin1String("OptionChanged")))
+        return;
+    QStringList arguments;
+    for (const QVariant &argument : signal.arguments())
+        arguments << reportText(argument);
+    texts << signal.member() + QLatin1Char('(') + arguments.join(QStringLiteral(", ")) + QLatin1Char(')');
+}
+
+QString reportText(const QVariant &value)
+{
+    if (value.canConvert<QDBusVariant>())
+        return reportText(value.value<QDBusVariant>().variant());
+    if (value.canConvert<QDBusArgument>()) {
+        QStringList entries;
+        const QVariantMap map = qdbus_cast<QVariantMap>(value);
+        for (auto entry = map.cbegin(); entry != map.cend(); ++entry)
+            entries << entry.key() + QLatin1Char('=') + reportText(entry.value());
+        return QLatin1Char('{') + entries.join(QStringLiteral(", ")) + QLatin1Char('}');
+    }
+    return value.toString();
+}

@@ -1,0 +1,78 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVariant>
+#include <QObject>
+#include <QProcess>
+#include <QStringList>
+#include <QVector>
+
+/// The daemon as a process of its own, on the device's system bus.
+class Authd
+{
+public:
+    ~Authd();
+
+    /// Starts the daemon on the methods in `methods` and waits until it is ready; false, with its log, when it ends
+    /// first.
+    bool start(const QString &methods = QStringLiteral(TEST_BINARY_DIR "/lib/authd/methods"),
+               const QStringList &arguments = {});
+    /// Sends `signal` and waits for the end; the exit code, or -1 when it did not end by itself.
+    int stop(int signal);
+    /// Waits until the log has `text`.
+    bool waitForLog(const QByteArray &text, int count = 1);
+    /// What it has written to standard error.
+    QByteArray log();
+    qint64 pid() const { return m_process.processId(); }
+    bool isRunning() const { return m_process.state() == QProcess::Running; }
+
+    /// Runs the daemon with these arguments to its end.
+    static QPair<int, QByteArray> run(const QStringList &arguments);
+
+private:
+    QProcess m_process;
+    QByteArray m_log;
+};
+
+/// A connection to the system bus as user `uid`; ends with the object.
+class BusUser
+{
+public:
+    explicit BusUser(uint uid);
+    ~BusUser();
+
+    /// Calls the service and waits for the answer.
+    QDBusMessage call(const QString &member, const QVariantList &arguments = {}) const;
+    /// The name of the error that the call ends with; empty when it succeeds.
+    QString error(const QString &member, const QVariantList &arguments = {}) const;
+    QDBusConnection connection() const { return m_connection; }
+
+private:
+    const QString m_name;
+    QDBusConnection m_connection;
+};
+
+/// The service's signals, from the start of the object.
+class Reports : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit Reports(const BusUser &user);
+
+    /// Each as "Member(argument, argument, ...)", in order, options' changes left out.
+    QStringList texts;
+    QVector<QDBusMessage> all;
+
+    /// Waits until the last one starts with `text`.
+    bool waitFor(const QString &text);
+
+private Q_SLOTS:
+    void record(const QDBusMessage &signal);
+};
+
+/// A value as it reads in Reports.
+QString reportText(const QVariant &value);

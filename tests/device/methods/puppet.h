@@ -1,0 +1,46 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <authd/authplugininterface.h>
+
+/// A method that does what it is told: a script of words, separated by spaces, comes as the data's or the option's
+/// "do".
+///   succeed, finish (successfully), fail (without a code), fail:CODE, input    an outcome
+///   restart, restart:UID      asks for a new start
+///   lock:SECONDS, unlock      locks or unlocks the user
+///   event                     logs an event whose details try to break the line
+///   unknown                   reports an option change with a value that the bus cannot carry
+class Puppet : public AuthPluginInterface
+{
+    Q_OBJECT
+    Q_PLUGIN_METADATA(IID "qarv.auth.puppet" FILE "method.json")
+    Q_INTERFACES(AuthPluginInterface)
+
+public:
+    Puppet();
+
+    QString name() const override;
+    const QMap<QString, QVariant> &defaultOptions(uint uid) override;
+    QVariant getOption(uint uid, const QString &option) override;
+    const ValidationScope &getOptionsValidations(uint uid) override;
+    void handleOptionChanged(uint uid, const QString &option, const QVariant &value) override;
+    const AuthUiPages &pages() const override;
+    int types() const override { return 1; }
+    QString getErrorMessage(int code) const override;
+    void reset() override;
+    void authenticate(uint uid, const QMap<QString, QVariant> &data) override;
+    bool isAvailable(uint) override { return true; }
+    void handleUserSessionTriggered(uint uid, bool started, bool manageClient) override;
+    void handleUserLocked(uint uid, bool locked, const QString &reason, uint duration) override;
+    QString getAuthData(const QMap<QString, QVariant> &) override { return QString(); }
+    int increaseAttempts(uint uid) override;
+    int getAttempts(uint uid) override;
+    void resetAttempts(uint uid) override;
+
+private:
+    void perform(uint uid, const QString &script);
+
+    QStringList m_told;
+    QMap<uint, int> m_attempts;
+};

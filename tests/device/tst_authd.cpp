@@ -1,0 +1,900 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/authd.h"
+#include "support/testdevice.h"
+#include "support/wiper.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QJsonArray>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QXmlStreamReader>
+
+#include <csignal>
+#include <random>
+#include <unistd.h>
+
+namespace {
+
+const QString kavetMethod = QStringLiteral("kavet");
+const uint alice = TestDevice::alice;
+const uint bob = TestDevice::bob;
+const QString accessDenied = QStringLiteral("org.freedesktop.DBus.Error.AccessDenied");
+const QString invalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
+const QString serviceError = QStringLiteral("qarv.AuthService.Error.");
+const QString locksFile = QStringLiteral("/var/lib/authd/locks.conf");
+const QString testMethods = QStringLiteral(TEST_BINARY_DIR "/tests/device/methods/lib");
+
+QVariantMap password(const QString &text)
+{
+    return {{QStringLiteral("password"), text}};
+}
+
+/// What an interface's description says, one line per method, signal and argument, comments and annotations aside.
+QStringList membersOf(const QByteArray &description, const QString &interface)
+{
+    QStringList members;
+    QXmlStreamReader reader(description);
+    bool isInside = false;
+    while (!reader.atEnd()) {
+        reader.readNext();
+        if (reader.name() == QLatin1String("interface"))
+            isInside = reader.isStartElement() && reader.attributes().value(QLatin1String("name")) == interface;
+        if (!isInside || !reader.isStartElement() || reader.name() == QLatin1String("annotation"))
+            continue;
+        QString line = reader.name().toString();
+        for (const char *attribute : {"name", "type", "direction"})
+            line += QLatin1Char(' ') + reader.attributes().value(QLatin1String(attribute)).toString();
+        members << line.trimmed();
+    }
+    return members;
+}
+
+QByteArray everythingIn(const QString &directory)
+{
+    QByteArray content;
+    QDirIterator files(directory, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (files.hasNext())
+        content += TestDevice::readFile(files.next());
+    return content;
+}
+
+/// Command lines and environments of all processes.
+QByteArray commandLinesAndEnvironments()
+{
+    QByteArray content;
+    const QStringList processes = QDir(QStringLiteral("/proc")).entryList({QStringLiteral("[0-9]*")}, QDir::Dirs);
+    for (const QString &process : processes) {
+        for (const char *file : {"cmdline", "environ"})
+            content += TestDevice::readFile(QStringLiteral("/proc/%1/%2").arg(process, QLatin1String(file))) + '\n';
+    }
+    return content;
+}
+
+void endBus()
+{
+    const pid_t pid = TestDevice::readFile(QStringLiteral("/run/dbus/pid")).trimmed().toInt();
+    kill(pid, SIGTERM);
+    QTRY_VERIFY(kill(pid, 0) != 0);
+    QFile::remove(QStringLiteral("/run/dbus/pid"));
+}
+
+void startBusAgain()
+{
+    QCOMPARE(QProcess::execute(QStringLiteral("dbus-daemon"), {QStringLiteral("--system"), QStringLiteral("--fork")}),
+             0);
+}
+
+} // namespace
+
+/// The daemon with the method that it is made for, up to the client.
+class TstAuthd : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(startSystemBus()); }
+
+    void init()
+    {
+        TestDevice::reset();
+        QVERIFY(m_authd.start());
+    }
+
+    void cleanup()
+    {
+        if (m_authd.isRunning())
+            QCOMPARE(m_authd.stop(SIGTERM), 0);
+    }
+
+    // --- Starting and stopping ---
+
+    void wrongUsageAndHelp_data();
+    void wrongUsageAndHelp();
+    void methodsAreChosenFromTheDirectory();
+    void missingDirectory();
+    void nameTaken();
+    void nameNotAllowed();
+    void noBus();
+    void damagedLocks_data();
+    void damagedLocks();
+    void signalsEndIt_data();
+    void signalsEndIt();
+    void journalForm();
+    void busRestart();
+
+    // --- The service ---
+
+    void description();
+    void methodInfo();
+
+    // --- Attempts ---
+
+    void success();
+    void failures_data();
+    void failures();
+    void certificate();
+    void challenge();
+    void refusedRequests();
+    void oneAttemptAtATime();
+    void cancelAndRetry();
+    void nothingToCancel();
+    void dyingClient();
+    void clientEndsAfterwards();
+    void lockAtTheLimit();
+    void sessionStop();
+    void sessionStart();
+
+    // --- Options ---
+
+    void optionsOfTheMethod();
+    void certificateList();
+
+    // --- Who may what ---
+
+    void access_data();
+    void access();
+    void garbage();
+    void secretsStayInTheMessage();
+
+private:
+    QString authenticate(const BusUser &user, uint uid, const QString &text) const
+    {
+        return user.error(QStringLiteral("Authenticate"), {uid, kavetMethod, password(text)});
+    }
+    QString stateText(const BusUser &user, uint uid) const
+    {
+        QStringList texts;
+        for (const QVariant &value : user.call(QStringLiteral("GetState"), {uid}).arguments())
+            texts << reportText(value);
+        return texts.join(QLatin1Char(' '));
+    }
+
+    Authd m_authd;
+};
+
+void TstAuthd::wrongUsageAndHelp_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QByteArray>("text");
+
+    QTest::newRow("unknown option") << QStringList{QStringLiteral("--nonsense")} << 2 << QByteArray("nonsense");
+    QTest::newRow("argument") << QStringList{QStringLiteral("nonsense")} << 2 << QByteArray("No arguments expected");
+    QTest::newRow("option without value") << QStringList{QStringLiteral("--methods")} << 2 << QByteArray("--methods");
+    QTest::newRow("help") << QStringList{QStringLiteral("--help")} << 0 << QByteArray("--wait-for-bus");
+    QTest::newRow("version") << QStringList{QStringLiteral("--version")} << 0 << QByteArray("authd 0.0.1\n");
+}
+
+void TstAuthd::wrongUsageAndHelp()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, text);
+
+    const auto result = Authd::run(arguments);
+    QTEST(result.first, "exitCode");
+    QVERIFY2(result.second.contains(text), result.second.constData());
+}
+
+void TstAuthd::methodsAreChosenFromTheDirectory()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QTemporaryDir directory;
+    const QString to = directory.path() + QLatin1Char('/');
+    QVERIFY(QFile::copy(QStringLiteral(TEST_BINARY_DIR "/lib/authd/methods/libkavet.so"), to + QStringLiteral("a.so")));
+    for (const char *name :
+         {"libpuppet.so", "libimpostor.so", "libtaken.so", "libstranger.so", "libnameless.so", "libnometadata.so"})
+        QVERIFY(QFile::copy(testMethods + QLatin1Char('/') + QLatin1String(name), to + QLatin1String(name)));
+    QVERIFY(QFile::copy(testMethods + QStringLiteral("/libpuppet.so"), to + QStringLiteral("second.so")));
+    QVERIFY(TestDevice::writeFile(to + QStringLiteral("readme.txt"), "no library"));
+    QVERIFY(TestDevice::writeFile(to + QStringLiteral("text.so"), "no library"));
+    QVERIFY(QDir(to).mkdir(QStringLiteral("directory.so")));
+
+    QVERIFY(m_authd.start(directory.path()));
+    QCOMPARE(BusUser(0).call(QStringLiteral("GetMethods")).arguments().constFirst().toStringList(),
+             (QStringList{QStringLiteral("puppet"), kavetMethod}));
+    const QByteArray log = m_authd.log();
+    for (const char *line : {
+             "readme.txt reason=\"not a library\"",
+             "text.so reason=\"no plugin metadata\"",
+             "libnometadata.so reason=\"no plugin metadata\"",
+             "libnameless.so reason=\"no name in the metadata\"",
+             "libtaken.so reason=\"name already taken\"",
+             "second.so reason=\"name already taken\"",
+             "libstranger.so reason=\"another interface\" details=\"wanted qarv.authplugin\"",
+             "libimpostor.so reason=\"name differs from the metadata\"",
+         })
+        QCOMPARE(log.count(QByteArray("/") + line), 1);
+    QCOMPARE(log.count("event=method-refused"), 8);
+    QCOMPARE(log.count("event=method-loaded"), 2);
+    QVERIFY(!log.contains("directory.so"));
+}
+
+void TstAuthd::missingDirectory()
+{
+    const auto result = Authd::run({QStringLiteral("--methods"), QStringLiteral("/nowhere")});
+    QCOMPARE(result.first, 1);
+    QVERIFY(result.second.contains("event=no-methods-directory directory=/nowhere"));
+
+    // An empty one is no error.
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QTemporaryDir directory;
+    QVERIFY(m_authd.start(directory.path()));
+    QVERIFY(m_authd.log().contains("event=no-methods "));
+    QCOMPARE(BusUser(0).call(QStringLiteral("GetMethods")).arguments().constFirst().toStringList(), QStringList());
+}
+
+void TstAuthd::nameTaken()
+{
+    QTemporaryDir directory;
+    const auto result = Authd::run({QStringLiteral("--methods"), directory.path()});
+    QCOMPARE(result.first, 4);
+    QVERIFY(result.second.contains("event=name-taken"));
+}
+
+void TstAuthd::nameNotAllowed()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QProcess process;
+    process.start(QStringLiteral("setpriv"),
+                  {QStringLiteral("--reuid=%1").arg(alice), QStringLiteral("--clear-groups"),
+                   QStringLiteral(TEST_BINARY_DIR "/bin/authd"), QStringLiteral("--methods"), QStringLiteral("/tmp")});
+    QVERIFY(process.waitForFinished());
+    const QByteArray log = process.readAllStandardError();
+    QVERIFY2(process.exitCode() == 4, log.constData());
+    QVERIFY2(log.contains("event=name-refused"), log.constData());
+}
+
+void TstAuthd::noBus()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    endBus();
+    QTemporaryDir directory;
+    const auto result = Authd::run({QStringLiteral("--methods"), directory.path()});
+    startBusAgain();
+    QCOMPARE(result.first, 3);
+    QVERIFY2(result.second.contains("level=error event=no-bus"), result.second.constData());
+}
+
+void TstAuthd::damagedLocks_data()
+{
+    QTest::addColumn<QByteArray>("content");
+
+    QTest::newRow("noise") << QByteArray("\xff\xfe\0\n[", 5);
+    QTest::newRow("no user id") << QByteArray("[alice]\nmethod=m\nreason=r\nuntil=0\n");
+    QTest::newRow("no time") << QByteArray("[1000]\nmethod=m\nreason=r\n");
+    QTest::newRow("no reason") << QByteArray("[1000]\nmethod=m\nuntil=0\n");
+    QTest::newRow("no method") << QByteArray("[1000]\nreason=r\nuntil=0\n");
+    QTest::newRow("negative time") << QByteArray("[1000]\nmethod=m\nreason=r\nuntil=-1\n");
+}
+
+void TstAuthd::damagedLocks()
+{
+    QFETCH(QByteArray, content);
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QVERIFY(TestDevice::writeFile(locksFile, content));
+
+    QTemporaryDir directory;
+    const auto result = Authd::run({QStringLiteral("--methods"), directory.path()});
+    QCOMPARE(result.first, 1);
+    QVERIFY2(result.second.contains("event=locks-damaged file=/var/lib/authd/locks.conf"), result.second.constData());
+    QCOMPARE(TestDevice::readFile(locksFile), content);
+
+    // Nor is a link followed.
+    QVERIFY(QFile::rename(locksFile, locksFile + QStringLiteral(".real")));
+    QVERIFY(QFile::link(locksFile + QStringLiteral(".real"), locksFile));
+    QCOMPARE(Authd::run({QStringLiteral("--methods"), directory.path()}).first, 1);
+}
+
+void TstAuthd::signalsEndIt_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::addColumn<bool>("withBus");
+
+    QTest::newRow("SIGTERM") << SIGTERM << true;
+    QTest::newRow("SIGINT") << SIGINT << true;
+    QTest::newRow("SIGTERM while waiting for the bus") << SIGTERM << false;
+}
+
+void TstAuthd::signalsEndIt()
+{
+    QFETCH(int, signal);
+    QFETCH(bool, withBus);
+    const BusUser root(0);
+    Reports reports(root);
+    QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    const pid_t client = TestDevice::launches().constLast().value(QLatin1String("pid")).toInt();
+    QCOMPARE(kill(client, 0), 0);
+
+    if (!withBus) {
+        endBus();
+        QVERIFY(m_authd.waitForLog("event=no-bus"));
+    }
+    const int exitCode = m_authd.stop(signal);
+    if (!withBus)
+        startBusAgain();
+    QCOMPARE(exitCode, 0);
+    // Its client goes with it.
+    QTRY_VERIFY(kill(client, 0) != 0);
+}
+
+void TstAuthd::journalForm()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QProcess process;
+    process.start(QStringLiteral(TEST_BINARY_DIR "/bin/authd"),
+                  {QStringLiteral("--journal"), QStringLiteral("--methods"), QStringLiteral("/nowhere")});
+    QVERIFY(process.waitForFinished());
+    QCOMPARE(process.readAllStandardError(), QByteArray("<3>event=no-methods-directory directory=/nowhere\n"));
+
+    // The variable names the journal's stream by device and inode; here a file stands for it.
+    const QString file = QStringLiteral("/tmp/journal");
+    for (const bool isJournal : {true, false}) {
+        process.start(QStringLiteral("sh"),
+                      {QStringLiteral("-c"),
+                       QStringLiteral("exec 2>%1; JOURNAL_STREAM=$(stat -c %d:%i %1)%2 exec %3 --methods /nowhere")
+                           .arg(file, isJournal ? QString() : QStringLiteral("0"),
+                                QStringLiteral(TEST_BINARY_DIR "/bin/authd"))});
+        QVERIFY(process.waitForFinished());
+        QCOMPARE(TestDevice::readFile(file), isJournal ? "<3>event=no-methods-directory directory=/nowhere\n"
+                                                       : "level=error event=no-methods-directory directory=/nowhere\n");
+    }
+}
+
+void TstAuthd::busRestart()
+{
+    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("now")}});
+    const qint64 pid = m_authd.pid();
+    for (int i = 1; i <= 3; ++i) {
+        endBus();
+        startBusAgain();
+        QVERIFY(m_authd.waitForLog("event=ready", i + 1));
+        QCOMPARE(m_authd.pid(), pid);
+
+        const BusUser root(0);
+        Reports reports(root);
+        QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
+        QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    }
+    // The waiting is asked for once.
+    QCOMPARE(TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).count("--wait-for-bus"), 1);
+}
+
+void TstAuthd::description()
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QStringLiteral("qarv.AuthService"), QStringLiteral("/qarv/AuthService"),
+        QStringLiteral("org.freedesktop.DBus.Introspectable"), QStringLiteral("Introspect"));
+    const BusUser user(alice);
+    const QDBusMessage reply = user.connection().call(call);
+    QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+    const QString interface = QStringLiteral("qarv.AuthService");
+    const QStringList running = membersOf(reply.arguments().constFirst().toByteArray(), interface);
+    const QStringList described = membersOf(TestDevice::readFile(QStringLiteral(AUTHSERVICE_XML)), interface);
+    QVERIFY(described.size() > 60);
+    QCOMPARE(running, described);
+}
+
+void TstAuthd::methodInfo()
+{
+    const BusUser user(alice);
+    QCOMPARE(reportText(user.call(QStringLiteral("GetMethodInfo"), {kavetMethod}).arguments().constFirst()),
+             QStringLiteral("{auth-page=MethodPageKavet, available=false, description=Kavet authentication method, "
+                            "info-page=KavetInfo, pre-page=PreMethodPageKavet, priority=50, types=20, version=0.0.1}"));
+    QCOMPARE(user.error(QStringLiteral("GetMethodInfo"), {QStringLiteral("other")}),
+             serviceError + QStringLiteral("NoSuchMethod"));
+}
+
+void TstAuthd::success()
+{
+    const BusUser user(alice);
+    Reports reports(user);
+    QCOMPARE(stateText(user, alice), QStringLiteral("idle {}"));
+    QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    QCOMPARE(reports.texts, (QStringList{QStringLiteral("StateChanged(1000, pending, {method=kavet})"),
+                                         QStringLiteral("Authenticated(1000, kavet)"),
+                                         QStringLiteral("StateChanged(1000, authenticated, {method=kavet})")}));
+    QCOMPARE(stateText(user, alice), QStringLiteral("authenticated {method=kavet}"));
+    QCOMPARE(TestDevice::calls(), (QVector<QJsonArray>{{QStringLiteral("checkPassword"), QStringLiteral("alice"),
+                                                        QStringLiteral("success")}}));
+    // The count is reset.
+    QVERIFY(TestDevice::readFile(QStringLiteral("/var/lib/authd/users/1000.conf")).contains("attempts=0"));
+}
+
+void TstAuthd::failures_data()
+{
+    QTest::addColumn<QString>("answer");
+    QTest::addColumn<QString>("result");
+
+    QTest::newRow("failed") << "failed"
+                            << "11, AuthFailed";
+    QTest::newRow("lock") << "lock"
+                          << "6, UserLocked";
+    QTest::newRow("nousb") << "nousb"
+                           << "9, NoUsbDevice";
+    QTest::newRow("error") << "error"
+                           << "5, CannotCommunicateClient";
+    QTest::newRow("die") << "die"
+                         << "5, CannotCommunicateClient";
+}
+
+void TstAuthd::failures()
+{
+    QFETCH(QString, answer);
+    QFETCH(QString, result);
+    const BusUser root(0);
+    QCOMPARE(root.error(QStringLiteral("SetMethodOption"),
+                        {kavetMethod, QStringLiteral("max-attempts"), QVariant::fromValue(QDBusVariant(5))}),
+             QString());
+    Reports reports(root);
+    QCOMPARE(authenticate(root, bob, answer), QString());
+    QTRY_VERIFY(reports.texts.contains(QStringLiteral("AuthenticationFailed(1001, kavet, %1, 5)").arg(result)));
+    QTRY_VERIFY(reports.texts.contains(
+        QStringLiteral("StateChanged(1001, challenge, {input-request-type=2, method=kavet, result-code=%1})")
+            .arg(result.section(QLatin1Char(','), 0, 0))));
+    // The failed attempt is counted; as a text once the client's own file has been read.
+    QTRY_VERIFY(QRegularExpression(QStringLiteral("attempts='?1"))
+                    .match(QString::fromUtf8(TestDevice::readFile(QStringLiteral("/var/lib/authd/users/1001.conf"))))
+                    .hasMatch());
+
+    // And another one is welcome.
+    QCOMPARE(authenticate(root, bob, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1001, authenticated")));
+}
+
+void TstAuthd::certificate()
+{
+    const BusUser user(alice);
+    Reports reports(user);
+    QCOMPARE(
+        user.error(QStringLiteral("Authenticate"), {alice, kavetMethod,
+                                                    QVariantMap{{QStringLiteral("cert"), QStringLiteral("pkcs11:a")},
+                                                                {QStringLiteral("pin"), QStringLiteral("success")}}}),
+        QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    QCOMPARE(TestDevice::calls(), (QVector<QJsonArray>{{QStringLiteral("validateCert"), QStringLiteral("pkcs11:a"),
+                                                        QStringLiteral("alice"), QStringLiteral("success")}}));
+}
+
+void TstAuthd::challenge()
+{
+    const BusUser user(alice);
+    Reports reports(user);
+    const QString challenge =
+        QStringLiteral("StateChanged(1000, challenge, {input-request-type=2, method=kavet, result-code=0})");
+    QCOMPARE(user.error(QStringLiteral("RequestChallenge"), {alice, kavetMethod}), QString());
+    QVERIFY(reports.waitFor(challenge));
+    QCOMPARE(TestDevice::launches().size(), 1);
+    QCOMPARE(TestDevice::calls().size(), 0);
+
+    // With a certificate and no PIN there is nothing to send.
+    QCOMPARE(user.error(QStringLiteral("Authenticate"),
+                        {alice, kavetMethod, QVariantMap{{QStringLiteral("cert"), QStringLiteral("c")}}}),
+             QString());
+    QTRY_COMPARE(reports.texts.count(challenge), 2);
+    QCOMPARE(TestDevice::calls().size(), 0);
+}
+
+void TstAuthd::refusedRequests()
+{
+    const BusUser root(0);
+    const QString member = QStringLiteral("Authenticate");
+    QCOMPARE(root.error(member, {uint(4711), kavetMethod, password({})}), serviceError + QStringLiteral("NoSuchUser"));
+    QCOMPARE(root.error(member, {uint(0), kavetMethod, password({})}), serviceError + QStringLiteral("NoSuchUser"));
+    QCOMPARE(root.error(member, {alice, QStringLiteral("other"), password({})}),
+             serviceError + QStringLiteral("NoSuchMethod"));
+    QCOMPARE(root.error(member, {alice, kavetMethod,
+                                 QVariantMap{{QStringLiteral("password"), QVariantMap{{QStringLiteral("a"), 1}}}}}),
+             invalidArgs);
+    QCOMPARE(TestDevice::launches().size(), 0);
+    QCOMPARE(stateText(root, alice), QStringLiteral("idle {}"));
+}
+
+void TstAuthd::oneAttemptAtATime()
+{
+    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("/tmp/scripted-client/go")}});
+    const BusUser root(0);
+    Reports reports(root);
+    QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
+    QCOMPARE(stateText(root, alice), QStringLiteral("pending {method=kavet}"));
+    QCOMPARE(authenticate(root, alice, QStringLiteral("failed")), serviceError + QStringLiteral("Busy"));
+    QCOMPARE(authenticate(root, bob, QStringLiteral("failed")), serviceError + QStringLiteral("Busy"));
+    QCOMPARE(root.error(QStringLiteral("RequestChallenge"), {bob, kavetMethod}), serviceError + QStringLiteral("Busy"));
+
+    QVERIFY(TestDevice::writeFile(QStringLiteral("/tmp/scripted-client/go"), {}));
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    QCOMPARE(TestDevice::calls().size(), 1);
+}
+
+void TstAuthd::cancelAndRetry()
+{
+    const BusUser user(alice);
+    const BusUser root(0);
+    Reports reports(user);
+    QCOMPARE(authenticate(user, alice, QStringLiteral("late")), QString());
+    QTRY_COMPARE(TestDevice::calls().size(), 1);
+    QCOMPARE(user.error(QStringLiteral("Cancel"), {alice}), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+
+    // The answer that is still to come must not let anybody else in.
+    QCOMPARE(authenticate(root, bob, QStringLiteral("failed")), serviceError + QStringLiteral("Busy"));
+    // It counts for nothing.
+    QVERIFY(TestDevice::writeFile(QStringLiteral("/tmp/scripted-client/answer"), {}));
+    QVERIFY(m_authd.waitForLog("event=outcome-without-attempt method=kavet outcome=success"));
+    QCOMPARE(stateText(user, alice), QStringLiteral("idle {}"));
+    QVERIFY(!reports.texts.contains(QStringLiteral("Authenticated(1000, kavet)")));
+
+    QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+}
+
+void TstAuthd::nothingToCancel()
+{
+    const BusUser user(alice);
+    QCOMPARE(user.error(QStringLiteral("Cancel"), {alice}), serviceError + QStringLiteral("NoAttempt"));
+    QCOMPARE(BusUser(0).error(QStringLiteral("Cancel"), {uint(4711)}), serviceError + QStringLiteral("NoSuchUser"));
+}
+
+void TstAuthd::dyingClient()
+{
+    TestDevice::setScript({{QStringLiteral("exit"), 1}});
+    const BusUser user(alice);
+    Reports reports(user);
+    QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, challenge, {input-request-type=1")));
+
+    const QString restarted = QStringLiteral("StateChanged(1000, challenge, {method=kavet, restarted=true})");
+    QCOMPARE(reports.texts.count(restarted), 11);
+    QCOMPARE(reports.texts.filter(QStringLiteral("AuthenticationFailed")),
+             QStringList{QStringLiteral("AuthenticationFailed(1000, kavet, 3, CannotStartClient, 1)")});
+    QCOMPARE(TestDevice::launches().size(), 11);
+    QCOMPARE(m_authd.log().count("event=attempt-opened"), 1);
+
+    // The next request has the budget anew.
+    TestDevice::setScript({});
+    QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+}
+
+void TstAuthd::clientEndsAfterwards()
+{
+    const BusUser root(0);
+    Reports reports(root);
+    QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+
+    kill(TestDevice::launches().constLast().value(QLatin1String("pid")).toInt(), SIGKILL);
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, challenge, {method=kavet})")));
+    // The method starts the client again and asks for input, which is nobody's.
+    QVERIFY(m_authd.waitForLog("event=outcome-without-attempt method=kavet outcome=input-request"));
+    QCOMPARE(stateText(root, alice), QStringLiteral("challenge {method=kavet}"));
+    QVERIFY(reports.texts.constLast().startsWith(QStringLiteral("StateChanged(1000, challenge, {method=kavet})")));
+}
+
+void TstAuthd::lockAtTheLimit()
+{
+    const BusUser root(0);
+    const BusUser user(alice);
+    QCOMPARE(root.error(QStringLiteral("SetMethodOption"),
+                        {kavetMethod, QStringLiteral("max-attempts"), QVariant::fromValue(QDBusVariant(1))}),
+             QString());
+    Reports reports(user);
+    QCOMPARE(authenticate(user, alice, QStringLiteral("failed")), QString());
+    const QString locked =
+        QStringLiteral("StateChanged(1000, locked, {duration=4294967295, method=kavet, reason=kavet-max-attempts})");
+    QVERIFY(reports.waitFor(locked));
+    QCOMPARE(reports.texts,
+             (QStringList{QStringLiteral("StateChanged(1000, pending, {method=kavet})"),
+                          QStringLiteral("AuthenticationFailed(1000, kavet, 11, AuthFailed, 1)"), locked}));
+    QVERIFY(m_authd.log().contains("level=warning event=method-event method=kavet level=WARN_LEVEL "
+                                   "name=devlock-attempts-expired"));
+
+    // Also by a daemon that was started since.
+    for (int i = 0; i < 2; ++i) {
+        const QDBusMessage refused =
+            user.call(QStringLiteral("Authenticate"), {alice, kavetMethod, password(QStringLiteral("success"))});
+        QCOMPARE(refused.errorName(), serviceError + QStringLiteral("UserLocked"));
+        QVERIFY(refused.errorMessage().contains(QLatin1String("kavet-max-attempts")));
+        QCOMPARE(user.error(QStringLiteral("RequestChallenge"), {alice, kavetMethod}),
+                 serviceError + QStringLiteral("UserLocked"));
+        QVERIFY(stateText(user, alice).startsWith(QLatin1String("locked {duration=4294967295")));
+        QCOMPARE(stateText(root, bob), QStringLiteral("idle {}"));
+        QCOMPARE(user.error(QStringLiteral("Unlock"), {alice}), accessDenied);
+        QCOMPARE(QFile::permissions(locksFile) & ~(QFile::ReadUser | QFile::WriteUser),
+                 QFile::ReadOwner | QFile::WriteOwner);
+        if (i == 0) {
+            QCOMPARE(m_authd.stop(SIGTERM), 0);
+            QVERIFY(m_authd.start());
+        }
+    }
+    QCOMPARE(TestDevice::calls().size(), 1);
+
+    QCOMPARE(root.error(QStringLiteral("Unlock"), {alice}), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+    QCOMPARE(root.error(QStringLiteral("Unlock"), {alice}), QString());
+    QCOMPARE(root.error(QStringLiteral("Unlock"), {uint(4711)}), serviceError + QStringLiteral("NoSuchUser"));
+    QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+}
+
+void TstAuthd::sessionStop()
+{
+    const BusUser root(0);
+    Reports reports(root);
+    QCOMPARE(authenticate(root, alice, QStringLiteral("late")), QString());
+    QTRY_COMPARE(TestDevice::calls().size(), 1);
+    const pid_t client = TestDevice::launches().constLast().value(QLatin1String("pid")).toInt();
+
+    // What runs for the user is left alone, and so is the attempt.
+    QCOMPARE(root.error(QStringLiteral("SessionStopped"), {alice, false}), QString());
+    QCOMPARE(stateText(root, alice), QStringLiteral("pending {method=kavet}"));
+    QCOMPARE(kill(client, 0), 0);
+
+    QCOMPARE(root.error(QStringLiteral("SessionStopped"), {alice, true}), QString());
+    QTRY_VERIFY(kill(client, 0) != 0);
+    QVERIFY(m_authd.waitForLog("Client has terminated"));
+    QVERIFY(m_authd.waitForLog("event=restart method=kavet uid=0"));
+    // It stays away.
+    QCOMPARE(stateText(root, alice), QStringLiteral("idle {}"));
+    QCOMPARE(TestDevice::launches().size(), 1);
+    QCOMPARE(root.error(QStringLiteral("Cancel"), {alice}), serviceError + QStringLiteral("NoAttempt"));
+}
+
+void TstAuthd::sessionStart()
+{
+    const BusUser root(0);
+    Wiper wiper;
+    QVERIFY(wiper.start());
+    QVERIFY(
+        TestDevice::writeFile(QStringLiteral("/var/lib/authd/users/1000.conf"), "[kavet]\ndelayed-deletion=true\n"));
+    QCOMPARE(root.error(QStringLiteral("SessionStarted"), {alice, false}), QString());
+    QCOMPARE(root.error(QStringLiteral("SessionStarted"), {alice, true}), QString());
+    QTRY_COMPARE(wiper.calls().size(), 1);
+    QCOMPARE(root.error(QStringLiteral("SessionStarted"), {uint(4711), true}),
+             serviceError + QStringLiteral("NoSuchUser"));
+}
+
+void TstAuthd::optionsOfTheMethod()
+{
+    const BusUser user(alice);
+    const BusUser root(0);
+    const auto variant = [](const QVariant &value) {
+        return QVariant::fromValue(QDBusVariant(value));
+    };
+    const auto value = [](const QDBusMessage &reply) {
+        return reportText(reply.arguments().value(0));
+    };
+    const QString maxAttempts = QStringLiteral("max-attempts");
+    Reports reports(user);
+
+    QCOMPARE(value(user.call(QStringLiteral("GetMethodOption"), {kavetMethod, maxAttempts})), QStringLiteral("0"));
+    QCOMPARE(user.error(QStringLiteral("SetMethodOption"), {kavetMethod, maxAttempts, variant(3)}), accessDenied);
+    QCOMPARE(root.error(QStringLiteral("SetMethodOption"), {kavetMethod, maxAttempts, variant(3)}), QString());
+    QCOMPARE(value(user.call(QStringLiteral("GetMethodOption"), {kavetMethod, maxAttempts})), QStringLiteral("3"));
+    QTRY_COMPARE(reports.all.size(), 1);
+    QCOMPARE(reports.all.constFirst().member(), QStringLiteral("MethodOptionChanged"));
+    QCOMPARE(reports.all.constFirst().arguments().mid(0, 2), (QVariantList{kavetMethod, maxAttempts}));
+    QCOMPARE(reportText(reports.all.constFirst().arguments().at(2)), QStringLiteral("3"));
+
+    for (const QVariant &wrong : {QVariant(QStringLiteral("many")), QVariant(3.5), QVariant(true)})
+        QCOMPARE(root.error(QStringLiteral("SetMethodOption"), {kavetMethod, maxAttempts, variant(wrong)}),
+                 invalidArgs);
+    QCOMPARE(
+        root.error(QStringLiteral("SetMethodOption"), {kavetMethod, QStringLiteral("certs"), variant(QStringList{})}),
+        accessDenied);
+    QCOMPARE(root.error(QStringLiteral("SetMethodOption"), {kavetMethod, QStringLiteral("other"), variant(1)}),
+             serviceError + QStringLiteral("NoSuchOption"));
+    QCOMPARE(root.error(QStringLiteral("GetMethodOption"), {kavetMethod, QStringLiteral("attempts")}),
+             serviceError + QStringLiteral("NoSuchOption"));
+
+    QCOMPARE(value(user.call(QStringLiteral("GetUserMethodOptions"), {alice, kavetMethod})),
+             QStringLiteral("{attempts=0, delayed-deletion=false}"));
+    QCOMPARE(value(user.call(QStringLiteral("GetUserMethodOption"), {alice, kavetMethod, QStringLiteral("attempts")})),
+             QStringLiteral("0"));
+    for (const BusUser *writer : {&user, &root})
+        QCOMPARE(writer->error(QStringLiteral("SetUserMethodOption"),
+                               {alice, kavetMethod, QStringLiteral("attempts"), variant(0)}),
+                 accessDenied);
+    QCOMPARE(root.error(QStringLiteral("GetUserMethodOption"), {uint(0), kavetMethod, QStringLiteral("certs")}),
+             serviceError + QStringLiteral("NoSuchUser"));
+    QCOMPARE(root.error(QStringLiteral("GetUserMethodOption"), {uint(4711), kavetMethod, QStringLiteral("attempts")}),
+             serviceError + QStringLiteral("NoSuchUser"));
+    QCOMPARE(root.error(QStringLiteral("GetMethodOptions"), {QStringLiteral("other")}),
+             serviceError + QStringLiteral("NoSuchMethod"));
+}
+
+void TstAuthd::certificateList()
+{
+    TestDevice::setScript(
+        QJsonObject{{QStringLiteral("certs"), QJsonArray{QStringLiteral("one"), QStringLiteral("two")}}});
+    const BusUser user(alice);
+    Reports reports(user);
+    QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    const int calls = TestDevice::calls().size();
+    reports.all.clear();
+
+    // Only a question for the list itself goes to the client.
+    QCOMPARE(user.error(QStringLiteral("GetMethodOption"), {kavetMethod, QStringLiteral("max-attempts")}), QString());
+    const QDBusMessage reply = user.call(QStringLiteral("GetMethodOption"), {kavetMethod, QStringLiteral("certs")});
+    QCOMPARE(reply.arguments().constFirst().value<QDBusVariant>().variant().toStringList(),
+             QStringList{QStringLiteral(".")});
+    QTRY_COMPARE(reports.all.size(), 1);
+    QCOMPARE(reports.all.constFirst().arguments().at(2).value<QDBusVariant>().variant().toStringList(),
+             (QStringList{QStringLiteral("one"), QStringLiteral("two")}));
+    QCOMPARE(TestDevice::calls().size(), calls + 1);
+}
+
+void TstAuthd::access_data()
+{
+    QTest::addColumn<QString>("member");
+    QTest::addColumn<QVariantList>("arguments");
+    QTest::addColumn<bool>("allowedForBob");
+
+    const QVariant value = QVariant::fromValue(QDBusVariant(1));
+    QTest::newRow("RequestChallenge") << "RequestChallenge" << QVariantList{alice, kavetMethod} << false;
+    QTest::newRow("Authenticate") << "Authenticate" << QVariantList{alice, kavetMethod, password({})} << false;
+    QTest::newRow("Cancel") << "Cancel" << QVariantList{alice} << false;
+    QTest::newRow("GetState") << "GetState" << QVariantList{alice} << false;
+    QTest::newRow("Unlock") << "Unlock" << QVariantList{bob} << false;
+    QTest::newRow("SessionStarted") << "SessionStarted" << QVariantList{bob, true} << false;
+    QTest::newRow("SessionStopped") << "SessionStopped" << QVariantList{bob, true} << false;
+    QTest::newRow("SetMethodOption") << "SetMethodOption"
+                                     << QVariantList{kavetMethod, QStringLiteral("max-attempts"), value} << false;
+    QTest::newRow("GetUserMethodOption") << "GetUserMethodOption"
+                                         << QVariantList{alice, kavetMethod, QStringLiteral("attempts")} << false;
+    QTest::newRow("GetUserMethodOptions") << "GetUserMethodOptions" << QVariantList{alice, kavetMethod} << false;
+    QTest::newRow("SetUserMethodOption") << "SetUserMethodOption"
+                                         << QVariantList{alice, kavetMethod, QStringLiteral("attempts"), value}
+                                         << false;
+    QTest::newRow("uid 0") << "GetState" << QVariantList{uint(0)} << false;
+    QTest::newRow("GetMethods") << "GetMethods" << QVariantList{} << true;
+    QTest::newRow("GetMethodInfo") << "GetMethodInfo" << QVariantList{kavetMethod} << true;
+    QTest::newRow("GetMethodOption") << "GetMethodOption" << QVariantList{kavetMethod, QStringLiteral("max-attempts")}
+                                     << true;
+    QTest::newRow("GetMethodOptions") << "GetMethodOptions" << QVariantList{kavetMethod} << true;
+    QTest::newRow("own state") << "GetState" << QVariantList{bob} << true;
+}
+
+void TstAuthd::access()
+{
+    QFETCH(QString, member);
+    QFETCH(QVariantList, arguments);
+    QFETCH(bool, allowedForBob);
+
+    QCOMPARE(BusUser(bob).error(member, arguments), allowedForBob ? QString() : accessDenied);
+    // Root is never refused for who it is, except where the method alone writes.
+    const QString error = BusUser(0).error(member, arguments);
+    QCOMPARE(error == accessDenied, member == QLatin1String("SetUserMethodOption"));
+}
+
+void TstAuthd::garbage()
+{
+    const BusUser user(alice);
+    const QVector<QVariant> values = {
+        QVariant(uint(1000)),
+        QVariant(-1),
+        QVariant(true),
+        QVariant(QString(100000, QLatin1Char('x'))),
+        QVariant(QString()),
+        QVariant(QStringLiteral("kavet")),
+        QVariant(QStringLiteral("\n\t\x01%s%n")),
+        QVariant(QStringList{QStringLiteral("a"), QString()}),
+        QVariant(QByteArray(100, '\0')),
+        QVariant(QVariantMap{{QStringLiteral("password"), QVariantMap{{QString(), QVariantList{1, true}}}}}),
+        QVariant(QVariantMap{{QStringLiteral("cert"), 7}, {QStringLiteral("pin"), QByteArray("x")}}),
+        QVariant(QVariantList{1, QStringLiteral("two"), 3.0}),
+        QVariant::fromValue(QDBusVariant(QVariant::fromValue(QDBusVariant(QVariantMap())))),
+        QVariant::fromValue(QDBusObjectPath(QStringLiteral("/"))),
+        QVariant::fromValue(QDBusSignature(QStringLiteral("a{sv}"))),
+        QVariant(1e308),
+    };
+    const QStringList members = {
+        QStringLiteral("GetMethods"),
+        QStringLiteral("GetMethodInfo"),
+        QStringLiteral("RequestChallenge"),
+        QStringLiteral("Authenticate"),
+        QStringLiteral("Cancel"),
+        QStringLiteral("GetState"),
+        QStringLiteral("Unlock"),
+        QStringLiteral("SessionStarted"),
+        QStringLiteral("SessionStopped"),
+        QStringLiteral("GetMethodOption"),
+        QStringLiteral("GetMethodOptions"),
+        QStringLiteral("SetMethodOption"),
+        QStringLiteral("GetUserMethodOption"),
+        QStringLiteral("GetUserMethodOptions"),
+        QStringLiteral("SetUserMethodOption"),
+        QStringLiteral("Authenticated"),
+        QStringLiteral("StateChanged"),
+        QStringLiteral("deleteLater"),
+    };
+    const QStringList paths = {QStringLiteral("/qarv/AuthService"), QStringLiteral("/qarv"), QStringLiteral("/")};
+    const QStringList interfaces = {QStringLiteral("qarv.AuthService"), QString(),
+                                    QStringLiteral("org.freedesktop.DBus.Properties"),
+                                    QStringLiteral("org.freedesktop.DBus.Introspectable")};
+
+    // Printed, so that a run that fails can be repeated.
+    const uint seed =
+        qEnvironmentVariableIsSet("AUTHD_SEED") ? qEnvironmentVariableIntValue("AUTHD_SEED") : std::random_device()();
+    qInfo("AUTHD_SEED=%u", seed);
+    std::mt19937 random(seed);
+    const auto pick = [&random](const auto &from) {
+        return from.at(int(random() % uint(from.size())));
+    };
+    for (int i = 0; i < 3000; ++i) {
+        const bool plain = random() % 2 != 0;
+        QDBusMessage call =
+            QDBusMessage::createMethodCall(QStringLiteral("qarv.AuthService"), plain ? paths.constFirst() : pick(paths),
+                                           plain ? interfaces.constFirst() : pick(interfaces), pick(members));
+        QVariantList arguments;
+        for (auto count = random() % 5; count > 0; --count)
+            arguments << pick(values);
+        call.setArguments(arguments);
+        user.connection().send(call);
+        // Not more at once than the bus lets wait.
+        if (i % 50 == 0)
+            QCOMPARE(user.error(QStringLiteral("GetMethods")), QString());
+    }
+    QCOMPARE(user.error(QStringLiteral("GetMethods")), QString());
+    QVERIFY(m_authd.isRunning());
+    QCOMPARE(m_authd.log().count("event=ready"), 1);
+    // What an ordinary user sends changes nothing for the others.
+    QCOMPARE(stateText(BusUser(0), bob), QStringLiteral("idle {}"));
+    QVERIFY(!everythingIn(QStringLiteral("/var/lib/authd/methods")).contains("max-attempts"));
+}
+
+void TstAuthd::secretsStayInTheMessage()
+{
+    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("/tmp/scripted-client/go")}});
+    const QByteArray secret = "late-s3cr3t";
+    const BusUser user(alice);
+    Reports reports(user);
+    QCOMPARE(authenticate(user, alice, QString::fromLatin1(secret)), QString());
+    QTRY_COMPARE(TestDevice::launches().size(), 1);
+    QVERIFY(!commandLinesAndEnvironments().contains(secret));
+    QVERIFY(TestDevice::writeFile(QStringLiteral("/tmp/scripted-client/go"), {}));
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, challenge")));
+
+    QCOMPARE(TestDevice::calls().constLast().last().toString(), QString::fromLatin1(secret));
+    QVERIFY(!commandLinesAndEnvironments().contains(secret));
+    QVERIFY(!m_authd.log().contains(secret));
+    QVERIFY(!everythingIn(QStringLiteral("/var/lib/authd")).contains(secret));
+    for (const QString &text : qAsConst(reports.texts))
+        QVERIFY(!text.contains(QString::fromLatin1(secret)));
+    // Nor when what was sent as something else is refused.
+    for (const char *member : {"GetMethodInfo", "GetMethodOptions"})
+        user.error(QLatin1String(member), {QString::fromLatin1(secret)});
+    user.error(QStringLiteral("Authenticate"),
+               {alice, kavetMethod, QVariantMap{{QString::fromLatin1(secret), QVariantMap()}}});
+    QVERIFY(!m_authd.log().contains(secret));
+}
+
+QTEST_GUILESS_MAIN(TstAuthd)
+
+#include "tst_authd.moc"
