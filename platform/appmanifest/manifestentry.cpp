@@ -27,10 +27,9 @@ std::string text(GKeyFile *file, const char *key)
 
 std::vector<std::string> list(GKeyFile *file, const char *key)
 {
-    g_autoptr(GError) error = nullptr;
-    g_auto(GStrv) values = g_key_file_get_string_list(file, GroupName, key, nullptr, &error);
+    g_auto(GStrv) values = g_key_file_get_string_list(file, GroupName, key, nullptr, nullptr);
     std::vector<std::string> result;
-    for (char **value = values; !error && value && *value; ++value)
+    for (char **value = values; value && *value; ++value)
         result.emplace_back(*value);
     return result;
 }

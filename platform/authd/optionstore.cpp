@@ -225,8 +225,7 @@ public:
     {
         gsize groups = 0;
         g_auto(GStrv) names = g_key_file_get_groups(keys(), &groups);
-        const bool done = groups == 0 ? unlink(m_name.constData()) == 0 || errno == ENOENT : replace();
-        if (done && fsync(m_directory) == 0)
+        if (groups == 0 ? removeFile() : replace())
             return true;
         warn("Cannot write");
         return false;
@@ -315,6 +314,8 @@ private:
         qCWarning(authdPlatform) << "Set aside as" << QFile::decodeName(name);
         return true;
     }
+
+    bool removeFile() const { return (unlink(m_name.constData()) == 0 || errno == ENOENT) && fsync(m_directory) == 0; }
 
     bool replace() const
     {

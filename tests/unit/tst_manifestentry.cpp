@@ -7,6 +7,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -189,9 +191,17 @@ void TestManifestEntry::specialFiles()
     QVERIFY(QDir().mkpath(path("directory")));
     QVERIFY(!ManifestEntry::fromFilename(path("directory").toStdString()));
 
-    // A reader that opened it would wait here for a writer.
-    QCOMPARE(mkfifo(QFile::encodeName(path("fifo")).constData(), 0600), 0);
-    QVERIFY(!ManifestEntry::fromFilename(path("fifo").toStdString()));
+    // A reader that opened it would wait here for a writer, or wake one.
+    const QByteArray fifo = QFile::encodeName(path("fifo"));
+    QCOMPARE(mkfifo(fifo.constData(), 0600), 0);
+    const int watch = inotify_init1(IN_NONBLOCK);
+    QVERIFY(inotify_add_watch(watch, fifo.constData(), IN_OPEN) > 0);
+    QVERIFY(!ManifestEntry::fromFilename(fifo.toStdString()));
+    char event[4096];
+    QCOMPARE(::read(watch, event, sizeof event), ssize_t(-1));
+    close(open(fifo.constData(), O_RDONLY | O_NONBLOCK));
+    QVERIFY(::read(watch, event, sizeof event) > 0);
+    close(watch);
 
     QVERIFY(!ManifestEntry::fromFilename("/dev/zero"));
 

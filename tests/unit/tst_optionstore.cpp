@@ -20,6 +20,7 @@
 #include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
 
 using PlatformTest::mode;
@@ -125,6 +126,43 @@ int killAfter(int steps, const std::function<void()> &work)
     return kill(child, SIGKILL) == 0 && waitpid(child, &status, 0) == child && WIFSIGNALED(status) ? 1 : -1;
 }
 
+/// The system calls that change or write out directories and files, of `work` run in a forked child, in their order.
+QStringList callsOf(const std::function<void()> &work)
+{
+    static const QMap<long, QString> names = {
+        {SYS_fsync, QStringLiteral("fsync")},
+#ifdef SYS_mkdir
+        {SYS_mkdir, QStringLiteral("mkdir")},
+        {SYS_rename, QStringLiteral("rename")},
+        {SYS_unlink, QStringLiteral("unlink")},
+#else
+        {SYS_mkdirat, QStringLiteral("mkdir")},
+        {SYS_renameat, QStringLiteral("rename")},
+        {SYS_unlinkat, QStringLiteral("unlink")},
+#endif
+    };
+    const pid_t child = fork();
+    if (child == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+            _exit(1);
+        raise(SIGSTOP);
+        work();
+        _exit(0);
+    }
+    QStringList calls;
+    int status = 0;
+    while (child > 0 && waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
+        ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD);
+        __ptrace_syscall_info info = {};
+        const auto place = reinterpret_cast<void *>(sizeof info);
+        if (ptrace(PTRACE_GET_SYSCALL_INFO, child, place, &info) > 0 && info.op == PTRACE_SYSCALL_INFO_ENTRY
+            && names.contains(long(info.entry.nr)))
+            calls << names.value(long(info.entry.nr));
+        ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+    }
+    return calls;
+}
+
 bool becomeNobody()
 {
     return setresgid(nobody, nobody, nobody) == 0 && setresuid(nobody, nobody, nobody) == 0;
@@ -167,6 +205,7 @@ private Q_SLOTS:
     void danglingDirectory();
     void notWritable();
     void fullDisk();
+    void durable();
     void killedAtEveryStep_data();
     void killedAtEveryStep();
     void killedWriter();
@@ -369,14 +408,16 @@ void TestOptionStore::files()
     QVERIFY(probe.setOptionInternal(alice, number, 1U));
     QVERIFY(other.setOptionInternal(alice, flag, true));
     QVERIFY(probe.setOptionInternal(bob, number, 2));
+    QVERIFY(probe.setOptionInternal(4294967295U, number, 2));
 
     QCOMPARE(readFile(methodFile), QByteArray("[probe]\nlist=['a', 'b']\nnumber=5\n"));
     QCOMPARE(readFile(QStringLiteral("/var/lib/authd/methods/other/current.conf")), QByteArray("[other]\nnumber=6\n"));
     QCOMPARE(readFile(userFile), QByteArray("[probe]\nnumber=uint32 1\n\n[other]\nflag=true\n"));
     QCOMPARE(readFile(QStringLiteral("/var/lib/authd/users/1001.conf")), QByteArray("[probe]\nnumber=2\n"));
     QCOMPARE(entries(store), (QStringList{QStringLiteral("methods"), QStringLiteral("users")}));
-    QCOMPARE(entries(store + QStringLiteral("/users")),
-             (QStringList{QStringLiteral("1000.conf"), QStringLiteral("1001.conf")}));
+    QCOMPARE(
+        entries(store + QStringLiteral("/users")),
+        (QStringList{QStringLiteral("1000.conf"), QStringLiteral("1001.conf"), QStringLiteral("4294967295.conf")}));
     QCOMPARE(entries(store + QStringLiteral("/methods/probe")), QStringList{QStringLiteral("current.conf")});
 }
 
@@ -474,13 +515,15 @@ void TestOptionStore::changedByOthers()
 {
     Handler handler;
     QVERIFY(handler.setOptionInternal(alice, number, 3));
-    QVERIFY(writeFile(userFile, "# by hand\n[probe]\n\nnumber = 4 \nflag=true\n[strange]\nwhat=@as []\n"));
+    QVERIFY(
+        writeFile(userFile, "# by hand\n[probe]\n\nnumber = 4 \nflag=true\nflag[de]=false\n[strange]\nwhat=@as []\n"));
     QCOMPARE(handler.getOptionInternal(alice, number), QVariant(4));
     QCOMPARE(handler.getOptionInternal(alice, flag), QVariant(true));
 
     QVERIFY(handler.setOptionInternal(alice, number, 5));
     const QByteArray content = readFile(userFile);
     QVERIFY(content.startsWith("# by hand\n"));
+    QVERIFY(content.contains("\nflag[de]=false\n"));
     QVERIFY(content.contains("[strange]\nwhat=@as []\n"));
 
     QVERIFY(QFile::remove(userFile));
@@ -755,6 +798,22 @@ void TestOptionStore::fullDisk()
     QCOMPARE(result, 0);
     QCOMPARE(readFile(userFile), before);
     QCOMPARE(entries(store + QStringLiteral("/users")), QStringList{QStringLiteral("1000.conf")});
+}
+
+void TestOptionStore::durable()
+{
+    const QString directory = QStringLiteral("mkdir");
+    const QString sync = QStringLiteral("fsync");
+    const QString replaced = QStringLiteral("rename");
+    // What is written is on the disk before it takes the old one's place, and so is the place before the call returns.
+    QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, 5); }),
+             (QStringList{directory, directory, sync, directory, sync, sync, replaced, sync}));
+    Handler handler;
+    QVERIFY(handler.setOptionInternal(alice, number, 5));
+    QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, 6); }),
+             (QStringList{directory, sync, replaced, sync}));
+    QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, QVariant()); }),
+             (QStringList{QStringLiteral("unlink"), sync}));
 }
 
 void TestOptionStore::killedAtEveryStep_data()
