@@ -271,6 +271,8 @@ void TstClientLink::arguments()
     fixture.d->currentUid = TestDevice::bob;
     fixture.d->checkPassword(QStringLiteral("other"));
     QTRY_COMPARE(fixture.told().size(), 4);
+    fixture.d->validateCert(QStringLiteral("pkcs11:object=b"), QStringLiteral("5678"));
+    QTRY_COMPARE(fixture.told().size(), 5);
 
     const QVector<QJsonArray> expected = {
         {QStringLiteral("checkPassword"), QStringLiteral("alice"), QStringLiteral("pass wörd")},
@@ -278,6 +280,8 @@ void TstClientLink::arguments()
          QStringLiteral("1234")},
         {QStringLiteral("getCertList")},
         {QStringLiteral("checkPassword"), QStringLiteral("bob"), QStringLiteral("other")},
+        {QStringLiteral("validateCert"), QStringLiteral("pkcs11:object=b"), QStringLiteral("bob"),
+         QStringLiteral("5678")},
     };
     QCOMPARE(TestDevice::calls(), expected);
 }
