@@ -616,6 +616,7 @@ void TstMonitoring::unavailable()
     QVERIFY(!d->child.clientRunning);
     QVERIFY(!d->child.socketPresent);
     QVERIFY(!d->connection.isConnected());
+    QVERIFY(!QDBusConnection(QStringLiteral("kavet_p2p_service")).isConnected());
     QVERIFY(proxy);
     QCOMPARE(d->clientInterface.data(), proxy.data());
     QCOMPARE(d->watcher.files(), QStringList());
