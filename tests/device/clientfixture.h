@@ -1,0 +1,216 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include "support/testdevice.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCall>
+#include <QDir>
+#include <QProcess>
+#include <QSettings>
+#include <QTest>
+
+#include <sys/stat.h>
+
+/// The reference client, run as alice without its sandbox, and a peer of it that is root.
+class ClientFixture
+{
+public:
+    static inline const QString program = QStringLiteral(TEST_BINARY_DIR "/bin/tarsk.kavet_client");
+    static inline const QString settingsPath = QStringLiteral("/home/alice/.config/tarsk/kavet_client/client.conf");
+    static inline const QString counterPath = QStringLiteral("/srv/shared/tarsk/kavet_client/1000.conf");
+
+    struct Result
+    {
+        int exitCode;
+        QByteArray output;
+        QByteArray error;
+    };
+
+    QProcess process;
+
+    ~ClientFixture()
+    {
+        QDBusConnection::disconnectFromPeer(m_connection.name());
+        process.kill();
+        process.waitForFinished();
+    }
+
+    /// What the plugin prepares before it launches a client for alice, and no settings.
+    static void prepare()
+    {
+        QDir(QStringLiteral("/home/alice/.config")).removeRecursively();
+        for (const QString &directory : {TestDevice::clientDirectory, TestDevice::sharedDirectory}) {
+            QDir().mkpath(directory);
+            TestDevice::setOwner(directory, TestDevice::alice, TestDevice::groupId("auth-factor"));
+        }
+        setAttempts("0");
+    }
+
+    /// Has a process run a program as a user with that user's home.
+    static void asUser(QProcess &process, const QString &command, const QStringList &arguments,
+                       uint uid = TestDevice::alice)
+    {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("HOME"), uid == TestDevice::alice ? QStringLiteral("/home/alice")
+                                                   : uid == 0               ? QStringLiteral("/root")
+                                                                            : QStringLiteral("/home/bob"));
+        process.setProcessEnvironment(environment);
+        process.setProgram(QStringLiteral("setpriv"));
+        process.setArguments(QStringList{QStringLiteral("--reuid=%1").arg(uid), QStringLiteral("--regid=%1").arg(uid),
+                                         QStringLiteral("--clear-groups"), QStringLiteral("--"), command}
+                             + arguments);
+    }
+
+    /// Runs the client to its end with this on its standard input.
+    static Result run(const QStringList &arguments, const QByteArray &input, uint uid = TestDevice::alice)
+    {
+        QProcess process;
+        asUser(process, program, arguments, uid);
+        process.start();
+        process.write(input);
+        process.closeWriteChannel();
+        if (!process.waitForFinished())
+            return {-1, {}, "does not end"};
+        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1, process.readAllStandardOutput(),
+                process.readAllStandardError()};
+    }
+
+    static bool setPassword(const QString &password)
+    {
+        const Result result = run({QStringLiteral("--set-password")}, password.toUtf8() + '\n');
+        return result.exitCode == 0 && result.output.isEmpty() && result.error.isEmpty();
+    }
+
+    /// Writes a key of the client's settings, as alice would with an editor.
+    static bool setSetting(const QString &key, const QVariant &value)
+    {
+        const QString directory = QFileInfo(settingsPath).path();
+        QDir().mkpath(directory);
+        {
+            QSettings settings(settingsPath, QSettings::NativeFormat);
+            settings.setValue(key, value);
+        }
+        for (QString path = settingsPath; path != QLatin1String("/home/alice"); path = QFileInfo(path).path())
+            TestDevice::setOwner(path, TestDevice::alice, TestDevice::alice);
+        return chmod(QFile::encodeName(settingsPath).constData(), 0600) == 0;
+    }
+
+    /// Writes the count of failed attempts as the plugin does at a launch.
+    static bool setAttempts(const QByteArray &count)
+    {
+        return TestDevice::writeFile(counterPath, "[General]\nattempts=" + count + "\n")
+               && chmod(QFile::encodeName(counterPath).constData(), 0600) == 0
+               && TestDevice::setOwner(counterPath, TestDevice::alice, TestDevice::alice);
+    }
+
+    static int attempts()
+    {
+        // A settings object would take a file of the same size and millisecond for one that it knows.
+        QByteArray content = TestDevice::readFile(counterPath);
+        return content.remove(0, content.indexOf("attempts=") + 9).trimmed().toInt();
+    }
+
+    /// Starts the client, waits for its socket and connects.
+    bool start(const QStringList &environment = {})
+    {
+        struct stat before = {};
+        stat(QFile::encodeName(TestDevice::socketPath).constData(), &before);
+        asUser(process, program, {QStringLiteral("--no-gui")});
+        QProcessEnvironment variables = process.processEnvironment();
+        for (const QString &variable : environment)
+            variables.insert(variable.section(QLatin1Char('='), 0, 0), variable.section(QLatin1Char('='), 1));
+        process.setProcessEnvironment(variables);
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start();
+        return QTest::qWaitFor([this, before] {
+                   struct stat now = {};
+                   return process.state() == QProcess::Running
+                          && stat(QFile::encodeName(TestDevice::socketPath).constData(), &now) == 0
+                          && S_ISSOCK(now.st_mode) && now.st_ino != before.st_ino;
+               })
+               && reconnect();
+    }
+
+    bool reconnect()
+    {
+        static int count = 0;
+        QDBusConnection::disconnectFromPeer(m_connection.name());
+        m_connection = QDBusConnection::connectToPeer(QStringLiteral("unix:path=") + TestDevice::socketPath,
+                                                      QStringLiteral("test-%1").arg(++count));
+        return m_connection.isConnected();
+    }
+
+    QDBusMessage call(const QDBusMessage &message) const { return m_connection.call(message); }
+
+    /// Calls a method of the protocol; the reply, an error's name, or "(...)" for any other reply.
+    QString ask(const QString &method, const QVariantList &arguments) const
+    {
+        const QDBusMessage reply = call(request(method, arguments));
+        if (reply.type() == QDBusMessage::ErrorMessage)
+            return reply.errorName();
+        return reply.signature() == QLatin1String("s") ? reply.arguments().constFirst().toString()
+                                                       : QLatin1Char('(') + reply.signature() + QLatin1Char(')');
+    }
+
+    QString checkPassword(const QString &password, const QString &user = QStringLiteral("alice")) const
+    {
+        return ask(QStringLiteral("checkPassword"), {user, password});
+    }
+
+    QString validateCert(const QString &cert, const QString &pin, const QString &user = QStringLiteral("alice")) const
+    {
+        return ask(QStringLiteral("validateCert"), {cert, user, pin});
+    }
+
+    /// The list, or one entry with an error's name.
+    QStringList certList() const
+    {
+        const QDBusMessage reply = call(request(QStringLiteral("getCertList"), {}));
+        return reply.signature() == QLatin1String("as") ? reply.arguments().constFirst().toStringList()
+                                                        : QStringList{reply.errorName()};
+    }
+
+    static QDBusMessage request(const QString &method, const QVariantList &arguments)
+    {
+        QDBusMessage message = QDBusMessage::createMethodCall(QString(), QStringLiteral("/kavetauth"),
+                                                              QStringLiteral("tarsk.kavet_auth"), method);
+        message.setArguments(arguments);
+        return message;
+    }
+
+    QDBusConnection &connection() { return m_connection; }
+
+    /// Has the client check a password for somebody who no longer waits for the answer.
+    void sendAndVanish(const QString &password)
+    {
+        m_connection.asyncCall(request(QStringLiteral("checkPassword"), {QStringLiteral("alice"), password}));
+        QDBusConnection::disconnectFromPeer(m_connection.name());
+    }
+
+    /// Number of file descriptors that the client has open.
+    int openDescriptors() const
+    {
+        return int(QDir(QStringLiteral("/proc/%1/fd").arg(process.processId()))
+                       .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
+                       .size());
+    }
+
+    /// What the client has printed so far.
+    QByteArray output()
+    {
+        m_output += process.readAll();
+        return m_output;
+    }
+
+private:
+    QDBusConnection m_connection{QString()};
+    QByteArray m_output;
+
+    Q_DISABLE_COPY(ClientFixture)
+
+public:
+    ClientFixture() = default;
+};

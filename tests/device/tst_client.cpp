@@ -1,0 +1,792 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/clientfixture.h"
+#include "support/logcapture.h"
+#include "unit/methodfixture.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <csignal>
+#include <memory>
+#include <vector>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+const QString right = QStringLiteral("correct horse, 52 µg");
+const QString wrong = QStringLiteral("incorrect horse");
+
+const QString success = QStringLiteral("success");
+const QString failed = QStringLiteral("failed");
+const QString lock = QStringLiteral("lock");
+const QString removal = QStringLiteral("remove");
+const QString noToken = QStringLiteral("nousb");
+const QString wrongAuthType = QStringLiteral("errauthtype");
+
+/// A connection to the client's socket that speaks no D-Bus; closed at the end of its life.
+class RawConnection
+{
+public:
+    RawConnection()
+        : m_descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        struct sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        const QByteArray path = QFile::encodeName(TestDevice::socketPath);
+        memcpy(address.sun_path, path.constData(), size_t(path.size()));
+        m_connected = connect(m_descriptor, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) == 0;
+    }
+    ~RawConnection() { close(m_descriptor); }
+
+    bool isConnected() const { return m_connected; }
+    void send(const QByteArray &bytes) const
+    {
+        ::send(m_descriptor, bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL);
+    }
+
+private:
+    const int m_descriptor;
+    bool m_connected;
+
+    Q_DISABLE_COPY(RawConnection)
+};
+
+uint mode(const QString &path)
+{
+    struct stat status = {};
+    return lstat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_mode & 07777U : 0;
+}
+
+uint owner(const QString &path)
+{
+    return QFileInfo(path).ownerId();
+}
+
+/// Whether the writable memory of a process holds these bytes.
+bool memoryHolds(qint64 pid, const QByteArray &bytes)
+{
+    QFile maps(QStringLiteral("/proc/%1/maps").arg(pid));
+    QFile memory(QStringLiteral("/proc/%1/mem").arg(pid));
+    if (!maps.open(QIODevice::ReadOnly) || !memory.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        qFatal("Cannot read the memory of process %lld", pid);
+    const QList<QByteArray> lines = maps.readAll().split('\n');
+    for (const QByteArray &line : lines) {
+        const QList<QByteArray> range = line.left(line.indexOf(' ')).split('-');
+        if (!line.contains(" rw") || range.size() != 2)
+            continue;
+        const qint64 begin = range.at(0).toLongLong(nullptr, 16);
+        if (memory.seek(begin) && memory.read(range.at(1).toLongLong(nullptr, 16) - begin).contains(bytes))
+            return true;
+    }
+    return false;
+}
+
+QByteArray utf16(const QString &text)
+{
+    return QByteArray(reinterpret_cast<const char *>(text.utf16()), text.size() * int(sizeof(QChar)));
+}
+
+/// All that alice has written below a directory.
+QByteArray everythingIn(const QString &directory)
+{
+    QByteArray content;
+    const QFileInfoList entries =
+        QDir(directory).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    for (const QFileInfo &entry : entries) {
+        if (entry.ownerId() == TestDevice::alice)
+            content += entry.filePath().toUtf8();
+        if (entry.ownerId() == TestDevice::alice && entry.isFile())
+            content += TestDevice::readFile(entry.filePath());
+        else if (entry.isDir() && !entry.isSymLink())
+            content += everythingIn(entry.filePath());
+    }
+    return content;
+}
+
+} // namespace
+
+class TstClient : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+
+    void commandLine_data();
+    void commandLine();
+    void refusesRoot_data();
+    void refusesRoot();
+
+    void setPassword();
+    void setPasswordRefuses_data();
+    void setPasswordRefuses();
+    void setPasswordOnTerminal_data();
+    void setPasswordOnTerminal();
+    void changePassword();
+
+    void socket();
+    void socketInTheWay();
+    void socketCannotBeMade();
+    void removesSocket_data();
+    void removesSocket();
+    void leavesAnothersSocket();
+    void onlyRootAndItsUser();
+
+    void answers();
+    void anotherUser_data();
+    void anotherUser();
+    void noPassword();
+    void authType_data();
+    void authType();
+    void limits_data();
+    void limits();
+    void lockedForTheRightPasswordToo();
+    void damagedCounter_data();
+    void damagedCounter();
+    void counterFileStaysTheUsers();
+    void counterCannotBeStored();
+
+    void badCalls_data();
+    void badCalls();
+    void hugePassword();
+    void connections();
+    void tooManyConnections();
+    void peersThatVanish();
+
+    void noDump();
+    void noSecrets();
+    void methodAuthenticates();
+};
+
+void TstClient::init()
+{
+    TestDevice::reset();
+    ClientFixture::prepare();
+}
+
+void TstClient::commandLine_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("output");
+    QTest::addColumn<QString>("error");
+
+    const QString prefix = QStringLiteral("tarsk.kavet_client: ");
+    QTest::newRow("help") << QStringList{QStringLiteral("--help")} << 0 << QStringLiteral("--set-password")
+                          << QString();
+    QTest::newRow("version") << QStringList{QStringLiteral("--version")} << 0 << QStringLiteral("tarsk.kavet_client 0")
+                             << QString();
+    QTest::newRow("unknown option") << QStringList{QStringLiteral("--nonsense")} << 2 << QString()
+                                    << QString(prefix + QStringLiteral("Unknown option 'nonsense'.\n"));
+    QTest::newRow("argument") << QStringList{QStringLiteral("secret")} << 2 << QString()
+                              << QString(prefix + QStringLiteral("Unexpected argument\n"));
+}
+
+void TstClient::commandLine()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(QString, output);
+    QFETCH(QString, error);
+
+    const ClientFixture::Result result = ClientFixture::run(arguments, {});
+    QCOMPARE(result.exitCode, exitCode);
+    QCOMPARE(QString::fromUtf8(result.error), error);
+    QVERIFY(output.isEmpty() ? result.output.isEmpty() : result.output.contains(output.toUtf8()));
+    QVERIFY(!QFileInfo::exists(TestDevice::socketPath));
+}
+
+void TstClient::refusesRoot_data()
+{
+    QTest::addColumn<QString>("option");
+    QTest::newRow("serve") << QStringLiteral("--no-gui");
+    QTest::newRow("set password") << QStringLiteral("--set-password");
+}
+
+void TstClient::refusesRoot()
+{
+    QFETCH(QString, option);
+    const ClientFixture::Result result = ClientFixture::run({option}, "password\n", 0);
+    QCOMPARE(result.exitCode, 3);
+    QCOMPARE(result.error, QByteArray("tarsk.kavet_client: Run this as the user to authenticate, never as root\n"));
+    QVERIFY(!QFileInfo::exists(TestDevice::socketPath));
+    QVERIFY(!QFileInfo::exists(QStringLiteral("/root/.config/tarsk")));
+}
+
+void TstClient::setPassword()
+{
+    QVERIFY(!QFileInfo::exists(ClientFixture::settingsPath));
+    QVERIFY(ClientFixture::setPassword(right));
+
+    QCOMPARE(mode(ClientFixture::settingsPath), 0600U);
+    QCOMPARE(owner(ClientFixture::settingsPath), TestDevice::alice);
+    // The system's preferred method.
+    QVERIFY(TestDevice::readFile(ClientFixture::settingsPath).contains("password-hash=$y$"));
+
+    // Another time the same password has another salt.
+    const QByteArray before = TestDevice::readFile(ClientFixture::settingsPath);
+    QVERIFY(ClientFixture::setPassword(right));
+    QVERIFY(TestDevice::readFile(ClientFixture::settingsPath) != before);
+}
+
+void TstClient::setPasswordRefuses_data()
+{
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<QByteArray>("message");
+
+    const QByteArray wrongLength("A password has 1 to 511 bytes; nothing was changed\n");
+    QTest::newRow("nothing") << QByteArray() << wrongLength;
+    QTest::newRow("empty line") << QByteArray("\n") << wrongLength;
+    QTest::newRow("too long for the hash") << QByteArray(512, 'a') << wrongLength;
+    QTest::newRow("zero byte") << QByteArray("pass\0word\n", 10) << wrongLength;
+    QTest::newRow("endless line") << QByteArray(100000, 'a')
+                                  << QByteArray("Cannot read a password from standard input\n");
+}
+
+void TstClient::setPasswordRefuses()
+{
+    QFETCH(QByteArray, input);
+    QFETCH(QByteArray, message);
+
+    QVERIFY(ClientFixture::setPassword(right));
+    const QByteArray before = TestDevice::readFile(ClientFixture::settingsPath);
+    const ClientFixture::Result result = ClientFixture::run({QStringLiteral("--set-password")}, input);
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.error, QByteArray("tarsk.kavet_client: " + message));
+    QCOMPARE(TestDevice::readFile(ClientFixture::settingsPath), before);
+}
+
+void TstClient::setPasswordOnTerminal_data()
+{
+    QTest::addColumn<QByteArray>("first");
+    QTest::addColumn<QByteArray>("second");
+    QTest::addColumn<bool>("stored");
+
+    QTest::newRow("the same twice") << QByteArray("open sesame") << QByteArray("open sesame") << true;
+    QTest::newRow("mistyped") << QByteArray("open sesame") << QByteArray("open barley") << false;
+}
+
+void TstClient::setPasswordOnTerminal()
+{
+    QFETCH(QByteArray, first);
+    QFETCH(QByteArray, second);
+    QFETCH(bool, stored);
+
+    // script(1) gives the client a terminal and shows what appears on it.
+    QProcess terminal;
+    ClientFixture::asUser(terminal, QStringLiteral("script"),
+                          {QStringLiteral("--quiet"), QStringLiteral("--return"), QStringLiteral("--command"),
+                           QString(ClientFixture::program + QStringLiteral(" --set-password")),
+                           QStringLiteral("/dev/null")});
+    QByteArray shown;
+    const auto shows = [&](const QByteArray &text) {
+        return QTest::qWaitFor([&] {
+            shown += terminal.readAllStandardOutput();
+            return shown.contains(text);
+        });
+    };
+    terminal.start();
+    QVERIFY(shows("New password: "));
+    terminal.write(first + '\n');
+    QVERIFY(shows("The same again: "));
+    terminal.write(second + '\n');
+    QVERIFY(terminal.state() == QProcess::NotRunning || terminal.waitForFinished());
+    shown += terminal.readAllStandardOutput();
+
+    QCOMPARE(terminal.exitCode(), stored ? 0 : 1);
+    QCOMPARE(shown.contains("The two differ; nothing was changed"), !stored);
+    QVERIFY2(!shown.contains("open"), shown.constData());
+    QCOMPARE(QFileInfo::exists(ClientFixture::settingsPath), stored);
+    if (stored) {
+        ClientFixture client;
+        QVERIFY(client.start());
+        QCOMPARE(client.checkPassword(QString::fromLatin1(first)), success);
+    }
+}
+
+void TstClient::changePassword()
+{
+    QVERIFY(ClientFixture::setSetting(QStringLiteral("lock-after"), QStringLiteral("7")));
+    QVERIFY(ClientFixture::setPassword(wrong));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(wrong), success);
+
+    // The running client takes the new one at once, and the other settings stay.
+    QVERIFY(ClientFixture::setPassword(right));
+    QCOMPARE(client.checkPassword(right), success);
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QVERIFY(TestDevice::readFile(ClientFixture::settingsPath).contains("lock-after=7\n"));
+}
+
+void TstClient::socket()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(mode(TestDevice::socketPath), 0600U);
+    QCOMPARE(owner(TestDevice::socketPath), TestDevice::alice);
+    QCOMPARE(QDir(TestDevice::clientDirectory).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot),
+             QStringList{QStringLiteral("kavet.socket")});
+}
+
+void TstClient::socketInTheWay()
+{
+    QVERIFY(TestDevice::writeFile(TestDevice::socketPath, "left over"));
+    QVERIFY(TestDevice::writeFile(TestDevice::socketPath + QStringLiteral(".new"), "left over"));
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+}
+
+void TstClient::socketCannotBeMade()
+{
+    QVERIFY(TestDevice::setOwner(TestDevice::clientDirectory, 0, 0));
+    const ClientFixture::Result result = ClientFixture::run({QStringLiteral("--no-gui")}, {});
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.error.startsWith("tarsk.kavet_client: Cannot open the socket: "), result.error.constData());
+}
+
+void TstClient::removesSocket_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::newRow("terminate") << SIGTERM;
+    QTest::newRow("interrupt") << SIGINT;
+    QTest::newRow("hang up") << SIGHUP;
+}
+
+void TstClient::removesSocket()
+{
+    QFETCH(int, signal);
+    ClientFixture client;
+    QVERIFY(client.start());
+    QVERIFY(QFileInfo::exists(TestDevice::socketPath));
+    kill(pid_t(client.process.processId()), signal);
+    QVERIFY(client.process.waitForFinished());
+    QCOMPARE(client.process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(client.process.exitCode(), 0);
+    QVERIFY(QDir(TestDevice::clientDirectory).isEmpty(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot));
+}
+
+void TstClient::leavesAnothersSocket()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture first;
+    QVERIFY(first.start());
+    ClientFixture second;
+    QVERIFY(second.start());
+    first.process.terminate();
+    QVERIFY(first.process.waitForFinished());
+    QVERIFY(QFileInfo::exists(TestDevice::socketPath));
+    QCOMPARE(second.checkPassword(right), success);
+}
+
+void TstClient::onlyRootAndItsUser()
+{
+    const QStringList call = {QStringLiteral("--print-reply"),
+                              QString(QStringLiteral("--peer=unix:path=") + TestDevice::socketPath),
+                              QStringLiteral("/kavetauth"), QStringLiteral("tarsk.kavet_auth.getCertList")};
+    const auto reaches = [&call](uint uid) {
+        QProcess process;
+        ClientFixture::asUser(process, QStringLiteral("dbus-send"), call, uid);
+        process.start();
+        return process.waitForFinished() && process.exitCode() == 0;
+    };
+
+    ClientFixture client;
+    QVERIFY(client.start());
+    QVERIFY(reaches(0));
+    QVERIFY(reaches(TestDevice::alice));
+    QVERIFY(!reaches(TestDevice::bob));
+    // Not by the socket's mode alone.
+    chmod(QFile::encodeName(TestDevice::socketPath).constData(), 0666);
+    QVERIFY(!reaches(TestDevice::bob));
+    QVERIFY(reaches(TestDevice::alice));
+}
+
+void TstClient::answers()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QCOMPARE(ClientFixture::attempts(), 1);
+    QCOMPARE(client.checkPassword({}), failed);
+    QCOMPARE(ClientFixture::attempts(), 2);
+    QCOMPARE(client.checkPassword(right + QStringLiteral(" ")), failed);
+    QCOMPARE(ClientFixture::attempts(), 3);
+    QCOMPARE(client.checkPassword(right), success);
+    QCOMPARE(ClientFixture::attempts(), 0);
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), QStringLiteral("1234")), noToken);
+    QCOMPARE(ClientFixture::attempts(), 0);
+    QCOMPARE(client.certList(), QStringList());
+}
+
+void TstClient::anotherUser_data()
+{
+    QTest::addColumn<QString>("user");
+    QTest::newRow("another user") << QStringLiteral("bob");
+    QTest::newRow("root") << QStringLiteral("root");
+    QTest::newRow("nobody's name") << QStringLiteral("mallory");
+    QTest::newRow("other case") << QStringLiteral("Alice");
+    QTest::newRow("no name") << QString();
+}
+
+void TstClient::anotherUser()
+{
+    QFETCH(QString, user);
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right, user), failed);
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), QStringLiteral("1234"), user), failed);
+    // Nothing that alice did.
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClient::noPassword()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), wrongAuthType);
+    QCOMPARE(client.checkPassword({}), wrongAuthType);
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClient::authType_data()
+{
+    QTest::addColumn<QString>("type");
+    QTest::addColumn<QString>("passwordAnswer");
+    QTest::addColumn<QString>("certAnswer");
+    QTest::newRow("any") << QStringLiteral("any") << success << noToken;
+    QTest::newRow("password") << QStringLiteral("password") << success << wrongAuthType;
+    QTest::newRow("certificate") << QStringLiteral("cert") << wrongAuthType << noToken;
+    QTest::newRow("nonsense") << QStringLiteral("retina") << success << noToken;
+}
+
+void TstClient::authType()
+{
+    QFETCH(QString, type);
+    QFETCH(QString, passwordAnswer);
+    QFETCH(QString, certAnswer);
+    QVERIFY(ClientFixture::setPassword(right));
+    QVERIFY(ClientFixture::setSetting(QStringLiteral("auth-type"), type));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), passwordAnswer);
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), QStringLiteral("1234")), certAnswer);
+}
+
+void TstClient::limits_data()
+{
+    QTest::addColumn<QString>("lockAfter");
+    QTest::addColumn<QString>("removeAfter");
+    QTest::addColumn<QStringList>("expected");
+
+    const QStringList stock = {failed, failed, failed, failed, lock, lock, lock, lock, lock, removal, removal};
+    QTest::newRow("stock") << QString() << QString() << stock;
+    QTest::newRow("own") << QStringLiteral("2") << QStringLiteral("4")
+                         << QStringList{failed, lock, lock, removal, removal};
+    QTest::newRow("the same") << QStringLiteral("2") << QStringLiteral("2") << QStringList{failed, removal};
+    QTest::newRow("removal first") << QStringLiteral("3") << QStringLiteral("2")
+                                   << QStringList{failed, removal, removal, removal};
+    QTest::newRow("never locked") << QStringLiteral("0") << QStringLiteral("3") << QStringList{failed, failed, removal};
+    QTest::newRow("never removed") << QStringLiteral("1") << QStringLiteral("0") << QStringList{lock, lock, lock};
+    QTest::newRow("no limits") << QStringLiteral("0") << QStringLiteral("0")
+                               << QStringList{failed, failed, failed, failed, failed, failed,
+                                              failed, failed, failed, failed, failed};
+    QTest::newRow("nonsense") << QStringLiteral("many") << QStringLiteral("-1") << stock;
+}
+
+void TstClient::limits()
+{
+    QFETCH(QString, lockAfter);
+    QFETCH(QString, removeAfter);
+    QFETCH(QStringList, expected);
+
+    QVERIFY(ClientFixture::setPassword(right));
+    if (!lockAfter.isNull())
+        QVERIFY(ClientFixture::setSetting(QStringLiteral("lock-after"), lockAfter));
+    if (!removeAfter.isNull())
+        QVERIFY(ClientFixture::setSetting(QStringLiteral("remove-after"), removeAfter));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QStringList answers;
+    for (int i = 1; i <= expected.size(); ++i) {
+        answers << client.checkPassword(wrong);
+        QCOMPARE(ClientFixture::attempts(), i);
+    }
+    QCOMPARE(answers, expected);
+}
+
+void TstClient::lockedForTheRightPasswordToo()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    QVERIFY(ClientFixture::setAttempts("5"));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), lock);
+    QCOMPARE(ClientFixture::attempts(), 6);
+    QVERIFY(ClientFixture::setAttempts("10"));
+    QCOMPARE(client.checkPassword(right), removal);
+    QCOMPARE(ClientFixture::attempts(), 11);
+    // The daemon starts the count anew.
+    QVERIFY(ClientFixture::setAttempts("4"));
+    QCOMPARE(client.checkPassword(right), success);
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClient::damagedCounter_data()
+{
+    QTest::addColumn<QByteArray>("count");
+    QTest::addColumn<QString>("answer");
+    QTest::addColumn<int>("after");
+    QTest::newRow("not a number") << QByteArray("many") << failed << 1;
+    QTest::newRow("empty") << QByteArray() << failed << 1;
+    QTest::newRow("negative") << QByteArray("-5") << failed << 1;
+    QTest::newRow("largest") << QByteArray("2147483647") << removal << 2147483647;
+}
+
+void TstClient::damagedCounter()
+{
+    QFETCH(QByteArray, count);
+    QFETCH(QString, answer);
+    QFETCH(int, after);
+    QVERIFY(ClientFixture::setPassword(right));
+    QVERIFY(ClientFixture::setAttempts(count));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(wrong), answer);
+    QCOMPARE(ClientFixture::attempts(), after);
+}
+
+void TstClient::counterFileStaysTheUsers()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QVERIFY(TestDevice::writeFile(ClientFixture::counterPath, "[General]\nother=kept\nattempts=1\n"));
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QCOMPARE(mode(ClientFixture::counterPath), 0600U);
+    QCOMPARE(owner(ClientFixture::counterPath), TestDevice::alice);
+    QVERIFY(TestDevice::readFile(ClientFixture::counterPath).contains("other=kept"));
+
+    // Without one, it makes one that nobody else reads.
+    QVERIFY(QFile::remove(ClientFixture::counterPath));
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QCOMPARE(ClientFixture::attempts(), 1);
+    QCOMPARE(mode(ClientFixture::counterPath), 0600U);
+}
+
+void TstClient::counterCannotBeStored()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    QVERIFY(TestDevice::setOwner(TestDevice::sharedDirectory, 0, 0));
+    QVERIFY(QFile::remove(ClientFixture::counterPath));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QTRY_COMPARE(client.output(), QByteArray("tarsk.kavet_client: Cannot store the number of failed attempts in "
+                                             "/srv/shared/tarsk/kavet_client/1000.conf\n"));
+    QCOMPARE(client.checkPassword(right), success);
+}
+
+void TstClient::badCalls_data()
+{
+    QTest::addColumn<QDBusMessage>("call");
+    QTest::addColumn<QString>("error");
+
+    const auto call = [](const char *path, const char *interface, const char *method, const QVariantList &arguments) {
+        QDBusMessage message = QDBusMessage::createMethodCall(QString(), QLatin1String(path), QLatin1String(interface),
+                                                              QLatin1String(method));
+        message.setArguments(arguments);
+        return message;
+    };
+    const QString unknownMethod = QStringLiteral("org.freedesktop.DBus.Error.UnknownMethod");
+    QTest::newRow("unknown method") << call("/kavetauth", "tarsk.kavet_auth", "openDoor", {}) << unknownMethod;
+    QTest::newRow("no arguments") << call("/kavetauth", "tarsk.kavet_auth", "checkPassword", {}) << unknownMethod;
+    QTest::newRow("one argument") << call("/kavetauth", "tarsk.kavet_auth", "checkPassword", {wrong}) << unknownMethod;
+    QTest::newRow("numbers") << call("/kavetauth", "tarsk.kavet_auth", "checkPassword", {1, 2}) << unknownMethod;
+    QTest::newRow("lists") << call("/kavetauth", "tarsk.kavet_auth", "validateCert",
+                                   {QStringList{wrong}, QStringList{}, QStringList{}})
+                           << unknownMethod;
+    QTest::newRow("superfluous argument")
+        << call("/kavetauth", "tarsk.kavet_auth", "getCertList", {wrong}) << unknownMethod;
+    QTest::newRow("unknown interface") << call("/kavetauth", "tarsk.other", "checkPassword",
+                                               {QStringLiteral("alice"), wrong})
+                                       << QStringLiteral("org.freedesktop.DBus.Error.UnknownInterface");
+    QTest::newRow("unknown object") << call("/elsewhere", "tarsk.kavet_auth", "checkPassword",
+                                            {QStringLiteral("alice"), wrong})
+                                    << QStringLiteral("org.freedesktop.DBus.Error.UnknownObject");
+}
+
+void TstClient::badCalls()
+{
+    QFETCH(QDBusMessage, call);
+    QFETCH(QString, error);
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    const QDBusMessage reply = client.call(call);
+    QCOMPARE(reply.type(), QDBusMessage::ErrorMessage);
+    QCOMPARE(reply.errorName(), error);
+    QCOMPARE(ClientFixture::attempts(), 0);
+    QCOMPARE(client.checkPassword(right), success);
+}
+
+void TstClient::hugePassword()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    const QString huge(20 * 1000 * 1000, QLatin1Char('a'));
+    QCOMPARE(client.checkPassword(huge), failed);
+    QCOMPARE(client.checkPassword(right, huge), failed);
+    QCOMPARE(client.validateCert(huge, huge), noToken);
+    QCOMPARE(client.checkPassword(right), success);
+}
+
+void TstClient::connections()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const int descriptors = client.openDescriptors();
+    for (int i = 0; i < 2000; ++i) {
+        const RawConnection connection;
+        QVERIFY(connection.isConnected());
+        if (i % 2)
+            connection.send("No D-Bus at all\r\n");
+    }
+    QCOMPARE(client.checkPassword(right), success);
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+}
+
+void TstClient::tooManyConnections()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const int descriptors = client.openDescriptors();
+    {
+        std::vector<std::unique_ptr<RawConnection>> crowd;
+        for (int i = 0; i < 2000; ++i) {
+            crowd.push_back(std::make_unique<RawConnection>());
+            QVERIFY(crowd.back()->isConnected());
+        }
+        // Whoever came before is served all the same.
+        QCOMPARE(client.checkPassword(right), success);
+        QTRY_VERIFY(client.openDescriptors() < 512);
+    }
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+    client.reconnect();
+    QCOMPARE(client.checkPassword(right), success);
+}
+
+void TstClient::peersThatVanish()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const int descriptors = client.openDescriptors();
+    for (int i = 0; i < 20; ++i) {
+        client.sendAndVanish(right);
+        client.reconnect();
+    }
+    QCOMPARE(client.checkPassword(right), success);
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+}
+
+void TstClient::noDump()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    // The system gives the entries of such a process to root, and so not even its own user looks into it.
+    QCOMPARE(owner(QStringLiteral("/proc/%1/mem").arg(client.process.processId())), 0U);
+    QProcess spy;
+    ClientFixture::asUser(spy, QStringLiteral("cat"),
+                          {QStringLiteral("/proc/%1/environ").arg(client.process.processId())});
+    spy.start();
+    QVERIFY(spy.waitForFinished());
+    QVERIFY(spy.exitCode() != 0);
+}
+
+void TstClient::noSecrets()
+{
+    const QString nobodysPin = QStringLiteral("27182818");
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QCOMPARE(client.checkPassword(right), success);
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), nobodysPin), noToken);
+
+    const QString proc = QStringLiteral("/proc/%1/").arg(client.process.processId());
+    const QByteArray open = TestDevice::readFile(proc + QStringLiteral("cmdline"))
+                            + TestDevice::readFile(proc + QStringLiteral("environ")) + client.output()
+                            + everythingIn(QStringLiteral("/home/alice")) + everythingIn(QStringLiteral("/srv/shared"))
+                            + everythingIn(QStringLiteral("/tmp"));
+    QVERIFY(open.contains("password-hash"));
+    for (const QString &secret : {right, wrong, nobodysPin}) {
+        QVERIFY2(!open.contains(secret.toUtf8()), qPrintable(secret));
+        QVERIFY2(!memoryHolds(client.process.processId(), utf16(secret)), qPrintable(secret));
+    }
+    // The search finds what there is.
+    QVERIFY(memoryHolds(client.process.processId(), utf16(QStringLiteral("errauthtype")))
+            || memoryHolds(client.process.processId(), "tarsk.kavet_auth"));
+}
+
+void TstClient::methodAuthenticates()
+{
+    const auto failedWith = [](SettingsKavet::ResultCode code) {
+        return RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, code);
+    };
+    // In the launcher's place, and without a sandbox.
+    QVERIFY(QFile::remove(TestDevice::launcher));
+    QVERIFY(TestDevice::writeFile(TestDevice::launcher, "#!/bin/bash\nexec \"${@: -2:1}\" \"${@: -1}\"\n"));
+    chmod(QFile::encodeName(TestDevice::launcher).constData(), 0755);
+    QFile::remove(QStringLiteral("/usr/bin/tarsk.kavet_client"));
+    QVERIFY(QFile::link(ClientFixture::program, QStringLiteral("/usr/bin/tarsk.kavet_client")));
+    QVERIFY(ClientFixture::setPassword(right));
+
+    MethodFixture fixture;
+    QStringList told;
+    const auto authenticate = [&fixture](const QString &password) {
+        fixture.daemon.calls.clear();
+        fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(password));
+        return QTest::qWaitFor([&fixture] { return !fixture.daemon.outcomes().isEmpty(); })
+                   ? fixture.daemon.outcomes().constFirst()
+                   : RecordingDaemon::Call{QStringLiteral("nothing"), {}};
+    };
+    const auto attempts = [&fixture] {
+        return fixture.method.getOptionInternal(TestDevice::alice, QStringLiteral("attempts")).toInt();
+    };
+    QCOMPARE(authenticate(right), RecordingDaemon::succeeded());
+    QCOMPARE(authenticate(wrong), failedWith(SettingsKavet::AuthFailed));
+    QTRY_COMPARE(attempts(), 1);
+    QCOMPARE(authenticate(wrong), failedWith(SettingsKavet::AuthFailed));
+    QTRY_COMPARE(attempts(), 2);
+    QCOMPARE(authenticate(right), RecordingDaemon::succeeded());
+    QTRY_COMPARE(attempts(), 0);
+    for (int i = 0; i < 4; ++i)
+        QCOMPARE(authenticate(wrong), failedWith(SettingsKavet::AuthFailed));
+    QCOMPARE(authenticate(wrong), failedWith(SettingsKavet::UserLocked));
+    QCOMPARE(authenticate(right), failedWith(SettingsKavet::UserLocked));
+    QTRY_COMPARE(attempts(), 6);
+    fixture.d->currentUid = 0; // Else the client would be started again.
+    fixture.d->child.terminate();
+    fixture.d->child.waitForFinished();
+    QVERIFY(!QFileInfo::exists(TestDevice::socketPath));
+}
+
+QTEST_GUILESS_MAIN(TstClient)
+#include "tst_client.moc"
