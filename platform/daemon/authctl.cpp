@@ -190,6 +190,8 @@ private:
         }
     }
 
+    int gone() { return fail(Unreachable, QStringLiteral("The authentication service has gone")); }
+
     QJsonObject about(uint uid)
     {
         return {{QStringLiteral("uid"), qint64(uid)}, {QStringLiteral("user"), LibAuthd::userName(uid)}};
@@ -284,7 +286,10 @@ private:
     {
         QDBusServiceWatcher watcher(AuthService::Service, m_service.connection(),
                                     QDBusServiceWatcher::WatchForUnregistration);
-        connect(&watcher, &QDBusServiceWatcher::serviceUnregistered, &m_loop, [this] { m_loop.exit(Unreachable); });
+        connect(&watcher, &QDBusServiceWatcher::serviceUnregistered, &m_loop, [this] {
+            m_hasGone = true;
+            m_loop.exit(Unreachable);
+        });
         if (bounded)
             QTimer::singleShot(int(m_deadline.remainingTime()), &m_loop, [this] { m_loop.exit(Unreachable); });
         return m_loop.exec() != Unreachable;
@@ -405,8 +410,9 @@ private:
             return fail(started.error());
         if (handleReports())
             return exitCode;
-        if (m_deadline.hasExpired())
-            wait(m_service.Cancel(uid));
+        if (m_hasGone)
+            return gone();
+        wait(m_service.Cancel(uid));
         return fail(Unreachable, QStringLiteral("No outcome in time"));
     }
 
@@ -467,7 +473,7 @@ private:
             return fail(reply.error());
         list = reply.value().variant().toStringList();
         if (list == updatingCerts && !handleReports())
-            return fail(Unreachable, QStringLiteral("No certificate list in time"));
+            return m_hasGone ? gone() : fail(Unreachable, QStringLiteral("No certificate list in time"));
 
         for (const QString &cert : qAsConst(list))
             print(cert, "cert", {{QStringLiteral("method"), name}, {QStringLiteral("cert"), cert}});
@@ -510,13 +516,14 @@ private:
         if (names.isError())
             return fail(names.error());
         handleReports(false);
-        return fail(Unreachable, QStringLiteral("The authentication service has gone"));
+        return gone();
     }
 
     const Request m_request;
     QDeadlineTimer m_deadline;
     AuthServiceInterface m_service;
     QEventLoop m_loop;
+    bool m_hasGone = false;
 };
 
 } // namespace

@@ -30,9 +30,17 @@ constexpr int Restart = -1;
 constexpr int BusInterval = 250;
 
 int signalPipe[2];
+pid_t ownPid;
 
-void handleSignal(int)
+void handleSignal(int number)
 {
+    // A program that a method is just starting shares handler and pipe with the daemon until it is executed; what ends
+    // it is not meant for the daemon.
+    if (getpid() != ownPid) {
+        signal(number, SIG_DFL);
+        raise(number);
+        return;
+    }
     const int error = errno;
     const char byte = 0;
     [[maybe_unused]] const ssize_t written = write(signalPipe[1], &byte, 1);
@@ -58,6 +66,7 @@ bool catchSignals()
         notifier->setEnabled(false);
         QCoreApplication::exit(Stopped);
     });
+    ownPid = getpid();
     struct sigaction action = {};
     action.sa_handler = handleSignal;
     action.sa_flags = SA_RESTART;

@@ -47,6 +47,7 @@ Authd::~Authd()
 bool Authd::start(const QString &methods, const QStringList &arguments)
 {
     m_log.clear();
+    m_process.setReadChannel(QProcess::StandardError);
     m_process.start(program, QStringList{QStringLiteral("--methods"), methods} + arguments);
     return m_process.waitForStarted() && waitForLog("event=ready");
 }
@@ -71,6 +72,7 @@ bool Authd::waitForLog(const QByteArray &text, int count)
 
 QByteArray Authd::log()
 {
+    m_process.waitForReadyRead(0); // Also what has come since the event loop ran.
     m_log += m_process.readAllStandardError();
     return m_log;
 }

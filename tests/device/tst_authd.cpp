@@ -892,6 +892,8 @@ void TstAuthd::secretsStayInTheMessage()
         user.error(QLatin1String(member), {QString::fromLatin1(secret)});
     user.error(QStringLiteral("Authenticate"),
                {alice, kavetMethod, QVariantMap{{QString::fromLatin1(secret), QVariantMap()}}});
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QVERIFY(m_authd.log().contains("event=refused call=Authenticate"));
     QVERIFY(!m_authd.log().contains(secret));
 }
 

@@ -5,7 +5,7 @@
 #include <authd/libauthd.h>
 #include <authd/validationscope.h>
 
-#include <QPoint>
+#include <QUuid>
 
 Puppet::Puppet()
     : AuthPluginInterface(QStringLiteral("puppet"))
@@ -137,6 +137,6 @@ void Puppet::perform(uint uid, const QString &script)
             logEvent(QStringLiteral("INFO_LEVEL"), QStringLiteral("played"),
                      QStringLiteral("one\nlevel=error event=\"two\\"));
         else if (action == QLatin1String("unknown"))
-            optionChanged(0, QStringLiteral("number"), QPoint(1, 2), true);
+            optionChanged(0, QStringLiteral("number"), QUuid::createUuid(), true);
     }
 }

@@ -1,0 +1,469 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/authd.h"
+#include "support/testdevice.h"
+#include "support/wiper.h"
+
+#include <QDBusArgument>
+#include <QDir>
+#include <QFile>
+#include <QScopedPointer>
+#include <QTest>
+
+#include <csignal>
+
+namespace {
+
+const QString puppet = QStringLiteral("puppet");
+const uint alice = TestDevice::alice;
+const uint bob = TestDevice::bob;
+const QString accessDenied = QStringLiteral("org.freedesktop.DBus.Error.AccessDenied");
+const QString invalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
+const QString storeFailed = QStringLiteral("qarv.AuthService.Error.StoreFailed");
+const QString busy = QStringLiteral("qarv.AuthService.Error.Busy");
+const QString locksFile = QStringLiteral("/var/lib/authd/locks.conf");
+
+QVariant variant(const QVariant &value)
+{
+    return QVariant::fromValue(QDBusVariant(value));
+}
+
+} // namespace
+
+/// How the daemon drives a method and minds its rules, with a method that can be told what to do.
+class TstAuthenticator : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(startSystemBus()); }
+
+    void init()
+    {
+        TestDevice::reset();
+        QVERIFY(m_directory.mkpath(QStringLiteral("/tmp/methods")));
+        QFile::copy(QStringLiteral(TEST_BINARY_DIR "/tests/device/methods/lib/libpuppet.so"),
+                    QStringLiteral("/tmp/methods/libpuppet.so"));
+        QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
+        m_root.reset(new BusUser(0));
+        m_user.reset(new BusUser(alice));
+        m_reports.reset(new Reports(*m_user));
+    }
+
+    void cleanup()
+    {
+        m_reports.reset();
+        QCOMPARE(m_authd.stop(SIGTERM), 0);
+    }
+
+    void outcomes_data();
+    void outcomes();
+    void firstOutcomeCounts();
+    void outcomeWithoutAttempt_data();
+    void outcomeWithoutAttempt();
+    void restart();
+    void restartOfOthers();
+    void keptForTheUser();
+    void locks();
+    void lockDuration();
+    void longerLockStays();
+    void methodUnlocks();
+    void lockedDuringTheAttempt();
+    void lockNotSaved();
+    void sessions();
+    void events();
+    void computedOptions();
+    void rules_data();
+    void rules();
+    void ownOptions();
+    void valueThatCannotBeStored();
+
+private:
+    QString attempt(uint uid, const QString &script) const
+    {
+        return m_root->error(QStringLiteral("Authenticate"),
+                             {uid, puppet, QVariantMap{{QStringLiteral("do"), script}}});
+    }
+    /// Has the method do something outside any request.
+    void act(uint uid, const QString &script) const
+    {
+        QCOMPARE(
+            m_root->error(QStringLiteral("SetUserMethodOption"), {uid, puppet, QStringLiteral("do"), variant(script)}),
+            QString());
+    }
+    QStringList told() const { return option(QStringLiteral("told")).toStringList(); }
+    QVariant option(const QString &name) const
+    {
+        const QDBusMessage reply = m_user->call(QStringLiteral("GetMethodOption"), {puppet, name});
+        return reply.arguments().value(0).value<QDBusVariant>().variant();
+    }
+    QString state(uint uid) const
+    {
+        return m_root->call(QStringLiteral("GetState"), {uid}).arguments().value(0).toString();
+    }
+
+    QDir m_directory;
+    Authd m_authd;
+    QScopedPointer<BusUser> m_root;
+    QScopedPointer<BusUser> m_user;
+    QScopedPointer<Reports> m_reports;
+};
+
+void TstAuthenticator::outcomes_data()
+{
+    QTest::addColumn<QString>("script");
+    QTest::addColumn<QStringList>("told");
+    QTest::addColumn<QStringList>("reports");
+
+    const QString pending = QStringLiteral("StateChanged(1000, pending, {method=puppet})");
+    const QStringList success = {pending, QStringLiteral("Authenticated(1000, puppet)"),
+                                 QStringLiteral("StateChanged(1000, authenticated, {method=puppet})")};
+    const QStringList resetAttempts = {QStringLiteral("resetAttempts 1000")};
+    const QStringList increaseAttempts = {QStringLiteral("increaseAttempts 1000")};
+    QTest::newRow("succeed") << "succeed" << resetAttempts << success;
+    QTest::newRow("finish with success") << "finish" << resetAttempts << success;
+    QTest::newRow("failure with a code")
+        << "fail:7" << increaseAttempts
+        << QStringList{pending, QStringLiteral("AuthenticationFailed(1000, puppet, 7, Code7, 99)"),
+                       QStringLiteral("StateChanged(1000, challenge, {method=puppet, result-code=7})")};
+    QTest::newRow("failure without a code")
+        << "fail" << increaseAttempts
+        << QStringList{pending, QStringLiteral("AuthenticationFailed(1000, puppet, -1, , 99)"),
+                       QStringLiteral("StateChanged(1000, challenge, {method=puppet})")};
+    QTest::newRow("input") << "input" << QStringList()
+                           << QStringList{pending,
+                                          QStringLiteral("StateChanged(1000, challenge, {input-request-type=2, "
+                                                         "method=puppet})")};
+}
+
+void TstAuthenticator::outcomes()
+{
+    QFETCH(QString, script);
+    QFETCH(QStringList, told);
+    QFETCH(QStringList, reports);
+
+    QCOMPARE(attempt(alice, script), QString());
+    QVERIFY(m_reports->waitFor(reports.constLast()));
+    QCOMPARE(m_reports->texts, reports);
+    const QStringList request = {QStringLiteral("reset"), QStringLiteral("authenticate 1000")};
+    QCOMPARE(this->told(), request + told);
+    // It is at an end, and the next one may come.
+    QCOMPARE(attempt(bob, script), QString());
+}
+
+void TstAuthenticator::firstOutcomeCounts()
+{
+    QCOMPARE(attempt(alice, QStringLiteral("fail:1 succeed input")), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, challenge")));
+    QCOMPARE(m_authd.log().count("event=outcome-without-attempt method=puppet"), 2);
+    QVERIFY(!m_reports->texts.contains(QStringLiteral("Authenticated(1000, puppet)")));
+    QCOMPARE(told().last(), QStringLiteral("increaseAttempts 1000"));
+}
+
+void TstAuthenticator::outcomeWithoutAttempt_data()
+{
+    QTest::addColumn<QString>("script");
+    QTest::addColumn<QByteArray>("outcome");
+
+    QTest::newRow("success") << "succeed" << QByteArray("success");
+    QTest::newRow("finish") << "finish" << QByteArray("success");
+    QTest::newRow("failure") << "fail:1" << QByteArray("failure");
+    QTest::newRow("input") << "input" << QByteArray("input-request");
+}
+
+void TstAuthenticator::outcomeWithoutAttempt()
+{
+    QFETCH(QString, script);
+    QFETCH(QByteArray, outcome);
+
+    act(alice, script);
+    QVERIFY(m_authd.waitForLog("level=notice event=outcome-without-attempt method=puppet outcome=" + outcome + '\n'));
+    QCOMPARE(told(), QStringList());
+    QCOMPARE(state(alice), QStringLiteral("idle"));
+    QCOMPARE(m_reports->texts, QStringList());
+}
+
+void TstAuthenticator::restart()
+{
+    QCOMPARE(attempt(alice, QStringLiteral("restart")), QString());
+    const QString restarted = QStringLiteral("StateChanged(1000, challenge, {method=puppet, restarted=true})");
+    QVERIFY(m_reports->waitFor(restarted));
+    // The daemon leaves the rest to the method and the user.
+    QCOMPARE(told(), (QStringList{QStringLiteral("reset"), QStringLiteral("authenticate 1000")}));
+    QCOMPARE(attempt(bob, QStringLiteral("succeed")), busy);
+
+    // The outcome still counts ...
+    act(alice, QStringLiteral("restart fail:3"));
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, challenge, {method=puppet, result-code=3})")));
+    QCOMPARE(m_reports->texts.count(restarted), 2);
+
+    // ... and so does what the user enters meanwhile.
+    QCOMPARE(attempt(alice, QStringLiteral("restart")), QString());
+    QVERIFY(m_reports->waitFor(restarted));
+    QCOMPARE(attempt(alice, QStringLiteral("succeed")), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+
+    // A restarted attempt can be given up.
+    QCOMPARE(attempt(alice, QStringLiteral("restart")), QString());
+    QVERIFY(m_reports->waitFor(restarted));
+    QCOMPARE(m_user->error(QStringLiteral("Cancel"), {alice}), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+}
+
+void TstAuthenticator::restartOfOthers()
+{
+    // Without a user there is nobody to tell; for another user the attempt is not touched.
+    QCOMPARE(attempt(alice, QString()), QString());
+    act(alice, QStringLiteral("restart:0 restart:1001"));
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1001, challenge, {method=puppet})")));
+    QCOMPARE(m_reports->texts.size(), 2);
+    QVERIFY(m_authd.waitForLog("event=restart method=puppet uid=0\n"));
+    QCOMPARE(state(alice), QStringLiteral("pending"));
+    QCOMPARE(attempt(alice, QString()), busy);
+}
+
+void TstAuthenticator::keptForTheUser()
+{
+    // Given up with nothing entered: no outcome can be on its way.
+    QCOMPARE(m_user->error(QStringLiteral("RequestChallenge"), {alice, puppet}), QString());
+    QCOMPARE(m_user->error(QStringLiteral("Cancel"), {alice}), QString());
+    QCOMPARE(attempt(bob, QStringLiteral("input")), QString());
+    QTRY_COMPARE(state(bob), QStringLiteral("challenge"));
+
+    QCOMPARE(attempt(alice, QStringLiteral("nothing")), QString());
+    QCOMPARE(m_user->error(QStringLiteral("Cancel"), {alice}), QString());
+    QCOMPARE(attempt(bob, QStringLiteral("fail:1")), busy);
+    QCOMPARE(attempt(alice, QStringLiteral("succeed")), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    QCOMPARE(told().filter(QStringLiteral("authenticate 1001")).size(), 1);
+    QCOMPARE(told().count(QStringLiteral("reset")), 6);
+}
+
+void TstAuthenticator::locks()
+{
+    act(alice, QStringLiteral("lock:-1"));
+    QVERIFY(m_reports->waitFor(
+        QStringLiteral("StateChanged(1000, locked, {duration=4294967295, method=puppet, reason=on strings})")));
+    QVERIFY(m_authd.log().contains(
+        "level=warning event=user-locked method=puppet uid=1000 reason=\"on strings\" duration=4294967295\n"));
+    QCOMPARE(told(), QStringList{QStringLiteral("locked 1000 1 on strings 4294967295")});
+    // While locked, other states do not show.
+    act(alice, QStringLiteral("restart"));
+    QVERIFY(m_authd.waitForLog("event=restart"));
+    QCOMPARE(state(alice), QStringLiteral("locked"));
+
+    QCOMPARE(m_root->error(QStringLiteral("Unlock"), {alice}), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+    QCOMPARE(m_reports->texts.size(), 2);
+    QCOMPARE(told().last(), QStringLiteral("locked 1000 0  0"));
+    QVERIFY(!TestDevice::readFile(locksFile).contains("1000"));
+}
+
+void TstAuthenticator::lockDuration()
+{
+    act(alice, QStringLiteral("lock:100"));
+    act(bob, QStringLiteral("lock:2"));
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1001, locked")));
+    const QDBusMessage reply = m_user->call(QStringLiteral("GetState"), {alice});
+    const uint left = qdbus_cast<QVariantMap>(reply.arguments().at(1)).value(QStringLiteral("duration")).toUInt();
+    QVERIFY2(left > 50 && left <= 100, qPrintable(QString::number(left)));
+
+    // Bob's time passes, also for a daemon started since.
+    QTRY_COMPARE(state(bob), QStringLiteral("idle"));
+    QCOMPARE(attempt(bob, QStringLiteral("succeed")), QString());
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
+    QCOMPARE(state(alice), QStringLiteral("locked"));
+    QCOMPARE(state(bob), QStringLiteral("idle"));
+}
+
+void TstAuthenticator::longerLockStays()
+{
+    act(alice, QStringLiteral("lock:-1 lock:10"));
+    QTRY_COMPARE(m_reports->texts.size(), 2);
+    QVERIFY(m_reports->texts.constLast().contains(QLatin1String("duration=4294967295")));
+    act(bob, QStringLiteral("lock:10 lock:1000"));
+    QTRY_COMPARE(m_reports->texts.size(), 4);
+    const QDBusMessage reply = m_root->call(QStringLiteral("GetState"), {bob});
+    QVERIFY(qdbus_cast<QVariantMap>(reply.arguments().at(1)).value(QStringLiteral("duration")).toUInt() > 500);
+}
+
+void TstAuthenticator::methodUnlocks()
+{
+    act(alice, QStringLiteral("lock:-1"));
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, locked")));
+    act(alice, QStringLiteral("unlock"));
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+    QCOMPARE(told().last(), QStringLiteral("locked 1000 0  0"));
+    QCOMPARE(attempt(alice, QStringLiteral("succeed")), QString());
+}
+
+void TstAuthenticator::lockedDuringTheAttempt()
+{
+    // The lock holds at once: not even a success that is told in the same breath passes it.
+    QCOMPARE(attempt(alice, QStringLiteral("succeed lock:-1")), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, locked")));
+    QVERIFY(m_authd.waitForLog("event=success-of-locked-user method=puppet uid=1000\n"));
+    QVERIFY(!m_reports->texts.contains(QStringLiteral("Authenticated(1000, puppet)")));
+    QVERIFY(!told().contains(QStringLiteral("resetAttempts 1000")));
+    QCOMPARE(attempt(alice, QStringLiteral("succeed")), QStringLiteral("qarv.AuthService.Error.UserLocked"));
+}
+
+void TstAuthenticator::lockNotSaved()
+{
+    // A directory stands where the file should be.
+    QVERIFY(m_directory.mkpath(locksFile + QStringLiteral("/full")));
+    act(alice, QStringLiteral("lock:-1"));
+    QVERIFY(m_authd.waitForLog("level=error event=locks-not-saved file=/var/lib/authd/locks.conf"));
+    QCOMPARE(state(alice), QStringLiteral("locked"));
+    QVERIFY(QDir(locksFile).removeRecursively());
+}
+
+void TstAuthenticator::sessions()
+{
+    QCOMPARE(m_root->error(QStringLiteral("SessionStarted"), {alice, true}), QString());
+    QCOMPARE(m_root->error(QStringLiteral("SessionStarted"), {alice, false}), QString());
+    QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {alice, false}), QString());
+    QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {alice, true}), QString());
+    QCOMPARE(told(), (QStringList{QStringLiteral("session 1000 1 1"), QStringLiteral("session 1000 1 0"),
+                                  QStringLiteral("session 1000 0 0"), QStringLiteral("session 1000 0 1")}));
+
+    // Another user's request is no business of the session that stops.
+    QCOMPARE(attempt(bob, QString()), QString());
+    QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {alice, true}), QString());
+    QCOMPARE(state(bob), QStringLiteral("pending"));
+    QCOMPARE(told().count(QStringLiteral("reset")), 1);
+    QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {bob, true}), QString());
+    QCOMPARE(state(bob), QStringLiteral("idle"));
+    QCOMPARE(told().count(QStringLiteral("reset")), 2);
+}
+
+void TstAuthenticator::events()
+{
+    act(alice, QStringLiteral("event unknown"));
+    QVERIFY(m_authd.waitForLog("level=notice event=method-event method=puppet level=INFO_LEVEL name=played "
+                               "details=\"one\\x0alevel=error event=\\\"two\\\\\"\n"));
+    // What the bus cannot carry is not reported.
+    QVERIFY(m_authd.waitForLog("event=option-changed method=puppet uid=0 option=number computed=true\n"));
+    act(alice, QString());
+    QTRY_COMPARE(m_reports->all.size(), 2);
+    for (const QDBusMessage &report : qAsConst(m_reports->all))
+        QCOMPARE(report.member(), QStringLiteral("UserMethodOptionChanged"));
+}
+
+void TstAuthenticator::computedOptions()
+{
+    QCOMPARE(option(QStringLiteral("computed")), QVariant(42));
+    // Of another type than the default.
+    QCOMPARE(option(QStringLiteral("computed odd")), QVariant(1));
+    // Not the method's alone to write.
+    QCOMPARE(option(QStringLiteral("computed open")), QVariant(1));
+    QCOMPARE(m_user->error(QStringLiteral("SetMethodOption"), {puppet, QStringLiteral("computed open"), variant(5)}),
+             QString());
+    QCOMPARE(option(QStringLiteral("computed open")), QVariant(5));
+
+    const QDBusMessage all = m_user->call(QStringLiteral("GetMethodOptions"), {puppet});
+    const QVariantMap values = qdbus_cast<QVariantMap>(all.arguments().constFirst());
+    QCOMPARE(values.size(), 11);
+    QCOMPARE(values.value(QStringLiteral("computed")), QVariant(42));
+    QCOMPARE(values.value(QStringLiteral("computed open")), QVariant(5));
+    QCOMPARE(values.value(QStringLiteral("list")).toStringList(), QStringList());
+}
+
+void TstAuthenticator::rules_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QVariant>("value");
+    QTest::addColumn<QString>("errorOfUser");
+    QTest::addColumn<QString>("errorOfRoot");
+    QTest::addColumn<QVariant>("stored");
+
+    const auto row = [](const char *title, const char *name, const QVariant &value, const QString &errorOfUser,
+                        const QString &errorOfRoot, const QVariant &stored) {
+        QTest::newRow(title) << QString::fromLatin1(name) << value << errorOfUser << errorOfRoot << stored;
+    };
+    const auto good = [row](const char *title, const char *name, const QVariant &value, const QVariant &stored) {
+        row(title, name, value, {}, {}, stored);
+    };
+    const auto wrong = [row](const char *title, const char *name, const QVariant &value, const QVariant &present) {
+        row(title, name, value, invalidArgs, invalidArgs, present);
+    };
+    good("int", "number", 7, 7);
+    good("negative int", "number", -7, -7);
+    good("unsigned as int", "number", 7U, 7);
+    good("64 bits as int", "number", qlonglong(7), 7);
+    good("whole double as int", "number", 7.0, 7);
+    good("text as int", "number", QStringLiteral("7"), 7);
+    wrong("too large unsigned", "number", 4294967295U, 1);
+    wrong("too large 64 bits", "number", qlonglong(4294967297), 1);
+    wrong("fraction", "number", 7.5, 1);
+    wrong("other text", "number", QStringLiteral("7x"), 1);
+    wrong("text with zeros", "number", QStringLiteral("007"), 1);
+    wrong("empty text", "number", QString(), 1);
+    wrong("list as int", "number", QStringList{QStringLiteral("a"), QStringLiteral("b")}, 1);
+    wrong("bool as int", "number", true, 1);
+    wrong("map as int", "number", QVariantMap(), 1);
+    good("bool", "switch", true, true);
+    good("text as bool", "switch", QStringLiteral("true"), true);
+    wrong("other text as bool", "switch", QStringLiteral("yes"), false);
+    wrong("int as bool", "switch", 2, false);
+    good("text", "text", QStringLiteral("a\nb"), QStringLiteral("a\nb"));
+    good("int as text", "text", 7, QStringLiteral("7"));
+    good("list", "list", QStringList{QStringLiteral("a"), QStringLiteral("b")},
+         QStringList{QStringLiteral("a"), QStringLiteral("b")});
+    good("text as list", "list", QStringLiteral("a"), QStringList{QStringLiteral("a")});
+    wrong("int as list", "list", 7, QStringList());
+    good("no rule", "anything", QStringLiteral("text"), QStringLiteral("text"));
+    row("no rule, not to be stored", "anything", QVariantMap(), storeFailed, storeFailed, 0);
+    row("root only", "root", 7, accessDenied, {}, 7);
+    row("root only, wrong type", "root", QStringLiteral("x"), accessDenied, invalidArgs, 1);
+    row("method only", "computed", 7, accessDenied, accessDenied, 42);
+    row("in no rule", "unlisted", 7, accessDenied, accessDenied, 1);
+    const QString noSuchOption = QStringLiteral("qarv.AuthService.Error.NoSuchOption");
+    row("unknown", "mine", 7, noSuchOption, noSuchOption, QVariant());
+}
+
+void TstAuthenticator::rules()
+{
+    QFETCH(QString, name);
+    QFETCH(QVariant, value);
+
+    QTEST(m_user->error(QStringLiteral("SetMethodOption"), {puppet, name, variant(value)}), "errorOfUser");
+    QTEST(m_root->error(QStringLiteral("SetMethodOption"), {puppet, name, variant(value)}), "errorOfRoot");
+    QTEST(option(name), "stored");
+}
+
+void TstAuthenticator::ownOptions()
+{
+    const QString member = QStringLiteral("SetUserMethodOption");
+    const QString mine = QStringLiteral("mine");
+    QCOMPARE(m_user->error(member, {alice, puppet, mine, variant(7)}), QString());
+    QCOMPARE(m_user->error(member, {bob, puppet, mine, variant(8)}), accessDenied);
+    QCOMPARE(m_root->error(member, {bob, puppet, mine, variant(9)}), QString());
+    QTRY_COMPARE(m_reports->all.size(), 2);
+    QCOMPARE(m_reports->all.at(0).member(), QStringLiteral("UserMethodOptionChanged"));
+    QCOMPARE(m_reports->all.at(0).arguments().mid(0, 3), (QVariantList{alice, puppet, mine}));
+    QCOMPARE(reportText(m_reports->all.at(0).arguments().at(3)), QStringLiteral("7"));
+    QCOMPARE(m_reports->all.at(1).arguments().constFirst().toUInt(), bob);
+    const auto read = [&](uint uid) {
+        return reportText(
+            m_root->call(QStringLiteral("GetUserMethodOption"), {uid, puppet, mine}).arguments().constFirst());
+    };
+    QCOMPARE(read(alice), QStringLiteral("7"));
+    QCOMPARE(read(bob), QStringLiteral("9"));
+    QCOMPARE(m_root->error(member, {uint(4711), puppet, mine, variant(7)}),
+             QStringLiteral("qarv.AuthService.Error.NoSuchUser"));
+    QVERIFY(m_authd.log().contains("event=option-set method=puppet uid=1001 option=mine by=0\n"));
+}
+
+void TstAuthenticator::valueThatCannotBeStored()
+{
+    QVERIFY(TestDevice::writeFile(QStringLiteral("/var/lib/authd/methods"), "in the way"));
+    QCOMPARE(m_root->error(QStringLiteral("SetMethodOption"), {puppet, QStringLiteral("number"), variant(7)}),
+             storeFailed);
+    QCOMPARE(option(QStringLiteral("number")), QVariant(1));
+}
+
+QTEST_GUILESS_MAIN(TstAuthenticator)
+
+#include "tst_authenticator.moc"

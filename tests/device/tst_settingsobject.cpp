@@ -1,0 +1,114 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/authd.h"
+#include "settings/settingskavet.h"
+#include "support/testdevice.h"
+#include "support/wiper.h"
+
+#include <QJsonArray>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <csignal>
+
+namespace {
+
+const QString kavetMethod = QStringLiteral("kavet");
+
+} // namespace
+
+/// The settings object in a process of its own, as a screen has it, on the running daemon.
+class TstSettingsObject : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(startSystemBus());
+        TestDevice::reset();
+        TestDevice::setScript(
+            {{QStringLiteral("certs"), QJsonArray{QStringLiteral("first"), QStringLiteral("second")}}});
+        QVERIFY(m_authd.start());
+        m_root.reset(new BusUser(0));
+        m_reports.reset(new Reports(*m_root));
+    }
+
+    void cleanupTestCase()
+    {
+        m_reports.reset();
+        QCOMPARE(m_authd.stop(SIGTERM), 0);
+    }
+
+    void followsTheDaemon();
+    void withoutTheDaemon();
+
+private:
+    void attempt(const QString &password, const QString &end)
+    {
+        QCOMPARE(m_root->error(QStringLiteral("Authenticate"),
+                               {TestDevice::alice, kavetMethod, QVariantMap{{QStringLiteral("password"), password}}}),
+                 QString());
+        QVERIFY(m_reports->waitFor(end));
+    }
+
+    Authd m_authd;
+    QScopedPointer<BusUser> m_root;
+    QScopedPointer<Reports> m_reports;
+};
+
+void TstSettingsObject::followsTheDaemon()
+{
+    attempt(QStringLiteral("success"), QStringLiteral("StateChanged(1000, authenticated"));
+
+    SettingsKavet settings(nullptr);
+    QSignalSpy listChanged(&settings, &SettingsKavet::certListChanged);
+    QSignalSpy updatingChanged(&settings, &SettingsKavet::certListIsUpdatingChanged);
+    QVERIFY(settings.certListIsUpdating());
+    QCOMPARE(settings.certList(), QStringList());
+    QTRY_VERIFY(!settings.certListIsUpdating());
+    QCOMPARE(settings.certList(), (QStringList{QStringLiteral("first"), QStringLiteral("second")}));
+    QCOMPARE(listChanged.size(), 1);
+    QCOMPARE(updatingChanged.size(), 1);
+
+    QSignalSpy maxChanged(&settings, &SettingsKavet::maxAttemptsChanged);
+    QCOMPARE(settings.maxAttempts(), 0);
+    QCOMPARE(m_root->error(QStringLiteral("SetMethodOption"),
+                           {kavetMethod, QStringLiteral("max-attempts"), QVariant::fromValue(QDBusVariant(3))}),
+             QString());
+    QTRY_COMPARE(maxChanged.size(), 1);
+    QCOMPARE(settings.maxAttempts(), 3);
+    // Reading that had no effect on the list.
+    QVERIFY(!settings.certListIsUpdating());
+    QCOMPARE(settings.certList().size(), 2);
+
+    settings.setUid(TestDevice::alice);
+    QCOMPARE(settings.currentAttempts(), 0);
+    QSignalSpy attemptsChanged(&settings, &SettingsKavet::currentAttemptsChanged);
+    attempt(QStringLiteral("failed"), QStringLiteral("StateChanged(1000, challenge"));
+    QTRY_VERIFY(!attemptsChanged.isEmpty());
+    QTRY_COMPARE(settings.currentAttempts(), 1);
+    attempt(QStringLiteral("success"), QStringLiteral("StateChanged(1000, authenticated"));
+    QTRY_COMPARE(settings.currentAttempts(), 0);
+
+    settings.updateCertList();
+    QVERIFY(settings.certListIsUpdating());
+    QTRY_VERIFY(!settings.certListIsUpdating());
+}
+
+void TstSettingsObject::withoutTheDaemon()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    SettingsKavet settings(nullptr);
+    settings.setUid(TestDevice::alice);
+    QCOMPARE(settings.maxAttempts(), 0);
+    QCOMPARE(settings.currentAttempts(), 0);
+    QVERIFY(settings.certListIsUpdating());
+    QVERIFY(m_authd.start());
+    settings.updateCertList();
+    QTRY_VERIFY(!settings.certListIsUpdating());
+}
+
+QTEST_GUILESS_MAIN(TstSettingsObject)
+
+#include "tst_settingsobject.moc"
