@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include <QBasicTimer>
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -29,6 +30,7 @@
 //   "crash": true     end at once by a signal
 //   "stdout", "stderr": text to write first
 //   "socket": "now" (default), "never", or a path: serve as soon as that file exists
+//   "announce": true  show the socket again and again until somebody connects
 //   "certs": [...]    the certificates that getCertList answers; left out: it answers an error
 //   "certsAnswer": one of the words below, for getCertList
 //   "ignoreTerm": true   do not end on SIGTERM
@@ -126,6 +128,8 @@ public:
         });
         if (!QFile::rename(temporary, socketPath))
             qFatal("Cannot put the socket into its place");
+        if (m_script.value(QLatin1String("announce")).toBool())
+            m_announcement.start(20, this);
     }
 
     QString introspect(const QString &) const override
@@ -155,6 +159,15 @@ public:
             return answer(m_script.value(QLatin1String("certsAnswer")).toString(), certs(), message, connection);
         return m_script.contains(QLatin1String("certs")) ? connection.send(message.createReply(certs()))
                                                          : answer(QStringLiteral("error"), {}, message, connection);
+    }
+
+protected:
+    void timerEvent(QTimerEvent *) override
+    {
+        // A change of the file is one of its directory too.
+        chmod(QFile::encodeName(socketPath).constData(), 0600);
+        if (!m_peers.isEmpty())
+            m_announcement.stop();
     }
 
 private:
@@ -202,6 +215,7 @@ private:
     const QJsonObject m_script;
     QDBusServer *m_server = nullptr;
     QStringList m_peers;
+    QBasicTimer m_announcement;
 };
 
 } // namespace
