@@ -55,6 +55,27 @@ QMap<QString, QString> identityOfClient(ChildProcess &child)
     return identity;
 }
 
+/// Writes its real, effective and saved ids, of user and group, before the program starts; that makes the effective ids
+/// the saved ones too.
+class IdWriter : public ChildProcess
+{
+public:
+    IdWriter()
+        : ChildProcess(nullptr)
+    {
+    }
+
+protected:
+    void setupChildProcess() override
+    {
+        ChildProcess::setupChildProcess();
+        uid_t ids[6] = {};
+        getresuid(&ids[0], &ids[1], &ids[2]);
+        getresgid(&ids[3], &ids[4], &ids[5]);
+        (void)!::write(STDOUT_FILENO, ids, sizeof ids);
+    }
+};
+
 /// An id as it stands four times in a status line: real, effective, saved, file system.
 QString four(uint id)
 {
@@ -463,6 +484,18 @@ private Q_SLOTS:
         QCOMPARE(identity.value(QStringLiteral("CapEff")), QStringLiteral("0000000000000000"));
         QCOMPARE(identity.value(QStringLiteral("stderr")), QString());
         QCOMPARE(geteuid(), 0U);
+    }
+
+    void identityBeforeTheProgram()
+    {
+        IdWriter child;
+        child.uid = TestDevice::alice;
+        child.gid = TestDevice::groupId("auth-factor");
+        child.start(QStringLiteral("/bin/true"), QStringList());
+        QVERIFY(child.waitForFinished());
+        const uid_t expected[] = {child.uid, child.uid, child.uid, child.gid, child.gid, child.gid};
+        QCOMPARE(child.readAllStandardOutput(),
+                 QByteArray(reinterpret_cast<const char *>(expected), int(sizeof expected)));
     }
 
     void identityWithoutTheGroup()
