@@ -1,6 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "authd.h"
+#include "device/authd.h"
+
+#include "support/testdevice.h"
 
 #include <authd/authservice.h>
 
@@ -148,4 +150,10 @@ QString reportText(const QVariant &value)
         return QLatin1Char('{') + entries.join(QStringLiteral(", ")) + QLatin1Char('}');
     }
     return value.toString();
+}
+
+void setClientScript(QJsonObject script)
+{
+    script.insert(QLatin1String("announce"), true);
+    TestDevice::setScript(script);
 }

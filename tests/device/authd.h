@@ -5,6 +5,7 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVariant>
+#include <QJsonObject>
 #include <QObject>
 #include <QProcess>
 #include <QStringList>
@@ -76,3 +77,7 @@ private Q_SLOTS:
 
 /// A value as it reads in Reports.
 QString reportText(const QVariant &value);
+
+/// Sets what the scripted client does. It shows its socket until it is connected, since the method takes no notice of
+/// one that appears before the news that the client has started.
+void setClientScript(QJsonObject script = {});

@@ -75,6 +75,7 @@ private Q_SLOTS:
     void init()
     {
         TestDevice::reset();
+        setClientScript();
         QVERIFY(m_authd.start());
     }
 
@@ -263,7 +264,7 @@ void TstAuthctl::loginWantsOtherInput()
 
 void TstAuthctl::loginWithDyingClient()
 {
-    TestDevice::setScript({{QStringLiteral("exit"), 1}});
+    setClientScript({{QStringLiteral("exit"), 1}});
     const Result result = run(QStringLiteral("login alice"), "success\n");
     QCOMPARE(result.exitCode, int(Refused));
     QCOMPARE(result.output.count(QStringLiteral("alice: kavet had to start its client again\n")), 11);
@@ -448,8 +449,7 @@ void TstAuthctl::certs()
 {
     // Nobody to ask as long as no client has been started.
     QCOMPARE(run(QStringLiteral("certs")).output, QString());
-    TestDevice::setScript(
-        QJsonObject{{QStringLiteral("certs"), QJsonArray{QStringLiteral("one"), QStringLiteral("two")}}});
+    setClientScript(QJsonObject{{QStringLiteral("certs"), QJsonArray{QStringLiteral("one"), QStringLiteral("two")}}});
     QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
     const Result text = runAs(TestDevice::alice, QStringLiteral("certs"));
     QCOMPARE(text.exitCode, int(Success));

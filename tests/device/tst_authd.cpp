@@ -101,6 +101,7 @@ private Q_SLOTS:
     void init()
     {
         TestDevice::reset();
+        setClientScript();
         QVERIFY(m_authd.start());
     }
 
@@ -367,7 +368,6 @@ void TstAuthd::journalForm()
 
 void TstAuthd::busRestart()
 {
-    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("now")}});
     const qint64 pid = m_authd.pid();
     for (int i = 1; i <= 3; ++i) {
         endBus();
@@ -517,7 +517,7 @@ void TstAuthd::refusedRequests()
 
 void TstAuthd::oneAttemptAtATime()
 {
-    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("/tmp/scripted-client/go")}});
+    setClientScript({{QStringLiteral("socket"), QStringLiteral("/tmp/scripted-client/go")}});
     const BusUser root(0);
     Reports reports(root);
     QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
@@ -562,7 +562,7 @@ void TstAuthd::nothingToCancel()
 
 void TstAuthd::dyingClient()
 {
-    TestDevice::setScript({{QStringLiteral("exit"), 1}});
+    setClientScript({{QStringLiteral("exit"), 1}});
     const BusUser user(alice);
     Reports reports(user);
     QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
@@ -576,7 +576,7 @@ void TstAuthd::dyingClient()
     QCOMPARE(m_authd.log().count("event=attempt-opened"), 1);
 
     // The next request has the budget anew.
-    TestDevice::setScript({});
+    setClientScript();
     QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
     QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
 }
@@ -730,8 +730,7 @@ void TstAuthd::optionsOfTheMethod()
 
 void TstAuthd::certificateList()
 {
-    TestDevice::setScript(
-        QJsonObject{{QStringLiteral("certs"), QJsonArray{QStringLiteral("one"), QStringLiteral("two")}}});
+    setClientScript(QJsonObject{{QStringLiteral("certs"), QJsonArray{QStringLiteral("one"), QStringLiteral("two")}}});
     const BusUser user(alice);
     Reports reports(user);
     QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
@@ -871,7 +870,7 @@ void TstAuthd::garbage()
 
 void TstAuthd::secretsStayInTheMessage()
 {
-    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("/tmp/scripted-client/go")}});
+    setClientScript({{QStringLiteral("socket"), QStringLiteral("/tmp/scripted-client/go")}});
     const QByteArray secret = "late-s3cr3t";
     const BusUser user(alice);
     Reports reports(user);

@@ -27,8 +27,7 @@ private Q_SLOTS:
     {
         QVERIFY(startSystemBus());
         TestDevice::reset();
-        TestDevice::setScript(
-            {{QStringLiteral("certs"), QJsonArray{QStringLiteral("first"), QStringLiteral("second")}}});
+        setClientScript({{QStringLiteral("certs"), QJsonArray{QStringLiteral("first"), QStringLiteral("second")}}});
         QVERIFY(m_authd.start());
         m_root.reset(new BusUser(0));
         m_reports.reset(new Reports(*m_root));
