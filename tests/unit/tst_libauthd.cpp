@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -39,6 +40,7 @@ private Q_SLOTS:
     void oddPaths();
     void foreignFile();
     void noDescriptorLeft();
+    void createdInBetween();
     void race();
 
     void emptyScope();
@@ -258,6 +260,40 @@ void TestLibAuthd::noDescriptorLeft()
     QVERIFY(!LibAuthd::restrictPermissions(path("link")));
     QVERIFY(!LibAuthd::restrictPermissions(m_directory->path()));
     QCOMPARE(descriptors.entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size(), before);
+}
+
+void TestLibAuthd::createdInBetween()
+{
+    // Another process makes the file before each of the steps in turn.
+    const QByteArray name = QFile::encodeName(path("file"));
+    bool ended = false;
+    int steps = 0;
+    for (; !ended; ++steps) {
+        QFile::remove(path("file"));
+        const pid_t child = fork();
+        if (child == 0) {
+            if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+                _exit(2);
+            raise(SIGSTOP);
+            _exit(LibAuthd::restrictPermissions(path("file")) ? 0 : 1);
+        }
+        int status = 0;
+        QCOMPARE(waitpid(child, &status, 0), child);
+        for (int step = 0; step < steps && WIFSTOPPED(status); ++step) {
+            QCOMPARE(ptrace(PTRACE_SYSCALL, child, nullptr, nullptr), 0L);
+            QCOMPARE(waitpid(child, &status, 0), child);
+        }
+        ended = WIFEXITED(status);
+        if (!ended) {
+            close(open(name.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+            QCOMPARE(ptrace(PTRACE_DETACH, child, nullptr, nullptr), 0L);
+            QCOMPARE(waitpid(child, &status, 0), child);
+        }
+        QVERIFY(WIFEXITED(status));
+        QCOMPARE(WEXITSTATUS(status), 0);
+        QCOMPARE(PlatformTest::mode(path("file")), 0600);
+    }
+    QVERIFY(steps > 5);
 }
 
 void TestLibAuthd::race()
