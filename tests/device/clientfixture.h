@@ -198,6 +198,14 @@ public:
                        .size());
     }
 
+    /// The client's private memory in kilobytes.
+    qint64 privateMemory() const
+    {
+        const QByteArray rollup =
+            TestDevice::readFile(QStringLiteral("/proc/%1/smaps_rollup").arg(process.processId()));
+        return rollup.mid(rollup.indexOf("Private_Dirty:") + 14).simplified().split(' ').constFirst().toLongLong();
+    }
+
     /// What the client has printed so far.
     QByteArray output()
     {
