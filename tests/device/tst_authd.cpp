@@ -462,7 +462,9 @@ void TstAuthd::failures()
                     .match(QString::fromUtf8(TestDevice::readFile(QStringLiteral("/var/lib/authd/users/1001.conf"))))
                     .hasMatch());
 
-    // And another one is welcome.
+    // And another one is welcome, once the method knows what became of its client.
+    if (answer == QLatin1String("die"))
+        QVERIFY(m_authd.waitForLog("Client has terminated"));
     QCOMPARE(authenticate(root, bob, QStringLiteral("success")), QString());
     QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1001, authenticated")));
 }
