@@ -76,9 +76,12 @@ QStringList portraits()
     return portraits;
 }
 
+/// Those of this program; the system's other ones show through into the device.
 QStringList temporaryFiles()
 {
-    return QDir(QDir::tempPath()).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    return QDir(QDir::tempPath())
+        .entryList({QCoreApplication::applicationName() + QStringLiteral("-*")},
+                   QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
 }
 
 /// The identities and groups of this process, the file-system ones included, and what it may do.
