@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QLoggingCategory>
 #include <QSettings>
 
@@ -17,11 +18,18 @@ const QString passwordHashKey = QStringLiteral("password-hash");
 const QString lockAfterKey = QStringLiteral("lock-after");
 const QString removeAfterKey = QStringLiteral("remove-after");
 const QString authTypeKey = QStringLiteral("auth-type");
+const QString moduleKey = QStringLiteral("module");
+const QString trustAnchorsKey = QStringLiteral("trust-anchors");
+const QString crlsKey = QStringLiteral("crls");
+const QString mappingKey = QStringLiteral("mapping");
+const QString mappingDomainKey = QStringLiteral("mapping-domain");
+const QString defaultCertKey = QStringLiteral("default-cert");
 
 const QString authTypeAny = QStringLiteral("any");
 const QString authTypePassword = QStringLiteral("password");
 const QString authTypeCert = QStringLiteral("cert");
 
+const QStringList defaultMapping = {QStringLiteral("uid"), QStringLiteral("upn"), QStringLiteral("email")};
 constexpr int defaultLockAfter = 5;
 constexpr int defaultRemoveAfter = 10;
 
@@ -47,6 +55,24 @@ ClientSettings::AuthType readAuthType(const QSettings &settings)
     return ClientSettings::AuthType::Any;
 }
 
+ClientSettings::Mappings readMappings(const QSettings &settings)
+{
+    using Mapping = ClientSettings::Mapping;
+    static const QHash<QString, Mapping> known = {{QStringLiteral("uid"), Mapping::UserId},
+                                                  {QStringLiteral("upn"), Mapping::PrincipalName},
+                                                  {QStringLiteral("email"), Mapping::Email},
+                                                  {QStringLiteral("cn"), Mapping::CommonName}};
+    ClientSettings::Mappings mappings;
+    const QStringList names = settings.value(mappingKey, defaultMapping).toStringList();
+    for (const QString &name : names) {
+        if (known.contains(name))
+            mappings |= known.value(name);
+        else
+            qWarning("%s holds something else than uid, upn, email and cn", qUtf8Printable(mappingKey));
+    }
+    return mappings;
+}
+
 } // namespace
 
 ClientSettings::ClientSettings()
@@ -56,6 +82,12 @@ ClientSettings::ClientSettings()
     m_lockAfter = limit(settings, lockAfterKey, defaultLockAfter);
     m_removeAfter = limit(settings, removeAfterKey, defaultRemoveAfter);
     m_authType = readAuthType(settings);
+    m_module = settings.value(moduleKey).toString();
+    m_trustAnchors = settings.value(trustAnchorsKey).toString();
+    m_crls = settings.value(crlsKey).toString();
+    m_mappings = readMappings(settings);
+    m_mappingDomain = settings.value(mappingDomainKey).toString();
+    m_defaultCert = settings.value(defaultCertKey).toString().toUtf8();
 }
 
 QString ClientSettings::path()

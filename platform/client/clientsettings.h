@@ -3,6 +3,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QFlags>
 #include <QString>
 
 /// The settings that the client's user has made, in the client's own configuration directory. Each object reads the
@@ -12,6 +13,14 @@ class ClientSettings
 public:
     /// What the user authenticates with.
     enum class AuthType { Any, Password, Cert };
+    /// What in a certificate may name its user.
+    enum class Mapping {
+        UserId = 1, ///< The subject's user id.
+        PrincipalName = 2, ///< The user's part of the alternative name that is a principal name.
+        Email = 4, ///< The user's part of the alternative name that is a mail address.
+        CommonName = 8, ///< The subject's common name.
+    };
+    Q_DECLARE_FLAGS(Mappings, Mapping)
 
     ClientSettings();
 
@@ -30,9 +39,28 @@ public:
     /// What the user may authenticate with.
     AuthType authType() const { return m_authType; }
 
+    /// The PKCS#11 module's path; empty: those that the system has registered.
+    QString module() const { return m_module; }
+    /// The file or directory of certificates that are trusted; empty: none are.
+    QString trustAnchors() const { return m_trustAnchors; }
+    /// The file or directory of certificate revocation lists; empty: there are none.
+    QString crls() const { return m_crls; }
+    /// Any of these will do.
+    Mappings mappings() const { return m_mappings; }
+    /// The domain that principal names and mail addresses must have; empty: any.
+    QString mappingDomain() const { return m_mappingDomain; }
+    /// The URI of the certificate to take when none is named; empty: there is none.
+    QByteArray defaultCert() const { return m_defaultCert; }
+
 private:
     QByteArray m_passwordHash;
     int m_lockAfter;
     int m_removeAfter;
     AuthType m_authType;
+    QString m_module;
+    QString m_trustAnchors;
+    QString m_crls;
+    Mappings m_mappings;
+    QString m_mappingDomain;
+    QByteArray m_defaultCert;
 };

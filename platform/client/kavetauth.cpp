@@ -7,6 +7,10 @@
 #include "kavetauthadaptor.h"
 #include "passwordhash.h"
 #include "secret.h"
+#include "tokenprocess.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
 
 namespace {
 
@@ -15,6 +19,8 @@ const QString failed = QStringLiteral("failed");
 const QString lock = QStringLiteral("lock");
 const QString remove = QStringLiteral("remove");
 const QString noToken = QStringLiteral("nousb");
+const QString moduleFailed = QStringLiteral("connerr");
+const QString badDefaultCert = QStringLiteral("firstcererr");
 const QString wrongAuthType = QStringLiteral("errauthtype");
 
 /// The answer that so many failed attempts bring by themselves.
@@ -25,6 +31,29 @@ QString answerAt(int attempts, const ClientSettings &settings)
     if (settings.lockAfter() != 0 && attempts >= settings.lockAfter())
         return lock;
     return failed;
+}
+
+/// The answer that a token's outcome brings; only a wrong PIN is a guess at a secret, and so counts.
+QString answerTo(Tokens::Outcome outcome, const ClientSettings &settings)
+{
+    switch (outcome) {
+    case Tokens::Success:
+        AttemptCounter::reset();
+        return success;
+    case Tokens::CertRefused:
+        return failed;
+    case Tokens::DefaultCertRefused:
+        return badDefaultCert;
+    case Tokens::WrongPin:
+        return answerAt(AttemptCounter::increase(), settings);
+    case Tokens::PinBlocked:
+        return lock;
+    case Tokens::NoToken:
+        return noToken;
+    case Tokens::ModuleFailed:
+        break;
+    }
+    return moduleFailed;
 }
 
 } // namespace
@@ -53,15 +82,34 @@ QString KavetAuth::checkPassword(const QString &user, const QString &password)
     return success;
 }
 
-QString KavetAuth::validateCert(const QString &, const QString &user, const QString &pin)
+QString KavetAuth::validateCert(const QString &cert, const QString &user, const QString &pin)
 {
+    const SecretBytes secret(pin.toUtf8());
     wipe(pin);
+
+    const ClientSettings settings;
     if (user != m_user)
         return failed;
-    return ClientSettings().authType() == ClientSettings::AuthType::Password ? wrongAuthType : noToken;
+    if (settings.authType() == ClientSettings::AuthType::Password)
+        return wrongAuthType;
+    if (answerAt(AttemptCounter::count(), settings) != failed)
+        return answerAt(AttemptCounter::increase(), settings);
+    setDelayedReply(true);
+    TokenProcess::validate(
+        this, cert, user, secret,
+        [settings, request = message(), peer = connection()](Tokens::Outcome outcome, const QByteArray &) {
+            peer.send(request.createReply(answerTo(outcome, settings)));
+        });
+    return {};
 }
 
 QStringList KavetAuth::getCertList()
 {
+    if (ClientSettings().authType() == ClientSettings::AuthType::Password)
+        return {};
+    setDelayedReply(true);
+    TokenProcess::list(this, [request = message(), peer = connection()](Tokens::Outcome, const QByteArray &output) {
+        peer.send(request.createReply(QString::fromUtf8(output).split(QLatin1Char('\n'), Qt::SkipEmptyParts)));
+    });
     return {};
 }

@@ -5,6 +5,7 @@
 #include "kavetauth.h"
 #include "passwordhash.h"
 #include "passwordprompt.h"
+#include "tokenprocess.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -106,7 +107,11 @@ int main(int argc, char *argv[])
     const QCommandLineOption setPasswordOption(
         QStringLiteral("set-password"),
         QStringLiteral("Ask for a new password, or read one line of standard input, store its hash, and end."));
-    parser.addOptions({noGui, setPasswordOption});
+    const QCommandLineOption certs(TokenProcess::listOption,
+                                   QStringLiteral("List the certificates on the tokens, as the settings want them."));
+    QCommandLineOption validateCert(TokenProcess::validateOption);
+    validateCert.setFlags(QCommandLineOption::HiddenFromHelp);
+    parser.addOptions({noGui, setPasswordOption, certs, validateCert});
     if (!parser.parse(QCoreApplication::arguments()))
         return fail(parser.errorText(), WrongUsage);
     if (!parser.positionalArguments().isEmpty())
@@ -118,5 +123,9 @@ int main(int argc, char *argv[])
 
     if (getuid() == 0 || geteuid() == 0)
         return fail(QStringLiteral("Run this as the user to authenticate, never as root"), RunAsRoot);
-    return parser.isSet(setPasswordOption) ? setPassword() : serve();
+    if (parser.isSet(setPasswordOption))
+        return setPassword();
+    if (parser.isSet(certs))
+        return TokenProcess::runList();
+    return parser.isSet(validateCert) ? TokenProcess::runValidate() : serve();
 }

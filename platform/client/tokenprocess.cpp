@@ -1,0 +1,116 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "tokenprocess.h"
+
+#include "secret.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QTimer>
+
+#include <csignal>
+#include <cstdlib>
+
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+namespace {
+
+const QString ownProgram = QStringLiteral("/proc/self/exe");
+const QString descriptorPath = QStringLiteral("/proc/self/fd/%1");
+const QString optionPrefix = QStringLiteral("--");
+
+/// Shorter than a caller waits, who then gets an answer from a module that hangs.
+constexpr int timeout = 20000; // ms
+
+void start(QObject *context, const QString &option, const QByteArray &request, const TokenProcess::Callback &done)
+{
+    auto *process = new QProcess(context);
+    const auto end = [process, done](Tokens::Outcome outcome) {
+        process->disconnect();
+        process->deleteLater();
+        done(outcome, process->readAllStandardOutput());
+    };
+    QObject::connect(process, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), context,
+                     [end](int code, QProcess::ExitStatus status) {
+                         const bool known =
+                             status == QProcess::NormalExit && code >= Tokens::Success && code <= Tokens::ModuleFailed;
+                         end(known ? Tokens::Outcome(code) : Tokens::ModuleFailed);
+                     });
+    QObject::connect(process, &QProcess::errorOccurred, context, [end](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart)
+            end(Tokens::ModuleFailed);
+    });
+    QTimer::singleShot(timeout, process, &QProcess::kill);
+
+    // Not through the process's own channel, which would keep what is written in memory.
+    const int descriptor = memfd_create("request", MFD_CLOEXEC);
+    if (descriptor == -1 || write(descriptor, request.constData(), size_t(request.size())) != request.size())
+        qWarning("Cannot hand a request over: %s", qUtf8Printable(qt_error_string()));
+    process->setStandardInputFile(descriptorPath.arg(descriptor));
+    process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process->start(ownProgram, {optionPrefix + option});
+    close(descriptor);
+}
+
+/// Modules are free to print; what they print is not for the caller. The real standard output.
+int setUp()
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL); // Not to outlive the client.
+    const int output = dup(STDOUT_FILENO);
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    return output;
+}
+
+/// Takes the text up to the next zero byte, which no D-Bus string has, off the request.
+QByteArray takeField(QByteArray &request)
+{
+    const int end = request.indexOf('\0');
+    const QByteArray field = request.left(end);
+    request.remove(0, end == -1 ? request.size() : end + 1);
+    return field;
+}
+
+} // namespace
+
+const QString TokenProcess::listOption = QStringLiteral("certs");
+const QString TokenProcess::validateOption = QStringLiteral("validate-cert");
+
+void TokenProcess::list(QObject *context, const Callback &done)
+{
+    start(context, listOption, {}, done);
+}
+
+void TokenProcess::validate(QObject *context, const QString &cert, const QString &user, const SecretBytes &pin,
+                            const Callback &done)
+{
+    const QByteArray head = cert.toUtf8() + '\0' + user.toUtf8() + '\0';
+    SecretBytes request;
+    request.bytes().reserve(head.size() + pin.bytes().size());
+    request.bytes() += head;
+    request.bytes() += pin.bytes();
+    start(context, validateOption, request.bytes(), done);
+}
+
+int TokenProcess::runList()
+{
+    QFile output;
+    output.open(setUp(), QIODevice::WriteOnly, QFileDevice::AutoCloseHandle);
+    QByteArrayList certs;
+    const Tokens::Outcome outcome = Tokens::list(certs);
+    for (const QByteArray &cert : qAsConst(certs))
+        output.write(cert + '\n');
+    return outcome == Tokens::Success ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+int TokenProcess::runValidate()
+{
+    close(setUp());
+    QFile input;
+    input.open(STDIN_FILENO, QIODevice::ReadOnly | QIODevice::Unbuffered);
+    SecretBytes request(input.readAll());
+    const QByteArray cert = takeField(request.bytes());
+    const QString user = QString::fromUtf8(takeField(request.bytes()));
+    return Tokens::validate(cert, user, request.bytes());
+}

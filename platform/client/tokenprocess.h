@@ -1,0 +1,33 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include "tokens.h"
+
+#include <functional>
+
+class QObject;
+class SecretBytes;
+
+/// Token work in a short-lived process of its own: the client goes on answering meanwhile, a module that crashes or
+/// hangs takes only that process with it, and what it learnt of the PIN goes with the process.
+namespace TokenProcess {
+
+/// The options by which the client's program becomes such a process. It writes certificates to standard output, one a
+/// line; what is to be validated it reads from standard input.
+extern const QString listOption;
+extern const QString validateOption;
+
+/// Called with how it ended and what it wrote.
+using Callback = std::function<void(Tokens::Outcome, const QByteArray &)>;
+
+/// Starts Tokens::list; what it writes is the list, empty on failure. The callback does not outlive `context`.
+void list(QObject *context, const Callback &done);
+/// Starts Tokens::validate. The callback does not outlive `context`.
+void validate(QObject *context, const QString &cert, const QString &user, const SecretBytes &pin, const Callback &done);
+
+/// The process's own part; the exit code.
+int runList();
+int runValidate();
+
+} // namespace TokenProcess
