@@ -233,6 +233,8 @@ private Q_SLOTS:
         QTest::newRow("no key") << general("attempts=5") << QVariant(0);
         QTest::newRow("similar keys") << general("max-attempts2=5\nmax-attempt=5\nMax-Attempts=5\nx-max-attempts=5")
                                       << QVariant(0);
+        QTest::newRow("similar key later")
+            << general("max-attempts=3\nmax-attempts2=5\nmax-attempts 2=6") << QVariant(text("3"));
         QTest::newRow("other group") << QByteArray("[Other]\nmax-attempts=5\n") << QVariant(0);
         QTest::newRow("group of that name") << QByteArray("[%General]\nmax-attempts=5\n") << QVariant(0);
         QTest::newRow("comment") << general("; max-attempts=5") << QVariant(0);
