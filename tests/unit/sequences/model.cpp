@@ -64,7 +64,7 @@ bool Model::allows(const Event &event) const
         case Kind::Reply:
             return !m_heldCalls.isEmpty();
         case Kind::ReplyCerts:
-            return m_certsHeld && event.variant != HoldCerts;
+            return m_certsHeld > 0 && event.variant != HoldCerts;
         case Kind::ReplyWiper:
             return !m_heldWipes.isEmpty();
         case Kind::WritePolicy:
@@ -89,6 +89,9 @@ bool Model::allows(const Event &event) const
             return m_markers.contains(event.user);
         case Kind::TouchHome:
             return isKnown(event.user);
+        case Kind::SetLauncher:
+        case Kind::Repair:
+            return m_process != Starting || m_processKind != IsMissing; // It might be found just in time.
         case Kind::Restart:
             return !m_clientDirectoryAway;
         default:
@@ -104,6 +107,38 @@ bool Model::allows(const Event &event) const
         return !after.m_ambiguous && after.m_arrivals.isEmpty() && after.m_wiped.isEmpty();
     after.settle();
     return !after.m_ambiguous;
+}
+
+QVector<Kind> Model::next() const
+{
+    QVector<Kind> kinds;
+    if (m_running && !m_socketPresent)
+        kinds += QVector<Kind>(30, Kind::PutSocket);
+    if (m_connected)
+        kinds += QVector<Kind>(20, Kind::Authenticate) + QVector<Kind>(3, Kind::DropLink)
+                 + QVector<Kind>(4, Kind::FetchCerts);
+    if (!m_heldCalls.isEmpty())
+        kinds += QVector<Kind>(15, Kind::Reply);
+    if (m_certsHeld > 0)
+        kinds += QVector<Kind>(15, Kind::ReplyCerts) + QVector<Kind>(8, Kind::FetchCerts);
+    if (!m_heldWipes.isEmpty())
+        kinds += QVector<Kind>(15, Kind::ReplyWiper);
+    if (m_running && m_processKind == IgnoresTerm)
+        kinds += QVector<Kind>(15, Kind::StopSession);
+    if (option(alice, deletion).toBool())
+        kinds += QVector<Kind>(6, Kind::StartSession);
+    if (m_watches.contains(m_homeDirectory))
+        kinds += QVector<Kind>(8, Kind::CreateMarker) + QVector<Kind>(4, Kind::TouchHome);
+    return kinds;
+}
+
+uint Model::delayedUser() const
+{
+    for (const uint user : {0U, 1000U, 1001U, 1002U}) {
+        if (m_watches.contains(m_homeDirectory) && home(user) == m_homeDirectory)
+            return user;
+    }
+    return alice;
 }
 
 void Model::apply(const Event &event)
@@ -191,7 +226,7 @@ void Model::act(const Event &event)
         m_certsAnswer = event.variant;
         break;
     case Kind::ReplyCerts:
-        m_certsHeld = false;
+        --m_certsHeld;
         m_arrivals << Arrival{Arrival::Certs, QString(), event.variant};
         break;
     case Kind::StartSession:
@@ -392,7 +427,7 @@ void Model::destroy()
     m_dying = false;
     m_connected = false;
     m_heldCalls.clear();
-    m_certsHeld = false;
+    m_certsHeld = 0;
     m_heldWipes.clear();
     m_changedDirectories.clear();
     m_changedFiles.clear();
@@ -535,7 +570,7 @@ QStringList Model::getCertList()
     m_certsInFlight = true;
     m_calls << QStringLiteral("getCertList()");
     if (m_certsAnswer == HoldCerts)
-        m_certsHeld = true;
+        ++m_certsHeld;
     else
         m_arrivals << Arrival{Arrival::Certs, QString(), m_certsAnswer};
     return {QStringLiteral(".")};
@@ -556,9 +591,8 @@ void Model::linkGone()
         m_situations << QStringLiteral("call lost with the link");
         requestInput(EnterPasswordOrPin, CannotCommunicateClient);
     }
-    if (m_certsHeld)
+    for (; m_certsHeld > 0; --m_certsHeld)
         handleCerts(CertsError);
-    m_certsHeld = false;
 }
 
 // --- The client -----------------------------------------------------------------------------------------------------
@@ -671,7 +705,7 @@ void Model::processEnded()
 {
     if (!m_arrivals.isEmpty())
         m_ambiguous = true;
-    const bool loses = m_connected && (!m_heldCalls.isEmpty() || m_certsHeld);
+    const bool loses = m_connected && (!m_heldCalls.isEmpty() || m_certsHeld > 0);
     const int launches = m_launches.size();
     m_process = NotRunning;
     m_dying = false;

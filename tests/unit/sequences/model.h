@@ -30,8 +30,14 @@ public:
 
     /// Credentials so far, each of which has the next number.
     int credentials() const { return m_credentials; }
-    /// Calls that the client has not answered yet.
+    /// Calls to the client so far.
+    int calls() const { return m_calls.size(); }
+    /// Those that the client has not answered yet.
     int heldCalls() const { return m_heldCalls.size(); }
+    /// What leads on from here, which pure chance would seldom find; each as often as it should be drawn.
+    QVector<Kind> next() const;
+    /// The user whose first start is waited for; the first user when there is none.
+    uint delayedUser() const;
     /// The remarkable situations that the sequence has come to.
     const QSet<QString> &situations() const { return m_situations; }
 
@@ -176,7 +182,7 @@ private:
     bool m_dying = false;
     bool m_connected = false;
     QVector<QString> m_heldCalls;
-    bool m_certsHeld = false;
+    int m_certsHeld = 0;
     QVector<uint> m_heldWipes;
 
     // On their way

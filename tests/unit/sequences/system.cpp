@@ -249,7 +249,10 @@ void System::start()
     });
     // A link ends with the client that holds its other end.
     QObject::connect(&m_private->child, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), m_private,
-                     [this] { m_peer.drop(); });
+                     [this] {
+                         awaitCalls(m_callsExpected);
+                         m_peer.drop();
+                     });
     m_launchesSinceReset = 0;
 }
 
@@ -262,7 +265,11 @@ QString System::perform(const Event &event, const Model &before, const Model &af
 {
     m_returned.clear();
     m_rightOwnerSeenBefore = m_rightOwnerSeen;
+    m_callsExpected = after.calls();
+    awaitCalls(before.calls());
     act(event, before);
+    lookForSocket();
+    m_rightOwnerSeenBefore = m_rightOwnerSeenBefore || m_rightOwnerSeen;
     awaitLaunches();
     if (!event.hurried)
         return settle(after);
@@ -501,6 +508,15 @@ void System::awaitLaunches()
     }
 }
 
+/// Waits until the client has got `count` calls, so that none is lost with the link before it is seen.
+void System::awaitCalls(int count)
+{
+    QElapsedTimer waiting;
+    waiting.start();
+    while (m_peer.calls().size() < count && waiting.elapsed() < impatience)
+        QThread::yieldCurrentThread();
+}
+
 void System::readLaunches()
 {
     char buffer[1024];
@@ -572,7 +588,7 @@ QString System::differences(const Model &model, bool arrivals)
             seen.remove(QLatin1String(later));
         }
     }
-    QString text = broken(model);
+    QString text = broken();
     if (seen == expected)
         return text;
     QStringList keys = expected.keys() + seen.keys();
@@ -585,7 +601,7 @@ QString System::differences(const Model &model, bool arrivals)
 }
 
 /// What must never be and is.
-QString System::broken(const Model &)
+QString System::broken()
 {
     QString text;
     if (m_launchesSinceReset > 11)
@@ -595,11 +611,7 @@ QString System::broken(const Model &)
             text += QStringLiteral("\n  a client was launched as ") + launch;
     }
 
-    struct stat status;
-    if (!m_launches.isEmpty() && m_private->child.state() != QProcess::NotRunning
-        && lstat(name(TestDevice::socketPath), &status) == 0
-        && status.st_uid == m_launches.last().section(QLatin1Char(':'), 0, 0).toUInt())
-        m_rightOwnerSeen = true;
+    lookForSocket();
     const QStringList calls = m_peer.calls();
     if (m_rightOwnerSeen || m_rightOwnerSeenBefore)
         m_callsChecked = calls.size();
@@ -624,6 +636,14 @@ QString System::broken(const Model &)
                         .arg(stateOf(file.first), file.second);
     }
     return text;
+}
+
+void System::lookForSocket()
+{
+    struct stat status;
+    if (m_private->child.state() != QProcess::NotRunning && lstat(name(TestDevice::socketPath), &status) == 0
+        && status.st_uid == m_private->child.uid)
+        m_rightOwnerSeen = true;
 }
 
 Observation System::observation()

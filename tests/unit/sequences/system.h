@@ -45,9 +45,11 @@ private:
     void runWatcher();
     void awaitLaunches();
     void readLaunches();
+    void awaitCalls(int count);
     QString settle(const Model &model);
     QString differences(const Model &model, bool arrivals);
-    QString broken(const Model &model);
+    QString broken();
+    void lookForSocket();
     Observation observation();
     Observation options();
 
@@ -78,6 +80,7 @@ private:
     pid_t m_pid = 0;
     QByteArray m_launchBuffer;
     QString m_returned;
+    int m_callsExpected = 0; ///< At the end of the event.
     int m_policyNumber = 0;
 
     // For what must never be, whatever the model says.
