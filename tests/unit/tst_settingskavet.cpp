@@ -160,6 +160,9 @@ private Q_SLOTS:
         m_service.moveToThread(&m_thread);
         m_thread.start();
         QVERIFY(m_service.serve());
+        // A connection holds signals back until the event loop has run once, and then lets later ones overtake them.
+        QVERIFY(QDBusConnection::systemBus().isConnected());
+        QCoreApplication::processEvents();
     }
 
     void cleanupTestCase()
