@@ -15,7 +15,7 @@ constexpr char ApplicationName[] = "ApplicationName";
 constexpr char OrganizationName[] = "OrganizationName";
 constexpr char ExecCmd[] = "ExecCmd";
 constexpr char Permissions[] = "Permissions";
-constexpr std::size_t LargestFile = 1024 * 1024;
+constexpr std::size_t LargestFile = std::size_t(1024) * 1024;
 
 std::string text(GKeyFile *file, const char *key)
 {

@@ -3,7 +3,8 @@
 #include <authd/authplugininterface.h>
 #include <authd/notificationhandler.h>
 
-AuthPluginInterface::AuthPluginInterface(QString name)
+// By value, as methods that were built apart call it.
+AuthPluginInterface::AuthPluginInterface(QString name) // NOLINT(performance-unnecessary-value-param)
     : BaseHandler(name)
 {
 }

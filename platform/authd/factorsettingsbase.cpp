@@ -22,7 +22,7 @@ constexpr int AnswerTimeout = 5000;
 /// The plain value in a D-Bus variant; an invalid variant for the compound types, which no option has.
 QVariant unwrapped(const QDBusVariant &value)
 {
-    const QVariant inner = value.variant();
+    QVariant inner = value.variant();
     if (inner.canConvert<QDBusVariant>())
         return unwrapped(inner.value<QDBusVariant>());
     if (inner.canConvert<QDBusArgument>())

@@ -27,11 +27,11 @@ namespace {
 
 constexpr int FileMode = S_IRUSR | S_IWUSR;
 constexpr mode_t DirectoryMode = S_IRWXU;
-constexpr QLatin1String UsersDirectory("/var/lib/authd/users/");
-constexpr QLatin1String MethodFile("/current.conf");
-constexpr QLatin1String UserFileSuffix(".conf");
+constexpr QLatin1String UsersDirectory = LibAuthd::Vocabulary::word("/var/lib/authd/users/");
+constexpr QLatin1String MethodFile = LibAuthd::Vocabulary::word("/current.conf");
+constexpr QLatin1String UserFileSuffix = LibAuthd::Vocabulary::word(".conf");
 // As the library that writes the file names its temporary ones.
-constexpr QLatin1String TemporarySuffix(".??????");
+constexpr QLatin1String TemporarySuffix = LibAuthd::Vocabulary::word(".??????");
 constexpr char DamagedSuffix[] = ".damaged";
 
 /// The text in UTF-8; absent when it cannot be written so (a zero character, half a surrogate pair).
@@ -224,7 +224,7 @@ public:
     bool save() const
     {
         gsize groups = 0;
-        g_auto(GStrv) names = g_key_file_get_groups(keys(), &groups);
+        [[maybe_unused]] g_auto(GStrv) names = g_key_file_get_groups(keys(), &groups);
         if (groups == 0 ? removeFile() : replace())
             return true;
         warn("Cannot write");

@@ -23,7 +23,6 @@
 #include <pwd.h>
 
 namespace AuthService = LibAuthd::AuthService;
-namespace Vocabulary = LibAuthd::Vocabulary;
 
 namespace {
 

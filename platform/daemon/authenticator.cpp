@@ -25,7 +25,7 @@ namespace {
 /// call go without an answer.
 constexpr qint64 OutcomeLimit = 30000;
 constexpr int NoResultCode = -1;
-constexpr QLatin1String WarningLevel("WARN_LEVEL");
+constexpr QLatin1String WarningLevel = LibAuthd::Vocabulary::word("WARN_LEVEL");
 
 /// Whether the bus can carry the value.
 bool isTransferable(const QVariant &value)
@@ -83,7 +83,7 @@ QStringList Authenticator::methods() const
 
 Reply Authenticator::methodInfo(const QString &method) const
 {
-    const Reply check = checkMethod(method);
+    Reply check = checkMethod(method);
     if (check.isError())
         return check;
     const Entry *entry = find(method);
@@ -127,7 +127,7 @@ Reply Authenticator::openAttempt(uint uid, const QString &method, const QVariant
 
 Reply Authenticator::cancel(uint uid)
 {
-    const Reply check = checkUser(uid);
+    Reply check = checkUser(uid);
     if (check.isError())
         return check;
     bool found = false;
@@ -145,7 +145,7 @@ Reply Authenticator::cancel(uint uid)
 
 Reply Authenticator::unlock(uint uid)
 {
-    const Reply check = checkUser(uid);
+    Reply check = checkUser(uid);
     if (check.isError())
         return check;
     if (m_locks->unlock(uid)) {
@@ -158,7 +158,7 @@ Reply Authenticator::unlock(uint uid)
 
 Reply Authenticator::startSession(uint uid, bool manageClient)
 {
-    const Reply check = checkUser(uid);
+    Reply check = checkUser(uid);
     if (check.isError())
         return check;
     Log::write(Log::Info, "session-started", {{"uid", uid}, {"manage-client", manageClient}});
@@ -169,7 +169,7 @@ Reply Authenticator::startSession(uint uid, bool manageClient)
 
 Reply Authenticator::stopSession(uint uid, bool manageClient)
 {
-    const Reply check = checkUser(uid);
+    Reply check = checkUser(uid);
     if (check.isError())
         return check;
     Log::write(Log::Info, "session-stopped", {{"uid", uid}, {"manage-client", manageClient}});
@@ -186,7 +186,7 @@ Reply Authenticator::stopSession(uint uid, bool manageClient)
 
 Reply Authenticator::state(uint uid) const
 {
-    const Reply check = checkUser(uid);
+    Reply check = checkUser(uid);
     if (check.isError())
         return check;
     const State state = currentState(uid);
@@ -195,7 +195,7 @@ Reply Authenticator::state(uint uid) const
 
 Reply Authenticator::option(uint uid, const QString &method, const QString &option)
 {
-    const Reply check = checkOptions(uid, method);
+    Reply check = checkOptions(uid, method);
     if (check.isError())
         return check;
     Entry &entry = *find(method);
@@ -206,7 +206,7 @@ Reply Authenticator::option(uint uid, const QString &method, const QString &opti
 
 Reply Authenticator::options(uint uid, const QString &method)
 {
-    const Reply check = checkOptions(uid, method);
+    Reply check = checkOptions(uid, method);
     if (check.isError())
         return check;
     Entry &entry = *find(method);
@@ -220,7 +220,7 @@ Reply Authenticator::options(uint uid, const QString &method)
 Reply Authenticator::setOption(uint writer, uint uid, const QString &method, const QString &option,
                                const QVariant &value)
 {
-    const Reply check = checkOptions(uid, method);
+    Reply check = checkOptions(uid, method);
     if (check.isError())
         return check;
     AuthPluginInterface &plugin = *find(method)->plugin;

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr char LockFile[] = "/var/lib/authd/locks.conf";
-constexpr std::size_t SizeLimit = 16 * 1024 * 1024;
+constexpr std::size_t SizeLimit = std::size_t(16) * 1024 * 1024;
 constexpr char Method[] = "method";
 constexpr char Reason[] = "reason";
 constexpr char Until[] = "until";

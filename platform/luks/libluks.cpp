@@ -14,7 +14,7 @@ namespace {
 constexpr char ConfigurationFile[] = "/etc/authd/luks.conf";
 constexpr char GroupName[] = "Partition";
 constexpr char DeviceKey[] = "Device";
-constexpr std::size_t LargestFile = 1024 * 1024;
+constexpr std::size_t LargestFile = std::size_t(1024) * 1024;
 
 void dropLog(int, const char *, void *) { }
 
