@@ -220,6 +220,8 @@ int proveKey(const Object &object, const Certificate &certificate, const QByteAr
     error = gnutls_privkey_import_url(privateKey, keyUri.constData(), GNUTLS_PKCS11_OBJ_FLAG_LOGIN);
     if (error != GNUTLS_E_SUCCESS)
         return error;
+    if (gnutls_privkey_get_pk_algorithm(privateKey, nullptr) != gnutls_pubkey_get_pk_algorithm(publicKey, nullptr))
+        return GNUTLS_E_PK_SIG_VERIFY_FAILED;
     gnutls_datum_t signature = {};
     error = gnutls_privkey_sign_data2(privateKey, algorithm, 0, &challengeDatum, &signature);
     if (error != GNUTLS_E_SUCCESS)
@@ -231,10 +233,10 @@ int proveKey(const Object &object, const Certificate &certificate, const QByteAr
     return gnutls_pubkey_verify_data2(publicKey, algorithm, 0, &challengeDatum, &signature);
 }
 
-/// A URI that names a certificate and brings nothing else, as the PIN or the place of one.
+/// Whether a URI may stand for a certificate, and brings nothing else, as the PIN or the place of one.
 bool isAcceptable(const QByteArray &cert)
 {
-    return !cert.contains('?') && !cert.contains("pin-") && !cert.contains('\0');
+    return cert.count("type=") == cert.count("type=cert") && !cert.contains('?') && !cert.contains("pin-");
 }
 
 /// Besides the library's error codes, which are negative.

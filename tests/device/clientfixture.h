@@ -64,11 +64,52 @@ public:
                              + arguments);
     }
 
+    static void addToEnvironment(QProcess &process, const QStringList &environment)
+    {
+        QProcessEnvironment variables = process.processEnvironment();
+        for (const QString &variable : environment)
+            variables.insert(variable.section(QLatin1Char('='), 0, 0), variable.section(QLatin1Char('='), 1));
+        process.setProcessEnvironment(variables);
+    }
+
+    /// Puts the client where the plugin starts it, without a sandbox but with this in its environment.
+    static bool takeLaunchersPlace(const QStringList &environment = {})
+    {
+        const QString client = QStringLiteral("/usr/bin/tarsk.kavet_client");
+        QFile::remove(client);
+        return QFile::remove(TestDevice::launcher) && QFile::link(program, client)
+               && TestDevice::writeFile(TestDevice::launcher, "#!/bin/bash\nexec env "
+                                                                  + environment.join(QLatin1Char(' ')).toUtf8()
+                                                                  + " \"${@: -2:1}\" \"${@: -1}\"\n")
+               && chmod(QFile::encodeName(TestDevice::launcher).constData(), 0755) == 0;
+    }
+
+    /// Whether the writable memory of a process holds these bytes.
+    static bool memoryHolds(qint64 pid, const QByteArray &bytes)
+    {
+        QFile maps(QStringLiteral("/proc/%1/maps").arg(pid));
+        QFile memory(QStringLiteral("/proc/%1/mem").arg(pid));
+        if (!maps.open(QIODevice::ReadOnly) || !memory.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+            qFatal("Cannot read the memory of process %lld", pid);
+        const QList<QByteArray> lines = maps.readAll().split('\n');
+        for (const QByteArray &line : lines) {
+            const QList<QByteArray> range = line.left(line.indexOf(' ')).split('-');
+            if (!line.contains(" rw") || range.size() != 2)
+                continue;
+            const qint64 begin = range.at(0).toLongLong(nullptr, 16);
+            if (memory.seek(begin) && memory.read(range.at(1).toLongLong(nullptr, 16) - begin).contains(bytes))
+                return true;
+        }
+        return false;
+    }
+
     /// Runs the client to its end with this on its standard input.
-    static Result run(const QStringList &arguments, const QByteArray &input, uint uid = TestDevice::alice)
+    static Result run(const QStringList &arguments, const QByteArray &input, uint uid = TestDevice::alice,
+                      const QStringList &environment = {})
     {
         QProcess process;
         asUser(process, program, arguments, uid);
+        addToEnvironment(process, environment);
         process.start();
         process.write(input);
         process.closeWriteChannel();
@@ -119,10 +160,7 @@ public:
         struct stat before = {};
         stat(QFile::encodeName(TestDevice::socketPath).constData(), &before);
         asUser(process, program, {QStringLiteral("--no-gui")});
-        QProcessEnvironment variables = process.processEnvironment();
-        for (const QString &variable : environment)
-            variables.insert(variable.section(QLatin1Char('='), 0, 0), variable.section(QLatin1Char('='), 1));
-        process.setProcessEnvironment(variables);
+        addToEnvironment(process, environment);
         process.setProcessChannelMode(QProcess::MergedChannels);
         process.start();
         return QTest::qWaitFor([this, before] {

@@ -67,25 +67,6 @@ uint owner(const QString &path)
     return QFileInfo(path).ownerId();
 }
 
-/// Whether the writable memory of a process holds these bytes.
-bool memoryHolds(qint64 pid, const QByteArray &bytes)
-{
-    QFile maps(QStringLiteral("/proc/%1/maps").arg(pid));
-    QFile memory(QStringLiteral("/proc/%1/mem").arg(pid));
-    if (!maps.open(QIODevice::ReadOnly) || !memory.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        qFatal("Cannot read the memory of process %lld", pid);
-    const QList<QByteArray> lines = maps.readAll().split('\n');
-    for (const QByteArray &line : lines) {
-        const QList<QByteArray> range = line.left(line.indexOf(' ')).split('-');
-        if (!line.contains(" rw") || range.size() != 2)
-            continue;
-        const qint64 begin = range.at(0).toLongLong(nullptr, 16);
-        if (memory.seek(begin) && memory.read(range.at(1).toLongLong(nullptr, 16) - begin).contains(bytes))
-            return true;
-    }
-    return false;
-}
-
 QByteArray utf16(const QString &text)
 {
     return QByteArray(reinterpret_cast<const char *>(text.utf16()), text.size() * int(sizeof(QChar)));
@@ -752,11 +733,11 @@ void TstClient::noSecrets()
     QVERIFY(open.contains("password-hash"));
     for (const QString &secret : {right, wrong, nobodysPin}) {
         QVERIFY2(!open.contains(secret.toUtf8()), qPrintable(secret));
-        QVERIFY2(!memoryHolds(client.process.processId(), utf16(secret.right(20))), qPrintable(secret));
+        QVERIFY2(!ClientFixture::memoryHolds(client.process.processId(), utf16(secret.right(20))), qPrintable(secret));
     }
     // The search finds what there is.
-    QVERIFY(memoryHolds(client.process.processId(), utf16(QStringLiteral("errauthtype")))
-            || memoryHolds(client.process.processId(), "tarsk.kavet_auth"));
+    QVERIFY(ClientFixture::memoryHolds(client.process.processId(), utf16(QStringLiteral("errauthtype")))
+            || ClientFixture::memoryHolds(client.process.processId(), "tarsk.kavet_auth"));
 }
 
 void TstClient::methodAuthenticates()
@@ -764,12 +745,7 @@ void TstClient::methodAuthenticates()
     const auto failedWith = [](SettingsKavet::ResultCode code) {
         return RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, code);
     };
-    // In the launcher's place, and without a sandbox.
-    QVERIFY(QFile::remove(TestDevice::launcher));
-    QVERIFY(TestDevice::writeFile(TestDevice::launcher, "#!/bin/bash\nexec \"${@: -2:1}\" \"${@: -1}\"\n"));
-    chmod(QFile::encodeName(TestDevice::launcher).constData(), 0755);
-    QFile::remove(QStringLiteral("/usr/bin/tarsk.kavet_client"));
-    QVERIFY(QFile::link(ClientFixture::program, QStringLiteral("/usr/bin/tarsk.kavet_client")));
+    QVERIFY(ClientFixture::takeLaunchersPlace());
     QVERIFY(ClientFixture::setPassword(right));
 
     MethodFixture fixture;

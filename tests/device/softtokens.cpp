@@ -1,0 +1,210 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/softtokens.h"
+
+#include "device/clientfixture.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+namespace {
+
+const QString directory = QStringLiteral("/home/alice/tokens");
+const QString elsewhere = QStringLiteral("/home/alice/removed");
+const QString configuration = QStringLiteral("/home/alice/softhsm2.conf");
+const QString authorities = QStringLiteral("/home/alice/ca");
+const QString module = QStringLiteral("/usr/lib/softhsm/libsofthsm2.so");
+const QString adminPin = QStringLiteral("99999999");
+
+QString file(const QString &name)
+{
+    return authorities + QLatin1Char('/') + name;
+}
+
+/// Runs a tool as alice, so that what it makes is hers.
+bool run(const QString &program, const QStringList &arguments)
+{
+    QProcess process;
+    ClientFixture::asUser(process, program, arguments);
+    QProcessEnvironment variables = process.processEnvironment();
+    variables.insert(QStringLiteral("SOFTHSM2_CONF"), configuration);
+    process.setProcessEnvironment(variables);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start();
+    if (process.waitForFinished() && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
+        return true;
+    qWarning("%s %s failed: %s", qPrintable(program), qPrintable(arguments.join(QLatin1Char(' '))),
+             process.readAll().constData());
+    return false;
+}
+
+bool makeDirectory(const QString &path)
+{
+    return QDir().mkpath(path) && TestDevice::setOwner(path, TestDevice::alice, TestDevice::alice);
+}
+
+bool makeKey(const QString &name, const QStringList &options)
+{
+    // In the form that all the tools read.
+    return QFileInfo::exists(file(name + QStringLiteral(".key")))
+           || (run(QStringLiteral("openssl"),
+                   QStringList{QStringLiteral("genpkey"), QStringLiteral("-out"), file(name + QStringLiteral(".key"))}
+                       + options)
+               && run(QStringLiteral("openssl"),
+                      {QStringLiteral("pkey"), QStringLiteral("-in"), file(name + QStringLiteral(".key")),
+                       QStringLiteral("-outform"), QStringLiteral("DER"), QStringLiteral("-out"),
+                       file(name + QStringLiteral(".der"))}));
+}
+
+bool makeEcKey(const QString &name, const QString &curve)
+{
+    return makeKey(name, {QStringLiteral("-algorithm"), QStringLiteral("EC"), QStringLiteral("-pkeyopt"),
+                          QStringLiteral("ec_paramgen_curve:") + curve});
+}
+
+bool makeRsaKey(const QString &name)
+{
+    return makeKey(name, {QStringLiteral("-algorithm"), QStringLiteral("RSA"), QStringLiteral("-pkeyopt"),
+                          QStringLiteral("rsa_keygen_bits:2048")});
+}
+
+QString writeTemplate(const QString &name, const QByteArray &content)
+{
+    const QString path = file(name + QStringLiteral(".template"));
+    TestDevice::writeFile(path, content);
+    return path;
+}
+
+bool generate(const QString &name, const QByteArray &certificateTemplate, const QString &key,
+              const QStringList &options)
+{
+    return run(QStringLiteral("certtool"),
+               QStringList{QStringLiteral("--template"), writeTemplate(name, certificateTemplate),
+                           QStringLiteral("--load-privkey"), file(key + QStringLiteral(".key")),
+                           QStringLiteral("--outfile"), file(name + QStringLiteral(".pem"))}
+                   + options);
+}
+
+QStringList by(const QString &authorityName)
+{
+    return {QStringLiteral("--load-ca-certificate"), file(authorityName + QStringLiteral(".pem")),
+            QStringLiteral("--load-ca-privkey"), file(authorityName + QStringLiteral(".key"))};
+}
+
+bool pkcs11Tool(const QString &label, const QString &tokenPin, const QStringList &arguments)
+{
+    return run(QStringLiteral("pkcs11-tool"),
+               QStringList{QStringLiteral("--module"), module, QStringLiteral("--token-label"), label,
+                           QStringLiteral("--login"), QStringLiteral("--pin"), tokenPin}
+                   + arguments);
+}
+
+} // namespace
+
+bool SoftTokens::reset()
+{
+    for (const QString &path : QStringList{directory, elsewhere})
+        QDir(path).removeRecursively();
+    for (const QString &name : {QStringLiteral("/unruly-token"), QStringLiteral("/wrong-pins")})
+        QFile::remove(home + name);
+    if (!makeDirectory(directory) || !makeDirectory(authorities)
+        || !TestDevice::writeFile(configuration, "directories.tokendir = " + directory.toUtf8() + "\n"))
+        return false;
+    return makeRsaKey(QStringLiteral("rsa")) && makeRsaKey(QStringLiteral("rsa-other"))
+           && makeEcKey(QStringLiteral("ec"), QStringLiteral("P-256"))
+           && makeEcKey(QStringLiteral("ec-384"), QStringLiteral("P-384"))
+           && (QFileInfo::exists(authority) || makeAuthority(QStringLiteral("root")));
+}
+
+QStringList SoftTokens::environment()
+{
+    return {QStringLiteral("SOFTHSM2_CONF=") + configuration};
+}
+
+QByteArray SoftTokens::loginTemplate()
+{
+    return "cn = \"Alice Liddell\"\nuid = \"alice\"\nexpiration_days = 30\nsigning_key\ntls_www_client\n";
+}
+
+QString SoftTokens::issue(const QString &name, const QByteArray &certificateTemplate, const QString &key,
+                          const QString &authorityName)
+{
+    return generate(name, certificateTemplate, key,
+                    by(authorityName) + QStringList{QStringLiteral("--generate-certificate")})
+               ? file(name + QStringLiteral(".pem"))
+               : QString();
+}
+
+bool SoftTokens::makeAuthority(const QString &name, const QString &above)
+{
+    const QByteArray content =
+        "cn = \"Authority " + name.toUtf8() + "\"\nca\ncert_signing_key\ncrl_signing_key\nexpiration_days = 60\n";
+    return makeEcKey(name, QStringLiteral("P-256"))
+           && generate(name, content, name,
+                       above.isEmpty() ? QStringList{QStringLiteral("--generate-self-signed")}
+                                       : by(above) + QStringList{QStringLiteral("--generate-certificate")});
+}
+
+QString SoftTokens::revoke(const QString &certificate, const QString &authorityName, bool stale)
+{
+    const QString list = certificate + QStringLiteral(".crl");
+    const QByteArray content = stale ? "crl_this_update_date = \"2020-01-01 00:00:00\"\n"
+                                       "crl_next_update_date = \"2020-02-01 00:00:00\"\ncrl_number = 1\n"
+                                     : "crl_next_update = 30\ncrl_number = 1\n";
+    return run(QStringLiteral("certtool"),
+               QStringList{QStringLiteral("--generate-crl"), QStringLiteral("--template"),
+                           writeTemplate(QStringLiteral("crl"), content), QStringLiteral("--load-certificate"),
+                           certificate, QStringLiteral("--outfile"), list}
+                   + by(authorityName))
+               ? list
+               : QString();
+}
+
+bool SoftTokens::remove()
+{
+    // The tokens' module works only as long as there is a directory for them.
+    return QDir().rename(directory, elsewhere) && makeDirectory(directory);
+}
+
+bool SoftTokens::putBack()
+{
+    return QDir(directory).removeRecursively() && QDir().rename(elsewhere, directory);
+}
+
+bool SoftTokens::add(const QString &label, const QString &tokenPin)
+{
+    return run(QStringLiteral("softhsm2-util"),
+               {QStringLiteral("--init-token"), QStringLiteral("--free"), QStringLiteral("--label"), label,
+                QStringLiteral("--pin"), tokenPin, QStringLiteral("--so-pin"), adminPin});
+}
+
+bool SoftTokens::putKeys(const QString &label, const QString &id, const QString &key, const QString &tokenPin)
+{
+    return run(QStringLiteral("softhsm2-util"),
+               {QStringLiteral("--import"), file(key + QStringLiteral(".key")), QStringLiteral("--token"), label,
+                QStringLiteral("--label"), QStringLiteral("key"), QStringLiteral("--id"), id, QStringLiteral("--pin"),
+                tokenPin});
+}
+
+bool SoftTokens::putHiddenKey(const QString &label, const QString &id, const QString &key, const QString &tokenPin)
+{
+    return pkcs11Tool(label, tokenPin,
+                      {QStringLiteral("--write-object"), file(key + QStringLiteral(".der")), QStringLiteral("--type"),
+                       QStringLiteral("privkey"), QStringLiteral("--id"), id, QStringLiteral("--usage-sign")});
+}
+
+bool SoftTokens::putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin)
+{
+    const QString der = certificate + QStringLiteral(".der");
+    return run(QStringLiteral("certtool"), {QStringLiteral("--certificate-info"), QStringLiteral("--infile"),
+                                            certificate, QStringLiteral("--outder"), QStringLiteral("--outfile"), der})
+           && pkcs11Tool(label, tokenPin,
+                         {QStringLiteral("--write-object"), der, QStringLiteral("--type"), QStringLiteral("cert"),
+                          QStringLiteral("--id"), id, QStringLiteral("--label"), QStringLiteral("certificate")});
+}
+
+bool SoftTokens::enroll(const QString &label, const QString &id, const QString &certificate, const QString &key,
+                        const QString &tokenPin)
+{
+    return putKeys(label, id, key, tokenPin) && putCert(label, id, certificate, tokenPin);
+}

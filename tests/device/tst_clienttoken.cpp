@@ -1,0 +1,980 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/clientfixture.h"
+#include "device/softtokens.h"
+#include "unit/methodfixture.h"
+
+#include <QDBusPendingReply>
+
+#include <csignal>
+
+#include <sys/stat.h>
+
+namespace {
+
+const QString success = QStringLiteral("success");
+const QString failed = QStringLiteral("failed");
+const QString lock = QStringLiteral("lock");
+const QString removal = QStringLiteral("remove");
+const QString noToken = QStringLiteral("nousb");
+const QString moduleFailed = QStringLiteral("connerr");
+const QString badDefault = QStringLiteral("firstcererr");
+
+const QString one = QStringLiteral("one");
+const QString two = QStringLiteral("two");
+const QString pin = SoftTokens::pin;
+const QString wrongPin = QStringLiteral("31415927");
+const QString password = QStringLiteral("correct horse");
+const QString id1 = QStringLiteral("01");
+const QString id2 = QStringLiteral("02");
+const QString id3 = QStringLiteral("a1b2c3");
+
+/// A certificate that logs alice in with the RSA key; the path of its file.
+QString goodCert()
+{
+    static const QString path = SoftTokens::issue(QStringLiteral("good"), SoftTokens::loginTemplate());
+    return path;
+}
+
+bool set(const char *key, const QVariant &value)
+{
+    return ClientFixture::setSetting(QString::fromLatin1(key), value);
+}
+
+/// What an unruly token is to do next.
+bool makeUnruly(const QByteArray &how)
+{
+    return set("module", QStringLiteral(UNRULY_TOKEN))
+           && TestDevice::writeFile(QStringLiteral("/home/alice/unruly-token"), how);
+}
+
+/// The processes that the client has started and that still run.
+QStringList helpers(const ClientFixture &client)
+{
+    const QString pid = QString::number(client.process.processId());
+    return QString::fromLatin1(TestDevice::readFile(QStringLiteral("/proc/%1/task/%1/children").arg(pid)))
+        .split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
+
+QByteArray without(QByteArray text, const char *line)
+{
+    Q_ASSERT(text.contains(line));
+    return text.replace(QByteArray(line) + '\n', QByteArray());
+}
+
+} // namespace
+
+class TstClientToken : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+
+    void list();
+    void listsHiddenKeys();
+    void listsOverRegisteredModules();
+    void listsNone_data();
+    void listsNone();
+    void listsDefaultFirst();
+    void commandLineList();
+    void manyCertificates();
+
+    void accepts_data();
+    void accepts();
+    void refuses_data();
+    void refuses();
+    void otherAuthority();
+    void authorityInBetween();
+    void anchorDirectory();
+    void noAnchors_data();
+    void noAnchors();
+    void revoked();
+    void uselessRevocationLists_data();
+    void uselessRevocationLists();
+    void wrongKey_data();
+    void wrongKey();
+    void forgedSignature();
+    void badUri_data();
+    void badUri();
+    void severalForOneUri();
+
+    void wrongPins();
+    void wrongPin_data();
+    void wrongPin();
+    void refusedCertDoesNotCount();
+    void lockedForTheRightPinToo();
+    void pinBlocked();
+    void defaultCert();
+    void badDefaultCert_data();
+    void badDefaultCert();
+
+    void twoTokens();
+    void removedAndPutBack();
+    void removedMeanwhile();
+    void moduleFails_data();
+    void moduleFails();
+    void modulePrints();
+    void answersOthersMeanwhile();
+    void helperEndsWithClient();
+    void peerVanishesMeanwhile();
+
+    void noSecrets();
+    void methodAuthenticates();
+
+private:
+    /// A token "one" with this certificate, and the client set up to take it; the certificate's URI.
+    static QString enrolled(ClientFixture &client, const QString &cert, const QString &key = QStringLiteral("rsa"));
+};
+
+void TstClientToken::init()
+{
+    TestDevice::reset();
+    ClientFixture::prepare();
+    QVERIFY(SoftTokens::reset());
+    QVERIFY(set("trust-anchors", SoftTokens::authority));
+    QVERIFY(set("module", QStringLiteral("/usr/lib/softhsm/libsofthsm2.so")));
+}
+
+QString TstClientToken::enrolled(ClientFixture &client, const QString &cert, const QString &key)
+{
+    if (cert.isEmpty() || !SoftTokens::add(one) || !SoftTokens::enroll(one, id1, cert, key)
+        || !client.start(SoftTokens::environment()))
+        return {};
+    const QStringList certs = client.certList();
+    return certs.size() == 1 ? certs.constFirst() : QString();
+}
+
+void TstClientToken::list()
+{
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
+    const QString ec = SoftTokens::issue(QStringLiteral("ec"), SoftTokens::loginTemplate(), QStringLiteral("ec"));
+    QVERIFY(SoftTokens::enroll(one, id3, ec, QStringLiteral("ec")));
+    // Beside no key.
+    QVERIFY(SoftTokens::putCert(one, id2, goodCert()));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 2);
+    for (const QString &cert : certs) {
+        QVERIFY2(cert.startsWith(QStringLiteral("pkcs11:")) && cert.contains(QStringLiteral("token=one;"))
+                     && cert.endsWith(QStringLiteral(";object=certificate;type=cert")),
+                 qPrintable(cert));
+        QCOMPARE(client.validateCert(cert, pin), success);
+    }
+    QCOMPARE(certs.filter(QStringLiteral(";id=%01;")).size(), 1);
+    QCOMPARE(certs.filter(QStringLiteral(";id=%A1%B2%C3;"), Qt::CaseInsensitive).size(), 1);
+    QCOMPARE(client.certList(), certs);
+    QVERIFY(client.output().isEmpty());
+}
+
+void TstClientToken::listsHiddenKeys()
+{
+    // Nothing of its keys is seen without the PIN.
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::putHiddenKey(one, id1, QStringLiteral("rsa")));
+    QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
+    QVERIFY(SoftTokens::putCert(one, id2, SoftTokens::authority));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
+}
+
+void TstClientToken::listsOverRegisteredModules()
+{
+    QVERIFY(set("module", QString()));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::listsNone_data()
+{
+    QTest::addColumn<bool>("token");
+    QTest::addColumn<bool>("key");
+    QTest::addColumn<bool>("authority");
+    QTest::addColumn<QString>("authType");
+    QTest::newRow("no token") << false << false << false << QString();
+    QTest::newRow("empty token") << true << false << false << QString();
+    QTest::newRow("no certificate") << true << true << false << QString();
+    QTest::newRow("an authority's certificate") << true << false << true << QString();
+    QTest::newRow("an authority's certificate and a key") << true << true << true << QString();
+}
+
+void TstClientToken::listsNone()
+{
+    QFETCH(bool, token);
+    QFETCH(bool, key);
+    QFETCH(bool, authority);
+    if (token)
+        QVERIFY(SoftTokens::add(one));
+    if (key)
+        QVERIFY(SoftTokens::putKeys(one, id1, QStringLiteral("rsa")));
+    if (authority)
+        QVERIFY(SoftTokens::putCert(one, id2, SoftTokens::authority));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    QCOMPARE(client.certList(), QStringList());
+    QVERIFY(set("auth-type", QStringLiteral("password")));
+    QCOMPARE(client.certList(), QStringList());
+}
+
+void TstClientToken::listsDefaultFirst()
+{
+    ClientFixture client;
+    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    QVERIFY(SoftTokens::enroll(one, id2, goodCert()));
+    QVERIFY(SoftTokens::enroll(one, id3, goodCert()));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 3);
+    for (const QString &cert : certs) {
+        QVERIFY(set("default-cert", cert));
+        QCOMPARE(client.certList().constFirst(), cert);
+        QCOMPARE(client.certList().size(), 3);
+    }
+    QVERIFY(set("auth-type", QStringLiteral("password")));
+    QCOMPARE(client.certList(), QStringList());
+}
+
+void TstClientToken::commandLineList()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    const auto run = [] {
+        return ClientFixture::run({QStringLiteral("--certs")}, {}, TestDevice::alice, SoftTokens::environment());
+    };
+    ClientFixture::Result result = run();
+    QCOMPARE(result.exitCode, 0);
+    QCOMPARE(result.output, QByteArray(cert.toUtf8() + '\n'));
+    QVERIFY(set("module", QStringLiteral("/nowhere.so")));
+    result = run();
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY(result.output.isEmpty());
+    QVERIFY2(result.error.startsWith("tarsk.kavet_client: Cannot load the token module: "), result.error.constData());
+}
+
+void TstClientToken::manyCertificates()
+{
+    ClientFixture client;
+    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    for (int i = 0; i < 199; ++i)
+        QVERIFY(SoftTokens::putCert(one, QString::number(0x1000 + i, 16), goodCert()));
+    QVERIFY(SoftTokens::putKeys(one, QStringLiteral("10c6"), QStringLiteral("rsa")));
+    // Two of the 200 have a key; the others are read all the same.
+    QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 2);
+    QCOMPARE(client.validateCert(certs.constLast(), pin), success);
+
+    QVERIFY(SoftTokens::add(two));
+    QVERIFY(SoftTokens::putHiddenKey(two, id1, QStringLiteral("rsa")));
+    for (int i = 0; i < 200; ++i)
+        QVERIFY(SoftTokens::putCert(two, QString::number(0x1000 + i, 16), goodCert()));
+    certs = client.certList();
+    QCOMPARE(certs.size(), 202);
+    QCOMPARE(certs.removeDuplicates(), 0);
+}
+
+void TstClientToken::accepts_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QStringList>("mapping");
+    QTest::addColumn<QString>("domain");
+
+    const QByteArray base = SoftTokens::loginTemplate();
+    const QByteArray nameless = without(base, "uid = \"alice\"");
+    const QByteArray principal = nameless + "other_name_utf8 = \"1.3.6.1.4.1.311.20.2.3 alice@corp.example\"\n";
+    const QByteArray mail = nameless + "email = \"alice@corp.example\"\n";
+    const QString rsa = QStringLiteral("rsa");
+    const QString ec = QStringLiteral("ec");
+    const auto only = [](const char *mapping) {
+        return QStringList{QString::fromLatin1(mapping)};
+    };
+
+    QTest::newRow("RSA") << base << rsa << QStringList() << QString();
+    QTest::newRow("EC, P-256") << base << ec << QStringList() << QString();
+    QTest::newRow("EC, P-384") << base << QStringLiteral("ec-384") << QStringList() << QString();
+    QTest::newRow("smart-card logon") << without(base, "tls_www_client") + "key_purpose_oid = 1.3.6.1.4.1.311.20.2.2\n"
+                                      << ec << QStringList() << QString();
+    QTest::newRow("both purposes and another")
+        << base + "key_purpose_oid = 1.3.6.1.4.1.311.20.2.2\nemail_protection_key\n"
+        << ec << QStringList() << QString();
+    QTest::newRow("principal name") << principal << ec << QStringList() << QString();
+    QTest::newRow("mail address") << mail << ec << QStringList() << QString();
+    QTest::newRow("second mail address") << nameless + "email = \"al@corp.example\"\nemail = \"alice@corp.example\"\n"
+                                         << ec << QStringList() << QString();
+    QTest::newRow("user id alone") << base << ec << only("uid") << QString();
+    QTest::newRow("principal name alone") << principal << ec << only("upn") << QString();
+    QTest::newRow("mail address alone") << mail << ec << only("email") << QString();
+    QTest::newRow("common name") << QByteArray(nameless).replace("Alice Liddell", "alice") << ec << only("cn")
+                                 << QString();
+    QTest::newRow("one of two") << mail << ec << QStringList{QStringLiteral("cn"), QStringLiteral("email")}
+                                << QString();
+    QTest::newRow("mail address in the domain") << mail << ec << QStringList() << QStringLiteral("Corp.Example");
+    QTest::newRow("principal name in the domain") << principal << ec << QStringList() << QStringLiteral("corp.example");
+    QTest::newRow("user id whatever the domain") << base << ec << QStringList() << QStringLiteral("corp.example");
+}
+
+void TstClientToken::accepts()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QString, key);
+    QFETCH(QStringList, mapping);
+    QFETCH(QString, domain);
+
+    if (!mapping.isEmpty())
+        QVERIFY(set("mapping", mapping));
+    QVERIFY(set("mapping-domain", domain));
+    QVERIFY(ClientFixture::setAttempts("3"));
+    ClientFixture client;
+    const QString cert = enrolled(client, SoftTokens::issue(QStringLiteral("case"), content, key), key);
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QCOMPARE(ClientFixture::attempts(), 0);
+    QVERIFY2(client.output().isEmpty(), client.output().constData());
+}
+
+void TstClientToken::refuses_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QStringList>("mapping");
+    QTest::addColumn<QString>("domain");
+
+    const QByteArray base = SoftTokens::loginTemplate();
+    const QByteArray nameless = without(base, "uid = \"alice\"");
+    const QByteArray timeless = without(base, "expiration_days = 30");
+    const QByteArray mail = nameless + "email = \"alice@corp.example\"\n";
+    const QByteArray principal = nameless + "other_name_utf8 = \"1.3.6.1.4.1.311.20.2.3 alice@corp.example\"\n";
+    // For the other purpose the tool would add the usage by itself, as it would for EC keys.
+    const QByteArray usageless =
+        without(without(base, "tls_www_client"), "signing_key") + "key_purpose_oid = 1.3.6.1.4.1.311.20.2.2\n";
+    const auto only = [](const char *mapping) {
+        return QStringList{QString::fromLatin1(mapping)};
+    };
+
+    QTest::newRow("expired")
+        << timeless + "activation_date = \"2020-01-01 00:00:00\"\nexpiration_date = \"2021-01-01 00:00:00\"\n"
+        << QStringList() << QString();
+    QTest::newRow("not yet valid")
+        << timeless + "activation_date = \"2200-01-01 00:00:00\"\nexpiration_date = \"2201-01-01 00:00:00\"\n"
+        << QStringList() << QString();
+    QTest::newRow("not for signing") << usageless + "encryption_key\n" << QStringList() << QString();
+    QTest::newRow("no key usage") << usageless << QStringList() << QString();
+    QTest::newRow("no purpose") << without(base, "tls_www_client") << QStringList() << QString();
+    QTest::newRow("other purposes") << without(base, "tls_www_client") + "tls_www_server\nemail_protection_key\n"
+                                    << QStringList() << QString();
+    QTest::newRow("critical extension that nobody knows")
+        << base + "add_critical_extension = \"1.2.3.4.5 octet_string(0x0500)\"\n"
+        << QStringList() << QString();
+    QTest::newRow("another's user id") << QByteArray(base).replace("alice", "bob") << QStringList() << QString();
+    QTest::newRow("nobody's") << nameless << QStringList() << QString();
+    QTest::newRow("user id in other case") << QByteArray(base).replace("alice", "Alice") << QStringList() << QString();
+    QTest::newRow("user id that begins alike")
+        << QByteArray(base).replace("alice", "alice2") << QStringList() << QString();
+    QTest::newRow("common name does not count")
+        << QByteArray(nameless).replace("Alice Liddell", "alice") << QStringList() << QString();
+    QTest::newRow("address of another") << QByteArray(mail).replace("alice@", "bob@") << QStringList() << QString();
+    QTest::newRow("address without user") << QByteArray(mail).replace("alice@", "@alice") << QStringList() << QString();
+    QTest::newRow("address with two parts")
+        << QByteArray(mail).replace("alice@", "alice@alice@") << QStringList() << QString();
+    QTest::newRow("address in another domain") << mail << QStringList() << QStringLiteral("example");
+    QTest::newRow("principal name in another domain") << principal << QStringList() << QStringLiteral("example");
+    QTest::newRow("user id not wanted") << base << only("email") << QString();
+    QTest::newRow("address not wanted") << mail << only("upn") << QString();
+    QTest::newRow("principal name not wanted") << principal << only("email") << QString();
+    QTest::newRow("mapping unknown") << base << only("face") << QString();
+    QTest::newRow("other kind of name") << nameless + "other_name_utf8 = \"1.3.6.1.5.2.2.9 alice@corp.example\"\n"
+                                        << QStringList() << QString();
+}
+
+void TstClientToken::refuses()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QStringList, mapping);
+    QFETCH(QString, domain);
+
+    if (!mapping.isEmpty())
+        QVERIFY(set("mapping", mapping));
+    QVERIFY(set("mapping-domain", domain));
+    ClientFixture client;
+    const QString cert = enrolled(client, SoftTokens::issue(QStringLiteral("case"), content));
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), failed);
+}
+
+void TstClientToken::otherAuthority()
+{
+    QVERIFY(SoftTokens::makeAuthority(QStringLiteral("stranger")));
+    ClientFixture client;
+    const QString cert = enrolled(client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(),
+                                                            QStringLiteral("rsa"), QStringLiteral("stranger")));
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    // Not even when the token brings the authority along.
+    QVERIFY(SoftTokens::putCert(one, id2, QStringLiteral("/home/alice/ca/stranger.pem")));
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    QVERIFY(set("trust-anchors", QStringLiteral("/home/alice/ca/stranger.pem")));
+    QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::authorityInBetween()
+{
+    QVERIFY(SoftTokens::makeAuthority(QStringLiteral("branch"), QStringLiteral("root")));
+    QVERIFY(SoftTokens::makeAuthority(QStringLiteral("twig"), QStringLiteral("branch")));
+    ClientFixture client;
+    const QString cert = enrolled(client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(),
+                                                            QStringLiteral("rsa"), QStringLiteral("twig")));
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    QVERIFY(SoftTokens::putCert(one, id2, QStringLiteral("/home/alice/ca/branch.pem")));
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    QVERIFY(SoftTokens::putCert(one, id3, QStringLiteral("/home/alice/ca/twig.pem")));
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QCOMPARE(client.certList(), QStringList{cert});
+
+    // A user's certificate is no authority.
+    QVERIFY(QFile::copy(QStringLiteral("/home/alice/ca/rsa.key"), QStringLiteral("/home/alice/ca/good.key"))
+            || QFile::exists(QStringLiteral("/home/alice/ca/good.key")));
+    TestDevice::setOwner(QStringLiteral("/home/alice/ca/good.key"), TestDevice::alice, TestDevice::alice);
+    const QString forged = SoftTokens::issue(QStringLiteral("forged"), SoftTokens::loginTemplate(),
+                                             QStringLiteral("ec"), QFileInfo(goodCert()).completeBaseName());
+    QVERIFY(!forged.isEmpty());
+    QVERIFY(SoftTokens::putCert(one, QStringLiteral("04"), goodCert()));
+    QVERIFY(SoftTokens::enroll(one, QStringLiteral("05"), forged, QStringLiteral("ec")));
+    const QStringList certs = client.certList().filter(QStringLiteral("id=%05"));
+    QCOMPARE(certs.size(), 1);
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), failed);
+}
+
+void TstClientToken::anchorDirectory()
+{
+    const QString anchors = QStringLiteral("/home/alice/anchors");
+    QDir(anchors).removeRecursively();
+    QVERIFY(SoftTokens::makeAuthority(QStringLiteral("stranger")));
+    QVERIFY(TestDevice::writeFile(anchors + QStringLiteral("/stranger.pem"),
+                                  TestDevice::readFile(QStringLiteral("/home/alice/ca/stranger.pem"))));
+    QVERIFY(set("trust-anchors", anchors));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    QVERIFY(TestDevice::writeFile(anchors + QStringLiteral("/root.pem"), TestDevice::readFile(SoftTokens::authority)));
+    QCOMPARE(client.validateCert(cert, pin), success);
+
+    // The same for revocation lists.
+    QVERIFY(set("crls", anchors));
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    const QString crls = QStringLiteral("/home/alice/crls");
+    const QString other = SoftTokens::issue(QStringLiteral("other"), SoftTokens::loginTemplate());
+    QVERIFY(TestDevice::writeFile(crls + QStringLiteral("/root.pem"), TestDevice::readFile(SoftTokens::revoke(other))));
+    QVERIFY(set("crls", crls));
+    QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::noAnchors_data()
+{
+    QTest::addColumn<QString>("anchors");
+    QTest::newRow("not configured") << QString();
+    QTest::newRow("no such file") << QStringLiteral("/nowhere");
+    QTest::newRow("no certificate") << QStringLiteral("/etc/passwd");
+    QTest::newRow("no certificate in the directory") << QStringLiteral("/srv/shared");
+}
+
+void TstClientToken::noAnchors()
+{
+    QFETCH(QString, anchors);
+    QVERIFY(set("trust-anchors", anchors));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    QTRY_VERIFY(client.output().contains("tarsk.kavet_client: No trust anchors in " + anchors.toUtf8() + '\n'));
+}
+
+void TstClientToken::revoked()
+{
+    const QString cert = SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate());
+    ClientFixture client;
+    const QString uri = enrolled(client, cert);
+    QVERIFY(!uri.isEmpty());
+    const QString other = SoftTokens::issue(QStringLiteral("other"), SoftTokens::loginTemplate());
+    QVERIFY(set("crls", SoftTokens::revoke(other)));
+    QCOMPARE(client.validateCert(uri, pin), success);
+    QVERIFY(set("crls", SoftTokens::revoke(cert)));
+    QCOMPARE(client.validateCert(uri, pin), failed);
+}
+
+void TstClientToken::uselessRevocationLists_data()
+{
+    QTest::addColumn<QString>("authority");
+    QTest::addColumn<bool>("stale");
+    QTest::newRow("out of date") << QStringLiteral("root") << true;
+    QTest::newRow("by a stranger") << QStringLiteral("stranger") << false;
+    QTest::newRow("no such file") << QString() << false;
+}
+
+void TstClientToken::uselessRevocationLists()
+{
+    QFETCH(QString, authority);
+    QFETCH(bool, stale);
+    QVERIFY(SoftTokens::makeAuthority(QStringLiteral("stranger")));
+    QString crls = QStringLiteral("/nowhere");
+    if (!authority.isEmpty())
+        crls = SoftTokens::revoke(
+            SoftTokens::issue(QStringLiteral("other"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), authority),
+            authority, stale);
+    QVERIFY(set("crls", crls));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    QTRY_VERIFY(client.output().contains("tarsk.kavet_client: No valid revocation lists in " + crls.toUtf8() + '\n'));
+}
+
+void TstClientToken::wrongKey_data()
+{
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QString>("id");
+    QTest::newRow("another RSA key") << QStringLiteral("rsa-other") << id1;
+    QTest::newRow("a key of another kind") << QStringLiteral("ec") << id1;
+    QTest::newRow("its key under another id") << QStringLiteral("rsa") << id2;
+}
+
+void TstClientToken::wrongKey()
+{
+    QFETCH(QString, key);
+    QFETCH(QString, id);
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::putHiddenKey(one, id, key));
+    QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), failed);
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClientToken::forgedSignature()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("none"));
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QVERIFY(makeUnruly("forge"));
+    QCOMPARE(client.validateCert(cert, pin), failed);
+}
+
+void TstClientToken::badUri_data()
+{
+    QTest::addColumn<QString>("change");
+    QTest::addColumn<QString>("to");
+    QTest::addColumn<QString>("answer");
+
+    // With a good certificate's URI, what is replaced by what; all of it if nothing is named.
+    QTest::newRow("as it is") << QStringLiteral("pkcs11:") << QStringLiteral("pkcs11:") << success;
+    QTest::newRow("shorter") << QStringLiteral(";object=certificate") << QString() << success;
+    QTest::newRow("no URI") << QString() << QStringLiteral("certificate") << failed;
+    QTest::newRow("another scheme") << QStringLiteral("pkcs11:") << QStringLiteral("file:") << failed;
+    QTest::newRow("not encoded") << QStringLiteral("id=%01") << QStringLiteral("id=%0") << failed;
+    QTest::newRow("another id") << QStringLiteral("id=%01") << QStringLiteral("id=%09") << failed;
+    QTest::newRow("a key") << QStringLiteral("type=cert") << QStringLiteral("type=private") << failed;
+    QTest::newRow("another token") << QStringLiteral("token=one") << QStringLiteral("token=three") << noToken;
+    QTest::newRow("another serial number") << QStringLiteral("serial=") << QStringLiteral("serial=0") << noToken;
+    QTest::newRow("with a PIN") << QStringLiteral("type=cert") << QString(QStringLiteral("type=cert?pin-value=") + pin)
+                                << failed;
+    QTest::newRow("with the place of a PIN")
+        << QStringLiteral("type=cert") << QStringLiteral("type=cert?pin-source=file:/etc/passwd") << failed;
+    QTest::newRow("with a PIN in the path")
+        << QStringLiteral("type=cert") << QString(QStringLiteral("type=cert;pin-value=") + pin) << failed;
+}
+
+void TstClientToken::badUri()
+{
+    QFETCH(QString, change);
+    QFETCH(QString, to);
+    QFETCH(QString, answer);
+    ClientFixture client;
+    QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(cert.contains(change));
+    if (change.isEmpty())
+        cert = to;
+    else
+        cert.replace(change, to);
+    QCOMPARE(client.validateCert(cert, answer == success ? pin : ::wrongPin), answer == success ? success : answer);
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClientToken::severalForOneUri()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    const QString vague = QStringLiteral("pkcs11:token=one;type=cert");
+    QCOMPARE(client.validateCert(vague, pin), success);
+    QVERIFY(SoftTokens::enroll(one, id2, goodCert()));
+    QCOMPARE(client.validateCert(vague, pin), failed);
+    QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::wrongPins()
+{
+    QVERIFY(set("lock-after", 2));
+    QVERIFY(set("remove-after", 3));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
+    QCOMPARE(ClientFixture::attempts(), 1);
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QCOMPARE(ClientFixture::attempts(), 0);
+    const QStringList expected = {failed, lock, removal, removal};
+    for (const QString &answer : expected)
+        QCOMPARE(client.validateCert(cert, ::wrongPin), answer);
+    QCOMPARE(ClientFixture::attempts(), 4);
+}
+
+void TstClientToken::wrongPin_data()
+{
+    QTest::addColumn<QString>("wrong");
+    QTest::newRow("empty") << QString();
+    QTest::newRow("too short") << QStringLiteral("1");
+    QTest::newRow("longer") << QString(pin + QStringLiteral("0"));
+    QTest::newRow("beginning") << pin.left(pin.size() - 1);
+    QTest::newRow("very long") << QStringLiteral("1").repeated(100000);
+    QTest::newRow("not ASCII") << QStringLiteral("３１４１５９２６");
+    QTest::newRow("line") << QString(pin + QStringLiteral("\n"));
+}
+
+void TstClientToken::wrongPin()
+{
+    QFETCH(QString, wrong);
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, wrong), failed);
+    QCOMPARE(ClientFixture::attempts(), 1);
+    QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::refusedCertDoesNotCount()
+{
+    ClientFixture client;
+    const QString cert = enrolled(
+        client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate().replace("alice", "bob")));
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("none"));
+    QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
+    QCOMPARE(ClientFixture::attempts(), 0);
+    // Nor is one of the token's tries spent.
+    QVERIFY(!QFileInfo::exists(QStringLiteral("/home/alice/wrong-pins")));
+}
+
+void TstClientToken::lockedForTheRightPinToo()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("none"));
+    QVERIFY(ClientFixture::setAttempts("5"));
+    QCOMPARE(client.validateCert(cert, pin), lock);
+    QCOMPARE(ClientFixture::attempts(), 6);
+    QVERIFY(ClientFixture::setAttempts("10"));
+    QCOMPARE(client.validateCert(cert, ::wrongPin), removal);
+    QCOMPARE(ClientFixture::attempts(), 11);
+    QVERIFY(!QFileInfo::exists(QStringLiteral("/home/alice/wrong-pins")));
+}
+
+void TstClientToken::pinBlocked()
+{
+    QVERIFY(set("lock-after", 0));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("none"));
+    QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
+    // One try is one try for the token too.
+    QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/wrong-pins")), QByteArray("1"));
+    QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
+    // The last try blocks the PIN, and from then on the right one does not help.
+    QCOMPARE(client.validateCert(cert, ::wrongPin), lock);
+    QCOMPARE(client.validateCert(cert, pin), lock);
+    QCOMPARE(ClientFixture::attempts(), 2);
+}
+
+void TstClientToken::defaultCert()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert({}, pin), badDefault);
+    QVERIFY(set("default-cert", cert));
+    QCOMPARE(client.validateCert({}, pin), success);
+    QCOMPARE(client.validateCert({}, ::wrongPin), failed);
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QVERIFY(SoftTokens::remove());
+    QCOMPARE(client.validateCert({}, pin), noToken);
+}
+
+void TstClientToken::badDefaultCert_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("defaultCert");
+    const QByteArray base = SoftTokens::loginTemplate();
+    QTest::newRow("somebody else's") << QByteArray(base).replace("alice", "bob") << QString();
+    QTest::newRow("not for logging in") << without(base, "tls_www_client") << QString();
+    QTest::newRow("no such certificate") << base << QStringLiteral("pkcs11:token=one;id=%09;type=cert");
+    QTest::newRow("no URI") << base << QStringLiteral("mine");
+}
+
+void TstClientToken::badDefaultCert()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QString, defaultCert);
+    ClientFixture client;
+    const QString cert = enrolled(client, SoftTokens::issue(QStringLiteral("case"), content));
+    QVERIFY(!cert.isEmpty());
+    const QString name = defaultCert.isEmpty() ? cert : defaultCert;
+    QVERIFY(set("default-cert", name));
+    QCOMPARE(client.validateCert({}, pin), badDefault);
+    QCOMPARE(client.validateCert(name, pin), badDefault);
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClientToken::twoTokens()
+{
+    const QString otherPin = QStringLiteral("27182818");
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
+    QVERIFY(SoftTokens::add(two, otherPin));
+    // The same id as on the other.
+    const QString ec = SoftTokens::issue(QStringLiteral("ec"), SoftTokens::loginTemplate(), QStringLiteral("ec"));
+    QVERIFY(SoftTokens::enroll(two, id1, ec, QStringLiteral("ec"), otherPin));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 2);
+    const QString first = certs.filter(QStringLiteral("token=one;")).value(0);
+    const QString second = certs.filter(QStringLiteral("token=two;")).value(0);
+    QCOMPARE(client.validateCert(first, pin), success);
+    QCOMPARE(client.validateCert(second, otherPin), success);
+    QCOMPARE(client.validateCert(first, otherPin), failed);
+    QCOMPARE(client.validateCert(second, pin), failed);
+    QCOMPARE(ClientFixture::attempts(), 2);
+}
+
+void TstClientToken::removedAndPutBack()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    for (int i = 0; i < 3; ++i) {
+        QVERIFY(SoftTokens::remove());
+        QCOMPARE(client.certList(), QStringList());
+        QCOMPARE(client.validateCert(cert, pin), noToken);
+        QVERIFY(SoftTokens::putBack());
+        QCOMPARE(client.certList(), QStringList{cert});
+        QCOMPARE(client.validateCert(cert, pin), success);
+    }
+    // Another token is not this one.
+    QVERIFY(SoftTokens::remove());
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
+    QCOMPARE(client.validateCert(cert, pin), noToken);
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClientToken::removedMeanwhile()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("remove"));
+    QCOMPARE(client.validateCert(cert, pin), noToken);
+    QVERIFY(QFileInfo::exists(QStringLiteral("/home/alice/removed")));
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClientToken::moduleFails_data()
+{
+    QTest::addColumn<QString>("module");
+    QTest::addColumn<QByteArray>("how");
+    const QString unruly = QStringLiteral(UNRULY_TOKEN);
+    QTest::newRow("absent") << QStringLiteral("/nowhere.so") << QByteArray();
+    QTest::newRow("no module") << QStringLiteral("/usr/lib/x86_64-linux-gnu/libz.so.1") << QByteArray();
+    QTest::newRow("no library") << QStringLiteral("/etc/passwd") << QByteArray();
+    QTest::newRow("does not start") << unruly << QByteArray("initialize");
+    QTest::newRow("error") << unruly << QByteArray("error");
+    QTest::newRow("crash") << unruly << QByteArray("crash");
+    QTest::newRow("exit") << unruly << QByteArray("exit");
+}
+
+void TstClientToken::moduleFails()
+{
+    QFETCH(QString, module);
+    QFETCH(QByteArray, how);
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly(how));
+    QVERIFY(set("module", module));
+    QCOMPARE(client.validateCert(cert, pin), moduleFailed);
+    QCOMPARE(ClientFixture::attempts(), 0);
+    QVERIFY(makeUnruly("none"));
+    QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::modulePrints()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("print"));
+    QCOMPARE(client.certList(), QStringList{cert});
+}
+
+void TstClientToken::answersOthersMeanwhile()
+{
+    QVERIFY(ClientFixture::setPassword(password));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("hang"));
+    const QDBusPendingReply<QString> reply = client.connection().asyncCall(
+        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    QTRY_COMPARE(helpers(client).size(), 1);
+    QCOMPARE(client.checkPassword(password), success);
+    QCOMPARE(client.certList(), QStringList{cert});
+    QVERIFY(!reply.isFinished());
+    // In time for whoever asked.
+    QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 30000);
+    QVERIFY2(reply.isValid(), qPrintable(reply.error().message()));
+    QCOMPARE(reply.value(), moduleFailed);
+    QVERIFY(helpers(client).isEmpty());
+}
+
+void TstClientToken::helperEndsWithClient()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("hang"));
+    for (const int signal : {SIGKILL}) {
+        client.connection().asyncCall(
+            ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+        QTRY_COMPARE(helpers(client).size(), 1);
+        const QString helper = QStringLiteral("/proc/%1").arg(helpers(client).constFirst());
+        kill(pid_t(client.process.processId()), signal);
+        QVERIFY(client.process.waitForFinished());
+        QTRY_VERIFY(!QFileInfo::exists(helper) || TestDevice::readFile(helper + QStringLiteral("/cmdline")).isEmpty());
+    }
+}
+
+void TstClientToken::peerVanishesMeanwhile()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("hang"));
+    client.connection().asyncCall(
+        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    QTRY_COMPARE(helpers(client).size(), 1);
+    QVERIFY(client.reconnect());
+    kill(helpers(client).constFirst().toInt(), SIGKILL);
+    QTRY_VERIFY(helpers(client).isEmpty());
+    QVERIFY(makeUnruly("none"));
+    QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::noSecrets()
+{
+    const QString longPin = QStringLiteral("31415926535897932384").repeated(10);
+    QVERIFY(SoftTokens::add(one, longPin));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert(), QStringLiteral("rsa"), longPin));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QCOMPARE(client.validateCert(certs.constFirst(), longPin), success);
+    const QString wrong = QString(longPin).replace(0, 1, QLatin1Char('1'));
+    QCOMPARE(client.validateCert(certs.constFirst(), wrong), failed);
+    QCOMPARE(client.certList().size(), 1);
+    const QString part = longPin.right(30);
+    const QByteArray wide(reinterpret_cast<const char *>(part.utf16()), part.size() * 2);
+    QVERIFY(!ClientFixture::memoryHolds(client.process.processId(), wide));
+
+    QVERIFY(makeUnruly("hang"));
+    client.connection().asyncCall(
+        ClientFixture::request(QStringLiteral("validateCert"), {certs.constFirst(), QStringLiteral("alice"), longPin}));
+    QTRY_COMPARE(helpers(client).size(), 1);
+    const QString helper = QStringLiteral("/proc/%1").arg(helpers(client).constFirst());
+    QTRY_VERIFY(ClientFixture::memoryHolds(helpers(client).constFirst().toInt(), part.toUtf8()));
+    const QByteArray open = TestDevice::readFile(helper + QStringLiteral("/cmdline"))
+                            + TestDevice::readFile(helper + QStringLiteral("/environ"))
+                            + TestDevice::readFile(ClientFixture::settingsPath) + client.output();
+    QVERIFY(open.contains("--validate-cert"));
+    QVERIFY(!open.contains(part.toUtf8()));
+    QCOMPARE(QFileInfo(helper + QStringLiteral("/mem")).ownerId(), 0U);
+}
+
+void TstClientToken::methodAuthenticates()
+{
+    QVERIFY(ClientFixture::takeLaunchersPlace(SoftTokens::environment()));
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
+
+    MethodFixture fixture;
+    QStringList certs;
+    const auto authenticate = [&](const QString &withPin) {
+        fixture.daemon.calls.clear();
+        fixture.method.authenticate(TestDevice::alice,
+                                    {{QStringLiteral("cert"), certs.value(0)}, {QStringLiteral("pin"), withPin}});
+        return QTest::qWaitFor([&fixture] { return !fixture.daemon.outcomes().isEmpty(); })
+                   ? fixture.daemon.outcomes().constFirst()
+                   : RecordingDaemon::Call{QStringLiteral("nothing"), {}};
+    };
+    const auto failedWith = [](SettingsKavet::ResultCode code) {
+        return RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, code);
+    };
+    fixture.method.authenticate(TestDevice::alice, {});
+    QTRY_COMPARE(fixture.daemon.outcomes().size(), 1);
+    fixture.method.getOption(0, QStringLiteral("certs"));
+    const auto listed = [&] {
+        const QVector<RecordingDaemon::Call> changes = fixture.daemon.callsOf(QStringLiteral("optionChanged"));
+        for (const RecordingDaemon::Call &change : changes) {
+            if (change.arguments.at(1) == QLatin1String("certs"))
+                certs = change.arguments.at(2).toStringList();
+        }
+        return !certs.isEmpty();
+    };
+    QTRY_VERIFY(listed());
+    QCOMPARE(certs.size(), 1);
+
+    QCOMPARE(authenticate(pin), RecordingDaemon::succeeded());
+    QCOMPARE(authenticate(::wrongPin), failedWith(SettingsKavet::AuthFailed));
+    QVERIFY(SoftTokens::remove());
+    QCOMPARE(authenticate(pin), failedWith(SettingsKavet::NoUsbDevice));
+    QVERIFY(set("default-cert", certs.constFirst()));
+    QVERIFY(SoftTokens::putBack());
+    QVERIFY(set("mapping", QStringLiteral("cn")));
+    QCOMPARE(authenticate(pin), failedWith(SettingsKavet::BadDefaultCert));
+    QVERIFY(set("module", QStringLiteral("/nowhere.so")));
+    QCOMPARE(authenticate(pin), failedWith(SettingsKavet::ConnectionError));
+    QVERIFY(set("auth-type", QStringLiteral("password")));
+    QCOMPARE(authenticate(pin), failedWith(SettingsKavet::ErrAuthType));
+    fixture.d->currentUid = 0; // Else the client would be started again.
+    fixture.d->child.terminate();
+    fixture.d->child.waitForFinished();
+}
+
+QTEST_GUILESS_MAIN(TstClientToken)
+#include "tst_clienttoken.moc"

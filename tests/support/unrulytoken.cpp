@@ -1,0 +1,135 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+// Stands in for the module of a token that does what a soft token never does. It hands everything to the soft tokens'
+// module, but blocks a token's PIN after three wrong tries, and breaks as the file unruly-token in the home directory
+// says, when it is next to sign:
+//   error    the module fails
+//   remove   the tokens in the home directory move from tokens to removed, and the module says so
+//   crash    the process ends by a signal
+//   exit     the process ends as if all were well
+//   hang     never returns
+//   forge    signs, but another text
+// or at once:
+//   initialize   the module cannot be initialised
+//   print    writes to standard output
+// The count of wrong tries is in the file wrong-pins there; the token cannot be unblocked but by removing it.
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <p11-kit/pkcs11.h>
+
+namespace {
+
+constexpr int maximumTries = 3;
+constexpr char softModule[] = "/usr/lib/softhsm/libsofthsm2.so";
+
+CK_FUNCTION_LIST functions;
+CK_FUNCTION_LIST *soft;
+
+std::string inHome(const char *name)
+{
+    return std::string(getenv("HOME")) + '/' + name;
+}
+
+std::string behaviour()
+{
+    std::string word;
+    std::ifstream(inHome("unruly-token")) >> word;
+    return word;
+}
+
+int wrongPins()
+{
+    int count = 0;
+    std::ifstream(inHome("wrong-pins")) >> count;
+    return count;
+}
+
+CK_RV initialize(void *arguments)
+{
+    if (behaviour() == "initialize")
+        return CKR_GENERAL_ERROR;
+    if (behaviour() == "print") {
+        std::puts("pkcs11:token=printed;type=cert");
+        std::fflush(stdout);
+    }
+    return soft->C_Initialize(arguments);
+}
+
+CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO *info)
+{
+    const CK_RV result = soft->C_GetTokenInfo(slot, info);
+    if (result == CKR_OK && wrongPins() >= maximumTries)
+        info->flags |= CKF_USER_PIN_LOCKED;
+    return result;
+}
+
+CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char *pin, unsigned long size)
+{
+    const int before = wrongPins();
+    if (before >= maximumTries)
+        return CKR_PIN_LOCKED;
+    const CK_RV result = soft->C_Login(session, user, pin, size);
+    if (result == CKR_PIN_INCORRECT)
+        std::ofstream(inHome("wrong-pins")) << before + 1;
+    else if (result == CKR_OK)
+        std::ofstream(inHome("wrong-pins")) << 0;
+    return result;
+}
+
+CK_RV sign(CK_SESSION_HANDLE session, unsigned char *data, unsigned long size, unsigned char *signature,
+           unsigned long *signatureSize)
+{
+    const std::string word = behaviour();
+    if (word == "error")
+        return CKR_GENERAL_ERROR;
+    if (word == "remove") {
+        std::rename(inHome("tokens").c_str(), inHome("removed").c_str());
+        mkdir(inHome("tokens").c_str(), S_IRWXU);
+        return CKR_DEVICE_REMOVED;
+    }
+    if (word == "crash")
+        raise(SIGKILL);
+    if (word == "exit")
+        _exit(EXIT_SUCCESS);
+    while (word == "hang")
+        pause();
+    if (word == "forge" && signature) // Without a place for it, only its size is asked for.
+        data[size - 1] ^= 1;
+    return soft->C_Sign(session, data, size, signature, signatureSize);
+}
+
+CK_RV functionList(CK_FUNCTION_LIST **list)
+{
+    *list = &functions;
+    return CKR_OK;
+}
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUNCTION_LIST **list)
+{
+    void *module = dlopen(softModule, RTLD_NOW | RTLD_LOCAL);
+    if (!module)
+        return CKR_GENERAL_ERROR;
+    const auto getSoft = reinterpret_cast<CK_C_GetFunctionList>(dlsym(module, "C_GetFunctionList"));
+    if (!getSoft || getSoft(&soft) != CKR_OK)
+        return CKR_GENERAL_ERROR;
+    functions = *soft;
+    functions.C_GetFunctionList = functionList;
+    functions.C_Initialize = initialize;
+    functions.C_GetTokenInfo = getTokenInfo;
+    functions.C_Login = login;
+    functions.C_Sign = sign;
+    *list = &functions;
+    return CKR_OK;
+}
