@@ -21,6 +21,10 @@ const QString objectPath = QStringLiteral("/kavetauth");
 /// More than anybody needs, and few enough to leave file descriptors for the client's own work.
 constexpr int maximumPeers = 256;
 
+/// When to show the socket again to a plugin that has not taken notice, in milliseconds; each time twice as late.
+constexpr int firstAnnouncement = 100;
+constexpr int lastAnnouncement = 60000;
+
 /// 0 when there is no such file.
 quint64 inode(const QString &path)
 {
@@ -60,7 +64,22 @@ QString ClientServer::listen()
         QFile::remove(temporaryPath);
         return message;
     }
+    m_interval = firstAnnouncement;
+    m_announcement.start(m_interval, this);
     return {};
+}
+
+// The plugin looks at the socket when something in its directory changes, and only once it knows that the client runs.
+// A client that starts faster than the plugin learns of it would never be connected to.
+void ClientServer::timerEvent(QTimerEvent *)
+{
+    if (inode(socketPath) == m_inode)
+        chmod(QFile::encodeName(socketPath).constData(), S_IRUSR | S_IWUSR);
+    m_interval *= 2;
+    if (m_interval <= lastAnnouncement)
+        m_announcement.start(m_interval, this);
+    else
+        m_announcement.stop();
 }
 
 void ClientServer::accept(QDBusConnection connection)
@@ -69,6 +88,7 @@ void ClientServer::accept(QDBusConnection connection)
         QDBusConnection::disconnectFromPeer(connection.name());
         return;
     }
+    m_announcement.stop();
     m_peers << connection.name();
     connection.registerObject(objectPath, m_served);
     connection.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <QBasicTimer>
 #include <QDBusContext>
 #include <QObject>
 #include <QSet>
@@ -24,6 +25,9 @@ public:
     /// Opens the socket. Returns what went wrong, or an empty string.
     QString listen();
 
+protected:
+    void timerEvent(QTimerEvent *event) override;
+
 private Q_SLOTS:
     void forgetPeer();
 
@@ -34,4 +38,6 @@ private:
     QDBusServer *m_server = nullptr;
     QSet<QString> m_peers;
     quint64 m_inode = 0;
+    QBasicTimer m_announcement;
+    int m_interval = 0; // Milliseconds.
 };
