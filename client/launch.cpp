@@ -58,7 +58,7 @@ bool MethodKavetPrivate::launchChild()
         watcher.addPath(Constants::currentPolicyFile);
     }
 
-    child.userConfigPath = Constants::userConfigName.arg(child.sharedDirectory).arg(currentUid);
+    child.userConfigPath = Constants::userConfigName.arg(child.sharedDirectory, QString::number(currentUid));
     LibAuthd::restrictPermissions(child.userConfigPath);
     if (!PinnedFile(child.userConfigPath).changeOwner(child.uid, child.gid)) {
         const int error = errno;

@@ -477,16 +477,17 @@ void TstLaunch::onlyTheLastElementIsHandedOver()
 
 void TstLaunch::namesMakeTheDirectories()
 {
-    QVERIFY(writeManifest(QStringLiteral("acme"), QStringLiteral("key ring"),
+    QVERIFY(writeManifest(QStringLiteral("acme"), QStringLiteral("key %1%2 ring"),
                           QStringLiteral("/usr/bin/tarsk.kavet_client"), {}));
     MethodFixture f;
     f.d->currentUid = alice;
     QVERIFY(f.d->launchChild());
-    QCOMPARE(owner(QStringLiteral("/srv/shared/acme/key ring")), handedOver());
-    QCOMPARE(f.d->child.userConfigPath, QStringLiteral("/srv/shared/acme/key ring/1000.conf"));
-    QCOMPARE(owner(QStringLiteral("/srv/shared/acme/key ring/1000.conf")), handedOver());
+    QCOMPARE(owner(QStringLiteral("/srv/shared/acme/key %1%2 ring")), handedOver());
+    QCOMPARE(f.d->child.userConfigPath, QStringLiteral("/srv/shared/acme/key %1%2 ring/1000.conf"));
+    QCOMPARE(owner(QStringLiteral("/srv/shared/acme/key %1%2 ring/1000.conf")), handedOver());
     QCOMPARE(owner(sharedDirectory), QStringLiteral("none"));
-    QCOMPARE(f.d->watcher.directories(), (QStringList{clientDirectory, QStringLiteral("/srv/shared/acme/key ring")}));
+    QCOMPARE(f.d->watcher.directories(),
+             (QStringList{clientDirectory, QStringLiteral("/srv/shared/acme/key %1%2 ring")}));
 }
 
 void TstLaunch::runningClient()
