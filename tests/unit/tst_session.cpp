@@ -43,7 +43,7 @@ RecordingDaemon::Call limitChanged(const QVariant &limit)
     return {QStringLiteral("optionChanged"), {0u, QStringLiteral("max-attempts"), limit, false}};
 }
 
-/// Notes whether the current policy was watched when an option was changed.
+/// Notes what was watched when an option was changed.
 class Onlooker : public RecordingDaemon
 {
 public:
@@ -55,10 +55,10 @@ public:
                        bool computed) override
     {
         RecordingDaemon::optionChanged(method, uid, option, value, computed);
-        policyWatched << d->watcher.files().contains(currentPolicy);
+        watchedThen << watched(d);
     }
 
-    QVector<bool> policyWatched;
+    QVector<QStringList> watchedThen;
 
 private:
     MethodKavetPrivate *const d;
@@ -95,11 +95,13 @@ private Q_SLOTS:
     void startKeepsTheDaemonsLimit();
     void startWithoutPolicies();
     void startWithoutManaging();
+    void startKillsRunningClient_data();
     void startKillsRunningClient();
     void startOfUnknownUser();
     void startAfterFirstStart();
     void startBeforeFirstStart();
     void homeIsTheDatabases();
+    void databaseIsLatin1();
     void delayedDeletionCallsTheWiper();
 
     void stopWithoutManifest();
@@ -206,7 +208,8 @@ void TstSession::startBringsWatchesAndPoliciesUpToDate()
     // The packaged limit is a start only; the current one is what counts.
     QCOMPARE(onlooker.calls,
              (QVector<RecordingDaemon::Call>{limitChanged(QStringLiteral("5")), limitChanged(QStringLiteral("3"))}));
-    QCOMPARE(onlooker.policyWatched, (QVector<bool>{false, true}));
+    const QStringList shared = sorted({clientDirectory, sharedDirectory});
+    QCOMPARE(onlooker.watchedThen, (QVector<QStringList>{shared, sorted(shared + QStringList{currentPolicy})}));
     QCOMPARE(f.method.getOptionInternal(0, QStringLiteral("max-attempts")), QVariant(QStringLiteral("3")));
     QCOMPARE(watched(f.d), sorted({clientDirectory, sharedDirectory, currentPolicy}));
 
@@ -279,27 +282,41 @@ void TstSession::startWithoutManaging()
     QVERIFY(m_wiper.users.isEmpty());
 }
 
+void TstSession::startKillsRunningClient_data()
+{
+    QTest::addColumn<uint>("user");
+    QTest::addColumn<QString>("next");
+    QTest::addColumn<uint>("uid");
+    QTest::newRow("before the first start") << carol << QStringLiteral("Delaying child launch for 1002") << carol;
+    QTest::newRow("after the first start") << bob << QString() << alice;
+    QTest::newRow("unknown user") << unknownUser << QStringLiteral("Cannot get name for 4242") << alice;
+}
+
 void TstSession::startKillsRunningClient()
 {
+    QFETCH(uint, user);
+    QFETCH(QString, next);
+    QFETCH(uint, uid);
+
     MethodFixture f;
     QVERIFY(f.link({{QStringLiteral("ignoreTerm"), true}}));
     f.method.reset();
 
     LogCapture log;
-    f.method.handleUserSessionTriggered(carol, true, true);
+    f.method.handleUserSessionTriggered(user, true, true);
     // It is not waited for; the rest of the session's start goes on at once.
     QCOMPARE(f.d->child.state(), QProcess::Running);
     QVERIFY(f.d->child.clientRunning);
-    const QStringList atOnce = {
-        QStringLiteral("handleUserSessionStarted Kavet client is already running, terminate..."),
-        QStringLiteral("Delaying child launch for 1002")};
+    QStringList atOnce = {QStringLiteral("handleUserSessionStarted Kavet client is already running, terminate...")};
+    if (!next.isEmpty())
+        atOnce << next;
     QCOMPARE(log.warnings(), atOnce);
-    QCOMPARE(f.d->child.uid, carol);
+    QCOMPARE(f.d->child.uid, uid);
 
     QTRY_COMPARE(f.d->child.state(), QProcess::NotRunning);
     QTRY_COMPARE(log.warnings(),
                  atOnce + QStringList{QStringLiteral("onChildFinished Client has terminated exitCode 9 exitStatus 1")});
-    QCOMPARE(log.lines().size(), 3);
+    QCOMPARE(log.lines().size(), atOnce.size() + 1);
     QCOMPARE(TestDevice::launches().size(), 1);
 }
 
@@ -356,6 +373,20 @@ void TstSession::homeIsTheDatabases()
     QCOMPARE(f.d->child.homeDirectory, home);
     QCOMPARE(watched(f.d), sorted({clientDirectory, home}));
     QVERIFY(QDir(QStringLiteral("/srv/homes")).removeRecursively());
+}
+
+void TstSession::databaseIsLatin1()
+{
+    QByteArray passwords = m_passwords;
+    passwords.replace(":/home/carol:", ":/srv/homes/c\xc3\xa4rol:").replace("\nbob:", "\nb\xc3\xb6:");
+    QVERIFY(writeFile(passwdFile, passwords));
+    MethodFixture f;
+    QVERIFY(f.method.setOptionInternal(bob, delayedDeletion, true));
+
+    f.method.handleUserSessionTriggered(carol, true, true);
+    QCOMPARE(f.d->child.homeDirectory, QString::fromLatin1("/srv/homes/c\xc3\xa4rol"));
+    f.method.handleUserSessionTriggered(bob, true, true);
+    QTRY_COMPARE(m_wiper.users, QStringList{QString::fromLatin1("b\xc3\xb6")});
 }
 
 void TstSession::delayedDeletionCallsTheWiper()

@@ -63,7 +63,7 @@ struct WatchingFixture : MethodFixture
     }
 };
 
-/// Notes which files were watched when an option was changed.
+/// Notes which files were watched, and whose alice's was, when an option was changed.
 class Onlooker : public RecordingDaemon
 {
 public:
@@ -76,9 +76,11 @@ public:
     {
         RecordingDaemon::optionChanged(method, uid, option, value, computed);
         watched << d->watcher.files();
+        owners << owner(aliceFile);
     }
 
     QVector<QStringList> watched;
+    QStringList owners;
 
 private:
     MethodKavetPrivate *const d;
@@ -377,9 +379,10 @@ void TstWatching::userFileIsTakenUp()
     LogCapture log(true);
     f.d->handleChildSharedDirectory(QStringLiteral("/whatever"));
     QCOMPARE(owner(aliceFile), QStringLiteral("1000:960"));
-    // Watched before it is read, so that no change goes by unseen.
+    // Given and watched before it is read, so that no change goes by unseen.
     QCOMPARE(onlooker.calls, Calls{changed(alice, attempts, QStringLiteral("2"))});
     QCOMPARE(onlooker.watched, QVector<QStringList>{QStringList{aliceFile}});
+    QCOMPARE(onlooker.owners, QStringList{QStringLiteral("1000:960")});
     QCOMPARE(f.d->watcher.files(), QStringList{aliceFile});
     QVERIFY(log.lines().isEmpty());
 
