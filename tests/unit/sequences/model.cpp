@@ -208,15 +208,14 @@ void Model::act(const Event &event)
         noteDirectory(clientDirectory);
         break;
     case Kind::DropLink:
-        if (!m_arrivals.isEmpty() || (m_dying && !m_heldCalls.isEmpty()))
-            m_ambiguous = true;
-        m_arrivals << Arrival{Arrival::LinkGone, QString(), 0};
+        m_ambiguous = m_ambiguous || m_dying;
+        loseLink();
         break;
     case Kind::Reply: {
         m_heldCalls.removeAt(event.variant % m_heldCalls.size());
         const bool certain = event.answer != QLatin1String("<hold>") && event.answer != QLatin1String("<drop>")
                              && event.answer != QLatin1String("<die>");
-        m_arrivals << Arrival{Arrival::Answer, certain ? event.answer : answers.first(), 0};
+        m_arrivals << Arrival{Arrival::Answer, certain ? event.answer : answers.first(), 0, 0};
         break;
     }
     case Kind::FetchCerts:
@@ -227,7 +226,7 @@ void Model::act(const Event &event)
         break;
     case Kind::ReplyCerts:
         --m_certsHeld;
-        m_arrivals << Arrival{Arrival::Certs, QString(), event.variant};
+        m_arrivals << Arrival{Arrival::Certs, QString(), event.variant, 0};
         break;
     case Kind::StartSession:
         startSession(event.user, event.flag);
@@ -371,7 +370,7 @@ void Model::settle()
                 handleCerts(arrival.certs);
                 break;
             case Arrival::LinkGone:
-                linkGone();
+                callsLost(arrival.lost, arrival.certs);
                 break;
             }
         } else if (!m_wiped.isEmpty()) {
@@ -549,9 +548,9 @@ void Model::callClient(const QString &method, const QStringList &arguments, cons
     } else if (answer == QLatin1String("<drop>")) {
         m_ambiguous = m_ambiguous || !m_arrivals.isEmpty() || m_dying;
         m_heldCalls << credential;
-        m_arrivals << Arrival{Arrival::LinkGone, QString(), 0};
+        loseLink();
     } else {
-        m_arrivals << Arrival{Arrival::Answer, answer, 0};
+        m_arrivals << Arrival{Arrival::Answer, answer, 0, 0};
     }
 }
 
@@ -572,7 +571,7 @@ QStringList Model::getCertList()
     if (m_certsAnswer == HoldCerts)
         ++m_certsHeld;
     else
-        m_arrivals << Arrival{Arrival::Certs, QString(), m_certsAnswer};
+        m_arrivals << Arrival{Arrival::Certs, QString(), m_certsAnswer, 0};
     return {QStringLiteral(".")};
 }
 
@@ -582,16 +581,23 @@ void Model::handleCerts(int answer)
     m_certsInFlight = false;
 }
 
-void Model::linkGone()
+/// The link is down at once, while the end of its calls is yet to arrive.
+void Model::loseLink()
 {
     m_connected = false;
-    const int lost = m_heldCalls.size();
+    if (!m_heldCalls.isEmpty() || m_certsHeld > 0)
+        m_arrivals << Arrival{Arrival::LinkGone, QString(), m_certsHeld, m_heldCalls.size()};
     m_heldCalls.clear();
-    for (int i = 0; i < lost; ++i) {
+    m_certsHeld = 0;
+}
+
+void Model::callsLost(int calls, int certs)
+{
+    for (int i = 0; i < calls; ++i) {
         m_situations << QStringLiteral("call lost with the link");
         requestInput(EnterPasswordOrPin, CannotCommunicateClient);
     }
-    for (; m_certsHeld > 0; --m_certsHeld)
+    for (int i = 0; i < certs; ++i)
         handleCerts(CertsError);
 }
 
@@ -705,7 +711,6 @@ void Model::processEnded()
 {
     if (!m_arrivals.isEmpty())
         m_ambiguous = true;
-    const bool loses = m_connected && (!m_heldCalls.isEmpty() || m_certsHeld > 0);
     const int launches = m_launches.size();
     m_process = NotRunning;
     m_dying = false;
@@ -715,8 +720,7 @@ void Model::processEnded()
     makeAuth();
     if (m_launches.size() > launches)
         m_situations << QStringLiteral("relaunched");
-    if (loses)
-        m_arrivals << Arrival{Arrival::LinkGone, QString(), 0};
+    loseLink();
 }
 
 void Model::setUnavailable(bool wasRunning)

@@ -30,9 +30,10 @@ public:
 
     /// Credentials so far, each of which has the next number.
     int credentials() const { return m_credentials; }
-    /// Calls to the client so far.
+    /// Calls to the client and to the wiper so far.
     int calls() const { return m_calls.size(); }
-    /// Those that the client has not answered yet.
+    int wipes() const { return m_wipes.size(); }
+    /// Calls that the client has not answered yet.
     int heldCalls() const { return m_heldCalls.size(); }
     /// What leads on from here, which pure chance would seldom find; each as often as it should be drawn.
     QVector<Kind> next() const;
@@ -90,7 +91,8 @@ private:
     {
         enum Type { Answer, Certs, LinkGone } type;
         QString answer;
-        int certs = 0;
+        int certs = 0; ///< Answer or, with the link gone, number of lost calls.
+        int lost = 0;
     };
     using OptionKey = QPair<uint, QString>;
 
@@ -107,7 +109,8 @@ private:
     void callClient(const QString &method, const QStringList &arguments, const QString &credential);
     QStringList getCertList();
     void handleCerts(int answer);
-    void linkGone();
+    void loseLink();
+    void callsLost(int calls, int certs);
 
     // The client
     bool launch();

@@ -250,7 +250,7 @@ void System::start()
     // A link ends with the client that holds its other end.
     QObject::connect(&m_private->child, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), m_private,
                      [this] {
-                         awaitCalls(m_callsExpected);
+                         awaitCalls(m_callsExpected, 0);
                          m_peer.drop();
                      });
     m_launchesSinceReset = 0;
@@ -266,7 +266,7 @@ QString System::perform(const Event &event, const Model &before, const Model &af
     m_returned.clear();
     m_rightOwnerSeenBefore = m_rightOwnerSeen;
     m_callsExpected = after.calls();
-    awaitCalls(before.calls());
+    awaitCalls(before.calls(), before.wipes());
     act(event, before);
     lookForSocket();
     m_rightOwnerSeenBefore = m_rightOwnerSeenBefore || m_rightOwnerSeen;
@@ -356,6 +356,7 @@ void System::act(const Event &event, const Model &before)
         break;
     case Kind::DropLink:
         m_peer.drop();
+        awaitEndOfLink();
         break;
     case Kind::Reply: {
         const bool certain = event.answer != QLatin1String("<hold>") && event.answer != QLatin1String("<drop>")
@@ -458,6 +459,10 @@ void System::act(const Event &event, const Model &before)
         putManifest(event.variant);
         break;
     case Kind::SetWiper:
+        // So that the bus has seen all calls to the wiper before.
+        QDBusConnection::systemBus().call(
+            QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/"),
+                                           QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId")));
         m_peer.setWiper(event.variant);
         break;
     case Kind::ReplyWiper:
@@ -508,12 +513,22 @@ void System::awaitLaunches()
     }
 }
 
-/// Waits until the client has got `count` calls, so that none is lost with the link before it is seen.
-void System::awaitCalls(int count)
+/// Waits until that many calls to the client and to the wiper have arrived, so that none is lost or meets with what is
+/// changed after it.
+void System::awaitCalls(int calls, int wipes)
 {
     QElapsedTimer waiting;
     waiting.start();
-    while (m_peer.calls().size() < count && waiting.elapsed() < impatience)
+    while ((m_peer.calls().size() < calls || m_peer.wipes().size() < wipes) && waiting.elapsed() < impatience)
+        QThread::yieldCurrentThread();
+}
+
+/// Waits until the library has noticed that the other end is gone.
+void System::awaitEndOfLink()
+{
+    QElapsedTimer waiting;
+    waiting.start();
+    while (m_private->connection.isConnected() && waiting.elapsed() < impatience)
         QThread::yieldCurrentThread();
 }
 

@@ -45,7 +45,8 @@ private:
     void runWatcher();
     void awaitLaunches();
     void readLaunches();
-    void awaitCalls(int count);
+    void awaitCalls(int calls, int wipes);
+    void awaitEndOfLink();
     QString settle(const Model &model);
     QString differences(const Model &model, bool arrivals);
     QString broken();
