@@ -110,6 +110,12 @@ bool isUnsafe(const QByteArray &line)
            || text.contains("@DateTime(");
 }
 
+/// Path for a copy of settings; empty when there is no such directory, and then nothing can be written there.
+QString copyPath(const QTemporaryDir &scratch)
+{
+    return scratch.isValid() ? QString(scratch.path() + QLatin1Char('/') + settingsName) : QString();
+}
+
 bool fail(int error)
 {
     errno = error;
@@ -211,7 +217,7 @@ QVariant UserSettings::value(const QString &key, const QVariant &defaultValue) c
     const SettingsLine found = findLine(m_content, key.toUtf8());
     const QByteArray line = m_content.mid(found.begin, found.size);
     const QTemporaryDir scratch;
-    QFile copy(scratch.filePath(settingsName));
+    QFile copy(copyPath(scratch));
     if (line.isEmpty() || isUnsafe(line) || !copy.open(QIODevice::WriteOnly) || copy.write(line) != line.size())
         return defaultValue;
     copy.close();
@@ -224,7 +230,7 @@ void UserSettings::setValue(const QString &key, const QVariant &value)
         return;
 
     const QTemporaryDir scratch;
-    QFile copy(scratch.filePath(settingsName));
+    QFile copy(copyPath(scratch));
     QSettings settings(copy.fileName(), QSettings::NativeFormat);
     settings.setValue(key, value);
     settings.sync();

@@ -197,6 +197,7 @@ private Q_SLOTS:
     void settingsThatWouldEndTheDaemon_data();
     void settingsThatWouldEndTheDaemon();
     void settingsLeaveNothingBehind();
+    void settingsWithoutRoomForACopy();
 };
 
 void TstUserFiles::init()
@@ -789,6 +790,30 @@ void TstUserFiles::settingsLeaveNothingBehind()
     }
     UserSettings(outside).setValue(attempts, 4);
     QCOMPARE(temporaryFiles(), before);
+    QCOMPARE(QDir(sharedDirectory).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList{QStringLiteral("file.conf")});
+}
+
+void TstUserFiles::settingsWithoutRoomForACopy()
+{
+    const QByteArray before = qgetenv("TMPDIR");
+    const QString directory = QDir::currentPath();
+    const auto restore = qScopeGuard([&] {
+        QDir::setCurrent(directory);
+        before.isNull() ? qunsetenv("TMPDIR") : qputenv("TMPDIR", before);
+    });
+    QVERIFY(writeFile(file, "[General]\nattempts=3\n"));
+    QVERIFY(QDir::setCurrent(sharedDirectory));
+    // Not even root can make a directory there.
+    QVERIFY(qputenv("TMPDIR", "/proc"));
+    const QStringList root = QDir::root().entryList(QDir::AllEntries | QDir::Hidden | QDir::System);
+    {
+        UserSettings settings(file);
+        QCOMPARE(settings.value(attempts, 7), QVariant(7));
+        settings.setValue(attempts, 4);
+    }
+    QCOMPARE(readFile(file), QByteArray("[General]\nattempts=3\n"));
+    QCOMPARE(QDir::root().entryList(QDir::AllEntries | QDir::Hidden | QDir::System), root);
     QCOMPARE(QDir(sharedDirectory).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
              QStringList{QStringLiteral("file.conf")});
 }
