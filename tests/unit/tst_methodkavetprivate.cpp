@@ -225,13 +225,38 @@ private Q_SLOTS:
 
     void connectionsAreDirect()
     {
-        const MethodKavet method;
+        const LogCapture log(true);
+        QVector<bool> running;
+        QStringList lastLines;
+        QVector<bool> told;
+        RecordingDaemon daemon;
+        MethodKavet method;
+        method.setNotificator(&daemon);
         MethodKavetPrivate *const d = privateOf(method);
         // Connected later, so these are called after the private object's own.
-        QVector<bool> running;
+        const auto noteLine = [&] {
+            lastLines << log.lines().constLast().text;
+        };
         connect(&d->child, &QProcess::stateChanged, this, [&] { running << d->child.clientRunning; });
-        QVERIFY(runInChild(d->child, QStringLiteral("exit 0")));
-        QCOMPARE(running, QVector<bool>({false, true, false}));
+        connect(&d->child, &QProcess::errorOccurred, this, noteLine);
+        connect(&d->child, &QProcess::readyReadStandardOutput, this, noteLine);
+        connect(&d->child, &QProcess::readyReadStandardError, this, noteLine);
+        connect(&d->watcher, &QFileSystemWatcher::fileChanged, this, [&] { told << !daemon.calls.isEmpty(); });
+
+        QVERIFY(runInChild(d->child, QStringLiteral("printf out")));
+        QVERIFY(runInChild(d->child, QStringLiteral("printf err >&2")));
+        QCOMPARE(running, QVector<bool>({false, true, false, false, true, false}));
+        d->child.start(QStringLiteral("/nonexistent"), QStringList());
+        QTRY_COMPARE(d->child.state(), QProcess::NotRunning);
+        QCOMPARE(lastLines, QStringList({QStringLiteral("onReadyStdout client stdout: \"out\""),
+                                         QStringLiteral("onReadyStderr client stderr: \"err\""),
+                                         QStringLiteral("onChildErrorOccurred error 0")}));
+
+        QVERIFY(TestDevice::writeSetting(TestDevice::currentPolicy, maxAttempts, QStringLiteral("5")));
+        QVERIFY(d->watcher.addPath(TestDevice::currentPolicy));
+        QVERIFY(TestDevice::writeSetting(TestDevice::currentPolicy, maxAttempts, QStringLiteral("7")));
+        QTRY_VERIFY(!told.isEmpty());
+        QVERIFY(told.constFirst());
     }
 
     void directoryChangeIsConnected()
