@@ -70,6 +70,9 @@ public:
     /// stands for one still being fetched, changes nothing.
     void updateCerts(const QVariant &value);
 
+    /// Takes notice that `option` of user `uid` (0: of the method as a whole) has changed: takes "certs" as
+    /// updateCerts() does, and tells of "max-attempts" and of "attempts" of the user uid() by their signals. `value` is
+    /// looked at for "certs" alone.
     void handleOptionChanged(unsigned int uid, const QString &option, const QVariant &value) override;
 
 Q_SIGNALS:

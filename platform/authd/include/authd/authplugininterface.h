@@ -34,7 +34,8 @@ public:
     virtual bool canSwitchToUser(uint uid);
     /// Forgets the request in progress.
     virtual void reset() = 0;
-    /// Starts authenticating user `uid` with what the user has entered.
+    /// Starts authenticating user `uid` with what the user has entered: values by the method's own keys, among them the
+    /// secret; empty when nothing has been entered yet.
     virtual void authenticate(uint uid, const QMap<QString, QVariant> &data) = 0;
     /// Whether the method can be offered to user `uid`.
     virtual bool isAvailable(uint uid) = 0;
@@ -43,7 +44,8 @@ public:
     /// The session of user `uid` has started or stopped. `manageClient` false: only what the method keeps about the
     /// session is to be refreshed, programs that run for the user are left alone.
     virtual void handleUserSessionTriggered(uint uid, bool started, bool manageClient) = 0;
-    /// User `uid` has been locked or unlocked. The base does nothing.
+    /// User `uid` has been locked or unlocked, for the `reason` and the `duration` (in seconds) that lockUser() takes.
+    /// The base does nothing.
     virtual void handleUserLocked(uint uid, bool locked, const QString &reason, uint duration);
     /// The system time has moved by `seconds`. The base does nothing.
     virtual void handleTimeSettingsChanged(long seconds);
@@ -57,7 +59,7 @@ public:
     virtual int increaseAttempts(uint uid) = 0;
     /// How many failed attempts the method allows; 0 means no limit, which the base says.
     virtual int getMaxAttempts();
-    /// How many attempts user `uid` has left.
+    /// How many attempts user `uid` has left; not above 0 when they are used up.
     virtual int getAttempts(uint uid) = 0;
     /// Forgets the failed attempts of user `uid`.
     virtual void resetAttempts(uint uid) = 0;
