@@ -55,7 +55,7 @@ bool MethodKavetPrivate::launchChild()
     watcher.addPath(child.sharedDirectory);
     if (QFileInfo::exists(Constants::currentPolicyFile)) {
         syncPolicy(Constants::currentPolicyFile, true);
-        watcher.addPath(Constants::currentPolicyFile);
+        watchFile(Constants::currentPolicyFile);
     }
 
     child.userConfigPath = Constants::userConfigName.arg(child.sharedDirectory, QString::number(currentUid));
@@ -70,7 +70,7 @@ bool MethodKavetPrivate::launchChild()
     UserSettings userSettings(child.userConfigPath);
     userSettings.setValue(Constants::attempts, q->getOptionInternal(currentUid, Constants::attempts));
     if (QFileInfo::exists(child.userConfigPath))
-        watcher.addPath(child.userConfigPath);
+        watchFile(child.userConfigPath);
 
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(Constants::homeVariable, Constants::homeRoot + userName);

@@ -118,6 +118,7 @@ private Q_SLOTS:
     void onChildFinished(int exitCode, QProcess::ExitStatus exitStatus);
 
 private:
+    void watchFile(const QString &path);
     void callClient(const QString &method, const QVariantList &arguments);
 
     Q_DISABLE_COPY(MethodKavetPrivate)

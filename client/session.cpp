@@ -30,7 +30,7 @@ void MethodKavetPrivate::handleUserSessionStarted(uint uid, bool manageClient)
     if (QFileInfo::exists(Constants::packagedPolicyFile))
         syncPolicy(Constants::packagedPolicyFile, false);
     if (QFileInfo::exists(Constants::currentPolicyFile)) {
-        watcher.addPath(Constants::currentPolicyFile);
+        watchFile(Constants::currentPolicyFile);
         syncPolicy(Constants::currentPolicyFile, true);
     }
     if (!manageClient)

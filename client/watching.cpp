@@ -49,26 +49,27 @@ bool MethodKavetPrivate::handleChildSocket(const QString &path)
     return true;
 }
 
+// What stood at the path before counts as watched until the watcher has told of its end, which may come late or, after
+// a link, never; and a directory in the place of a file would be watched beside it. So that is given up first.
+void MethodKavetPrivate::watchFile(const QString &path)
+{
+    watcher.removePath(path);
+    watcher.addPath(path);
+}
+
 void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
 {
     Q_UNUSED(path)
-    // A file that has been replaced counts as watched until the watcher has told of the old one's end, which may come
-    // after the directory's change; so it is given up first.
-    const auto watchAgain = [this](const QString &file) {
-        watcher.removePath(file);
-        watcher.addPath(file);
-    };
-
     if (child.uid != 0 && !child.userConfigPath.isEmpty() && QFileInfo::exists(child.userConfigPath)) {
         if (!PinnedFile(child.userConfigPath).changeOwner(child.uid, child.gid)) {
             qCWarning(kavet) << "Failed to change owner for" << child.userConfigPath << "to" << child.uid << child.gid;
         }
-        watchAgain(child.userConfigPath);
+        watchFile(child.userConfigPath);
         q->setOptionInternal(child.uid, Constants::attempts, getChildAttempts());
     }
 
     if (QFileInfo::exists(Constants::currentPolicyFile)) {
-        watchAgain(Constants::currentPolicyFile);
+        watchFile(Constants::currentPolicyFile);
         syncPolicy(Constants::currentPolicyFile, true);
     }
 }

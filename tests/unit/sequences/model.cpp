@@ -635,7 +635,7 @@ bool Model::launch()
     watch(shared);
     if (exists(policy)) {
         syncPolicy(policy, true);
-        watch(policy);
+        watchAnew(policy);
     }
     m_userConfigPath = userFile(m_currentUid);
     if (!m_files.contains(m_userConfigPath))
@@ -645,7 +645,7 @@ bool Model::launch()
         return false;
     }
     const QString count = option(m_currentUid, attempts).text;
-    watch(m_userConfigPath);
+    watchAnew(m_userConfigPath);
     startProcess();
     writeFile(m_userConfigPath, count);
     return true;
@@ -769,7 +769,7 @@ void Model::startSession(uint user, bool manageClient)
     if (m_packagedPolicy)
         syncPolicy(packaged, false);
     if (exists(policy)) {
-        watch(policy);
+        watchAnew(policy);
         syncPolicy(policy, true);
     }
     if (!manageClient)
@@ -874,13 +874,11 @@ void Model::sharedDirectoryChanged()
 {
     if (m_uid != 0 && !m_userConfigPath.isEmpty() && exists(m_userConfigPath)) {
         changeOwner(m_userConfigPath, m_uid, m_gid);
-        unwatch(m_userConfigPath);
-        watch(m_userConfigPath);
+        watchAnew(m_userConfigPath);
         setOption(m_uid, attempts, childAttempts());
     }
     if (exists(policy)) {
-        unwatch(policy);
-        watch(policy);
+        watchAnew(policy);
         syncPolicy(policy, true);
     }
 }
@@ -913,6 +911,13 @@ void Model::watch(const QString &path)
 void Model::unwatch(const QString &path)
 {
     m_watches.remove(path);
+}
+
+/// Whatever stood there when it was watched before.
+void Model::watchAnew(const QString &path)
+{
+    unwatch(path);
+    watch(path);
 }
 
 // --- Settings -------------------------------------------------------------------------------------------------------

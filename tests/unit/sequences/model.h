@@ -135,6 +135,7 @@ private:
     void homeChanged();
     void watch(const QString &path);
     void unwatch(const QString &path);
+    void watchAnew(const QString &path);
 
     // Settings
     Value option(uint user, const QString &name) const;
