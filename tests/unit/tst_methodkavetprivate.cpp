@@ -254,6 +254,7 @@ private Q_SLOTS:
 
         QVERIFY(TestDevice::writeSetting(TestDevice::currentPolicy, maxAttempts, QStringLiteral("5")));
         QVERIFY(d->watcher.addPath(TestDevice::currentPolicy));
+        daemon.calls.clear();
         QVERIFY(TestDevice::writeSetting(TestDevice::currentPolicy, maxAttempts, QStringLiteral("7")));
         QTRY_VERIFY(!told.isEmpty());
         QVERIFY(told.constFirst());

@@ -353,6 +353,17 @@ private Q_SLOTS:
         QVERIFY(!settings.certListIsUpdating());
     }
 
+    void stateChangesBeforeTheList()
+    {
+        m_service.setValue(0, certsOption, QStringList(QStringLiteral("old")));
+        SettingsKavet settings(nullptr);
+        QStringList seen;
+        connect(&settings, &SettingsKavet::certListIsUpdatingChanged, this, [&] { seen << settings.certList(); });
+        settings.updateCerts(QStringList(QStringLiteral("new")));
+        QCOMPARE(seen, QStringList(QStringLiteral("old")));
+        QCOMPARE(settings.certList(), QStringList(QStringLiteral("new")));
+    }
+
     void updateCertList()
     {
         m_service.setValue(0, certsOption, QStringList(QStringLiteral("a")));
