@@ -507,8 +507,8 @@ void TstMonitoring::cannotBeStarted()
 void TstMonitoring::unknownState_data()
 {
     QTest::addColumn<int>("state");
+    // The only other value that the enumeration can hold.
     QTest::newRow("3") << 3;
-    QTest::newRow("-1") << -1;
 }
 
 void TstMonitoring::unknownState()
