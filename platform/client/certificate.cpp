@@ -88,7 +88,7 @@ std::vector<gnutls_x509_crt_t> chain(const Certificate &certificate, const std::
     for (int depth = 0; depth < maximumDepth; ++depth) {
         gnutls_x509_crt_t issuer = nullptr;
         for (const Certificate &other : others) {
-            if (isAuthority(other) && gnutls_x509_crt_check_issuer(path.back(), other.get()))
+            if (gnutls_x509_crt_check_issuer(path.back(), other.get()))
                 issuer = other.get();
         }
         if (!issuer || gnutls_x509_crt_check_issuer(issuer, issuer))
@@ -155,7 +155,7 @@ QStringList localParts(const QStringList &addresses, const QString &domain)
     QStringList parts;
     for (const QString &address : addresses) {
         const int at = address.lastIndexOf(QLatin1Char('@'));
-        if (at > 0 && (domain.isEmpty() || address.mid(at + 1).compare(domain, Qt::CaseInsensitive) == 0))
+        if (at != -1 && (domain.isEmpty() || address.mid(at + 1).compare(domain, Qt::CaseInsensitive) == 0))
             parts << address.left(at);
     }
     return parts;

@@ -105,6 +105,7 @@ private Q_SLOTS:
     void refusedCertDoesNotCount();
     void lockedForTheRightPinToo();
     void pinBlocked();
+    void pinNotAskedFor();
     void defaultCert();
     void badDefaultCert_data();
     void badDefaultCert();
@@ -191,6 +192,10 @@ void TstClientToken::listsOverRegisteredModules()
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QCOMPARE(client.validateCert(cert, pin), success);
+    QVERIFY(SoftTokens::remove());
+    QCOMPARE(client.certList(), QStringList());
+    // The system's trusted certificates are on no token of the user's.
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:type=cert"), pin), noToken);
 }
 
 void TstClientToken::listsNone_data()
@@ -514,21 +519,29 @@ void TstClientToken::uselessRevocationLists_data()
 {
     QTest::addColumn<QString>("authority");
     QTest::addColumn<bool>("stale");
-    QTest::newRow("out of date") << QStringLiteral("root") << true;
-    QTest::newRow("by a stranger") << QStringLiteral("stranger") << false;
-    QTest::newRow("no such file") << QString() << false;
+    QTest::addColumn<bool>("besideGood");
+    QTest::newRow("out of date") << QStringLiteral("root") << true << false;
+    QTest::newRow("by a stranger") << QStringLiteral("stranger") << false << false;
+    QTest::newRow("by a stranger, beside a good one") << QStringLiteral("stranger") << false << true;
+    QTest::newRow("no such file") << QString() << false << false;
 }
 
 void TstClientToken::uselessRevocationLists()
 {
     QFETCH(QString, authority);
     QFETCH(bool, stale);
+    QFETCH(bool, besideGood);
     QVERIFY(SoftTokens::makeAuthority(QStringLiteral("stranger")));
     QString crls = QStringLiteral("/nowhere");
     if (!authority.isEmpty())
         crls = SoftTokens::revoke(
             SoftTokens::issue(QStringLiteral("other"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), authority),
             authority, stale);
+    if (besideGood) {
+        const QString good =
+            SoftTokens::revoke(SoftTokens::issue(QStringLiteral("third"), SoftTokens::loginTemplate()));
+        QVERIFY(TestDevice::writeFile(crls, TestDevice::readFile(good) + TestDevice::readFile(crls)));
+    }
     QVERIFY(set("crls", crls));
     ClientFixture client;
     const QString cert = enrolled(client, goodCert());
@@ -708,6 +721,18 @@ void TstClientToken::pinBlocked()
     QCOMPARE(client.validateCert(cert, ::wrongPin), lock);
     QCOMPARE(client.validateCert(cert, pin), lock);
     QCOMPARE(ClientFixture::attempts(), 2);
+}
+
+void TstClientToken::pinNotAskedFor()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("keypad"));
+    // That the token signs says nothing about the PIN that came with the call.
+    QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
+    QVERIFY(makeUnruly("none"));
+    QCOMPARE(client.validateCert(cert, pin), success);
 }
 
 void TstClientToken::defaultCert()

@@ -11,6 +11,7 @@
 //   hang     never returns
 //   forge    signs, but another text
 // or at once:
+//   keypad   the device has a keypad of its own, on which the PIN 31415926 is typed at each login
 //   initialize   the module cannot be initialised
 //   print    writes to standard output
 // The count of wrong tries is in the file wrong-pins there; the token cannot be unblocked but by removing it.
@@ -68,6 +69,8 @@ CK_RV initialize(void *arguments)
 CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO *info)
 {
     const CK_RV result = soft->C_GetTokenInfo(slot, info);
+    if (result == CKR_OK && behaviour() == "keypad")
+        info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
     if (result == CKR_OK && wrongPins() >= maximumTries)
         info->flags |= CKF_USER_PIN_LOCKED;
     return result;
@@ -78,7 +81,10 @@ CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char *pin, un
     const int before = wrongPins();
     if (before >= maximumTries)
         return CKR_PIN_LOCKED;
-    const CK_RV result = soft->C_Login(session, user, pin, size);
+    unsigned char typed[] = "31415926";
+    const bool isTyped = behaviour() == "keypad" && !pin;
+    const CK_RV result =
+        isTyped ? soft->C_Login(session, user, typed, sizeof(typed) - 1) : soft->C_Login(session, user, pin, size);
     if (result == CKR_PIN_INCORRECT)
         std::ofstream(inHome("wrong-pins")) << before + 1;
     else if (result == CKR_OK)
