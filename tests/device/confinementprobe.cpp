@@ -10,11 +10,12 @@
 #include <QJsonObject>
 
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 // Stands in the client's place in the real sandbox, tries what it is told to in the JSON object "probe.json" of the
 // shared directory, and reports what came of it in "report.json" there:
-//   "read", "list", "write": paths, each reported as true or false
+//   "read", "list", "write", "connect": paths, each reported as true or false
 //   "call": bus names on the system bus, "own": bus names on the session bus, likewise
 namespace {
 
@@ -57,6 +58,17 @@ QJsonObject tried(const QJsonValue &subjects, bool (*attempt)(const QString &))
     return results;
 }
 
+bool canConnect(const QString &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+    const bool connected = connect(descriptor, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0;
+    close(descriptor);
+    return connected;
+}
+
 bool canOpenSocket(int family)
 {
     const int descriptor = socket(family, SOCK_STREAM, 0);
@@ -92,6 +104,7 @@ int main(int argc, char *argv[])
         {QStringLiteral("read"), tried(probe.value(QLatin1String("read")), canRead)},
         {QStringLiteral("list"), tried(probe.value(QLatin1String("list")), canList)},
         {QStringLiteral("write"), tried(probe.value(QLatin1String("write")), canWrite)},
+        {QStringLiteral("connect"), tried(probe.value(QLatin1String("connect")), canConnect)},
         {QStringLiteral("call"), tried(probe.value(QLatin1String("call")), canCall)},
         {QStringLiteral("own"), tried(probe.value(QLatin1String("own")), canOwn)},
     };

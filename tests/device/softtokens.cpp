@@ -13,7 +13,8 @@ const QString directory = QStringLiteral("/home/alice/tokens");
 const QString elsewhere = QStringLiteral("/home/alice/removed");
 const QString configuration = QStringLiteral("/home/alice/softhsm2.conf");
 const QString authorities = QStringLiteral("/home/alice/ca");
-const QString module = QStringLiteral("/usr/lib/softhsm/libsofthsm2.so");
+const QString softModule = QStringLiteral("/usr/lib/softhsm/libsofthsm2.so");
+const QString socket = QStringLiteral("/run/user/1000/p11-kit/pkcs11");
 const QString adminPin = QStringLiteral("99999999");
 
 QString file(const QString &name)
@@ -94,7 +95,7 @@ QStringList by(const QString &authorityName)
 bool pkcs11Tool(const QString &label, const QString &tokenPin, const QStringList &arguments)
 {
     return run(QStringLiteral("pkcs11-tool"),
-               QStringList{QStringLiteral("--module"), module, QStringLiteral("--token-label"), label,
+               QStringList{QStringLiteral("--module"), softModule, QStringLiteral("--token-label"), label,
                            QStringLiteral("--login"), QStringLiteral("--pin"), tokenPin}
                    + arguments);
 }
@@ -119,6 +120,14 @@ bool SoftTokens::reset()
 QStringList SoftTokens::environment()
 {
     return {QStringLiteral("SOFTHSM2_CONF=") + configuration};
+}
+
+bool SoftTokens::serve(const QString &module)
+{
+    return makeDirectory(QFileInfo(socket).path())
+           && run(QStringLiteral("p11-kit"),
+                  {QStringLiteral("server"), QStringLiteral("--name"), socket, QStringLiteral("--provider"),
+                   module.isEmpty() ? softModule : module, QStringLiteral("pkcs11:")});
 }
 
 QByteArray SoftTokens::loginTemplate()

@@ -21,6 +21,10 @@ bool reset();
 /// What a program needs in its environment to find the tokens.
 QStringList environment();
 
+/// Serves the tokens of a module on a socket in alice's runtime directory, as the module p11-kit-client.so expects it,
+/// for as long as the device lasts. Without a name, the module is the tokens' own.
+bool serve(const QString &module = {});
+
 /// The template of a certificate that logs alice in, to be altered.
 QByteArray loginTemplate();
 /// A certificate made from a template: the path of its file; empty on failure.
