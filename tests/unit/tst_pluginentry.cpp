@@ -56,11 +56,12 @@ private Q_SLOTS:
             const int end = line.indexOf(QRegularExpression(QStringLiteral(" [A-Za-z] [0-9a-f]")));
             const QString symbol = line.left(end);
             const bool ours = symbol.contains(QStringLiteral("SettingsKavet"));
-            // Neither what the compiler adds nor, without optimisation, other headers' inline functions are ours.
+            // Neither what the compiler adds nor, without optimisation, other headers' inline functions and types are
+            // ours.
             static const QRegularExpression instrumentation(
                 QStringLiteral("^(__asan|__odr_asan|__ubsan|__gcov|__llvm)"));
-            if (line.isEmpty() || symbol.contains(instrumentation)
-                || (!ours && line.midRef(end, 3) == QLatin1String(" W ")))
+            static const QStringList weak{QStringLiteral(" W "), QStringLiteral(" V ")};
+            if (line.isEmpty() || symbol.contains(instrumentation) || (!ours && weak.contains(line.mid(end, 3))))
                 continue;
             (ours ? classes : others) << symbol;
         }

@@ -76,7 +76,7 @@ QByteArray nested(const char *form, int version, int depth)
     }
     QByteArray escaped;
     for (const char byte : bytes)
-        escaped += "\\x" + QByteArray::number(uchar(byte), 16);
+        escaped.append("\\x").append(QByteArray::number(uchar(byte), 16));
     return form + escaped + ')';
 }
 
