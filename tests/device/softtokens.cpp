@@ -106,8 +106,9 @@ bool SoftTokens::reset()
 {
     for (const QString &path : QStringList{directory, elsewhere})
         QDir(path).removeRecursively();
-    for (const QString &name : {QStringLiteral("/unruly-token"), QStringLiteral("/wrong-pins")})
-        QFile::remove(home + name);
+    const QStringList left = QDir(home).entryList({QStringLiteral("unruly-token"), QStringLiteral("wrong-pins.*")});
+    for (const QString &name : left)
+        QFile::remove(home + QLatin1Char('/') + name);
     if (!makeDirectory(directory) || !makeDirectory(authorities)
         || !TestDevice::writeFile(configuration, "directories.tokendir = " + directory.toUtf8() + "\n"))
         return false;

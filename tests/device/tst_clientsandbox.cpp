@@ -264,7 +264,7 @@ void TstClientSandbox::answers()
          {SettingsKavet::AuthFailed, SettingsKavet::AuthFailed, SettingsKavet::UserLocked})
         QCOMPARE(fixture.login(m_cert, wrong), failedWith(code));
     QCOMPARE(fixture.login(m_cert, SoftTokens::pin), failedWith(SettingsKavet::UserLocked));
-    QVERIFY(QFile::remove(QStringLiteral("/home/alice/wrong-pins")));
+    QVERIFY(QFile::remove(QStringLiteral("/home/alice/wrong-pins.one")));
 }
 
 void TstClientSandbox::registeredModule_data()

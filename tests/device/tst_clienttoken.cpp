@@ -688,7 +688,7 @@ void TstClientToken::refusedCertDoesNotCount()
     QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
     QCOMPARE(ClientFixture::attempts(), 0);
     // Nor is one of the token's tries spent.
-    QVERIFY(!QFileInfo::exists(QStringLiteral("/home/alice/wrong-pins")));
+    QVERIFY(!QFileInfo::exists(QStringLiteral("/home/alice/wrong-pins.one")));
 }
 
 void TstClientToken::lockedForTheRightPinToo()
@@ -703,7 +703,7 @@ void TstClientToken::lockedForTheRightPinToo()
     QVERIFY(ClientFixture::setAttempts("10"));
     QCOMPARE(client.validateCert(cert, ::wrongPin), removal);
     QCOMPARE(ClientFixture::attempts(), 11);
-    QVERIFY(!QFileInfo::exists(QStringLiteral("/home/alice/wrong-pins")));
+    QVERIFY(!QFileInfo::exists(QStringLiteral("/home/alice/wrong-pins.one")));
 }
 
 void TstClientToken::pinBlocked()
@@ -715,12 +715,17 @@ void TstClientToken::pinBlocked()
     QVERIFY(makeUnruly("none"));
     QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
     // One try is one try for the token too.
-    QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/wrong-pins")), QByteArray("1"));
+    QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/wrong-pins.one")), QByteArray("1"));
     QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
     // The last try blocks the PIN, and from then on the right one does not help.
     QCOMPARE(client.validateCert(cert, ::wrongPin), lock);
     QCOMPARE(client.validateCert(cert, pin), lock);
     QCOMPARE(ClientFixture::attempts(), 2);
+    // Another token is none the worse for it.
+    QVERIFY(SoftTokens::add(two));
+    QVERIFY(SoftTokens::enroll(two, id1, goodCert()));
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:token=two;type=cert"), pin), success);
+    QCOMPARE(client.validateCert(cert, pin), lock);
 }
 
 void TstClientToken::pinNotAskedFor()
@@ -942,6 +947,8 @@ void TstClientToken::noSecrets()
         ClientFixture::request(QStringLiteral("validateCert"), {certs.constFirst(), QStringLiteral("alice"), longPin}));
     QTRY_COMPARE(helpers(client).size(), 1);
     const QString helper = QStringLiteral("/proc/%1").arg(helpers(client).constFirst());
+    // Not what the client is a copy of until it has become the helper.
+    QTRY_VERIFY(TestDevice::readFile(helper + QStringLiteral("/cmdline")).contains("--validate-cert"));
     QTRY_VERIFY(ClientFixture::memoryHolds(helpers(client).constFirst().toInt(), part.toUtf8()));
     const QByteArray open = TestDevice::readFile(helper + QStringLiteral("/cmdline"))
                             + TestDevice::readFile(helper + QStringLiteral("/environ"))

@@ -14,7 +14,8 @@
 //   keypad   the device has a keypad of its own, on which the PIN 31415926 is typed at each login
 //   initialize   the module cannot be initialised
 //   print    writes to standard output
-// The count of wrong tries is in the file wrong-pins there; the token cannot be unblocked but by removing it.
+// The count of wrong tries is in the file wrong-pins.LABEL there, with the token's label; a token cannot be unblocked
+// but by removing that.
 
 #include <csignal>
 #include <cstdio>
@@ -48,10 +49,20 @@ std::string behaviour()
     return word;
 }
 
-int wrongPins()
+/// Where a slot's token has its wrong tries counted.
+std::string counter(CK_SLOT_ID slot)
+{
+    CK_TOKEN_INFO info = {};
+    soft->C_GetTokenInfo(slot, &info);
+    std::string label(reinterpret_cast<const char *>(info.label), sizeof(info.label)); // Padded with spaces.
+    label.erase(label.find_last_not_of(' ') + 1);
+    return inHome("wrong-pins.") + label;
+}
+
+int wrongPins(CK_SLOT_ID slot)
 {
     int count = 0;
-    std::ifstream(inHome("wrong-pins")) >> count;
+    std::ifstream(counter(slot)) >> count;
     return count;
 }
 
@@ -71,14 +82,16 @@ CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO *info)
     const CK_RV result = soft->C_GetTokenInfo(slot, info);
     if (result == CKR_OK && behaviour() == "keypad")
         info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
-    if (result == CKR_OK && wrongPins() >= maximumTries)
+    if (result == CKR_OK && wrongPins(slot) >= maximumTries)
         info->flags |= CKF_USER_PIN_LOCKED;
     return result;
 }
 
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char *pin, unsigned long size)
 {
-    const int before = wrongPins();
+    CK_SESSION_INFO info = {};
+    soft->C_GetSessionInfo(session, &info);
+    const int before = wrongPins(info.slotID);
     if (before >= maximumTries)
         return CKR_PIN_LOCKED;
     unsigned char typed[] = "31415926";
@@ -86,9 +99,9 @@ CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char *pin, un
     const CK_RV result =
         isTyped ? soft->C_Login(session, user, typed, sizeof(typed) - 1) : soft->C_Login(session, user, pin, size);
     if (result == CKR_PIN_INCORRECT)
-        std::ofstream(inHome("wrong-pins")) << before + 1;
+        std::ofstream(counter(info.slotID)) << before + 1;
     else if (result == CKR_OK)
-        std::ofstream(inHome("wrong-pins")) << 0;
+        std::ofstream(counter(info.slotID)) << 0;
     return result;
 }
 
