@@ -239,6 +239,16 @@ bool isAcceptable(const QByteArray &cert)
     return cert.count("type=") == cert.count("type=cert") && !cert.contains('?') && !cert.contains("pin-");
 }
 
+/// How a certificate is listed for which a URI stands that may say less; the URI as it is, if it stands for none or for
+/// several.
+QByteArray listed(const QByteArray &cert)
+{
+    Objects found;
+    return !cert.isEmpty() && find(cert, GNUTLS_PKCS11_OBJ_FLAG_CRT, found) == GNUTLS_E_SUCCESS && found.size() == 1
+               ? uri(found.front())
+               : cert;
+}
+
 /// Besides the library's error codes, which are negative.
 enum Obstacle { Refused = 1, Absent };
 
@@ -299,8 +309,9 @@ Tokens::Outcome Tokens::list(QByteArrayList &certs)
         if (error != GNUTLS_E_SUCCESS)
             qWarning("Cannot read %s: %s", token.constData(), gnutls_strerror(error));
     }
+    const QByteArray defaultCert = listed(settings.defaultCert());
     std::stable_partition(certs.begin(), certs.end(),
-                          [&settings](const QByteArray &cert) { return cert == settings.defaultCert(); });
+                          [&defaultCert](const QByteArray &cert) { return cert == defaultCert; });
     return Success;
 }
 
@@ -308,7 +319,7 @@ Tokens::Outcome Tokens::validate(const QByteArray &cert, const QString &user, co
 {
     const ClientSettings settings;
     const QByteArray chosen = cert.isEmpty() ? settings.defaultCert() : cert;
-    const Outcome refused = chosen == settings.defaultCert() ? DefaultCertRefused : CertRefused;
+    Outcome refused = chosen == settings.defaultCert() ? DefaultCertRefused : CertRefused;
     if (chosen.isEmpty() || !isAcceptable(chosen))
         return refused;
     int error = GNUTLS_E_SUCCESS;
@@ -317,6 +328,8 @@ Tokens::Outcome Tokens::validate(const QByteArray &cert, const QString &user, co
         if (!modules.loaded())
             return ModuleFailed;
         error = validateOn(chosen, user, pin, settings);
+        if (listed(chosen) == listed(settings.defaultCert()))
+            refused = DefaultCertRefused;
     }
     switch (error) {
     case GNUTLS_E_SUCCESS:
