@@ -103,10 +103,20 @@ bool Model::allows(const Event &event) const
 
     Model after = *this;
     after.act(event);
+    if (after.orderMatters())
+        return false;
     if (event.hurried)
         return !after.m_ambiguous && after.m_arrivals.isEmpty() && after.m_wiped.isEmpty();
     after.settle();
     return !after.m_ambiguous;
+}
+
+/// Changes that are told together are told in any order. A change of the home directory may launch a client, and that
+/// writes the user's file.
+bool Model::orderMatters() const
+{
+    return m_changedDirectories.contains(m_homeDirectory)
+           && (m_changedDirectories.contains(shared) || m_changedFiles.contains(m_userConfigPath));
 }
 
 QVector<Kind> Model::next() const
@@ -116,17 +126,21 @@ QVector<Kind> Model::next() const
         kinds += QVector<Kind>(30, Kind::PutSocket);
     if (m_connected)
         kinds += QVector<Kind>(20, Kind::Authenticate) + QVector<Kind>(3, Kind::DropLink)
-                 + QVector<Kind>(4, Kind::FetchCerts);
+                 + QVector<Kind>(m_certsAnswer == HoldCerts ? 20 : 4, Kind::FetchCerts);
     if (!m_heldCalls.isEmpty())
         kinds += QVector<Kind>(15, Kind::Reply);
     if (m_certsHeld > 0)
         kinds += QVector<Kind>(15, Kind::ReplyCerts) + QVector<Kind>(8, Kind::FetchCerts);
     if (!m_heldWipes.isEmpty())
         kinds += QVector<Kind>(15, Kind::ReplyWiper);
+    if (m_process == NotRunning && m_launcher == IgnoresTerm)
+        kinds += QVector<Kind>(30, Kind::Authenticate);
     if (m_running && m_processKind == IgnoresTerm)
         kinds += QVector<Kind>(15, Kind::StopSession);
+    if (m_wiper == WiperHolds)
+        kinds += QVector<Kind>(20, Kind::MarkForDeletion);
     if (option(alice, deletion).toBool())
-        kinds += QVector<Kind>(6, Kind::StartSession);
+        kinds += QVector<Kind>(m_wiper == WiperHolds ? 30 : 6, Kind::StartSession);
     if (m_watches.contains(m_homeDirectory))
         kinds += QVector<Kind>(8, Kind::CreateMarker) + QVector<Kind>(4, Kind::TouchHome);
     return kinds;

@@ -97,6 +97,7 @@ private:
     using OptionKey = QPair<uint, QString>;
 
     void act(const Event &event);
+    bool orderMatters() const;
     void settle();
     void construct();
     void destroy();
