@@ -68,6 +68,7 @@ QString KavetAuth::checkPassword(const QString &user, const QString &password)
 {
     const SecretBytes secret(password.toUtf8());
     wipe(password);
+    ReceivedCopies::wipe(secret);
 
     const ClientSettings settings;
     if (user != m_user)
@@ -86,6 +87,7 @@ QString KavetAuth::validateCert(const QString &cert, const QString &user, const 
 {
     const SecretBytes secret(pin.toUtf8());
     wipe(pin);
+    ReceivedCopies::wipe(secret);
 
     const ClientSettings settings;
     if (user != m_user)

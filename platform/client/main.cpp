@@ -5,6 +5,7 @@
 #include "kavetauth.h"
 #include "passwordhash.h"
 #include "passwordprompt.h"
+#include "secret.h"
 #include "tokenprocess.h"
 
 #include <QCommandLineParser>
@@ -89,6 +90,7 @@ int serve()
 
 int main(int argc, char *argv[])
 {
+    ReceivedCopies::prepare();
     // No crash dump, and no other process of the user's reading this one's memory.
     prctl(PR_SET_DUMPABLE, 0);
     umask(S_IRWXG | S_IRWXO);

@@ -28,3 +28,13 @@ private:
 
     Q_DISABLE_COPY(SecretBytes)
 };
+
+/// The copies of a secret that the D-Bus library has of what it received, and that it neither wipes nor hands out.
+namespace ReceivedCopies {
+
+/// To be called before the process is made undumpable, from when on it could not open its own memory.
+void prepare();
+/// Overwrites the copies. Nobody needs them any more once the call that brought the secret has been delivered.
+void wipe(const SecretBytes &secret);
+
+} // namespace ReceivedCopies

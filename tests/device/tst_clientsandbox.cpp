@@ -133,6 +133,17 @@ struct SandboxFixture : MethodFixture
     }
 };
 
+/// The client's process; 0 if there is none.
+int clientPid()
+{
+    const QStringList processes = QDir(QStringLiteral("/proc")).entryList({QStringLiteral("[0-9]*")});
+    for (const QString &process : processes) {
+        if (TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(process)).startsWith(client.toLatin1() + '\0'))
+            return process.toInt();
+    }
+    return 0;
+}
+
 RecordingDaemon::Call failedWith(SettingsKavet::ResultCode code)
 {
     return RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, code);
@@ -265,6 +276,15 @@ void TstClientSandbox::answers()
         QCOMPARE(fixture.login(m_cert, wrong), failedWith(code));
     QCOMPARE(fixture.login(m_cert, SoftTokens::pin), failedWith(SettingsKavet::UserLocked));
     QVERIFY(QFile::remove(QStringLiteral("/home/alice/wrong-pins.one")));
+
+    // Here too it can look for copies of what it was given.
+    QVERIFY(clientPid() != 0);
+    QVERIFY(ClientFixture::memoryHolds(clientPid(), "HOME=/home/alice"));
+    for (const QString &pin : {SoftTokens::pin, wrong}) {
+        QVERIFY(!ClientFixture::memoryHolds(clientPid(), pin.toUtf8()));
+        const QByteArray wide(reinterpret_cast<const char *>(pin.utf16()), pin.size() * 2);
+        QVERIFY(!ClientFixture::memoryHolds(clientPid(), wide));
+    }
 }
 
 void TstClientSandbox::registeredModule_data()

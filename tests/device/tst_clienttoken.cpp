@@ -242,6 +242,12 @@ void TstClientToken::listsDefaultFirst()
         QCOMPARE(client.certList().constFirst(), cert);
         QCOMPARE(client.certList().size(), 3);
     }
+    // A URI that says less is the same certificate's.
+    QVERIFY(set("default-cert", QStringLiteral("pkcs11:token=one;id=%A1%B2%C3;type=cert")));
+    QVERIFY(client.certList().constFirst().contains(QStringLiteral(";id=%A1%B2%C3;"), Qt::CaseInsensitive));
+    // One of several is not.
+    QVERIFY(set("default-cert", QStringLiteral("pkcs11:token=one;type=cert")));
+    QCOMPARE(client.certList(), certs);
     QVERIFY(set("auth-type", QStringLiteral("password")));
     QCOMPARE(client.certList(), QStringList());
 }
@@ -758,17 +764,21 @@ void TstClientToken::badDefaultCert_data()
 {
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<QString>("defaultCert");
+    QTest::addColumn<bool>("isThere");
     const QByteArray base = SoftTokens::loginTemplate();
-    QTest::newRow("somebody else's") << QByteArray(base).replace("alice", "bob") << QString();
-    QTest::newRow("not for logging in") << without(base, "tls_www_client") << QString();
-    QTest::newRow("no such certificate") << base << QStringLiteral("pkcs11:token=one;id=%09;type=cert");
-    QTest::newRow("no URI") << base << QStringLiteral("mine");
+    QTest::newRow("somebody else's") << QByteArray(base).replace("alice", "bob") << QString() << true;
+    QTest::newRow("not for logging in") << without(base, "tls_www_client") << QString() << true;
+    QTest::newRow("somebody else's, by a URI that says less")
+        << QByteArray(base).replace("alice", "bob") << QStringLiteral("pkcs11:token=one;type=cert") << true;
+    QTest::newRow("no such certificate") << base << QStringLiteral("pkcs11:token=one;id=%09;type=cert") << false;
+    QTest::newRow("no URI") << base << QStringLiteral("mine") << false;
 }
 
 void TstClientToken::badDefaultCert()
 {
     QFETCH(QByteArray, content);
     QFETCH(QString, defaultCert);
+    QFETCH(bool, isThere);
     ClientFixture client;
     const QString cert = enrolled(client, SoftTokens::issue(QStringLiteral("case"), content));
     QVERIFY(!cert.isEmpty());
@@ -776,6 +786,7 @@ void TstClientToken::badDefaultCert()
     QVERIFY(set("default-cert", name));
     QCOMPARE(client.validateCert({}, pin), badDefault);
     QCOMPARE(client.validateCert(name, pin), badDefault);
+    QCOMPARE(client.validateCert(cert, pin), isThere ? badDefault : success);
     QCOMPARE(ClientFixture::attempts(), 0);
 }
 
@@ -941,6 +952,7 @@ void TstClientToken::noSecrets()
     const QString part = longPin.right(30);
     const QByteArray wide(reinterpret_cast<const char *>(part.utf16()), part.size() * 2);
     QVERIFY(!ClientFixture::memoryHolds(client.process.processId(), wide));
+    QVERIFY(!ClientFixture::memoryHolds(client.process.processId(), part.toUtf8()));
 
     QVERIFY(makeUnruly("hang"));
     client.connection().asyncCall(
