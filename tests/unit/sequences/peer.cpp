@@ -75,6 +75,9 @@ void Peer::closeAll()
 {
     inThread([this] {
         closeLinks();
+        // The bus lets only so many calls wait for their answers.
+        for (const QDBusMessage &call : qAsConst(m_heldWipes))
+            QDBusConnection(busName).send(errorReply(call));
         m_heldWipes.clear();
     });
 }

@@ -37,7 +37,7 @@ public:
 
     /// Closes all links.
     void drop();
-    /// Closes all links, and answers no call that is held.
+    /// Closes all links, and gives up all that is held; for when nobody waits for it any more.
     void closeAll();
     /// Closes all links and forgets what has been called.
     void forget();
