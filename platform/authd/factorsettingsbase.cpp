@@ -19,6 +19,10 @@ namespace {
 /// How long getOption() waits for the daemon, in milliseconds.
 constexpr int AnswerTimeout = 5000;
 
+// The connection that the library shares within a process holds signals back until the event loop runs, and the next
+// one to come may then overtake them: an older value would be the last.
+const QString connectionName = QStringLiteral("authd settings");
+
 /// The plain value in a D-Bus variant; an invalid variant for the compound types, which no option has.
 QVariant unwrapped(const QDBusVariant &value)
 {
@@ -39,7 +43,7 @@ class FactorSettingsBase::Private : public QObject
 public:
     Private(FactorSettingsBase *settings, const QString &name)
         : method(name)
-        , bus(QDBusConnection::systemBus())
+        , bus(QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName))
         , q(settings)
     {
         bus.connect(AuthService::Service, AuthService::ObjectPath, AuthService::Interface,

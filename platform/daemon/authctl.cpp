@@ -31,6 +31,10 @@ enum ExitCode { Success = 0, Refused = 1, WrongUsage = 2, Locked = 3, Unreachabl
 constexpr int DefaultTimeout = 60;
 constexpr uint NoUser = 0;
 
+// The connection that the library shares within a process holds signals back until the event loop runs, and the next
+// one to come may then overtake them: an attempt's end before its beginning.
+const QString connectionName = QStringLiteral("authctl");
+
 // What the service's methods call things
 const QString certsOption = QStringLiteral("certs");
 const QStringList updatingCerts = {QStringLiteral(".")};
@@ -119,7 +123,8 @@ public:
     explicit Command(const Request &request)
         : m_request(request)
         , m_deadline(request.timeout)
-        , m_service(AuthService::Service, AuthService::ObjectPath, QDBusConnection::systemBus())
+        , m_service(AuthService::Service, AuthService::ObjectPath,
+                    QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName))
     {
         m_service.setTimeout(request.timeout);
     }

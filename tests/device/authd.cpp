@@ -8,6 +8,7 @@
 
 #include <QAtomicInt>
 #include <QDBusArgument>
+#include <QLibraryInfo>
 #include <QTest>
 
 #include <csignal>
@@ -56,6 +57,8 @@ bool Authd::start(const QString &methods, const QStringList &arguments)
 
 int Authd::stop(int signal)
 {
+    if (!isRunning()) // Its process id would be that of the test's whole process group.
+        return -1;
     kill(pid_t(pid()), signal);
     if (!m_process.waitForFinished())
         return -1;
@@ -136,6 +139,23 @@ void Reports::record(const QDBusMessage &signal)
     for (const QVariant &argument : signal.arguments())
         arguments << reportText(argument);
     texts << signal.member() + QLatin1Char('(') + arguments.join(QStringLiteral(", ")) + QLatin1Char(')');
+}
+
+bool heldSignalsBack(const QByteArray &errors)
+{
+    // Else the library does not tell of it in these words, and nothing can be said.
+    const QByteArray told = "delivery is suspended";
+    const QString library = QLibraryInfo::location(QLibraryInfo::LibrariesPath) + QStringLiteral("/libQt5DBus.so.5");
+    if (!errors.contains("connected successfully") || !TestDevice::readFile(library).contains(told))
+        qFatal("The D-Bus library does not tell what it does");
+    return errors.contains(told);
+}
+
+QProcessEnvironment debuggedBus()
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("QDBUS_DEBUG"), QStringLiteral("1"));
+    return environment;
 }
 
 QString reportText(const QVariant &value)

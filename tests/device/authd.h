@@ -8,6 +8,7 @@
 #include <QJsonObject>
 #include <QObject>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QStringList>
 #include <QVector>
 
@@ -21,7 +22,8 @@ public:
     /// first.
     bool start(const QString &methods = QStringLiteral(TEST_BINARY_DIR "/lib/authd/methods"),
                const QStringList &arguments = {});
-    /// Sends `signal` and waits for the end; the exit code, or -1 when it did not end by itself.
+    /// Sends `signal` and waits for the end; the exit code, or -1 when it did not end by itself or
+    /// was not running.
     int stop(int signal);
     /// Waits until the log has `text`.
     bool waitForLog(const QByteArray &text, int count = 1);
@@ -74,6 +76,12 @@ public:
 private Q_SLOTS:
     void record(const QDBusMessage &signal);
 };
+
+/// Whether a program with the environment of debuggedBus() told, on standard error, that it held signals back until its
+/// event loop ran. The next signal may then overtake those, so that a program sees them in the wrong order.
+bool heldSignalsBack(const QByteArray &errors);
+/// In which the D-Bus library tells what it does.
+QProcessEnvironment debuggedBus();
 
 /// A value as it reads in Reports.
 QString reportText(const QVariant &value);

@@ -52,8 +52,11 @@ Result runAs(uint uid, const QString &arguments, const QByteArray &input = {})
                       + arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts));
     process.write(input);
     process.closeWriteChannel();
-    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit)
+    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit) {
+        qWarning("authctl %s has not ended by itself; it wrote: %s%s", qPrintable(arguments),
+                 process.readAllStandardOutput().constData(), process.readAllStandardError().constData());
         return {-1, {}, {}};
+    }
     return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
             QString::fromUtf8(process.readAllStandardError())};
 }
@@ -83,6 +86,8 @@ private Q_SLOTS:
     {
         if (m_authd.isRunning())
             QCOMPARE(m_authd.stop(SIGTERM), 0);
+        if (QTest::currentTestFailed())
+            qWarning("The daemon wrote:\n%s", m_authd.log().constData());
     }
 
     void usage_data();
@@ -97,6 +102,7 @@ private Q_SLOTS:
     void loginWithDyingClient();
     void loginWithoutOutcome();
     void loginGivenUpByOthers();
+    void reportsStayInOrder();
     void lockAndUnlock();
     void passwordIsNotShown();
     void breakingOff();
@@ -300,6 +306,16 @@ void TstAuthctl::loginGivenUpByOthers()
     QVERIFY(login.waitForFinished());
     QCOMPARE(login.exitCode(), int(Refused));
     QVERIFY(login.readAllStandardOutput().endsWith("alice: nothing under way\n"));
+}
+
+void TstAuthctl::reportsStayInOrder()
+{
+    QProcess process;
+    process.setProcessEnvironment(debuggedBus());
+    process.start(program, {QStringLiteral("methods")});
+    QVERIFY(process.waitForFinished());
+    QCOMPARE(process.exitCode(), int(Success));
+    QVERIFY(!heldSignalsBack(process.readAllStandardError()));
 }
 
 void TstAuthctl::lockAndUnlock()

@@ -14,6 +14,7 @@
 namespace {
 
 const QString kavetMethod = QStringLiteral("kavet");
+const QString readOption = QStringLiteral("--read-option");
 
 } // namespace
 
@@ -41,6 +42,7 @@ private Q_SLOTS:
 
     void followsTheDaemon();
     void withoutTheDaemon();
+    void changesStayInOrder();
 
 private:
     void attempt(const QString &password, const QString &end)
@@ -108,6 +110,24 @@ void TstSettingsObject::withoutTheDaemon()
     QTRY_VERIFY(!settings.certListIsUpdating());
 }
 
-QTEST_GUILESS_MAIN(TstSettingsObject)
+void TstSettingsObject::changesStayInOrder()
+{
+    QProcess program;
+    program.setProcessEnvironment(debuggedBus());
+    program.start(QCoreApplication::applicationFilePath(), {readOption});
+    QVERIFY(program.waitForFinished());
+    QCOMPARE(program.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(program.exitCode(), 0);
+    QVERIFY(!heldSignalsBack(program.readAllStandardError()));
+}
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+    if (QCoreApplication::arguments().contains(readOption))
+        return SettingsKavet(nullptr).getOption(0, QStringLiteral("max-attempts")).isValid() ? 0 : 1;
+    TstSettingsObject test;
+    return QTest::qExec(&test, argc, argv);
+}
 
 #include "tst_settingsobject.moc"
