@@ -20,6 +20,7 @@ namespace {
 using Object = GnutlsHandle<gnutls_pkcs11_obj_t, gnutls_pkcs11_obj_deinit>;
 using Objects = std::vector<Object>;
 
+const QByteArray scheme = QByteArrayLiteral("pkcs11:");
 constexpr int challengeSize = 32;
 
 /// The modules, loaded for the life of the object.
@@ -115,16 +116,22 @@ int presentTokens(QByteArrayList &tokens)
     }
 }
 
+/// What a URI says, one by one; within each, what would separate them is encoded.
+QByteArrayList attributes(const QByteArray &uri)
+{
+    return uri.mid(scheme.size()).split(';');
+}
+
 /// The URI without what tells a token's objects apart.
 QByteArray tokenPart(const QByteArray &uri)
 {
-    static const QByteArray scheme = QByteArrayLiteral("pkcs11:");
-    QByteArrayList kept;
-    const QByteArrayList attributes = uri.mid(scheme.size()).split(';');
-    for (const QByteArray &attribute : attributes) {
-        if (!attribute.startsWith("object=") && !attribute.startsWith("id=") && !attribute.startsWith("type="))
-            kept << attribute;
-    }
+    QByteArrayList kept = attributes(uri);
+    kept.erase(std::remove_if(kept.begin(), kept.end(),
+                              [](const QByteArray &attribute) {
+                                  return attribute.startsWith("object=") || attribute.startsWith("id=")
+                                         || attribute.startsWith("type=");
+                              }),
+               kept.end());
     return scheme + kept.join(';');
 }
 
@@ -166,7 +173,9 @@ int certsWithKey(const QByteArray &token, QByteArrayList &certs)
         if (!certificate || id(object).isEmpty())
             continue;
         // A token that shows no key at all hides them, and then any certificate but an authority's may have one.
-        if (keys.empty() ? !isAuthority(certificate) : keyIds.contains(id(object)))
+        const bool hasKey = keys.empty() ? !isAuthority(certificate) : keyIds.contains(id(object));
+        // Certificates for one key may have one label too.
+        if (hasKey && !certs.contains(uri(object)))
             certs << uri(object);
     }
     return GNUTLS_E_SUCCESS;
@@ -191,7 +200,7 @@ int givePin(void *data, int attempt, const char *, const char *, unsigned, char 
 }
 
 /// Has the token sign a fresh challenge with the key that stands beside the certificate; the library's error code.
-int proveKey(const Object &object, const Certificate &certificate, const QByteArray &pin)
+int proveKey(const QByteArray &token, const QByteArray &keyId, const Certificate &certificate, const QByteArray &pin)
 {
     gnutls_pubkey_t publicKey = nullptr;
     gnutls_pubkey_init(&publicKey);
@@ -211,7 +220,7 @@ int proveKey(const Object &object, const Certificate &certificate, const QByteAr
         return error;
     const gnutls_datum_t challengeDatum = asDatum(challenge);
 
-    const QByteArray keyUri = tokenPart(uri(object)) + ";id=%" + id(object).toHex('%') + ";type=private";
+    const QByteArray keyUri = token + ";id=%" + keyId.toHex('%') + ";type=private";
     PinSource source = {pin};
     gnutls_privkey_t privateKey = nullptr;
     gnutls_privkey_init(&privateKey);
@@ -220,7 +229,10 @@ int proveKey(const Object &object, const Certificate &certificate, const QByteAr
     error = gnutls_privkey_import_url(privateKey, keyUri.constData(), GNUTLS_PKCS11_OBJ_FLAG_LOGIN);
     if (error != GNUTLS_E_SUCCESS)
         return error;
-    if (gnutls_privkey_get_pk_algorithm(privateKey, nullptr) != gnutls_pubkey_get_pk_algorithm(publicKey, nullptr))
+    const int keyKind = gnutls_privkey_get_pk_algorithm(privateKey, nullptr);
+    const int certifiedKind = gnutls_pubkey_get_pk_algorithm(publicKey, nullptr);
+    // For a token, an RSA key is not bound to either kind of padding.
+    if (keyKind != certifiedKind && !(keyKind == GNUTLS_PK_RSA && certifiedKind == GNUTLS_PK_RSA_PSS))
         return GNUTLS_E_PK_SIG_VERIFY_FAILED;
     gnutls_datum_t signature = {};
     error = gnutls_privkey_sign_data2(privateKey, algorithm, 0, &challengeDatum, &signature);
@@ -236,7 +248,10 @@ int proveKey(const Object &object, const Certificate &certificate, const QByteAr
 /// Whether a URI may stand for a certificate, and brings nothing else, as the PIN or the place of one.
 bool isAcceptable(const QByteArray &cert)
 {
-    return cert.count("type=") == cert.count("type=cert") && !cert.contains('?') && !cert.contains("pin-");
+    const QByteArrayList said = attributes(cert);
+    return !cert.contains('?') && std::none_of(said.begin(), said.end(), [](const QByteArray &attribute) {
+        return attribute.startsWith("pin-") || (attribute.startsWith("type=") && attribute != "type=cert");
+    });
 }
 
 /// How a certificate is listed for which a URI stands that may say less; the URI as it is, if it stands for none or for
@@ -268,13 +283,16 @@ int validateOn(const QByteArray &cert, const QString &user, const QByteArray &pi
     if (found.empty())
         return isPresent(cert, tokens) ? Refused : Absent;
 
-    const Object &object = found.front();
-    const Certificate certificate = certificateOf(object);
-    // A URI of several certificates leaves open which is meant.
-    if (found.size() != 1 || !certificate || id(object).isEmpty())
+    // A URI of certificates for several keys leaves open which is meant. Those for one key are as good as each other,
+    // as a certificate and its successor.
+    const QByteArray token = tokenPart(uri(found.front()));
+    const QByteArray keyId = id(found.front());
+    if (keyId.isEmpty() || !std::all_of(found.begin(), found.end(), [&](const Object &object) {
+            return tokenPart(uri(object)) == token && id(object) == keyId;
+        }))
         return Refused;
     Objects onToken;
-    error = find(tokenPart(uri(object)), GNUTLS_PKCS11_OBJ_FLAG_CRT, onToken);
+    error = find(token, GNUTLS_PKCS11_OBJ_FLAG_CRT, onToken);
     if (error != GNUTLS_E_SUCCESS)
         return error;
     std::vector<Certificate> others;
@@ -282,14 +300,21 @@ int validateOn(const QByteArray &cert, const QString &user, const QByteArray &pi
         if (Certificate otherCertificate = certificateOf(other))
             others.push_back(std::move(otherCertificate));
     }
-    if (!isTrusted(certificate, others, settings) || !belongsTo(certificate, user, settings))
+    Certificate certificate;
+    for (const Object &object : found) {
+        certificate = certificateOf(object);
+        if (certificate && isTrusted(certificate, others, settings) && belongsTo(certificate, user, settings))
+            break;
+        certificate.reset();
+    }
+    if (!certificate)
         return Refused;
 
-    error = proveKey(object, certificate, pin);
+    error = proveKey(token, keyId, certificate, pin);
     unsigned flags = 0;
     // The try just made may have been the last.
     if (error == GNUTLS_E_PKCS11_PIN_ERROR
-        && gnutls_pkcs11_token_get_flags(tokenPart(uri(object)).constData(), &flags) == GNUTLS_E_SUCCESS
+        && gnutls_pkcs11_token_get_flags(token.constData(), &flags) == GNUTLS_E_SUCCESS
         && flags & GNUTLS_PKCS11_TOKEN_USER_PIN_LOCKED)
         return GNUTLS_E_PKCS11_PIN_LOCKED;
     return error;

@@ -4,15 +4,8 @@
 // Memory is overwritten when it is given back, in the whole program: a password or PIN comes through buffers of several
 // libraries, none of which wipes them.
 
-#ifdef __SANITIZE_ADDRESS__
-
-// Its own memory functions can do the same.
-extern "C" const char *__asan_default_options() // NOLINT(bugprone-reserved-identifier)
-{
-    return "max_free_fill_size=1000000000:free_fill_byte=0";
-}
-
-#else
+// The address sanitizer has memory functions of its own.
+#ifndef __SANITIZE_ADDRESS__
 
 #include <algorithm>
 #include <cstring>

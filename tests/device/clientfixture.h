@@ -107,6 +107,19 @@ public:
         return false;
     }
 
+    /// Whether the writable memory of a process holds a text, in the form of Qt's texts or, as it comes over the bus,
+    /// in UTF-8; that only where the client's memory functions, which wipe freed memory, are not those of a sanitizer.
+    static bool memoryHoldsText(qint64 pid, const QString &text)
+    {
+#ifdef __SANITIZE_ADDRESS__
+        constexpr bool wipesFreed = false;
+#else
+        constexpr bool wipesFreed = true;
+#endif
+        const QByteArray wide(reinterpret_cast<const char *>(text.utf16()), text.size() * 2);
+        return memoryHolds(pid, wide) || (wipesFreed && memoryHolds(pid, text.toUtf8()));
+    }
+
     /// Runs the client to its end with this on its standard input.
     static Result run(const QStringList &arguments, const QByteArray &input, uint uid = TestDevice::alice,
                       const QStringList &environment = {})
@@ -185,7 +198,10 @@ public:
         return m_connection.isConnected();
     }
 
-    QDBusMessage call(const QDBusMessage &message) const { return m_connection.call(message); }
+    QDBusMessage call(const QDBusMessage &message) const
+    {
+        return m_connection.call(message);
+    }
 
     /// Calls a method of the protocol; the reply, an error's name, or "(...)" for any other reply.
     QString ask(const QString &method, const QVariantList &arguments) const
@@ -223,7 +239,10 @@ public:
         return message;
     }
 
-    QDBusConnection &connection() { return m_connection; }
+    QDBusConnection &connection()
+    {
+        return m_connection;
+    }
 
     /// Has the client check a password for somebody who no longer waits for the answer.
     void sendAndVanish(const QString &password)

@@ -63,10 +63,26 @@ bool makeEcKey(const QString &name, const QString &curve)
                           QStringLiteral("ec_paramgen_curve:") + curve});
 }
 
-bool makeRsaKey(const QString &name)
+bool makeRsaKey(const QString &name, const QString &bits = QStringLiteral("2048"))
 {
     return makeKey(name, {QStringLiteral("-algorithm"), QStringLiteral("RSA"), QStringLiteral("-pkeyopt"),
-                          QStringLiteral("rsa_keygen_bits:2048")});
+                          QStringLiteral("rsa_keygen_bits:") + bits});
+}
+
+bool makePssKey(const QString &name)
+{
+    const QString plain = file(name + QStringLiteral("-plain.key"));
+    return QFileInfo::exists(plain)
+           || (run(QStringLiteral("certtool"),
+                   {QStringLiteral("--generate-privkey"), QStringLiteral("--key-type=rsa-pss"),
+                    QStringLiteral("--bits=2048"), QStringLiteral("--outfile"), file(name + QStringLiteral(".key"))})
+               && run(QStringLiteral("certtool"), {QStringLiteral("--to-rsa"), QStringLiteral("--load-privkey"),
+                                                   file(name + QStringLiteral(".key")), QStringLiteral("--outfile"),
+                                                   file(name + QStringLiteral("-rsa.key"))})
+               // In the form that the tools read.
+               && run(QStringLiteral("openssl"),
+                      {QStringLiteral("pkey"), QStringLiteral("-in"), file(name + QStringLiteral("-rsa.key")),
+                       QStringLiteral("-out"), plain}));
 }
 
 QString writeTemplate(const QString &name, const QByteArray &content)
@@ -114,7 +130,10 @@ bool SoftTokens::reset()
         return false;
     return makeRsaKey(QStringLiteral("rsa")) && makeRsaKey(QStringLiteral("rsa-other"))
            && makeEcKey(QStringLiteral("ec"), QStringLiteral("P-256"))
+           && makeRsaKey(QStringLiteral("rsa-1024"), QStringLiteral("1024")) && makePssKey(QStringLiteral("rsa-pss"))
            && makeEcKey(QStringLiteral("ec-384"), QStringLiteral("P-384"))
+           && makeEcKey(QStringLiteral("ec-521"), QStringLiteral("P-521"))
+           && makeKey(QStringLiteral("ed25519"), {QStringLiteral("-algorithm"), QStringLiteral("ED25519")})
            && (QFileInfo::exists(authority) || makeAuthority(QStringLiteral("root")));
 }
 
@@ -196,21 +215,25 @@ bool SoftTokens::putKeys(const QString &label, const QString &id, const QString 
                 tokenPin});
 }
 
-bool SoftTokens::putHiddenKey(const QString &label, const QString &id, const QString &key, const QString &tokenPin)
+bool SoftTokens::putHiddenKey(const QString &label, const QString &id, const QString &key, const QString &tokenPin,
+                              const QStringList &options)
 {
     return pkcs11Tool(label, tokenPin,
-                      {QStringLiteral("--write-object"), file(key + QStringLiteral(".der")), QStringLiteral("--type"),
-                       QStringLiteral("privkey"), QStringLiteral("--id"), id, QStringLiteral("--usage-sign")});
+                      QStringList{QStringLiteral("--write-object"), file(key + QStringLiteral(".der")),
+                                  QStringLiteral("--type"), QStringLiteral("privkey"), QStringLiteral("--id"), id,
+                                  QStringLiteral("--usage-sign")}
+                          + options);
 }
 
-bool SoftTokens::putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin)
+bool SoftTokens::putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin,
+                         const QString &certLabel)
 {
     const QString der = certificate + QStringLiteral(".der");
     return run(QStringLiteral("certtool"), {QStringLiteral("--certificate-info"), QStringLiteral("--infile"),
                                             certificate, QStringLiteral("--outder"), QStringLiteral("--outfile"), der})
            && pkcs11Tool(label, tokenPin,
                          {QStringLiteral("--write-object"), der, QStringLiteral("--type"), QStringLiteral("cert"),
-                          QStringLiteral("--id"), id, QStringLiteral("--label"), QStringLiteral("certificate")});
+                          QStringLiteral("--id"), id, QStringLiteral("--label"), certLabel});
 }
 
 bool SoftTokens::enroll(const QString &label, const QString &id, const QString &certificate, const QString &key,

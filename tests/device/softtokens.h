@@ -15,8 +15,8 @@ const QString pin = QStringLiteral("31415926");
 const QString home = QStringLiteral("/home/alice");
 const QString authority = QStringLiteral("/home/alice/ca/root.pem");
 
-/// Removes all tokens and starts with no other; makes the root authority and the keys "rsa", "rsa-other", "ec" and
-/// "ec-384" once.
+/// Removes all tokens and starts with no other; makes the root authority and the keys "rsa", "rsa-other", "rsa-1024",
+/// "rsa-pss", which is for certificates and as "rsa-pss-plain" for tokens, "ec", "ec-384", "ec-521" and "ed25519" once.
 bool reset();
 /// What a program needs in its environment to find the tokens.
 QStringList environment();
@@ -44,9 +44,11 @@ bool add(const QString &label, const QString &tokenPin = pin);
 /// Puts a private and its public key on a token.
 bool putKeys(const QString &label, const QString &id, const QString &key, const QString &tokenPin = pin);
 /// Puts a private key on a token, where nobody sees it without the PIN.
-bool putHiddenKey(const QString &label, const QString &id, const QString &key, const QString &tokenPin = pin);
+bool putHiddenKey(const QString &label, const QString &id, const QString &key, const QString &tokenPin = pin,
+                  const QStringList &options = {});
 /// Puts a certificate on a token.
-bool putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin = pin);
+bool putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin = pin,
+             const QString &certLabel = QStringLiteral("certificate"));
 /// Puts keys and certificate on a token.
 bool enroll(const QString &label, const QString &id, const QString &certificate,
             const QString &key = QStringLiteral("rsa"), const QString &tokenPin = pin);

@@ -62,6 +62,13 @@ QByteArray without(QByteArray text, const char *line)
     return text.replace(QByteArray(line) + '\n', QByteArray());
 }
 
+/// The template of a certificate that would have logged alice in.
+QByteArray expired()
+{
+    return without(SoftTokens::loginTemplate(), "expiration_days = 30")
+           + "activation_date = \"2020-01-01 00:00:00\"\nexpiration_date = \"2021-01-01 00:00:00\"\n";
+}
+
 } // namespace
 
 class TstClientToken : public QObject
@@ -80,6 +87,8 @@ private Q_SLOTS:
     void commandLineList();
     void manyCertificates();
 
+    void keyForOnePadding();
+    void weakKey();
     void accepts_data();
     void accepts();
     void refuses_data();
@@ -98,6 +107,11 @@ private Q_SLOTS:
     void badUri_data();
     void badUri();
     void severalForOneUri();
+    void renewed();
+    void labels_data();
+    void labels();
+    void keyOnOtherToken();
+    void keyThatAsksForEachSignature();
 
     void wrongPins();
     void wrongPin_data();
@@ -311,6 +325,8 @@ void TstClientToken::accepts_data()
     QTest::newRow("RSA") << base << rsa << QStringList() << QString();
     QTest::newRow("EC, P-256") << base << ec << QStringList() << QString();
     QTest::newRow("EC, P-384") << base << QStringLiteral("ec-384") << QStringList() << QString();
+    QTest::newRow("EC, P-521") << base << QStringLiteral("ec-521") << QStringList() << QString();
+    QTest::newRow("Ed25519") << base << QStringLiteral("ed25519") << QStringList() << QString();
     QTest::newRow("smart-card logon") << without(base, "tls_www_client") + "key_purpose_oid = 1.3.6.1.4.1.311.20.2.2\n"
                                       << ec << QStringList() << QString();
     QTest::newRow("both purposes and another")
@@ -351,6 +367,28 @@ void TstClientToken::accepts()
     QVERIFY2(client.output().isEmpty(), client.output().constData());
 }
 
+void TstClientToken::keyForOnePadding()
+{
+    // The certificate says RSA-PSS, the token knows only RSA.
+    ClientFixture client;
+    const QString cert = enrolled(
+        client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), QStringLiteral("rsa-pss")),
+        QStringLiteral("rsa-pss-plain"));
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
+}
+
+void TstClientToken::weakKey()
+{
+    const QString weak = QStringLiteral("rsa-1024");
+    ClientFixture client;
+    const QString cert =
+        enrolled(client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), weak), weak);
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), failed);
+}
+
 void TstClientToken::refuses_data()
 {
     QTest::addColumn<QByteArray>("content");
@@ -369,9 +407,7 @@ void TstClientToken::refuses_data()
         return QStringList{QString::fromLatin1(mapping)};
     };
 
-    QTest::newRow("expired")
-        << timeless + "activation_date = \"2020-01-01 00:00:00\"\nexpiration_date = \"2021-01-01 00:00:00\"\n"
-        << QStringList() << QString();
+    QTest::newRow("expired") << expired() << QStringList() << QString();
     QTest::newRow("not yet valid")
         << timeless + "activation_date = \"2200-01-01 00:00:00\"\nexpiration_date = \"2201-01-01 00:00:00\"\n"
         << QStringList() << QString();
@@ -642,6 +678,78 @@ void TstClientToken::severalForOneUri()
     QVERIFY(SoftTokens::enroll(one, id2, goodCert()));
     QCOMPARE(client.validateCert(vague, pin), failed);
     QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::renewed()
+{
+    // The same key, the same id, the same label: the same URI.
+    ClientFixture client;
+    const QString cert = enrolled(client, SoftTokens::issue(QStringLiteral("case"), expired()));
+    QVERIFY(!cert.isEmpty());
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
+    QCOMPARE(client.certList(), QStringList{cert});
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QVERIFY(set("default-cert", cert));
+    QCOMPARE(client.validateCert({}, pin), success);
+}
+
+void TstClientToken::labels_data()
+{
+    QTest::addColumn<QString>("label");
+    for (const char *label :
+         {"a label", "a;label", "a=label", "100%", "100%3B", "a/b?c&d#e", "Schlüssel", "鍵", "pin-pad", "my pin-pad",
+          "type=private", "x;type=private", "pkcs11:token=one", "\"quoted\"", "a'b`c\\d"})
+        QTest::newRow(label) << QString::fromUtf8(label);
+}
+
+void TstClientToken::labels()
+{
+    QFETCH(QString, label);
+    QVERIFY(SoftTokens::add(label));
+    QVERIFY(SoftTokens::putKeys(label, id1, QStringLiteral("rsa")));
+    QVERIFY(SoftTokens::putCert(label, id1, goodCert(), pin, label));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
+    QVERIFY(set("default-cert", certs.constFirst()));
+    QCOMPARE(client.validateCert({}, pin), success);
+    QVERIFY(SoftTokens::remove());
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), noToken);
+}
+
+void TstClientToken::keyOnOtherToken()
+{
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
+    QVERIFY(SoftTokens::add(two));
+    QVERIFY(SoftTokens::putKeys(two, id1, QStringLiteral("rsa")));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    // The token shows no keys, so it may hide them; it turns out that it has none.
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), failed);
+    QVERIFY(SoftTokens::putKeys(one, id2, QStringLiteral("rsa")));
+    QCOMPARE(client.certList(), QStringList());
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), failed);
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClientToken::keyThatAsksForEachSignature()
+{
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::putHiddenKey(one, id1, QStringLiteral("rsa"), pin, {QStringLiteral("--always-auth")}));
+    QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
+    QCOMPARE(client.validateCert(certs.constFirst(), ::wrongPin), failed);
+    QCOMPARE(ClientFixture::attempts(), 1);
 }
 
 void TstClientToken::wrongPins()
@@ -950,9 +1058,7 @@ void TstClientToken::noSecrets()
     QCOMPARE(client.validateCert(certs.constFirst(), wrong), failed);
     QCOMPARE(client.certList().size(), 1);
     const QString part = longPin.right(30);
-    const QByteArray wide(reinterpret_cast<const char *>(part.utf16()), part.size() * 2);
-    QVERIFY(!ClientFixture::memoryHolds(client.process.processId(), wide));
-    QVERIFY(!ClientFixture::memoryHolds(client.process.processId(), part.toUtf8()));
+    QVERIFY(!ClientFixture::memoryHoldsText(client.process.processId(), part));
 
     QVERIFY(makeUnruly("hang"));
     client.connection().asyncCall(
