@@ -560,7 +560,7 @@ void Model::callClient(const QString &method, const QStringList &arguments, cons
         m_heldCalls << credential;
         m_dying = true;
     } else if (answer == QLatin1String("<drop>")) {
-        m_ambiguous = m_ambiguous || !m_arrivals.isEmpty() || m_dying;
+        m_ambiguous = m_ambiguous || !m_arrivals.isEmpty() || m_dying || m_changedDirectories.contains(clientDirectory);
         m_heldCalls << credential;
         loseLink();
     } else {
