@@ -109,6 +109,8 @@ private Q_SLOTS:
     {
         if (m_authd.isRunning())
             QCOMPARE(m_authd.stop(SIGTERM), 0);
+        if (QTest::currentTestFailed())
+            qWarning("The daemon wrote:\n%s", m_authd.log().constData());
     }
 
     // --- Starting and stopping ---
