@@ -30,7 +30,7 @@ using GnutlsHandle = std::unique_ptr<std::remove_pointer_t<T>, GnutlsDeinit<dein
 /// Copies what the library allocated, and frees it.
 inline QByteArray takeBytes(gnutls_datum_t &datum)
 {
-    const QByteArray bytes(reinterpret_cast<const char *>(datum.data), int(datum.size));
+    QByteArray bytes(reinterpret_cast<const char *>(datum.data), int(datum.size));
     gnutls_free(datum.data);
     datum.data = nullptr;
     return bytes;

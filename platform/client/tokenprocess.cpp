@@ -67,7 +67,7 @@ int setUp()
 QByteArray takeField(QByteArray &request)
 {
     const int end = request.indexOf('\0');
-    const QByteArray field = request.left(end);
+    QByteArray field = request.left(end);
     request.remove(0, end == -1 ? request.size() : end + 1);
     return field;
 }

@@ -87,7 +87,7 @@ bool makePssKey(const QString &name)
 
 QString writeTemplate(const QString &name, const QByteArray &content)
 {
-    const QString path = file(name + QStringLiteral(".template"));
+    QString path = file(name + QStringLiteral(".template"));
     TestDevice::writeFile(path, content);
     return path;
 }
@@ -106,6 +106,12 @@ QStringList by(const QString &authorityName)
 {
     return {QStringLiteral("--load-ca-certificate"), file(authorityName + QStringLiteral(".pem")),
             QStringLiteral("--load-ca-privkey"), file(authorityName + QStringLiteral(".key"))};
+}
+
+/// Without an id, what is put on the token has none.
+QStringList idOption(const QString &id)
+{
+    return id.isEmpty() ? QStringList() : QStringList{QStringLiteral("--id"), id};
 }
 
 bool pkcs11Tool(const QString &label, const QString &tokenPin, const QStringList &arguments)
@@ -220,9 +226,8 @@ bool SoftTokens::putHiddenKey(const QString &label, const QString &id, const QSt
 {
     return pkcs11Tool(label, tokenPin,
                       QStringList{QStringLiteral("--write-object"), file(key + QStringLiteral(".der")),
-                                  QStringLiteral("--type"), QStringLiteral("privkey"), QStringLiteral("--id"), id,
-                                  QStringLiteral("--usage-sign")}
-                          + options);
+                                  QStringLiteral("--type"), QStringLiteral("privkey"), QStringLiteral("--usage-sign")}
+                          + idOption(id) + options);
 }
 
 bool SoftTokens::putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin,
@@ -232,8 +237,9 @@ bool SoftTokens::putCert(const QString &label, const QString &id, const QString 
     return run(QStringLiteral("certtool"), {QStringLiteral("--certificate-info"), QStringLiteral("--infile"),
                                             certificate, QStringLiteral("--outder"), QStringLiteral("--outfile"), der})
            && pkcs11Tool(label, tokenPin,
-                         {QStringLiteral("--write-object"), der, QStringLiteral("--type"), QStringLiteral("cert"),
-                          QStringLiteral("--id"), id, QStringLiteral("--label"), certLabel});
+                         QStringList{QStringLiteral("--write-object"), der, QStringLiteral("--type"),
+                                     QStringLiteral("cert"), QStringLiteral("--label"), certLabel}
+                             + idOption(id));
 }
 
 bool SoftTokens::enroll(const QString &label, const QString &id, const QString &certificate, const QString &key,

@@ -46,7 +46,7 @@ bool putKeys(const QString &label, const QString &id, const QString &key, const 
 /// Puts a private key on a token, where nobody sees it without the PIN.
 bool putHiddenKey(const QString &label, const QString &id, const QString &key, const QString &tokenPin = pin,
                   const QStringList &options = {});
-/// Puts a certificate on a token.
+/// Puts a certificate on a token. Without an id, it has none.
 bool putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin = pin,
              const QString &certLabel = QStringLiteral("certificate"));
 /// Puts keys and certificate on a token.

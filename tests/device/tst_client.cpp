@@ -712,12 +712,12 @@ void TstClient::noDump()
 void TstClient::noSecrets()
 {
     // Long, so that its memory is not soon used for other things.
-    const QString wrong = QStringLiteral("swordfish").repeated(40);
+    const QString longWrong = QStringLiteral("swordfish").repeated(40);
     const QString nobodysPin = QStringLiteral("27182818").repeated(40);
     QVERIFY(ClientFixture::setPassword(right));
     ClientFixture client;
     QVERIFY(client.start());
-    QCOMPARE(client.checkPassword(wrong), failed);
+    QCOMPARE(client.checkPassword(longWrong), failed);
     QCOMPARE(client.checkPassword(right), success);
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), nobodysPin), noToken);
     client.certList();
@@ -728,7 +728,7 @@ void TstClient::noSecrets()
                             + everythingIn(QStringLiteral("/home/alice")) + everythingIn(QStringLiteral("/srv/shared"))
                             + everythingIn(QStringLiteral("/tmp"));
     QVERIFY(open.contains("password-hash"));
-    for (const QString &secret : {right, wrong, nobodysPin}) {
+    for (const QString &secret : {right, longWrong, nobodysPin}) {
         QVERIFY2(!open.contains(secret.toUtf8()), qPrintable(secret));
         QVERIFY2(!ClientFixture::memoryHoldsText(client.process.processId(), secret.right(20)), qPrintable(secret));
     }

@@ -112,6 +112,7 @@ private Q_SLOTS:
     void labels();
     void keyOnOtherToken();
     void keyThatAsksForEachSignature();
+    void certificateWithoutId();
 
     void wrongPins();
     void wrongPin_data();
@@ -645,6 +646,9 @@ void TstClientToken::badUri_data()
     QTest::newRow("another serial number") << QStringLiteral("serial=") << QStringLiteral("serial=0") << noToken;
     QTest::newRow("with a PIN") << QStringLiteral("type=cert") << QString(QStringLiteral("type=cert?pin-value=") + pin)
                                 << failed;
+    QTest::newRow("with a PIN after another attribute")
+        << QStringLiteral("object=certificate;type=cert")
+        << QString(QStringLiteral("type=cert;object=certificate?pin-value=") + pin) << failed;
     QTest::newRow("with the place of a PIN")
         << QStringLiteral("type=cert") << QStringLiteral("type=cert?pin-source=file:/etc/passwd") << failed;
     QTest::newRow("with a PIN in the path")
@@ -750,6 +754,19 @@ void TstClientToken::keyThatAsksForEachSignature()
     QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
     QCOMPARE(client.validateCert(certs.constFirst(), ::wrongPin), failed);
     QCOMPARE(ClientFixture::attempts(), 1);
+}
+
+void TstClientToken::certificateWithoutId()
+{
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::putHiddenKey(one, {}, QStringLiteral("rsa")));
+    QVERIFY(SoftTokens::putCert(one, {}, goodCert()));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    // Nothing says which key is the certificate's.
+    QCOMPARE(client.certList(), QStringList());
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:token=one;type=cert"), pin), failed);
+    QCOMPARE(ClientFixture::attempts(), 0);
 }
 
 void TstClientToken::wrongPins()

@@ -39,7 +39,8 @@ CK_FUNCTION_LIST *soft;
 
 std::string inHome(const char *name)
 {
-    return std::string(getenv("HOME")) + '/' + name;
+    const char *home = getenv("HOME");
+    return std::string(home ? home : "") + '/' + name;
 }
 
 std::string behaviour()
