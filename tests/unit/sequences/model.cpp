@@ -66,7 +66,8 @@ bool Model::allows(const Event &event) const
         case Kind::ReplyCerts:
             return m_certsHeld > 0 && event.variant != HoldCerts;
         case Kind::ReplyWiper:
-            return !m_heldWipes.isEmpty();
+            // When there is no mark to clear, nothing tells that a success has arrived.
+            return !m_heldWipes.isEmpty() && (!event.flag || option(m_heldWipes.first(), deletion).toBool());
         case Kind::WritePolicy:
         case Kind::PlantPolicy:
         case Kind::WriteUserFile:
