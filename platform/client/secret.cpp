@@ -45,9 +45,15 @@ void wipeCopies(quint64 begin, quint64 end, const QByteArray &text)
         const ssize_t size = pread(memory, window.data(), wanted, off_t(at));
         if (size < pattern.size())
             return;
-        const QByteArray part = QByteArray::fromRawData(window.constData(), int(size));
-        for (int i = part.indexOf(pattern); i != -1; i = part.indexOf(pattern, i + 1)) {
-            if (pwrite(memory, zeros.constData(), size_t(zeros.size()), off_t(at) + i + off_t(sizeof(quint32))) == -1)
+        // The C library finds also what is long, and repeats itself, in one pass.
+        const char *const windowEnd = window.constData() + size;
+        const auto next = [&](const char *from) {
+            return static_cast<const char *>(
+                memmem(from, size_t(windowEnd - from), pattern.constData(), size_t(pattern.size())));
+        };
+        for (const char *found = next(window.constData()); found; found = next(found + 1)) {
+            const off_t place = off_t(at) + (found - window.constData()) + off_t(sizeof(quint32));
+            if (pwrite(memory, zeros.constData(), size_t(zeros.size()), place) == -1)
                 qWarning("Cannot wipe a secret: %s", qUtf8Printable(qt_error_string()));
         }
     }

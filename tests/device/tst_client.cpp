@@ -714,12 +714,15 @@ void TstClient::noSecrets()
     // Long, so that its memory is not soon used for other things.
     const QString longWrong = QStringLiteral("swordfish").repeated(40);
     const QString nobodysPin = QStringLiteral("27182818").repeated(40);
+    // So long that it arrives in pieces.
+    const QString endlessPin = QStringLiteral("16180339").repeated(5000);
     QVERIFY(ClientFixture::setPassword(right));
     ClientFixture client;
     QVERIFY(client.start());
     QCOMPARE(client.checkPassword(longWrong), failed);
     QCOMPARE(client.checkPassword(right), success);
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), nobodysPin), noToken);
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), endlessPin), noToken);
     client.certList();
 
     const QString proc = QStringLiteral("/proc/%1/").arg(client.process.processId());
@@ -728,7 +731,7 @@ void TstClient::noSecrets()
                             + everythingIn(QStringLiteral("/home/alice")) + everythingIn(QStringLiteral("/srv/shared"))
                             + everythingIn(QStringLiteral("/tmp"));
     QVERIFY(open.contains("password-hash"));
-    for (const QString &secret : {right, longWrong, nobodysPin}) {
+    for (const QString &secret : {right, longWrong, nobodysPin, endlessPin}) {
         QVERIFY2(!open.contains(secret.toUtf8()), qPrintable(secret));
         QVERIFY2(!ClientFixture::memoryHoldsText(client.process.processId(), secret.right(20)), qPrintable(secret));
     }

@@ -1085,6 +1085,8 @@ void TstClientToken::noSecrets()
     // Not what the client is a copy of until it has become the helper.
     QTRY_VERIFY(TestDevice::readFile(helper + QStringLiteral("/cmdline")).contains("--validate-cert"));
     QTRY_VERIFY(ClientFixture::memoryHolds(helpers(client).constFirst().toInt(), part.toUtf8()));
+    // The client has no need of it any more.
+    QVERIFY(!ClientFixture::memoryHoldsText(client.process.processId(), part));
     const QByteArray open = TestDevice::readFile(helper + QStringLiteral("/cmdline"))
                             + TestDevice::readFile(helper + QStringLiteral("/environ"))
                             + TestDevice::readFile(ClientFixture::settingsPath) + client.output();
