@@ -263,7 +263,7 @@ private:
     /// The method asked for, or the one to offer first; null after a failure, with its exit code in `exitCode`.
     QString method(int &exitCode)
     {
-        if (!m_request.method.isEmpty())
+        if (!m_request.method.isNull())
             return m_request.method;
         const QDBusPendingReply<QStringList> names = wait(m_service.GetMethods());
         if (names.isError())
@@ -422,14 +422,15 @@ private:
 
     int options()
     {
-        const std::optional<uint> uid = m_request.user.isEmpty() ? NoUser : userId(m_request.user);
+        // A user that is given and empty must not turn into everybody.
+        const bool isUsers = !m_request.user.isNull();
+        const std::optional<uint> uid = isUsers ? userId(m_request.user) : NoUser;
         if (!uid)
             return Refused;
         int exitCode = Success;
         const QString name = method(exitCode);
         if (name.isNull())
             return exitCode;
-        const bool isUsers = !m_request.user.isEmpty();
 
         if (m_request.arguments.size() == 1) {
             const QDBusPendingReply<QVariantMap> reply =
@@ -552,12 +553,13 @@ int main(int argc, char *argv[])
                                   QStringLiteral("user"));
     const QCommandLineOption unmanaged(QStringLiteral("unmanaged"),
                                        QStringLiteral("session: leave programs that run for the user alone."));
+    const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help."));
     QCommandLineParser parser;
     parser.setApplicationDescription(QString::fromLatin1(description));
     parser.addPositionalArgument(QStringLiteral("command"), QStringLiteral("See above."),
                                  QStringLiteral("command [argument...]"));
-    parser.addOptions({json, timeout, method, cert, user, unmanaged});
-    const QCommandLineOption help = parser.addHelpOption();
+    parser.addOptions({json, timeout, method, cert, user, unmanaged, help});
+
     const QCommandLineOption version = parser.addVersionOption();
 
     const bool parsed = parser.parse(QCoreApplication::arguments());

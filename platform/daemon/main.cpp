@@ -47,13 +47,24 @@ void handleSignal(int number)
     errno = error;
 }
 
+/// Whoever reads the log must not end the daemon by going away. The signal is not ignored, since the programs that
+/// methods start would inherit that.
+void survive(int) { }
+
 sigset_t terminationSignals()
 {
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
     sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGHUP);
     return set;
+}
+
+bool isIgnored(int signal)
+{
+    struct sigaction present = {};
+    return sigaction(signal, nullptr, &present) == 0 && present.sa_handler == SIG_IGN;
 }
 
 /// Has the signals end the event loop. They are not blocked, since the programs that methods start would inherit that.
@@ -70,9 +81,15 @@ bool catchSignals()
     struct sigaction action = {};
     action.sa_handler = handleSignal;
     action.sa_flags = SA_RESTART;
+    struct sigaction survival = {};
+    survival.sa_handler = survive;
+    survival.sa_flags = SA_RESTART;
     const sigset_t set = terminationSignals();
-    return sigaction(SIGTERM, &action, nullptr) == 0 && sigaction(SIGINT, &action, nullptr) == 0
-           && sigprocmask(SIG_UNBLOCK, &set, nullptr) == 0;
+    return sigaction(SIGTERM, &action, nullptr) == 0
+           && sigaction(SIGINT, &action, nullptr) == 0
+           // Whoever started the daemon may want it to outlive the terminal.
+           && (isIgnored(SIGHUP) || sigaction(SIGHUP, &action, nullptr) == 0)
+           && sigaction(SIGPIPE, &survival, nullptr) == 0 && sigprocmask(SIG_UNBLOCK, &set, nullptr) == 0;
 }
 
 /// Puts a fresh daemon into this one's place: what the Qt library shares in a process, the methods' own connection to
@@ -157,14 +174,14 @@ int main(int argc, char *argv[])
                                                     "connected to the journal."));
     const QCommandLineOption waitForBus(QStringLiteral("wait-for-bus"),
                                         QStringLiteral("Wait for the system bus when it is not there."));
+    const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help."));
     QCommandLineParser parser;
     parser.setApplicationDescription(
         QStringLiteral("Authenticates users with the methods that it loads, and offers that on the system bus as\n"
-                       "qarv.AuthService. Ends on SIGTERM and SIGINT.\n\n"
+                       "qarv.AuthService. Ends on SIGTERM, SIGINT and SIGHUP.\n\n"
                        "Exit codes: 0 ended as told, 1 cannot start, 2 wrong usage, 3 no system bus,\n"
                        "4 the service's name is taken or not allowed."));
-    parser.addOptions({methods, journal, waitForBus});
-    const QCommandLineOption help = parser.addHelpOption();
+    parser.addOptions({methods, journal, waitForBus, help});
     const QCommandLineOption version = parser.addVersionOption();
     if (!parser.parse(QCoreApplication::arguments()) || !parser.positionalArguments().isEmpty()) {
         const QString error =

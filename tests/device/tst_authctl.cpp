@@ -127,6 +127,7 @@ void TstAuthctl::usage_data()
 
     QTest::newRow("nothing") << "" << int(WrongUsage);
     QTest::newRow("unknown command") << "nonsense" << int(WrongUsage);
+    QTest::newRow("help that there is not") << "--help-all" << int(WrongUsage);
     QTest::newRow("unknown option") << "methods --nonsense" << int(WrongUsage);
     QTest::newRow("too few") << "login" << int(WrongUsage);
     QTest::newRow("too many") << "methods all" << int(WrongUsage);
@@ -459,6 +460,11 @@ void TstAuthctl::options()
     QCOMPARE(run(QStringLiteral("options other")).exitCode, int(Refused));
     QCOMPARE(run(QStringLiteral("options --user mallory")).exitCode, int(Refused));
     QCOMPARE(run(QStringLiteral("options --method other")).exitCode, int(Refused));
+    // What is given and empty, as by a script's unset variable, is not the same as not given.
+    QCOMPARE(run(QStringLiteral("options max-attempts 9 --user=")).errors,
+             QStringLiteral("authctl: There is no user \n"));
+    QCOMPARE(run(QStringLiteral("options max-attempts 9 --method=")).exitCode, int(Refused));
+    QCOMPARE(run(QStringLiteral("options max-attempts")).output, QStringLiteral("max-attempts = 3\n"));
 }
 
 void TstAuthctl::certs()

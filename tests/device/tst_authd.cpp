@@ -126,6 +126,8 @@ private Q_SLOTS:
     void damagedLocks();
     void signalsEndIt_data();
     void signalsEndIt();
+    void signalWhileAnAttemptIsOpen();
+    void signalsItSurvives();
     void journalForm();
     void busRestart();
 
@@ -319,6 +321,7 @@ void TstAuthd::signalsEndIt_data()
 
     QTest::newRow("SIGTERM") << SIGTERM << true;
     QTest::newRow("SIGINT") << SIGINT << true;
+    QTest::newRow("SIGHUP") << SIGHUP << true;
     QTest::newRow("SIGTERM while waiting for the bus") << SIGTERM << false;
 }
 
@@ -343,6 +346,55 @@ void TstAuthd::signalsEndIt()
     QCOMPARE(exitCode, 0);
     // Its client goes with it.
     QTRY_VERIFY(kill(client, 0) != 0);
+}
+
+void TstAuthd::signalWhileAnAttemptIsOpen()
+{
+    const BusUser root(0);
+    QCOMPARE(authenticate(root, alice, QStringLiteral("never")), QString());
+    QTRY_COMPARE(TestDevice::calls().size(), 1);
+    const pid_t client = TestDevice::launches().constLast().value(QLatin1String("pid")).toInt();
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QTRY_VERIFY(kill(client, 0) != 0);
+
+    // Nothing is left over from it.
+    QVERIFY(m_authd.start());
+    QCOMPARE(stateText(root, alice), QStringLiteral("idle {}"));
+    Reports reports(root);
+    QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+}
+
+void TstAuthd::signalsItSurvives()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    // The log's reader goes away, and so does the terminal of who started it with nohup.
+    QProcess daemon;
+    daemon.start(QStringLiteral("sh"),
+                 {QStringLiteral("-c"), QStringLiteral("trap '' HUP; exec %1 --methods %2")
+                                            .arg(QStringLiteral(TEST_BINARY_DIR "/bin/authd"),
+                                                 QStringLiteral(TEST_BINARY_DIR "/lib/authd/methods"))});
+    QVERIFY(daemon.waitForStarted());
+    const BusUser root(0);
+    QTRY_COMPARE(root.error(QStringLiteral("GetMethods")), QString());
+    daemon.closeReadChannel(QProcess::StandardError);
+    QCOMPARE(root.error(QStringLiteral("SessionStarted"), {alice, false}), QString());
+    kill(pid_t(daemon.processId()), SIGHUP);
+    QCOMPARE(root.error(QStringLiteral("SessionStarted"), {alice, false}), QString());
+    QCOMPARE(daemon.state(), QProcess::Running);
+
+    // Its client is not left with a signal that does nothing.
+    QCOMPARE(authenticate(root, alice, QStringLiteral("never")), QString());
+    QTRY_COMPARE(TestDevice::calls().size(), 1);
+    const pid_t client = TestDevice::launches().constLast().value(QLatin1String("pid")).toInt();
+    const QByteArray status = TestDevice::readFile(QStringLiteral("/proc/%1/status").arg(client));
+    const int ignored = status.indexOf("SigIgn:");
+    QVERIFY(ignored >= 0);
+    const quint64 mask = status.mid(ignored + 7, 18).trimmed().toULongLong(nullptr, 16);
+    QCOMPARE(mask & (quint64(1) << (SIGPIPE - 1)), quint64(0));
+    kill(pid_t(daemon.processId()), SIGTERM);
+    QVERIFY(daemon.waitForFinished());
+    QCOMPARE(daemon.exitCode(), 0);
 }
 
 void TstAuthd::journalForm()
