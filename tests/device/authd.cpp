@@ -9,6 +9,7 @@
 #include <QAtomicInt>
 #include <QDBusArgument>
 #include <QLibraryInfo>
+#include <QRegularExpression>
 #include <QTest>
 
 #include <csignal>
@@ -156,6 +157,16 @@ QProcessEnvironment debuggedBus()
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("QDBUS_DEBUG"), QStringLiteral("1"));
     return environment;
+}
+
+QSet<QString> longOptions(QString text)
+{
+    text.replace(QStringLiteral("\\-"), QStringLiteral("-"));
+    QSet<QString> options;
+    auto match = QRegularExpression(QStringLiteral("--[a-z][a-z-]*")).globalMatch(text);
+    while (match.hasNext())
+        options << match.next().captured();
+    return options;
 }
 
 QString reportText(const QVariant &value)

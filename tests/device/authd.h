@@ -9,6 +9,7 @@
 #include <QObject>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QSet>
 #include <QStringList>
 #include <QVector>
 
@@ -82,6 +83,9 @@ private Q_SLOTS:
 bool heldSignalsBack(const QByteArray &errors);
 /// In which the D-Bus library tells what it does.
 QProcessEnvironment debuggedBus();
+
+/// The long options named in a program's help, or in its manual page.
+QSet<QString> longOptions(QString text);
 
 /// A value as it reads in Reports.
 QString reportText(const QVariant &value);

@@ -156,6 +156,8 @@ void TstAuthctl::usage()
                                  "monitor", "--json", "--timeout", "--method", "--cert", "--user", "--unmanaged"})
             QVERIFY2(result.output.contains(QLatin1String(word)), word);
         QVERIFY(result.output.contains(QLatin1String("3 the user is locked")));
+        const QString manual = QString::fromUtf8(TestDevice::readFile(QStringLiteral(DAEMON_SOURCE_DIR "/authctl.1")));
+        QCOMPARE(longOptions(manual), longOptions(result.output));
     }
     if (arguments == QLatin1String("--version"))
         QCOMPARE(result.output, QStringLiteral("authctl 0.0.1\n"));
