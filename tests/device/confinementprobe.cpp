@@ -53,7 +53,7 @@ bool canOwn(const QString &service)
 QJsonObject tried(const QJsonValue &subjects, bool (*attempt)(const QString &))
 {
     QJsonObject results;
-    for (const QJsonValue &subject : subjects.toArray())
+    for (const auto &subject : subjects.toArray()) // clazy:exclude=range-loop-detach
         results.insert(subject.toString(), attempt(subject.toString()));
     return results;
 }

@@ -72,7 +72,8 @@ void recordLaunch(const QStringList &arguments)
         groupList << int(groups[i]);
     const QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     QJsonObject variables;
-    for (const QString &key : environment.keys())
+    const QStringList keys = environment.keys();
+    for (const QString &key : keys)
         variables.insert(key, environment.value(key));
 
     record(QStringLiteral("launches"),
@@ -149,7 +150,8 @@ public:
         if (message.interface() != QLatin1String("tarsk.kavet_auth"))
             return false;
         QJsonArray call{message.member()};
-        for (const QVariant &argument : message.arguments())
+        const QVariantList values = message.arguments();
+        for (const QVariant &argument : values)
             call << argument.toString();
         record(QStringLiteral("calls"), QJsonDocument(call));
 
@@ -171,7 +173,8 @@ protected:
     }
 
 private:
-    bool answer(const QString &word, const QVariant &success, const QDBusMessage &message, QDBusConnection connection)
+    bool answer(const QString &word, const QVariant &success, const QDBusMessage &message,
+                const QDBusConnection &connection)
     {
         if (word == QLatin1String("error"))
             return connection.send(message.createErrorReply(QStringLiteral("tarsk.Error"), QStringLiteral("No luck")));
@@ -207,7 +210,8 @@ private:
     QVariant certs() const
     {
         QStringList list;
-        for (const QJsonValue &cert : m_script.value(QLatin1String("certs")).toArray())
+        const QJsonArray listed = m_script.value(QLatin1String("certs")).toArray();
+        for (const auto &cert : listed)
             list << cert.toString();
         return list;
     }

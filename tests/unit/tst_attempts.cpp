@@ -108,7 +108,7 @@ private Q_SLOTS:
         QTest::newRow("text 0") << QVariant(QStringLiteral("0"));
         QTest::newRow("not a number") << QVariant(QStringLiteral("many"));
         QTest::newRow("number and more") << QVariant(QStringLiteral("3 times"));
-        QTest::newRow("empty text") << QVariant(QStringLiteral(""));
+        QTest::newRow("empty text") << QVariant(QString::fromLatin1(""));
         QTest::newRow("list") << QVariant(QStringList{QStringLiteral("3"), QStringLiteral("4")});
     }
     void noLimit()
@@ -376,7 +376,7 @@ private Q_SLOTS:
             "[A]\nattempts=1\n[General]\nx=@ByteArray(y)\nattempts=3\nz=1\n[B]\nattempts=2\n")
                                       << QVariant(QStringLiteral("3"));
         QTest::newRow("not a number") << QByteArray("[General]\nattempts=some\n") << QVariant(QStringLiteral("some"));
-        QTest::newRow("nothing") << QByteArray("[General]\nattempts=\n") << QVariant(QStringLiteral(""));
+        QTest::newRow("nothing") << QByteArray("[General]\nattempts=\n") << QVariant(QString::fromLatin1(""));
         QTest::newRow("list") << QByteArray("[General]\nattempts=1, 2\n")
                               << QVariant(QStringList{QStringLiteral("1"), QStringLiteral("2")});
     }

@@ -268,7 +268,7 @@ void TstAuthFlow::wholeFlow()
     fixture.method.reset();
     fixture.method.authenticate(TestDevice::bob, {{cert, QStringLiteral("c")}, {pin, QStringLiteral("nousb")}});
     QTRY_COMPARE(fixture.told().size(), 2);
-    QCOMPARE(fixture.told().last(),
+    QCOMPARE(fixture.told().constLast(),
              RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::NoUsbDevice));
     QCOMPARE(TestDevice::calls(),
              (QVector<QJsonArray>{{QStringLiteral("checkPassword"), QStringLiteral("alice"), success},
@@ -381,7 +381,7 @@ void TstAuthFlow::answer_data()
           QStringLiteral("success\n"), QStringLiteral("LOCK"), QStringLiteral("NoUsb"), QStringLiteral("firstcerterr"),
           QStringLiteral("unknown"), QStringLiteral("0")})
         QTest::addRow("\"%s\"", qUtf8Printable(other)) << other << 11;
-    QTest::newRow("empty") << QStringLiteral("") << 11;
+    QTest::newRow("empty") << QString::fromLatin1("") << 11;
     QTest::newRow("null") << QString() << 11;
     QTest::newRow("huge") << QString(1 << 20, QLatin1Char('s')) << 11;
 }

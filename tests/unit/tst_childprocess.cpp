@@ -328,9 +328,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("application");
 
         QTest::newRow("no organisation") << QString() << QStringLiteral("app");
-        QTest::newRow("empty organisation") << QStringLiteral("") << QStringLiteral("app");
+        QTest::newRow("empty organisation") << QString::fromLatin1("") << QStringLiteral("app");
         QTest::newRow("no application") << QStringLiteral("org") << QString();
-        QTest::newRow("empty application") << QStringLiteral("org") << QStringLiteral("");
+        QTest::newRow("empty application") << QStringLiteral("org") << QString::fromLatin1("");
         QTest::newRow("neither") << QString() << QString();
     }
 

@@ -283,7 +283,7 @@ void TstLaunch::launcherAndArguments()
     QTRY_COMPARE(TestDevice::launches().size(), 1);
     const QStringList expected = f.d->getLaunchArgs();
     QCOMPARE(expected.size(), 21);
-    QCOMPARE(TestDevice::launches().first().value(QLatin1String("arguments")).toArray(),
+    QCOMPARE(TestDevice::launches().constFirst().value(QLatin1String("arguments")).toArray(),
              QJsonArray::fromStringList(expected));
     QCOMPARE(f.d->child.program(), QStringLiteral("/usr/bin/firejail"));
     QCOMPARE(f.d->child.openMode() & QIODevice::ReadWrite, QIODevice::OpenMode(QIODevice::ReadWrite));
@@ -311,7 +311,7 @@ void TstLaunch::environment()
     f.d->currentUid = bob;
     QVERIFY(f.d->launchChild());
     QTRY_COMPARE(TestDevice::launches().size(), 1);
-    QCOMPARE(TestDevice::launches().first().value(QLatin1String("environment")).toObject(), expected);
+    QCOMPARE(TestDevice::launches().constFirst().value(QLatin1String("environment")).toObject(), expected);
     // The daemon's own is not touched.
     QCOMPARE(qgetenv("HOME"), QByteArray("/root/elsewhere"));
     QCOMPARE(qgetenv("DBUS_SESSION_BUS_ADDRESS"), QByteArray("unix:path=/tmp/other"));
@@ -330,7 +330,7 @@ void TstLaunch::homeIgnoresTheDatabase()
     qunsetenv("HOME");
     QVERIFY(f.d->launchChild());
     QTRY_COMPARE(TestDevice::launches().size(), 1);
-    const QJsonObject variables = TestDevice::launches().first().value(QLatin1String("environment")).toObject();
+    const QJsonObject variables = TestDevice::launches().constFirst().value(QLatin1String("environment")).toObject();
     QCOMPARE(variables.value(QLatin1String("HOME")).toString(), QStringLiteral("/home/alice"));
     QCOMPARE(variables.value(QLatin1String("DBUS_SESSION_BUS_ADDRESS")).toString(),
              QStringLiteral("unix:path=/run/user/1000/dbus/user_bus_socket"));
@@ -343,7 +343,7 @@ void TstLaunch::identity()
     QVERIFY(f.d->launchChild());
     QTRY_COMPARE(TestDevice::launches().size(), 1);
 
-    const QJsonObject launch = TestDevice::launches().first();
+    const QJsonObject launch = TestDevice::launches().constFirst();
     const int group = int(authFactor());
     QCOMPARE(launch.value(QLatin1String("uids")).toArray(), (QJsonArray{1001, 1001, 1001}));
     QCOMPARE(launch.value(QLatin1String("gids")).toArray(), (QJsonArray{group, group, group}));

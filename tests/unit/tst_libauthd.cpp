@@ -80,8 +80,8 @@ void TestLibAuthd::params()
     using Map = QMap<QString, QVariant>;
     QCOMPARE(LibAuthd::inputRequestParams(2), (Map{{QStringLiteral("input-request-type"), 2}}));
     QCOMPARE(LibAuthd::resultCodeParams(14), (Map{{QStringLiteral("result-code"), 14}}));
-    QCOMPARE(LibAuthd::inputRequestParams(0).first().userType(), int(QMetaType::Int));
-    QCOMPARE(LibAuthd::resultCodeParams(0).first().userType(), int(QMetaType::Int));
+    QCOMPARE(LibAuthd::inputRequestParams(0).values().constFirst().userType(), int(QMetaType::Int));
+    QCOMPARE(LibAuthd::resultCodeParams(0).values().constFirst().userType(), int(QMetaType::Int));
 }
 
 void TestLibAuthd::newFile_data()
@@ -369,7 +369,7 @@ void TestLibAuthd::scope()
         QVERIFY(scope.contains(option));
     QVERIFY(!scope.contains(QStringLiteral("Certs")));
 
-    const ValidationScope copy = scope;
+    const ValidationScope copy = scope; // NOLINT(performance-unnecessary-copy-initialization): it is what is tested
     QCOMPARE(copy.rules(), rules);
 }
 

@@ -186,7 +186,7 @@ private Q_SLOTS:
                              << QStringLiteral("p");
         QTest::newRow("empty password counts")
             << Data{{password, QString(QLatin1String(""))}, {cert, QStringLiteral("c")}, {pin, QStringLiteral("1")}}
-            << QStringLiteral("");
+            << QString::fromLatin1("");
         QTest::newRow("cert and pin") << Data{{cert, QStringLiteral("c")}, {pin, QStringLiteral("1")}}
                                       << QStringLiteral("1");
         QTest::newRow("number as pin") << Data{{cert, QStringLiteral("c")}, {pin, 1234}} << QStringLiteral("1234");
@@ -225,7 +225,7 @@ private Q_SLOTS:
         // The parser leaves out white space before a value unless it is written like this.
         QTest::newRow("space first") << QStringLiteral("\\s/opt/x/client") << 0755 << false;
         QTest::newRow("two spaces") << QStringLiteral("/opt/x/client  --flag") << 0755 << true;
-        QTest::newRow("empty") << QStringLiteral("") << 0755 << false;
+        QTest::newRow("empty") << QString::fromLatin1("") << 0755 << false;
         QTest::newRow("none") << QString() << 0755 << false;
     }
 

@@ -760,7 +760,7 @@ void TstMonitoring::relaunched()
                                                 RecordingDaemon::asked(SettingsKavet::EnterPasswordOrPin)}));
     fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(QStringLiteral("success")));
     QTRY_COMPARE(fixture.told().size(), 3);
-    QCOMPARE(fixture.told().last(), RecordingDaemon::succeeded());
+    QCOMPARE(fixture.told().constLast(), RecordingDaemon::succeeded());
 
     QStringList lines = texts(log);
     QVERIFY(lines.removeOne(QStringLiteral("onChildErrorOccurred error 1")));

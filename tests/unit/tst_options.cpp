@@ -375,7 +375,8 @@ private Q_SLOTS:
 
     void constants()
     {
-        for (const Text &text : texts() + vocabulary())
+        const auto all = texts() + vocabulary();
+        for (const Text &text : all)
             QVERIFY2(text.constant == QLatin1String(text.text), text.name);
     }
 
@@ -414,7 +415,8 @@ private Q_SLOTS:
             QVERIFY2(own.count(text) == 1, qPrintable(text));
 
         QStringList once;
-        for (const Text &text : texts() + vocabulary())
+        const auto all = texts() + vocabulary();
+        for (const Text &text : all)
             once << QString::fromLatin1(text.text);
         once << QString::fromLatin1(Constants::clientGroup);
 

@@ -75,7 +75,7 @@ QByteArray nested(const char *form, int version, int depth)
         stream << quint32(1);
     }
     QByteArray escaped;
-    for (const char byte : bytes)
+    for (const char byte : qAsConst(bytes))
         escaped.append("\\x").append(QByteArray::number(uchar(byte), 16));
     return form + escaped + ')';
 }
@@ -116,7 +116,7 @@ private Q_SLOTS:
     void force_data()
     {
         QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("marker");
+        QTest::addColumn<QString>("kept");
         QTest::addColumn<bool>("force");
         QTest::addColumn<bool>("takes");
         const QString none;
@@ -137,15 +137,15 @@ private Q_SLOTS:
     void force()
     {
         QFETCH(QString, path);
-        QFETCH(QString, marker);
+        QFETCH(QString, kept);
         QFETCH(bool, force);
         QFETCH(bool, takes);
         Fixture fixture;
         QVERIFY(writePolicy(path, "5"));
         const QByteArray policy = TestDevice::readFile(path);
         const QByteArray settings = "[kavet]\nother=1\n";
-        if (!marker.isNull())
-            QVERIFY(TestDevice::writeFile(marker, settings));
+        if (!kept.isNull())
+            QVERIFY(TestDevice::writeFile(kept, settings));
 
         const LogCapture log;
         fixture.d->syncPolicy(path, force);
@@ -153,7 +153,7 @@ private Q_SLOTS:
         QCOMPARE(fixture.max(), takes ? QVariant(text("5")) : QVariant(0));
         QCOMPARE(TestDevice::readFile(path), policy);
         if (!takes)
-            QCOMPARE(TestDevice::readFile(marker), settings);
+            QCOMPARE(TestDevice::readFile(kept), settings);
         QVERIFY(log.lines().isEmpty());
     }
 

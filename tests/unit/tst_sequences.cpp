@@ -56,7 +56,8 @@ public:
         if (!difference.isEmpty()) {
             std::ostringstream text;
             text << "after " << m_event << ":" << difference.toStdString() << "\n  the last messages:";
-            for (const QString &line : logLines.mid(qMax(0, logLines.size() - 12)))
+            const QStringList last = logLines.mid(qMax(0, logLines.size() - 12));
+            for (const QString &line : last)
                 text << "\n    " << line.toStdString();
             // Before it is shortened, in case that only this one fails.
             static bool isFirst = true;
@@ -66,7 +67,8 @@ public:
             RC_FAIL(text.str());
         }
         ++kindsSeen[nameOf(m_event.kind)];
-        for (const QString &situation : after.situations() - before.situations())
+        const QSet<QString> news = after.situations() - before.situations();
+        for (const QString &situation : news)
             ++situationsSeen[situation];
     }
 

@@ -573,7 +573,8 @@ void TstSession::delayedLaunch()
 
     // The launch is for the user being authenticated.
     QCOMPARE(f.d->child.uid, alice);
-    QCOMPARE(TestDevice::launches().first().value(QLatin1String("uids")).toArray(), (QJsonArray{1000, 1000, 1000}));
+    QCOMPARE(TestDevice::launches().constFirst().value(QLatin1String("uids")).toArray(),
+             (QJsonArray{1000, 1000, 1000}));
     QCOMPARE(f.d->launchBudget, 10u);
     QVERIFY(!f.d->watcher.directories().contains(carolHome));
     QCOMPARE(f.d->child.homeDirectory, carolHome);

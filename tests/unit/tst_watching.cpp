@@ -159,8 +159,9 @@ void TstWatching::directoriesAreToldApart()
 
     log.clear();
     for (const QString &path : {clientDirectory, sharedDirectory, home}) {
-        for (const QString &other : QStringList{path + QLatin1Char('/'), path + QStringLiteral("/more"), path.toUpper(),
-                                                path.left(path.size() - 1), QLatin1Char('/') + path})
+        const QStringList others{path + QLatin1Char('/'), path + QStringLiteral("/more"), path.toUpper(),
+                                 path.left(path.size() - 1), QLatin1Char('/') + path};
+        for (const QString &other : others)
             f.d->handleChildDirectoryChanged(other);
     }
     QVERIFY(log.lines().isEmpty());
@@ -496,8 +497,13 @@ void TstWatching::fileChanged()
     QCOMPARE(f.daemon.calls, Calls{changed(0, maxAttempts, QStringLiteral("4"))});
     f.daemon.calls.clear();
 
-    for (const QString &path : QStringList{sharedDirectory + QStringLiteral("/1001.conf"), aliceFile + QLatin1Char('/'),
-                                           currentPolicy.toUpper(), sharedDirectory, packagedPolicy, QString()})
+    const QStringList others{sharedDirectory + QStringLiteral("/1001.conf"),
+                             aliceFile + QLatin1Char('/'),
+                             currentPolicy.toUpper(),
+                             sharedDirectory,
+                             packagedPolicy,
+                             QString()};
+    for (const QString &path : others)
         f.d->handleChildFileChanged(path);
     f.d->child.uid = 0;
     f.d->handleChildFileChanged(aliceFile);

@@ -294,10 +294,8 @@ void Model::act(const Event &event)
         m_packagedPolicy.reset();
         break;
     case Kind::RemoveMethodSettings:
-        for (const OptionKey &key : m_options.keys()) {
-            if (key.first == 0)
-                m_options.remove(key);
-        }
+        for (auto option = m_options.begin(); option != m_options.end();)
+            option = option.key().first == 0 ? m_options.erase(option) : option + 1;
         break;
     case Kind::LockPartition:
         m_partitionLocked = true;
@@ -906,7 +904,7 @@ void Model::homeChanged()
         return;
     }
     bool finished = false;
-    for (const uint user : m_markers)
+    for (const uint user : qAsConst(m_markers))
         finished = finished || home(user) == m_homeDirectory;
     if (!finished)
         return;
@@ -964,11 +962,8 @@ Model::Value Model::childAttempts() const
 void Model::syncPolicy(const QString &path, bool force)
 {
     const auto isStored = [this] {
-        for (const OptionKey &key : m_options.keys()) {
-            if (key.first == 0)
-                return true;
-        }
-        return false;
+        // What belongs to no user comes first.
+        return !m_options.isEmpty() && m_options.firstKey().first == 0;
     };
     if (!force && isStored())
         return;

@@ -154,7 +154,8 @@ bool Peer::handleMessage(const QDBusMessage &message, const QDBusConnection &con
 bool Peer::handleCall(const QDBusMessage &message, const QDBusConnection &connection)
 {
     QStringList arguments;
-    for (const QVariant &argument : message.arguments())
+    const QVariantList values = message.arguments();
+    for (const QVariant &argument : values)
         arguments << argument.toString();
     {
         const QMutexLocker locker(&m_mutex);

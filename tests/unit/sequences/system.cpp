@@ -273,7 +273,7 @@ QString System::perform(const Event &event, const Model &before, const Model &af
     awaitLaunches();
     if (!event.hurried)
         return settle(after);
-    const QString difference = differences(after, false);
+    QString difference = differences(after, false);
     if (!difference.isEmpty())
         hasFailed = true;
     return difference;
@@ -282,8 +282,8 @@ QString System::perform(const Event &event, const Model &before, const Model &af
 void System::act(const Event &event, const Model &before)
 {
     const uint group = TestDevice::groupId("auth-factor");
-    const QString limit = limits.at(event.variant % limits.size());
-    const QString count = counts.at(event.variant % counts.size());
+    const QString &limit = limits.at(event.variant % limits.size());
+    const QString &count = counts.at(event.variant % counts.size());
     const QString userFile = before.userFile(event.user);
     const auto writeFile = [](const QString &path, const QByteArray &content, uint owner, uint ownerGroup) {
         struct stat status;
@@ -606,7 +606,8 @@ QString System::differences(const Model &model, bool arrivals)
     QString text = broken();
     if (seen == expected)
         return text;
-    QStringList keys = expected.keys() + seen.keys();
+    QStringList keys = expected.keys(); // clazy:exclude=container-anti-pattern
+    keys += seen.keys();
     keys.removeDuplicates();
     for (const QString &key : qAsConst(keys)) {
         if (seen.value(key) != expected.value(key))
@@ -842,7 +843,8 @@ void System::setGroup(int group)
         return;
     current = group;
     QByteArray groups;
-    for (const QByteArray &line : originalGroups.split('\n')) {
+    const QList<QByteArray> lines = originalGroups.split('\n');
+    for (const QByteArray &line : lines) {
         if (line.isEmpty())
             continue;
         if (!line.startsWith("auth-factor:") || group == Normal)
