@@ -381,29 +381,28 @@ private:
         m_deadline.setRemainingTime(m_request.timeout);
 
         // The time of this attempt begins with the service's word that it is under way.
-        bool isOurs = false;
-        exitCode = Refused;
-        connect(&m_service, &AuthServiceInterface::Authenticated, &m_loop, [&](uint who, const QString &by) {
-            if (isOurs && who == uid)
+        m_exitCode = Refused;
+        connect(&m_service, &AuthServiceInterface::Authenticated, &m_loop, [this, uid](uint who, const QString &by) {
+            if (m_isOurs && who == uid)
                 printSuccess(who, by);
         });
         connect(&m_service, &AuthServiceInterface::AuthenticationFailed, &m_loop,
-                [&](uint who, const QString &by, int code, const QString &codeName, int attemptsLeft) {
-                    if (isOurs && who == uid)
+                [this, uid](uint who, const QString &by, int code, const QString &codeName, int attemptsLeft) {
+                    if (m_isOurs && who == uid)
                         printFailure(who, by, code, codeName, attemptsLeft);
                 });
         connect(&m_service, &AuthServiceInterface::StateChanged, &m_loop,
-                [&](uint who, const QString &state, const QVariantMap &details) {
-                    if (who != uid || (!isOurs && state != States::Pending))
+                [this, uid](uint who, const QString &state, const QVariantMap &details) {
+                    if (who != uid || (!m_isOurs && state != States::Pending))
                         return;
-                    isOurs = true;
+                    m_isOurs = true;
                     printState(who, state, details);
                     if (state == States::Pending || details.value(States::Restarted).toBool())
                         return;
                     if (state == States::Authenticated)
-                        exitCode = Success;
+                        m_exitCode = Success;
                     else if (state == States::Locked)
-                        exitCode = Locked;
+                        m_exitCode = Locked;
                     finish();
                 });
 
@@ -413,7 +412,7 @@ private:
         if (started.isError())
             return fail(started.error());
         if (handleReports())
-            return exitCode;
+            return m_exitCode;
         if (m_hasGone)
             return gone();
         wait(m_service.Cancel(uid));
@@ -466,21 +465,22 @@ private:
         if (name.isNull())
             return exitCode;
 
-        QStringList list;
         connect(&m_service, &AuthServiceInterface::MethodOptionChanged, &m_loop,
-                [&](const QString &of, const QString &option, const QDBusVariant &value) {
-                    list = value.variant().toStringList();
-                    if (of == name && option == certsOption && list != updatingCerts)
+                [this, name](const QString &of, const QString &option, const QDBusVariant &value) {
+                    if (of != name || option != certsOption)
+                        return;
+                    m_certs = value.variant().toStringList();
+                    if (m_certs != updatingCerts)
                         finish();
                 });
         const QDBusPendingReply<QDBusVariant> reply = wait(m_service.GetMethodOption(name, certsOption));
         if (reply.isError())
             return fail(reply.error());
-        list = reply.value().variant().toStringList();
-        if (list == updatingCerts && !handleReports())
+        m_certs = reply.value().variant().toStringList();
+        if (m_certs == updatingCerts && !handleReports())
             return m_hasGone ? gone() : fail(Unreachable, QStringLiteral("No certificate list in time"));
 
-        for (const QString &cert : qAsConst(list))
+        for (const QString &cert : qAsConst(m_certs))
             print(cert, "cert", {{QStringLiteral("method"), name}, {QStringLiteral("cert"), cert}});
         return Success;
     }
@@ -529,6 +529,10 @@ private:
     AuthServiceInterface m_service;
     QEventLoop m_loop;
     bool m_hasGone = false;
+    /// Whether the attempt that is reported on is the one that was asked for here.
+    bool m_isOurs = false;
+    int m_exitCode = Success;
+    QStringList m_certs;
 };
 
 } // namespace

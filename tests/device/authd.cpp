@@ -32,7 +32,7 @@ QDBusConnection connectAs(uint uid, const QString &name)
 {
     if (seteuid(uid) != 0)
         qFatal("Cannot become user %u", uid);
-    const QDBusConnection connection = QDBusConnection::connectToBus(QDBusConnection::SystemBus, name);
+    QDBusConnection connection = QDBusConnection::connectToBus(QDBusConnection::SystemBus, name);
     if (seteuid(0) != 0)
         qFatal("Cannot become root again");
     if (!connection.isConnected())
@@ -137,7 +137,8 @@ void Reports::record(const QDBusMessage &signal)
     if (signal.member().endsWith(QLatin1String("OptionChanged")))
         return;
     QStringList arguments;
-    for (const QVariant &argument : signal.arguments())
+    const QVariantList values = signal.arguments();
+    for (const QVariant &argument : values)
         arguments << reportText(argument);
     texts << signal.member() + QLatin1Char('(') + arguments.join(QStringLiteral(", ")) + QLatin1Char(')');
 }

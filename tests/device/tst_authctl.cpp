@@ -38,7 +38,8 @@ struct Result
     QStringList events() const
     {
         QStringList events;
-        for (const QJsonObject &object : objects())
+        const QVector<QJsonObject> all = objects();
+        for (const QJsonObject &object : all)
             events << object.value(QLatin1String("event")).toString();
         return events;
     }
@@ -190,7 +191,8 @@ void TstAuthctl::loginSucceeds()
         QCOMPARE(result.output, expected);
         QCOMPARE(result.errors, QString());
     }
-    for (const QJsonArray &call : TestDevice::calls())
+    const QVector<QJsonArray> calls = TestDevice::calls();
+    for (const QJsonArray &call : calls)
         QCOMPARE(call,
                  (QJsonArray{QStringLiteral("checkPassword"), QStringLiteral("alice"), QStringLiteral("success")}));
 

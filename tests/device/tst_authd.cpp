@@ -4,6 +4,7 @@
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
+#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -162,6 +163,7 @@ private Q_SLOTS:
 
     void access_data();
     void access();
+    void callerHasGone();
     void garbage();
     void secretsStayInTheMessage();
 
@@ -173,7 +175,8 @@ private:
     QString stateText(const BusUser &user, uint uid) const
     {
         QStringList texts;
-        for (const QVariant &value : user.call(QStringLiteral("GetState"), {uid}).arguments())
+        const QVariantList values = user.call(QStringLiteral("GetState"), {uid}).arguments();
+        for (const QVariant &value : values)
             texts << reportText(value);
         return texts.join(QLatin1Char(' '));
     }
@@ -617,7 +620,13 @@ void TstAuthd::nothingToCancel()
 {
     const BusUser user(alice);
     QCOMPARE(user.error(QStringLiteral("Cancel"), {alice}), serviceError + QStringLiteral("NoAttempt"));
-    QCOMPARE(BusUser(0).error(QStringLiteral("Cancel"), {uint(4711)}), serviceError + QStringLiteral("NoSuchUser"));
+    const BusUser root(0);
+    QCOMPARE(root.error(QStringLiteral("Cancel"), {uint(4711)}), serviceError + QStringLiteral("NoSuchUser"));
+    // What another user has open stays so.
+    QCOMPARE(authenticate(root, bob, QStringLiteral("never")), QString());
+    QCOMPARE(user.error(QStringLiteral("Cancel"), {alice}), serviceError + QStringLiteral("NoAttempt"));
+    QCOMPARE(stateText(root, bob), QStringLiteral("pending {method=kavet}"));
+    QCOMPARE(root.error(QStringLiteral("Cancel"), {bob}), QString());
 }
 
 void TstAuthd::dyingClient()
@@ -713,6 +722,7 @@ void TstAuthd::sessionStop()
     // What runs for the user is left alone, and so is the attempt.
     QCOMPARE(root.error(QStringLiteral("SessionStopped"), {alice, false}), QString());
     QCOMPARE(stateText(root, alice), QStringLiteral("pending {method=kavet}"));
+    QVERIFY(!m_authd.log().contains("event=attempt-given-up"));
     QCOMPARE(kill(client, 0), 0);
 
     QCOMPARE(root.error(QStringLiteral("SessionStopped"), {alice, true}), QString());
@@ -850,6 +860,32 @@ void TstAuthd::access()
     // Root is never refused for who it is, except where the method alone writes.
     const QString error = BusUser(0).error(member, arguments);
     QCOMPARE(error == accessDenied, member == QLatin1String("SetUserMethodOption"));
+}
+
+void TstAuthd::callerHasGone()
+{
+    // Who it was can no longer be found out by the time that the daemon asks.
+    const BusUser root(0);
+    kill(pid_t(m_authd.pid()), SIGSTOP);
+    QString name;
+    {
+        const BusUser user(bob);
+        name = user.connection().baseService();
+        QDBusMessage call =
+            QDBusMessage::createMethodCall(QStringLiteral("qarv.AuthService"), QStringLiteral("/qarv/AuthService"),
+                                           QStringLiteral("qarv.AuthService"), QStringLiteral("SetMethodOption"));
+        call.setArguments({kavetMethod, QStringLiteral("max-attempts"), QVariant::fromValue(QDBusVariant(1))});
+        user.connection().asyncCall(call);
+        // With this answer, the call has passed the bus.
+        QVERIFY(user.connection().interface()->isServiceRegistered(name));
+    }
+    QTRY_VERIFY(!root.connection().interface()->isServiceRegistered(name));
+    kill(pid_t(m_authd.pid()), SIGCONT);
+
+    const QDBusMessage reply =
+        root.call(QStringLiteral("GetMethodOption"), {kavetMethod, QStringLiteral("max-attempts")});
+    QCOMPARE(reportText(reply.arguments().value(0)), QStringLiteral("0"));
+    QVERIFY(!m_authd.log().contains("event=option-set"));
 }
 
 void TstAuthd::garbage()

@@ -54,6 +54,8 @@ private Q_SLOTS:
     {
         m_reports.reset();
         QCOMPARE(m_authd.stop(SIGTERM), 0);
+        // What the methods tell in their end is heard by nobody.
+        QVERIFY(m_authd.log().endsWith("event=stopping\n"));
     }
 
     void outcomes_data();
@@ -69,6 +71,7 @@ private Q_SLOTS:
     void longerLockStays();
     void methodUnlocks();
     void lockedDuringTheAttempt();
+    void nobodyIsLocked();
     void lockNotSaved();
     void sessions();
     void events();
@@ -157,7 +160,7 @@ void TstAuthenticator::firstOutcomeCounts()
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, challenge")));
     QCOMPARE(m_authd.log().count("event=outcome-without-attempt method=puppet"), 2);
     QVERIFY(!m_reports->texts.contains(QStringLiteral("Authenticated(1000, puppet)")));
-    QCOMPARE(told().last(), QStringLiteral("increaseAttempts 1000"));
+    QCOMPARE(told().constLast(), QStringLiteral("increaseAttempts 1000"));
 }
 
 void TstAuthenticator::outcomeWithoutAttempt_data()
@@ -255,7 +258,7 @@ void TstAuthenticator::locks()
     QCOMPARE(m_root->error(QStringLiteral("Unlock"), {alice}), QString());
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
     QCOMPARE(m_reports->texts.size(), 2);
-    QCOMPARE(told().last(), QStringLiteral("locked 1000 0  0"));
+    QCOMPARE(told().constLast(), QStringLiteral("locked 1000 0  0"));
     QVERIFY(!TestDevice::readFile(locksFile).contains("1000"));
 }
 
@@ -294,7 +297,7 @@ void TstAuthenticator::methodUnlocks()
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, locked")));
     act(alice, QStringLiteral("unlock"));
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
-    QCOMPARE(told().last(), QStringLiteral("locked 1000 0  0"));
+    QCOMPARE(told().constLast(), QStringLiteral("locked 1000 0  0"));
     QCOMPARE(attempt(alice, QStringLiteral("succeed")), QString());
 }
 
@@ -307,6 +310,18 @@ void TstAuthenticator::lockedDuringTheAttempt()
     QVERIFY(!m_reports->texts.contains(QStringLiteral("Authenticated(1000, puppet)")));
     QVERIFY(!told().contains(QStringLiteral("resetAttempts 1000")));
     QCOMPARE(attempt(alice, QStringLiteral("succeed")), QStringLiteral("qarv.AuthService.Error.UserLocked"));
+    // What the attempt had begun is not what the lock's end brings back.
+    act(alice, QStringLiteral("unlock"));
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+}
+
+void TstAuthenticator::nobodyIsLocked()
+{
+    act(alice, QStringLiteral("lock0 lock:10"));
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, locked")));
+    QCOMPARE(m_reports->texts.size(), 1);
+    QCOMPARE(m_authd.log().count("event=user-locked"), 1);
+    QVERIFY(!TestDevice::readFile(locksFile).contains("[0]"));
 }
 
 void TstAuthenticator::lockNotSaved()

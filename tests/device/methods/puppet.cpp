@@ -12,6 +12,11 @@ Puppet::Puppet()
 {
 }
 
+Puppet::~Puppet()
+{
+    succeed();
+}
+
 QString Puppet::name() const
 {
     return QStringLiteral("puppet");
@@ -131,6 +136,8 @@ void Puppet::perform(uint uid, const QString &script)
             restartAuth(uint(number));
         else if (action == QLatin1String("lock"))
             lockUser(uid, true, QStringLiteral("on strings"), uint(number));
+        else if (action == QLatin1String("lock0"))
+            lockUser(0, true, QStringLiteral("on strings"), 10);
         else if (action == QLatin1String("unlock"))
             lockUser(uid, false, QString(), 0);
         else if (action == QLatin1String("event"))

@@ -9,6 +9,7 @@
 ///   succeed, finish (successfully), fail (without a code), fail:CODE, input    an outcome
 ///   restart, restart:UID      asks for a new start
 ///   lock:SECONDS, unlock      locks or unlocks the user
+///   lock0                     locks the user 0
 ///   event                     logs an event whose details try to break the line
 ///   unknown                   reports an option change with a value that the bus cannot carry
 class Puppet : public AuthPluginInterface
@@ -19,6 +20,8 @@ class Puppet : public AuthPluginInterface
 
 public:
     Puppet();
+    /// Tells of a success to the last.
+    ~Puppet() override;
 
     QString name() const override;
     const QMap<QString, QVariant> &defaultOptions(uint uid) override;
