@@ -47,7 +47,6 @@ uint Lock::duration() const
 
 bool LockStore::load()
 {
-    m_locks.clear();
     const std::optional<std::string> content = readRegularFile(LockFile, O_NOFOLLOW, SizeLimit);
     if (!content && errno == ENOENT)
         return true;

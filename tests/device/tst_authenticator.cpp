@@ -274,6 +274,9 @@ void TstAuthenticator::lockDuration()
     // Bob's time passes, also for a daemon started since.
     QTRY_COMPARE(state(bob), QStringLiteral("idle"));
     QCOMPARE(attempt(bob, QStringLiteral("succeed")), QString());
+    act(alice, QStringLiteral("lock:200"));
+    QTRY_VERIFY(!TestDevice::readFile(locksFile).contains("[1001]"));
+    QVERIFY(TestDevice::readFile(locksFile).contains("[1000]"));
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
     QCOMPARE(state(alice), QStringLiteral("locked"));
@@ -357,7 +360,7 @@ void TstAuthenticator::events()
 {
     act(alice, QStringLiteral("event unknown"));
     QVERIFY(m_authd.waitForLog("level=notice event=method-event method=puppet level=INFO_LEVEL name=played "
-                               "details=\"one\\x0alevel=error event=\\\"two\\\\\"\n"));
+                               "details=\"one\\x0alevel=error event=\\\"two\\\\\\x7f\"\n"));
     // What the bus cannot carry is not reported.
     QVERIFY(m_authd.waitForLog("event=option-changed method=puppet uid=0 option=number computed=true\n"));
     act(alice, QString());

@@ -142,7 +142,7 @@ void Puppet::perform(uint uid, const QString &script)
             lockUser(uid, false, QString(), 0);
         else if (action == QLatin1String("event"))
             logEvent(QStringLiteral("INFO_LEVEL"), QStringLiteral("played"),
-                     QStringLiteral("one\nlevel=error event=\"two\\"));
+                     QStringLiteral("one\nlevel=error event=\"two\\\x7f"));
         else if (action == QLatin1String("unknown"))
             optionChanged(0, QStringLiteral("number"), QUuid::createUuid(), true);
     }
