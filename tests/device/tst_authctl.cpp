@@ -4,6 +4,10 @@
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
+#include <authd/authservice.h>
+
+#include <QDBusConnectionInterface>
+#include <QDBusVirtualObject>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -67,6 +71,57 @@ Result run(const QString &arguments, const QByteArray &input = {})
     return runAs(0, arguments, input);
 }
 
+/// A service in the daemon's place that answers a request only after telling of the end of an earlier one and of what
+/// another user does.
+class LateService : public QDBusVirtualObject
+{
+public:
+    LateService()
+        : m_root(0)
+    {
+        QDBusConnection bus = m_root.connection();
+        isRunning = bus.registerVirtualObject(LibAuthd::AuthService::ObjectPath, this)
+                    && bus.interface()->registerService(LibAuthd::AuthService::Service)
+                           == QDBusConnectionInterface::ServiceRegistered;
+    }
+    ~LateService() override { m_root.connection().unregisterObject(LibAuthd::AuthService::ObjectPath); }
+
+    bool isRunning = false;
+
+    QString introspect(const QString &) const override { return {}; }
+    bool handleMessage(const QDBusMessage &call, const QDBusConnection &bus) override
+    {
+        if (call.member() == QLatin1String("GetState")) {
+            bus.send(call.createReply({QStringLiteral("idle"), QVariantMap()}));
+            return true;
+        }
+        const auto tell = [&bus](const char *member, uint uid, const QVariantList &arguments) {
+            QDBusMessage signal = QDBusMessage::createSignal(
+                LibAuthd::AuthService::ObjectPath, LibAuthd::AuthService::Interface, QString::fromLatin1(member));
+            signal.setArguments(QVariantList{uid} + arguments);
+            bus.send(signal);
+        };
+        const QString method = QStringLiteral("kavet");
+        const QVariantMap details = {{QStringLiteral("method"), method}};
+        const auto end = [&](uint uid) {
+            tell("AuthenticationFailed", uid, {method, 11, QStringLiteral("AuthFailed"), 1});
+            tell("Authenticated", uid, {method});
+            tell("StateChanged", uid, {QStringLiteral("challenge"), details});
+        };
+        end(TestDevice::alice);
+        end(TestDevice::bob);
+        tell("StateChanged", TestDevice::bob, {QStringLiteral("pending"), details});
+        tell("StateChanged", TestDevice::alice, {QStringLiteral("pending"), details});
+        end(TestDevice::bob);
+        bus.send(call.createReply());
+        tell("StateChanged", TestDevice::alice, {QStringLiteral("authenticated"), details});
+        return true;
+    }
+
+private:
+    const BusUser m_root;
+};
+
 } // namespace
 
 class TstAuthctl : public QObject
@@ -104,6 +159,7 @@ private Q_SLOTS:
     void loginWithoutOutcome();
     void loginGivenUpByOthers();
     void reportsStayInOrder();
+    void reportsOfOthers();
     void lockAndUnlock();
     void passwordIsNotShown();
     void lockedWhileAsked();
@@ -323,6 +379,20 @@ void TstAuthctl::reportsStayInOrder()
     // Not by its exit code: a library that tells what it does may crash when the program has ended.
     QVERIFY(process.readAllStandardOutput().startsWith("kavet "));
     QVERIFY(!heldSignalsBack(process.readAllStandardError()));
+}
+
+void TstAuthctl::reportsOfOthers()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    const LateService service;
+    QVERIFY(service.isRunning);
+    QProcess login;
+    login.start(program, {QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--method=kavet")});
+    login.write("any\n");
+    login.closeWriteChannel();
+    QTRY_COMPARE_WITH_TIMEOUT(login.state(), QProcess::NotRunning, 30000);
+    QCOMPARE(login.readAllStandardOutput(), QByteArray("alice: kavet is at work\nalice: authenticated by kavet\n"));
+    QCOMPARE(login.exitCode(), int(Success));
 }
 
 void TstAuthctl::lockAndUnlock()
