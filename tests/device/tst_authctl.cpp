@@ -162,6 +162,7 @@ private Q_SLOTS:
     void reportsOfOthers();
     void lockAndUnlock();
     void passwordIsNotShown();
+    void slowTypist();
     void lockedWhileAsked();
     void breakingOff();
     void options();
@@ -500,6 +501,17 @@ void TstAuthctl::passwordIsNotShown()
     withCertificate.type("failed\n");
     QVERIFY(withCertificate.waitFor({}));
     QCOMPARE(withCertificate.exitCode(), int(Refused));
+}
+
+void TstAuthctl::slowTypist()
+{
+    // The time for an outcome begins when there is something to wait for; so the time must pass before.
+    OnTerminal login({QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--timeout=2")});
+    QVERIFY(login.waitFor("Password of alice: "));
+    QTest::qWait(2500);
+    login.type("success\n");
+    QVERIFY(login.waitFor({}));
+    QCOMPARE(login.exitCode(), int(Success));
 }
 
 void TstAuthctl::lockedWhileAsked()
