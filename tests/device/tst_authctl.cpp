@@ -8,6 +8,7 @@
 
 #include <QDBusConnectionInterface>
 #include <QDBusVirtualObject>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -683,8 +684,11 @@ void TstAuthctl::daemonGoesAway()
 void TstAuthctl::silentDaemon()
 {
     kill(pid_t(m_authd.pid()), SIGSTOP);
+    QElapsedTimer clock;
+    clock.start();
     const Result result = run(QStringLiteral("methods --timeout 1"));
     kill(pid_t(m_authd.pid()), SIGCONT);
+    QVERIFY2(clock.elapsed() < 20000, "That was the library's time-out");
     QCOMPARE(result.exitCode, int(Unreachable));
     QCOMPARE(result.errors, QStringLiteral("authctl: The authentication service does not answer\n"));
 }
