@@ -60,7 +60,7 @@ QString ClientServer::listen()
     connect(m_server, &QDBusServer::newConnection, this, &ClientServer::accept);
     m_inode = inode(temporaryPath);
     if (chmod(from.constData(), S_IRUSR | S_IWUSR) != 0 || std::rename(from.constData(), to.constData()) != 0) {
-        const QString message = qt_error_string(errno);
+        QString message = qt_error_string(errno);
         QFile::remove(temporaryPath);
         return message;
     }

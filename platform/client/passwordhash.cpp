@@ -14,7 +14,7 @@ QByteArray hashed(const QByteArray &password, const char *setting)
 {
     const auto data = std::make_unique<struct crypt_data>(); // Too large for a stack.
     const char *hash = crypt_rn(password.constData(), setting, data.get(), int(sizeof(*data)));
-    const QByteArray result(hash);
+    QByteArray result(hash);
     explicit_bzero(data.get(), sizeof(*data));
     return result;
 }

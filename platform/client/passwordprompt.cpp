@@ -70,7 +70,7 @@ bool ask(const char *prompt, QByteArray &line)
 
 QString readNewPassword(SecretBytes &password)
 {
-    const QString unreadable = QStringLiteral("Cannot read a password from standard input");
+    QString unreadable = QStringLiteral("Cannot read a password from standard input");
     if (!isatty(STDIN_FILENO))
         return readLine(password.bytes()) ? QString() : unreadable;
 
