@@ -627,7 +627,8 @@ void TstAuthctl::monitor()
         QVERIFY2(events.contains(QLatin1String(event)), event);
     QVERIFY(!events.contains(QString()));
 
-    // They end with the service.
+    // The time is for answers; they end with the service.
+    QVERIFY(!QTest::qWaitFor([&json] { return json.state() == QProcess::NotRunning; }, 1500));
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     for (QProcess *process : {&text, &json}) {
         QVERIFY(process->waitForFinished());
