@@ -24,9 +24,27 @@ const QString optionPrefix = QStringLiteral("--");
 /// Shorter than a caller waits, who then gets an answer from a module that hangs.
 constexpr int timeout = 20000; // ms
 
+/// Does not outlive the client.
+class Helper : public QProcess
+{
+public:
+    using QProcess::QProcess;
+
+protected:
+    void setupChildProcess() override
+    {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != m_client) // It has gone before that.
+            _exit(Tokens::ModuleFailed);
+    }
+
+private:
+    const pid_t m_client = getpid();
+};
+
 void start(QObject *context, const QString &option, const QByteArray &request, const TokenProcess::Callback &done)
 {
-    auto *process = new QProcess(context);
+    auto *process = new Helper(context);
     const auto end = [process, done](Tokens::Outcome outcome) {
         process->disconnect();
         process->deleteLater();
@@ -57,7 +75,6 @@ void start(QObject *context, const QString &option, const QByteArray &request, c
 /// Modules are free to print; what they print is not for the caller. The real standard output.
 int setUp()
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL); // Not to outlive the client.
     const int output = dup(STDOUT_FILENO);
     dup2(STDERR_FILENO, STDOUT_FILENO);
     return output;
