@@ -291,17 +291,10 @@ void TstClientSandbox::registeredModule_data()
 
 void TstClientSandbox::registeredModule()
 {
-    QFETCH(QStringList, permissions);
-    QFETCH(bool, reached);
     QVERIFY(ClientFixture::setSetting(QStringLiteral("module"), QString()));
     QVERIFY(TestDevice::writeFile(QStringLiteral("/usr/share/p11-kit/modules/served.module"),
                                   "module: p11-kit-client.so\n"));
-    QVERIFY(setPermissions(permissions));
-    SandboxFixture fixture;
-    QVERIFY(fixture.link());
-    QCOMPARE(fixture.certs(), reached ? QStringList{m_cert} : QStringList());
-    QCOMPARE(fixture.login(m_cert, SoftTokens::pin),
-             reached ? RecordingDaemon::succeeded() : failedWith(SettingsKavet::NoUsbDevice));
+    tokenNeedsPermission();
 }
 
 void TstClientSandbox::cleanupTestCase()
