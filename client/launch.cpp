@@ -3,6 +3,7 @@
 #include "client/methodkavetprivate.h"
 
 #include "client/userfiles.h"
+#include "client/usersettings.h"
 #include "plugin/logging.h"
 #include "plugin/methodkavet.h"
 #include "settings/constants.h"

@@ -3,7 +3,7 @@
 #include "plugin/methodkavet.h"
 
 #include "client/methodkavetprivate.h"
-#include "client/userfiles.h"
+#include "client/usersettings.h"
 #include "plugin/logging.h"
 #include "settings/constants.h"
 #include "settings/settingskavet.h"

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "client/methodkavetprivate.h"
 
-#include "client/userfiles.h"
+#include "client/usersettings.h"
 #include "plugin/methodkavet.h"
 #include "settings/constants.h"
 
