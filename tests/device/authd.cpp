@@ -19,8 +19,6 @@ namespace AuthService = LibAuthd::AuthService;
 
 namespace {
 
-const QString program = QStringLiteral(TEST_BINARY_DIR "/bin/authd");
-
 QString uniqueName()
 {
     static QAtomicInt count;
@@ -52,7 +50,7 @@ bool Authd::start(const QString &methods, const QStringList &arguments)
 {
     m_log.clear();
     m_process.setReadChannel(QProcess::StandardError);
-    m_process.start(program, QStringList{QStringLiteral("--methods"), methods} + arguments);
+    m_process.start(Installed::authd, QStringList{QStringLiteral("--methods"), methods} + arguments);
     return m_process.waitForStarted() && waitForLog("event=ready");
 }
 
@@ -86,7 +84,7 @@ QByteArray Authd::log()
 QPair<int, QByteArray> Authd::run(const QStringList &arguments)
 {
     QProcess process;
-    process.start(program, arguments);
+    process.start(Installed::authd, arguments);
     if (!process.waitForFinished() || process.exitStatus() != QProcess::NormalExit)
         return {-1, process.readAllStandardError()};
     return {process.exitCode(), process.readAllStandardError() + process.readAllStandardOutput()};

@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "device/installed.h"
+
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVariant>
@@ -21,8 +23,7 @@ public:
 
     /// Starts the daemon on the methods in `methods` and waits until it is ready; false, with its log, when it ends
     /// first.
-    bool start(const QString &methods = QStringLiteral(TEST_BINARY_DIR "/lib/authd/methods"),
-               const QStringList &arguments = {});
+    bool start(const QString &methods = Installed::methods, const QStringList &arguments = {});
     /// Sends `signal` and waits for the end; the exit code, or -1 when it did not end by itself or
     /// was not running.
     int stop(int signal);

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "device/installed.h"
 #include "support/testdevice.h"
 
 #include <QDBusConnection>
@@ -20,7 +21,7 @@
 class ClientFixture
 {
 public:
-    static inline const QString program = QStringLiteral(TEST_BINARY_DIR "/bin/tarsk.kavet_client");
+    static inline const QString program = Installed::client;
     static inline const QString settingsPath = QStringLiteral("/home/alice/.config/tarsk/kavet_client/client.conf");
     static inline const QString counterPath = QStringLiteral("/srv/shared/tarsk/kavet_client/1000.conf");
 
@@ -77,9 +78,7 @@ public:
     /// Puts the client where the plugin starts it, without a sandbox but with this in its environment.
     static bool takeLaunchersPlace(const QStringList &environment = {})
     {
-        const QString client = QStringLiteral("/usr/bin/tarsk.kavet_client");
-        QFile::remove(client);
-        return QFile::remove(TestDevice::launcher) && QFile::link(program, client)
+        return QFile::remove(TestDevice::launcher)
                && TestDevice::writeFile(TestDevice::launcher, "#!/bin/bash\nexec env "
                                                                   + environment.join(QLatin1Char(' ')).toUtf8()
                                                                   + " \"${@: -2:1}\" \"${@: -1}\"\n")

@@ -24,7 +24,7 @@ namespace {
 
 enum ExitCode { Success = 0, Refused = 1, WrongUsage = 2, Locked = 3, Unreachable = 4 };
 
-const QString program = QStringLiteral(TEST_BINARY_DIR "/bin/authctl");
+const QString program = Installed::authctl;
 
 struct Result
 {
@@ -227,7 +227,12 @@ void TstAuthctl::methods()
 {
     const Result text = runAs(TestDevice::alice, QStringLiteral("methods"));
     QCOMPARE(text.exitCode, int(Success));
-    QCOMPARE(text.output, QStringLiteral("kavet 0.0.1: Kavet authentication method, priority 50, not available\n"));
+    QCOMPARE(text.output, QStringLiteral("kavet 0.0.1: Kavet authentication method, priority 50, available\n"));
+    {
+        const ClientAside aside;
+        QCOMPARE(runAs(TestDevice::alice, QStringLiteral("methods")).output,
+                 QStringLiteral("kavet 0.0.1: Kavet authentication method, priority 50, not available\n"));
+    }
 
     const Result json = run(QStringLiteral("--json methods"));
     QCOMPARE(json.exitCode, int(Success));

@@ -28,7 +28,7 @@ const QString accessDenied = QStringLiteral("org.freedesktop.DBus.Error.AccessDe
 const QString invalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
 const QString serviceError = QStringLiteral("qarv.AuthService.Error.");
 const QString locksFile = QStringLiteral("/var/lib/authd/locks.conf");
-const QString testMethods = QStringLiteral(TEST_BINARY_DIR "/tests/device/methods/lib");
+const QString testMethods = Installed::oddMethods;
 
 QVariantMap password(const QString &text)
 {
@@ -217,7 +217,7 @@ void TstAuthd::methodsAreChosenFromTheDirectory()
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     QTemporaryDir directory;
     const QString to = directory.path() + QLatin1Char('/');
-    QVERIFY(QFile::copy(QStringLiteral(TEST_BINARY_DIR "/lib/authd/methods/libkavet.so"), to + QStringLiteral("a.so")));
+    QVERIFY(QFile::copy(Installed::plugin, to + QStringLiteral("a.so")));
     for (const char *name :
          {"libpuppet.so", "libimpostor.so", "libtaken.so", "libstranger.so", "libnameless.so", "libnometadata.so"})
         QVERIFY(QFile::copy(testMethods + QLatin1Char('/') + QLatin1String(name), to + QLatin1String(name)));
@@ -275,9 +275,8 @@ void TstAuthd::nameNotAllowed()
 {
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     QProcess process;
-    process.start(QStringLiteral("setpriv"),
-                  {QStringLiteral("--reuid=%1").arg(alice), QStringLiteral("--clear-groups"),
-                   QStringLiteral(TEST_BINARY_DIR "/bin/authd"), QStringLiteral("--methods"), QStringLiteral("/tmp")});
+    process.start(QStringLiteral("setpriv"), {QStringLiteral("--reuid=%1").arg(alice), QStringLiteral("--clear-groups"),
+                                              Installed::authd, QStringLiteral("--methods"), QStringLiteral("/tmp")});
     QVERIFY(process.waitForFinished());
     const QByteArray log = process.readAllStandardError();
     QVERIFY2(process.exitCode() == 4, log.constData());
@@ -382,9 +381,8 @@ void TstAuthd::signalsItSurvives()
     // What comes when the log's reader goes away, or the terminal of who started it with nohup.
     QProcess daemon;
     daemon.start(QStringLiteral("sh"),
-                 {QStringLiteral("-c"), QStringLiteral("trap '' HUP; exec %1 --methods %2")
-                                            .arg(QStringLiteral(TEST_BINARY_DIR "/bin/authd"),
-                                                 QStringLiteral(TEST_BINARY_DIR "/lib/authd/methods"))});
+                 {QStringLiteral("-c"),
+                  QStringLiteral("trap '' HUP; exec %1 --methods %2").arg(Installed::authd, Installed::methods)});
     QVERIFY(daemon.waitForStarted());
     const BusUser root(0);
     QTRY_COMPARE(root.error(QStringLiteral("GetMethods")), QString());
@@ -412,7 +410,7 @@ void TstAuthd::journalForm()
 {
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     QProcess process;
-    process.start(QStringLiteral(TEST_BINARY_DIR "/bin/authd"),
+    process.start(Installed::authd,
                   {QStringLiteral("--journal"), QStringLiteral("--methods"), QStringLiteral("/nowhere")});
     QVERIFY(process.waitForFinished());
     QCOMPARE(process.readAllStandardError(), QByteArray("<3>event=no-methods-directory directory=/nowhere\n"));
@@ -423,8 +421,7 @@ void TstAuthd::journalForm()
         process.start(QStringLiteral("sh"),
                       {QStringLiteral("-c"),
                        QStringLiteral("exec 2>%1; JOURNAL_STREAM=$(stat -c %d:%i %1)%2 exec %3 --methods /nowhere")
-                           .arg(file, isJournal ? QString() : QStringLiteral("0"),
-                                QStringLiteral(TEST_BINARY_DIR "/bin/authd"))});
+                           .arg(file, isJournal ? QString() : QStringLiteral("0"), Installed::authd)});
         QVERIFY(process.waitForFinished());
         QCOMPARE(TestDevice::readFile(file), isJournal ? "<3>event=no-methods-directory directory=/nowhere\n"
                                                        : "level=error event=no-methods-directory directory=/nowhere\n");
@@ -467,9 +464,15 @@ void TstAuthd::description()
 void TstAuthd::methodInfo()
 {
     const BusUser user(alice);
-    QCOMPARE(reportText(user.call(QStringLiteral("GetMethodInfo"), {kavetMethod}).arguments().constFirst()),
-             QStringLiteral("{auth-page=MethodPageKavet, available=false, description=Kavet authentication method, "
-                            "info-page=KavetInfo, pre-page=PreMethodPageKavet, priority=50, types=20, version=0.0.1}"));
+    const QString expected =
+        QStringLiteral("{auth-page=MethodPageKavet, available=%1, description=Kavet authentication method, "
+                       "info-page=KavetInfo, pre-page=PreMethodPageKavet, priority=50, types=20, version=0.0.1}");
+    const auto info = [&user] {
+        return reportText(user.call(QStringLiteral("GetMethodInfo"), {kavetMethod}).arguments().constFirst());
+    };
+    QCOMPARE(info(), expected.arg(QLatin1String("true")));
+    const ClientAside aside;
+    QCOMPARE(info(), expected.arg(QLatin1String("false")));
     QCOMPARE(user.error(QStringLiteral("GetMethodInfo"), {QStringLiteral("other")}),
              serviceError + QStringLiteral("NoSuchMethod"));
 }

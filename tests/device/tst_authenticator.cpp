@@ -42,7 +42,7 @@ private Q_SLOTS:
     {
         TestDevice::reset();
         QVERIFY(m_directory.mkpath(QStringLiteral("/tmp/methods")));
-        QFile::copy(QStringLiteral(TEST_BINARY_DIR "/tests/device/methods/lib/libpuppet.so"),
+        QFile::copy(Installed::oddMethods + QStringLiteral("/libpuppet.so"),
                     QStringLiteral("/tmp/methods/libpuppet.so"));
         QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
         m_root.reset(new BusUser(0));

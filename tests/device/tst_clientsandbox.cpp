@@ -39,18 +39,12 @@ private:
 
 namespace {
 
-const QString client = QStringLiteral("/usr/bin/tarsk.kavet_client");
+const QString &client = Installed::client;
 const QString configuration = QStringLiteral("/home/alice/.config/tarsk/kavet_client");
 const QString tokenPermission = QStringLiteral("Token");
 const QString report = TestDevice::sharedDirectory + QStringLiteral("/report.json");
 const QString cardService = QStringLiteral("/run/pcscd/pcscd.comm");
 const QString tokenServer = QStringLiteral("/run/user/1000/p11-kit/pkcs11");
-
-bool install(const QString &program)
-{
-    QFile::remove(client);
-    return QFile::copy(program, client);
-}
 
 bool setPermissions(const QStringList &permissions)
 {
@@ -174,14 +168,13 @@ void TstClientSandbox::initTestCase()
     const QString cert = SoftTokens::issue(QStringLiteral("good"), SoftTokens::loginTemplate());
     QVERIFY(SoftTokens::enroll(one, QStringLiteral("01"), cert));
     // The module in between hands all to the tokens' own.
-    QVERIFY(SoftTokens::serve(QStringLiteral(UNRULY_TOKEN)));
+    QVERIFY(SoftTokens::serve(Installed::unrulyToken));
 }
 
 void TstClientSandbox::init()
 {
     QFile::remove(report);
     ClientFixture::prepare();
-    QVERIFY(install(ClientFixture::program));
     // The client sees nothing else of the home directory.
     const QString anchors = configuration + QStringLiteral("/anchors.pem");
     QVERIFY(ClientFixture::setSetting(QStringLiteral("trust-anchors"), anchors));
@@ -220,7 +213,8 @@ void TstClientSandbox::permissionOpensTokensSockets()
     };
     QVERIFY(TestDevice::writeFile(TestDevice::sharedDirectory + QStringLiteral("/probe.json"),
                                   QJsonDocument(probe).toJson()));
-    QVERIFY(install(QStringLiteral(CONFINEMENT_PROBE)));
+    const ClientAside aside;
+    QVERIFY(QFile::copy(Installed::confinementProbe, client));
     QVERIFY(setPermissions(permissions));
     SandboxFixture fixture;
     fixture.method.authenticate(TestDevice::alice, {});

@@ -44,7 +44,7 @@ bool set(const char *key, const QVariant &value)
 /// What an unruly token is to do next.
 bool makeUnruly(const QByteArray &how)
 {
-    return set("module", QStringLiteral(UNRULY_TOKEN))
+    return set("module", Installed::unrulyToken)
            && TestDevice::writeFile(QStringLiteral("/home/alice/unruly-token"), how);
 }
 
@@ -974,7 +974,7 @@ void TstClientToken::moduleFails_data()
 {
     QTest::addColumn<QString>("module");
     QTest::addColumn<QByteArray>("how");
-    const QString unruly = QStringLiteral(UNRULY_TOKEN);
+    const QString unruly = Installed::unrulyToken;
     QTest::newRow("absent") << QStringLiteral("/nowhere.so") << QByteArray();
     QTest::newRow("no module") << QStringLiteral("/usr/lib/x86_64-linux-gnu/libz.so.1") << QByteArray();
     QTest::newRow("no library") << QStringLiteral("/etc/passwd") << QByteArray();

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "client/methodkavetprivate.h"
+#include "device/installed.h"
 #include "plugin/methodkavet.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
@@ -103,7 +104,8 @@ void TstConfinement::initTestCase()
                         QStringLiteral("--address=unix:path=") + busDirectory + QStringLiteral("/user_bus_socket")});
     QTRY_VERIFY(QFileInfo::exists(busDirectory + QStringLiteral("/user_bus_socket")));
 
-    QVERIFY(QFile::copy(QStringLiteral(CONFINEMENT_PROBE), QStringLiteral("/usr/bin/tarsk.kavet_client")));
+    QVERIFY(QFile::remove(Installed::client));
+    QVERIFY(QFile::copy(Installed::confinementProbe, Installed::client));
     for (const QString &file : {bobsFile, alicesFile}) {
         QVERIFY(TestDevice::writeFile(file, "secret"));
         QVERIFY(QFile::setPermissions(file, QFileDevice::Permissions(0x6666)));

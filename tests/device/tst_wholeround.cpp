@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include "device/installed.h"
 #include "support/logcapture.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
@@ -64,7 +65,7 @@ private Q_SLOTS:
         const QString go = QStringLiteral("/tmp/scripted-client/go");
         TestDevice::setScript({{QStringLiteral("socket"), go}});
 
-        QPluginLoader loader(QStringLiteral(KAVET_PLUGIN));
+        QPluginLoader loader(Installed::plugin);
         auto *method = qobject_cast<AuthPluginInterface *>(loader.instance());
         QVERIFY2(method, qPrintable(loader.errorString()));
         RecordingDaemon daemon;

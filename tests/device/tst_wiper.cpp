@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include "device/installed.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
@@ -40,7 +41,6 @@ private:
 
 namespace {
 
-const QString program = QStringLiteral(TEST_BINARY_DIR "/bin/qarv-userdata-wiper");
 const QString service = QStringLiteral("qarv.userdata.wiper");
 const QString aliceHome = QStringLiteral("/home/alice");
 
@@ -67,7 +67,7 @@ void TstWiper::initTestCase()
 void TstWiper::init()
 {
     TestDevice::reset();
-    m_wiper.start(program, {});
+    m_wiper.start(Installed::wiper, {});
     QTRY_VERIFY(QDBusConnection::systemBus().interface()->isServiceRegistered(service));
 }
 
@@ -205,7 +205,7 @@ void TstWiper::answersOthersMeanwhile()
 void TstWiper::cannotServeTwice()
 {
     QProcess second;
-    second.start(program, {});
+    second.start(Installed::wiper, {});
     QVERIFY(second.waitForFinished());
     QCOMPARE(second.exitCode(), 1);
     QVERIFY(second.readAllStandardError().startsWith("qarv-userdata-wiper: cannot serve on the system bus: "));
