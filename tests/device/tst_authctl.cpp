@@ -168,6 +168,7 @@ private Q_SLOTS:
     void breakingOff();
     void options();
     void certs();
+    void certsInTheEnd();
     void session();
     void cancel();
     void monitor();
@@ -585,6 +586,22 @@ void TstAuthctl::certs()
     const Result json = run(QStringLiteral("certs --json"));
     QCOMPARE(json.events(), (QStringList{QStringLiteral("cert"), QStringLiteral("cert")}));
     QCOMPARE(json.objects().constLast().value(QLatin1String("cert")).toString(), QStringLiteral("two"));
+}
+
+void TstAuthctl::certsInTheEnd()
+{
+    setClientScript(QJsonObject{{QStringLiteral("certs"), QJsonArray{QStringLiteral("one"), QStringLiteral("two")}},
+                                {QStringLiteral("certsAnswer"), QStringLiteral("late")}});
+    QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
+    QProcess process;
+    process.start(program, {QStringLiteral("certs")});
+    QTRY_COMPARE(TestDevice::calls().size(), 2);
+    // Meanwhile another option changes, which is no list of certificates.
+    QCOMPARE(run(QStringLiteral("options max-attempts 3")).exitCode, int(Success));
+    QVERIFY(TestDevice::writeFile(QStringLiteral("/tmp/scripted-client/answer"), {}));
+    QVERIFY(process.waitForFinished());
+    QCOMPARE(process.exitCode(), int(Success));
+    QCOMPARE(process.readAllStandardOutput(), QByteArray("one\ntwo\n"));
 }
 
 void TstAuthctl::session()
