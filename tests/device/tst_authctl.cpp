@@ -198,7 +198,11 @@ void TstAuthctl::usage_data()
     QTest::newRow("time of zero") << "--timeout 0 methods" << int(WrongUsage);
     QTest::newRow("time of text") << "--timeout soon methods" << int(WrongUsage);
     QTest::newRow("time too long") << "--timeout 4000000 methods" << int(WrongUsage);
+    QTest::newRow("flag with a value") << "--json=yes methods" << int(WrongUsage);
+    QTest::newRow("option of another command") << "methods --cert c" << int(WrongUsage);
+    QTest::newRow("option without its value") << "options --user" << int(WrongUsage);
     QTest::newRow("help") << "--help" << int(Success);
+    QTest::newRow("help of a command") << "login --help" << int(Success);
     QTest::newRow("version") << "--version" << int(Success);
 }
 
@@ -217,7 +221,7 @@ void TstAuthctl::usage()
                                  "monitor", "--json", "--timeout", "--method", "--cert", "--user", "--unmanaged"})
             QVERIFY2(result.output.contains(QLatin1String(word)), word);
         QVERIFY(result.output.contains(QLatin1String("3 the user is locked")));
-        const QString manual = QString::fromUtf8(TestDevice::readFile(QStringLiteral(DAEMON_SOURCE_DIR "/authctl.1")));
+        const QString manual = QString::fromUtf8(TestDevice::readFile(QStringLiteral(AUTHCTL_SOURCE_DIR "/authctl.1")));
         QCOMPARE(longOptions(manual), longOptions(result.output));
     }
     if (arguments == QLatin1String("--version"))
@@ -304,6 +308,7 @@ void TstAuthctl::loginIsRefused()
     const Result nobody = run(QStringLiteral("login mallory"), "x\n");
     QCOMPARE(nobody.exitCode, int(Refused));
     QCOMPARE(nobody.errors, QStringLiteral("authctl: There is no user mallory\n"));
+    QCOMPARE(run(QStringLiteral("login state"), "x\n").errors, QStringLiteral("authctl: There is no user state\n"));
     QCOMPARE(run(QStringLiteral("login 4711"), "x\n").exitCode, int(Refused));
     QCOMPARE(run(QStringLiteral("login 0"), "x\n").exitCode, int(Refused));
 
@@ -570,7 +575,12 @@ void TstAuthctl::options()
     // What is given and empty, as by a script's unset variable, is not the same as not given.
     QCOMPARE(run(QStringLiteral("options max-attempts 9 --user=")).errors,
              QStringLiteral("authctl: There is no user \n"));
+    QCOMPARE(run(QStringLiteral("options --user= max-attempts 9")).errors,
+             QStringLiteral("authctl: There is no user \n"));
     QCOMPARE(run(QStringLiteral("options max-attempts 9 --method=")).exitCode, int(Refused));
+    // What is given twice counts as given last.
+    QCOMPARE(run(QStringLiteral("options --user alice --user mallory")).errors,
+             QStringLiteral("authctl: There is no user mallory\n"));
     QCOMPARE(run(QStringLiteral("options max-attempts")).output, QStringLiteral("max-attempts = 3\n"));
 }
 

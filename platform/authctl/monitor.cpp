@@ -1,0 +1,36 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "commands.h"
+#include "output.h"
+#include "service.h"
+
+namespace {
+
+constexpr uint NoUser = 0;
+
+} // namespace
+
+ExitCode Commands::monitor(Service &service, const Output &output, const Request &)
+{
+    const QObject scope;
+    QObject::connect(&service, &AuthServiceInterface::Authenticated, &scope,
+                     [&](uint uid, const QString &method) { output.success(uid, method); });
+    QObject::connect(&service, &AuthServiceInterface::AuthenticationFailed, &scope,
+                     [&](uint uid, const QString &method, int code, const QString &name, int attemptsLeft) {
+                         output.failed(uid, method, code, name, attemptsLeft);
+                     });
+    QObject::connect(
+        &service, &AuthServiceInterface::StateChanged, &scope,
+        [&](uint uid, const QString &state, const QVariantMap &details) { output.state(uid, state, details); });
+    QObject::connect(&service, &AuthServiceInterface::MethodOptionChanged, &scope,
+                     [&](const QString &method, const QString &option, const QDBusVariant &value) {
+                         output.option(NoUser, method, option, value.variant());
+                     });
+    QObject::connect(&service, &AuthServiceInterface::UserMethodOptionChanged, &scope,
+                     [&](uint uid, const QString &method, const QString &option, const QDBusVariant &value) {
+                         output.option(uid, method, option, value.variant());
+                     });
+    Service::result(service.GetMethods()); // Also shows that the service is there.
+    service.handleReports();
+    return Success;
+}

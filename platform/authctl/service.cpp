@@ -1,0 +1,71 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "service.h"
+
+#include <authd/authservice.h>
+#include <daemon/errors.h>
+
+#include <QTimer>
+
+namespace AuthService = LibAuthd::AuthService;
+
+namespace {
+
+// The connection that the library shares within a process holds signals back until the event loop runs, and the next
+// one to come may then overtake them: an attempt's end before its beginning.
+const QString connectionName = QStringLiteral("authctl");
+
+} // namespace
+
+Service::Service(int timeout)
+    : AuthServiceInterface(AuthService::Service, AuthService::ObjectPath,
+                           QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName))
+    , m_watcher(AuthService::Service, connection(), QDBusServiceWatcher::WatchForUnregistration)
+{
+    setTimeout(timeout);
+    connect(&m_watcher, &QDBusServiceWatcher::serviceUnregistered, this, [this] {
+        m_isGone = true;
+        m_loop.exit(Gone);
+    });
+}
+
+QString Service::methodOrFirst(const std::optional<QString> &method)
+{
+    if (method)
+        return *method;
+    const QStringList names = result(GetMethods()).value();
+    if (names.isEmpty())
+        throw Failure{Refused, QStringLiteral("The service has no methods"), Errors::NoSuchMethod};
+    return names.constFirst();
+}
+
+bool Service::handleReports(std::optional<int> timeout)
+{
+    QTimer timer;
+    timer.setSingleShot(true);
+    connect(&timer, &QTimer::timeout, &m_loop, [this] { m_loop.exit(Late); });
+    if (timeout)
+        timer.start(*timeout);
+    const int end = m_isGone ? Gone : m_loop.exec();
+    if (end == Gone)
+        throw Failure{Unreachable, QStringLiteral("The authentication service has gone")};
+    return end == Finished;
+}
+
+Failure Service::failure(const QDBusError &error)
+{
+    const QString name = error.name();
+    switch (error.type()) {
+    case QDBusError::ServiceUnknown:
+    case QDBusError::NoServer:
+    case QDBusError::NoNetwork:
+    case QDBusError::Disconnected:
+        return {Unreachable, QStringLiteral("The authentication service cannot be reached"), name};
+    case QDBusError::NoReply:
+    case QDBusError::Timeout:
+    case QDBusError::TimedOut:
+        return {Unreachable, QStringLiteral("The authentication service does not answer"), name};
+    default:
+        return {name == Errors::UserLocked ? Locked : Refused, error.message(), name};
+    }
+}
