@@ -17,7 +17,15 @@ void MethodKavetPrivate::makeAuth()
             requestInput(SettingsKavet::EnterPasswordOrPinWithoutConnection, SettingsKavet::Success);
             return;
         }
-        if (currentUid == 0 || child.clientStarting)
+        if (currentUid == 0)
+            return;
+        // The client of another user must not see this user's secret. The flow goes on when that client has ended.
+        if (child.state() != QProcess::NotRunning && child.clientUid != currentUid) {
+            if (child.clientUid != 0)
+                killChild();
+            return;
+        }
+        if (child.clientStarting)
             return;
 
         switch (clientStage) {

@@ -9,26 +9,68 @@
 #include <authd/libauthd.h>
 
 #include <QDBusError>
+#include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int maximumErrorText = 1024; ///< Bytes of a client's error text that are logged.
+constexpr int maximumCertificates = 1000;
+constexpr int maximumCertListSize = 256 * 1024; ///< Bytes.
+
+/// The longest part of `text`, which a client has chosen, that is fit for the log.
+QString shortened(const QString &text)
+{
+    QByteArray bytes = text.toUtf8();
+    if (bytes.size() <= maximumErrorText)
+        return text;
+    int size = maximumErrorText;
+    while (size > 0 && (bytes.at(size) & 0xC0) == 0x80) // within a character
+        --size;
+    return QString::fromUtf8(bytes.constData(), size);
+}
+
+QDBusError shortened(const QDBusError &error)
+{
+    return QDBusError(QDBusMessage::createError(error.name(), shortened(error.message())));
+}
+
+bool isTooLong(const QStringList &certList)
+{
+    int size = 0;
+    for (const QString &cert : certList)
+        size += cert.toUtf8().size();
+    return certList.size() > maximumCertificates || size > maximumCertListSize;
+}
+
+} // namespace
 
 bool MethodKavetPrivate::connectToChild()
 {
     if (!child.clientRunning || !child.socketPresent)
         return false;
-    if (connection.isConnected())
+    if (guard.isOpen() && connection.isConnected())
         return true;
 
-    QDBusConnection::disconnectFromPeer(Constants::peerConnection);
-    connection = QDBusConnection::connectToPeer(Constants::peerAddress, Constants::peerConnection);
-    if (!connection.isConnected()) {
-        qCWarning(kavet) << "Cannot connect to the Kavet client socket" << Constants::peerAddress
-                         << connection.lastError();
+    closeLink();
+    const QString path = Constants::filePath.arg(Constants::clientDirectory, Constants::socketName);
+    QDBusError error;
+    if (guard.connectToClient(path, currentUid == 0 ? child.clientUid : currentUid)) {
+        connection = QDBusConnection::connectToPeer(guard.address(), Constants::peerConnection);
+        error = connection.lastError();
+    } else {
+        error = QDBusError(QDBusError::NoServer, Constants::cannotReachSocket.arg(path, guard.errorString()));
+    }
+    if (!connection.isConnected() || !guard.acceptLibrary()) {
+        qCWarning(kavet) << "Cannot connect to the Kavet client socket" << Constants::peerAddress << error;
+        closeLink();
         return false;
     }
 
-    clientInterface.reset(new QDBusInterface(Constants::clientService, Constants::clientObjectPath,
-                                             Constants::clientInterface, connection));
+    clientInterface.reset(new KavetAuthInterface(Constants::clientService, Constants::clientObjectPath, connection));
     if (certListPending) {
         certListPending = false;
         getCertList();
@@ -36,41 +78,66 @@ bool MethodKavetPrivate::connectToChild()
     return true;
 }
 
+void MethodKavetPrivate::closeLink()
+{
+    // The library would keep the connection open for as long as anything refers to it.
+    guard.close();
+    QDBusConnection::disconnectFromPeer(Constants::peerConnection);
+    connection = QDBusConnection(QString());
+}
+
 void MethodKavetPrivate::checkPassword(const QString &password)
 {
-    callClient(Constants::checkPassword, {LibAuthd::userName(currentUid), password});
+    if (prepareRequest(__func__))
+        awaitAnswer(__func__, clientInterface->checkPassword(LibAuthd::userName(currentUid), password));
 }
 
 void MethodKavetPrivate::validateCert(const QString &cert, const QString &pin)
 {
-    callClient(Constants::validateCert, {cert, LibAuthd::userName(currentUid), pin});
+    if (prepareRequest(__func__))
+        awaitAnswer(__func__, clientInterface->validateCert(cert, LibAuthd::userName(currentUid), pin));
 }
 
-void MethodKavetPrivate::callClient(const QString &method, const QVariantList &arguments)
+bool MethodKavetPrivate::prepareRequest(const char *method)
 {
-    const auto fail = [this, method](const QDBusError &error) {
-        qCWarning(kavet) << qUtf8Printable(method) << "failed:" << error;
-        requestInput(SettingsKavet::EnterPasswordOrPin, SettingsKavet::CannotCommunicateClient);
-    };
-
+    currentRequest = nullptr;
     // A reset sets the last stage for a client whose link was never made or has been dropped since.
-    if (!connection.isConnected() && !connectToChild()) {
-        fail(QDBusError(QDBusError::Disconnected, Constants::notConnected));
-        return;
+    if (!(guard.isOpen() && connection.isConnected()) && !connectToChild()) {
+        failRequest(method, QDBusError(QDBusError::Disconnected, Constants::notConnected));
+        return false;
     }
+    guard.allowReply();
+    return true;
+}
 
-    // The handler belongs to the call and holds on to the connection: the library fails when it closes one on which a
-    // call is outstanding.
-    auto *pending = new QDBusPendingCallWatcher(clientInterface->asyncCallWithArgumentList(method, arguments), this);
-    const auto handleReply = [this, fail, link = connection](QDBusPendingCallWatcher *finished) {
+void MethodKavetPrivate::awaitAnswer(const char *method, const QDBusPendingCall &call)
+{
+    auto *pending = new QDBusPendingCallWatcher(call, this);
+    currentRequest = pending;
+    // The handler holds on to the connection: the library fails when it closes one on which a call is outstanding.
+    const auto handleReply = [this, method, usedConnection = connection,
+                              usedLink = guard.link()](QDBusPendingCallWatcher *finished) {
         const QDBusPendingReply<QString> reply = *finished;
+        finished->deleteLater();
+        if (finished != currentRequest) {
+            qCDebug(kavet) << method << "Dropped the reply to a request that is no longer current";
+            return;
+        }
+        currentRequest = nullptr;
         if (reply.isError())
-            fail(reply.error());
+            failRequest(method, reply.error());
+        else if (usedLink != guard.link())
+            failRequest(method, QDBusError(QDBusError::Disconnected, Constants::notConnected));
         else
             handleResult(reply.value());
-        finished->deleteLater();
     };
     connect(pending, &QDBusPendingCallWatcher::finished, pending, handleReply);
+}
+
+void MethodKavetPrivate::failRequest(const char *method, const QDBusError &error)
+{
+    qCWarning(kavet) << method << "failed:" << shortened(error);
+    requestInput(SettingsKavet::EnterPasswordOrPin, SettingsKavet::CannotCommunicateClient);
 }
 
 QStringList MethodKavetPrivate::getCertList()
@@ -85,14 +152,20 @@ QStringList MethodKavetPrivate::getCertList()
     }
 
     certListPending = false;
-    auto *pending = new QDBusPendingCallWatcher(clientInterface->asyncCall(Constants::getCertList), this);
+    guard.allowReply();
+    auto *pending = new QDBusPendingCallWatcher(clientInterface->getCertList(), this);
     certListInFlight = true;
-    // Holds on to the connection as callClient() does.
-    const auto handleReply = [this, link = connection](QDBusPendingCallWatcher *finished) {
+    // Holds on to the connection as awaitAnswer() does.
+    const auto handleReply = [this, method = __func__, usedConnection = connection,
+                              usedLink = guard.link()](QDBusPendingCallWatcher *finished) {
         const QDBusPendingReply<QStringList> reply = *finished;
         QStringList certList;
         if (reply.isError())
-            qCWarning(kavet) << qUtf8Printable(Constants::getCertList) << "failed:" << reply.error().message();
+            qCWarning(kavet) << method << "failed:" << shortened(reply.error().message());
+        else if (usedLink != guard.link())
+            qCWarning(kavet) << method << "failed:" << Constants::notConnected;
+        else if (isTooLong(reply.value()))
+            qCWarning(kavet) << method << "failed:" << Constants::certListTooLong;
         else
             certList = reply.value();
         q->optionChanged(0, Constants::certs, certList, true);

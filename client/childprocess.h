@@ -52,6 +52,9 @@ public:
     bool manifestIsSymLink = false;
     /// The manifest has been read.
     bool manifestParsed = false;
+    /// User whose client the process is, whatever `uid` has come to say since it was started; 0 once it is being
+    /// killed.
+    uint clientUid = 0;
 
 protected:
     /// Runs in the forked child: gives up root for the user's identity. A step that fails is reported on the child's

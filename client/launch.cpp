@@ -77,6 +77,7 @@ bool MethodKavetPrivate::launchChild()
     environment.insert(Constants::homeVariable, Constants::homeRoot + userName);
     environment.insert(Constants::sessionBusVariable, Constants::sessionBusAddress.arg(currentUid));
     child.setProcessEnvironment(environment);
+    child.clientUid = currentUid;
     child.start(Constants::sandboxLauncher, arguments, QIODevice::ReadWrite);
     return true;
 }

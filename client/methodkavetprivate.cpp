@@ -31,6 +31,8 @@ MethodKavetPrivate::MethodKavetPrivate(MethodKavet *method)
     // By signature, since the process class has two signals of this name.
     connect(&child, SIGNAL(finished(int, QProcess::ExitStatus)), this, // clazy:exclude=old-style-connect
             SLOT(onChildFinished(int, QProcess::ExitStatus)));
+    // Queued, as the process object cannot be started again from within the signal.
+    connect(&child, &QProcess::errorOccurred, this, &MethodKavetPrivate::resumeAfterFailedStart, Qt::QueuedConnection);
     connect(&watcher, &QFileSystemWatcher::directoryChanged, this, &MethodKavetPrivate::handleChildDirectoryChanged);
     connect(&watcher, &QFileSystemWatcher::fileChanged, this, &MethodKavetPrivate::handleChildFileChanged);
 

@@ -2,11 +2,12 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "auth/linkguard.h"
 #include "client/childprocess.h"
+#include "kavetauthinterface.h" // generated
 #include "settings/settingskavet.h"
 
 #include <QDBusConnection>
-#include <QDBusInterface>
 #include <QFileSystemWatcher>
 #include <QMap>
 #include <QScopedPointer>
@@ -16,6 +17,7 @@
 #include <optional>
 
 class MethodKavet;
+class QDBusPendingCallWatcher;
 
 /// Everything that the method keeps about its client: the process, what is watched in the file system, the link, and
 /// the request in progress. One object per plugin, shared by all users; all of it runs on the daemon's event loop.
@@ -99,7 +101,7 @@ public:
 
     // Initialised in this order, destroyed in the reverse.
     QDBusConnection connection;
-    QScopedPointer<QDBusInterface> clientInterface;
+    QScopedPointer<KavetAuthInterface> clientInterface;
     qint32 clientStage;
     uint currentUid; ///< User being authenticated; 0 for none.
     std::optional<QMap<QString, QVariant>> pendingAuthData; ///< Not yet sent to the client.
@@ -109,6 +111,9 @@ public:
     bool certListInFlight; ///< The client has been asked for its certificates.
     bool certListPending; ///< The certificates are to be asked for once the link is made.
     MethodKavet *const q;
+    LinkGuard guard; ///< Between the client's socket and `connection`.
+    /// The request whose reply counts; null for none. Only compared, never used.
+    const QDBusPendingCallWatcher *currentRequest = nullptr;
 
 private Q_SLOTS:
     void onChildErrorOccurred(QProcess::ProcessError error);
@@ -119,7 +124,13 @@ private Q_SLOTS:
 
 private:
     void watchFile(const QString &path);
-    void callClient(const QString &method, const QVariantList &arguments);
+    void killChild();
+    void resumeAfterFailedStart(QProcess::ProcessError error);
+    void discardUnread(QProcess::ProcessChannel channel);
+    void closeLink();
+    bool prepareRequest(const char *method);
+    void awaitAnswer(const char *method, const QDBusPendingCall &call);
+    void failRequest(const char *method, const QDBusError &error);
 
     Q_DISABLE_COPY(MethodKavetPrivate)
 };

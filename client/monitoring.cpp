@@ -8,6 +8,12 @@
 
 #include <QFile>
 
+namespace {
+
+constexpr qint64 maximumUnreadOutput = 1024 * 1024; ///< Bytes of each stream.
+
+} // namespace
+
 void MethodKavetPrivate::onChildErrorOccurred(QProcess::ProcessError error)
 {
     qCDebug(kavet) << __func__ << "error" << int(error);
@@ -16,11 +22,22 @@ void MethodKavetPrivate::onChildErrorOccurred(QProcess::ProcessError error)
 void MethodKavetPrivate::onReadyStdout()
 {
     qCDebug(kavet) << __func__ << "client stdout:" << child.readAllStandardOutput();
+    discardUnread(QProcess::StandardOutput);
 }
 
 void MethodKavetPrivate::onReadyStderr()
 {
     qCDebug(kavet) << __func__ << "client stderr:" << child.readAllStandardError();
+    discardUnread(QProcess::StandardError);
+}
+
+// The process object would keep all that the client ever writes.
+void MethodKavetPrivate::discardUnread(QProcess::ProcessChannel channel)
+{
+    child.setReadChannel(channel);
+    const qint64 excess = child.bytesAvailable() - maximumUnreadOutput;
+    if (excess > 0)
+        child.read(excess);
 }
 
 void MethodKavetPrivate::onChildStateChanged(QProcess::ProcessState newState)
@@ -54,6 +71,14 @@ void MethodKavetPrivate::onChildFinished(int exitCode, QProcess::ExitStatus exit
     makeAuth();
 }
 
+// A request that waits for the end of another user's client would wait for ever when that client turns out never to
+// have started, since no end is reported then.
+void MethodKavetPrivate::resumeAfterFailedStart(QProcess::ProcessError error)
+{
+    if (error == QProcess::FailedToStart && child.clientUid == 0 && child.state() == QProcess::NotRunning)
+        makeAuth();
+}
+
 // May be entered while makeAuth() is on the stack, through the state that launching reports; so it touches nothing that
 // makeAuth() holds on to.
 void MethodKavetPrivate::setChildUnavailable(bool wasRunning)
@@ -64,9 +89,7 @@ void MethodKavetPrivate::setChildUnavailable(bool wasRunning)
     if (!wasRunning)
         return;
 
-    // The library keeps a connection open for as long as anything refers to it.
-    QDBusConnection::disconnectFromPeer(Constants::peerConnection);
-    connection = QDBusConnection(QString());
+    closeLink();
     watcher.removePath(child.userConfigPath);
     child.userConfigPath.clear();
     watcher.removePath(Constants::currentPolicyFile);

@@ -38,7 +38,7 @@ void MethodKavetPrivate::handleUserSessionStarted(uint uid, bool manageClient)
 
     if (child.clientRunning) {
         qCWarning(kavet) << __func__ << "Kavet client is already running, terminate...";
-        child.kill();
+        killChild();
     }
 
     const struct passwd *entry = getpwuid(uid);
@@ -78,6 +78,14 @@ void MethodKavetPrivate::handleUserSessionStopped(bool manageClient)
         return;
     }
     child.terminate();
+}
+
+// The client serves nobody from here on; its end is handled when the process object reports it.
+void MethodKavetPrivate::killChild()
+{
+    child.clientUid = 0;
+    closeLink();
+    child.kill();
 }
 
 void MethodKavetPrivate::handleHomeDirectory(const QString &path)

@@ -7,7 +7,10 @@
 #include "plugin/methodkavet.h"
 #include "settings/constants.h"
 
+#include <QFile>
 #include <QFileInfo>
+
+#include <sys/stat.h>
 
 void MethodKavetPrivate::handleChildDirectoryChanged(const QString &path)
 {
@@ -24,16 +27,21 @@ bool MethodKavetPrivate::handleChildSocket(const QString &path)
     if (!child.clientRunning)
         return false;
 
-    const QFileInfo socket(Constants::filePath.arg(path, Constants::socketName));
-    if (!socket.exists()) {
+    // The name itself counts, not what a symbolic link of that name leads to.
+    struct stat socket = {};
+    const QString socketPath = Constants::filePath.arg(path, Constants::socketName);
+    if (lstat(QFile::encodeName(socketPath).constData(), &socket) == -1) {
         qCDebug(kavet) << __func__ << "kavet client socket removed";
         child.socketPresent = false;
         return false;
     }
-
-    const uint owner = socket.ownerId();
+    const uint owner = socket.st_uid;
     if (owner != child.uid || owner == Constants::unknownOwner) {
         qCDebug(kavet) << __func__ << "Wrong socket owner" << owner;
+        return false;
+    }
+    if (!S_ISSOCK(socket.st_mode)) {
+        qCDebug(kavet) << __func__ << "Not a socket";
         return false;
     }
     if (child.socketPresent)

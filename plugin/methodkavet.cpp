@@ -42,6 +42,7 @@ void MethodKavet::reset()
 {
     d->pendingAuthData.reset();
     d->currentUid = 0;
+    d->currentRequest = nullptr;
     d->launchBudget = Constants::launchBudget;
     if (!d->child.clientRunning)
         d->clientStage = MethodKavetPrivate::MustLaunch;
@@ -51,6 +52,8 @@ void MethodKavet::reset()
 
 void MethodKavet::authenticate(unsigned int uid, const QMap<QString, QVariant> &data)
 {
+    if (d->currentUid != uid)
+        d->currentRequest = nullptr; // Its outcome would be taken for this user's.
     d->currentUid = uid;
     d->pendingAuthData = data;
     d->makeAuth();

@@ -42,11 +42,9 @@ const QString peerAddress = QStringLiteral("unix:path=%1/%2").arg(clientDirector
 const QString peerConnection = QStringLiteral("kavet_p2p_service");
 const QString clientService = QStringLiteral("tarsk.kavet_client");
 const QString clientObjectPath = QStringLiteral("/kavetauth");
-const QString clientInterface = QStringLiteral("tarsk.kavet_auth");
-const QString checkPassword = QStringLiteral("checkPassword");
-const QString validateCert = QStringLiteral("validateCert");
-const QString getCertList = QStringLiteral("getCertList");
 const QString notConnected = QStringLiteral("No link to the client");
+const QString cannotReachSocket = QStringLiteral("Failed to connect to socket %1: %2");
+const QString certListTooLong = QStringLiteral("The list of certificates is too long");
 
 const QString manifestPath = QStringLiteral("/usr/share/applications/tarsk.kavet_client.desktop");
 const QString sharedRoot = QStringLiteral("/srv/shared");

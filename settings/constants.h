@@ -48,11 +48,9 @@ extern const QString peerAddress;
 extern const QString peerConnection;
 extern const QString clientService;
 extern const QString clientObjectPath;
-extern const QString clientInterface;
-extern const QString checkPassword;
-extern const QString validateCert;
-extern const QString getCertList;
 extern const QString notConnected;
+extern const QString cannotReachSocket; ///< %1 = path, %2 = reason.
+extern const QString certListTooLong;
 
 // The client's files
 extern const QString manifestPath;

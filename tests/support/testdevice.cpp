@@ -12,11 +12,14 @@
 #include <QThread>
 
 #include <csignal>
+#include <cstring>
 
 #include <grp.h>
 #include <linux/magic.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -114,6 +117,18 @@ QByteArray TestDevice::readFile(const QString &path)
 bool TestDevice::setOwner(const QString &path, uint uid, uint gid)
 {
     return lchown(QFile::encodeName(path).constData(), uid, gid) == 0;
+}
+
+bool TestDevice::leaveSocket(const QString &path, uint uid)
+{
+    const QByteArray name = QFile::encodeName(path);
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, name.constData(), sizeof address.sun_path - 1);
+    const bool bound = bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    close(descriptor);
+    return bound && setOwner(path, uid, uid);
 }
 
 bool TestDevice::writeManifest(const QString &organization, const QString &application, const QString &command,

@@ -38,6 +38,8 @@ bool writeFile(const QString &path, const QByteArray &content);
 QByteArray readFile(const QString &path);
 /// Gives a file, directory or link itself to a user and group; false on failure.
 bool setOwner(const QString &path, uint uid, uint gid);
+/// Leaves a socket at `path` that nobody serves, and gives it to `uid`; false on failure.
+bool leaveSocket(const QString &path, uint uid);
 /// Writes a manifest with these values; keys with a null value are left out.
 bool writeManifest(const QString &organization, const QString &application, const QString &command,
                    const QStringList &permissions);

@@ -264,15 +264,15 @@ void TstAuthFlow::wholeFlow()
     QCOMPARE(fixture.d->clientStage, 3);
     QCOMPARE(fixture.daemon.methods, QStringList{QStringLiteral("kavet")});
 
-    // The next one goes over the standing link, for whoever it is.
+    // The user's next one goes over the standing link.
     fixture.method.reset();
-    fixture.method.authenticate(TestDevice::bob, {{cert, QStringLiteral("c")}, {pin, QStringLiteral("nousb")}});
+    fixture.method.authenticate(TestDevice::alice, {{cert, QStringLiteral("c")}, {pin, QStringLiteral("nousb")}});
     QTRY_COMPARE(fixture.told().size(), 2);
     QCOMPARE(fixture.told().constLast(),
              RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::NoUsbDevice));
     QCOMPARE(TestDevice::calls(),
              (QVector<QJsonArray>{{QStringLiteral("checkPassword"), QStringLiteral("alice"), success},
-                                  {QStringLiteral("validateCert"), QStringLiteral("c"), QStringLiteral("bob"),
+                                  {QStringLiteral("validateCert"), QStringLiteral("c"), QStringLiteral("alice"),
                                    QStringLiteral("nousb")}}));
     QCOMPARE(TestDevice::launches().size(), 1);
 }

@@ -52,7 +52,7 @@ bool placeSocket(MethodKavetPrivate &d)
 {
     QSignalSpy changed(&d.watcher, &QFileSystemWatcher::directoryChanged);
     const QString socket = QStringLiteral("/run/kavet.socket");
-    return TestDevice::writeFile(socket, {}) && TestDevice::setOwner(socket, TestDevice::alice, TestDevice::alice)
+    return TestDevice::leaveSocket(socket, TestDevice::alice)
            && (QFile::remove(TestDevice::socketPath), QFile::rename(socket, TestDevice::socketPath)) && changed.wait();
 }
 

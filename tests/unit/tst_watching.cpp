@@ -229,8 +229,8 @@ void TstWatching::socketRemoved()
     QVERIFY(f.daemon.calls.isEmpty());
 
     // The directory is the one that is named.
-    QVERIFY(writeFile(QStringLiteral("/srv/shared/else/kavet.socket"), {}));
-    QVERIFY(setOwner(QStringLiteral("/srv/shared/else/kavet.socket"), alice, alice));
+    QVERIFY(QDir().mkpath(QStringLiteral("/srv/shared/else")));
+    QVERIFY(leaveSocket(QStringLiteral("/srv/shared/else/kavet.socket"), alice));
     f.d->currentUid = 0;
     QVERIFY(f.d->handleChildSocket(QStringLiteral("/srv/shared/else")));
 }
@@ -271,8 +271,7 @@ void TstWatching::socketOfWrongOwner()
 void TstWatching::socketAppeared()
 {
     WatchingFixture f;
-    QVERIFY(writeFile(socketPath, {}));
-    QVERIFY(setOwner(socketPath, alice, alice));
+    QVERIFY(leaveSocket(socketPath, alice));
     LogCapture log(true);
     QVERIFY(f.d->handleChildSocket(clientDirectory));
     QVERIFY(f.d->child.socketPresent);
@@ -291,16 +290,14 @@ void TstWatching::socketAppeared()
     f.d->currentUid = 0;
     QVERIFY(QFile::remove(socketPath));
     QVERIFY(!f.d->handleChildSocket(clientDirectory));
-    QVERIFY(writeFile(socketPath, {}));
-    QVERIFY(setOwner(socketPath, alice, alice));
+    QVERIFY(leaveSocket(socketPath, alice));
     QVERIFY(f.d->handleChildSocket(clientDirectory));
 }
 
 void TstWatching::socketAppearedDuringAuthentication()
 {
     WatchingFixture f;
-    QVERIFY(writeFile(socketPath, {}));
-    QVERIFY(setOwner(socketPath, alice, alice));
+    QVERIFY(leaveSocket(socketPath, alice));
     f.d->currentUid = alice;
     f.d->clientStage = 3;
     // Nobody listens, so that the flow gets as far as the second stage.
@@ -328,8 +325,7 @@ void TstWatching::socketIsSeen()
     QVERIFY(f.d->connection.isConnected());
 
     log.clear();
-    QVERIFY(writeFile(socketPath + QStringLiteral(".new"), {}));
-    QVERIFY(setOwner(socketPath + QStringLiteral(".new"), bob, bob));
+    QVERIFY(leaveSocket(socketPath + QStringLiteral(".new"), bob));
     QVERIFY(QFile::rename(socketPath + QStringLiteral(".new"), socketPath));
     QTRY_VERIFY(log.debugs().contains(QStringLiteral("handleChildSocket Wrong socket owner 1001")));
     QVERIFY(!f.d->child.socketPresent);

@@ -1,0 +1,236 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "auth/linkguard.h"
+
+#include "plugin/logging.h"
+#include "settings/constants.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int maximumWaiting = 1024 * 1024; ///< Bytes that one side may leave unread.
+constexpr int maximumReceived = 1024 * 1024; ///< Bytes that the client may send for one request.
+constexpr int chunkSize = 64 * 1024; ///< Bytes carried before the event loop turns to others.
+const QString listenerDirectory = QStringLiteral("/run/kavet-XXXXXX");
+const QString listenerName = QStringLiteral("/link");
+
+QByteArray pathOf(const Descriptor &descriptor)
+{
+    return "/proc/self/fd/" + QByteArray::number(descriptor.get());
+}
+
+int makeSocket()
+{
+    return socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+}
+
+sockaddr_un socketAddress(const QByteArray &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.constData(), sizeof address.sun_path - 1);
+    return address;
+}
+
+/// The credentials of the process at the other end: for a connection that was accepted those of the process that
+/// connected, else those of the process that listens.
+ucred peerCredentials(int descriptor)
+{
+    ucred credentials = {-1, uid_t(-1), gid_t(-1)};
+    socklen_t size = sizeof credentials;
+    getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &credentials, &size);
+    return credentials;
+}
+
+/// Empties `bytes`, which may hold a secret.
+void wipe(QByteArray &bytes)
+{
+    explicit_bzero(bytes.data(), size_t(bytes.size()));
+    bytes.clear();
+}
+
+} // namespace
+
+void Descriptor::reset(int descriptor)
+{
+    const int error = errno;
+    if (m_descriptor != -1)
+        ::close(m_descriptor);
+    m_descriptor = descriptor;
+    errno = error;
+}
+
+// Listening from the start, so that nobody can keep the link from being made later by filling the file system.
+LinkGuard::LinkGuard()
+{
+    listen();
+}
+
+LinkGuard::~LinkGuard()
+{
+    end();
+}
+
+// The socket loses its name at once. A descriptor of the name remains, and the path to that leads through this
+// process's entries in /proc, which are closed to others.
+bool LinkGuard::listen()
+{
+    if (m_name.isValid())
+        return true;
+
+    const QTemporaryDir directory(listenerDirectory);
+    if (!directory.isValid())
+        return false;
+    const QByteArray path = QFile::encodeName(directory.path() + listenerName);
+    const sockaddr_un address = socketAddress(path);
+    m_listener.reset(makeSocket());
+    if (bind(m_listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1
+        || ::listen(m_listener.get(), 1) == -1)
+        return false;
+    m_name.reset(open(path.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    return m_name.isValid();
+}
+
+bool LinkGuard::connectToClient(const QString &path, uid_t uid)
+{
+    close();
+    if (!listen())
+        return fail(errno);
+
+    // Through a descriptor, a symbolic link is not followed but is a file like any other to which nobody listens.
+    const Descriptor name(open(QFile::encodeName(path).constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    if (!name.isValid())
+        return fail(errno);
+    m_client.reset(makeSocket());
+    const sockaddr_un address = socketAddress(pathOf(name));
+    if (::connect(m_client.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1)
+        return fail(errno);
+    const uid_t peer = peerCredentials(m_client.get()).uid;
+    return peer == uid || peer == 0 || fail(EPERM);
+}
+
+QString LinkGuard::address() const
+{
+    return QStringLiteral("unix:path=") + QString::fromLatin1(pathOf(m_name));
+}
+
+bool LinkGuard::acceptLibrary()
+{
+    m_library.reset(accept4(m_listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!m_library.isValid() || peerCredentials(m_library.get()).pid != getpid())
+        return fail(EPERM);
+
+    m_received = 0;
+    start(m_toClient, m_library, m_client);
+    start(m_toLibrary, m_client, m_library);
+    return true;
+}
+
+void LinkGuard::allowReply()
+{
+    m_received = 0;
+}
+
+void LinkGuard::close()
+{
+    ++m_link;
+    end();
+}
+
+bool LinkGuard::fail(int error)
+{
+    end();
+    m_errorString = QString::fromLocal8Bit(std::strerror(error));
+    return false;
+}
+
+void LinkGuard::start(Flow &flow, Descriptor &from, Descriptor &to)
+{
+    flow.readable.reset(new QSocketNotifier(from.get(), QSocketNotifier::Read));
+    flow.writable.reset(new QSocketNotifier(to.get(), QSocketNotifier::Write));
+    flow.writable->setEnabled(false);
+    QObject::connect(flow.readable.data(), &QSocketNotifier::activated,
+                     [this, &flow, &from, &to] { read(flow, from, to); });
+    QObject::connect(flow.writable.data(), &QSocketNotifier::activated, [this, &flow, &to] { write(flow, to); });
+}
+
+void LinkGuard::read(Flow &flow, Descriptor &from, Descriptor &to)
+{
+    char chunk[chunkSize];
+    const ssize_t size = recv(from.get(), chunk, sizeof chunk, 0);
+    if (size == -1) {
+        if (errno != EAGAIN && errno != EINTR)
+            end();
+        return;
+    }
+    if (size == 0) {
+        flow.ended = true;
+        flow.readable->setEnabled(false);
+    }
+    if (&flow == &m_toLibrary) {
+        m_received += int(size);
+        if (m_received > maximumReceived) {
+            drop("it sends more than a reply needs");
+            return;
+        }
+    }
+    flow.waiting.append(chunk, int(size));
+    explicit_bzero(chunk, sizeof chunk);
+    write(flow, to);
+}
+
+void LinkGuard::write(Flow &flow, Descriptor &to)
+{
+    if (!flow.waiting.isEmpty()) {
+        const ssize_t size = send(to.get(), flow.waiting.constData(), size_t(flow.waiting.size()), MSG_NOSIGNAL);
+        if (size == -1 && errno != EAGAIN && errno != EINTR) {
+            end();
+            return;
+        }
+        if (size == flow.waiting.size())
+            wipe(flow.waiting);
+        else
+            flow.waiting.remove(0, int(std::max<ssize_t>(size, 0)));
+        if (flow.waiting.size() > maximumWaiting) {
+            drop("it does not read what it is sent");
+            return;
+        }
+    }
+    flow.writable->setEnabled(!flow.waiting.isEmpty());
+    if (flow.ended && flow.waiting.isEmpty())
+        end();
+}
+
+void LinkGuard::drop(const char *reason)
+{
+    qCWarning(kavet) << "Dropping the link to the client:" << reason;
+    end();
+}
+
+void LinkGuard::end()
+{
+    for (Flow *flow : {&m_toClient, &m_toLibrary}) {
+        // Before the descriptors are closed, which the event loop must not watch any more.
+        for (auto *notifier : {&flow->readable, &flow->writable}) {
+            if (*notifier)
+                (*notifier)->setEnabled(false);
+            notifier->reset();
+        }
+        wipe(flow->waiting);
+        flow->ended = false;
+    }
+    m_client.reset();
+    m_library.reset();
+}
