@@ -1,5 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include "hostilesocket.h"
+
 #include <QBasicTimer>
 #include <QCoreApplication>
 #include <QDBusConnection>
@@ -18,6 +20,7 @@
 #include <csignal>
 #include <cstdio>
 #include <functional>
+#include <thread>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -30,8 +33,12 @@
 //   "crash": true     end at once by a signal
 //   "stdout", "stderr": text to write first
 //   "socket": "now" (default), "never", or a path: serve as soon as that file exists
+//   "hostile": one of the attacks in hostilesocket.h, by which the socket is then served
+//   "stop": true      stop like a process that got SIGSTOP, before serving
 //   "announce": true  show the socket again and again until somebody connects
 //   "certs": [...]    the certificates that getCertList answers; left out: it answers an error
+//   "errorText": the text of its error replies
+//   "chatter": N      write to the file descriptor N without end
 //   "certsAnswer": one of the words below, for getCertList
 //   "ignoreTerm": true   do not end on SIGTERM
 // What it answers to checkPassword and validateCert is what the password or PIN says:
@@ -154,6 +161,7 @@ public:
         for (const QVariant &argument : values)
             call << argument.toString();
         record(QStringLiteral("calls"), QJsonDocument(call));
+        record(QStringLiteral("callees"), QJsonDocument(QJsonArray{int(getuid())}));
 
         if (message.member() != QLatin1String("getCertList"))
             return answer(message.arguments().constLast().toString(), QStringLiteral("success"), message, connection);
@@ -177,7 +185,9 @@ private:
                 const QDBusConnection &connection)
     {
         if (word == QLatin1String("error"))
-            return connection.send(message.createErrorReply(QStringLiteral("tarsk.Error"), QStringLiteral("No luck")));
+            return connection.send(message.createErrorReply(
+                QStringLiteral("tarsk.Error"),
+                m_script.value(QLatin1String("errorText")).toString(QStringLiteral("No luck"))));
         if (word == QLatin1String("number"))
             return connection.send(message.createReply(42));
         if (word == QLatin1String("nothing"))
@@ -245,11 +255,26 @@ int main(int argc, char *argv[])
     if (script.value(QLatin1String("ignoreTerm")).toBool())
         signal(SIGTERM, SIG_IGN);
 
+    if (script.contains(QLatin1String("chatter"))) {
+        std::thread([stream = script.value(QLatin1String("chatter")).toInt()] {
+            for (const QByteArray text(4096, 'x'); write(stream, text.constData(), size_t(text.size())) > 0;) { }
+        }).detach();
+    }
+    if (script.value(QLatin1String("stop")).toBool())
+        raise(SIGSTOP);
+
     Client client(script);
+    const QString attack = script.value(QLatin1String("hostile")).toString();
+    const auto serve = [&client, attack] {
+        if (attack.isEmpty())
+            client.serve();
+        else
+            serveHostile(socketPath, attack);
+    };
     const QString socket = script.value(QLatin1String("socket")).toString(QStringLiteral("now"));
     if (socket == QLatin1String("now"))
-        client.serve();
+        serve();
     else if (socket != QLatin1String("never"))
-        whenExists(socket, &client, [&client] { client.serve(); });
+        whenExists(socket, &client, serve);
     return QCoreApplication::exec();
 }

@@ -28,6 +28,7 @@ const QString stateDirectory = QStringLiteral("/tmp/scripted-client");
 const QString scriptFile = stateDirectory + QStringLiteral("/script.json");
 const QString launchesFile = stateDirectory + QStringLiteral("/launches");
 const QString callsFile = stateDirectory + QStringLiteral("/calls");
+const QString calleesFile = stateDirectory + QStringLiteral("/callees");
 
 QVector<QJsonDocument> journal(const QString &path)
 {
@@ -91,7 +92,7 @@ void TestDevice::reset()
     // World-writable, since the client runs as the user.
     QDir().mkpath(stateDirectory);
     chmod(QFile::encodeName(stateDirectory).constData(), 01777);
-    for (const QString &file : {launchesFile, callsFile}) {
+    for (const QString &file : {launchesFile, callsFile, calleesFile}) {
         writeFile(file, {});
         chmod(QFile::encodeName(file).constData(), 0666);
     }
@@ -169,6 +170,15 @@ QVector<QJsonObject> TestDevice::launches()
     for (const QJsonDocument &entry : entries)
         launches << entry.object();
     return launches;
+}
+
+QVector<uint> TestDevice::callees()
+{
+    QVector<uint> uids;
+    const QVector<QJsonDocument> entries = journal(calleesFile);
+    for (const QJsonDocument &entry : entries)
+        uids << uint(entry.array().at(0).toInt());
+    return uids;
 }
 
 QVector<QJsonArray> TestDevice::calls()

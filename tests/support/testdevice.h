@@ -56,5 +56,7 @@ void setScript(const QJsonObject &script);
 QVector<QJsonObject> launches();
 /// What scripted clients have been called with since reset(), in order: arrays of method name and arguments.
 QVector<QJsonArray> calls();
+/// For each of calls(), the user whose process was called.
+QVector<uint> callees();
 
 } // namespace TestDevice

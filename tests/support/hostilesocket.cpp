@@ -1,0 +1,198 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "hostilesocket.h"
+
+#include <QByteArray>
+#include <QFile>
+
+#include <csignal>
+#include <cstring>
+#include <random>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+enum MessageType { MethodCall = 1, MethodReturn = 2 };
+
+template <typename Value>
+QByteArray bytes(Value value)
+{
+    return QByteArray(reinterpret_cast<const char *>(&value), sizeof value);
+}
+
+void align(QByteArray &message, int boundary)
+{
+    while (message.size() % boundary)
+        message += '\0';
+}
+
+// One field of a D-Bus message's header.
+void addField(QByteArray &message, char code, char type, const QByteArray &value)
+{
+    align(message, 8);
+    message += code;
+    message += '\1';
+    message += type;
+    message += '\0';
+    if (type == 'u' || type == 'g') {
+        message += value;
+        return;
+    }
+    message += bytes(quint32(value.size())) + value + '\0';
+}
+
+QByteArray message(MessageType type, quint32 replySerial, const QByteArray &text)
+{
+    const QByteArray body = text.isNull() ? QByteArray() : bytes(quint32(text.size())) + text + '\0';
+    QByteArray result("l");
+    result += char(type);
+    result += QByteArray("\0\1", 2) + bytes(quint32(body.size())) + bytes(quint32(1));
+    const int lengthAt = result.size();
+    result += bytes(quint32(0));
+    if (type == MethodCall) {
+        addField(result, 1, 'o', "/nowhere");
+        addField(result, 3, 's', "nothing");
+    } else {
+        addField(result, 5, 'u', bytes(replySerial));
+    }
+    if (!body.isEmpty())
+        addField(result, 8, 'g', QByteArray("\1s\0", 3));
+    result.replace(lengthAt, 4, bytes(quint32(result.size() - lengthAt - 4)));
+    align(result, 8);
+    return result + body;
+}
+
+[[noreturn]] void waitForEver()
+{
+    for (;;)
+        pause();
+}
+
+void sendAll(int peer, const QByteArray &data)
+{
+    for (int sent = 0; sent < data.size();) {
+        const ssize_t size = send(peer, data.constData() + sent, size_t(data.size() - sent), MSG_NOSIGNAL);
+        if (size <= 0)
+            waitForEver();
+        sent += int(size);
+    }
+}
+
+QByteArray readLine(int peer)
+{
+    QByteArray line;
+    char character = 0;
+    while (!line.endsWith("\r\n") && recv(peer, &character, 1, 0) == 1)
+        line += character;
+    return line;
+}
+
+void shakeHands(int peer)
+{
+    for (;;) {
+        const QByteArray line = readLine(peer);
+        if (line.isEmpty())
+            waitForEver();
+        if (line.startsWith("BEGIN"))
+            return;
+        sendAll(peer, line.contains("AUTH") ? "OK 0123456789abcdef0123456789abcdef\r\n" : "AGREE_UNIX_FD\r\n");
+    }
+}
+
+sockaddr_un socketAddress(const QString &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof address.sun_path - 1);
+    return address;
+}
+
+int makeSocket(int flags)
+{
+    return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
+}
+
+void fillQueue(const sockaddr_un &address)
+{
+    while (connect(makeSocket(SOCK_NONBLOCK), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) { }
+}
+
+void sendDescriptors(int peer)
+{
+    constexpr size_t count = 100;
+    alignas(cmsghdr) char control[CMSG_SPACE(count * sizeof(int))] = {};
+    QByteArray data = message(MethodCall, 0, {});
+    iovec part = {data.data(), size_t(data.size())};
+    msghdr header = {};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    cmsghdr *rights = CMSG_FIRSTHDR(&header);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(count * sizeof(int));
+    for (size_t i = 0; i < count; ++i) {
+        const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        std::memcpy(CMSG_DATA(rights) + i * sizeof descriptor, &descriptor, sizeof descriptor);
+    }
+    sendmsg(peer, &header, MSG_NOSIGNAL);
+}
+
+[[noreturn]] void attackPeer(int peer, const QString &attack)
+{
+    if (attack == QLatin1String("silent"))
+        waitForEver();
+    if (attack == QLatin1String("trickle")) {
+        for (;; sleep(1))
+            sendAll(peer, "O");
+    }
+    if (attack == QLatin1String("noise")) {
+        std::minstd_rand random;
+        for (QByteArray noise(4096, 0);;) {
+            for (char &byte : noise)
+                byte = char(random());
+            sendAll(peer, noise);
+        }
+    }
+    shakeHands(peer);
+    if (attack == QLatin1String("flood")) {
+        for (const QByteArray call = message(MethodCall, 0, "x");;)
+            sendAll(peer, call);
+    }
+    if (attack == QLatin1String("huge")) {
+        QByteArray call(16, 0);
+        recv(peer, call.data(), size_t(call.size()), MSG_WAITALL);
+        quint32 serial = 0;
+        std::memcpy(&serial, call.constData() + 8, sizeof serial);
+        sendAll(peer, message(MethodReturn, serial, QByteArray(100 * 1024 * 1024, 'x')));
+    }
+    if (attack == QLatin1String("descriptors"))
+        sendDescriptors(peer);
+    for (char byte = 0; recv(peer, &byte, 1, 0) > 0;) { }
+    waitForEver();
+}
+
+} // namespace
+
+void serveHostile(const QString &path, const QString &attack)
+{
+    // Made under another name first, so that nobody meets a socket that does not listen yet.
+    const QString temporary = path + QStringLiteral(".new");
+    const int listener = makeSocket(0);
+    const sockaddr_un address = socketAddress(temporary);
+    if (bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1
+        || listen(listener, attack == QLatin1String("full") ? 0 : 16) == -1)
+        qFatal("Cannot serve");
+    if (attack == QLatin1String("full"))
+        fillQueue(address);
+    if (rename(QFile::encodeName(temporary).constData(), QFile::encodeName(path).constData()) == -1)
+        qFatal("Cannot put the socket into its place");
+    if (attack == QLatin1String("full"))
+        waitForEver();
+    attackPeer(accept(listener, nullptr, nullptr), attack);
+}

@@ -1,0 +1,16 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <QString>
+
+/// Serves the socket `path` in a way that means harm, for ever. `attack` is one of
+///   "full"         its queue of connections is full, and it accepts none
+///   "silent"       accepts, and never says or reads anything
+///   "trickle"      sends one byte of the handshake a second
+///   "noise"        sends random bytes without end and reads nothing
+///   "mute"         completes the handshake, then reads and says nothing
+///   "flood"        completes the handshake, then sends calls without end and reads nothing
+///   "huge"         answers the first call with a text of 100 MiB
+///   "descriptors"  completes the handshake, then sends a hundred file descriptors
+[[noreturn]] void serveHostile(const QString &path, const QString &attack);

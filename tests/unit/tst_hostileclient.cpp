@@ -1,0 +1,565 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "methodfixture.h"
+#include "support/logcapture.h"
+
+#include <QBasicTimer>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTest>
+
+#include <algorithm>
+#include <csignal>
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+Q_DECLARE_METATYPE(RecordingDaemon::Call)
+
+using namespace TestDevice;
+
+namespace {
+
+using Call = RecordingDaemon::Call;
+
+const QString goFile = QStringLiteral("/tmp/scripted-client/go");
+const QString answerFile = QStringLiteral("/tmp/scripted-client/answer");
+const QString success = QStringLiteral("success");
+const QString never = QStringLiteral("never");
+
+const Call cannotConnect = RecordingDaemon::failed(SettingsKavet::Connecting, SettingsKavet::CannotConnectClient);
+const Call cannotCommunicate =
+    RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::CannotCommunicateClient);
+const Call authFailed = RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::AuthFailed);
+
+/// The longest time for which the event loop could not turn to anything else.
+class LoopWatch : public QObject
+{
+public:
+    LoopWatch()
+    {
+        m_last.start();
+        m_timer.start(1, this);
+    }
+    qint64 longestWait() const { return std::max(m_longest, m_last.elapsed()); }
+
+protected:
+    void timerEvent(QTimerEvent *) override { m_longest = std::max(m_longest, m_last.restart()); }
+
+private:
+    QElapsedTimer m_last;
+    QBasicTimer m_timer;
+    qint64 m_longest = 0;
+};
+
+// Each wait that was found was one of 25 s or without end; what a loaded machine adds is far less.
+constexpr qint64 tolerableWait = 2000;
+
+qint64 residentPages()
+{
+    return readFile(QStringLiteral("/proc/self/statm")).split(' ').value(1).toLongLong();
+}
+
+int openDescriptors()
+{
+    return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::System).size();
+}
+
+QVector<pid_t> launchedProcesses()
+{
+    QVector<pid_t> pids;
+    const QVector<QJsonObject> all = launches();
+    for (const QJsonObject &launch : all)
+        pids << launch.value(QLatin1String("pid")).toInt();
+    return pids;
+}
+
+// What was sent to the client of another user than the one whose secret it is.
+QVector<QJsonArray> misled()
+{
+    QVector<QJsonArray> found;
+    const QVector<QJsonArray> sent = calls();
+    const QVector<uint> to = callees();
+    for (int i = 0; i < sent.size(); ++i) {
+        if (sent.at(i).contains(QStringLiteral("alice")) && to.at(i) != alice)
+            found << sent.at(i);
+        if (sent.at(i).contains(QStringLiteral("bob")) && to.at(i) != bob)
+            found << sent.at(i);
+    }
+    return found;
+}
+
+} // namespace
+
+/// Clients that are up to no good, each a process of its user: nothing that they do lets them in as another user, or
+/// keeps the daemon or another user waiting.
+class TstHostileClient : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { TestDevice::reset(); }
+
+    void attack_data();
+    void attack();
+    void descriptors();
+    void certListTooLong_data();
+    void certListTooLong();
+    void longErrorText();
+    void endlessOutput_data();
+    void endlessOutput();
+
+    void lateAnswer_data();
+    void lateAnswer();
+    void answerOfGivenUpClient();
+
+    void secretOfAnotherUser_data();
+    void secretOfAnotherUser();
+    void loginAfterLogout();
+    void delayedLaunchRecorded();
+    void swappedSocket();
+    void notASocket_data();
+    void notASocket();
+    void strangersSocket();
+
+private:
+    bool startAlice(MethodFixture &fixture, const QJsonObject &script, const QString &password);
+    bool bobSucceeds(MethodFixture &fixture);
+};
+
+// Alice's client runs and has shown its socket, by whatever it serves that.
+bool TstHostileClient::startAlice(MethodFixture &fixture, const QJsonObject &script, const QString &password)
+{
+    QJsonObject whole = script;
+    whole.insert(QStringLiteral("socket"), goFile);
+    setScript(whole);
+    fixture.method.authenticate(alice, MethodFixture::passwordData(password));
+    return QTest::qWaitFor([&fixture] { return fixture.d->child.clientRunning; }) && writeFile(goFile, {})
+           && QTest::qWaitFor([&fixture] { return fixture.d->child.socketPresent; }, 10000);
+}
+
+// Bob comes next, with a client that behaves.
+bool TstHostileClient::bobSucceeds(MethodFixture &fixture)
+{
+    QFile::remove(goFile);
+    setScript({{QStringLiteral("socket"), goFile}});
+    fixture.method.reset();
+    fixture.daemon.calls.clear();
+    fixture.method.authenticate(bob, MethodFixture::passwordData(success));
+    return QTest::qWaitFor([&fixture] { return fixture.d->child.clientUid == bob && fixture.d->child.clientRunning; },
+                           10000)
+           && writeFile(goFile, {})
+           && QTest::qWaitFor(
+               [&fixture] { return fixture.daemon.outcomes() == QVector<Call>{RecordingDaemon::succeeded()}; }, 10000);
+}
+
+void TstHostileClient::attack_data()
+{
+    const QString dropping = QStringLiteral("Dropping the link to the client: it sends more than a reply needs");
+    QTest::addColumn<QString>("attack");
+    QTest::addColumn<bool>("ends"); // without the request's own timeout
+    QTest::addColumn<Call>("outcome");
+    QTest::addColumn<QString>("warning");
+    QTest::newRow("never accepts") << QStringLiteral("full") << true << cannotConnect
+                                   << QStringLiteral("Cannot connect to the Kavet client socket");
+    QTest::newRow("silent after accepting") << QStringLiteral("silent") << false << Call() << QString();
+    QTest::newRow("silent after the handshake") << QStringLiteral("mute") << false << Call() << QString();
+    QTest::newRow("one byte a second") << QStringLiteral("trickle") << false << Call() << QString();
+    QTest::newRow("random bytes") << QStringLiteral("noise") << true << cannotCommunicate << QString();
+    QTest::newRow("flood") << QStringLiteral("flood") << true << cannotCommunicate << dropping;
+    QTest::newRow("reply of 100 MiB") << QStringLiteral("huge") << true << cannotCommunicate << dropping;
+}
+
+void TstHostileClient::attack()
+{
+    QFETCH(QString, attack);
+    QFETCH(bool, ends);
+    QFETCH(Call, outcome);
+    QFETCH(QString, warning);
+    MethodFixture fixture;
+    LogCapture log;
+    const qint64 pagesBefore = residentPages();
+    LoopWatch watch;
+
+    QVERIFY(startAlice(fixture, {{QStringLiteral("hostile"), attack}}, success));
+    if (ends)
+        QTRY_COMPARE(fixture.told(), QVector<Call>{outcome});
+    else
+        QTest::qWait(1500); // long enough for a wait that nothing ends to show
+    QCOMPARE(fixture.told().size(), ends ? 1 : 0);
+    bool warned = warning.isEmpty();
+    for (const QString &line : log.warnings())
+        warned = warned || line.startsWith(warning);
+    QVERIFY(warned);
+
+    QVERIFY(bobSucceeds(fixture));
+    QVERIFY2(watch.longestWait() < tolerableWait, qPrintable(QString::number(watch.longestWait())));
+    QVERIFY((residentPages() - pagesBefore) * sysconf(_SC_PAGESIZE) < 64 * 1024 * 1024);
+    QCOMPARE(misled(), QVector<QJsonArray>());
+}
+
+void TstHostileClient::descriptors()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    QVERIFY(bobSucceeds(fixture));
+    const int before = openDescriptors();
+    fixture.method.reset();
+    QFile::remove(goFile);
+    QVERIFY(startAlice(fixture, {{QStringLiteral("hostile"), QStringLiteral("descriptors")}}, success));
+    // A message that lacks the descriptors it announces, or one that nobody asked for: neither brings any.
+    QTest::qWait(500);
+    QVERIFY(openDescriptors() <= before);
+}
+
+void TstHostileClient::certListTooLong_data()
+{
+    QTest::addColumn<int>("entries");
+    QTest::addColumn<int>("size");
+    QTest::addColumn<bool>("accepted");
+    QTest::newRow("as many as may be") << 1000 << 10 << true;
+    QTest::newRow("one too many") << 1001 << 10 << false;
+    QTest::newRow("as long as may be") << 256 << 1024 << true;
+    QTest::newRow("a byte too long") << 1 << 256 * 1024 + 1 << false;
+    QTest::newRow("longer than the link allows") << 40 << 1024 * 1024 << false;
+}
+
+void TstHostileClient::certListTooLong()
+{
+    QFETCH(int, entries);
+    QFETCH(int, size);
+    QFETCH(bool, accepted);
+    MethodFixture fixture;
+    QJsonArray list;
+    for (int i = 0; i < entries; ++i)
+        list << QString(size, QLatin1Char('x'));
+    QVERIFY(fixture.link({{QStringLiteral("certs"), list}}));
+    LogCapture log;
+    QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
+    QTRY_COMPARE_WITH_TIMEOUT(fixture.told().size(), 1, 20000);
+    const Call told = fixture.told().constFirst();
+    QCOMPARE(told.operation, QStringLiteral("optionChanged"));
+    QCOMPARE(told.arguments.at(2).toStringList().size(), accepted ? entries : 0);
+    QVERIFY(!fixture.d->certListInFlight);
+    QCOMPARE(log.warnings().isEmpty(), accepted);
+    if (!accepted && size < 1024 * 1024)
+        QCOMPARE(log.warnings(),
+                 QStringList{QStringLiteral("getCertList failed: \"The list of certificates is too long\"")});
+}
+
+void TstHostileClient::longErrorText()
+{
+    // 1024 bytes would end within the last character.
+    const QString text = QLatin1Char('x') + QString(5000, QChar(0xE4));
+    MethodFixture fixture;
+    QVERIFY(
+        fixture.link({{QStringLiteral("errorText"), text}, {QStringLiteral("certsAnswer"), QStringLiteral("error")}}));
+    LogCapture log;
+    fixture.d->checkPassword(QStringLiteral("error"));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{cannotCommunicate});
+    fixture.d->getCertList();
+    QTRY_COMPARE(fixture.told().size(), 2);
+    const QString kept = text.left(1 + 511);
+    QCOMPARE(log.warnings(),
+             QStringList({QStringLiteral("checkPassword failed: QDBusError(\"tarsk.Error\", \"%1\")").arg(kept),
+                          QStringLiteral("getCertList failed: \"%1\"").arg(kept)}));
+}
+
+void TstHostileClient::endlessOutput_data()
+{
+    QTest::addColumn<int>("stream");
+    QTest::newRow("standard output") << STDOUT_FILENO;
+    QTest::newRow("standard error") << STDERR_FILENO;
+}
+
+void TstHostileClient::endlessOutput()
+{
+    QFETCH(int, stream);
+    MethodFixture fixture;
+    const qint64 pagesBefore = residentPages();
+    LoopWatch watch;
+    QVERIFY(startAlice(fixture, {{QStringLiteral("chatter"), stream}}, success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    const auto channel = stream == STDOUT_FILENO ? QProcess::StandardOutput : QProcess::StandardError;
+    fixture.d->child.setReadChannel(channel);
+    QTRY_COMPARE(fixture.d->child.bytesAvailable(), qint64(1024 * 1024));
+    QTest::qWait(1000); // some gigabytes, were they kept
+    fixture.d->child.setReadChannel(channel);
+    QCOMPARE(fixture.d->child.bytesAvailable(), qint64(1024 * 1024));
+    QVERIFY((residentPages() - pagesBefore) * sysconf(_SC_PAGESIZE) < 64 * 1024 * 1024);
+    QVERIFY(bobSucceeds(fixture));
+    QVERIFY2(watch.longestWait() < tolerableWait, qPrintable(QString::number(watch.longestWait())));
+}
+
+void TstHostileClient::lateAnswer_data()
+{
+    QTest::addColumn<QString>("after");
+    QTest::newRow("reset") << QStringLiteral("reset");
+    QTest::newRow("new attempt") << QStringLiteral("attempt");
+    QTest::newRow("another user's attempt") << QStringLiteral("another");
+}
+
+void TstHostileClient::lateAnswer()
+{
+    QFETCH(QString, after);
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("late")));
+    QTRY_COMPARE(calls().size(), 1);
+
+    LogCapture log(true);
+    QVector<Call> expected;
+    if (after != QLatin1String("attempt"))
+        fixture.method.reset();
+    if (after == QLatin1String("attempt"))
+        fixture.method.authenticate(alice, MethodFixture::passwordData(never));
+    if (after == QLatin1String("another")) {
+        // Bob's client shows no socket, so that his attempt stays open.
+        setScript({{QStringLiteral("socket"), never}});
+        fixture.method.authenticate(bob, MethodFixture::passwordData(never));
+        QTRY_COMPARE(fixture.d->child.clientUid, bob);
+        QTRY_VERIFY(fixture.d->child.clientRunning);
+    }
+    QVERIFY(writeFile(answerFile, {}));
+    if (after != QLatin1String("another"))
+        QTRY_VERIFY(log.debugs().contains(
+            QStringLiteral("checkPassword Dropped the reply to a request that is no longer current")));
+    QCOMPARE(fixture.daemon.outcomes(), QVector<Call>());
+    QVERIFY(log.warnings().filter(QStringLiteral("checkPassword")).isEmpty());
+
+    // Each request that is current still has its outcome.
+    fixture.method.reset();
+    setScript({});
+    fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("failed")));
+    QTRY_COMPARE_WITH_TIMEOUT(fixture.daemon.outcomes(), QVector<Call>{authFailed}, 10000);
+    QCOMPARE(misled(), QVector<QJsonArray>());
+}
+
+void TstHostileClient::answerOfGivenUpClient()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    const QVector<pid_t> processes = launchedProcesses();
+    fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("late")));
+    QTRY_COMPARE(calls().size(), 1);
+
+    // The answer is there already when the client is given up.
+    QCOMPARE(::kill(processes.constFirst(), SIGSTOP), 0);
+    QVERIFY(writeFile(answerFile, {}));
+    fixture.d->setChildUnavailable(true);
+    QCOMPARE(::kill(processes.constFirst(), SIGCONT), 0);
+    QTRY_COMPARE(fixture.daemon.outcomes(), QVector<Call>{cannotCommunicate});
+    QTRY_VERIFY(!fixture.isWaiting());
+    QTest::qWait(200);
+    QCOMPARE(fixture.daemon.outcomes(), QVector<Call>{cannotCommunicate});
+}
+
+void TstHostileClient::secretOfAnotherUser_data()
+{
+    QTest::addColumn<QJsonObject>("script");
+    QTest::addColumn<bool>("shown"); // the socket
+    QTest::addColumn<bool>("stopped");
+    QTest::addColumn<bool>("loggedOut");
+    const QJsonObject ignoring = {{QStringLiteral("ignoreTerm"), true}};
+    QTest::newRow("running") << QJsonObject() << true << false << false;
+    QTest::newRow("ignores SIGTERM") << ignoring << true << false << true;
+    QTest::newRow("stopped") << QJsonObject() << true << true << false;
+    QTest::newRow("stopped, logged out") << QJsonObject() << true << true << true;
+    QTest::newRow("shows no socket") << QJsonObject() << false << false << false;
+    QTest::newRow("stopped before it shows its socket")
+        << QJsonObject{{QStringLiteral("stop"), true}} << false << false << false;
+}
+
+void TstHostileClient::secretOfAnotherUser()
+{
+    QFETCH(QJsonObject, script);
+    QFETCH(bool, shown);
+    QFETCH(bool, stopped);
+    QFETCH(bool, loggedOut);
+    MethodFixture fixture;
+    if (shown) {
+        QVERIFY(startAlice(fixture, script, success));
+        QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    } else {
+        QJsonObject whole = script;
+        whole.insert(QStringLiteral("socket"), never);
+        setScript(whole);
+        fixture.method.authenticate(alice, MethodFixture::passwordData(success));
+        QTRY_VERIFY(fixture.d->child.clientRunning);
+        QTRY_COMPARE(launches().size(), 1);
+    }
+    const pid_t process = launchedProcesses().constFirst();
+    if (stopped)
+        QCOMPARE(::kill(process, SIGSTOP), 0);
+    if (loggedOut)
+        fixture.method.handleUserSessionTriggered(alice, false, true);
+
+    const uint budget = 11;
+    QVERIFY(bobSucceeds(fixture));
+    QCOMPARE(fixture.d->launchBudget, budget - 1);
+    QCOMPARE(launches().size(), 2);
+    QCOMPARE(calls().constLast(), (QJsonArray{QStringLiteral("checkPassword"), QStringLiteral("bob"), success}));
+    QCOMPARE(misled(), QVector<QJsonArray>());
+    QTRY_COMPARE(::kill(process, 0), -1);
+}
+
+void TstHostileClient::loginAfterLogout()
+{
+    // Alice's client is asked to end, and bob's request comes before it has: it waits and succeeds.
+    for (int i = 0; i < 5; ++i) {
+        TestDevice::reset();
+        MethodFixture fixture;
+        QVERIFY(startAlice(fixture, {}, success));
+        QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+        fixture.method.reset();
+        fixture.method.handleUserSessionTriggered(alice, false, true);
+        QVERIFY(bobSucceeds(fixture));
+        QCOMPARE(misled(), QVector<QJsonArray>());
+    }
+}
+
+void TstHostileClient::delayedLaunchRecorded()
+{
+    // With carol's launch waiting for her first start, alice's client is killed but has not ended yet.
+    MethodFixture fixture;
+    QVERIFY(startAlice(fixture, {}, success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    fixture.method.reset();
+    fixture.method.handleUserSessionTriggered(carol, true, true);
+    QCOMPARE(fixture.d->child.uid, carol);
+    QVERIFY(fixture.d->child.clientRunning);
+    fixture.daemon.calls.clear();
+
+    setScript({{QStringLiteral("socket"), never}});
+    fixture.method.authenticate(carol, MethodFixture::passwordData(success));
+    QTRY_COMPARE(fixture.d->child.clientUid, carol);
+    QCOMPARE(calls().size(), 1); // alice's
+    QCOMPARE(fixture.daemon.outcomes(), QVector<Call>());
+}
+
+void TstHostileClient::swappedSocket()
+{
+    // A symbolic link that leads now to a file of bob's, now to a socket of alice's, as fast as she can.
+    MethodFixture fixture;
+    QVERIFY(startAlice(fixture, {}, success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    const QString kept = clientDirectory + QStringLiteral("/kept");
+    QVERIFY(QFile::rename(socketPath, kept));
+    QVERIFY(writeFile(QStringLiteral("/tmp/of-bob"), {}));
+    QVERIFY(setOwner(QStringLiteral("/tmp/of-bob"), bob, bob));
+    QTRY_VERIFY(!fixture.d->child.socketPresent);
+
+    // The checks by themselves, as if bob's client ran while alice could still write here.
+    fixture.d->setChildUnavailable(true);
+    fixture.d->child.clientRunning = true;
+    fixture.d->child.uid = bob;
+    fixture.d->child.clientUid = bob;
+    fixture.d->currentUid = bob;
+    const pid_t swapper = fork();
+    if (swapper == 0) {
+        const QByteArray name = QFile::encodeName(socketPath);
+        const QByteArray temporary = name + ".tmp";
+        if (setgid(alice) == -1 || setuid(alice) == -1)
+            _exit(1);
+        for (;;) {
+            for (const char *target : {"/tmp/of-bob", "kept"}) {
+                unlink(temporary.constData());
+                (void)!symlink(target, temporary.constData());
+                rename(temporary.constData(), name.constData());
+            }
+            unlink(temporary.constData());
+            (void)!::link(QFile::encodeName(kept).constData(), temporary.constData());
+            rename(temporary.constData(), name.constData());
+        }
+    }
+    LogCapture log;
+    int refused = 0;
+    for (int i = 0; i < 20000; ++i) {
+        fixture.d->handleChildSocket(clientDirectory);
+        fixture.d->child.socketPresent = true;
+        refused += !fixture.d->connectToChild();
+    }
+    ::kill(swapper, SIGKILL);
+    waitpid(swapper, nullptr, 0);
+    QCOMPARE(refused, 20000);
+    QCOMPARE(misled(), QVector<QJsonArray>());
+}
+
+void TstHostileClient::notASocket_data()
+{
+    QTest::addColumn<QString>("kind");
+    for (const char *kind : {"link", "dangling link", "file", "directory", "fifo"})
+        QTest::newRow(kind) << QString::fromLatin1(kind);
+}
+
+void TstHostileClient::notASocket()
+{
+    QFETCH(QString, kind);
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    QVERIFY(fixture.dropLink());
+    const QString kept = clientDirectory + QStringLiteral("/kept");
+    QVERIFY(QFile::rename(socketPath, kept));
+    QTRY_VERIFY(!fixture.d->child.socketPresent);
+
+    // What bears the name belongs to alice, and a link leads to the very socket that she serves.
+    const QByteArray name = QFile::encodeName(socketPath);
+    if (kind == QLatin1String("link"))
+        QCOMPARE(symlink("kept", name.constData()), 0);
+    else if (kind == QLatin1String("dangling link"))
+        QCOMPARE(symlink("nothing", name.constData()), 0);
+    else if (kind == QLatin1String("file"))
+        QVERIFY(writeFile(socketPath, {}));
+    else if (kind == QLatin1String("directory"))
+        QVERIFY(QDir().mkdir(socketPath));
+    else
+        QCOMPARE(mkfifo(name.constData(), 0600), 0);
+    QVERIFY(setOwner(socketPath, alice, alice));
+
+    LogCapture log(true);
+    QVERIFY(!fixture.d->handleChildSocket(clientDirectory));
+    QVERIFY(!fixture.d->child.socketPresent);
+    QVERIFY(log.debugs().contains(QStringLiteral("handleChildSocket Not a socket")));
+    // Nor is one that has taken the socket's place since it was looked at.
+    fixture.d->child.socketPresent = true;
+    QVERIFY(!fixture.d->connectToChild());
+    QVERIFY(!fixture.d->connection.isConnected());
+    QCOMPARE(log.warnings().size(), 1);
+    QVERIFY(log.warnings().constFirst().contains(QStringLiteral("Connection refused")));
+}
+
+void TstHostileClient::strangersSocket()
+{
+    // The name belongs to bob, but alice's process serves it.
+    MethodFixture fixture;
+    QVERIFY(startAlice(fixture, {}, success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    // setChildUnavailable() removes the name.
+    const QString kept = clientDirectory + QStringLiteral("/kept");
+    QVERIFY(QFile::rename(socketPath, kept));
+    fixture.d->setChildUnavailable(true);
+    QVERIFY(QFile::rename(kept, socketPath));
+    QVERIFY(setOwner(socketPath, bob, bob));
+    fixture.d->child.clientRunning = true;
+    fixture.d->child.uid = bob;
+    fixture.d->child.clientUid = bob;
+    fixture.daemon.calls.clear();
+    LogCapture log;
+
+    fixture.d->currentUid = bob;
+    fixture.d->pendingAuthData = MethodFixture::passwordData(success);
+    QVERIFY(fixture.d->handleChildSocket(clientDirectory));
+    QCOMPARE(fixture.daemon.outcomes(), QVector<Call>{cannotConnect});
+    QCOMPARE(log.warnings(),
+             QStringList{QStringLiteral("Cannot connect to the Kavet client socket "
+                                        "\"unix:path=/run/aux-auth/tarsk/kavet_client/kavet.socket\" "
+                                        "QDBusError(\"org.freedesktop.DBus.Error.NoServer\", "
+                                        "\"Failed to connect to socket "
+                                        "/run/aux-auth/tarsk/kavet_client/kavet.socket: Operation not permitted\")")});
+    QCOMPARE(misled(), QVector<QJsonArray>());
+}
+
+QTEST_GUILESS_MAIN(TstHostileClient)
+#include "tst_hostileclient.moc"
