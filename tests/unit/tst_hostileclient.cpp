@@ -117,6 +117,8 @@ private Q_SLOTS:
 
     void secretOfAnotherUser_data();
     void secretOfAnotherUser();
+    void clientStillStarting();
+    void clientThatNeverStarts();
     void loginAfterLogout();
     void delayedLaunchRecorded();
     void swappedSocket();
@@ -403,6 +405,38 @@ void TstHostileClient::secretOfAnotherUser()
     QCOMPARE(calls().constLast(), (QJsonArray{QStringLiteral("checkPassword"), QStringLiteral("bob"), success}));
     QCOMPARE(misled(), QVector<QJsonArray>());
     QTRY_COMPARE(::kill(process, 0), -1);
+}
+
+void TstHostileClient::clientStillStarting()
+{
+    MethodFixture fixture;
+    setScript({{QStringLiteral("socket"), never}});
+    fixture.method.authenticate(alice, MethodFixture::passwordData(success));
+    QCOMPARE(fixture.d->child.state(), QProcess::Starting);
+    QVERIFY(bobSucceeds(fixture));
+    QCOMPARE(misled(), QVector<QJsonArray>());
+}
+
+void TstHostileClient::clientThatNeverStarts()
+{
+    // Bob's request comes before it is known that alice's client cannot be started.
+    const QString kept = launcher + QStringLiteral(".kept");
+    QFile::remove(kept);
+    QVERIFY(QFile::rename(launcher, kept));
+    QVERIFY(writeFile(launcher, {}));
+    MethodFixture fixture;
+    fixture.method.authenticate(alice, MethodFixture::passwordData(success));
+    QCOMPARE(fixture.d->child.state(), QProcess::Starting);
+    const pid_t process = pid_t(fixture.d->child.processId());
+    siginfo_t status = {};
+    QCOMPARE(waitid(P_PID, id_t(process), &status, WEXITED | WNOWAIT), 0);
+    QVERIFY(QFile::remove(launcher));
+    QVERIFY(QFile::rename(kept, launcher));
+
+    LogCapture log(true);
+    QVERIFY(bobSucceeds(fixture));
+    QVERIFY(log.debugs().contains(QStringLiteral("onChildErrorOccurred error 0")));
+    QCOMPARE(launches().size(), 1);
 }
 
 void TstHostileClient::loginAfterLogout()
