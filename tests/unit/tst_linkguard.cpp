@@ -1,0 +1,550 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "auth/linkguard.h"
+#include "support/logcapture.h"
+#include "support/testdevice.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using TestDevice::alice;
+using TestDevice::bob;
+
+namespace {
+
+constexpr int limit = 1024 * 1024;
+const QString path = QStringLiteral("/tmp/client.socket");
+const QString sendsTooMuch = QStringLiteral("Dropping the link to the client: it sends more than a reply needs");
+const QString doesNotRead = QStringLiteral("Dropping the link to the client: it does not read what it is sent");
+
+sockaddr_un socketAddress(const QByteArray &name)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, name.constData(), sizeof address.sun_path - 1);
+    return address;
+}
+
+int listenAt(const QString &name, int queue = 8)
+{
+    const QByteArray encoded = QFile::encodeName(name);
+    unlink(encoded.constData());
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = socketAddress(encoded);
+    const bool listening = bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0
+                           && listen(descriptor, queue) == 0 && chmod(encoded.constData(), 0666) == 0;
+    return listening ? descriptor : -1;
+}
+
+int connectTo(const QByteArray &name)
+{
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const sockaddr_un address = socketAddress(name);
+    if (connect(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+        return descriptor;
+    close(descriptor);
+    return -1;
+}
+
+QByteArray libraryPath(const LinkGuard &guard)
+{
+    return guard.address().mid(int(std::strlen("unix:path="))).toLatin1();
+}
+
+/// A process of another identity, which ends with the object.
+class Process
+{
+public:
+    template <typename Function>
+    explicit Process(const Function &function)
+        : m_pid(fork())
+    {
+        if (m_pid == 0) {
+            function();
+            _exit(0);
+        }
+    }
+    ~Process()
+    {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+    int exitCode()
+    {
+        int status = 0;
+        waitpid(m_pid, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    const pid_t m_pid;
+    Q_DISABLE_COPY(Process)
+};
+
+/// A guard with a link, and the sockets of both ends, which do not block.
+struct Link
+{
+    const int listener = listenAt(path);
+    LinkGuard guard;
+    int library = -1;
+    int client = -1;
+
+    ~Link()
+    {
+        for (const int descriptor : {listener, library, client}) {
+            if (descriptor != -1)
+                close(descriptor);
+        }
+    }
+    bool make()
+    {
+        if (!guard.connectToClient(path, 0))
+            return false;
+        library = connectTo(libraryPath(guard));
+        client = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        return library != -1 && client != -1 && guard.acceptLibrary() && guard.isOpen();
+    }
+};
+
+// All that can be read now; `ended` tells whether the other side has closed.
+QByteArray readAll(int descriptor, bool *ended = nullptr)
+{
+    QByteArray content;
+    char chunk[64 * 1024];
+    ssize_t size = 0;
+    while ((size = recv(descriptor, chunk, sizeof chunk, 0)) > 0)
+        content.append(chunk, int(size));
+    if (ended)
+        *ended = size == 0 || errno == ECONNRESET;
+    return content;
+}
+
+bool hasEnded(int descriptor)
+{
+    bool ended = false;
+    readAll(descriptor, &ended);
+    return ended;
+}
+
+// Sends all of `data`, with the event loop running meanwhile; false when the other side closes first.
+bool sendAll(int descriptor, const QByteArray &data)
+{
+    int sent = 0;
+    return QTest::qWaitFor(
+               [&] {
+                   const ssize_t size =
+                       send(descriptor, data.constData() + sent, size_t(data.size() - sent), MSG_NOSIGNAL);
+                   if (size > 0)
+                       sent += int(size);
+                   return sent == data.size() || (size == -1 && errno != EAGAIN);
+               },
+               20000)
+           && sent == data.size();
+}
+
+QByteArray pattern(int size)
+{
+    QByteArray data(size, 0);
+    for (int i = 0; i < size; ++i)
+        data[i] = char(i * 7 + i / 251);
+    return data;
+}
+
+} // namespace
+
+class TstLinkGuard : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+
+    void carriesBothWays();
+    void slowReader_data();
+    void slowReader();
+    void clientSendsTooMuch_data();
+    void clientSendsTooMuch();
+    void clientDoesNotRead();
+    void libraryDoesNotRead();
+    void sideEnds_data();
+    void sideEnds();
+    void sideEndsUnread_data();
+    void sideEndsUnread();
+    void closed();
+    void destroyed();
+    void linksAfterEachOther();
+
+    void cannotConnect_data();
+    void cannotConnect();
+    void peersUser_data();
+    void peersUser();
+    void onlyThisProcess();
+    void noLibrary();
+    void runtimeDirectoryUnwritable();
+    void leavesNothingBehind();
+};
+
+void TstLinkGuard::init()
+{
+    QVERIFY(TestDevice::isDevice());
+}
+
+void TstLinkGuard::carriesBothWays()
+{
+    const LogCapture log(true);
+    Link link;
+    QVERIFY(link.make());
+    QByteArray arrived;
+    const QByteArray request = pattern(300000);
+    QVERIFY(sendAll(link.library, request.left(100000)));
+    QTRY_COMPARE((arrived += readAll(link.client)).size(), 100000);
+    QVERIFY(sendAll(link.library, request.mid(100000)));
+    QTRY_COMPARE((arrived += readAll(link.client)).size(), request.size());
+    QCOMPARE(arrived, request);
+
+    arrived.clear();
+    const QByteArray reply = pattern(500000);
+    QVERIFY(sendAll(link.client, reply));
+    QTRY_COMPARE((arrived += readAll(link.library)).size(), reply.size());
+    QCOMPARE(arrived, reply);
+    QVERIFY(link.guard.isOpen());
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TstLinkGuard::slowReader_data()
+{
+    QTest::addColumn<bool>("toClient");
+    QTest::newRow("client") << true;
+    QTest::newRow("library") << false;
+}
+
+// What one side does not read at once waits, and goes on when it does.
+void TstLinkGuard::slowReader()
+{
+    QFETCH(bool, toClient);
+    const LogCapture log(true);
+    Link link;
+    QVERIFY(link.make());
+    const int from = toClient ? link.library : link.client;
+    const int to = toClient ? link.client : link.library;
+    const QByteArray data = pattern(limit);
+    QVERIFY(sendAll(from, data));
+    QTest::qWait(50);
+    QByteArray arrived;
+    QTRY_COMPARE_WITH_TIMEOUT((arrived += readAll(to)).size(), data.size(), 20000);
+    QCOMPARE(arrived, data);
+    QVERIFY(link.guard.isOpen());
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TstLinkGuard::clientSendsTooMuch_data()
+{
+    QTest::addColumn<QVector<int>>("replies"); // bytes, with a new request between two
+    QTest::addColumn<bool>("dropped");
+    QTest::newRow("as much as may be") << QVector<int>{limit} << false;
+    QTest::newRow("a byte too much") << QVector<int>{limit + 1} << true;
+    QTest::newRow("as much again for the next request") << QVector<int>{limit, limit, limit} << false;
+    QTest::newRow("a byte too much for the next request") << QVector<int>{limit, limit + 1} << true;
+}
+
+void TstLinkGuard::clientSendsTooMuch()
+{
+    QFETCH(QVector<int>, replies);
+    QFETCH(bool, dropped);
+    LogCapture log(true);
+    Link link;
+    QVERIFY(link.make());
+    for (int i = 0; i < replies.size(); ++i) {
+        if (i > 0)
+            link.guard.allowReply();
+        QByteArray data = pattern(replies.at(i));
+        qint64 arrived = 0;
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                const ssize_t size = send(link.client, data.constData(), size_t(data.size()), MSG_NOSIGNAL);
+                data.remove(0, int(std::max<ssize_t>(size, 0)));
+                arrived += readAll(link.library).size();
+                return arrived == replies.at(i) || !link.guard.isOpen();
+            },
+            20000));
+    }
+    QCOMPARE(link.guard.isOpen(), !dropped);
+    QCOMPARE(log.warnings(), dropped ? QStringList{sendsTooMuch} : QStringList());
+    QCOMPARE(hasEnded(link.client), dropped);
+    QCOMPARE(hasEnded(link.library), dropped);
+}
+
+void TstLinkGuard::clientDoesNotRead()
+{
+    LogCapture log(true);
+    Link link;
+    QVERIFY(link.make());
+    QVERIFY(!sendAll(link.library, pattern(4 * limit)));
+    QVERIFY(!link.guard.isOpen());
+    QCOMPARE(log.warnings(), QStringList{doesNotRead});
+    QVERIFY(hasEnded(link.client));
+}
+
+// The client cannot make it wait for more than the client may send.
+void TstLinkGuard::libraryDoesNotRead()
+{
+    LogCapture log(true);
+    Link link;
+    QVERIFY(link.make());
+    for (int i = 0; link.guard.isOpen() && i < 8; ++i) {
+        link.guard.allowReply();
+        sendAll(link.client, pattern(limit / 2));
+        QTest::qWait(10);
+    }
+    QVERIFY(!link.guard.isOpen());
+    QCOMPARE(log.warnings(), QStringList{doesNotRead});
+}
+
+void TstLinkGuard::sideEnds_data()
+{
+    QTest::addColumn<bool>("client");
+    QTest::newRow("client") << true;
+    QTest::newRow("library") << false;
+}
+
+// What a side has sent before it closes still arrives.
+void TstLinkGuard::sideEnds()
+{
+    QFETCH(bool, client);
+    const LogCapture log(true);
+    Link link;
+    QVERIFY(link.make());
+    const quint64 number = link.guard.link();
+    int &ending = client ? link.client : link.library;
+    const int other = client ? link.library : link.client;
+    const QByteArray data = pattern(limit);
+    QVERIFY(sendAll(ending, data));
+    QCOMPARE(close(ending), 0);
+    ending = -1;
+    QByteArray arrived;
+    bool ended = false;
+    QTRY_VERIFY_WITH_TIMEOUT((arrived += readAll(other, &ended), ended), 20000);
+    QCOMPARE(arrived, data);
+    QVERIFY(!link.guard.isOpen());
+    QCOMPARE(link.guard.link(), number);
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TstLinkGuard::sideEndsUnread_data()
+{
+    sideEnds_data();
+}
+
+// A side that closes without reading what waits for it is no reason to be ended by a signal.
+void TstLinkGuard::sideEndsUnread()
+{
+    QFETCH(bool, client);
+    Link link;
+    QVERIFY(link.make());
+    QVERIFY(sendAll(client ? link.library : link.client, pattern(limit)));
+    int &ending = client ? link.client : link.library;
+    QCOMPARE(close(ending), 0);
+    ending = -1;
+    QTRY_VERIFY(!link.guard.isOpen());
+    QVERIFY(hasEnded(client ? link.library : link.client));
+}
+
+void TstLinkGuard::closed()
+{
+    Link link;
+    QVERIFY(link.make());
+    const quint64 number = link.guard.link();
+    QVERIFY(sendAll(link.library, pattern(limit))); // some of which waits
+    link.guard.close();
+    QVERIFY(!link.guard.isOpen());
+    QVERIFY(link.guard.link() != number);
+    bool ended = false;
+    QVERIFY(readAll(link.client, &ended).size() < limit);
+    QVERIFY(ended);
+    QVERIFY(hasEnded(link.library));
+    link.guard.close();
+}
+
+void TstLinkGuard::destroyed()
+{
+    QScopedPointer<Link> link(new Link);
+    QVERIFY(link->make());
+    const int client = dup(link->client);
+    const int library = dup(link->library);
+    link.reset();
+    QVERIFY(hasEnded(client));
+    QVERIFY(hasEnded(library));
+    close(client);
+    close(library);
+}
+
+void TstLinkGuard::linksAfterEachOther()
+{
+    LinkGuard guard;
+    QVector<quint64> numbers;
+    const int listener = listenAt(path);
+    for (int i = 0; i < 3; ++i) {
+        QVERIFY(guard.connectToClient(path, 0));
+        const int library = connectTo(libraryPath(guard));
+        const int client = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK);
+        QVERIFY(guard.acceptLibrary());
+        QVERIFY(!numbers.contains(guard.link()));
+        numbers << guard.link();
+        QVERIFY(sendAll(client, "before"));
+        QByteArray arrived;
+        QTRY_COMPARE((arrived += readAll(library)), QByteArray("before"));
+        if (i == 0) {
+            close(client);
+            QTRY_VERIFY(!guard.isOpen()); // the next one is not taken for ended, too
+        } else {
+            close(client);
+        }
+        close(library);
+    }
+    close(listener);
+}
+
+void TstLinkGuard::cannotConnect_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("nothing") << QString() << QStringLiteral("No such file or directory");
+    QTest::newRow("nobody listens") << QStringLiteral("socket") << QStringLiteral("Connection refused");
+    QTest::newRow("file") << QStringLiteral("file") << QStringLiteral("Connection refused");
+    QTest::newRow("link to a socket that is served") << QStringLiteral("link") << QStringLiteral("Connection refused");
+    QTest::newRow("full queue") << QStringLiteral("full") << QStringLiteral("Resource temporarily unavailable");
+}
+
+void TstLinkGuard::cannotConnect()
+{
+    QFETCH(QString, kind);
+    QFETCH(QString, error);
+    LinkGuard guard;
+    QFile::remove(path);
+    int listener = -1;
+    if (kind == QLatin1String("socket"))
+        QVERIFY(TestDevice::leaveSocket(path, 0));
+    if (kind == QLatin1String("file"))
+        QVERIFY(TestDevice::writeFile(path, {}));
+    if (kind == QLatin1String("link")) {
+        listener = listenAt(QStringLiteral("/tmp/other.socket"));
+        QVERIFY(QFile::link(QStringLiteral("/tmp/other.socket"), path));
+    }
+    if (kind == QLatin1String("full")) {
+        listener = listenAt(path, 0);
+        while (connectTo(QFile::encodeName(path)) != -1) { }
+    }
+    const quint64 number = guard.link();
+    QVERIFY(!guard.connectToClient(path, 0));
+    QCOMPARE(guard.errorString(), error);
+    QVERIFY(!guard.isOpen());
+    QVERIFY(guard.link() != number);
+    close(listener);
+}
+
+void TstLinkGuard::peersUser_data()
+{
+    QTest::addColumn<uint>("peer");
+    QTest::addColumn<uint>("user");
+    QTest::addColumn<bool>("accepted");
+    QTest::newRow("the user") << alice << alice << true;
+    QTest::newRow("root") << 0u << alice << true;
+    QTest::newRow("another user") << alice << bob << false;
+    QTest::newRow("a user for root") << alice << 0u << false;
+}
+
+// Who listens counts, not whom the name belongs to.
+void TstLinkGuard::peersUser()
+{
+    QFETCH(uint, peer);
+    QFETCH(uint, user);
+    QFETCH(bool, accepted);
+    int ready[2] = {};
+    QCOMPARE(pipe(ready), 0);
+    QFile::remove(path);
+    const Process server([&ready, peer] {
+        if (setresgid(peer, peer, peer) == 0 && setresuid(peer, peer, peer) == 0 && listenAt(path) != -1)
+            (void)!write(ready[1], "x", 1);
+        pause();
+    });
+    char byte = 0;
+    QCOMPARE(read(ready[0], &byte, 1), ssize_t(1));
+    QVERIFY(TestDevice::setOwner(path, user, user));
+    LinkGuard guard;
+    QCOMPARE(guard.connectToClient(path, user), accepted);
+    if (!accepted)
+        QCOMPARE(guard.errorString(), QStringLiteral("Operation not permitted"));
+    close(ready[0]);
+    close(ready[1]);
+}
+
+void TstLinkGuard::onlyThisProcess()
+{
+    const int listener = listenAt(path);
+    LinkGuard guard;
+    QVERIFY(guard.connectToClient(path, 0));
+    const QByteArray reachable =
+        "/proc/" + QByteArray::number(getpid()) + libraryPath(guard).mid(int(std::strlen("/proc/self")));
+    Process stranger([&reachable] {
+        const bool dropped = setresgid(alice, alice, alice) == 0 && setresuid(alice, alice, alice) == 0;
+        _exit(!dropped ? 2 : connectTo(reachable) == -1 ? 0 : 1);
+    });
+    QCOMPARE(stranger.exitCode(), 0);
+    // Root's own processes could.
+    Process relative([&reachable] { _exit(connectTo(reachable) == -1 ? 1 : 0); });
+    QCOMPARE(relative.exitCode(), 0);
+    QVERIFY(!guard.acceptLibrary());
+    QVERIFY(!guard.isOpen());
+    close(listener);
+}
+
+void TstLinkGuard::noLibrary()
+{
+    const int listener = listenAt(path);
+    LinkGuard guard;
+    QVERIFY(guard.connectToClient(path, 0));
+    const int client = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK);
+    QVERIFY(!guard.acceptLibrary());
+    QVERIFY(!guard.isOpen());
+    QVERIFY(hasEnded(client));
+    close(client);
+    close(listener);
+}
+
+void TstLinkGuard::runtimeDirectoryUnwritable()
+{
+    Link link;
+    QCOMPARE(mount("none", "/run", "tmpfs", MS_RDONLY, nullptr), 0);
+    const bool made = link.make();
+    LinkGuard late;
+    const bool connected = late.connectToClient(path, 0);
+    QCOMPARE(umount("/run"), 0);
+    QVERIFY(made);
+    // One that could not listen from the start tries again.
+    QVERIFY(!connected);
+    QVERIFY(late.connectToClient(path, 0));
+}
+
+void TstLinkGuard::leavesNothingBehind()
+{
+    const QDir run(QStringLiteral("/run"));
+    const QStringList before = run.entryList();
+    Link link;
+    QVERIFY(link.make());
+    QCOMPARE(run.entryList(), before);
+}
+
+QTEST_GUILESS_MAIN(TstLinkGuard)
+#include "tst_linkguard.moc"
