@@ -51,7 +51,7 @@ bool runInChild(ChildProcess &child, const QString &script)
 bool placeSocket(MethodKavetPrivate &d)
 {
     QSignalSpy changed(&d.watcher, &QFileSystemWatcher::directoryChanged);
-    const QString socket = QStringLiteral("/run/kavet.socket");
+    const QString socket = QStringLiteral("/run/aux-auth/kavet.socket");
     return TestDevice::leaveSocket(socket, TestDevice::alice)
            && (QFile::remove(TestDevice::socketPath), QFile::rename(socket, TestDevice::socketPath)) && changed.wait();
 }
@@ -67,8 +67,6 @@ private Q_SLOTS:
     void init()
     {
         TestDevice::reset();
-        // One test puts a file there.
-        QFile::remove(QStringLiteral("/run/aux-auth"));
     }
 
     // --- Members
@@ -309,7 +307,7 @@ private Q_SLOTS:
 
     void clientDirectoryIsMade()
     {
-        QVERIFY(!QFile::exists(QStringLiteral("/run/aux-auth")));
+        QVERIFY(!QFile::exists(QStringLiteral("/run/aux-auth/tarsk")));
         const LogCapture log(true);
         const MethodKavet method;
         QVERIFY(QFileInfo(TestDevice::clientDirectory).isDir());
@@ -330,7 +328,7 @@ private Q_SLOTS:
 
     void clientDirectoryCannotBeMade()
     {
-        QVERIFY(TestDevice::writeFile(QStringLiteral("/run/aux-auth"), {}));
+        QVERIFY(TestDevice::writeFile(QStringLiteral("/run/aux-auth/tarsk"), {}));
         QVERIFY(QDir().mkpath(TestDevice::sharedDirectory));
         QVERIFY(TestDevice::writeSetting(TestDevice::packagedPolicy, maxAttempts, QStringLiteral("5")));
         LogCapture log;

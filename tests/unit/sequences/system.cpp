@@ -28,12 +28,12 @@
 
 namespace Sequences {
 
-const QString System::servedSocket = QStringLiteral("/run/kavet-sequences/served");
+const QString System::servedSocket = QStringLiteral("/run/aux-auth/kavet-sequences/served");
 
 namespace {
 
-// Below /run, as a socket gets its place by a hard link.
-const QString deadSocket = QStringLiteral("/run/kavet-sequences/dead");
+// On the file system of the client's directory, as a socket gets its place there by a hard link.
+const QString deadSocket = QStringLiteral("/run/aux-auth/kavet-sequences/dead");
 const QString stateDirectory = QStringLiteral("/tmp/kavet-sequences");
 const QString program = QStringLiteral("/usr/bin/kavet-sequences-client");
 const QString linkedManifest = QStringLiteral("/tmp/kavet-sequences/manifest.desktop");
@@ -185,7 +185,7 @@ System::System(const Setup &setup, Peer &peer)
     : m_peer(peer)
     , m_manifestIsLink(setup.manifestIsLink)
 {
-    for (const QString &directory : {QStringLiteral("/run/aux-auth"), QStringLiteral("/srv/shared"),
+    for (const QString &directory : {QStringLiteral("/run/aux-auth/tarsk"), QStringLiteral("/srv/shared"),
                                      QStringLiteral("/var/lib/authd"), outsideDirectory})
         QDir(directory).removeRecursively();
     for (const QString &directory :
