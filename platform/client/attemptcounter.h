@@ -2,13 +2,15 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-/// The count of failed attempts in the per-user file of the shared directory, where the daemon reads it too.
+/// The count of failed attempts. It is kept twice: in the per-user file of the shared directory, which the plugin reads
+/// and sets at each launch, and in a file of the client's own, which nothing but a success sets back. The larger
+/// counts.
 class AttemptCounter
 {
 public:
-    /// The number of failed attempts; 0 when the file holds none.
+    /// The number of failed attempts. A file that is missing or holds no number counts as 0.
     static int count();
-    /// Counts one more failed attempt; the new count.
+    /// Counts one more failed attempt; the new count. It is on the disk when the function returns.
     static int increase();
     /// Starts again at 0.
     static void reset();

@@ -24,6 +24,7 @@ public:
     static inline const QString program = Installed::client;
     static inline const QString settingsPath = QStringLiteral("/home/alice/.config/tarsk/kavet_client/client.conf");
     static inline const QString counterPath = QStringLiteral("/srv/shared/tarsk/kavet_client/1000.conf");
+    static inline const QString ownCounterPath = QStringLiteral("/home/alice/.local/share/tarsk/kavet_client/attempts");
 
     struct Result
     {
@@ -41,10 +42,11 @@ public:
         process.waitForFinished();
     }
 
-    /// What the plugin prepares before it launches a client for alice, and no settings.
+    /// What the plugin prepares before it launches a client for alice, and neither settings nor failed attempts.
     static void prepare()
     {
-        QDir(QStringLiteral("/home/alice/.config")).removeRecursively();
+        for (const char *directory : {"/home/alice/.config", "/home/alice/.local"})
+            QDir(QLatin1String(directory)).removeRecursively();
         for (const QString &directory : {TestDevice::clientDirectory, TestDevice::sharedDirectory}) {
             QDir().mkpath(directory);
             TestDevice::setOwner(directory, TestDevice::alice, TestDevice::groupId("auth-factor"));
@@ -170,6 +172,9 @@ public:
         return content.remove(0, content.indexOf("attempts=") + 9).trimmed().toInt();
     }
 
+    /// What the client's own file says; nothing if there is none.
+    static QByteArray ownAttempts() { return TestDevice::readFile(ownCounterPath); }
+
     /// Starts the client, waits for its socket and connects.
     bool start(const QStringList &environment = {})
     {
@@ -197,10 +202,7 @@ public:
         return m_connection.isConnected();
     }
 
-    QDBusMessage call(const QDBusMessage &message) const
-    {
-        return m_connection.call(message);
-    }
+    QDBusMessage call(const QDBusMessage &message) const { return m_connection.call(message); }
 
     /// Calls a method of the protocol; the reply, an error's name, or "(...)" for any other reply.
     QString ask(const QString &method, const QVariantList &arguments) const
@@ -238,10 +240,7 @@ public:
         return message;
     }
 
-    QDBusConnection &connection()
-    {
-        return m_connection;
-    }
+    QDBusConnection &connection() { return m_connection; }
 
     /// Has the client check a password for somebody who no longer waits for the answer.
     void sendAndVanish(const QString &password)

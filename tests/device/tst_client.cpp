@@ -4,8 +4,10 @@
 #include "support/logcapture.h"
 #include "unit/methodfixture.h"
 
+#include <QDBusPendingCallWatcher>
 #include <QDir>
 #include <QFileInfo>
+#include <QRandomGenerator>
 
 #include <csignal>
 #include <memory>
@@ -122,6 +124,10 @@ private Q_SLOTS:
     void limits_data();
     void limits();
     void lockedForTheRightPasswordToo();
+    void ownCount();
+    void damagedOwnCount_data();
+    void damagedOwnCount();
+    void countOutlivesTheClient();
     void damagedCounter_data();
     void damagedCounter();
     void counterFileStaysTheUsers();
@@ -512,10 +518,120 @@ void TstClient::lockedForTheRightPasswordToo()
     QVERIFY(ClientFixture::setAttempts("10"));
     QCOMPARE(client.checkPassword(right), removal);
     QCOMPARE(ClientFixture::attempts(), 11);
-    // The daemon starts the count anew.
-    QVERIFY(ClientFixture::setAttempts("4"));
+}
+
+void TstClient::ownCount()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    {
+        ClientFixture client;
+        QVERIFY(client.start());
+        QCOMPARE(client.checkPassword(wrong), failed);
+        QCOMPARE(client.checkPassword(wrong), failed);
+        QCOMPARE(ClientFixture::ownAttempts(), QByteArray("2\n"));
+        QCOMPARE(mode(ClientFixture::ownCounterPath), 0600U);
+        QCOMPARE(owner(ClientFixture::ownCounterPath), TestDevice::alice);
+    }
+    // As at the launch after the daemon has started the count anew.
+    QVERIFY(ClientFixture::setAttempts("0"));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QCOMPARE(ClientFixture::attempts(), 3);
+    QVERIFY(ClientFixture::setAttempts("1"));
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QCOMPARE(ClientFixture::attempts(), 4);
+    // The daemon may know of more.
+    // Of another size than before, as the client would else take it for the file that it knows.
+    QVERIFY(ClientFixture::setAttempts("05"));
+    QCOMPARE(client.checkPassword(right), lock);
+    QCOMPARE(ClientFixture::ownAttempts(), QByteArray("6\n"));
+    // The way back for who is locked.
+    QVERIFY(QFile::remove(ClientFixture::ownCounterPath));
+    QVERIFY(ClientFixture::setAttempts("04"));
     QCOMPARE(client.checkPassword(right), success);
     QCOMPARE(ClientFixture::attempts(), 0);
+    QCOMPARE(ClientFixture::ownAttempts(), QByteArray("0\n"));
+    QCOMPARE(QDir(QFileInfo(ClientFixture::ownCounterPath).path())
+                 .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList(QStringLiteral("attempts")));
+}
+
+void TstClient::damagedOwnCount_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<uint>("fileMode");
+    QTest::addColumn<QString>("answer");
+    QTest::addColumn<int>("after");
+    QTest::addColumn<bool>("reported");
+    QTest::newRow("not a number") << QByteArray("many") << 0600U << failed << 3 << true;
+    QTest::newRow("empty") << QByteArray() << 0600U << failed << 3 << true;
+    QTest::newRow("too much") << QByteArray(1000000, '1') << 0600U << failed << 3 << true;
+    QTest::newRow("not readable") << QByteArray("4") << 0000U << failed << 3 << true;
+    QTest::newRow("negative") << QByteArray("-5") << 0600U << failed << 3 << false;
+    QTest::newRow("largest") << QByteArray("2147483647") << 0600U << removal << 2147483647 << false;
+    QTest::newRow("number") << QByteArray("4") << 0600U << lock << 5 << false;
+}
+
+void TstClient::damagedOwnCount()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(uint, fileMode);
+    QFETCH(QString, answer);
+    QFETCH(int, after);
+    QFETCH(bool, reported);
+    QVERIFY(ClientFixture::setPassword(right));
+    QVERIFY(ClientFixture::setAttempts("2"));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QVERIFY(TestDevice::writeFile(ClientFixture::ownCounterPath, content));
+    for (QString path = ClientFixture::ownCounterPath; path != QLatin1String("/home/alice");
+         path = QFileInfo(path).path())
+        QVERIFY(TestDevice::setOwner(path, TestDevice::alice, TestDevice::alice));
+    QCOMPARE(chmod(QFile::encodeName(ClientFixture::ownCounterPath).constData(), fileMode), 0);
+    QCOMPARE(client.checkPassword(wrong), answer);
+    QCOMPARE(ClientFixture::attempts(), after);
+    // It is whole again, if it may be.
+    QCOMPARE(ClientFixture::ownAttempts(), fileMode == 0 ? content : QByteArray(QByteArray::number(after) + '\n'));
+    const QByteArray report = "holds no number of failed attempts; going by the shared one";
+    QTRY_COMPARE(client.output().contains(report), reported);
+}
+
+void TstClient::countOutlivesTheClient()
+{
+    constexpr int rounds = 15;
+    QVERIFY(ClientFixture::setPassword(right));
+    QVERIFY(ClientFixture::setSetting(QStringLiteral("lock-after"), 0));
+    QVERIFY(ClientFixture::setSetting(QStringLiteral("remove-after"), 0));
+    int known = 0;
+    for (int i = 0; i < rounds; ++i) {
+        ClientFixture client;
+        QVERIFY(client.start());
+        int told = 0;
+        for (int call = 0; call < 8; ++call) {
+            auto *watcher =
+                new QDBusPendingCallWatcher(client.connection().asyncCall(ClientFixture::request(
+                                                QStringLiteral("checkPassword"), {QStringLiteral("alice"), wrong})),
+                                            &client.process);
+            connect(watcher, &QDBusPendingCallWatcher::finished, this, [&told](const QDBusPendingCallWatcher *reply) {
+                if (!reply->isError())
+                    ++told;
+            });
+        }
+        QTest::qWait(QRandomGenerator::global()->bounded(200));
+        client.process.kill();
+        QVERIFY(client.process.waitForFinished());
+        QTest::qWait(0); // Answers that had come.
+        QVERIFY(ClientFixture::setAttempts("0"));
+        bool isNumber = true;
+        const QByteArray content = ClientFixture::ownAttempts();
+        const int count = content.isEmpty() ? 0 : content.trimmed().toInt(&isNumber);
+        QVERIFY2(isNumber, content.constData());
+        QVERIFY2(count >= known + told,
+                 qPrintable(QStringLiteral("%1 after %2, %3 told").arg(count).arg(known).arg(told)));
+        known = count;
+    }
+    QVERIFY(known > 0);
 }
 
 void TstClient::damagedCounter_data()
@@ -556,20 +672,34 @@ void TstClient::counterFileStaysTheUsers()
     // Without one, it makes one that nobody else reads.
     QVERIFY(QFile::remove(ClientFixture::counterPath));
     QCOMPARE(client.checkPassword(wrong), failed);
-    QCOMPARE(ClientFixture::attempts(), 1);
+    QCOMPARE(ClientFixture::attempts(), 3);
     QCOMPARE(mode(ClientFixture::counterPath), 0600U);
 }
 
 void TstClient::counterCannotBeStored()
 {
+    const QString directory = QFileInfo(ClientFixture::ownCounterPath).path();
     QVERIFY(ClientFixture::setPassword(right));
     QVERIFY(TestDevice::setOwner(TestDevice::sharedDirectory, 0, 0));
     QVERIFY(QFile::remove(ClientFixture::counterPath));
     ClientFixture client;
     QVERIFY(client.start());
     QCOMPARE(client.checkPassword(wrong), failed);
-    QTRY_COMPARE(client.output(), QByteArray("tarsk.kavet_client: Cannot store the number of failed attempts in "
-                                             "/srv/shared/tarsk/kavet_client/1000.conf\n"));
+    QByteArray expected = "tarsk.kavet_client: Cannot store the number of failed attempts in "
+                          "/srv/shared/tarsk/kavet_client/1000.conf\n";
+    QTRY_COMPARE(client.output(), expected);
+    // Either will do.
+    QCOMPARE(ClientFixture::ownAttempts(), QByteArray("1\n"));
+    QVERIFY(TestDevice::setOwner(TestDevice::sharedDirectory, TestDevice::alice, TestDevice::alice));
+    QVERIFY(ClientFixture::setAttempts("3"));
+    QVERIFY(TestDevice::setOwner(directory, 0, 0));
+    QCOMPARE(chmod(QFile::encodeName(directory).constData(), 0755), 0);
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QCOMPARE(ClientFixture::attempts(), 4);
+    QCOMPARE(ClientFixture::ownAttempts(), QByteArray("1\n"));
+    expected += "tarsk.kavet_client: Cannot store the number of failed attempts in "
+                "/home/alice/.local/share/tarsk/kavet_client/attempts\n";
+    QTRY_COMPARE(client.output(), expected);
     QCOMPARE(client.checkPassword(right), success);
 }
 

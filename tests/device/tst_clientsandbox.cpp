@@ -258,6 +258,7 @@ void TstClientSandbox::answers()
     const QString wrong = QStringLiteral("31415927");
     QCOMPARE(fixture.login(m_cert, wrong), failedWith(SettingsKavet::AuthFailed));
     QCOMPARE(ClientFixture::attempts(), 1);
+    QCOMPARE(ClientFixture::ownAttempts(), QByteArray("1\n"));
     QVERIFY(SoftTokens::remove());
     QCOMPARE(fixture.login(m_cert, SoftTokens::pin), failedWith(SettingsKavet::NoUsbDevice));
     QCOMPARE(fixture.certs(), QStringList());
