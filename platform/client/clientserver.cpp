@@ -2,68 +2,87 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "clientserver.h"
 
-#include <QDBusConnection>
-#include <QDBusError>
-#include <QDBusServer>
+#include "peer.h"
+
 #include <QFile>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
-const QString socketPath = QStringLiteral("/run/aux-auth/tarsk/kavet_client/kavet.socket");
-const QString temporaryPath = socketPath + QStringLiteral(".new");
-const QString objectPath = QStringLiteral("/kavetauth");
+constexpr char socketPath[] = "/run/aux-auth/tarsk/kavet_client/kavet.socket";
+constexpr char temporaryPath[] = "/run/aux-auth/tarsk/kavet_client/kavet.socket.new";
 
 /// More than anybody needs, and few enough to leave file descriptors for the client's own work.
-constexpr int maximumPeers = 256;
+constexpr int maximumPeers = 64;
 
 /// When to show the socket again to a plugin that has not taken notice, in milliseconds; each time twice as late.
 constexpr int firstAnnouncement = 100;
 constexpr int lastAnnouncement = 60000;
 
 /// 0 when there is no such file.
-quint64 inode(const QString &path)
+quint64 inode(const char *path)
 {
     struct stat status = {};
-    return lstat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_ino : 0;
+    return lstat(path, &status) == 0 ? status.st_ino : 0;
+}
+
+/// Binds and listens under a name that nobody looks for.
+bool listenOn(int socket)
+{
+    struct sockaddr_un address = {};
+    static_assert(sizeof(temporaryPath) <= sizeof(address.sun_path));
+    address.sun_family = AF_UNIX;
+    std::copy(std::begin(temporaryPath), std::end(temporaryPath), address.sun_path);
+    unlink(temporaryPath);
+    return bind(socket, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) == 0
+           && chmod(temporaryPath, S_IRUSR | S_IWUSR) == 0 && ::listen(socket, SOMAXCONN) == 0;
+}
+
+bool isAllowed(int socket)
+{
+    struct ucred peer = {};
+    socklen_t size = sizeof(peer);
+    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && (peer.uid == 0 || peer.uid == getuid());
 }
 
 } // namespace
 
-ClientServer::ClientServer(QObject *served)
-    : m_served(served)
+ClientServer::ClientServer(KavetAuth &auth)
+    : m_auth(auth)
 {
 }
 
 ClientServer::~ClientServer()
 {
     if (m_inode != 0 && inode(socketPath) == m_inode)
-        QFile::remove(socketPath);
-    delete m_server;
-    for (const QString &peer : qAsConst(m_peers))
-        QDBusConnection::disconnectFromPeer(peer);
+        unlink(socketPath);
+    m_notifier.reset();
+    if (m_socket != -1)
+        close(m_socket);
 }
 
 QString ClientServer::listen()
 {
-    // Made under another name first, so that nobody meets a socket that is not listened on or open to others.
-    const QByteArray from = QFile::encodeName(temporaryPath);
-    const QByteArray to = QFile::encodeName(socketPath);
-    QFile::remove(temporaryPath);
-    m_server = new QDBusServer(QStringLiteral("unix:path=") + temporaryPath, this);
-    if (!m_server->isConnected())
-        return m_server->lastError().message();
-    connect(m_server, &QDBusServer::newConnection, this, &ClientServer::accept);
+    m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (m_socket == -1 || !listenOn(m_socket))
+        return qt_error_string(errno);
     m_inode = inode(temporaryPath);
-    if (chmod(from.constData(), S_IRUSR | S_IWUSR) != 0 || std::rename(from.constData(), to.constData()) != 0) {
+    // Only now, so that nobody meets a socket that is not listened on or open to others.
+    if (std::rename(temporaryPath, socketPath) != 0) {
         QString message = qt_error_string(errno);
-        QFile::remove(temporaryPath);
+        unlink(temporaryPath);
         return message;
     }
+    m_notifier = std::make_unique<QSocketNotifier>(m_socket, QSocketNotifier::Read);
+    connect(m_notifier.get(), &QSocketNotifier::activated, this, &ClientServer::accept);
     m_interval = firstAnnouncement;
     m_announcement.start(m_interval, this);
     return {};
@@ -74,7 +93,7 @@ QString ClientServer::listen()
 void ClientServer::timerEvent(QTimerEvent *)
 {
     if (inode(socketPath) == m_inode)
-        chmod(QFile::encodeName(socketPath).constData(), S_IRUSR | S_IWUSR);
+        chmod(socketPath, S_IRUSR | S_IWUSR);
     m_interval *= 2;
     if (m_interval <= lastAnnouncement)
         m_announcement.start(m_interval, this);
@@ -82,23 +101,38 @@ void ClientServer::timerEvent(QTimerEvent *)
         m_announcement.stop();
 }
 
-void ClientServer::accept(QDBusConnection connection)
+void ClientServer::accept()
 {
-    if (m_peers.size() >= maximumPeers) {
-        QDBusConnection::disconnectFromPeer(connection.name());
+    const int socket = accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (socket == -1)
+        return;
+    if (!isAllowed(socket) || !makeRoom()) {
+        close(socket);
         return;
     }
     m_announcement.stop();
-    m_peers << connection.name();
-    connection.registerObject(objectPath, m_served);
-    connection.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"),
-                       QStringLiteral("org.freedesktop.DBus.Local"), QStringLiteral("Disconnected"), this,
-                       SLOT(forgetPeer()));
+    auto *peer = new Peer(socket, m_auth, this);
+    m_peers << peer;
+    connect(peer, &Peer::gone, this, [this, peer] { drop(peer); });
+    if (!peer->start())
+        drop(peer);
 }
 
-void ClientServer::forgetPeer()
+bool ClientServer::makeRoom()
 {
-    const QString peer = connection().name();
-    m_peers.remove(peer);
-    QDBusConnection::disconnectFromPeer(peer);
+    if (m_peers.size() < maximumPeers)
+        return true;
+    // Whoever says nothing gives way to who may have something to say.
+    const auto silent =
+        std::find_if(m_peers.cbegin(), m_peers.cend(), [](const Peer *peer) { return !peer->isReady(); });
+    if (silent == m_peers.cend())
+        return false;
+    drop(*silent);
+    return true;
+}
+
+void ClientServer::drop(Peer *peer)
+{
+    if (m_peers.removeOne(peer))
+        peer->deleteLater();
 }

@@ -3,22 +3,24 @@
 #pragma once
 
 #include <QBasicTimer>
-#include <QDBusContext>
 #include <QObject>
-#include <QSet>
+#include <QSocketNotifier>
+#include <QVector>
 
-class QDBusConnection;
-class QDBusServer;
+#include <memory>
 
-/// Serves an object to D-Bus peers on the client's socket. Only root and the user that the client runs as get through:
-/// the socket's mode lets nobody else connect, and the D-Bus library refuses them too.
-class ClientServer : public QObject, protected QDBusContext
+class KavetAuth;
+class Peer;
+
+/// Serves D-Bus peers on the client's socket. Only root and the user that the client runs as get through: the socket's
+/// mode lets nobody else connect, and the server looks at the credentials that the kernel has of each peer.
+class ClientServer : public QObject
 {
     Q_OBJECT
 
 public:
-    /// `served` is what peers find at the protocol's path; it must outlive the server.
-    explicit ClientServer(QObject *served);
+    /// `auth` is what peers call; it must outlive the server.
+    explicit ClientServer(KavetAuth &auth);
     /// Drops the peers and removes the socket, unless another client has put its own there.
     ~ClientServer() override;
 
@@ -28,15 +30,16 @@ public:
 protected:
     void timerEvent(QTimerEvent *event) override;
 
-private Q_SLOTS:
-    void forgetPeer();
-
 private:
-    void accept(QDBusConnection connection);
+    void accept();
+    /// Sees to it that one more peer may come; false when it may not.
+    bool makeRoom();
+    void drop(Peer *peer);
 
-    QObject *const m_served;
-    QDBusServer *m_server = nullptr;
-    QSet<QString> m_peers;
+    KavetAuth &m_auth;
+    int m_socket = -1;
+    std::unique_ptr<QSocketNotifier> m_notifier;
+    QVector<Peer *> m_peers; // The oldest first.
     quint64 m_inode = 0;
     QBasicTimer m_announcement;
     int m_interval = 0; // Milliseconds.

@@ -4,27 +4,30 @@
 
 #include "attemptcounter.h"
 #include "clientsettings.h"
-#include "kavetauthadaptor.h"
 #include "passwordhash.h"
-#include "secret.h"
 #include "tokenprocess.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
+#include <QString>
 
 namespace {
 
-const QString success = QStringLiteral("success");
-const QString failed = QStringLiteral("failed");
-const QString lock = QStringLiteral("lock");
-const QString remove = QStringLiteral("remove");
-const QString noToken = QStringLiteral("nousb");
-const QString moduleFailed = QStringLiteral("connerr");
-const QString badDefaultCert = QStringLiteral("firstcererr");
-const QString wrongAuthType = QStringLiteral("errauthtype");
+constexpr char objectPath[] = "/kavetauth";
+constexpr char interfaceName[] = "tarsk.kavet_auth";
+
+/// The calls about tokens that one peer may have under way. Each is a process.
+constexpr int maximumTokenCalls = 4;
+
+const QByteArray success = "success";
+const QByteArray failed = "failed";
+const QByteArray lock = "lock";
+const QByteArray remove = "remove";
+const QByteArray noToken = "nousb";
+const QByteArray moduleFailed = "connerr";
+const QByteArray badDefaultCert = "firstcererr";
+const QByteArray wrongAuthType = "errauthtype";
 
 /// The answer that so many failed attempts bring by themselves.
-QString answerAt(int attempts, const ClientSettings &settings)
+QByteArray answerAt(int attempts, const ClientSettings &settings)
 {
     if (settings.removeAfter() != 0 && attempts >= settings.removeAfter())
         return remove;
@@ -34,7 +37,7 @@ QString answerAt(int attempts, const ClientSettings &settings)
 }
 
 /// The answer that a token's outcome brings; only a wrong PIN is a guess at a secret, and so counts.
-QString answerTo(Tokens::Outcome outcome, const ClientSettings &settings)
+QByteArray answerTo(Tokens::Outcome outcome, const ClientSettings &settings)
 {
     switch (outcome) {
     case Tokens::Success:
@@ -56,62 +59,124 @@ QString answerTo(Tokens::Outcome outcome, const ClientSettings &settings)
     return moduleFailed;
 }
 
+int reply(sd_bus_message *call, const QByteArray &answer)
+{
+    return sd_bus_reply_method_return(call, "s", answer.constData());
+}
+
 } // namespace
 
-KavetAuth::KavetAuth(const QString &user)
+KavetAuth::KavetAuth(const QByteArray &user)
     : m_user(user)
 {
-    new KavetAuthAdaptor(this);
 }
 
-QString KavetAuth::checkPassword(const QString &user, const QString &password)
+bool KavetAuth::serveOn(sd_bus *peer)
 {
-    const SecretBytes secret(password.toUtf8());
-    wipe(password);
-    ReceivedCopies::wipe(secret);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic" // The library's macros are written for C.
+    static const sd_bus_vtable methods[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD_WITH_NAMES("checkPassword", "ss", SD_BUS_PARAM(user) SD_BUS_PARAM(password), "s",
+                                 SD_BUS_PARAM(answer), checkPassword, SD_BUS_VTABLE_SENSITIVE),
+        SD_BUS_METHOD_WITH_NAMES("validateCert", "sss", SD_BUS_PARAM(cert) SD_BUS_PARAM(user) SD_BUS_PARAM(pin), "s",
+                                 SD_BUS_PARAM(answer), validateCert, SD_BUS_VTABLE_SENSITIVE),
+        SD_BUS_METHOD_WITH_NAMES("getCertList", "", "", "as", SD_BUS_PARAM(certs), getCertList, 0),
+        SD_BUS_VTABLE_END,
+    };
+#pragma GCC diagnostic pop
+    return sd_bus_add_object_vtable(peer, nullptr, objectPath, interfaceName, methods, this) >= 0;
+}
+
+int KavetAuth::checkPassword(sd_bus_message *call, void *object, sd_bus_error *)
+{
+    const auto *const self = static_cast<const KavetAuth *>(object);
+    const char *user = nullptr;
+    const char *password = nullptr;
+    const int error = sd_bus_message_read(call, "ss", &user, &password);
+    if (error < 0)
+        return error;
 
     const ClientSettings settings;
-    if (user != m_user)
-        return failed;
+    if (self->m_user != user)
+        return reply(call, failed);
     if (settings.authType() == ClientSettings::AuthType::Cert || settings.passwordHash().isEmpty())
-        return wrongAuthType;
+        return reply(call, wrongAuthType);
     // Past a limit the password is not even looked at, so that nobody goes on guessing by what happens to the counter.
     if (answerAt(AttemptCounter::count(), settings) != failed
-        || !PasswordHash::matches(secret.bytes(), settings.passwordHash()))
-        return answerAt(AttemptCounter::increase(), settings);
+        || !PasswordHash::matches(password, settings.passwordHash()))
+        return reply(call, answerAt(AttemptCounter::increase(), settings));
     AttemptCounter::reset();
-    return success;
+    return reply(call, success);
 }
 
-QString KavetAuth::validateCert(const QString &cert, const QString &user, const QString &pin)
+int KavetAuth::validateCert(sd_bus_message *call, void *object, sd_bus_error *error)
 {
-    const SecretBytes secret(pin.toUtf8());
-    wipe(pin);
-    ReceivedCopies::wipe(secret);
+    auto *const self = static_cast<KavetAuth *>(object);
+    const char *cert = nullptr;
+    const char *user = nullptr;
+    const char *pin = nullptr;
+    const int result = sd_bus_message_read(call, "sss", &cert, &user, &pin);
+    if (result < 0)
+        return result;
 
     const ClientSettings settings;
-    if (user != m_user)
-        return failed;
+    if (self->m_user != user)
+        return reply(call, failed);
     if (settings.authType() == ClientSettings::AuthType::Password)
-        return wrongAuthType;
+        return reply(call, wrongAuthType);
     if (answerAt(AttemptCounter::count(), settings) != failed)
-        return answerAt(AttemptCounter::increase(), settings);
-    setDelayedReply(true);
-    TokenProcess::validate(
-        this, cert, user, secret,
-        [settings, request = message(), peer = connection()](Tokens::Outcome outcome, const QByteArray &) {
-            peer.send(request.createReply(answerTo(outcome, settings)));
-        });
-    return {};
+        return reply(call, answerAt(AttemptCounter::increase(), settings));
+    const Message later = self->begin(call, error);
+    if (!later)
+        return -sd_bus_error_get_errno(error);
+    TokenProcess::validate(self, cert, user, pin, [self, settings, later](Tokens::Outcome outcome, const QByteArray &) {
+        sd_bus_message_append(later.get(), "s", answerTo(outcome, settings).constData());
+        self->send(later);
+    });
+    return 1;
 }
 
-QStringList KavetAuth::getCertList()
+int KavetAuth::getCertList(sd_bus_message *call, void *object, sd_bus_error *error)
 {
+    auto *const self = static_cast<KavetAuth *>(object);
     if (ClientSettings().authType() == ClientSettings::AuthType::Password)
-        return {};
-    setDelayedReply(true);
-    TokenProcess::list(this, [request = message(), peer = connection()](Tokens::Outcome, const QByteArray &output) {
-        peer.send(request.createReply(QString::fromUtf8(output).split(QLatin1Char('\n'), Qt::SkipEmptyParts)));
+        return sd_bus_reply_method_return(call, "as", 0);
+    const Message later = self->begin(call, error);
+    if (!later)
+        return -sd_bus_error_get_errno(error);
+    TokenProcess::list(self, [self, later](Tokens::Outcome, const QByteArray &output) {
+        sd_bus_message_open_container(later.get(), 'a', "s");
+        const QStringList certs = QString::fromUtf8(output).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        for (const QString &cert : certs)
+            sd_bus_message_append(later.get(), "s", cert.toUtf8().constData());
+        sd_bus_message_close_container(later.get());
+        self->send(later);
     });
-    return {};
+    return 1;
+}
+
+KavetAuth::Message KavetAuth::begin(sd_bus_message *call, sd_bus_error *error)
+{
+    sd_bus *const peer = sd_bus_message_get_bus(call);
+    if (m_tokenCalls.count(peer) >= maximumTokenCalls) {
+        sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "Too many calls that concern tokens are under way");
+        return {};
+    }
+    sd_bus_message *later = nullptr;
+    const int result = sd_bus_message_new_method_return(call, &later);
+    if (result < 0) {
+        sd_bus_error_set_errno(error, result);
+        return {};
+    }
+    m_tokenCalls << peer;
+    return Message(later, sd_bus_message_unref);
+}
+
+void KavetAuth::send(const Message &reply)
+{
+    sd_bus *const peer = sd_bus_message_get_bus(reply.get());
+    m_tokenCalls.removeOne(peer);
+    sd_bus_send(peer, reply.get(), nullptr); // Fails when the peer has gone.
+    Q_EMIT answered();
 }

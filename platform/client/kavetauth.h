@@ -2,29 +2,47 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include <QDBusContext>
+#include <QByteArray>
 #include <QObject>
-#include <QStringList>
+#include <QVector>
 
-/// The authentication of the user that the client runs as. Answers are those of the protocol: success, failed, lock,
-/// remove, nousb, connerr, firstcererr, errauthtype. What concerns tokens is answered later, when it is known.
-class KavetAuth : public QObject, protected QDBusContext
+#include <memory>
+
+#include <systemd/sd-bus.h>
+
+/// The authentication of the user that the client runs as, as the interface that peers call. Answers are those of the
+/// protocol: success, failed, lock, remove, nousb, connerr, firstcererr, errauthtype. What concerns tokens is answered
+/// later, when it is known.
+///
+/// Passwords and PINs stay in the library's message, which it erases when the call has been handled.
+class KavetAuth : public QObject
 {
     Q_OBJECT
 
 public:
     /// `user` is the login name of the only user who can be authenticated.
-    explicit KavetAuth(const QString &user);
+    explicit KavetAuth(const QByteArray &user);
 
-public Q_SLOTS:
-    /// Checks the user's password, which is wiped.
-    QString checkPassword(const QString &user, const QString &password);
-    /// Checks a certificate on a token with the token's PIN, which is wiped. `cert` is one of getCertList, or empty for
-    /// the default.
-    QString validateCert(const QString &cert, const QString &user, const QString &pin);
-    /// The certificates that validateCert takes.
-    QStringList getCertList();
+    /// Serves the interface on a connection that has not been started yet; false when it cannot. The object must
+    /// outlive the connection.
+    bool serveOn(sd_bus *peer);
+
+Q_SIGNALS:
+    /// An answer that was given later has been handed to its connection.
+    void answered();
 
 private:
-    const QString m_user;
+    using Message = std::shared_ptr<sd_bus_message>;
+
+    static int checkPassword(sd_bus_message *call, void *object, sd_bus_error *error);
+    static int validateCert(sd_bus_message *call, void *object, sd_bus_error *error);
+    static int getCertList(sd_bus_message *call, void *object, sd_bus_error *error);
+
+    /// Takes on a call that concerns tokens; the reply to fill in and send, or none with `error` set. It holds nothing
+    /// of the call, whose message goes when the handler returns.
+    Message begin(sd_bus_message *call, sd_bus_error *error);
+    void send(const Message &reply);
+
+    const QByteArray m_user;
+    QVector<sd_bus *> m_tokenCalls; // The connection of each call under way.
 };

@@ -76,8 +76,8 @@ int serve()
     const struct passwd *user = getpwuid(getuid());
     if (!user)
         return fail(QStringLiteral("User %1 has no name").arg(getuid()));
-    KavetAuth auth(QString::fromLocal8Bit(user->pw_name));
-    ClientServer server(&auth);
+    KavetAuth auth(user->pw_name);
+    ClientServer server(auth);
     if (!catchSignals())
         return fail(QStringLiteral("Cannot catch signals: %1").arg(qt_error_string(errno)));
     const QString problem = server.listen();
@@ -90,7 +90,6 @@ int serve()
 
 int main(int argc, char *argv[])
 {
-    ReceivedCopies::prepare();
     // No crash dump, and no other process of the user's reading this one's memory.
     prctl(PR_SET_DUMPABLE, 0);
     umask(S_IRWXG | S_IRWXO);

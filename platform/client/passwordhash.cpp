@@ -10,10 +10,10 @@
 namespace {
 
 /// Empty when the password cannot be hashed that way.
-QByteArray hashed(const QByteArray &password, const char *setting)
+QByteArray hashed(const char *password, const char *setting)
 {
     const auto data = std::make_unique<struct crypt_data>(); // Too large for a stack.
-    const char *hash = crypt_rn(password.constData(), setting, data.get(), int(sizeof(*data)));
+    const char *hash = crypt_rn(password, setting, data.get(), int(sizeof(*data)));
     QByteArray result(hash);
     explicit_bzero(data.get(), sizeof(*data));
     return result;
@@ -30,10 +30,10 @@ QByteArray PasswordHash::make(const QByteArray &password)
     if (password.isEmpty() || password.size() > maximumLength || password.contains('\0')
         || !crypt_gensalt_rn(nullptr, 0, nullptr, 0, setting, int(sizeof(setting))))
         return {};
-    return hashed(password, setting);
+    return hashed(password.constData(), setting);
 }
 
-bool PasswordHash::matches(const QByteArray &password, const QByteArray &hash)
+bool PasswordHash::matches(const char *password, const QByteArray &hash)
 {
     const QByteArray other = hashed(password, hash.constData());
     if (other.isEmpty() || other.size() != hash.size())

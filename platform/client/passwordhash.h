@@ -15,7 +15,8 @@ extern const int maximumLength;
 /// than maximumLength, or the system has no randomness.
 QByteArray make(const QByteArray &password);
 
-/// Whether a password has this hash. The time it takes tells nothing about where two hashes differ.
-bool matches(const QByteArray &password, const QByteArray &hash);
+/// Whether a password has this hash; keeps no copy of it. The time it takes tells nothing about where two hashes
+/// differ.
+bool matches(const char *password, const QByteArray &hash);
 
 } // namespace PasswordHash

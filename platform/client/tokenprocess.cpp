@@ -99,14 +99,11 @@ void TokenProcess::list(QObject *context, const Callback &done)
     start(context, listOption, {}, done);
 }
 
-void TokenProcess::validate(QObject *context, const QString &cert, const QString &user, const SecretBytes &pin,
-                            const Callback &done)
+void TokenProcess::validate(QObject *context, const char *cert, const char *user, const char *pin, const Callback &done)
 {
-    const QByteArray head = cert.toUtf8() + '\0' + user.toUtf8() + '\0';
     SecretBytes request;
-    request.bytes().reserve(head.size() + pin.bytes().size());
-    request.bytes() += head;
-    request.bytes() += pin.bytes();
+    request.bytes().reserve(int(qstrlen(cert) + 1 + qstrlen(user) + 1 + qstrlen(pin)));
+    request.bytes().append(cert).append('\0').append(user).append('\0').append(pin);
     start(context, validateOption, request.bytes(), done);
 }
 

@@ -7,7 +7,6 @@
 #include <functional>
 
 class QObject;
-class SecretBytes;
 
 /// Token work in a short-lived process of its own: the client goes on answering meanwhile, a module that crashes or
 /// hangs takes only that process with it, and what it learnt of the PIN goes with the process.
@@ -23,8 +22,8 @@ using Callback = std::function<void(Tokens::Outcome, const QByteArray &)>;
 
 /// Starts Tokens::list; what it writes is the list, empty on failure. The callback does not outlive `context`.
 void list(QObject *context, const Callback &done);
-/// Starts Tokens::validate. The callback does not outlive `context`.
-void validate(QObject *context, const QString &cert, const QString &user, const SecretBytes &pin, const Callback &done);
+/// Starts Tokens::validate; keeps nothing of the PIN. The callback does not outlive `context`.
+void validate(QObject *context, const char *cert, const char *user, const char *pin, const Callback &done);
 
 /// The process's own part; the exit code.
 int runList();

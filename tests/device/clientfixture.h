@@ -109,16 +109,11 @@ public:
     }
 
     /// Whether the writable memory of a process holds a text, in the form of Qt's texts or, as it comes over the bus,
-    /// in UTF-8; that only where the client's memory functions, which wipe freed memory, are not those of a sanitizer.
+    /// in UTF-8.
     static bool memoryHoldsText(qint64 pid, const QString &text)
     {
-#ifdef __SANITIZE_ADDRESS__
-        constexpr bool wipesFreed = false;
-#else
-        constexpr bool wipesFreed = true;
-#endif
         const QByteArray wide(reinterpret_cast<const char *>(text.utf16()), text.size() * 2);
-        return memoryHolds(pid, wide) || (wipesFreed && memoryHolds(pid, text.toUtf8()));
+        return memoryHolds(pid, wide) || memoryHolds(pid, text.toUtf8());
     }
 
     /// Runs the client to its end with this on its standard input.

@@ -272,7 +272,7 @@ void TstClientSandbox::answers()
     QCOMPARE(fixture.login(m_cert, SoftTokens::pin), failedWith(SettingsKavet::UserLocked));
     QVERIFY(QFile::remove(QStringLiteral("/home/alice/wrong-pins.one")));
 
-    // Here too it can look for copies of what it was given.
+    // Here too it keeps nothing of what it was given.
     QVERIFY(clientPid() != 0);
     QVERIFY(ClientFixture::memoryHolds(clientPid(), "HOME=/home/alice"));
     for (const QString &pin : {SoftTokens::pin, wrong})

@@ -6,6 +6,7 @@
 
 #include <QDBusPendingReply>
 
+#include <algorithm>
 #include <csignal>
 
 #include <sys/stat.h>
@@ -132,6 +133,7 @@ private Q_SLOTS:
     void moduleFails();
     void modulePrints();
     void answersOthersMeanwhile();
+    void floodOfCalls();
     void helperEndsWithClient();
     void peerVanishesMeanwhile();
 
@@ -1026,6 +1028,43 @@ void TstClientToken::answersOthersMeanwhile()
     QVERIFY2(reply.isValid(), qPrintable(reply.error().message()));
     QCOMPARE(reply.value(), moduleFailed);
     QVERIFY(helpers(client).isEmpty());
+}
+
+void TstClientToken::floodOfCalls()
+{
+    const auto counts = [](const QVector<QDBusPendingReply<QString>> &replies, QDBusError::ErrorType type) {
+        return std::count_if(replies.begin(), replies.end(), [type](const QDBusPendingReply<QString> &reply) {
+            return reply.isFinished() && reply.error().type() == type;
+        });
+    };
+    constexpr int calls = 100;
+    constexpr int underWay = 4;
+    QVERIFY(ClientFixture::setPassword(password));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("hang"));
+    QVector<QDBusPendingReply<QString>> replies;
+    for (int i = 0; i < calls; ++i)
+        replies << client.connection().asyncCall(
+            ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    QTRY_COMPARE(counts(replies, QDBusError::LimitsExceeded), calls - underWay);
+    QCOMPARE(helpers(client).size(), underWay);
+    QCOMPARE(client.checkPassword(password), success);
+
+    // Another peer has its own.
+    ClientFixture another;
+    QVERIFY(another.reconnect());
+    QCOMPARE(another.certList(), QStringList{cert});
+    QCOMPARE(another.checkPassword(password), success);
+
+    // And so has this one again.
+    const QStringList running = helpers(client);
+    for (const QString &helper : running)
+        kill(helper.toInt(), SIGKILL);
+    QTRY_COMPARE(counts(replies, QDBusError::NoError), underWay);
+    QVERIFY(makeUnruly("none"));
+    QCOMPARE(client.validateCert(cert, pin), success);
 }
 
 void TstClientToken::helperEndsWithClient()

@@ -1,0 +1,174 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "peer.h"
+
+#include "kavetauth.h"
+
+#include <QTimerEvent>
+
+#include <cerrno>
+#include <chrono>
+#include <limits>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+/// Several times what any D-Bus library sends before its first message, in bytes.
+constexpr int maximumHandshake = 4096;
+
+/// The mechanism by which a peer says that it is nobody in particular.
+constexpr char anonymous[] = "ANONYMOUS";
+
+/// Whatever a peer sends may hold a secret, even if there is no such method.
+int markAsSensitive(sd_bus_message *message, void *, sd_bus_error *)
+{
+    return qMin(sd_bus_message_sensitive(message), 0);
+}
+
+/// Milliseconds until a point in time on the library's clock, in microseconds.
+int millisecondsUntil(uint64_t time)
+{
+    using namespace std::chrono;
+    const auto now = uint64_t(duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count());
+    return time <= now ? 0 : int(qMin<uint64_t>((time - now) / 1000 + 1, std::numeric_limits<int>::max()));
+}
+
+} // namespace
+
+Peer::Peer(int socket, KavetAuth &auth, QObject *parent)
+    : QObject(parent)
+    , m_auth(auth)
+    , m_socket(socket)
+    , m_readable(socket, QSocketNotifier::Read)
+    , m_writable(socket, QSocketNotifier::Write)
+{
+    m_writable.setEnabled(false);
+    connect(&m_readable, &QSocketNotifier::activated, this, &Peer::receive);
+    connect(&m_writable, &QSocketNotifier::activated, this, &Peer::process);
+    // An answer that was long in coming may be waiting to be written.
+    connect(&auth, &KavetAuth::answered, this, &Peer::watch);
+}
+
+Peer::~Peer()
+{
+    m_readable.setEnabled(false);
+    m_writable.setEnabled(false);
+    if (m_handshake != -1)
+        close(m_handshake);
+    sd_bus_close_unref(m_bus);
+}
+
+bool Peer::start()
+{
+    int handshake[2];
+    sd_id128_t id = {};
+    if (pipe2(handshake, O_CLOEXEC | O_NONBLOCK) != 0) {
+        close(m_socket);
+        return false;
+    }
+    m_input = handshake[0];
+    m_handshake = handshake[1];
+    // The kernel has said who the peer is; a pipe cannot. So the library takes any name that the peer gives itself.
+    const bool started = sd_bus_new(&m_bus) >= 0 && sd_bus_set_fd(m_bus, m_input, m_socket) >= 0
+                         && sd_id128_randomize(&id) >= 0 && sd_bus_set_server(m_bus, true, id) >= 0
+                         && sd_bus_set_anonymous(m_bus, true) >= 0 && sd_bus_set_trusted(m_bus, true) >= 0
+                         && sd_bus_negotiate_fds(m_bus, false) >= 0
+                         && sd_bus_add_filter(m_bus, nullptr, markAsSensitive, nullptr) >= 0 && m_auth.serveOn(m_bus)
+                         && sd_bus_start(m_bus) >= 0;
+    if (started)
+        watch();
+    return started;
+}
+
+void Peer::receive()
+{
+    if (isReady())
+        process();
+    else
+        shakeHands();
+}
+
+// The library reads the handshake in blocks. A block may already hold the first call, of which the library then leaves
+// pieces in memory that it does not erase. So it gets the handshake line by line through a pipe, and the socket when
+// that is over.
+void Peer::shakeHands()
+{
+    char byte = 0;
+    ssize_t size = 0;
+    while ((size = read(m_socket, &byte, 1)) == 1) {
+        m_handshakeLine += byte;
+        if (++m_handshakeSize > maximumHandshake)
+            return end();
+        if (byte != '\n')
+            continue;
+        if (!passLine())
+            return;
+        if (sd_bus_is_ready(m_bus) > 0) {
+            dup3(m_socket, m_input, O_CLOEXEC);
+            close(m_handshake);
+            m_handshake = -1;
+            return;
+        }
+    }
+    if (size == 0 || (errno != EAGAIN && errno != EINTR))
+        end();
+}
+
+bool Peer::passLine()
+{
+    if (m_handshakeLine.contains(anonymous)
+        || write(m_handshake, m_handshakeLine.constData(), size_t(m_handshakeLine.size())) != m_handshakeLine.size()) {
+        end();
+        return false;
+    }
+    m_handshakeLine.clear();
+    int progress = 0;
+    do {
+        progress = process();
+    } while (progress > 0 && sd_bus_is_ready(m_bus) == 0);
+    return progress >= 0;
+}
+
+int Peer::process()
+{
+    // One step for each event, so that every peer has its turn.
+    const int progress = sd_bus_process(m_bus, nullptr);
+    if (progress < 0 || sd_bus_is_open(m_bus) <= 0) {
+        end();
+        return -1;
+    }
+    watch();
+    return progress;
+}
+
+void Peer::watch()
+{
+    const int events = sd_bus_get_events(m_bus);
+    uint64_t unsent = 0;
+    uint64_t time = 0;
+    if (events < 0 || sd_bus_get_n_queued_write(m_bus, &unsent) < 0 || sd_bus_get_timeout(m_bus, &time) < 0)
+        return end();
+    m_readable.setEnabled((events & POLLIN) && unsent == 0);
+    m_writable.setEnabled(events & POLLOUT);
+    if (time == std::numeric_limits<uint64_t>::max())
+        m_timer.stop();
+    else
+        m_timer.start(millisecondsUntil(time), this);
+}
+
+void Peer::timerEvent(QTimerEvent *)
+{
+    process();
+}
+
+void Peer::end()
+{
+    m_readable.setEnabled(false);
+    m_writable.setEnabled(false);
+    m_timer.stop();
+    Q_EMIT gone();
+}

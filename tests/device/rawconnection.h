@@ -1,0 +1,126 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include "support/testdevice.h"
+
+#include <QFile>
+#include <QtEndian>
+
+#include <cerrno>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+/// A connection to the client's socket without any library; closed at the end of its life.
+class RawConnection
+{
+public:
+    /// The handshake of a peer that waits for no reply to it.
+    static inline const QByteArray handshake = QByteArray("\0AUTH EXTERNAL 30\r\nBEGIN\r\n", 26);
+
+    RawConnection()
+        : m_descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        struct sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        const QByteArray path = QFile::encodeName(TestDevice::socketPath);
+        memcpy(address.sun_path, path.constData(), size_t(path.size()));
+        const struct timeval patience = {10, 0};
+        setsockopt(m_descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+        m_connected = connect(m_descriptor, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) == 0;
+    }
+    ~RawConnection() { close(m_descriptor); }
+
+    bool isConnected() const { return m_connected; }
+
+    /// False when not all of it could be sent; `flags` as of send(2).
+    bool send(const QByteArray &bytes, int flags = 0) const
+    {
+        return ::send(m_descriptor, bytes.constData(), size_t(bytes.size()), flags | MSG_NOSIGNAL) == bytes.size();
+    }
+
+    /// What has come, after waiting for it; empty when the connection has ended or nothing comes.
+    QByteArray receive() const
+    {
+        QByteArray bytes(4096, '\0');
+        const ssize_t size = recv(m_descriptor, bytes.data(), size_t(bytes.size()), 0);
+        bytes.truncate(size < 0 ? 0 : int(size));
+        return bytes;
+    }
+
+    /// Whether a text comes so many times, in whatever pieces.
+    bool receives(const QByteArray &text, int times = 1) const
+    {
+        QByteArray seen;
+        while (seen.count(text) < times) {
+            const QByteArray more = receive();
+            if (more.isEmpty())
+                return false;
+            seen += more;
+        }
+        return true;
+    }
+
+    /// Whether the other end has closed the connection, all that came before aside.
+    bool hasEnded() const
+    {
+        char byte = 0;
+        ssize_t size = 0;
+        do {
+            size = recv(m_descriptor, &byte, 1, 0);
+        } while (size == 1);
+        return size == 0 || errno == ECONNRESET;
+    }
+
+    /// A method call with texts as arguments, as it stands on the wire.
+    static QByteArray call(const QByteArray &method, const QByteArrayList &arguments)
+    {
+        QByteArray body;
+        for (const QByteArray &argument : arguments)
+            appendText(body, argument);
+        QByteArray fields;
+        appendField(fields, 1, "o", "/kavetauth");
+        appendField(fields, 2, "s", "tarsk.kavet_auth");
+        appendField(fields, 3, "s", method);
+        pad(fields, 8);
+        fields += QByteArray("\x08\x01g\0", 4) + char(arguments.size()) + QByteArray(arguments.size(), 's') + '\0';
+        QByteArray message("l\x01\0\x01", 4); // A call, in little-endian, of version 1.
+        appendNumber(message, quint32(body.size()));
+        appendNumber(message, 1);
+        appendNumber(message, quint32(fields.size()));
+        message += fields;
+        pad(message, 8);
+        return message + body;
+    }
+
+private:
+    static void pad(QByteArray &bytes, int alignment)
+    {
+        while (bytes.size() % alignment != 0)
+            bytes += '\0';
+    }
+    static void appendNumber(QByteArray &bytes, quint32 number)
+    {
+        pad(bytes, 4);
+        number = qToLittleEndian(number);
+        bytes.append(reinterpret_cast<const char *>(&number), int(sizeof(number)));
+    }
+    static void appendText(QByteArray &bytes, const QByteArray &text)
+    {
+        appendNumber(bytes, quint32(text.size()));
+        bytes += text + '\0';
+    }
+    static void appendField(QByteArray &bytes, char code, const QByteArray &type, const QByteArray &value)
+    {
+        pad(bytes, 8);
+        bytes += code + QByteArray(1, '\x01') + type + '\0';
+        appendText(bytes, value);
+    }
+
+    const int m_descriptor;
+    bool m_connected;
+
+    Q_DISABLE_COPY(RawConnection)
+};

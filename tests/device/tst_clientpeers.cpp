@@ -1,0 +1,389 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/clientfixture.h"
+#include "device/rawconnection.h"
+
+#include <QCryptographicHash>
+#include <QXmlStreamReader>
+
+#include <memory>
+#include <vector>
+
+#include <sys/stat.h>
+
+namespace {
+
+const QString right = QStringLiteral("correct horse, 52 µg");
+const QString success = QStringLiteral("success");
+const QString failed = QStringLiteral("failed");
+
+/// More peers than the client has at a time.
+constexpr int crowdSize = 500;
+
+using Crowd = std::vector<std::unique_ptr<RawConnection>>;
+
+/// Gives this process the effective user, for the life of the object.
+class EffectiveUser
+{
+public:
+    explicit EffectiveUser(uint uid)
+        : m_changed(seteuid(uid) == 0)
+    {
+    }
+    ~EffectiveUser()
+    {
+        if (seteuid(0) != 0)
+            qFatal("Cannot become root again");
+    }
+
+    bool isChanged() const { return m_changed; }
+
+private:
+    const bool m_changed;
+
+    Q_DISABLE_COPY(EffectiveUser)
+};
+
+/// The methods of the client's interface in a description, as "checkPassword in:user:s ..."
+QStringList methods(const QByteArray &xml)
+{
+    QStringList found;
+    QXmlStreamReader reader(xml);
+    bool inside = false;
+    while (!reader.atEnd()) {
+        reader.readNext();
+        const QXmlStreamAttributes attributes = reader.attributes();
+        if (reader.name() == QLatin1String("interface"))
+            inside =
+                reader.isStartElement() && attributes.value(QLatin1String("name")) == QLatin1String("tarsk.kavet_auth");
+        if (!inside || !reader.isStartElement())
+            continue;
+        if (reader.name() == QLatin1String("method"))
+            found << attributes.value(QLatin1String("name")).toString();
+        if (reader.name() == QLatin1String("arg"))
+            found.last() += QStringLiteral(" %1:%2:%3")
+                                .arg(attributes.value(QLatin1String("direction")),
+                                     attributes.value(QLatin1String("name")), attributes.value(QLatin1String("type")));
+    }
+    return found;
+}
+
+} // namespace
+
+/// What the reference client's peers can do to it, and to each other.
+class TstClientPeers : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+
+    void interfaceIsAsDescribed();
+    void onlyRootAndItsUser();
+    void foreignersAreNotHeard_data();
+    void foreignersAreNotHeard();
+    void nonsense_data();
+    void nonsense();
+    void connections();
+    void silentCrowd();
+    void speakingCrowd();
+    void peersThatVanish();
+    void peerThatDoesNotRead();
+    void noSecrets_data();
+    void noSecrets();
+};
+
+void TstClientPeers::init()
+{
+    TestDevice::reset();
+    ClientFixture::prepare();
+    QVERIFY(ClientFixture::setPassword(right));
+}
+
+void TstClientPeers::interfaceIsAsDescribed()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    const QDBusMessage reply = client.call(QDBusMessage::createMethodCall(
+        QString(), QStringLiteral("/kavetauth"), QStringLiteral("org.freedesktop.DBus.Introspectable"),
+        QStringLiteral("Introspect")));
+    QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+    const QStringList described = methods(TestDevice::readFile(QStringLiteral(KAVET_AUTH_XML)));
+    QCOMPARE(described.size(), 3);
+    QCOMPARE(methods(reply.arguments().constFirst().toString().toUtf8()), described);
+}
+
+void TstClientPeers::onlyRootAndItsUser()
+{
+    const QStringList call = {QStringLiteral("--print-reply"),
+                              QString(QStringLiteral("--peer=unix:path=") + TestDevice::socketPath),
+                              QStringLiteral("/kavetauth"), QStringLiteral("tarsk.kavet_auth.getCertList")};
+    const auto reaches = [&call](uint uid) {
+        QProcess process;
+        ClientFixture::asUser(process, QStringLiteral("dbus-send"), call, uid);
+        process.start();
+        return process.waitForFinished() && process.exitCode() == 0;
+    };
+
+    ClientFixture client;
+    QVERIFY(client.start());
+    QVERIFY(reaches(0));
+    QVERIFY(reaches(TestDevice::alice));
+    QVERIFY(!reaches(TestDevice::bob));
+    // Not by the socket's mode alone.
+    chmod(QFile::encodeName(TestDevice::socketPath).constData(), 0666);
+    QVERIFY(!reaches(TestDevice::bob));
+    QVERIFY(reaches(TestDevice::alice));
+}
+
+void TstClientPeers::foreignersAreNotHeard_data()
+{
+    QTest::addColumn<QByteArray>("words");
+    QTest::newRow("nothing") << QByteArray();
+    QTest::newRow("as root") << RawConnection::handshake;
+    QTest::newRow("as nobody in particular") << QByteArray("\0AUTH ANONYMOUS\r\nBEGIN\r\n", 24);
+}
+
+void TstClientPeers::foreignersAreNotHeard()
+{
+    QFETCH(QByteArray, words);
+    ClientFixture client;
+    QVERIFY(client.start());
+    chmod(QFile::encodeName(TestDevice::socketPath).constData(), 0666);
+    {
+        const EffectiveUser bob(TestDevice::bob);
+        QVERIFY(bob.isChanged());
+        const RawConnection connection;
+        QVERIFY(connection.isConnected());
+        connection.send(words);
+        // Without a word.
+        QVERIFY(connection.receive().isEmpty());
+        QVERIFY(connection.hasEnded());
+    }
+    QCOMPARE(client.checkPassword(right), success);
+}
+
+void TstClientPeers::nonsense_data()
+{
+    QTest::addColumn<QByteArray>("words");
+    const QByteArray call = RawConnection::call("checkPassword", {"alice", "wrong"});
+    QTest::newRow("no handshake") << call;
+    QTest::newRow("no zero byte") << RawConnection::handshake.mid(1);
+    QTest::newRow("endless line") << QByteArray(1, '\0') + QByteArray(100000, 'a');
+    QTest::newRow("endless handshake") << QByteArray(1, '\0') + QByteArray("AUTH\r\n").repeated(20000);
+    QTest::newRow("nobody in particular") << QByteArray("\0AUTH ANONYMOUS\r\nBEGIN\r\n", 24);
+    QTest::newRow("noise for a message") << RawConnection::handshake + QByteArray(1000, '\xff');
+    QTest::newRow("impossible size") << RawConnection::handshake + call.left(4) + QByteArray(100, '\x7f');
+}
+
+void TstClientPeers::nonsense()
+{
+    QFETCH(QByteArray, words);
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const int descriptors = client.openDescriptors();
+    {
+        const RawConnection connection;
+        QVERIFY(connection.isConnected());
+        connection.send(words);
+        QVERIFY(connection.hasEnded());
+    }
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+    QCOMPARE(client.checkPassword(right), success);
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClientPeers::connections()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const int descriptors = client.openDescriptors();
+    const auto crowd = [](int count) {
+        for (int i = 0; i < count; ++i) {
+            const RawConnection connection;
+            if (!connection.isConnected())
+                return false;
+            if (i % 2)
+                connection.send("No D-Bus at all\r\n");
+        }
+        return true;
+    };
+    QVERIFY(crowd(500));
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+    QCOMPARE(client.checkPassword(right), success);
+    [[maybe_unused]] const qint64 memory = client.privateMemory();
+    QVERIFY(crowd(2000));
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+    QCOMPARE(client.checkPassword(right), success);
+#ifndef __SANITIZE_ADDRESS__ // The sanitizer keeps what has been freed.
+    // What a peer takes is given back when it leaves.
+    QVERIFY2(client.privateMemory() - memory < 1000, qPrintable(QString::number(client.privateMemory() - memory)));
+#endif
+}
+
+void TstClientPeers::silentCrowd()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const int descriptors = client.openDescriptors();
+    {
+        Crowd crowd;
+        for (int i = 0; i < crowdSize; ++i) {
+            crowd.push_back(std::make_unique<RawConnection>());
+            QVERIFY(crowd.back()->isConnected());
+        }
+        // Whoever came before is served all the same, and so is whoever comes after and has something to say.
+        QCOMPARE(client.checkPassword(right), success);
+        QTRY_VERIFY(client.openDescriptors() < crowdSize);
+        ClientFixture another;
+        QVERIFY(another.reconnect());
+        QCOMPARE(another.checkPassword(right), success);
+        QCOMPARE(client.checkPassword(right), success);
+    }
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+}
+
+void TstClientPeers::speakingCrowd()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const int descriptors = client.openDescriptors();
+    int refused = 0;
+    {
+        Crowd crowd;
+        for (int i = 0; i < crowdSize; ++i) {
+            auto connection = std::make_unique<RawConnection>();
+            QVERIFY(connection->isConnected());
+            connection->send(RawConnection::handshake + RawConnection::call("checkPassword", {"bob", "any"}));
+            if (connection->receives("failed"))
+                crowd.push_back(std::move(connection));
+            else
+                ++refused;
+        }
+        QVERIFY(refused > 0);
+        QVERIFY(crowd.size() > 10);
+        QCOMPARE(client.checkPassword(right), success);
+    }
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+    QVERIFY(client.reconnect());
+    QCOMPARE(client.checkPassword(right), success);
+}
+
+void TstClientPeers::peersThatVanish()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const int descriptors = client.openDescriptors();
+    for (int i = 0; i < 20; ++i) {
+        client.sendAndVanish(right);
+        client.reconnect();
+    }
+    QCOMPARE(client.checkPassword(right), success);
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+}
+
+void TstClientPeers::peerThatDoesNotRead()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const qint64 memory = client.privateMemory();
+
+    const RawConnection flood;
+    QVERIFY(flood.send(RawConnection::handshake));
+    const QByteArray call = RawConnection::call("checkPassword", {"bob", "any"});
+    constexpr int tooMany = 100000;
+    int sent = 0;
+    // The client has stopped reading when nothing more can be sent however often it has its turn.
+    for (int refusals = 0; refusals < 20 && sent < tooMany;) {
+        if (flood.send(call, MSG_DONTWAIT)) {
+            ++sent;
+            refusals = 0;
+        } else {
+            ++refusals;
+            QCOMPARE(client.checkPassword(right, QStringLiteral("bob")), failed);
+        }
+    }
+    QVERIFY2(sent < tooMany, "What a peer does not read is piled up");
+    QCOMPARE(client.checkPassword(right), success);
+    QVERIFY2(client.privateMemory() - memory < 1000, qPrintable(QString::number(client.privateMemory() - memory)));
+
+    // When it reads, it gets every answer.
+    QByteArray answers;
+    while (answers.count("failed") < sent) {
+        const QByteArray more = flood.receive();
+        QVERIFY2(!more.isEmpty(), qPrintable(QStringLiteral("%1 of %2").arg(answers.count("failed")).arg(sent)));
+        answers += more;
+    }
+}
+
+void TstClientPeers::noSecrets_data()
+{
+    QTest::addColumn<QByteArray>("method");
+    QTest::addColumn<int>("size");
+    QTest::addColumn<bool>("atOnce");
+    QTest::addColumn<QByteArray>("answer");
+
+    const auto add = [](const char *name, const char *method, const char *answer) {
+        for (const int size : {8, 60, 400, 40000}) {
+            for (const bool atOnce : {false, true})
+                QTest::newRow(qPrintable(
+                    QStringLiteral("%1, %2 bytes, %3")
+                        .arg(QLatin1String(name))
+                        .arg(size)
+                        .arg(atOnce ? QStringLiteral("with the handshake") : QStringLiteral("after the handshake"))))
+                    << QByteArray(method) << size << atOnce << QByteArray(answer);
+        }
+    };
+    add("password", "checkPassword", "failed");
+    add("PIN", "validateCert", "failed");
+    add("mistaken call", "checkPasword", "UnknownMethod");
+    add("missing argument", "validateCert/1", "InvalidArgs");
+}
+
+// What comes with the handshake must not leave a piece in the buffer for that.
+void TstClientPeers::noSecrets()
+{
+    QFETCH(QByteArray, method);
+    QFETCH(int, size);
+    QFETCH(bool, atOnce);
+    QFETCH(QByteArray, answer);
+
+    QByteArray secret;
+    while (secret.size() < size)
+        secret += QCryptographicHash::hash(method + QByteArray::number(secret.size()), QCryptographicHash::Md5)
+                      .toBase64(QByteArray::OmitTrailingEquals);
+    secret.truncate(size);
+    QByteArrayList arguments = {"alice", secret};
+    if (method == "validateCert") // Of a user who is not served, so that no process is started.
+        arguments = {"pkcs11:", "bob", secret};
+    else if (method == "validateCert/1")
+        arguments = {secret};
+    const QByteArray call = RawConnection::call(method.split('/').constFirst(), arguments);
+
+    ClientFixture client;
+    QVERIFY(client.start());
+    const RawConnection connection;
+    if (atOnce) {
+        // Two, of which the second begins where the first ends.
+        QVERIFY(connection.send(RawConnection::handshake + call + call));
+    } else {
+        QVERIFY(connection.send(RawConnection::handshake));
+        QVERIFY(connection.receives("OK "));
+        QVERIFY(connection.send(call));
+    }
+    QVERIFY(connection.receives(answer, atOnce ? 2 : 1));
+    // Having answered another peer, the client has done all that it does after a call.
+    QCOMPARE(client.checkPassword(right), success);
+    const qint64 pid = client.process.processId();
+    for (const QByteArray &part : {secret.left(16).right(6), secret.right(6), secret.left(16)})
+        QVERIFY2(!ClientFixture::memoryHolds(pid, part), part.constData());
+}
+
+QTEST_GUILESS_MAIN(TstClientPeers)
+#include "tst_clientpeers.moc"
