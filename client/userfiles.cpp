@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr qint64 maximumSize = qint64(16) * 1024 * 1024;
+constexpr qint64 maximumSize = qint64(64) * 1024;
 
 /// File-system identity of the calling thread for the life of the object. The thread's supplementary groups go too, as
 /// they would still open what the user may not; by system call, since the C library changes those of all threads.
@@ -123,6 +123,8 @@ bool PinnedFile::read(QByteArray &content) const
 
 bool PinnedFile::write(const QByteArray &content) const
 {
+    if (content.size() > maximumSize)
+        return fail(EFBIG);
     QFile file;
     const int descriptor = openAsOwner(O_WRONLY);
     if (descriptor == -1)

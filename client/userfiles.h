@@ -23,10 +23,10 @@ public:
     /// A file that is theirs already is not touched. False, with errno set, on failure.
     bool changeOwner(uid_t uid, gid_t gid) const;
     /// Reads the file into `content` with the rights of its owner and no more. False, with errno set, on failure, which
-    /// includes a file larger than settings can sensibly be (16 MiB).
+    /// includes a file larger than settings can sensibly be (64 KiB).
     bool read(QByteArray &content) const;
     /// Replaces the file's content with the rights of its owner and no more. The file stays the same one, so that its
-    /// owner and whoever watches it stay. False, with errno set, on failure.
+    /// owner and whoever watches it stay. False, with errno set, on failure, which includes more than read() takes.
     bool write(const QByteArray &content) const;
 
 private:

@@ -8,19 +8,20 @@
 #include <QString>
 #include <QVariant>
 
-/// The keys outside of any group in a user's file of native-format settings. An honest file reads and writes as with
-/// QSettings; one that PinnedFile refuses or its owner may not read is as good as empty, and is not written. Only the
-/// line of the key that is asked for is ever interpreted or replaced, whatever else stands in the file.
+/// The keys outside of any group in a user's file of native-format settings. They read as with QSettings, save that an
+/// object, a list with one in it and a list of more than a thousand texts count as missing. A file that PinnedFile
+/// refuses or its owner may not read is as good as empty, and is not written.
 class UserSettings
 {
 public:
     explicit UserSettings(const QString &path);
-    /// Writes what setValue() has set.
+    /// Writes what setValue() has changed.
     ~UserSettings();
 
-    /// The value of `key`; `defaultValue` when there is none, or one that is no plain text or list of texts.
+    /// The value of `key`; `defaultValue` when there is none.
     QVariant value(const QString &key, const QVariant &defaultValue) const;
-    /// Sets `key`; the file is written when this object is destroyed.
+    /// Sets `key`, which has no character but letters, digits and '-', as text or list of texts. Every other key keeps
+    /// its bytes. The file is written when this object is destroyed, and not at all when nothing has changed.
     void setValue(const QString &key, const QVariant &value);
 
 private:

@@ -660,7 +660,8 @@ bool Model::launch()
     const QString count = option(m_currentUid, attempts).text;
     watchAnew(m_userConfigPath);
     startProcess();
-    writeFile(m_userConfigPath, count);
+    if (m_files.value(m_userConfigPath).value != count)
+        writeFile(m_userConfigPath, count);
     return true;
 }
 

@@ -1,0 +1,166 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "client/settingstext.h"
+
+#include "client/settingsvalue.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+using SettingsValue::isBlank;
+using SettingsValue::isLineEnd;
+
+namespace {
+
+constexpr char byteOrderMark[] = "\xef\xbb\xbf";
+constexpr char generalGroup[] = "general";
+constexpr char generalHeader[] = "[General]\n";
+
+/// One setting, header or piece of nonsense, without the blanks before it and without what ends it.
+struct Line
+{
+    int begin = 0;
+    int equalsSign = -1; ///< -1: it sets nothing.
+    int end = 0;
+
+    bool isEmpty() const { return begin == end; }
+    bool isHeader(const QByteArray &content) const { return !isEmpty() && content.at(begin) == '['; }
+};
+
+/// The next line from `position`, where one begins; empty when there is no further. In quotes and after a backslash the
+/// end of a line does not count; a semicolon ends one, and begins a comment.
+Line nextLine(const QByteArray &content, int position)
+{
+    const int size = content.size();
+    bool inComment = false;
+    for (; position < size; ++position) {
+        const char c = content.at(position);
+        inComment = (inComment || c == ';') && !isLineEnd(c);
+        if (!inComment && !isBlank(c) && !isLineEnd(c))
+            break;
+    }
+
+    Line line = {position, -1, position};
+    bool inQuotes = false;
+    for (; line.end < size; ++line.end) {
+        const char c = content.at(line.end);
+        if (!inQuotes && (c == ';' || isLineEnd(c)))
+            break;
+        if (c == '"')
+            inQuotes = !inQuotes;
+        else if (c == '=' && !inQuotes && line.equalsSign == -1)
+            line.equalsSign = line.end;
+        else if (c == '\\' && line.end + 1 < size)
+            line.end += isLineEnd(content.at(line.end + 1)) ? SettingsValue::lineEndSize(content, line.end + 1) : 1;
+    }
+    return line;
+}
+
+bool isGeneralHeader(const QByteArray &content, const Line &line)
+{
+    const auto isOther = [](char c) {
+        return c != ' ' && (c < '\t' || c > '\r');
+    };
+    const char *begin = content.constData() + line.begin + 1;
+    const char *end = std::find(begin, content.constData() + line.end, ']');
+    begin = std::find_if(begin, end, isOther);
+    const int size = int(sizeof generalGroup - 1);
+    return end - begin >= size && qstrnicmp(begin, generalGroup, size) == 0 && std::none_of(begin + size, end, isOther);
+}
+
+/// Whether a line sets `key`, any character of which may be given by its code: "%61" and "%U0061" are "a".
+bool isSetting(const QByteArray &content, const Line &line, const QString &key)
+{
+    int end = line.equalsSign;
+    while (end > line.begin && isBlank(content.at(end - 1)))
+        --end;
+    int matched = 0;
+    for (int i = line.begin; i < end; ++matched) {
+        QChar c = QLatin1Char(content.at(i++));
+        if (c == QLatin1Char('%') && i < end) {
+            const int first = content.at(i) == 'U' ? i + 1 : i;
+            const int size = first > i ? 4 : 2;
+            char digits[5] = {};
+            memcpy(digits, content.constData() + first, size_t(std::max(0, std::min(size, end - first))));
+            char *rest = digits;
+            const long code = strtol(digits, &rest, 16);
+            if (first + size <= end && rest > digits && *rest == '\0') {
+                c = QChar(ushort(code));
+                i = first + size;
+            }
+        }
+        if (matched == key.size() || c != key.at(matched))
+            return false;
+    }
+    return matched == key.size();
+}
+
+/// Where a key is set, and where it could be.
+struct Place
+{
+    Line line; ///< The last that sets it; empty when none does.
+    int headerEnd = -1; ///< The end of a general group's header; -1: there is none that has one.
+};
+
+int markSize(const QByteArray &content)
+{
+    return content.startsWith(byteOrderMark) ? int(sizeof byteOrderMark - 1) : 0;
+}
+
+/// Looks for `key` in the general group, to which what comes before any header belongs too.
+Place findPlace(const QByteArray &content, const QString &key)
+{
+    Place place;
+    // A byte-order mark is no part of a header, but of a key.
+    const int mark = markSize(content);
+    const int markedEnd = mark ? nextLine(content, 0).end : 0;
+    bool inGeneral = true;
+    for (Line line = nextLine(content, mark); !line.isEmpty(); line = nextLine(content, line.end)) {
+        if (line.isHeader(content)) {
+            inGeneral = isGeneralHeader(content, line);
+            if (inGeneral && line.end < content.size())
+                place.headerEnd = line.end;
+        } else if (inGeneral && line.equalsSign != -1 && line.end > markedEnd && isSetting(content, line, key)) {
+            place.line = line;
+        }
+    }
+    return place;
+}
+
+/// The value of the setting in `line`; nothing when it is empty.
+std::optional<QVariant> valueOf(const QByteArray &content, const Line &line)
+{
+    if (line.isEmpty())
+        return {};
+    const QByteArray value = content.mid(line.equalsSign + 1, line.end - line.equalsSign - 1);
+    return SettingsValue::parse(value, markSize(content) > 0);
+}
+
+} // namespace
+
+std::optional<QVariant> SettingsText::value(const QByteArray &content, const QString &key)
+{
+    return valueOf(content, findPlace(content, key).line);
+}
+
+bool SettingsText::setValue(QByteArray &content, const QString &key, const QVariant &value)
+{
+    const Place place = findPlace(content, key);
+    const QByteArray text = SettingsValue::written(value);
+    if (!place.line.isEmpty() && valueOf(content, place.line) == SettingsValue::parse(text, false))
+        return false;
+
+    const QByteArray line = key.toLatin1() + '=' + text;
+    const int mark = markSize(content);
+    const Line first = nextLine(content, mark);
+    if (!place.line.isEmpty())
+        content.replace(place.line.begin, place.line.end - place.line.begin, line);
+    else if (place.headerEnd != -1)
+        content.insert(place.headerEnd, '\n' + line);
+    else if (first.isHeader(content))
+        content.insert(first.begin, generalHeader + line + '\n');
+    else // A key that begins with the byte-order mark keeps it.
+        content.prepend(content.left(mark) + generalHeader + line + '\n');
+    return true;
+}
