@@ -4,6 +4,8 @@
 
 #include "commands.h"
 
+#include <common/harmlesstext.h>
+
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -121,8 +123,9 @@ std::optional<ExitCode> parseCommandLine(int argc, char *argv[], Request &reques
         return Success;
     } catch (const CLI::ParseError &error) {
         const bool noCommand = app.get_subcommands().empty();
-        std::fprintf(stderr, "authctl: %s\nSee authctl --help.\n",
-                     noCommand ? "No command was given, or one that does not exist" : error.what());
+        const QString reason = noCommand ? QStringLiteral("No command was given, or one that does not exist")
+                                         : QString::fromLocal8Bit(error.what());
+        std::fprintf(stderr, "authctl: %s\nSee authctl --help.\n", qUtf8Printable(harmless(reason)));
         return WrongUsage;
     }
     request.timeout = seconds * 1000;

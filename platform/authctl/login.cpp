@@ -15,16 +15,14 @@ const QString passwordKey = QStringLiteral("password");
 const QString certKey = QStringLiteral("cert");
 const QString pinKey = QStringLiteral("pin");
 
-QVariantMap enteredData(uint uid, const std::optional<QString> &cert)
+/// Asks for the password or PIN and sends it. Nothing of it is kept but what the D-Bus library has for itself.
+QDBusPendingReply<> authenticate(Service &service, uint uid, const QString &method, const std::optional<QString> &cert)
 {
-    const QString prompt = cert ? QStringLiteral("PIN of %1 for %2: ").arg(*cert, displayName(uid))
-                                : QStringLiteral("Password of %1: ").arg(displayName(uid));
-    const std::optional<QString> secret = readSecret(prompt);
-    if (!secret)
-        throw Failure{Refused, QStringLiteral("Nothing was entered")};
+    const Secret secret = readSecret(cert ? QStringLiteral("PIN of %1 for %2: ").arg(*cert, displayName(uid))
+                                          : QStringLiteral("Password of %1: ").arg(displayName(uid)));
     if (cert)
-        return {{certKey, *cert}, {pinKey, *secret}};
-    return {{passwordKey, *secret}};
+        return service.Authenticate(uid, method, {{certKey, *cert}, {pinKey, secret.text()}});
+    return service.Authenticate(uid, method, {{passwordKey, secret.text()}});
 }
 
 } // namespace
@@ -40,7 +38,6 @@ ExitCode Commands::login(Service &service, const Output &output, const Request &
         output.state(uid, before.argumentAt<0>(), before.argumentAt<1>());
         return Locked;
     }
-    const QVariantMap data = enteredData(uid, request.cert);
 
     // The time of this attempt begins with the service's word that it is under way.
     bool isOurs = false;
@@ -70,7 +67,7 @@ ExitCode Commands::login(Service &service, const Output &output, const Request &
                          service.finish();
                      });
 
-    Service::result(service.Authenticate(uid, method, data));
+    Service::result(authenticate(service, uid, method, request.cert));
     if (service.handleReports(request.timeout))
         return exitCode;
     Service::result(service.Cancel(uid));

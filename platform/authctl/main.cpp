@@ -6,8 +6,11 @@
 
 #include <QCoreApplication>
 
+#include <sys/prctl.h>
+
 int main(int argc, char *argv[])
 {
+    prctl(PR_SET_DUMPABLE, 0); // What the user enters is not for a core file, nor for another process of the user.
     const QCoreApplication application(argc, argv);
     Request request;
     if (const std::optional<ExitCode> end = parseCommandLine(argc, argv, request))

@@ -5,6 +5,7 @@
 #include "users.h"
 
 #include <authd/libauthd.h>
+#include <common/harmlesstext.h>
 #include <daemon/states.h>
 
 #include <QJsonDocument>
@@ -27,7 +28,8 @@ QString words(const QString &name)
 
 QString valueText(const QVariant &value)
 {
-    return value.userType() == QMetaType::QStringList ? value.toStringList().join(QLatin1Char('\n')) : value.toString();
+    return value.userType() == QMetaType::QStringList ? value.toStringList().join(QStringLiteral(", "))
+                                                      : value.toString();
 }
 
 QString stateText(const QString &state, const QVariantMap &details)
@@ -36,9 +38,9 @@ QString stateText(const QString &state, const QVariantMap &details)
     if (state == States::Idle)
         return QStringLiteral("nothing under way");
     if (state == States::Pending)
-        return method + QStringLiteral(" is at work");
+        return QStringLiteral("checking with %1 ...").arg(method);
     if (state == States::Challenge && details.value(States::Restarted).toBool())
-        return method + QStringLiteral(" had to start its client again");
+        return QStringLiteral("the %1 client crashed and was restarted").arg(method);
     if (state == States::Challenge)
         return method + QStringLiteral(" waits for input");
     if (state == States::Authenticated)
@@ -126,13 +128,14 @@ void Output::failure(const Failure &failure) const
         print(QString(), "error",
               {{QStringLiteral("error"), failure.error}, {QStringLiteral("message"), failure.text}});
     else
-        std::fprintf(stderr, "authctl: %s\n", qUtf8Printable(failure.text));
+        std::fprintf(stderr, "authctl: %s\n", qUtf8Printable(harmless(failure.text)));
 }
 
 void Output::print(const QString &text, const char *event, QJsonObject object) const
 {
     object.insert(QLatin1String("event"), QLatin1String(event));
-    const QByteArray line = m_json ? QJsonDocument(object).toJson(QJsonDocument::Compact) : text.toLocal8Bit();
+    const QByteArray document = QJsonDocument(object).toJson(QJsonDocument::Compact);
+    const QByteArray line = m_json ? harmless(QString::fromUtf8(document)).toUtf8() : harmless(text).toLocal8Bit();
     std::puts(line.constData());
     std::fflush(stdout);
 }

@@ -2,67 +2,117 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "secretprompt.h"
 
+#include "failure.h"
+#include "heldsignals.h"
+
+#include <common/harmlesstext.h>
+
+#include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr char Interrupt = 'C' - '@';
+constexpr size_t LongestSecret = 4096; // bytes, far more than any password has
 
-/// Switches echo and the keys that raise signals off while it lives, so that no signal leaves the terminal mute. Ctrl-C
-/// ends the line instead.
+Failure nothingEntered()
+{
+    return {Refused, QStringLiteral("Nothing was entered")};
+}
+
+/// Shows a prompt and hides what is typed while it lives. Meanwhile no key raises a signal; Ctrl-C ends the line.
 class SilentTerminal
 {
 public:
-    SilentTerminal()
+    explicit SilentTerminal(const QString &prompt)
     {
         tcgetattr(STDIN_FILENO, &m_before);
         termios silent = m_before;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
         silent.c_cc[VEOL] = Interrupt;
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+        std::fputs(qUtf8Printable(harmless(prompt)), stderr);
     }
-    ~SilentTerminal() { tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_before); }
+    ~SilentTerminal()
+    {
+        tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_before);
+        std::fputc('\n', stderr); // The one that was typed has not been shown.
+    }
 
 private:
     Q_DISABLE_COPY(SilentTerminal)
     termios m_before = {};
 };
 
-std::optional<QString> readLine()
+/// A line in memory that never moves, so that it leaves no copies behind, and that is overwritten in the end.
+struct Line
 {
-    QByteArray line;
+    Line() = default;
+    ~Line() { explicit_bzero(bytes.data(), bytes.size()); }
+
+    Secret text() const { return Secret(QString::fromUtf8(bytes.data(), int(size))); }
+
+    std::array<char, LongestSecret> bytes;
+    size_t size = 0;
+
+private:
+    Q_DISABLE_COPY(Line)
+};
+
+/// Reads a character; false at the end of the input. Throws a Failure when `signals` becomes readable first.
+bool readCharacter(char &character, int signals)
+{
     for (;;) {
-        // No further than the line: what follows is not ours.
-        char c = 0;
-        const ssize_t count = read(STDIN_FILENO, &c, 1);
+        pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
+        if (poll(sources, std::size(sources), -1) < 0)
+            continue; // Interrupted.
+        if (sources[1].revents != 0)
+            throw nothingEntered();
+        const ssize_t count = read(STDIN_FILENO, &character, 1);
         if (count < 0 && errno == EINTR)
             continue;
-        if (count <= 0 && line.isEmpty())
-            return std::nullopt;
-        if (count <= 0 || c == '\n')
-            return QString::fromUtf8(line);
-        if (c == Interrupt)
-            return std::nullopt;
-        line += c;
+        return count > 0;
     }
+}
+
+/// Reads no further than the line: what follows is not ours.
+Secret readLine(int signals)
+{
+    Line line;
+    char character = 0;
+    while (readCharacter(character, signals)) {
+        if (character == '\n')
+            return line.text();
+        if (character == Interrupt)
+            throw nothingEntered();
+        if (line.size == line.bytes.size())
+            throw Failure{Refused, QStringLiteral("What was entered is too long")};
+        line.bytes[line.size++] = character;
+    }
+    if (line.size == 0)
+        throw nothingEntered();
+    return line.text();
 }
 
 } // namespace
 
-std::optional<QString> readSecret(const QString &prompt)
+Secret::~Secret()
 {
-    if (!isatty(STDIN_FILENO))
-        return readLine();
+    explicit_bzero(const_cast<QChar *>(m_text.constData()), size_t(m_text.size()) * sizeof(QChar));
+}
 
-    std::optional<QString> secret;
-    {
-        const SilentTerminal terminal;
-        std::fputs(qUtf8Printable(prompt), stderr);
-        secret = readLine();
-    }
-    std::fputc('\n', stderr);
-    return secret;
+Secret readSecret(const QString &prompt)
+{
+    constexpr int NoSignals = -1;
+    if (!isatty(STDIN_FILENO))
+        return readLine(NoSignals);
+    const HeldSignals held; // Until the terminal is as before.
+    const SilentTerminal terminal(prompt);
+    return readLine(held.descriptor());
 }

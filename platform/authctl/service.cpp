@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "service.h"
 
+#include "heldsignals.h"
+
 #include <authd/authservice.h>
 #include <daemon/errors.h>
 
@@ -15,11 +17,17 @@ namespace {
 // one to come may then overtake them: an attempt's end before its beginning.
 const QString connectionName = QStringLiteral("authctl");
 
+/// The library's thread for connections leaves the signals to the main thread, which holds them back at times.
+QDBusConnection systemBus()
+{
+    const HeldSignals held;
+    return QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName);
+}
+
 } // namespace
 
 Service::Service(int timeout)
-    : AuthServiceInterface(AuthService::Service, AuthService::ObjectPath,
-                           QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName))
+    : AuthServiceInterface(AuthService::Service, AuthService::ObjectPath, systemBus())
     , m_watcher(AuthService::Service, connection(), QDBusServiceWatcher::WatchForUnregistration)
 {
     setTimeout(timeout);

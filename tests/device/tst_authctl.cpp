@@ -1,129 +1,18 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include "device/authctl.h"
 #include "device/authd.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
-#include <authd/authservice.h>
-
-#include <QDBusConnectionInterface>
-#include <QDBusVirtualObject>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QScopeGuard>
 #include <QTest>
 
 #include <csignal>
-#include <pty.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-namespace {
-
-enum ExitCode { Success = 0, Refused = 1, WrongUsage = 2, Locked = 3, Unreachable = 4 };
-
-const QString program = Installed::authctl;
-
-struct Result
-{
-    int exitCode;
-    QString output;
-    QString errors;
-
-    QVector<QJsonObject> objects() const
-    {
-        QVector<QJsonObject> objects;
-        const QStringList lines = output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        for (const QString &line : lines)
-            objects << QJsonDocument::fromJson(line.toUtf8()).object();
-        return objects;
-    }
-    QStringList events() const
-    {
-        QStringList events;
-        const QVector<QJsonObject> all = objects();
-        for (const QJsonObject &object : all)
-            events << object.value(QLatin1String("event")).toString();
-        return events;
-    }
-};
-
-Result runAs(uint uid, const QString &arguments, const QByteArray &input = {})
-{
-    QProcess process;
-    process.start(QStringLiteral("setpriv"),
-                  QStringList{QStringLiteral("--reuid=%1").arg(uid), QStringLiteral("--clear-groups"), program}
-                      + arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts));
-    process.write(input);
-    process.closeWriteChannel();
-    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit) {
-        qWarning("authctl %s has not ended by itself; it wrote: %s%s", qPrintable(arguments),
-                 process.readAllStandardOutput().constData(), process.readAllStandardError().constData());
-        return {-1, {}, {}};
-    }
-    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
-            QString::fromUtf8(process.readAllStandardError())};
-}
-
-Result run(const QString &arguments, const QByteArray &input = {})
-{
-    return runAs(0, arguments, input);
-}
-
-/// A service in the daemon's place that answers a request only after telling of the end of an earlier one and of what
-/// another user does.
-class LateService : public QDBusVirtualObject
-{
-public:
-    LateService()
-        : m_root(0)
-    {
-        QDBusConnection bus = m_root.connection();
-        isRunning = bus.registerVirtualObject(LibAuthd::AuthService::ObjectPath, this)
-                    && bus.interface()->registerService(LibAuthd::AuthService::Service)
-                           == QDBusConnectionInterface::ServiceRegistered;
-    }
-    ~LateService() override { m_root.connection().unregisterObject(LibAuthd::AuthService::ObjectPath); }
-
-    bool isRunning = false;
-
-    QString introspect(const QString &) const override { return {}; }
-    bool handleMessage(const QDBusMessage &call, const QDBusConnection &bus) override
-    {
-        if (call.member() == QLatin1String("GetState")) {
-            bus.send(call.createReply({QStringLiteral("idle"), QVariantMap()}));
-            return true;
-        }
-        const auto tell = [&bus](const char *member, uint uid, const QVariantList &arguments) {
-            QDBusMessage signal = QDBusMessage::createSignal(
-                LibAuthd::AuthService::ObjectPath, LibAuthd::AuthService::Interface, QString::fromLatin1(member));
-            signal.setArguments(QVariantList{uid} + arguments);
-            bus.send(signal);
-        };
-        const QString method = QStringLiteral("kavet");
-        const QVariantMap details = {{QStringLiteral("method"), method}};
-        const auto end = [&](uint uid) {
-            tell("AuthenticationFailed", uid, {method, 11, QStringLiteral("AuthFailed"), 1});
-            tell("Authenticated", uid, {method});
-            tell("StateChanged", uid, {QStringLiteral("challenge"), details});
-        };
-        end(TestDevice::alice);
-        end(TestDevice::bob);
-        tell("StateChanged", TestDevice::bob, {QStringLiteral("pending"), details});
-        tell("StateChanged", TestDevice::alice, {QStringLiteral("pending"), details});
-        end(TestDevice::bob);
-        bus.send(call.createReply());
-        tell("StateChanged", TestDevice::alice, {QStringLiteral("authenticated"), details});
-        return true;
-    }
-
-private:
-    const BusUser m_root;
-};
-
-} // namespace
+using namespace Authctl;
 
 class TstAuthctl : public QObject
 {
@@ -150,31 +39,16 @@ private Q_SLOTS:
     void usage_data();
     void usage();
     void methods();
-    void loginSucceeds();
-    void loginFails();
-    void loginWithCertificate();
-    void loginIsRefused();
-    void loginWithoutInput();
-    void loginWantsOtherInput();
-    void loginWithDyingClient();
-    void loginWithoutOutcome();
-    void loginGivenUpByOthers();
     void reportsStayInOrder();
-    void reportsOfOthers();
-    void lockAndUnlock();
-    void passwordIsNotShown();
-    void slowTypist();
-    void lockedWhileAsked();
-    void breakingOff();
     void options();
     void certs();
     void certsInTheEnd();
     void session();
     void cancel();
     void monitor();
+    void hostileTexts();
     void unreachable_data();
     void unreachable();
-    void daemonGoesAway();
     void silentDaemon();
 
 private:
@@ -249,305 +123,15 @@ void TstAuthctl::methods()
     QCOMPARE(method.value(QLatin1String("auth-page")).toString(), QStringLiteral("MethodPageKavet"));
 }
 
-void TstAuthctl::loginSucceeds()
-{
-    // By name, by user id, and by the user.
-    const QString expected = QStringLiteral("alice: kavet is at work\nalice: success\nalice: authenticated by kavet\n");
-    for (const Result &result :
-         {run(QStringLiteral("login alice"), "success\n"), run(QStringLiteral("login 1000"), "success"),
-          runAs(TestDevice::alice, QStringLiteral("login alice --method kavet"), "success\nmore\n")}) {
-        QCOMPARE(result.exitCode, int(Success));
-        QCOMPARE(result.output, expected);
-        QCOMPARE(result.errors, QString());
-    }
-    const QVector<QJsonArray> calls = TestDevice::calls();
-    for (const QJsonArray &call : calls)
-        QCOMPARE(call,
-                 (QJsonArray{QStringLiteral("checkPassword"), QStringLiteral("alice"), QStringLiteral("success")}));
-
-    const Result json = run(QStringLiteral("--json login alice"), "success\n");
-    QCOMPARE(json.exitCode, int(Success));
-    QCOMPARE(json.events(),
-             (QStringList{QStringLiteral("state"), QStringLiteral("authenticated"), QStringLiteral("state")}));
-    const QJsonObject state = json.objects().constLast();
-    QCOMPARE(state.value(QLatin1String("state")).toString(), QStringLiteral("authenticated"));
-    QCOMPARE(state.value(QLatin1String("user")).toString(), QStringLiteral("alice"));
-    QCOMPARE(state.value(QLatin1String("uid")).toInt(), 1000);
-    QCOMPARE(state.value(QLatin1String("details")).toObject().value(QLatin1String("method")).toString(),
-             QStringLiteral("kavet"));
-}
-
-void TstAuthctl::loginFails()
-{
-    QCOMPARE(run(QStringLiteral("options max-attempts 5")).exitCode, int(Success));
-    const Result text = run(QStringLiteral("login alice"), "failed\n");
-    QCOMPARE(text.exitCode, int(Refused));
-    QCOMPARE(text.output, QStringLiteral("alice: kavet is at work\n"
-                                         "alice: failed: auth failed (code 11); attempts left: 5\n"
-                                         "alice: kavet waits for input\n"));
-
-    const Result json = run(QStringLiteral("login alice --json"), "nousb\n");
-    QCOMPARE(json.exitCode, int(Refused));
-    QCOMPARE(json.events(), (QStringList{QStringLiteral("state"), QStringLiteral("failed"), QStringLiteral("state")}));
-    const QJsonObject failed = json.objects().at(1);
-    QCOMPARE(failed.value(QLatin1String("resultCode")).toInt(), 9);
-    QCOMPARE(failed.value(QLatin1String("resultName")).toString(), QStringLiteral("NoUsbDevice"));
-    QCOMPARE(failed.value(QLatin1String("attemptsLeft")).toInt(), 5);
-}
-
-void TstAuthctl::loginWithCertificate()
-{
-    QCOMPARE(run(QStringLiteral("login alice --cert pkcs11:token=a"), "success\n").exitCode, int(Success));
-    QCOMPARE(TestDevice::calls().constLast(),
-             (QJsonArray{QStringLiteral("validateCert"), QStringLiteral("pkcs11:token=a"), QStringLiteral("alice"),
-                         QStringLiteral("success")}));
-}
-
-void TstAuthctl::loginIsRefused()
-{
-    const Result nobody = run(QStringLiteral("login mallory"), "x\n");
-    QCOMPARE(nobody.exitCode, int(Refused));
-    QCOMPARE(nobody.errors, QStringLiteral("authctl: There is no user mallory\n"));
-    QCOMPARE(run(QStringLiteral("login state"), "x\n").errors, QStringLiteral("authctl: There is no user state\n"));
-    QCOMPARE(run(QStringLiteral("login 4711"), "x\n").exitCode, int(Refused));
-    QCOMPARE(run(QStringLiteral("login 0"), "x\n").exitCode, int(Refused));
-
-    const Result others = runAs(TestDevice::bob, QStringLiteral("login alice --json"), "success\n");
-    QCOMPARE(others.exitCode, int(Refused));
-    QCOMPARE(others.events(), QStringList{QStringLiteral("error")});
-    QCOMPARE(others.objects().constFirst().value(QLatin1String("error")).toString(),
-             QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
-    QCOMPARE(run(QStringLiteral("login alice --method other"), "x\n").exitCode, int(Refused));
-    QCOMPARE(TestDevice::launches().size(), 0);
-}
-
-void TstAuthctl::loginWithoutInput()
-{
-    const Result result = run(QStringLiteral("login alice"));
-    QCOMPARE(result.exitCode, int(Refused));
-    QCOMPARE(result.errors, QStringLiteral("authctl: Nothing was entered\n"));
-    QCOMPARE(TestDevice::launches().size(), 0);
-    // An empty line is an empty password.
-    QCOMPARE(run(QStringLiteral("login alice"), "\n").exitCode, int(Refused));
-    QCOMPARE(TestDevice::calls().constLast().last().toString(), QString());
-}
-
-void TstAuthctl::loginWantsOtherInput()
-{
-    // While the encrypted partition is locked, the method only asks for input.
-    const QString configuration = QStringLiteral("/etc/authd/luks.conf");
-    QVERIFY(TestDevice::writeFile(configuration, "[Partition]\nDevice=no-such-mapping\n"));
-    const auto remove = qScopeGuard([configuration] { QFile::remove(configuration); });
-    const Result result = run(QStringLiteral("login alice"), "success\n");
-    QCOMPARE(result.exitCode, int(Refused));
-    QCOMPARE(result.output, QStringLiteral("alice: kavet is at work\nalice: kavet waits for input\n"));
-}
-
-void TstAuthctl::loginWithDyingClient()
-{
-    setClientScript({{QStringLiteral("exit"), 1}});
-    const Result result = run(QStringLiteral("login alice"), "success\n");
-    QCOMPARE(result.exitCode, int(Refused));
-    QCOMPARE(result.output.count(QStringLiteral("alice: kavet had to start its client again\n")), 11);
-    QVERIFY2(result.output.endsWith(QStringLiteral("alice: failed: cannot start client (code 3); attempts left: 1\n"
-                                                   "alice: kavet waits for input\n")),
-             qPrintable(result.output));
-}
-
-void TstAuthctl::loginWithoutOutcome()
-{
-    const Result result = run(QStringLiteral("login alice --timeout 1"), "never\n");
-    QCOMPARE(result.exitCode, int(Unreachable));
-    QCOMPARE(result.errors, QStringLiteral("authctl: No outcome in time\n"));
-    // It has been given up, so that another may come.
-    QVERIFY(m_authd.waitForLog("event=attempt-given-up method=kavet uid=1000\n"));
-    QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
-}
-
-void TstAuthctl::loginGivenUpByOthers()
-{
-    QProcess login;
-    login.start(program, {QStringLiteral("login"), QStringLiteral("alice")});
-    login.write("never\n");
-    login.closeWriteChannel();
-    QTRY_COMPARE(TestDevice::calls().size(), 1);
-
-    // Meanwhile nobody else has a turn.
-    const Result busy = run(QStringLiteral("login bob"), "success\n");
-    QCOMPARE(busy.exitCode, int(Refused));
-    QVERIFY(busy.errors.contains(QLatin1String("another attempt open")));
-
-    QCOMPARE(run(QStringLiteral("cancel alice")).exitCode, int(Success));
-    QVERIFY(login.waitForFinished());
-    QCOMPARE(login.exitCode(), int(Refused));
-    QVERIFY(login.readAllStandardOutput().endsWith("alice: nothing under way\n"));
-}
-
 void TstAuthctl::reportsStayInOrder()
 {
     QProcess process;
     process.setProcessEnvironment(debuggedBus());
-    process.start(program, {QStringLiteral("methods")});
+    process.start(Installed::authctl, {QStringLiteral("methods")});
     QVERIFY(process.waitForFinished());
     // Not by its exit code: a library that tells what it does may crash when the program has ended.
     QVERIFY(process.readAllStandardOutput().startsWith("kavet "));
     QVERIFY(!heldSignalsBack(process.readAllStandardError()));
-}
-
-void TstAuthctl::reportsOfOthers()
-{
-    QCOMPARE(m_authd.stop(SIGTERM), 0);
-    const LateService service;
-    QVERIFY(service.isRunning);
-    QProcess login;
-    login.start(program, {QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--method=kavet")});
-    login.write("any\n");
-    login.closeWriteChannel();
-    QTRY_COMPARE_WITH_TIMEOUT(login.state(), QProcess::NotRunning, 30000);
-    QCOMPARE(login.readAllStandardOutput(), QByteArray("alice: kavet is at work\nalice: authenticated by kavet\n"));
-    QCOMPARE(login.exitCode(), int(Success));
-}
-
-void TstAuthctl::lockAndUnlock()
-{
-    QCOMPARE(run(QStringLiteral("options max-attempts 1")).exitCode, int(Success));
-    const Result locking = run(QStringLiteral("login alice"), "failed\n");
-    QCOMPARE(locking.exitCode, int(Locked));
-    const QString locked = QStringLiteral("alice: locked by kavet (kavet-max-attempts), until root unlocks the user\n");
-    QVERIFY(locking.output.endsWith(locked));
-
-    // Nothing is asked for in vain.
-    const Result refused = run(QStringLiteral("login alice"));
-    QCOMPARE(refused.exitCode, int(Locked));
-    QCOMPARE(refused.output, locked);
-    const Result state = runAs(TestDevice::alice, QStringLiteral("--json state alice"));
-    QCOMPARE(state.exitCode, int(Locked));
-    const QJsonObject details = state.objects().constFirst().value(QLatin1String("details")).toObject();
-    QCOMPARE(details.value(QLatin1String("reason")).toString(), QStringLiteral("kavet-max-attempts"));
-    QCOMPARE(details.value(QLatin1String("duration")).toDouble(), 4294967295.0);
-
-    QCOMPARE(runAs(TestDevice::alice, QStringLiteral("unlock alice")).exitCode, int(Refused));
-    const Result unlocked = run(QStringLiteral("--json unlock alice"));
-    QCOMPARE(unlocked.exitCode, int(Success));
-    QCOMPARE(unlocked.events(), QStringList{QStringLiteral("done")});
-    const Result idle = run(QStringLiteral("state alice"));
-    QCOMPARE(idle.exitCode, int(Success));
-    QCOMPARE(idle.output, QStringLiteral("alice: nothing under way\n"));
-    QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
-}
-
-namespace {
-
-/// authctl on a terminal of its own.
-class OnTerminal
-{
-public:
-    explicit OnTerminal(const QStringList &arguments)
-    {
-        m_pid = forkpty(&m_terminal, nullptr, nullptr, nullptr);
-        if (m_pid == 0) {
-            QVector<QByteArray> texts{program.toLocal8Bit()};
-            for (const QString &argument : arguments)
-                texts << argument.toLocal8Bit();
-            QVector<char *> argv;
-            for (QByteArray &text : texts)
-                argv << text.data();
-            argv << nullptr;
-            execv(argv.constFirst(), argv.data());
-            _exit(127);
-        }
-    }
-    ~OnTerminal() { close(m_terminal); }
-
-    /// Waits until the screen has `text`, or, with a null text, for the end.
-    bool waitFor(const QByteArray &text)
-    {
-        while (text.isNull() || !screen.contains(text)) {
-            char buffer[1024];
-            const ssize_t count = read(m_terminal, buffer, sizeof buffer);
-            if (count <= 0)
-                return text.isNull();
-            screen.append(buffer, int(count));
-        }
-        return true;
-    }
-    void type(const QByteArray &text)
-    {
-        QCOMPARE(write(m_terminal, text.constData(), size_t(text.size())), text.size());
-    }
-    bool echoes() const
-    {
-        termios settings;
-        return tcgetattr(m_terminal, &settings) == 0 && (settings.c_lflag & ECHO) && (settings.c_lflag & ISIG);
-    }
-    int exitCode() const
-    {
-        int status = 0;
-        return waitpid(m_pid, &status, 0) == m_pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    QByteArray screen;
-
-private:
-    int m_terminal = -1;
-    pid_t m_pid = -1;
-};
-
-} // namespace
-
-void TstAuthctl::passwordIsNotShown()
-{
-    OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")});
-    QVERIFY(login.waitFor("Password of alice: "));
-    QVERIFY(!login.echoes());
-    login.type("success\n");
-    QVERIFY(login.waitFor("authenticated by kavet"));
-    QVERIFY(login.echoes());
-    QVERIFY(login.waitFor({}));
-    QCOMPARE(login.exitCode(), int(Success));
-    QCOMPARE(login.screen, QByteArray("Password of alice: \r\nalice: kavet is at work\r\nalice: success\r\n"
-                                      "alice: authenticated by kavet\r\n"));
-
-    OnTerminal withCertificate({QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--cert=c")});
-    QVERIFY(withCertificate.waitFor("PIN of c for alice: "));
-    withCertificate.type("failed\n");
-    QVERIFY(withCertificate.waitFor({}));
-    QCOMPARE(withCertificate.exitCode(), int(Refused));
-}
-
-void TstAuthctl::slowTypist()
-{
-    // The time for an outcome begins when there is something to wait for; so the time must pass before.
-    OnTerminal login({QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--timeout=2")});
-    QVERIFY(login.waitFor("Password of alice: "));
-    QTest::qWait(2500);
-    login.type("success\n");
-    QVERIFY(login.waitFor({}));
-    QCOMPARE(login.exitCode(), int(Success));
-}
-
-void TstAuthctl::lockedWhileAsked()
-{
-    QCOMPARE(run(QStringLiteral("options max-attempts 1")).exitCode, int(Success));
-    OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")});
-    QVERIFY(login.waitFor("Password of alice: "));
-    QCOMPARE(run(QStringLiteral("login alice"), "failed\n").exitCode, int(Locked));
-    login.type("success\n");
-    QVERIFY(login.waitFor("authctl: The user is locked: kavet-max-attempts"));
-    QVERIFY(login.waitFor({}));
-    QCOMPARE(login.exitCode(), int(Locked));
-}
-
-void TstAuthctl::breakingOff()
-{
-    OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")});
-    QVERIFY(login.waitFor("Password of alice: "));
-    login.type("half a passw\x03");
-    QVERIFY(login.waitFor("Nothing was entered"));
-    QVERIFY(login.echoes());
-    QVERIFY(login.waitFor({}));
-    QCOMPARE(login.exitCode(), int(Refused));
-    QCOMPARE(TestDevice::launches().size(), 0);
 }
 
 void TstAuthctl::options()
@@ -604,7 +188,7 @@ void TstAuthctl::certsInTheEnd()
                                 {QStringLiteral("certsAnswer"), QStringLiteral("late")}});
     QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
     QProcess process;
-    process.start(program, {QStringLiteral("certs")});
+    process.start(Installed::authctl, {QStringLiteral("certs")});
     QTRY_COMPARE(TestDevice::calls().size(), 2);
     // Meanwhile another option changes, which is no list of certificates.
     QCOMPARE(run(QStringLiteral("options max-attempts 3")).exitCode, int(Success));
@@ -635,9 +219,10 @@ void TstAuthctl::cancel()
 void TstAuthctl::monitor()
 {
     QProcess text;
-    text.start(program, {QStringLiteral("monitor")});
+    text.start(Installed::authctl, {QStringLiteral("monitor")});
     QProcess json;
-    json.start(program, {QStringLiteral("monitor"), QStringLiteral("--json"), QStringLiteral("--timeout=1")});
+    json.start(Installed::authctl,
+               {QStringLiteral("monitor"), QStringLiteral("--json"), QStringLiteral("--timeout=1")});
     QByteArray output;
     QByteArray objects;
     // It tells nothing of its start, so something happens until both have seen it.
@@ -668,6 +253,45 @@ void TstAuthctl::monitor()
     }
 }
 
+void TstAuthctl::hostileTexts()
+{
+    const QString red = QStringLiteral("\x1b[31m");
+    const QString override = QChar(0x202e) + QStringLiteral("nimda");
+    const QString forged = QStringLiteral("one\nalice: success\x7f");
+    const QString red8Bit = QChar(0x9b) + QStringLiteral("31m");
+    const QStringList certs = {red, override, forged, red8Bit};
+    const QStringList shown = {QStringLiteral("\\u001b[31m"), QStringLiteral("\\u202enimda"),
+                               QStringLiteral("one\\u000aalice: success\\u007f"), QStringLiteral("\\u009b31m")};
+    setClientScript(QJsonObject{{QStringLiteral("certs"), QJsonArray::fromStringList(certs)}});
+    QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
+    QProcess monitor;
+    monitor.start(Installed::authctl, {QStringLiteral("monitor")});
+    QByteArray monitored;
+    QTRY_VERIFY(run(QStringLiteral("options max-attempts 4")).exitCode == Success
+                && !(monitored += monitor.readAllStandardOutput()).isEmpty());
+
+    QCOMPARE(run(QStringLiteral("certs")).output, shown.join(QLatin1Char('\n')) + QLatin1Char('\n'));
+    const QString option = QStringLiteral("certs = ") + shown.join(QStringLiteral(", ")) + QLatin1Char('\n');
+    QTRY_VERIFY((monitored += monitor.readAllStandardOutput()).contains(option.toUtf8()));
+
+    // The same values for programs, and harmless too.
+    const Result json = run(QStringLiteral("certs --json"));
+    QStringList values;
+    const QVector<QJsonObject> objects = json.objects();
+    for (const QJsonObject &object : objects)
+        values << object.value(QLatin1String("cert")).toString();
+    QCOMPARE(values, certs);
+    for (const QChar harmful : {QChar(0x1b), QChar(0x7f), QChar(0x9b), QChar(0x202e)})
+        QVERIFY(!json.output.contains(harmful));
+
+    // Nor does harm what somebody has been made to paste.
+    QCOMPARE(run(QStringLiteral("state ") + red).errors, QStringLiteral("authctl: There is no user \\u001b[31m\n"));
+    QCOMPARE(run(QStringLiteral("methods ") + red).errors.count(QStringLiteral("\\u001b[31m")), 1);
+    QVERIFY(!run(QStringLiteral("methods ") + red).errors.contains(red));
+    monitor.kill();
+    QVERIFY(monitor.waitForFinished());
+}
+
 void TstAuthctl::unreachable_data()
 {
     QTest::addColumn<QString>("arguments");
@@ -692,26 +316,13 @@ void TstAuthctl::unreachable()
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), QStringLiteral("unix:path=/nowhere"));
     process.setProcessEnvironment(environment);
-    process.start(program, QStringList{QStringLiteral("--json")} + arguments.split(QLatin1Char(' ')));
+    process.start(Installed::authctl, QStringList{QStringLiteral("--json")} + arguments.split(QLatin1Char(' ')));
     process.write("success\n");
     process.closeWriteChannel();
     QVERIFY(process.waitForFinished());
     QCOMPARE(process.exitCode(), int(Unreachable));
     QCOMPARE(QJsonDocument::fromJson(process.readAllStandardOutput()).object().value(QLatin1String("event")).toString(),
              QStringLiteral("error"));
-}
-
-void TstAuthctl::daemonGoesAway()
-{
-    QProcess login;
-    login.start(program, {QStringLiteral("login"), QStringLiteral("alice")});
-    login.write("never\n");
-    login.closeWriteChannel();
-    QTRY_COMPARE(TestDevice::calls().size(), 1);
-    m_authd.stop(SIGKILL);
-    QVERIFY(login.waitForFinished());
-    QCOMPARE(login.exitCode(), int(Unreachable));
-    QCOMPARE(login.readAllStandardError(), QByteArray("authctl: The authentication service has gone\n"));
 }
 
 void TstAuthctl::silentDaemon()
