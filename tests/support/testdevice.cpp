@@ -45,11 +45,18 @@ QVector<QJsonDocument> journal(const QString &path)
 
 bool TestDevice::isDevice()
 {
-    // The root of the device is an overlay, and only in the device the adapter has taken the launcher's name.
+    // The root of the device is an overlay, or made anew for an ordinary user, and only in the device the adapter has
+    // taken the launcher's name.
     struct statfs root = {};
-    return statfs("/", &root) == 0 && root.f_type == OVERLAYFS_SUPER_MAGIC
+    return statfs("/", &root) == 0 && (root.f_type == OVERLAYFS_SUPER_MAGIC || root.f_type == TMPFS_MAGIC)
            && QFileInfo::exists(QStringLiteral("/usr/bin/firejail.stock"))
            && LibAuthd::userName(alice) == QLatin1String("alice");
+}
+
+bool TestDevice::isOrdinaryUsers()
+{
+    // All user ids are mapped nowhere but outside of user namespaces.
+    return !readFile(QStringLiteral("/proc/self/uid_map")).contains("4294967295");
 }
 
 void TestDevice::reset()

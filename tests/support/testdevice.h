@@ -27,6 +27,9 @@ const QString launcher = QStringLiteral("/usr/bin/firejail");
 /// Whether this is the disposable device. reset() refuses to run anywhere else, since it removes what it finds.
 bool isDevice();
 
+/// Whether this is an ordinary user's device, which has 65536 user ids and no right to make device files.
+bool isOrdinaryUsers();
+
 /// Everything as on a device on which the method has never run: stock manifest, no policy files, no options, no client
 /// directory, no shared directory, first-start markers of alice and bob only, and the scripted client in the
 /// launcher's place with an empty script. Ends scripted clients that still run.

@@ -381,7 +381,7 @@ private Q_SLOTS:
     {
         // The package may lead somewhere else; the user may not.
         Fixture fixture;
-        const QString target = text("/tmp/policy.conf");
+        const QString target = text("/srv/shared/policy.conf");
         QVERIFY(writePolicy(target, "5"));
         QVERIFY(QDir().mkpath(QFileInfo(TestDevice::packagedPolicy).path()));
         QVERIFY(QDir().mkpath(QFileInfo(TestDevice::currentPolicy).path()));

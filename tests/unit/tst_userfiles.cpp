@@ -92,6 +92,13 @@ bool plant(const QString &kind, const QString &path)
     return false;
 }
 
+constexpr char noDevices[] = "an ordinary user makes no device file";
+
+bool needsRealRoot(const QString &kind)
+{
+    return kind == QLatin1String("device") && isOrdinaryUsers();
+}
+
 struct Kind
 {
     const char *name;
@@ -182,7 +189,9 @@ void TstUserFiles::refused()
     QFETCH(QString, kind);
     QFETCH(int, error);
 
-    QVERIFY2(plant(kind, file), "cannot be made here (run the device as root)");
+    if (needsRealRoot(kind))
+        QSKIP(noDevices);
+    QVERIFY(plant(kind, file));
     const QStringList before = portraits();
     const QString itself = portrait(file);
     const PinnedFile pinned(file);
@@ -212,7 +221,9 @@ void TstUserFiles::plantedAsUserFile()
     QFETCH(int, error);
     QFETCH(bool, exists);
 
-    QVERIFY2(plant(kind, aliceFile), "cannot be made here (run the device as root)");
+    if (needsRealRoot(kind))
+        QSKIP(noDevices);
+    QVERIFY(plant(kind, aliceFile));
     const QStringList before = portraits();
     const QString itself = portrait(aliceFile);
     MethodFixture f;
@@ -251,7 +262,9 @@ void TstUserFiles::plantedAsPolicy()
     QFETCH(QString, kind);
     QFETCH(bool, exists);
 
-    QVERIFY2(plant(kind, currentPolicy), "cannot be made here (run the device as root)");
+    if (needsRealRoot(kind))
+        QSKIP(noDevices);
+    QVERIFY(plant(kind, currentPolicy));
     const QStringList before = portraits();
     const QString itself = portrait(currentPolicy);
     {
@@ -510,10 +523,14 @@ void TstUserFiles::swappedAfterPinning()
 {
     const QString away = sharedDirectory + QStringLiteral("/away");
     for (const Kind &kind : kinds) {
+        if (needsRealRoot(QString::fromLatin1(kind.name))) {
+            qWarning("Left out: %s", noDevices);
+            continue;
+        }
         QVERIFY(writeFile(file, "old"));
         const PinnedFile pinned(file);
         QCOMPARE(rename(encoded(file).constData(), encoded(away).constData()), 0);
-        QVERIFY2(plant(QString::fromLatin1(kind.name), file), "cannot be made here (run the device as root)");
+        QVERIFY(plant(QString::fromLatin1(kind.name), file));
         const QStringList before = portraits();
         const QString itself = portrait(file);
 
@@ -600,7 +617,9 @@ void TstUserFiles::settingsRefused()
 {
     QFETCH(QString, kind);
 
-    QVERIFY2(plant(kind, file), "cannot be made here (run the device as root)");
+    if (needsRealRoot(kind))
+        QSKIP(noDevices);
+    QVERIFY(plant(kind, file));
     const QStringList before = portraits();
     const QString itself = portrait(file);
     {

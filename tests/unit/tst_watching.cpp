@@ -255,7 +255,9 @@ void TstWatching::socketOfWrongOwner()
     f.d->child.uid = user;
     f.d->currentUid = alice;
     QVERIFY(writeFile(socketPath, {}));
-    QVERIFY2(setOwner(socketPath, owner, group), "the device has no such user id (run it as root)");
+    if (owner == unknownOwner && TestDevice::isOrdinaryUsers())
+        QSKIP("an ordinary user's device has no such user id");
+    QVERIFY(setOwner(socketPath, owner, group));
     for (const bool present : {false, true}) {
         f.d->child.socketPresent = present;
         LogCapture log(true);
