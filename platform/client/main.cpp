@@ -76,6 +76,7 @@ int serve()
     const struct passwd *user = getpwuid(getuid());
     if (!user)
         return fail(QStringLiteral("User %1 has no name").arg(getuid()));
+    TokenProcess::prepare();
     KavetAuth auth(user->pw_name);
     ClientServer server(auth);
     if (!catchSignals())

@@ -3,6 +3,7 @@
 #include "peer.h"
 
 #include "kavetauth.h"
+#include "secret.h"
 
 #include <QTimerEvent>
 
@@ -137,6 +138,7 @@ int Peer::process()
 {
     // One step for each event, so that every peer has its turn.
     const int progress = sd_bus_process(m_bus, nullptr);
+    wipeStack();
     if (progress < 0 || sd_bus_is_open(m_bus) <= 0) {
         end();
         return -1;

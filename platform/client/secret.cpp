@@ -4,6 +4,12 @@
 
 #include <cstring>
 
+namespace {
+
+constexpr int stackSize = 64 * 1024;
+
+} // namespace
+
 SecretBytes::SecretBytes(QByteArray bytes)
     : m_bytes(std::move(bytes))
 {
@@ -13,4 +19,10 @@ SecretBytes::~SecretBytes()
 {
     // Overwrites also what is shared; data() would give a copy of it.
     explicit_bzero(const_cast<char *>(m_bytes.constData()), size_t(m_bytes.size()));
+}
+
+__attribute__((noinline)) void wipeStack()
+{
+    char stack[stackSize];
+    explicit_bzero(stack, sizeof(stack));
 }

@@ -20,3 +20,7 @@ private:
 
     Q_DISABLE_COPY(SecretBytes)
 };
+
+/// Overwrites what functions that have returned left on the stack below, as far down as any library goes. Registers
+/// that held part of a secret are saved there for signal handlers and by the dynamic linker.
+void wipeStack();

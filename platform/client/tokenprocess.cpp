@@ -18,6 +18,7 @@
 namespace {
 
 const QString ownProgram = QStringLiteral("/proc/self/exe");
+const QString notAProgram = QStringLiteral("/");
 const QString descriptorPath = QStringLiteral("/proc/self/fd/%1");
 const QString optionPrefix = QStringLiteral("--");
 
@@ -93,6 +94,15 @@ QByteArray takeField(QByteArray &request)
 
 const QString TokenProcess::listOption = QStringLiteral("certs");
 const QString TokenProcess::validateOption = QStringLiteral("validate-cert");
+
+// With its first process Qt stores the signal action that was there before, and with it whatever lies on the stack,
+// which the C library does not clear. From then on it stays, so this must not be when a PIN has just been handled.
+void TokenProcess::prepare()
+{
+    QProcess process;
+    process.start(notAProgram, {});
+    process.waitForStarted();
+}
 
 void TokenProcess::list(QObject *context, const Callback &done)
 {

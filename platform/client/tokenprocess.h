@@ -20,6 +20,9 @@ extern const QString validateOption;
 /// Called with how it ended and what it wrote.
 using Callback = std::function<void(Tokens::Outcome, const QByteArray &)>;
 
+/// To be called before there is any secret.
+void prepare();
+
 /// Starts Tokens::list; what it writes is the list, empty on failure. The callback does not outlive `context`.
 void list(QObject *context, const Callback &done);
 /// Starts Tokens::validate; keeps nothing of the PIN. The callback does not outlive `context`.
