@@ -29,6 +29,7 @@ ExitCode Commands::certs(Service &service, const Output &output, const Request &
                          if (!isPlaceholder(certs))
                              service.finish();
                      });
+    Service::result(service.Subscribe());
     certs = Service::result(service.GetMethodOption(method, certsOption)).value().variant().toStringList();
     if (isPlaceholder(certs) && !service.handleReports(request.timeout))
         throw Failure{Unreachable, QStringLiteral("No certificate list in time")};

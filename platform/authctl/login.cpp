@@ -16,7 +16,8 @@ const QString certKey = QStringLiteral("cert");
 const QString pinKey = QStringLiteral("pin");
 
 /// Asks for the password or PIN and sends it. Nothing of it is kept but what the D-Bus library has for itself.
-QDBusPendingReply<> authenticate(Service &service, uint uid, const QString &method, const std::optional<QString> &cert)
+QDBusPendingReply<qulonglong> authenticate(Service &service, uint uid, const QString &method,
+                                           const std::optional<QString> &cert)
 {
     const Secret secret = readSecret(cert ? QStringLiteral("PIN of %1 for %2: ").arg(*cert, displayName(uid))
                                           : QStringLiteral("Password of %1: ").arg(displayName(uid)));
@@ -34,31 +35,37 @@ ExitCode Commands::login(Service &service, const Output &output, const Request &
 
     // Before anything is asked for in vain.
     const auto before = Service::result(service.GetState(uid));
-    if (before.argumentAt<0>() == States::Locked) {
-        output.state(uid, before.argumentAt<0>(), before.argumentAt<1>());
+    if (before.argumentAt<1>() == States::Locked) {
+        output.state(before.argumentAt<0>(), uid, before.argumentAt<1>(), before.argumentAt<2>());
         return Locked;
     }
 
-    // The time of this attempt begins with the service's word that it is under way.
-    bool isOurs = false;
+    qulonglong ours = 0;
     ExitCode exitCode = Refused;
     const QObject scope;
-    QObject::connect(&service, &AuthServiceInterface::Authenticated, &scope, [&](uint who, const QString &by) {
-        if (isOurs && who == uid)
-            output.success(who, by);
-    });
+    QObject::connect(&service, &AuthServiceInterface::Authenticated, &scope,
+                     [&](qulonglong attempt, uint who, const QString &by) {
+                         if (attempt == ours)
+                             output.success(attempt, who, by);
+                     });
     QObject::connect(&service, &AuthServiceInterface::AuthenticationFailed, &scope,
-                     [&](uint who, const QString &by, int code, const QString &codeName, int attemptsLeft) {
-                         if (isOurs && who == uid)
-                             output.failed(who, by, code, codeName, attemptsLeft);
+                     [&](qulonglong attempt, uint who, const QString &by, int code, const QString &codeName,
+                         bool isCounted, int attemptsLeft) {
+                         if (attempt == ours)
+                             output.failed(attempt, who, by, code, codeName, isCounted, attemptsLeft);
+                     });
+    QObject::connect(&service, &AuthServiceInterface::AttemptGivenUp, &scope,
+                     [&](qulonglong attempt, uint who, const QString &by, const QString &reason) {
+                         if (attempt == ours)
+                             output.givenUp(attempt, who, by, reason);
                      });
     QObject::connect(&service, &AuthServiceInterface::StateChanged, &scope,
-                     [&](uint who, const QString &state, const QVariantMap &details) {
-                         if (who != uid || (!isOurs && state != States::Pending))
+                     [&](qulonglong attempt, uint who, const QString &state, const QVariantMap &details) {
+                         if (attempt != ours)
                              return;
-                         isOurs = true;
-                         output.state(who, state, details);
-                         if (state == States::Pending || details.value(States::Restarted).toBool())
+                         output.state(attempt, who, state, details);
+                         if (state == States::Queued || state == States::Pending
+                             || details.value(States::Restarted).toBool())
                              return;
                          if (state == States::Authenticated)
                              exitCode = Success;
@@ -67,9 +74,9 @@ ExitCode Commands::login(Service &service, const Output &output, const Request &
                          service.finish();
                      });
 
-    Service::result(authenticate(service, uid, method, request.cert));
+    ours = Service::result(authenticate(service, uid, method, request.cert)).value();
     if (service.handleReports(request.timeout))
         return exitCode;
-    Service::result(service.Cancel(uid));
+    Service::result(service.Cancel(ours));
     throw Failure{Unreachable, QStringLiteral("No outcome in time")};
 }

@@ -13,15 +13,21 @@ constexpr uint NoUser = 0;
 ExitCode Commands::monitor(Service &service, const Output &output, const Request &)
 {
     const QObject scope;
-    QObject::connect(&service, &AuthServiceInterface::Authenticated, &scope,
-                     [&](uint uid, const QString &method) { output.success(uid, method); });
-    QObject::connect(&service, &AuthServiceInterface::AuthenticationFailed, &scope,
-                     [&](uint uid, const QString &method, int code, const QString &name, int attemptsLeft) {
-                         output.failed(uid, method, code, name, attemptsLeft);
-                     });
     QObject::connect(
-        &service, &AuthServiceInterface::StateChanged, &scope,
-        [&](uint uid, const QString &state, const QVariantMap &details) { output.state(uid, state, details); });
+        &service, &AuthServiceInterface::Authenticated, &scope,
+        [&](qulonglong attempt, uint uid, const QString &method) { output.success(attempt, uid, method); });
+    QObject::connect(
+        &service, &AuthServiceInterface::AuthenticationFailed, &scope,
+        [&](qulonglong attempt, uint uid, const QString &method, int code, const QString &name, bool isCounted,
+            int attemptsLeft) { output.failed(attempt, uid, method, code, name, isCounted, attemptsLeft); });
+    QObject::connect(&service, &AuthServiceInterface::AttemptGivenUp, &scope,
+                     [&](qulonglong attempt, uint uid, const QString &method, const QString &reason) {
+                         output.givenUp(attempt, uid, method, reason);
+                     });
+    QObject::connect(&service, &AuthServiceInterface::StateChanged, &scope,
+                     [&](qulonglong attempt, uint uid, const QString &state, const QVariantMap &details) {
+                         output.state(attempt, uid, state, details);
+                     });
     QObject::connect(&service, &AuthServiceInterface::MethodOptionChanged, &scope,
                      [&](const QString &method, const QString &option, const QDBusVariant &value) {
                          output.option(NoUser, method, option, value.variant());
@@ -30,7 +36,7 @@ ExitCode Commands::monitor(Service &service, const Output &output, const Request
                      [&](uint uid, const QString &method, const QString &option, const QDBusVariant &value) {
                          output.option(uid, method, option, value.variant());
                      });
-    Service::result(service.GetMethods()); // Also shows that the service is there.
+    Service::result(service.Subscribe());
     service.handleReports();
     return Success;
 }

@@ -37,6 +37,8 @@ QString stateText(const QString &state, const QVariantMap &details)
     const QString method = details.value(States::Method).toString();
     if (state == States::Idle)
         return QStringLiteral("nothing under way");
+    if (state == States::Queued)
+        return QStringLiteral("waiting for a turn with ") + method;
     if (state == States::Pending)
         return QStringLiteral("checking with %1 ...").arg(method);
     if (state == States::Challenge && details.value(States::Restarted).toBool())
@@ -59,6 +61,13 @@ QJsonObject about(uint uid)
     return {{QStringLiteral("uid"), qint64(uid)}, {QStringLiteral("user"), LibAuthd::userName(uid)}};
 }
 
+QJsonObject about(qulonglong attempt, uint uid)
+{
+    QJsonObject object = about(uid);
+    object.insert(QLatin1String("attempt"), qint64(attempt));
+    return object;
+}
+
 } // namespace
 
 void Output::method(const QString &method, const QVariantMap &info) const
@@ -74,24 +83,34 @@ void Output::method(const QString &method, const QVariantMap &info) const
           "method", object);
 }
 
-void Output::state(uint uid, const QString &state, const QVariantMap &details) const
+void Output::state(qulonglong attempt, uint uid, const QString &state, const QVariantMap &details) const
 {
-    QJsonObject object = about(uid);
+    QJsonObject object = about(attempt, uid);
     object.insert(QLatin1String("state"), state);
     object.insert(QLatin1String("details"), QJsonObject::fromVariantMap(details));
     print(displayName(uid) + QStringLiteral(": ") + stateText(state, details), "state", object);
 }
 
-void Output::success(uint uid, const QString &method) const
+void Output::success(qulonglong attempt, uint uid, const QString &method) const
 {
-    QJsonObject object = about(uid);
+    QJsonObject object = about(attempt, uid);
     object.insert(QLatin1String("method"), method);
     print(displayName(uid) + QStringLiteral(": success"), "authenticated", object);
 }
 
-void Output::failed(uint uid, const QString &method, int code, const QString &name, int attemptsLeft) const
+void Output::givenUp(qulonglong attempt, uint uid, const QString &method, const QString &reason) const
 {
-    QJsonObject object = about(uid);
+    QJsonObject object = about(attempt, uid);
+    object.insert(QLatin1String("method"), method);
+    object.insert(QLatin1String("reason"), reason);
+    print(QStringLiteral("%1: given up: %2").arg(displayName(uid), reason), "given-up", object);
+}
+
+void Output::failed(qulonglong attempt, uint uid, const QString &method, int code, const QString &name, bool isCounted,
+                    int attemptsLeft) const
+{
+    QJsonObject object = about(attempt, uid);
+    object.insert(QLatin1String("counted"), isCounted);
     object.insert(QLatin1String("method"), method);
     object.insert(QLatin1String("resultCode"), code);
     object.insert(QLatin1String("resultName"), name);

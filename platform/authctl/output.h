@@ -18,9 +18,11 @@ public:
     }
 
     void method(const QString &method, const QVariantMap &info) const;
-    void state(uint uid, const QString &state, const QVariantMap &details) const;
-    void success(uint uid, const QString &method) const;
-    void failed(uint uid, const QString &method, int code, const QString &name, int attemptsLeft) const;
+    void state(qulonglong attempt, uint uid, const QString &state, const QVariantMap &details) const;
+    void success(qulonglong attempt, uint uid, const QString &method) const;
+    void failed(qulonglong attempt, uint uid, const QString &method, int code, const QString &name, bool isCounted,
+                int attemptsLeft) const;
+    void givenUp(qulonglong attempt, uint uid, const QString &method, const QString &reason) const;
     void option(uint uid, const QString &method, const QString &option, const QVariant &value) const;
     void cert(const QString &method, const QString &cert) const;
     void done(uint uid) const;

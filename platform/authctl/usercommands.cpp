@@ -11,15 +11,15 @@ ExitCode Commands::state(Service &service, const Output &output, const Request &
 {
     const uint uid = userId(request.user);
     const auto reply = Service::result(service.GetState(uid));
-    const QString state = reply.argumentAt<0>();
-    output.state(uid, state, reply.argumentAt<1>());
+    const QString state = reply.argumentAt<1>();
+    output.state(reply.argumentAt<0>(), uid, state, reply.argumentAt<2>());
     return state == States::Locked ? Locked : Success;
 }
 
 ExitCode Commands::cancel(Service &service, const Output &output, const Request &request)
 {
     const uint uid = userId(request.user);
-    Service::result(service.Cancel(uid));
+    Service::result(service.Cancel(Service::result(service.GetState(uid)).argumentAt<0>()));
     output.done(uid);
     return Success;
 }

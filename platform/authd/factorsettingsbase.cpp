@@ -9,6 +9,7 @@
 #include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusServiceWatcher>
 #include <QDBusVariant>
 
 namespace AuthService = LibAuthd::AuthService;
@@ -52,6 +53,12 @@ public:
         bus.connect(AuthService::Service, AuthService::ObjectPath, AuthService::Interface,
                     Vocabulary::UserMethodOptionChanged, this,
                     SLOT(handleUserMethodOptionChanged(uint, QString, QString, QDBusVariant)));
+        // A daemon that starts later knows of no subscriber.
+        m_daemon.setConnection(bus);
+        m_daemon.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
+        m_daemon.addWatchedService(AuthService::Service);
+        connect(&m_daemon, &QDBusServiceWatcher::serviceRegistered, this, &Private::subscribe);
+        subscribe();
     }
 
     const QString method;
@@ -70,7 +77,17 @@ private Q_SLOTS:
     }
 
 private:
+    /// Has the daemon tell this connection of changes. A daemon that is not there is not started for it.
+    void subscribe()
+    {
+        QDBusMessage call = QDBusMessage::createMethodCall(AuthService::Service, AuthService::ObjectPath,
+                                                           AuthService::Interface, Vocabulary::Subscribe);
+        call.setAutoStartService(false);
+        bus.send(call);
+    }
+
     FactorSettingsBase *const q;
+    QDBusServiceWatcher m_daemon;
 };
 
 FactorSettingsBase::FactorSettingsBase(QObject *parent, const QString &name)

@@ -2,104 +2,61 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include "methodloader.h"
+#include "accounts.h"
+#include "attemptqueue.h"
+#include "methods.h"
 #include "reply.h"
+#include "userstates.h"
 
 #include <authd/notificationhandler.h>
 
-#include <QDeadlineTimer>
 #include <QHash>
 #include <QObject>
-#include <QStringList>
 
+#include <deque>
 #include <functional>
 
 class LockStore;
 
-/// Drives the methods: opens attempts, takes their outcomes, counts, locks, and answers for options. Who may ask is for
-/// the caller to check. Users are user ids that exist, never 0; anything else is answered with an error.
+/// Drives the methods: opens attempts, has each take its turn with its method, takes the outcomes, counts and locks.
+/// Which calls a caller may make about which user is for AuthService to check.
 ///
-/// A method knows one request at a time and names no user in its outcomes, so it has at most one attempt open.
+/// A method knows one request at a time and names no user in its outcomes, so what it tells is about the active
+/// attempt.
 class Authenticator : public QObject, private NotificationHandler
 {
     Q_OBJECT
 
 public:
-    /// `locks` must outlive this object.
-    Authenticator(std::vector<Method> methods, LockStore *locks);
-    /// Deletes the methods.
+    /// All must outlive this object. The methods tell it what happens from now on.
+    Authenticator(const Methods *methods, const Accounts *accounts, LockStore *locks,
+                  std::chrono::milliseconds timeLimit);
     ~Authenticator() override;
 
-    /// The methods' names, the one to offer first in front.
-    QStringList methods() const;
-    Reply methodInfo(const QString &method) const;
-
-    /// Opens an attempt of `uid` with what the user has entered; without any data the method only gets ready.
-    Reply openAttempt(uint uid, const QString &method, const QVariantMap &data);
-    /// Gives up the attempts of `uid` that are open.
-    Reply cancel(uint uid);
+    /// Goes on with the caller's attempt of user `uid` that awaits input, or opens one; the answer holds its number.
+    /// Without data the method only gets ready.
+    Reply authenticate(const Caller &caller, uint uid, const QString &method, const QVariantMap &data);
+    /// Gives up an attempt on behalf of `caller`, whose it must be unless root calls.
+    Reply cancel(const Caller &caller, AttemptId id);
+    /// Gives up the attempts of a connection that has gone.
+    void forgetCaller(const QString &name);
     Reply unlock(uint uid);
     Reply startSession(uint uid, bool manageClient);
     Reply stopSession(uint uid, bool manageClient);
-    /// The state of `uid` and its details.
+    /// The state of `uid`: attempt, name and details.
     Reply state(uint uid) const;
 
-    /// The value of an option of `uid`, 0 for the method as a whole. Only an option that nobody outside may write can
-    /// be one that the method computes: such a one is asked of the method, and counts when it is of the type of the
-    /// default. Any other is read from the store, and asking costs the method nothing.
-    Reply option(uint uid, const QString &method, const QString &option);
-    /// All options of `uid`, likewise.
-    Reply options(uint uid, const QString &method);
-    /// Writes an option on behalf of the user `writer`, as the method's rules allow it.
-    Reply setOption(uint writer, uint uid, const QString &method, const QString &option, const QVariant &value);
-
 Q_SIGNALS:
-    void authenticated(uint uid, const QString &method);
-    /// `code` is -1 when the method gave none.
-    void authenticationFailed(uint uid, const QString &method, int code, const QString &name, int attemptsLeft);
-    void stateChanged(uint uid, const QString &state, const QVariantMap &details);
-    void methodOptionChanged(const QString &method, const QString &option, const QVariant &value);
-    void userMethodOptionChanged(uint uid, const QString &method, const QString &option, const QVariant &value);
+    void authenticated(const AttemptName &attempt, uint uid, const QString &method);
+    /// `code` is ResultCodes::None when the method gave none.
+    void authenticationFailed(const AttemptName &attempt, uint uid, const QString &method, int code,
+                              const QString &name, bool isCounted, int attemptsLeft);
+    void attemptGivenUp(const AttemptName &attempt, uint uid, const QString &method, const QString &reason);
+    void stateChanged(uint uid, const UserStates::State &state);
+    /// The option of `uid`, 0 for the method as a whole.
+    void optionHasChanged(uint uid, const QString &method, const QString &option, const QVariant &value);
 
 private:
-    struct Attempt
-    {
-        enum Phase {
-            Closed,
-            Open,
-            /// Open, but the method has put the user back to the challenge; the user may enter anew.
-            Restarted,
-            /// The outcome is here and waits for its turn.
-            Answered
-        };
-        Phase phase = Closed;
-        /// The user of the attempt, or of the last one; 0 before the first.
-        uint uid = 0;
-        bool hasCredentials = false;
-
-        /// Whether its outcome is still to come.
-        bool isOpen() const { return phase == Open || phase == Restarted; }
-    };
-
-    struct Entry : Method
-    {
-        explicit Entry(Method &&method)
-            : Method(std::move(method))
-        {
-        }
-
-        Attempt attempt;
-        /// For whom the method is kept while the outcome of an attempt that was given up may still come in.
-        uint keptFor = 0;
-        QDeadlineTimer keptUntil;
-    };
-
-    struct State
-    {
-        QString name;
-        QVariantMap details;
-    };
-
     // NotificationHandler
     void succeed(const QString &method) override;
     void finish(const QString &method, bool success, const QMap<QString, QVariant> &params) override;
@@ -110,24 +67,29 @@ private:
     void optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
                        bool computed) override;
 
-    Entry *find(const QString &method);
-    const Entry *find(const QString &method) const;
-    /// An error for a user or a method that does not exist; none when both do.
-    Reply checkUser(uint uid) const;
-    Reply checkMethod(const QString &method) const;
-    /// The same for options, which also the user 0 has.
-    Reply checkOptions(uint uid, const QString &method) const;
-    /// Later, when no method is on the stack, since it is for calling methods.
-    void postpone(const std::function<void()> &action);
-    void takeOutcome(const char *outcome, const QString &method, const std::function<void(Entry &)> &handle);
-    void giveUp(Entry &entry);
-    QVariant currentValue(Entry &entry, uint uid, const QString &option) const;
-    State currentState(uint uid) const;
-    /// While the user is locked, the new state shows only afterwards.
-    void setState(uint uid, const QString &name, const QVariantMap &details);
-    void tellLocked(uint uid, bool locked, const QString &reason, uint duration);
+    /// Later, when no method is on the stack, since it is for calling methods; in the order in which it was told.
+    void postpone(std::function<void()> action);
+    /// Does what has been postponed.
+    void catchUp();
+    /// Postpones `handle` for the active attempt, when that still lacks an outcome.
+    void takeOutcome(const char *outcome, const QString &method, const std::function<void(Attempt &)> &handle);
+    void handleSuccess(Attempt attempt);
+    void handleFailure(Attempt attempt, const QMap<QString, QVariant> &params);
+    void handleInputRequest(Attempt &attempt, const QMap<QString, QVariant> &params);
+    void begin(AttemptId id);
+    void giveUp(AttemptId id, const QString &reason);
+    /// The same for the user's open attempt; false when there is none without an outcome.
+    bool giveUpOf(uint uid, const QString &reason);
+    /// Has the method forget its request, and wipes the data that it may share.
+    void forgetRequest(const QString &method, QVariantMap &data);
+    void tellMethodsOfLock(uint uid, bool locked, const QString &reason, uint duration);
 
-    std::vector<Entry> m_methods;
+    const Methods *const m_methods;
+    const Accounts *const m_accounts;
     LockStore *const m_locks;
-    QHash<uint, State> m_states;
+    UserStates m_states;
+    AttemptQueue m_queue;
+    /// Whose request each method has in mind.
+    QHash<QString, uint> m_requests;
+    std::deque<std::function<void()>> m_postponed;
 };

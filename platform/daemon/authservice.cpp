@@ -6,113 +6,145 @@
 #include "authserviceadaptor.h"
 #include "errors.h"
 #include "log.h"
+#include "methodoptions.h"
+#include "methods.h"
+#include "servicelimits.h"
 
 #include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
 
-AuthService::AuthService(Authenticator *authenticator)
-    : m_authenticator(authenticator)
+namespace {
+
+Reply tooManyCalls()
 {
-    auto *adaptor = new AuthServiceAdaptor(this);
-    connect(authenticator, &Authenticator::authenticated, adaptor, &AuthServiceAdaptor::Authenticated);
-    connect(authenticator, &Authenticator::authenticationFailed, adaptor, &AuthServiceAdaptor::AuthenticationFailed);
-    connect(authenticator, &Authenticator::stateChanged, adaptor, &AuthServiceAdaptor::StateChanged);
-    connect(authenticator, &Authenticator::methodOptionChanged, adaptor,
-            [adaptor](const QString &method, const QString &option, const QVariant &value) {
-                Q_EMIT adaptor->MethodOptionChanged(method, option, QDBusVariant(value));
-            });
-    connect(authenticator, &Authenticator::userMethodOptionChanged, adaptor,
-            [adaptor](uint uid, const QString &method, const QString &option, const QVariant &value) {
-                Q_EMIT adaptor->UserMethodOptionChanged(uid, method, option, QDBusVariant(value));
-            });
+    return Reply(Errors::LimitsExceeded, QStringLiteral("The caller makes too many calls"));
+}
+
+} // namespace
+
+AuthService::Allowance::Allowance()
+    : calls(Limits::CallsPerSecond, Limits::CallBurst)
+    , attempts(Limits::AttemptsPerSecond, Limits::AttemptBurst)
+    , refusals(Limits::RefusalsPerSecond, Limits::RefusalBurst)
+{
+}
+
+AuthService::AuthService(const QDBusConnection &bus, const Methods *methods, const MethodOptions *options,
+                         Authenticator *authenticator)
+    : m_methods(methods)
+    , m_options(options)
+    , m_authenticator(authenticator)
+    , m_callers(bus)
+    , m_reporter(bus, authenticator, options)
+{
+    new AuthServiceAdaptor(this);
+    connect(&m_callers, &Callers::gone, this, [this](const QString &name) {
+        m_reporter.unsubscribe(name);
+        m_authenticator->forgetCaller(name);
+    });
 }
 
 QStringList AuthService::GetMethods()
 {
-    answerAnyone([this](uint) { return Reply({m_authenticator->methods()}); });
+    answerAnyone([this](const Caller &) { return Reply({m_methods->names()}); });
     return {};
 }
 
 QVariantMap AuthService::GetMethodInfo(const QString &method)
 {
-    answerAnyone([this, method](uint) { return m_authenticator->methodInfo(method); });
+    answerAnyone([this, method](const Caller &) { return m_methods->info(method); });
     return {};
 }
 
-void AuthService::RequestChallenge(uint uid, const QString &method)
+void AuthService::Subscribe()
 {
-    answerUser(uid, [this, uid, method](uint) { return m_authenticator->openAttempt(uid, method, {}); });
+    answerAnyone([this](const Caller &caller) { return m_reporter.subscribe(caller); });
 }
 
-void AuthService::Authenticate(uint uid, const QString &method, const QVariantMap &data)
+void AuthService::Unsubscribe()
 {
-    answerUser(uid, [this, uid, method, data](uint) { return m_authenticator->openAttempt(uid, method, data); });
+    answerAnyone([this](const Caller &caller) {
+        m_reporter.unsubscribe(caller.name);
+        return Reply();
+    });
 }
 
-void AuthService::Cancel(uint uid)
+qulonglong AuthService::RequestChallenge(uint uid, const QString &method)
 {
-    answerUser(uid, [this, uid](uint) { return m_authenticator->cancel(uid); });
+    answerUser(uid, [this, uid, method](const Caller &caller) { return openAttempt(caller, uid, method, {}); });
+    return {};
 }
 
-QString AuthService::GetState(uint uid, QVariantMap &)
+qulonglong AuthService::Authenticate(uint uid, const QString &method, const QVariantMap &data)
 {
-    answerUser(uid, [this, uid](uint) { return m_authenticator->state(uid); });
+    answerUser(uid, [this, uid, method, data](const Caller &caller) { return openAttempt(caller, uid, method, data); });
+    return {};
+}
+
+void AuthService::Cancel(qulonglong attempt)
+{
+    answerAnyone([this, attempt](const Caller &caller) { return m_authenticator->cancel(caller, attempt); });
+}
+
+qulonglong AuthService::GetState(uint uid, QString &, QVariantMap &)
+{
+    answerUser(uid, [this, uid](const Caller &) { return m_authenticator->state(uid); });
     return {};
 }
 
 void AuthService::Unlock(uint uid)
 {
-    answerRoot([this, uid](uint) { return m_authenticator->unlock(uid); });
+    answerRoot([this, uid](const Caller &) { return m_authenticator->unlock(uid); });
 }
 
 void AuthService::SessionStarted(uint uid, bool manageClient)
 {
-    answerRoot([this, uid, manageClient](uint) { return m_authenticator->startSession(uid, manageClient); });
+    answerRoot([this, uid, manageClient](const Caller &) { return m_authenticator->startSession(uid, manageClient); });
 }
 
 void AuthService::SessionStopped(uint uid, bool manageClient)
 {
-    answerRoot([this, uid, manageClient](uint) { return m_authenticator->stopSession(uid, manageClient); });
+    answerRoot([this, uid, manageClient](const Caller &) { return m_authenticator->stopSession(uid, manageClient); });
 }
 
 QDBusVariant AuthService::GetMethodOption(const QString &method, const QString &option)
 {
-    answerAnyone([this, method, option](uint) { return m_authenticator->option(0, method, option); });
+    answerAnyone(
+        [this, method, option](const Caller &caller) { return m_options->option(caller.uid, 0, method, option); });
     return {};
 }
 
 QVariantMap AuthService::GetMethodOptions(const QString &method)
 {
-    answerAnyone([this, method](uint) { return m_authenticator->options(0, method); });
+    answerAnyone([this, method](const Caller &caller) { return m_options->options(caller.uid, 0, method); });
     return {};
 }
 
 void AuthService::SetMethodOption(const QString &method, const QString &option, const QDBusVariant &value)
 {
-    answerAnyone([this, method, option, value](uint caller) {
-        return m_authenticator->setOption(caller, 0, method, option, value.variant());
+    answerAnyone([this, method, option, value](const Caller &caller) {
+        return m_options->setOption(caller.uid, 0, method, option, value.variant());
     });
 }
 
 QDBusVariant AuthService::GetUserMethodOption(uint uid, const QString &method, const QString &option)
 {
-    answerUser(uid, [this, uid, method, option](uint) { return m_authenticator->option(uid, method, option); });
+    answerUser(uid, [this, uid, method, option](const Caller &caller) {
+        return m_options->option(caller.uid, uid, method, option);
+    });
     return {};
 }
 
 QVariantMap AuthService::GetUserMethodOptions(uint uid, const QString &method)
 {
-    answerUser(uid, [this, uid, method](uint) { return m_authenticator->options(uid, method); });
+    answerUser(uid, [this, uid, method](const Caller &caller) { return m_options->options(caller.uid, uid, method); });
     return {};
 }
 
 void AuthService::SetUserMethodOption(uint uid, const QString &method, const QString &option, const QDBusVariant &value)
 {
-    answerUser(uid, [this, uid, method, option, value](uint caller) {
-        return m_authenticator->setOption(caller, uid, method, option, value.variant());
+    answerUser(uid, [this, uid, method, option, value](const Caller &caller) {
+        return m_options->setOption(caller.uid, uid, method, option, value.variant());
     });
 }
 
@@ -120,31 +152,29 @@ void AuthService::answerAnyone(const Handler &handler)
 {
     setDelayedReply(true);
     const QDBusMessage call = message();
-    QDBusConnection bus = connection();
-    auto *pending = new QDBusPendingCallWatcher(
-        bus.interface()->asyncCall(QStringLiteral("GetConnectionUnixUser"), call.service()), this);
-    connect(pending, &QDBusPendingCallWatcher::finished, this,
-            [call, bus, handler](QDBusPendingCallWatcher *finished) mutable {
-                finished->deleteLater();
-                const QDBusPendingReply<uint> caller = *finished;
-                // An error means that the caller has gone.
-                if (caller.isError())
-                    return;
-                const Reply reply = handler(caller.value());
-                if (reply.isError())
-                    Log::write(Log::Notice, "refused",
-                               {{"call", call.member()}, {"caller", caller.value()}, {"error", reply.error}});
-                if (!call.isReplyRequired())
-                    return;
-                bus.send(reply.isError() ? call.createErrorReply(reply.error, reply.text)
-                                         : call.createReply(reply.values));
-            });
+    const QDBusConnection bus = connection();
+    const auto answer = [call, bus](const Reply &reply) {
+        if (call.isReplyRequired())
+            bus.send(reply.isError() ? call.createErrorReply(reply.error, reply.text) : call.createReply(reply.values));
+    };
+    const bool mayWait = m_callers.identify(call.service(), [this, call, answer, handler](const Caller &caller) {
+        if (!caller.isRoot() && !m_allowances[caller.uid].calls.pass()) {
+            answer(tooManyCalls());
+            return;
+        }
+        const Reply reply = handler(caller);
+        if (reply.isError())
+            logRefusal(call.member(), caller, reply.error);
+        answer(reply);
+    });
+    if (!mayWait)
+        answer(tooManyCalls());
 }
 
 void AuthService::answerUser(uint uid, const Handler &handler)
 {
-    answerAnyone([uid, handler](uint caller) {
-        if (caller != 0 && caller != uid)
+    answerAnyone([uid, handler](const Caller &caller) {
+        if (!caller.isRoot() && caller.uid != uid)
             return Reply(Errors::AccessDenied, QStringLiteral("This is for the user and for root"));
         if (uid == 0)
             return Reply(Errors::NoSuchUser, QStringLiteral("The user id 0 stands for no user"));
@@ -154,7 +184,28 @@ void AuthService::answerUser(uint uid, const Handler &handler)
 
 void AuthService::answerRoot(const Handler &handler)
 {
-    answerAnyone([handler](uint caller) {
-        return caller == 0 ? handler(caller) : Reply(Errors::AccessDenied, QStringLiteral("This is for root"));
+    answerAnyone([handler](const Caller &caller) {
+        return caller.isRoot() ? handler(caller) : Reply(Errors::AccessDenied, QStringLiteral("This is for root"));
     });
+}
+
+Reply AuthService::openAttempt(const Caller &caller, uint uid, const QString &method, const QVariantMap &data)
+{
+    if (!caller.isRoot() && !m_allowances[caller.uid].attempts.pass())
+        return Reply(Errors::LimitsExceeded, QStringLiteral("The user opens too many attempts"));
+    return m_authenticator->authenticate(caller, uid, method, data);
+}
+
+void AuthService::logRefusal(const QString &member, const Caller &caller, const QString &error)
+{
+    Allowance &allowance = m_allowances[caller.uid];
+    if (!caller.isRoot() && !allowance.refusals.pass()) {
+        ++allowance.unlogged;
+        return;
+    }
+    Log::Fields fields = {{"call", member}, {"caller", caller.uid}, {"error", error}};
+    if (allowance.unlogged > 0)
+        fields.append({"unlogged-before", allowance.unlogged});
+    allowance.unlogged = 0;
+    Log::write(Log::Notice, "refused", fields);
 }

@@ -9,6 +9,7 @@ namespace Errors {
 
 constexpr QLatin1String AccessDenied = LibAuthd::Vocabulary::word("org.freedesktop.DBus.Error.AccessDenied");
 constexpr QLatin1String InvalidArgs = LibAuthd::Vocabulary::word("org.freedesktop.DBus.Error.InvalidArgs");
+constexpr QLatin1String LimitsExceeded = LibAuthd::Vocabulary::word("org.freedesktop.DBus.Error.LimitsExceeded");
 constexpr QLatin1String NoSuchUser = LibAuthd::Vocabulary::word("qarv.AuthService.Error.NoSuchUser");
 constexpr QLatin1String NoSuchMethod = LibAuthd::Vocabulary::word("qarv.AuthService.Error.NoSuchMethod");
 constexpr QLatin1String NoSuchOption = LibAuthd::Vocabulary::word("qarv.AuthService.Error.NoSuchOption");

@@ -1,10 +1,12 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include "accounts.h"
 #include "authenticator.h"
 #include "authservice.h"
 #include "lockstore.h"
 #include "log.h"
 #include "methodloader.h"
+#include "methodoptions.h"
 #include "systembus.h"
 
 #include <QCommandLineParser>
@@ -26,6 +28,8 @@ enum ExitCode { Stopped = 0, Failed = 1, WrongUsage = 2, NoBus = 3, NoName = 4 }
 
 /// The end of the event loop that asks for a new start.
 constexpr int Restart = -1;
+constexpr std::chrono::seconds DefaultAttemptTimeout{60};
+constexpr std::chrono::hours LongestAttemptTimeout{24};
 /// How often to look for a bus that is not there, in milliseconds.
 constexpr int BusInterval = 250;
 
@@ -108,10 +112,19 @@ void startAnew(const QStringList &arguments)
     execv("/proc/self/exe", argv.data());
 }
 
-int run(const QString &methodsDirectory, bool waitForBus)
+/// What the command line asks for.
+struct Settings
 {
-    if (!QFileInfo(methodsDirectory).isDir()) {
-        Log::write(Log::Error, "no-methods-directory", {{"directory", methodsDirectory}});
+    QString methods;
+    bool waitForBus = false;
+    Accounts::Rule accounts = Accounts::ForPeople;
+    std::chrono::seconds attemptTimeout = DefaultAttemptTimeout;
+};
+
+int run(const Settings &settings)
+{
+    if (!QFileInfo(settings.methods).isDir()) {
+        Log::write(Log::Error, "no-methods-directory", {{"directory", settings.methods}});
         return Failed;
     }
     LockStore locks;
@@ -120,8 +133,9 @@ int run(const QString &methodsDirectory, bool waitForBus)
 
     SystemBus bus;
     if (!bus.open()) {
-        Log::write(waitForBus ? Log::Notice : Log::Error, "no-bus", {{"error", bus.error()}, {"wait", waitForBus}});
-        if (!waitForBus)
+        Log::write(settings.waitForBus ? Log::Notice : Log::Error, "no-bus",
+                   {{"error", bus.error()}, {"wait", settings.waitForBus}});
+        if (!settings.waitForBus)
             return NoBus;
         QTimer timer;
         QObject::connect(&timer, &QTimer::timeout, &bus, [&bus] {
@@ -137,11 +151,13 @@ int run(const QString &methodsDirectory, bool waitForBus)
         QCoreApplication::exit(Restart);
     });
 
-    std::vector<Method> methods = loadMethods(methodsDirectory);
-    if (methods.empty())
-        Log::write(Log::Warning, "no-methods", {{"directory", methodsDirectory}});
-    Authenticator authenticator(std::move(methods), &locks);
-    AuthService service(&authenticator);
+    const Methods methods(loadMethods(settings.methods));
+    if (methods.names().isEmpty())
+        Log::write(Log::Warning, "no-methods", {{"directory", settings.methods}});
+    const Accounts accounts(settings.accounts);
+    const MethodOptions options(&methods, &accounts);
+    Authenticator authenticator(&methods, &accounts, &locks, settings.attemptTimeout);
+    AuthService service(bus.connection(), &methods, &options, &authenticator);
     switch (bus.claim(&service)) {
     case SystemBus::Claimed:
         break;
@@ -174,6 +190,12 @@ int main(int argc, char *argv[])
                                                     "connected to the journal."));
     const QCommandLineOption waitForBus(QStringLiteral("wait-for-bus"),
                                         QStringLiteral("Wait for the system bus when it is not there."));
+    const QCommandLineOption anyAccount(
+        QStringLiteral("any-account"),
+        QStringLiteral("Serve every account but root's, not only those that people log in with."));
+    const QCommandLineOption attemptTimeout(QStringLiteral("attempt-timeout"),
+                                            QStringLiteral("Give up attempts without an outcome after <seconds>."),
+                                            QStringLiteral("seconds"), QString::number(DefaultAttemptTimeout.count()));
     const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help."));
     QCommandLineParser parser;
     parser.setApplicationDescription(
@@ -181,11 +203,23 @@ int main(int argc, char *argv[])
                        "qarv.AuthService. Ends on SIGTERM, SIGINT and SIGHUP.\n\n"
                        "Exit codes: 0 ended as told, 1 cannot start, 2 wrong usage, 3 no system bus,\n"
                        "4 the service's name is taken or not allowed."));
-    parser.addOptions({methods, journal, waitForBus, help});
+    parser.addOptions({methods, journal, waitForBus, anyAccount, attemptTimeout, help});
     const QCommandLineOption version = parser.addVersionOption();
-    if (!parser.parse(QCoreApplication::arguments()) || !parser.positionalArguments().isEmpty()) {
-        const QString error =
-            parser.errorText().isEmpty() ? QStringLiteral("No arguments expected.") : parser.errorText();
+    QString error;
+    bool isNumber = false;
+    Settings settings;
+    if (!parser.parse(QCoreApplication::arguments()))
+        error = parser.errorText();
+    else if (!parser.positionalArguments().isEmpty())
+        error = QStringLiteral("No arguments expected.");
+    settings.methods = parser.value(methods);
+    settings.waitForBus = parser.isSet(waitForBus);
+    settings.accounts = parser.isSet(anyAccount) ? Accounts::All : Accounts::ForPeople;
+    settings.attemptTimeout = std::chrono::seconds(parser.value(attemptTimeout).toUInt(&isNumber));
+    if (error.isEmpty()
+        && (!isNumber || settings.attemptTimeout.count() == 0 || settings.attemptTimeout > LongestAttemptTimeout))
+        error = QStringLiteral("--attempt-timeout wants a number of seconds, up to a day.");
+    if (!error.isEmpty()) {
         std::fprintf(stderr, "authd: %s\nSee authd --help.\n", qUtf8Printable(error));
         return WrongUsage;
     }
@@ -199,12 +233,12 @@ int main(int argc, char *argv[])
         Log::write(Log::Error, "no-signals", {{"error", qt_error_string(errno)}});
         return Failed;
     }
-    const int result = run(parser.value(methods), parser.isSet(waitForBus));
+    const int result = run(settings);
     if (result != Restart)
         return result;
 
     QStringList arguments = QCoreApplication::arguments();
-    if (!parser.isSet(waitForBus))
+    if (!settings.waitForBus)
         arguments << QLatin1String("--") + waitForBus.names().constFirst();
     startAnew(arguments);
     Log::write(Log::Error, "no-restart", {{"error", qt_error_string(errno)}});

@@ -10,6 +10,7 @@
 namespace States {
 
 constexpr QLatin1String Idle = LibAuthd::Vocabulary::word("idle");
+constexpr QLatin1String Queued = LibAuthd::Vocabulary::word("queued");
 constexpr QLatin1String Pending = LibAuthd::Vocabulary::word("pending");
 constexpr QLatin1String Challenge = LibAuthd::Vocabulary::word("challenge");
 constexpr QLatin1String Authenticated = LibAuthd::Vocabulary::word("authenticated");
@@ -25,3 +26,16 @@ constexpr QLatin1String Duration = LibAuthd::Vocabulary::word("duration");
 constexpr unsigned int UntilUnlocked = std::numeric_limits<unsigned int>::max();
 
 } // namespace States
+
+/// Why an attempt has ended without success or failure.
+namespace Reasons {
+
+constexpr QLatin1String Cancelled = LibAuthd::Vocabulary::word("cancelled");
+constexpr QLatin1String Replaced = LibAuthd::Vocabulary::word("replaced");
+constexpr QLatin1String TimedOut = LibAuthd::Vocabulary::word("timed-out");
+constexpr QLatin1String CallerGone = LibAuthd::Vocabulary::word("caller-gone");
+constexpr QLatin1String CutShort = LibAuthd::Vocabulary::word("cut-short");
+constexpr QLatin1String Locked = LibAuthd::Vocabulary::word("locked");
+constexpr QLatin1String SessionStopped = LibAuthd::Vocabulary::word("session-stopped");
+
+} // namespace Reasons

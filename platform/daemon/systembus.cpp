@@ -4,7 +4,6 @@
 
 #include <authd/authservice.h>
 
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusError>
 #include <QDBusReply>
@@ -33,9 +32,14 @@ bool SystemBus::open()
     return true;
 }
 
+QDBusConnection SystemBus::connection() const
+{
+    return QDBusConnection(connectionName);
+}
+
 SystemBus::Claim SystemBus::claim(QObject *object)
 {
-    QDBusConnection bus(connectionName);
+    QDBusConnection bus = connection();
     bus.registerObject(LibAuthd::AuthService::ObjectPath, object, QDBusConnection::ExportAdaptors);
     const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
         bus.interface()->registerService(LibAuthd::AuthService::Service);

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <QDBusConnection>
 #include <QObject>
 #include <QString>
 
@@ -18,6 +19,8 @@ public:
 
     /// Whether there is a connection now, after trying; a failure may be tried again.
     bool open();
+    /// The connection, once it is open.
+    QDBusConnection connection() const;
     /// Offers `object` with its adaptors as the service, and takes the service's name.
     Claim claim(QObject *object);
     /// What the bus said to the last failure.

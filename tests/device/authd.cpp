@@ -118,7 +118,7 @@ Reports::Reports(const BusUser &user)
 {
     user.connection().connect(AuthService::Service, AuthService::ObjectPath, AuthService::Interface, QString(), this,
                               SLOT(record(QDBusMessage)));
-    user.call(QStringLiteral("GetMethods")); // From here on the bus delivers them.
+    user.call(QStringLiteral("Subscribe"));
 }
 
 bool Reports::waitFor(const QString &text)
@@ -136,7 +136,8 @@ void Reports::record(const QDBusMessage &signal)
         return;
     QStringList arguments;
     const QVariantList values = signal.arguments();
-    for (const QVariant &argument : values)
+    attempts << values.constFirst().toULongLong();
+    for (const QVariant &argument : values.mid(1))
         arguments << reportText(argument);
     texts << signal.member() + QLatin1Char('(') + arguments.join(QStringLiteral(", ")) + QLatin1Char(')');
 }

@@ -60,7 +60,7 @@ private:
     QDBusConnection m_connection;
 };
 
-/// The service's signals, from the start of the object.
+/// The service's signals to a subscriber, from the start of the object.
 class Reports : public QObject
 {
     Q_OBJECT
@@ -68,8 +68,10 @@ class Reports : public QObject
 public:
     explicit Reports(const BusUser &user);
 
-    /// Each as "Member(argument, argument, ...)", in order, options' changes left out.
+    /// Each as "Member(argument, argument, ...)", in order, options' changes and the attempts left out.
     QStringList texts;
+    /// The attempts that they are about.
+    QVector<qulonglong> attempts;
     QVector<QDBusMessage> all;
 
     /// Waits until the last one starts with `text`.

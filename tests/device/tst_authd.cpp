@@ -146,7 +146,6 @@ private Q_SLOTS:
     void certificate();
     void challenge();
     void refusedRequests();
-    void oneAttemptAtATime();
     void cancelAndRetry();
     void nothingToCancel();
     void dyingClient();
@@ -177,9 +176,15 @@ private:
     {
         QStringList texts;
         const QVariantList values = user.call(QStringLiteral("GetState"), {uid}).arguments();
-        for (const QVariant &value : values)
+        for (const QVariant &value : values.mid(1))
             texts << reportText(value);
         return texts.join(QLatin1Char(' '));
+    }
+
+    /// The attempt that the user's state is of.
+    qulonglong attemptOf(const BusUser &user, uint uid) const
+    {
+        return user.call(QStringLiteral("GetState"), {uid}).arguments().value(0).toULongLong();
     }
 
     Authd m_authd;
@@ -498,41 +503,48 @@ void TstAuthd::failures_data()
 {
     QTest::addColumn<QString>("answer");
     QTest::addColumn<QString>("result");
+    QTest::addColumn<bool>("isCounted");
 
-    QTest::newRow("failed") << "failed"
-                            << "11, AuthFailed";
-    QTest::newRow("lock") << "lock"
-                          << "6, UserLocked";
-    QTest::newRow("nousb") << "nousb"
-                           << "9, NoUsbDevice";
-    QTest::newRow("error") << "error"
-                           << "5, CannotCommunicateClient";
-    QTest::newRow("die") << "die"
-                         << "5, CannotCommunicateClient";
+    const auto row = [](const char *answer, const char *result, bool isCounted) {
+        QTest::newRow(answer) << QString::fromLatin1(answer) << QString::fromLatin1(result) << isCounted;
+    };
+    row("failed", "11, AuthFailed", true);
+    row("anything else", "11, AuthFailed", true);
+    row("remove", "7, TooManyAttempts", true);
+    row("lock", "6, UserLocked", false);
+    row("nousb", "9, NoUsbDevice", false);
+    row("connerr", "10, ConnectionError", false);
+    row("firstcererr", "12, BadDefaultCert", false);
+    row("errauthtype", "14, ErrAuthType", false);
+    row("error", "5, CannotCommunicateClient", false);
+    row("die", "5, CannotCommunicateClient", false);
 }
 
 void TstAuthd::failures()
 {
     QFETCH(QString, answer);
     QFETCH(QString, result);
+    QFETCH(bool, isCounted);
     const BusUser root(0);
     QCOMPARE(root.error(QStringLiteral("SetMethodOption"),
                         {kavetMethod, QStringLiteral("max-attempts"), QVariant::fromValue(QDBusVariant(5))}),
              QString());
     Reports reports(root);
     QCOMPARE(authenticate(root, bob, answer), QString());
-    QTRY_VERIFY(reports.texts.contains(QStringLiteral("AuthenticationFailed(1001, kavet, %1, 5)").arg(result)));
+    QTRY_VERIFY(reports.texts.contains(
+        QStringLiteral("AuthenticationFailed(1001, kavet, %1, %2, 5)").arg(result, QVariant(isCounted).toString())));
     QTRY_VERIFY(reports.texts.contains(
         QStringLiteral("StateChanged(1001, challenge, {input-request-type=2, method=kavet, result-code=%1})")
             .arg(result.section(QLatin1Char(','), 0, 0))));
-    // The failed attempt is counted; as a text once the client's own file has been read.
-    QTRY_VERIFY(QRegularExpression(QStringLiteral("attempts='?1"))
-                    .match(QString::fromUtf8(TestDevice::readFile(QStringLiteral("/var/lib/authd/users/1001.conf"))))
-                    .hasMatch());
+    // Only what the client says about the password is counted; as a text once the client's own file has been read.
+    QCOMPARE(QRegularExpression(QStringLiteral("attempts='?1"))
+                 .match(QString::fromUtf8(TestDevice::readFile(QStringLiteral("/var/lib/authd/users/1001.conf"))))
+                 .hasMatch(),
+             isCounted);
 
-    // And another one is welcome; to a client that has been started again, once that is linked.
+    // And another one is welcome, once the method has noticed that its client has gone.
     if (answer == QLatin1String("die"))
-        QVERIFY(m_authd.waitForLog("event=outcome-without-attempt method=kavet outcome=input-request"));
+        QVERIFY(m_authd.waitForLog("event=restart method=kavet"));
     QCOMPARE(authenticate(root, bob, QStringLiteral("success")), QString());
     QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1001, authenticated")));
 }
@@ -567,6 +579,9 @@ void TstAuthd::challenge()
                         {alice, kavetMethod, QVariantMap{{QStringLiteral("cert"), QStringLiteral("c")}}}),
              QString());
     QTRY_COMPARE(reports.texts.count(challenge), 2);
+    // It is one attempt, and still open.
+    QCOMPARE(QSet<qulonglong>(reports.attempts.cbegin(), reports.attempts.cend()).size(), 1);
+    QVERIFY(reports.texts.filter(QStringLiteral("AttemptGivenUp")).isEmpty());
     QCOMPARE(TestDevice::calls().size(), 0);
 }
 
@@ -585,22 +600,6 @@ void TstAuthd::refusedRequests()
     QCOMPARE(stateText(root, alice), QStringLiteral("idle {}"));
 }
 
-void TstAuthd::oneAttemptAtATime()
-{
-    setClientScript({{QStringLiteral("socket"), QStringLiteral("/tmp/scripted-client/go")}});
-    const BusUser root(0);
-    Reports reports(root);
-    QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
-    QCOMPARE(stateText(root, alice), QStringLiteral("pending {method=kavet}"));
-    QCOMPARE(authenticate(root, alice, QStringLiteral("failed")), serviceError + QStringLiteral("Busy"));
-    QCOMPARE(authenticate(root, bob, QStringLiteral("failed")), serviceError + QStringLiteral("Busy"));
-    QCOMPARE(root.error(QStringLiteral("RequestChallenge"), {bob, kavetMethod}), serviceError + QStringLiteral("Busy"));
-
-    QVERIFY(TestDevice::writeFile(QStringLiteral("/tmp/scripted-client/go"), {}));
-    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
-    QCOMPARE(TestDevice::calls().size(), 1);
-}
-
 void TstAuthd::cancelAndRetry()
 {
     const BusUser user(alice);
@@ -608,32 +607,36 @@ void TstAuthd::cancelAndRetry()
     Reports reports(user);
     QCOMPARE(authenticate(user, alice, QStringLiteral("late")), QString());
     QTRY_COMPARE(TestDevice::calls().size(), 1);
-    QCOMPARE(user.error(QStringLiteral("Cancel"), {alice}), QString());
+    QCOMPARE(user.error(QStringLiteral("Cancel"), {attemptOf(user, alice)}), QString());
     QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+    QVERIFY(reports.texts.contains(QStringLiteral("AttemptGivenUp(1000, kavet, cancelled)")));
 
-    // The answer that is still to come must not let anybody else in.
-    QCOMPARE(authenticate(root, bob, QStringLiteral("failed")), serviceError + QStringLiteral("Busy"));
-    // It counts for nothing.
+    // The answer that is still to come lets nobody in: neither alice, whose attempt has ended, nor who comes next.
+    QCOMPARE(authenticate(user, alice, QStringLiteral("never")), QString());
+    QTRY_COMPARE(TestDevice::calls().size(), 2);
     QVERIFY(TestDevice::writeFile(QStringLiteral("/tmp/scripted-client/answer"), {}));
-    QVERIFY(m_authd.waitForLog("event=outcome-without-attempt method=kavet outcome=success"));
-    QCOMPARE(stateText(user, alice), QStringLiteral("idle {}"));
-    QVERIFY(!reports.texts.contains(QStringLiteral("Authenticated(1000, kavet)")));
+    QVERIFY(
+        !QTest::qWaitFor([&] { return reports.texts.contains(QStringLiteral("Authenticated(1000, kavet)")); }, 500));
+    QCOMPARE(stateText(user, alice), QStringLiteral("pending {method=kavet}"));
 
     QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
     QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    QVERIFY(reports.texts.contains(QStringLiteral("AttemptGivenUp(1000, kavet, replaced)")));
 }
 
 void TstAuthd::nothingToCancel()
 {
     const BusUser user(alice);
-    QCOMPARE(user.error(QStringLiteral("Cancel"), {alice}), serviceError + QStringLiteral("NoAttempt"));
     const BusUser root(0);
-    QCOMPARE(root.error(QStringLiteral("Cancel"), {uint(4711)}), serviceError + QStringLiteral("NoSuchUser"));
-    // What another user has open stays so.
+    QCOMPARE(user.error(QStringLiteral("Cancel"), {qulonglong(0)}), serviceError + QStringLiteral("NoAttempt"));
+    QCOMPARE(root.error(QStringLiteral("Cancel"), {qulonglong(4711)}), serviceError + QStringLiteral("NoAttempt"));
+    // What another caller has open stays so, though its number is known.
     QCOMPARE(authenticate(root, bob, QStringLiteral("never")), QString());
-    QCOMPARE(user.error(QStringLiteral("Cancel"), {alice}), serviceError + QStringLiteral("NoAttempt"));
+    const qulonglong attempt = attemptOf(root, bob);
+    QCOMPARE(user.error(QStringLiteral("Cancel"), {attempt}), serviceError + QStringLiteral("NoAttempt"));
+    QCOMPARE(BusUser(bob).error(QStringLiteral("Cancel"), {attempt}), serviceError + QStringLiteral("NoAttempt"));
     QCOMPARE(stateText(root, bob), QStringLiteral("pending {method=kavet}"));
-    QCOMPARE(root.error(QStringLiteral("Cancel"), {bob}), QString());
+    QCOMPARE(root.error(QStringLiteral("Cancel"), {attempt}), QString());
 }
 
 void TstAuthd::dyingClient()
@@ -647,7 +650,7 @@ void TstAuthd::dyingClient()
     const QString restarted = QStringLiteral("StateChanged(1000, challenge, {method=kavet, restarted=true})");
     QCOMPARE(reports.texts.count(restarted), 11);
     QCOMPARE(reports.texts.filter(QStringLiteral("AuthenticationFailed")),
-             QStringList{QStringLiteral("AuthenticationFailed(1000, kavet, 3, CannotStartClient, 1)")});
+             QStringList{QStringLiteral("AuthenticationFailed(1000, kavet, 3, CannotStartClient, false, 1)")});
     QCOMPARE(TestDevice::launches().size(), 11);
     QCOMPARE(m_authd.log().count("event=attempt-opened"), 1);
 
@@ -686,7 +689,7 @@ void TstAuthd::lockAtTheLimit()
     QVERIFY(reports.waitFor(locked));
     QCOMPARE(reports.texts,
              (QStringList{QStringLiteral("StateChanged(1000, pending, {method=kavet})"),
-                          QStringLiteral("AuthenticationFailed(1000, kavet, 11, AuthFailed, 1)"), locked}));
+                          QStringLiteral("AuthenticationFailed(1000, kavet, 11, AuthFailed, true, 1)"), locked}));
     QVERIFY(m_authd.log().contains("level=warning event=method-event method=kavet level=WARN_LEVEL "
                                    "name=devlock-attempts-expired details=\"\"\n"));
 
@@ -710,12 +713,13 @@ void TstAuthd::lockAtTheLimit()
     }
     QCOMPARE(TestDevice::calls().size(), 1);
 
+    Reports later(user);
     QCOMPARE(root.error(QStringLiteral("Unlock"), {alice}), QString());
-    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+    QVERIFY(later.waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
     QCOMPARE(root.error(QStringLiteral("Unlock"), {alice}), QString());
     QCOMPARE(root.error(QStringLiteral("Unlock"), {uint(4711)}), serviceError + QStringLiteral("NoSuchUser"));
     QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
-    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    QVERIFY(later.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
 }
 
 void TstAuthd::sessionStop()
@@ -739,7 +743,9 @@ void TstAuthd::sessionStop()
     // It stays away.
     QCOMPARE(stateText(root, alice), QStringLiteral("idle {}"));
     QCOMPARE(TestDevice::launches().size(), 1);
-    QCOMPARE(root.error(QStringLiteral("Cancel"), {alice}), serviceError + QStringLiteral("NoAttempt"));
+    QCOMPARE(root.error(QStringLiteral("Cancel"), {attemptOf(root, alice)}),
+             serviceError + QStringLiteral("NoAttempt"));
+    QVERIFY(reports.texts.contains(QStringLiteral("AttemptGivenUp(1000, kavet, session-stopped)")));
 }
 
 void TstAuthd::sessionStart()
@@ -835,7 +841,6 @@ void TstAuthd::access_data()
     const QVariant value = QVariant::fromValue(QDBusVariant(1));
     QTest::newRow("RequestChallenge") << "RequestChallenge" << QVariantList{alice, kavetMethod} << false;
     QTest::newRow("Authenticate") << "Authenticate" << QVariantList{alice, kavetMethod, password({})} << false;
-    QTest::newRow("Cancel") << "Cancel" << QVariantList{alice} << false;
     QTest::newRow("GetState") << "GetState" << QVariantList{alice} << false;
     QTest::newRow("Unlock") << "Unlock" << QVariantList{bob} << false;
     QTest::newRow("SessionStarted") << "SessionStarted" << QVariantList{bob, true} << false;
@@ -854,6 +859,8 @@ void TstAuthd::access_data()
     QTest::newRow("GetMethodOption") << "GetMethodOption" << QVariantList{kavetMethod, QStringLiteral("max-attempts")}
                                      << true;
     QTest::newRow("GetMethodOptions") << "GetMethodOptions" << QVariantList{kavetMethod} << true;
+    QTest::newRow("Subscribe") << "Subscribe" << QVariantList{} << true;
+    QTest::newRow("Unsubscribe") << "Unsubscribe" << QVariantList{} << true;
     QTest::newRow("own state") << "GetState" << QVariantList{bob} << true;
 }
 
@@ -919,6 +926,8 @@ void TstAuthd::garbage()
     const QStringList members = {
         QStringLiteral("GetMethods"),
         QStringLiteral("GetMethodInfo"),
+        QStringLiteral("Subscribe"),
+        QStringLiteral("Unsubscribe"),
         QStringLiteral("RequestChallenge"),
         QStringLiteral("Authenticate"),
         QStringLiteral("Cancel"),

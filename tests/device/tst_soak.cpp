@@ -174,9 +174,11 @@ void TstSoak::login(int number)
     if (isDisturbed)
         disturb();
     m_reports->all.clear();
-    const QString error = m_root->error(
+    const QDBusMessage reply = m_root->call(
         QStringLiteral("Authenticate"),
         {TestDevice::alice, method, QVariantMap{{QStringLiteral("cert"), cert}, {QStringLiteral("pin"), pin}}});
+    const QString error = reply.errorName();
+    const QVariant attempt = reply.arguments().value(0);
     if (!error.isEmpty() && !QTest::qWaitFor([] { return false; }, 1500))
         qWarning("%s", m_authd.log().right(logTail).constData());
     QVERIFY2(error.isEmpty(), qPrintable(QStringLiteral("Login %1: %2").arg(number).arg(error)));
@@ -194,14 +196,14 @@ void TstSoak::login(int number)
             if (report.member() == QLatin1String("Authenticated"))
                 outcomes << QStringLiteral("success");
             else if (report.member() == QLatin1String("AuthenticationFailed"))
-                outcomes << report.arguments().at(3).toString();
+                outcomes << report.arguments().at(4).toString();
         }
         return !outcomes.isEmpty();
     };
     const auto isBackAtChallenge = [&] {
         const QDBusMessage state = m_root->call(QStringLiteral("GetState"), {TestDevice::alice});
-        const QVariantMap details = qdbus_cast<QVariantMap>(state.arguments().value(1));
-        return state.arguments().value(0).toString() == QLatin1String("challenge")
+        const QVariantMap details = qdbus_cast<QVariantMap>(state.arguments().value(2));
+        return state.arguments().value(1).toString() == QLatin1String("challenge")
                && !details.value(QStringLiteral("restarted")).toBool();
     };
     const bool hasEnded = QTest::qWaitFor([&] { return look() || isBackAtChallenge(); }, outcomeLimit);
@@ -218,7 +220,7 @@ void TstSoak::login(int number)
         QVERIFY2(isKilled || isDisturbed || !m_isSettled,
                  qPrintable(QStringLiteral("Login %1 has no outcome").arg(number)));
         ++m_backAtChallenge;
-        m_root->call(QStringLiteral("Cancel"), {TestDevice::alice});
+        m_root->call(QStringLiteral("Cancel"), {attempt});
     } else {
         ++m_outcomes[cert];
         ++(outcomes.first() == QLatin1String("success") ? m_succeeded : m_failed);

@@ -1,0 +1,178 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "authenticator.h"
+
+#include "lockstore.h"
+#include "log.h"
+#include "methodoptions.h"
+#include "requestdata.h"
+#include "resultcodes.h"
+#include "states.h"
+
+#include <authd/vocabulary.h>
+
+namespace Vocabulary = LibAuthd::Vocabulary;
+
+// What the methods tell.
+
+namespace {
+
+constexpr QLatin1String WarningLevel = Vocabulary::word("WARN_LEVEL");
+
+/// What concerns the user among the parameters of an outcome.
+QVariantMap challengeDetails(const QString &method, const QVariantMap &params)
+{
+    QVariantMap details = {{States::Method, method}};
+    for (const QLatin1String key : {Vocabulary::InputRequestType, Vocabulary::ResultCode}) {
+        if (params.contains(key))
+            details.insert(key, params.value(key).toInt());
+    }
+    return details;
+}
+
+} // namespace
+
+void Authenticator::succeed(const QString &method)
+{
+    takeOutcome("success", method, [this](const Attempt &attempt) { handleSuccess(m_queue.close(attempt.id)); });
+}
+
+void Authenticator::finish(const QString &method, bool success, const QMap<QString, QVariant> &params)
+{
+    if (success) {
+        succeed(method);
+        return;
+    }
+    takeOutcome("failure", method,
+                [this, params](const Attempt &attempt) { handleFailure(m_queue.close(attempt.id), params); });
+}
+
+void Authenticator::inputRequested(const QString &method, const QMap<QString, QVariant> &params)
+{
+    takeOutcome("input-request", method, [this, params](Attempt &attempt) { handleInputRequest(attempt, params); });
+}
+
+void Authenticator::takeOutcome(const char *outcome, const QString &method,
+                                const std::function<void(Attempt &)> &handle)
+{
+    Attempt *attempt = m_queue.active();
+    if (!attempt || attempt->method != method || attempt->phase == Attempt::Answered) {
+        Log::write(Log::Notice, "outcome-without-attempt",
+                   {{"method", method}, {"outcome", QString::fromLatin1(outcome)}});
+        return;
+    }
+    attempt->phase = Attempt::Answered;
+    postpone([this, handle, id = attempt->id] { handle(*m_queue.find(id)); });
+}
+
+void Authenticator::handleSuccess(Attempt attempt)
+{
+    RequestData::wipe(attempt.data);
+    if (m_locks->find(attempt.uid)) {
+        Log::write(Log::Warning, "success-of-locked-user", {{"method", attempt.method}, {"uid", attempt.uid}});
+        Q_EMIT attemptGivenUp(attempt.name(), attempt.uid, attempt.method, Reasons::Locked);
+        m_states.set(attempt.uid, attempt.name(), States::Idle);
+        return;
+    }
+    m_methods->find(attempt.method)->resetAttempts(attempt.uid);
+    Log::write(Log::Notice, "authenticated",
+               {{"attempt", attempt.id}, {"method", attempt.method}, {"uid", attempt.uid}});
+    Q_EMIT authenticated(attempt.name(), attempt.uid, attempt.method);
+    m_states.set(attempt.uid, attempt.name(), States::Authenticated, {{States::Method, attempt.method}});
+}
+
+void Authenticator::handleFailure(Attempt attempt, const QMap<QString, QVariant> &params)
+{
+    AuthPluginInterface &plugin = *m_methods->find(attempt.method);
+    const int code = params.value(Vocabulary::ResultCode, ResultCodes::None).toInt();
+    const QString codeName = plugin.getErrorMessage(code);
+    const bool isCounted = ResultCodes::isCounted(code);
+    if (isCounted) {
+        RequestData::wipe(attempt.data);
+        plugin.increaseAttempts(attempt.uid);
+    } else {
+        // The method may not have made use of the data yet, and must not do so later.
+        forgetRequest(attempt.method, attempt.data);
+    }
+    const int left = plugin.getAttempts(attempt.uid);
+    Log::write(Log::Notice, "authentication-failed",
+               {{"attempt", attempt.id},
+                {"method", attempt.method},
+                {"uid", attempt.uid},
+                {"code", code},
+                {"name", codeName},
+                {"counted", isCounted},
+                {"attempts-left", left}});
+    Q_EMIT authenticationFailed(attempt.name(), attempt.uid, attempt.method, code, codeName, isCounted, left);
+    m_states.set(attempt.uid, attempt.name(), States::Challenge, challengeDetails(attempt.method, params));
+}
+
+void Authenticator::handleInputRequest(Attempt &attempt, const QMap<QString, QVariant> &params)
+{
+    Log::write(Log::Info, "input-requested",
+               {{"attempt", attempt.id}, {"method", attempt.method}, {"uid", attempt.uid}});
+    if (!attempt.data.isEmpty())
+        forgetRequest(attempt.method, attempt.data);
+    m_queue.awaitInput(attempt.id);
+    m_states.set(attempt.uid, attempt.name(), States::Challenge, challengeDetails(attempt.method, params));
+}
+
+void Authenticator::restartAuth(const QString &method, uint uid)
+{
+    // In turn with the outcomes, so that the last one told is the one that counts.
+    postpone([this, method, uid] {
+        Log::write(Log::Notice, "restart", {{"method", method}, {"uid", uid}});
+        if (uid == 0)
+            return;
+        QVariantMap details = {{States::Method, method}};
+        AttemptName name;
+        Attempt *attempt = m_queue.active();
+        if (attempt && attempt->uid == uid && attempt->method == method) {
+            details.insert(States::Restarted, true);
+            name = attempt->name();
+            if (attempt->phase == Attempt::Active)
+                attempt->phase = Attempt::Restarted;
+        } else if (m_queue.ofUser(uid)) {
+            // The user's attempt waits, and what it waits for has not changed.
+            return;
+        }
+        m_states.set(uid, name, States::Challenge, details);
+    });
+}
+
+void Authenticator::lockUser(const QString &method, uint uid, bool lock, const QString &reason, uint duration)
+{
+    if (uid == 0)
+        return;
+    // The lock holds at once; only telling of it must wait.
+    if (lock) {
+        Log::write(Log::Warning, "user-locked",
+                   {{"method", method}, {"uid", uid}, {"reason", reason}, {"duration", duration}});
+        m_locks->lock(uid, method, reason, duration);
+    } else {
+        Log::write(Log::Notice, "user-unlocked", {{"method", method}, {"uid", uid}});
+        m_locks->unlock(uid);
+    }
+    m_states.expectLock(uid);
+    postpone([this, uid, lock, reason, duration] {
+        if (lock)
+            giveUpOf(uid, Reasons::Locked);
+        m_states.handleLock(uid);
+        tellMethodsOfLock(uid, lock, reason, duration);
+    });
+}
+
+void Authenticator::logEvent(const QString &method, const QString &level, const QString &event, const QString &details)
+{
+    Log::write(level == WarningLevel ? Log::Warning : Log::Notice, "method-event",
+               {{"method", method}, {"level", level}, {"name", event}, {"details", details}});
+}
+
+void Authenticator::optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
+                                  bool computed)
+{
+    Log::write(Log::Info, "option-changed",
+               {{"method", method}, {"uid", uid}, {"option", option}, {"computed", computed}});
+    if (isTransferable(value))
+        Q_EMIT optionHasChanged(uid, method, option, value);
+}

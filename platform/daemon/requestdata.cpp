@@ -1,0 +1,107 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "requestdata.h"
+
+#include "errors.h"
+
+#include <QStringList>
+
+#include <cstring>
+
+namespace {
+
+bool isPlain(const QVariant &value)
+{
+    switch (value.userType()) {
+    case QMetaType::Bool:
+    case QMetaType::UChar:
+    case QMetaType::Short:
+    case QMetaType::UShort:
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::Double:
+    case QMetaType::QString:
+    case QMetaType::QStringList:
+    case QMetaType::QByteArray:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool isTooLarge(const QVariant &value)
+{
+    if (value.userType() == QMetaType::QByteArray)
+        return value.toByteArray().size() > RequestData::TextLimit;
+    if (value.userType() == QMetaType::QString)
+        return value.toString().size() > RequestData::TextLimit;
+    if (value.userType() != QMetaType::QStringList)
+        return false;
+    const QStringList list = value.toStringList();
+    if (list.size() > RequestData::EntryLimit)
+        return true;
+    for (const QString &text : list) {
+        if (text.size() > RequestData::TextLimit)
+            return true;
+    }
+    return false;
+}
+
+Reply tooLarge()
+{
+    return Reply(Errors::LimitsExceeded, QStringLiteral("The call has too much data"));
+}
+
+void overwrite(const void *data, int size)
+{
+    explicit_bzero(const_cast<void *>(data), static_cast<size_t>(size));
+}
+
+void wipe(const QString &text)
+{
+    overwrite(text.constData(), text.size() * int(sizeof(QChar)));
+}
+
+} // namespace
+
+Reply RequestData::checkName(const QString &name)
+{
+    return name.size() > NameLimit ? tooLarge() : Reply();
+}
+
+Reply RequestData::checkData(const QVariantMap &data)
+{
+    if (data.size() > EntryLimit)
+        return tooLarge();
+    for (auto entry = data.cbegin(); entry != data.cend(); ++entry) {
+        if (!isPlain(entry.value()))
+            return Reply(Errors::InvalidArgs, QStringLiteral("The data may hold plain values only"));
+        if (entry.key().size() > NameLimit || isTooLarge(entry.value()))
+            return tooLarge();
+    }
+    return Reply();
+}
+
+Reply RequestData::checkValue(const QVariant &value)
+{
+    return isTooLarge(value) ? tooLarge() : Reply();
+}
+
+void RequestData::wipe(QVariantMap &data)
+{
+    // Past implicit sharing: a copy that another part still holds is to go, too.
+    for (const QVariant &value : qAsConst(data)) {
+        if (value.userType() == QMetaType::QString) {
+            ::wipe(*static_cast<const QString *>(value.constData()));
+        } else if (value.userType() == QMetaType::QByteArray) {
+            const auto &bytes = *static_cast<const QByteArray *>(value.constData());
+            overwrite(bytes.constData(), bytes.size());
+        } else if (value.userType() == QMetaType::QStringList) {
+            for (const QString &text : *static_cast<const QStringList *>(value.constData()))
+                ::wipe(text);
+        }
+    }
+    data.clear();
+}

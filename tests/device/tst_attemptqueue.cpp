@@ -1,0 +1,492 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/authd.h"
+#include "support/testdevice.h"
+#include "support/wiper.h"
+
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QScopedPointer>
+#include <QTest>
+#include <QTimer>
+
+#include <csignal>
+#include <pwd.h>
+
+namespace {
+
+const QString puppet = QStringLiteral("puppet");
+const uint alice = TestDevice::alice;
+const uint bob = TestDevice::bob;
+const uint carol = 1002;
+const QString serviceError = QStringLiteral("qarv.AuthService.Error.");
+/// However one user behaves, another's attempt begins in so many milliseconds.
+constexpr qint64 longestWait = 5000;
+
+QVariantMap script(const char *text)
+{
+    return {{QStringLiteral("do"), QString::fromLatin1(text)}};
+}
+
+} // namespace
+
+/// Whose an attempt is, how long it lasts, and who has to wait for whom; with a method that can be told what to do.
+class TstAttemptQueue : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(startSystemBus());
+        QVERIFY(QDir().mkpath(QStringLiteral("/tmp/methods")));
+        QVERIFY(QFile::copy(Installed::oddMethods + QStringLiteral("/libpuppet.so"),
+                            QStringLiteral("/tmp/methods/libpuppet.so")));
+    }
+
+    void init()
+    {
+        TestDevice::reset();
+        start();
+    }
+
+    void cleanup()
+    {
+        m_reports.reset();
+        QCOMPARE(m_authd.stop(SIGTERM), 0);
+        if (QTest::currentTestFailed())
+            qWarning("The daemon wrote:\n%s", m_authd.log().constData());
+    }
+
+    void numbers();
+    void replyComesFirst();
+    void stateComesWithTheReply();
+    void challengeGoesOn();
+    void challengeOfAnother();
+    void secondAttempt();
+    void secondAttemptOfAnother();
+    void cancelling();
+    void callerGoes_data();
+    void callerGoes();
+    void timeLimit_data();
+    void timeLimit();
+    void enteringRenewsTheTime();
+    void lockEndsTheAttempt();
+    void queue();
+    void rootComesFirst();
+    void rootDoesNotWaitForChallenges();
+    void longAttemptIsCutShort_data();
+    void longAttemptIsCutShort();
+    void aloneNobodyIsCutShort();
+    void reopeningKeepsNobodyOut_data();
+    void reopeningKeepsNobodyOut();
+    void tooManyAttempts();
+
+private:
+    void start(const QStringList &arguments = {})
+    {
+        if (m_authd.isRunning())
+            QCOMPARE(m_authd.stop(SIGTERM), 0);
+        QVERIFY(m_authd.start(QStringLiteral("/tmp/methods"), arguments));
+        m_root.reset(new BusUser(0));
+        m_reports.reset(new Reports(*m_root));
+    }
+    static qulonglong open(const BusUser &caller, uint uid, const char *text)
+    {
+        const QDBusMessage reply = caller.call(QStringLiteral("Authenticate"), {uid, puppet, script(text)});
+        if (reply.type() == QDBusMessage::ErrorMessage)
+            qWarning("%s", qPrintable(reply.errorName()));
+        return reply.arguments().value(0).toULongLong();
+    }
+    static qulonglong request(const BusUser &caller, uint uid)
+    {
+        return caller.call(QStringLiteral("RequestChallenge"), {uid, puppet}).arguments().value(0).toULongLong();
+    }
+    /// What has been told of the attempt, without options' changes.
+    QStringList told(qulonglong attempt) const
+    {
+        QStringList texts;
+        for (int i = 0; i < m_reports->texts.size(); ++i) {
+            if (m_reports->attempts.at(i) == attempt)
+                texts << m_reports->texts.at(i);
+        }
+        return texts;
+    }
+    bool isTold(qulonglong attempt, const QString &text) const { return !told(attempt).filter(text).isEmpty(); }
+    QString state(uint uid) const
+    {
+        return m_root->call(QStringLiteral("GetState"), {uid}).arguments().value(1).toString();
+    }
+
+    Authd m_authd;
+    QScopedPointer<BusUser> m_root;
+    QScopedPointer<Reports> m_reports;
+};
+
+void TstAttemptQueue::numbers()
+{
+    const BusUser user(alice);
+    const qulonglong first = open(user, alice, "succeed");
+    QTRY_VERIFY(isTold(first, QStringLiteral("StateChanged(1000, authenticated")));
+    const qulonglong second = open(user, alice, "fail:11");
+    QTRY_VERIFY(isTold(second, QStringLiteral("StateChanged(1000, challenge")));
+    QVERIFY(first != 0 && second != 0 && first != second);
+    const QString pending = QStringLiteral("StateChanged(1000, pending, {method=puppet})");
+    QCOMPARE(told(first), (QStringList{pending, QStringLiteral("Authenticated(1000, puppet)"),
+                                       QStringLiteral("StateChanged(1000, authenticated, {method=puppet})")}));
+    QCOMPARE(told(second),
+             (QStringList{pending, QStringLiteral("AuthenticationFailed(1000, puppet, 11, Code11, true, 99)"),
+                          QStringLiteral("StateChanged(1000, challenge, {method=puppet, result-code=11})")}));
+    QCOMPARE(user.call(QStringLiteral("GetState"), {alice}).arguments().value(0).toULongLong(), second);
+    QCOMPARE(m_root->call(QStringLiteral("GetState"), {bob}).arguments().value(0).toULongLong(), qulonglong(0));
+}
+
+void TstAttemptQueue::replyComesFirst()
+{
+    const BusUser user(alice);
+    const Reports reports(user);
+    for (int i = 0; i < 20; ++i) {
+        QDBusMessage call =
+            QDBusMessage::createMethodCall(QStringLiteral("qarv.AuthService"), QStringLiteral("/qarv/AuthService"),
+                                           QStringLiteral("qarv.AuthService"), QStringLiteral("Authenticate"));
+        call.setArguments({alice, puppet, script("succeed")});
+        QDBusPendingCallWatcher watcher(user.connection().asyncCall(call));
+        qulonglong attempt = 0;
+        connect(&watcher, &QDBusPendingCallWatcher::finished, &watcher, [&](QDBusPendingCallWatcher *finished) {
+            attempt = QDBusPendingReply<qulonglong>(*finished).value();
+            QVERIFY(!reports.attempts.contains(attempt));
+        });
+        QTRY_VERIFY(attempt != 0 && reports.attempts.count(attempt) == 3);
+    }
+}
+
+void TstAttemptQueue::stateComesWithTheReply()
+{
+    // Who asks at once is not told of the attempt before.
+    const BusUser user(alice);
+    const qulonglong first = open(user, alice, "fail:11");
+    QTRY_VERIFY(isTold(first, QStringLiteral("StateChanged(1000, challenge")));
+    const qulonglong second = open(user, alice, "");
+    const QVariantList answer = user.call(QStringLiteral("GetState"), {alice}).arguments();
+    QCOMPARE(answer.at(0).toULongLong(), second);
+    QVERIFY(answer.at(1) == QLatin1String("queued") || answer.at(1) == QLatin1String("pending"));
+}
+
+void TstAttemptQueue::challengeGoesOn()
+{
+    const BusUser user(alice);
+    const qulonglong attempt = request(user, alice);
+    m_root->error(QStringLiteral("SetUserMethodOption"),
+                  {alice, puppet, QStringLiteral("do"), QVariant::fromValue(QDBusVariant(QStringLiteral("input")))});
+    QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    QCOMPARE(open(user, alice, "succeed"), attempt);
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("StateChanged(1000, authenticated")));
+    QCOMPARE(m_reports->texts.filter(QStringLiteral("AttemptGivenUp")), QStringList());
+}
+
+void TstAttemptQueue::challengeOfAnother()
+{
+    // What one of root's programs has begun is not for another one to go on with.
+    const BusUser other(0);
+    const qulonglong attempt = open(*m_root, alice, "input");
+    QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    QVERIFY(open(other, alice, "succeed") != attempt);
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, replaced)")));
+}
+
+void TstAttemptQueue::secondAttempt()
+{
+    const BusUser user(alice);
+    const qulonglong first = open(user, alice, "");
+    QTRY_COMPARE(state(alice), QStringLiteral("pending"));
+    const qulonglong second = open(user, alice, "");
+    QVERIFY(second != first);
+    QTRY_COMPARE(told(first).mid(1), (QStringList{QStringLiteral("AttemptGivenUp(1000, puppet, replaced)"),
+                                                  QStringLiteral("StateChanged(1000, idle, {})")}));
+    // Root takes everybody's place.
+    const qulonglong third = open(*m_root, alice, "succeed");
+    QTRY_VERIFY(isTold(second, QStringLiteral("AttemptGivenUp(1000, puppet, replaced)")));
+    QTRY_VERIFY(isTold(third, QStringLiteral("Authenticated(1000, puppet)")));
+    QCOMPARE(told(second).size(), 3);
+}
+
+void TstAttemptQueue::secondAttemptOfAnother()
+{
+    const BusUser user(alice);
+    const BusUser other(alice);
+    const qulonglong attempt = open(user, alice, "");
+    for (const char *member : {"Authenticate", "RequestChallenge"}) {
+        QVariantList arguments = {alice, puppet};
+        if (qstrcmp(member, "Authenticate") == 0)
+            arguments << script("succeed");
+        QCOMPARE(other.error(QString::fromLatin1(member), arguments), serviceError + QStringLiteral("Busy"));
+    }
+    // Nor where root's program waits for the user.
+    open(*m_root, alice, "input");
+    QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    QCOMPARE(user.error(QStringLiteral("Authenticate"), {alice, puppet, script("succeed")}),
+             serviceError + QStringLiteral("Busy"));
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("replaced")));
+}
+
+void TstAttemptQueue::cancelling()
+{
+    const BusUser user(alice);
+    const BusUser same(alice);
+    const BusUser other(bob);
+    const qulonglong attempt = open(user, alice, "");
+    for (const BusUser *stranger : {&same, &other})
+        QCOMPARE(stranger->error(QStringLiteral("Cancel"), {attempt}), serviceError + QStringLiteral("NoAttempt"));
+    QCOMPARE(user.error(QStringLiteral("Cancel"), {attempt}), QString());
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, cancelled)")));
+    QCOMPARE(user.error(QStringLiteral("Cancel"), {attempt}), serviceError + QStringLiteral("NoAttempt"));
+    // Root cancels what waits for its turn, too.
+    open(other, bob, "");
+    const qulonglong waiting = open(user, alice, "");
+    QTRY_COMPARE(state(alice), QStringLiteral("queued"));
+    QCOMPARE(m_root->error(QStringLiteral("Cancel"), {waiting}), QString());
+    QTRY_COMPARE(state(alice), QStringLiteral("idle"));
+    QCOMPARE(state(bob), QStringLiteral("pending"));
+}
+
+void TstAttemptQueue::callerGoes_data()
+{
+    QTest::addColumn<uint>("caller");
+    QTest::addColumn<QByteArray>("script");
+    QTest::addColumn<QString>("state");
+
+    QTest::newRow("at work") << alice << QByteArray() << "pending";
+    QTest::newRow("waiting for input") << alice << QByteArray("input") << "challenge";
+    QTest::newRow("root's at work") << uint(0) << QByteArray() << "pending";
+}
+
+void TstAttemptQueue::callerGoes()
+{
+    QFETCH(uint, caller);
+    QFETCH(QByteArray, script);
+    qulonglong attempt = 0;
+    {
+        const BusUser user(caller);
+        attempt = open(user, alice, script.constData());
+        QFETCH(QString, state);
+        QTRY_COMPARE(this->state(alice), state);
+    }
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, caller-gone)")));
+    QTRY_COMPARE(state(alice), QStringLiteral("idle"));
+    // An outcome comes too late.
+    m_root->error(QStringLiteral("SetUserMethodOption"),
+                  {alice, puppet, QStringLiteral("do"), QVariant::fromValue(QDBusVariant(QStringLiteral("succeed")))});
+    QCOMPARE(state(alice), QStringLiteral("idle"));
+    QTRY_COMPARE(told(attempt).constLast(), QStringLiteral("StateChanged(1000, idle, {})"));
+}
+
+void TstAttemptQueue::timeLimit_data()
+{
+    QTest::addColumn<QByteArray>("script");
+    QTest::addColumn<QString>("state");
+
+    QTest::newRow("at work") << QByteArray() << "pending";
+    QTest::newRow("started again") << QByteArray("restart") << "challenge";
+    QTest::newRow("waiting for input") << QByteArray("input") << "challenge";
+}
+
+void TstAttemptQueue::timeLimit()
+{
+    QFETCH(QByteArray, script);
+    start({QStringLiteral("--attempt-timeout=2")});
+    const BusUser user(alice);
+    const qulonglong attempt = open(user, alice, script.constData());
+    QFETCH(QString, state);
+    QTRY_COMPARE(this->state(alice), state);
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, timed-out)")));
+    QTRY_COMPARE(told(attempt).constLast(), QStringLiteral("StateChanged(1000, idle, {})"));
+}
+
+void TstAttemptQueue::enteringRenewsTheTime()
+{
+    start({QStringLiteral("--attempt-timeout=3")});
+    const BusUser user(alice);
+    QElapsedTimer clock;
+    clock.start();
+    const qulonglong attempt = open(user, alice, "input");
+    // The time itself is what is tested here.
+    QTest::qWait(2000);
+    QCOMPARE(open(user, alice, ""), attempt);
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("timed-out")));
+    QVERIFY2(clock.elapsed() >= 5000, qPrintable(QString::number(clock.elapsed())));
+}
+
+void TstAttemptQueue::lockEndsTheAttempt()
+{
+    const BusUser user(alice);
+    const qulonglong attempt = open(user, alice, "input");
+    QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    m_root->error(QStringLiteral("SetUserMethodOption"),
+                  {alice, puppet, QStringLiteral("do"), QVariant::fromValue(QDBusVariant(QStringLiteral("lock:-1")))});
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, locked)")));
+    QTRY_VERIFY(told(attempt).constLast().startsWith(QStringLiteral("StateChanged(1000, locked")));
+    QCOMPARE(user.error(QStringLiteral("Cancel"), {attempt}), serviceError + QStringLiteral("NoAttempt"));
+}
+
+void TstAttemptQueue::queue()
+{
+    const BusUser callerOfAlice(alice);
+    const BusUser callerOfBob(bob);
+    const BusUser callerOfCarol(carol);
+    const qulonglong first = open(callerOfAlice, alice, "");
+    const qulonglong second = open(callerOfBob, bob, "");
+    const qulonglong third = open(callerOfCarol, carol, "succeed");
+    QTRY_COMPARE(state(carol), QStringLiteral("queued"));
+    QCOMPARE(state(bob), QStringLiteral("queued"));
+    QTRY_COMPARE(told(third), QStringList{QStringLiteral("StateChanged(1002, queued, {method=puppet})")});
+
+    // Each in turn, and whoever has just had one comes last.
+    QCOMPARE(callerOfAlice.error(QStringLiteral("Cancel"), {first}), QString());
+    const qulonglong again = open(callerOfAlice, alice, "succeed");
+    QTRY_COMPARE(state(bob), QStringLiteral("pending"));
+    QCOMPARE(state(alice), QStringLiteral("queued"));
+    QCOMPARE(callerOfBob.error(QStringLiteral("Cancel"), {second}), QString());
+    QTRY_VERIFY(isTold(again, QStringLiteral("Authenticated(1000, puppet)")));
+    const int ofCarol = m_reports->texts.indexOf(QStringLiteral("Authenticated(1002, puppet)"));
+    const int ofAlice = m_reports->texts.indexOf(QStringLiteral("Authenticated(1000, puppet)"));
+    QVERIFY(ofCarol >= 0 && ofCarol < ofAlice);
+    QCOMPARE(m_reports->attempts.at(ofAlice), again);
+    // Given up while waiting: the method has not heard of it.
+    QCOMPARE(m_authd.log().count("event=attempt-begun"), 4);
+}
+
+void TstAttemptQueue::rootComesFirst()
+{
+    const BusUser callerOfAlice(alice);
+    const BusUser callerOfBob(bob);
+    const qulonglong first = open(callerOfAlice, alice, "");
+    open(callerOfBob, bob, "succeed");
+    QTRY_COMPARE(state(bob), QStringLiteral("queued"));
+    QElapsedTimer clock;
+    clock.start();
+    open(*m_root, carol, "succeed");
+    QTRY_VERIFY(isTold(first, QStringLiteral("AttemptGivenUp(1000, puppet, cut-short)")));
+    QTRY_COMPARE(state(carol), QStringLiteral("authenticated"));
+    QVERIFY2(clock.elapsed() < 4000, qPrintable(QString::number(clock.elapsed())));
+    QTRY_VERIFY(m_reports->texts.contains(QStringLiteral("Authenticated(1001, puppet)")));
+    QVERIFY(m_reports->texts.indexOf(QStringLiteral("Authenticated(1002, puppet)"))
+            < m_reports->texts.indexOf(QStringLiteral("Authenticated(1001, puppet)")));
+}
+
+void TstAttemptQueue::rootDoesNotWaitForChallenges()
+{
+    const BusUser user(alice);
+    const qulonglong attempt = open(user, alice, "input");
+    QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    const qulonglong other = open(*m_root, bob, "succeed");
+    QTRY_VERIFY(isTold(other, QStringLiteral("Authenticated(1001, puppet)")));
+    QVERIFY(!isTold(attempt, QStringLiteral("AttemptGivenUp")));
+    QVERIFY(m_reports->texts.filter(QStringLiteral("queued")).isEmpty());
+    QCOMPARE(open(user, alice, "succeed"), attempt);
+    QTRY_COMPARE(state(alice), QStringLiteral("authenticated"));
+}
+
+void TstAttemptQueue::longAttemptIsCutShort_data()
+{
+    QTest::addColumn<uint>("holder");
+    QTest::addColumn<uint>("waiter");
+
+    QTest::newRow("a user's for a user's") << alice << bob;
+    QTest::newRow("a user's for root's") << alice << uint(0);
+    QTest::newRow("root's for a user's") << uint(0) << bob;
+    QTest::newRow("root's for root's") << uint(0) << uint(0);
+}
+
+void TstAttemptQueue::longAttemptIsCutShort()
+{
+    QFETCH(uint, holder);
+    QFETCH(uint, waiter);
+    const BusUser holding(holder);
+    const BusUser waiting(waiter);
+    const qulonglong attempt = open(holding, alice, "restart");
+    QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    QElapsedTimer clock;
+    clock.start();
+    const qulonglong next = open(waiting, bob, "succeed");
+    QTRY_VERIFY_WITH_TIMEOUT(isTold(next, QStringLiteral("Authenticated")), 20000);
+    QVERIFY2(clock.elapsed() < longestWait, qPrintable(QString::number(clock.elapsed())));
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, cut-short)")));
+}
+
+void TstAttemptQueue::aloneNobodyIsCutShort()
+{
+    const BusUser user(alice);
+    const qulonglong attempt = open(user, alice, "");
+    // The time itself is what is tested here.
+    QTest::qWait(6000);
+    QCOMPARE(state(alice), QStringLiteral("pending"));
+    // Nor at once when somebody comes.
+    const BusUser other(bob);
+    QElapsedTimer clock;
+    clock.start();
+    open(other, bob, "succeed");
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("cut-short")));
+    QVERIFY2(clock.elapsed() > 3500, qPrintable(QString::number(clock.elapsed())));
+}
+
+void TstAttemptQueue::reopeningKeepsNobodyOut_data()
+{
+    QTest::addColumn<uint>("reopener");
+    QTest::addColumn<uint>("waiter");
+
+    QTest::newRow("a user's, another user's") << alice << bob;
+    QTest::newRow("a user's, root's") << alice << uint(0);
+    // Programs that root runs for the user, as at a console.
+    QTest::newRow("root's, another user's") << uint(0) << bob;
+    QTest::newRow("root's, root's") << uint(0) << uint(0);
+}
+
+void TstAttemptQueue::reopeningKeepsNobodyOut()
+{
+    QFETCH(uint, reopener);
+    QFETCH(uint, waiter);
+    const BusUser reopening(reopener);
+    const BusUser waiting(waiter);
+    QTimer timer;
+    connect(&timer, &QTimer::timeout, &timer, [&reopening] { open(reopening, alice, ""); });
+    open(reopening, alice, "");
+    timer.start(250);
+    for (int round = 0; round < 4; ++round) {
+        QElapsedTimer clock;
+        clock.start();
+        const qulonglong attempt = open(waiting, bob, "succeed");
+        QTRY_VERIFY_WITH_TIMEOUT(isTold(attempt, QStringLiteral("Authenticated")), 20000);
+        QVERIFY2(clock.elapsed() < longestWait, qPrintable(QString::number(clock.elapsed())));
+    }
+}
+
+void TstAttemptQueue::tooManyAttempts()
+{
+    start({QStringLiteral("--any-account")});
+    QVector<uint> uids;
+    setpwent();
+    while (const passwd *entry = getpwent()) {
+        if (entry->pw_uid != 0 && entry->pw_uid != alice && entry->pw_uid != bob)
+            uids << entry->pw_uid;
+    }
+    endpwent();
+    QVERIFY(uids.size() >= 16);
+    for (const uint uid : uids.mid(0, 16))
+        QVERIFY2(open(*m_root, uid, "") != 0, qPrintable(QString::number(uid)));
+    const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
+    const QVariantList another = {alice, puppet, script("succeed")};
+    QCOMPARE(m_root->error(QStringLiteral("Authenticate"), another), limitsExceeded);
+    // Others have their own.
+    QCOMPARE(BusUser(0).error(QStringLiteral("Authenticate"), another), QString());
+
+    // An ordinary user cannot open them without end, one after the other.
+    const BusUser user(bob);
+    QTRY_COMPARE(user.error(QStringLiteral("Authenticate"), {bob, puppet, script("")}), limitsExceeded);
+}
+
+QTEST_GUILESS_MAIN(TstAttemptQueue)
+
+#include "tst_attemptqueue.moc"
