@@ -64,7 +64,9 @@ bool MethodKavetPrivate::connectToChild()
     } else {
         error = QDBusError(QDBusError::NoServer, Constants::cannotReachSocket.arg(path, guard.errorString()));
     }
-    if (!connection.isConnected() || !guard.acceptLibrary()) {
+    if (connection.isConnected() && !guard.acceptLibrary())
+        error = QDBusError(QDBusError::NoServer, Constants::cannotReachSocket.arg(path, guard.errorString()));
+    if (!guard.isOpen()) {
         qCWarning(kavet) << "Cannot connect to the Kavet client socket" << Constants::peerAddress << error;
         closeLink();
         return false;

@@ -187,7 +187,7 @@ void LinkGuard::read(Flow &flow, Descriptor &from, Descriptor &to)
         }
     }
     flow.waiting.append(chunk, int(size));
-    explicit_bzero(chunk, sizeof chunk);
+    explicit_bzero(chunk, size_t(size));
     write(flow, to);
 }
 
@@ -222,10 +222,12 @@ void LinkGuard::drop(const char *reason)
 void LinkGuard::end()
 {
     for (Flow *flow : {&m_toClient, &m_toLibrary}) {
-        // Before the descriptors are closed, which the event loop must not watch any more.
         for (auto *notifier : {&flow->readable, &flow->writable}) {
-            if (*notifier)
+            if (*notifier) {
+                // At once: the descriptors are closed below, and the plugin may be unloaded before the deletion.
                 (*notifier)->setEnabled(false);
+                (*notifier)->disconnect();
+            }
             notifier->reset();
         }
         wipe(flow->waiting);

@@ -143,6 +143,35 @@ void sendDescriptors(int peer)
     sendmsg(peer, &header, MSG_NOSIGNAL);
 }
 
+QByteArray readExactly(int peer, int size)
+{
+    QByteArray data(size, 0);
+    return recv(peer, data.data(), size_t(size), MSG_WAITALL) == size ? data : QByteArray();
+}
+
+quint32 numberAt(const QByteArray &data, int position)
+{
+    quint32 number = 0;
+    std::memcpy(&number, data.constData() + position, sizeof number);
+    return number;
+}
+
+void answerYes(int listener)
+{
+    const int peer = accept(listener, nullptr, nullptr);
+    shakeHands(peer);
+    for (;;) {
+        const QByteArray start = readExactly(peer, 16);
+        if (start.isEmpty())
+            break;
+        const quint32 fields = (numberAt(start, 12) + 7) / 8 * 8;
+        const QByteArray rest = readExactly(peer, int(fields + numberAt(start, 4)));
+        (void)!write(STDOUT_FILENO, rest.constData(), size_t(rest.size()));
+        sendAll(peer, message(MethodReturn, numberAt(start, 8), "success"));
+    }
+    close(peer);
+}
+
 [[noreturn]] void attackPeer(int peer, const QString &attack)
 {
     if (attack == QLatin1String("silent"))
@@ -165,11 +194,8 @@ void sendDescriptors(int peer)
             sendAll(peer, call);
     }
     if (attack == QLatin1String("huge")) {
-        QByteArray call(16, 0);
-        recv(peer, call.data(), size_t(call.size()), MSG_WAITALL);
-        quint32 serial = 0;
-        std::memcpy(&serial, call.constData() + 8, sizeof serial);
-        sendAll(peer, message(MethodReturn, serial, QByteArray(100 * 1024 * 1024, 'x')));
+        const QByteArray call = readExactly(peer, 16);
+        sendAll(peer, message(MethodReturn, numberAt(call, 8), QByteArray(100 * 1024 * 1024, 'x')));
     }
     if (attack == QLatin1String("descriptors"))
         sendDescriptors(peer);
@@ -194,5 +220,7 @@ void serveHostile(const QString &path, const QString &attack)
         qFatal("Cannot put the socket into its place");
     if (attack == QLatin1String("full"))
         waitForEver();
+    while (attack == QLatin1String("yes"))
+        answerYes(listener);
     attackPeer(accept(listener, nullptr, nullptr), attack);
 }

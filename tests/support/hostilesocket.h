@@ -5,6 +5,7 @@
 #include <QString>
 
 /// Serves the socket `path` in a way that means harm, for ever. `attack` is one of
+///   "yes"          answers "success" to every call, and tells on standard output what it was asked
 ///   "full"         its queue of connections is full, and it accepts none
 ///   "silent"       accepts, and never says or reads anything
 ///   "trickle"      sends one byte of the handshake a second
