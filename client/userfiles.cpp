@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "client/userfiles.h"
 
+#include "client/replacement.h"
+
 #include <QFile>
 #include <QVector>
 
@@ -125,12 +127,17 @@ bool PinnedFile::write(const QByteArray &content) const
 {
     if (content.size() > maximumSize)
         return fail(EFBIG);
-    QFile file;
+    // The owner may write to the directory and have protected the file.
     const int descriptor = openAsOwner(O_WRONLY);
     if (descriptor == -1)
         return false;
-    file.open(descriptor, QIODevice::WriteOnly | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle);
-    return file.write(content) == content.size() && file.resize(content.size());
+    close(descriptor);
+    struct stat status = {};
+    if (fstat(m_descriptor, &status) == -1)
+        return false;
+    // The file may have been given to somebody since it was pinned.
+    const FileSystemIdentity identity(status.st_uid, status.st_gid);
+    return identity.assumed() ? replaceFile(m_descriptor, content) : fail(EPERM);
 }
 
 int PinnedFile::openAsOwner(int flags) const

@@ -25,8 +25,9 @@ public:
     /// Reads the file into `content` with the rights of its owner and no more. False, with errno set, on failure, which
     /// includes a file larger than settings can sensibly be (64 KiB).
     bool read(QByteArray &content) const;
-    /// Replaces the file's content with the rights of its owner and no more. The file stays the same one, so that its
-    /// owner and whoever watches it stay. False, with errno set, on failure, which includes more than read() takes.
+    /// Puts a new file with `content` in its place, with its owner, group and mode, and with the rights of its owner
+    /// and no more. The old content stays whole until the new one is. This object keeps to the old file. False, with
+    /// errno set, on failure, which includes more than read() takes.
     bool write(const QByteArray &content) const;
 
 private:

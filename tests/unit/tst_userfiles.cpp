@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QFile>
 #include <QScopeGuard>
+#include <QSet>
 #include <QTest>
 
 #include <cerrno>
@@ -17,10 +18,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace TestDevice;
@@ -151,8 +154,12 @@ private Q_SLOTS:
     void readSizeLimit();
     void readFails();
     void readWaitsForNoLease();
-    void writeInPlace_data();
-    void writeInPlace();
+    void writeReplaces_data();
+    void writeReplaces();
+    void writeFails_data();
+    void writeFails();
+    void writeIsInterrupted();
+    void neverTorn();
     void swappedAfterPinning();
     void identityIsRestored();
     void identityCannotBeTaken();
@@ -166,6 +173,7 @@ void TstUserFiles::init()
     reset();
     QCOMPARE(groupId("auth-factor"), clientGroup);
     QVERIFY(QDir().mkpath(sharedDirectory));
+    QVERIFY(setOwner(sharedDirectory, alice, clientGroup));
     QVERIFY(writeFile(secret, "[General]\nattempts=77\nmax-attempts=88\n"));
     QCOMPARE(chmod(encoded(secret).constData(), 0640), 0);
     QCOMPARE(chmod(encoded(outside).constData(), 0750), 0);
@@ -416,6 +424,7 @@ void TstUserFiles::readWithOwnersRights()
 
     QVERIFY(writeFile(file, "old"));
     QVERIFY(setOwner(file, owner, clientGroup));
+    QVERIFY(setOwner(sharedDirectory, owner, clientGroup));
     QCOMPARE(chmod(encoded(file).constData(), mode_t(mode)), 0);
     const PinnedFile pinned(file);
     QByteArray content;
@@ -491,7 +500,7 @@ void TstUserFiles::readWaitsForNoLease()
     signal(SIGIO, handler);
 }
 
-void TstUserFiles::writeInPlace_data()
+void TstUserFiles::writeReplaces_data()
 {
     QTest::addColumn<QByteArray>("content");
     QTest::newRow("shorter") << QByteArray("ab");
@@ -500,7 +509,7 @@ void TstUserFiles::writeInPlace_data()
     QTest::newRow("equal") << QByteArray("content");
 }
 
-void TstUserFiles::writeInPlace()
+void TstUserFiles::writeReplaces()
 {
     QFETCH(QByteArray, content);
 
@@ -508,15 +517,143 @@ void TstUserFiles::writeInPlace()
     QVERIFY(setOwner(file, alice, clientGroup));
     QCOMPARE(chmod(encoded(file).constData(), 0640), 0);
     const struct stat before = statusOf(file);
-    QVERIFY(PinnedFile(file).write(content));
+    const PinnedFile pinned(file);
+    QVERIFY(pinned.write(content));
+    QCOMPARE(readFile(file), content);
+    // Whoever has opened the old one keeps its content.
+    QByteArray old;
+    QVERIFY(pinned.read(old));
+    QCOMPARE(old, QByteArray("content"));
+    errno = 0;
+    QVERIFY(!pinned.write("newer"));
+    QCOMPARE(errno, ESTALE);
     QCOMPARE(readFile(file), content);
     const struct stat after = statusOf(file);
-    QCOMPARE(after.st_ino, before.st_ino);
+    QVERIFY(after.st_ino != before.st_ino);
     QCOMPARE(after.st_mode, before.st_mode);
     QCOMPARE(after.st_uid, alice);
     QCOMPARE(after.st_gid, clientGroup);
     QCOMPARE(QDir(sharedDirectory).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
              QStringList{QStringLiteral("file.conf")});
+}
+
+void TstUserFiles::writeFails_data()
+{
+    QTest::addColumn<QString>("how");
+    QTest::addColumn<int>("error");
+    QTest::newRow("no space") << QStringLiteral("no space") << ENOSPC;
+    QTest::newRow("hardly any space") << QStringLiteral("hardly any space") << ENOSPC;
+    QTest::newRow("no inode") << QStringLiteral("no inode") << ENOSPC;
+    QTest::newRow("file size limit") << QStringLiteral("file size limit") << ENOSPC;
+    QTest::newRow("no file at all") << QStringLiteral("no file at all") << EFBIG;
+    QTest::newRow("directory of somebody else") << QStringLiteral("directory of somebody else") << EACCES;
+    QTest::newRow("read-only") << QStringLiteral("read-only") << EROFS;
+}
+
+void TstUserFiles::writeFails()
+{
+    QFETCH(QString, how);
+    QFETCH(int, error);
+
+    // Two pages and five inodes: the directory, the file, and what is planted beside it.
+    const QString small = QStringLiteral("/run/small");
+    const QString target = small + QStringLiteral("/file.conf");
+    const QByteArray content(5000, 'o');
+    QVERIFY(QDir().mkpath(small));
+    const auto place = encoded(small);
+    const QByteArray options = how == QLatin1String("no inode") ? "nr_inodes=2" : "size=16384";
+    QCOMPARE(mount("device", place.constData(), "tmpfs", 0, options.constData()), 0);
+    const auto unmount = qScopeGuard([&place] { umount2(place.constData(), MNT_DETACH); });
+    QVERIFY(writeFile(target, content));
+    QVERIFY(setOwner(target, alice, clientGroup));
+    QVERIFY(setOwner(small, how == QLatin1String("directory of somebody else") ? bob : alice, clientGroup));
+    QCOMPARE(chmod(place.constData(), 0755), 0);
+    if (how == QLatin1String("no space"))
+        QVERIFY(writeFile(small + QStringLiteral("/filler"), QByteArray(8192, 'x')));
+    if (how == QLatin1String("hardly any space"))
+        QVERIFY(writeFile(small + QStringLiteral("/filler"), QByteArray(4096, 'x')));
+    if (how == QLatin1String("read-only"))
+        QCOMPARE(mount(nullptr, place.constData(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    rlimit former = {};
+    QCOMPARE(getrlimit(RLIMIT_FSIZE, &former), 0);
+    const auto handler = signal(SIGXFSZ, SIG_IGN);
+    const auto restore = qScopeGuard([&] {
+        setrlimit(RLIMIT_FSIZE, &former);
+        signal(SIGXFSZ, handler);
+    });
+    if (error == EFBIG || how == QLatin1String("file size limit")) {
+        const rlimit limit = {how == QLatin1String("file size limit") ? 4096UL : 0UL, former.rlim_max};
+        QCOMPARE(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    }
+
+    const QString before = portrait(target);
+    const QStringList names = QDir(small).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    errno = 0;
+    QVERIFY(!PinnedFile(target).write(QByteArray(6000, 'n')));
+    QCOMPARE(errno, error);
+    QCOMPARE(portrait(target), before);
+    QCOMPARE(QDir(small).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), names);
+}
+
+void TstUserFiles::writeIsInterrupted()
+{
+    // A writer is killed at any point, again and again; the file is the old one or the new one.
+    const QByteArray one(sizeLimit, '1');
+    const QByteArray other(sizeLimit, '2');
+    QVERIFY(writeFile(file, one));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    int replaced = 0;
+    for (int round = 0; round < 200; ++round) {
+        const pid_t writer = fork();
+        if (writer == 0) {
+            for (bool isOne = false;; isOne = !isOne)
+                PinnedFile(file).write(isOne ? one : other);
+        }
+        const ino_t inode = statusOf(file).st_ino;
+        QTest::qSleep(1 + round % 5);
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+        const QByteArray content = readFile(file);
+        QVERIFY(content == one || content == other);
+        QCOMPARE(statusOf(file).st_uid, alice);
+        replaced += statusOf(file).st_ino != inode ? 1 : 0;
+    }
+    QVERIFY(replaced > 0);
+    // So does one that dies of the signal for a file that gets too large.
+    const QString before = portrait(file);
+    const pid_t writer = fork();
+    if (writer == 0) {
+        const rlimit limit = {0, 0};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        PinnedFile(file).write("new");
+        _exit(0);
+    }
+    int status = 0;
+    QCOMPARE(waitpid(writer, &status, 0), writer);
+    QVERIFY(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ);
+    QCOMPARE(portrait(file), before);
+}
+
+void TstUserFiles::neverTorn()
+{
+    // While the file is written again and again, every reader finds one content or the other.
+    const QByteArray one(sizeLimit, '1');
+    const QByteArray other(100, '2');
+    QVERIFY(writeFile(file, one));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    const pid_t writer = fork();
+    if (writer == 0) {
+        for (bool isOne = false;; isOne = !isOne)
+            PinnedFile(file).write(isOne ? one : other);
+    }
+    const auto end = qScopeGuard([writer] {
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+    });
+    QSet<QByteArray> found;
+    for (int i = 0; i < 5000 || found.size() < 2; ++i)
+        found.insert(readFile(file));
+    QCOMPARE(found, (QSet<QByteArray>{one, other}));
 }
 
 void TstUserFiles::swappedAfterPinning()

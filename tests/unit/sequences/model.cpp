@@ -660,8 +660,12 @@ bool Model::launch()
     const QString count = option(m_currentUid, attempts).text;
     watchAnew(m_userConfigPath);
     startProcess();
-    if (m_files.value(m_userConfigPath).value != count)
-        writeFile(m_userConfigPath, count);
+    File file = m_files.value(m_userConfigPath);
+    if (file.value != count) {
+        file.value = count;
+        removeFile(m_userConfigPath);
+        createFile(m_userConfigPath, file);
+    }
     return true;
 }
 

@@ -1,0 +1,77 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "client/replacement.h"
+
+#include <QUuid>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+bool writeWhole(int descriptor, const QByteArray &content)
+{
+    const ssize_t written = write(descriptor, content.constData(), size_t(content.size()));
+    if (written >= 0 && written < content.size())
+        errno = ENOSPC; // A file takes less only when there is no room for more.
+    return written == content.size();
+}
+
+/// Makes the file `name` with `content` in `directory`.
+bool makeFile(int directory, const QByteArray &name, mode_t mode, const QByteArray &content)
+{
+    const int made =
+        openat(directory, name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    if (made == -1)
+        return false;
+    const bool whole = fchmod(made, mode) == 0 && writeWhole(made, content);
+    const int error = errno;
+    close(made);
+    errno = error;
+    return whole;
+}
+
+/// Whether `name` in `directory` is the file with that status.
+bool isFile(int directory, const QByteArray &name, const struct stat &status)
+{
+    struct stat present = {};
+    const bool same = fstatat(directory, name.constData(), &present, AT_SYMLINK_NOFOLLOW) == 0
+                      && present.st_dev == status.st_dev && present.st_ino == status.st_ino;
+    if (!same)
+        errno = ESTALE;
+    return same;
+}
+
+} // namespace
+
+bool replaceFile(int descriptor, const QByteArray &content)
+{
+    char target[PATH_MAX] = {};
+    struct stat status = {};
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(descriptor);
+    if (fstat(descriptor, &status) == -1 || readlink(link.constData(), target, sizeof target - 1) == -1)
+        return false;
+    const QByteArray path(target);
+    const int nameBegin = path.lastIndexOf('/') + 1;
+    const QByteArray name = path.mid(nameBegin);
+    const QByteArray fresh = '.' + name + '.' + QUuid::createUuid().toRfc4122().toHex();
+
+    // The directory may be swapped at any moment too; what is done is done in the one that holds the file.
+    const int directory = open(path.left(nameBegin).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (directory == -1)
+        return false;
+    const bool replaced = isFile(directory, name, status)
+                          && makeFile(directory, fresh, status.st_mode & ~mode_t(S_IFMT), content)
+                          && renameat(directory, fresh.constData(), directory, name.constData()) == 0;
+    const int error = errno;
+    if (!replaced)
+        unlinkat(directory, fresh.constData(), 0);
+    close(directory);
+    errno = error;
+    return replaced;
+}
