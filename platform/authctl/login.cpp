@@ -40,6 +40,7 @@ ExitCode Commands::login(Service &service, const Output &output, const Request &
         return Locked;
     }
 
+    // The attempt belongs to this program: when a signal ends that, the service gives the attempt up.
     qulonglong ours = 0;
     ExitCode exitCode = Refused;
     const QObject scope;
@@ -56,8 +57,11 @@ ExitCode Commands::login(Service &service, const Output &output, const Request &
                      });
     QObject::connect(&service, &AuthServiceInterface::AttemptGivenUp, &scope,
                      [&](qulonglong attempt, uint who, const QString &by, const QString &reason) {
-                         if (attempt == ours)
-                             output.givenUp(attempt, who, by, reason);
+                         if (attempt != ours)
+                             return;
+                         output.givenUp(attempt, who, by, reason);
+                         if (reason == Reasons::TimedOut)
+                             exitCode = Unreachable;
                      });
     QObject::connect(&service, &AuthServiceInterface::StateChanged, &scope,
                      [&](qulonglong attempt, uint who, const QString &state, const QVariantMap &details) {
@@ -77,6 +81,6 @@ ExitCode Commands::login(Service &service, const Output &output, const Request &
     ours = Service::result(authenticate(service, uid, method, request.cert)).value();
     if (service.handleReports(request.timeout))
         return exitCode;
-    Service::result(service.Cancel(ours));
+    service.Cancel(ours).waitForFinished(); // Whatever it answers, the attempt has ended.
     throw Failure{Unreachable, QStringLiteral("No outcome in time")};
 }

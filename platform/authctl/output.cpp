@@ -38,7 +38,7 @@ QString stateText(const QString &state, const QVariantMap &details)
     if (state == States::Idle)
         return QStringLiteral("nothing under way");
     if (state == States::Queued)
-        return QStringLiteral("waiting for a turn with ") + method;
+        return QStringLiteral("waiting for a turn with %1 ...").arg(method);
     if (state == States::Pending)
         return QStringLiteral("checking with %1 ...").arg(method);
     if (state == States::Challenge && details.value(States::Restarted).toBool())
@@ -103,7 +103,9 @@ void Output::givenUp(qulonglong attempt, uint uid, const QString &method, const 
     QJsonObject object = about(attempt, uid);
     object.insert(QLatin1String("method"), method);
     object.insert(QLatin1String("reason"), reason);
-    print(QStringLiteral("%1: given up: %2").arg(displayName(uid), reason), "given-up", object);
+    QString words = reason;
+    words.replace(QLatin1Char('-'), QLatin1Char(' '));
+    print(QStringLiteral("%1: given up: %2").arg(displayName(uid), words), "given-up", object);
 }
 
 void Output::failed(qulonglong attempt, uint uid, const QString &method, int code, const QString &name, bool isCounted,
@@ -115,9 +117,10 @@ void Output::failed(qulonglong attempt, uint uid, const QString &method, int cod
     object.insert(QLatin1String("resultCode"), code);
     object.insert(QLatin1String("resultName"), name);
     object.insert(QLatin1String("attemptsLeft"), attemptsLeft);
-    print(QStringLiteral("%1: failed: %2 (code %3); attempts left: %4")
+    print(QStringLiteral("%1: failed: %2 (code %3)%4; attempts left: %5")
               .arg(displayName(uid), words(name))
               .arg(code)
+              .arg(isCounted ? QString() : QStringLiteral(", not counted"))
               .arg(attemptsLeft),
           "failed", object);
 }

@@ -8,7 +8,7 @@
 #include <QVariant>
 
 /// Prints reports, each on one line: as text, in which nothing from outside does harm on a terminal, or as a JSON
-/// object whose key "event" says what it is. A user id of 0 stands for the method as a whole.
+/// object whose key "event" says what it is. A user id of 0 stands for the method as a whole, an attempt of 0 for none.
 class Output
 {
 public:

@@ -8,11 +8,25 @@
 #include <QElapsedTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QMap>
+#include <QRegularExpression>
+#include <QSet>
 #include <QTest>
 
 #include <csignal>
 
 using namespace Authctl;
+
+namespace {
+
+QStringList sorted(const QSet<QString> &texts)
+{
+    QStringList list = texts.values();
+    list.sort();
+    return list;
+}
+
+} // namespace
 
 class TstAuthctl : public QObject
 {
@@ -46,7 +60,9 @@ private Q_SLOTS:
     void session();
     void cancel();
     void monitor();
+    void monitorOfUser();
     void hostileTexts();
+    void jsonFields();
     void unreachable_data();
     void unreachable();
     void silentDaemon();
@@ -177,6 +193,7 @@ void TstAuthctl::certs()
     const Result text = runAs(TestDevice::alice, QStringLiteral("certs"));
     QCOMPARE(text.exitCode, int(Success));
     QCOMPARE(text.output, QStringLiteral("one\ntwo\n"));
+    QCOMPARE(runAs(TestDevice::bob, QStringLiteral("certs")).output, QString());
     const Result json = run(QStringLiteral("certs --json"));
     QCOMPARE(json.events(), (QStringList{QStringLiteral("cert"), QStringLiteral("cert")}));
     QCOMPARE(json.objects().constLast().value(QLatin1String("cert")).toString(), QStringLiteral("two"));
@@ -253,6 +270,22 @@ void TstAuthctl::monitor()
     }
 }
 
+void TstAuthctl::monitorOfUser()
+{
+    QProcess monitor;
+    monitor.start(QStringLiteral("setpriv"), {QStringLiteral("--reuid=1001"), QStringLiteral("--clear-groups"),
+                                              Installed::authctl, QStringLiteral("monitor")});
+    QByteArray output;
+    QTRY_VERIFY(run(QStringLiteral("options max-attempts 4")).exitCode == Success
+                && !(output += monitor.readAllStandardOutput()).isEmpty());
+    QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
+    QCOMPARE(run(QStringLiteral("login bob"), "success\n").exitCode, int(Success));
+    QTRY_VERIFY((output += monitor.readAllStandardOutput()).contains("bob: authenticated by kavet\n"));
+    QVERIFY2(!output.contains("alice"), output.constData());
+    monitor.kill();
+    QVERIFY(monitor.waitForFinished());
+}
+
 void TstAuthctl::hostileTexts()
 {
     const QString red = QStringLiteral("\x1b[31m");
@@ -290,6 +323,49 @@ void TstAuthctl::hostileTexts()
     QVERIFY(!run(QStringLiteral("methods ") + red).errors.contains(red));
     monitor.kill();
     QVERIFY(monitor.waitForFinished());
+}
+
+void TstAuthctl::jsonFields()
+{
+    // The manual has for each event a line of its fields.
+    const QString manual = QString::fromUtf8(TestDevice::readFile(QStringLiteral(AUTHCTL_SOURCE_DIR "/authctl.1")));
+    const int begin = manual.indexOf(QLatin1String(".SH JSON OUTPUT"));
+    const QString section = manual.mid(begin, manual.indexOf(QLatin1String("The fields:")) - begin);
+    QMap<QString, QSet<QString>> documented;
+    auto event = QRegularExpression(QStringLiteral("\\.TP\n\\.B (.+)\n\\.IR (.+)\n")).globalMatch(section);
+    while (event.hasNext()) {
+        const QRegularExpressionMatch match = event.next();
+        auto field = QRegularExpression(QStringLiteral("[a-zA-Z-]+")).globalMatch(match.captured(2));
+        while (field.hasNext())
+            documented[match.captured(1)] << field.next().captured();
+    }
+
+    setClientScript(QJsonObject{{QStringLiteral("certs"), QJsonArray{QStringLiteral("one")}}});
+    QProcess monitor;
+    monitor.start(Installed::authctl, {QStringLiteral("--json"), QStringLiteral("monitor")});
+    QByteArray monitored;
+    QTRY_VERIFY(run(QStringLiteral("options max-attempts 4")).exitCode == Success
+                && !(monitored += monitor.readAllStandardOutput()).isEmpty());
+    QCOMPARE(run(QStringLiteral("login alice"), "failed\n").exitCode, int(Refused));
+    QCOMPARE(run(QStringLiteral("login alice --timeout 1"), "never\n").exitCode, int(Unreachable));
+    QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
+    QTRY_VERIFY((monitored += monitor.readAllStandardOutput()).contains("\"state\":\"authenticated\""));
+    monitor.kill();
+    QVERIFY(monitor.waitForFinished());
+    QString output = QString::fromUtf8(monitored);
+    for (const char *arguments : {"methods", "certs", "options --user alice", "unlock alice", "cancel alice"})
+        output += run(QStringLiteral("--json ") + QString::fromLatin1(arguments)).output;
+
+    QMap<QString, QSet<QString>> told;
+    const QVector<QJsonObject> objects = Result{0, output, {}}.objects();
+    for (const QJsonObject &object : objects) {
+        QStringList fields = object.keys();
+        fields.removeOne(QStringLiteral("event"));
+        told[object.value(QLatin1String("event")).toString()] += QSet<QString>(fields.cbegin(), fields.cend());
+    }
+    QCOMPARE(told.keys(), documented.keys());
+    for (auto fields = told.cbegin(); fields != told.cend(); ++fields)
+        QCOMPARE(sorted(fields.value()), sorted(documented.value(fields.key())));
 }
 
 void TstAuthctl::unreachable_data()

@@ -154,7 +154,11 @@ private Q_SLOTS:
     void loginWantsOtherInput();
     void loginWithDyingClient();
     void loginWithoutOutcome();
+    void loginTimesOut();
     void loginGivenUpByOthers();
+    void queue();
+    void interrupted();
+    void forgedSignals();
     void reportsOfOthers();
     void lockAndUnlock();
     void passwordIsNotShown();
@@ -218,6 +222,9 @@ void TstAuthctlLogin::loginFails()
     QCOMPARE(failed.value(QLatin1String("resultCode")).toInt(), 9);
     QCOMPARE(failed.value(QLatin1String("resultName")).toString(), QStringLiteral("NoUsbDevice"));
     QCOMPARE(failed.value(QLatin1String("attemptsLeft")).toInt(), 5);
+    QCOMPARE(failed.value(QLatin1String("counted")), QJsonValue(false));
+    QVERIFY(run(QStringLiteral("login alice"), "nousb\n")
+                .output.contains(QLatin1String("failed: no usb device (code 9), not counted; attempts left: 5\n")));
 }
 
 void TstAuthctlLogin::loginWithCertificate()
@@ -274,8 +281,9 @@ void TstAuthctlLogin::loginWithDyingClient()
     const Result result = run(QStringLiteral("login alice"), "success\n");
     QCOMPARE(result.exitCode, int(Refused));
     QCOMPARE(result.output.count(QStringLiteral("alice: the kavet client crashed and was restarted\n")), 11);
-    QVERIFY2(result.output.endsWith(QStringLiteral("alice: failed: cannot start client (code 3); attempts left: 1\n"
-                                                   "alice: kavet waits for input\n")),
+    QVERIFY2(result.output.endsWith(
+                 QStringLiteral("alice: failed: cannot start client (code 3), not counted; attempts left: 1\n"
+                                "alice: kavet waits for input\n")),
              qPrintable(result.output));
 }
 
@@ -287,6 +295,16 @@ void TstAuthctlLogin::loginWithoutOutcome()
     // It has been given up, so that another may come.
     QVERIFY(m_authd.waitForLog("method=kavet uid=1000 reason=cancelled\n"));
     QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
+}
+
+void TstAuthctlLogin::loginTimesOut()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QVERIFY(m_authd.start(Installed::methods, {QStringLiteral("--attempt-timeout"), QStringLiteral("1")}));
+    const Result result = run(QStringLiteral("login alice"), "never\n");
+    QCOMPARE(result.exitCode, int(Unreachable));
+    QCOMPARE(result.output,
+             QStringLiteral("alice: checking with kavet ...\nalice: given up: timed out\nalice: nothing under way\n"));
 }
 
 void TstAuthctlLogin::loginGivenUpByOthers()
@@ -301,6 +319,72 @@ void TstAuthctlLogin::loginGivenUpByOthers()
     QVERIFY(login.waitForFinished());
     QCOMPARE(login.exitCode(), int(Refused));
     QVERIFY(login.readAllStandardOutput().endsWith("alice: given up: cancelled\nalice: nothing under way\n"));
+}
+
+void TstAuthctlLogin::queue()
+{
+    QProcess first;
+    first.start(Installed::authctl, {QStringLiteral("login"), QStringLiteral("alice")});
+    first.write("never\n");
+    first.closeWriteChannel();
+    QTRY_COMPARE(TestDevice::calls().size(), 1);
+
+    const Result second = run(QStringLiteral("login bob"), "success\n");
+    QCOMPARE(second.exitCode, int(Success));
+    // In between, alice's client makes room for bob's.
+    QVERIFY(second.output.startsWith(
+        QLatin1String("bob: waiting for a turn with kavet ...\nbob: checking with kavet ...\n")));
+    QVERIFY(second.output.endsWith(QLatin1String("bob: success\nbob: authenticated by kavet\n")));
+    QVERIFY(first.waitForFinished());
+    QCOMPARE(first.exitCode(), int(Refused));
+    QVERIFY(first.readAllStandardOutput().endsWith("alice: given up: cut short\nalice: nothing under way\n"));
+}
+
+void TstAuthctlLogin::interrupted()
+{
+    OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")}, TestDevice::alice);
+    QVERIFY(login.waitFor("Password of alice: "));
+    login.type("never\n");
+    QVERIFY(login.waitFor("alice: checking with kavet ..."));
+    login.type("\x03");
+    QVERIFY(login.waitForEnd());
+    QCOMPARE(login.endSignal(), SIGINT);
+    QVERIFY(m_authd.waitForLog("method=kavet uid=1000 reason=caller-gone\n"));
+    QCOMPARE(runAs(TestDevice::alice, QStringLiteral("login alice"), "success\n").exitCode, int(Success));
+}
+
+void TstAuthctlLogin::forgedSignals()
+{
+    QProcess login;
+    login.start(Installed::authctl, {QStringLiteral("login"), QStringLiteral("alice")});
+    login.write("never\n");
+    login.closeWriteChannel();
+    QTRY_COMPARE(TestDevice::calls().size(), 1);
+
+    // Another user tells everybody on the bus that the attempt has succeeded.
+    const BusUser root(0);
+    const BusUser bob(TestDevice::bob);
+    const QVariant attempt = root.call(QStringLiteral("GetState"), {TestDevice::alice}).arguments().value(0);
+    QVERIFY(attempt.toULongLong() > 0);
+    const QVariantMap details = {{QStringLiteral("method"), QStringLiteral("kavet")}};
+    const QStringList names = bob.connection().interface()->registeredServiceNames();
+    for (const QString &name : names) {
+        const auto tell = [&](const char *member, const QVariantList &arguments) {
+            QDBusMessage signal = QDBusMessage::createTargetedSignal(
+                name, LibAuthd::AuthService::ObjectPath, LibAuthd::AuthService::Interface, QString::fromLatin1(member));
+            signal.setArguments(QVariantList{attempt, TestDevice::alice} + arguments);
+            bob.connection().send(signal);
+        };
+        tell("Authenticated", {QStringLiteral("kavet")});
+        tell("StateChanged", {QStringLiteral("authenticated"), details});
+    }
+    bob.call(QStringLiteral("GetMethods")); // From here on the bus has delivered them.
+
+    QCOMPARE(run(QStringLiteral("cancel alice")).exitCode, int(Success));
+    QVERIFY(login.waitForFinished());
+    QCOMPARE(login.exitCode(), int(Refused));
+    QCOMPARE(login.readAllStandardOutput(),
+             QByteArray("alice: checking with kavet ...\nalice: given up: cancelled\nalice: nothing under way\n"));
 }
 
 void TstAuthctlLogin::reportsOfOthers()

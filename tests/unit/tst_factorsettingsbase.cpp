@@ -6,6 +6,7 @@
 #include <authd/factorsettingsbase.h>
 #include <authd/vocabulary.h>
 
+#include <QAtomicInt>
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -66,6 +67,7 @@ public:
         m_value = value;
         m_asked.clear();
     }
+    int subscriptions() const { return m_subscriptions; }
     QVector<QVariantList> asked() const
     {
         const QMutexLocker locker(&m_mutex);
@@ -73,6 +75,7 @@ public:
     }
 
 public Q_SLOTS:
+    void Subscribe() { ++m_subscriptions; }
     QDBusVariant GetMethodOption(const QString &method, const QString &option) { return answer({method, option}); }
     QDBusVariant GetUserMethodOption(uint uid, const QString &method, const QString &option)
     {
@@ -116,6 +119,7 @@ private:
     Answer m_answer = Value;
     QVariant m_value;
     QVector<QVariantList> m_asked;
+    QAtomicInt m_subscriptions;
 };
 
 /// A fake service on the bus, in a thread and on a connection of its own, since a caller's thread waits for it.
@@ -358,6 +362,7 @@ void TestFactorSettingsBase::changes()
     RunningService running;
     QVERIFY(running.isRunning);
     Settings settings;
+    QTRY_COMPARE(running.service.subscriptions(), 1);
     const QStringList certs = {QStringLiteral("a"), QStringLiteral("b")};
     running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(certs)});
     running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(QStringList())});
@@ -433,6 +438,8 @@ void TestFactorSettingsBase::serviceComesAndGoes()
         {
             RunningService running;
             QVERIFY(running.isRunning);
+            // Each one must be asked anew to tell of changes.
+            QTRY_COMPARE(running.service.subscriptions(), 1);
             running.service.prepare(FakeService::Value, round);
             QCOMPARE(settings.getOption(0, QStringLiteral("certs")), QVariant(round));
             running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(round)});
