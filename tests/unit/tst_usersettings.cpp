@@ -82,7 +82,9 @@ const QVector<Written> writtenValues = {
 /// What settings files are made of, honest and otherwise. Nothing here adds up to an object that QSettings would read
 /// from a stream: that may end the process.
 const QVector<QByteArray> pieces = {
+    "attempts=\"a\", b , c ",
     "attempts",
+    "attempts=\"a\", b , c ",
     "attempts",
     "attempts=",
     "attempts=5\n",
