@@ -77,7 +77,9 @@ bool MethodKavetPrivate::launchChild()
     environment.insert(Constants::homeVariable, Constants::homeRoot + userName);
     environment.insert(Constants::sessionBusVariable, Constants::sessionBusAddress.arg(currentUid));
     child.setProcessEnvironment(environment);
-    child.clientUid = currentUid;
+    // A process that is starting already is another launch's, and stays what it is.
+    if (child.state() == QProcess::NotRunning)
+        child.clientUid = currentUid;
     child.start(Constants::sandboxLauncher, arguments, QIODevice::ReadWrite);
     return true;
 }
