@@ -54,6 +54,9 @@ bool MethodKavetPrivate::connectToChild()
         return false;
     if (guard.isOpen() && connection.isConnected())
         return true;
+    // A client that is being killed serves nobody, whatever it still does.
+    if (child.state() != QProcess::NotRunning && child.clientUid == 0)
+        return false;
 
     closeLink();
     const QString path = Constants::filePath.arg(Constants::clientDirectory, Constants::socketName);

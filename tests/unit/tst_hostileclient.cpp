@@ -119,6 +119,8 @@ private Q_SLOTS:
     void secretOfAnotherUser();
     void clientStillStarting();
     void clientThatNeverStarts();
+    void launchedAgainWhileStarting();
+    void linkToClientBeingKilled();
     void loginAfterLogout();
     void delayedLaunchRecorded();
     void swappedSocket();
@@ -438,6 +440,40 @@ void TstHostileClient::clientThatNeverStarts()
     QVERIFY(bobSucceeds(fixture));
     QVERIFY(log.debugs().contains(QStringLiteral("onChildErrorOccurred error 0")));
     QCOMPARE(launches().size(), 1);
+}
+
+void TstHostileClient::launchedAgainWhileStarting()
+{
+    // A launch that was delayed comes due while alice's client is starting, and starts no other one.
+    MethodFixture fixture;
+    setScript({{QStringLiteral("socket"), never}});
+    fixture.method.authenticate(alice, MethodFixture::passwordData(success));
+    QCOMPARE(fixture.d->child.state(), QProcess::Starting);
+    fixture.d->currentUid = bob;
+    QVERIFY(fixture.d->launchChild());
+    QCOMPARE(fixture.d->child.uid, bob);
+    QCOMPARE(fixture.d->child.clientUid, alice);
+
+    // So bob's request does not wait for the socket of a client of his.
+    QVERIFY(bobSucceeds(fixture));
+    QCOMPARE(misled(), QVector<QJsonArray>());
+}
+
+void TstHostileClient::linkToClientBeingKilled()
+{
+    MethodFixture fixture;
+    QVERIFY(startAlice(fixture, {}, success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    const pid_t process = launchedProcesses().constFirst();
+    fixture.method.handleUserSessionTriggered(alice, true, true);
+    QVERIFY(fixture.d->child.clientRunning);
+    QVERIFY(fixture.d->child.socketPresent);
+    // The list is fetched from the next client.
+    QVERIFY(!fixture.d->connectToChild());
+    QCOMPARE(fixture.d->getCertList(), QStringList());
+    QVERIFY(fixture.d->certListPending);
+    QVERIFY(!fixture.d->certListInFlight);
+    QTRY_COMPARE(::kill(process, 0), -1);
 }
 
 void TstHostileClient::loginAfterLogout()
