@@ -11,6 +11,7 @@ QString nameOf(Kind kind)
     static const char *const names[] = {"Authenticate",
                                         "Reset",
                                         "EndClient",
+                                        "StopClient",
                                         "PutSocket",
                                         "RemoveSocket",
                                         "ChangeSocketOwner",
@@ -54,6 +55,13 @@ QString nameOf(Kind kind)
                                         "Restart"};
     static_assert(sizeof names / sizeof *names == size_t(Kind::Count), "every kind has a name");
     return QLatin1String(names[int(kind)]);
+}
+
+QString lateAnswer(const QString &answer)
+{
+    static const QStringList others = {QStringLiteral("<hold>"), QStringLiteral("<drop>"), QStringLiteral("<flood>"),
+                                       QStringLiteral("<die>")};
+    return others.contains(answer) ? answers.first() : answer;
 }
 
 std::ostream &operator<<(std::ostream &stream, const Event &event)

@@ -13,21 +13,23 @@ namespace Sequences {
 
 constexpr uint alice = 1000;
 constexpr uint bob = 1001;
+constexpr uint carol = 1002;
 constexpr uint unknownUser = 4242;
 
 enum class Kind {
     Authenticate, // user, variant = AuthData, answer
     Reset,
     EndClient, // variant = how
+    StopClient, // by SIGSTOP, and on again
     PutSocket, // variant = SocketChoice
     RemoveSocket,
     ChangeSocketOwner, // variant = SocketChoice
     TouchClientDirectory,
     DropLink,
-    Reply, // variant = which call, answer
+    Reply, // variant = which call, answer; also when it is late
     FetchCerts,
     SetCertsAnswer, // variant = CertsAnswer
-    ReplyCerts, // variant = CertsAnswer but Hold
+    ReplyCerts, // variant = CertsAnswer but HoldCerts
     StartSession, // user, flag = manageClient
     StopSession, // flag = manageClient
     CreateMarker, // user
@@ -64,8 +66,34 @@ enum class Kind {
 };
 
 enum AuthData { Password, CertAndPin, PasswordAndPin, CertOnly, EmptyMap, AuthDataCount };
-enum SocketChoice { RightOwner, OtherUser, Root, NobodyListens, SocketChoiceCount };
-enum CertsAnswer { SomeCerts, NoCerts, CertsError, CertsNumber, CertsNothing, HoldCerts, CertsAnswerCount };
+/// What stands in the place of the client's socket. Whose it is and who listens are the same user up to NobodyListens;
+/// after that it is the right owner's, and another user or root listens, or it is no socket.
+enum SocketChoice {
+    RightOwner,
+    OtherUser,
+    Root,
+    NobodyListens,
+    OtherListens,
+    RootListens,
+    LinkToSocket,
+    NotASocket,
+    SocketChoiceCount
+};
+constexpr int socketOwnerChoices = NobodyListens;
+enum CertsAnswer {
+    SomeCerts,
+    NoCerts,
+    CertsError,
+    CertsNumber,
+    CertsNothing,
+    MostCerts,
+    TooManyCerts,
+    TooLargeCerts,
+    HoldCerts,
+    CertsAnswerCount
+};
+constexpr int mostCerts = 1000; ///< Longer lists do not count,
+constexpr int largestCerts = 256 * 1024; ///< nor do those of more bytes.
 enum Launcher { Works, IsMissing, ExitsAtOnce, FailsAtOnce, IgnoresTerm, LauncherCount };
 enum Group { Normal, NoGroup, GroupOfRoot, GroupCount };
 enum Manifest { Stock, NoManifest, Damaged, NoOrganization, NoCommand, ManifestCount };
@@ -90,7 +118,11 @@ const QStringList answers = {QStringLiteral("success"),
                              QStringLiteral("<many>"),
                              QStringLiteral("<hold>"),
                              QStringLiteral("<drop>"),
+                             QStringLiteral("<flood>"),
                              QStringLiteral("<die>")};
+
+/// The answer that `answer` stands for where a call is answered that has been held.
+QString lateAnswer(const QString &answer);
 
 /// What is written as a value into settings files; a null string stands for a file without the key.
 const QStringList limits = {QStringLiteral("1"),

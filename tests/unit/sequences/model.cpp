@@ -53,6 +53,8 @@ bool Model::allows(const Event &event) const
         switch (event.kind) {
         case Kind::EndClient:
             return m_process != NotRunning && m_processKind != IsMissing && !m_dying;
+        case Kind::StopClient:
+            return m_process == Running && !m_dying && !event.hurried;
         case Kind::PutSocket:
         case Kind::TouchClientDirectory:
             return !m_clientDirectoryAway;
@@ -60,7 +62,9 @@ bool Model::allows(const Event &event) const
         case Kind::ChangeSocketOwner:
             return !m_clientDirectoryAway && m_socket.exists;
         case Kind::DropLink:
-            return m_connected && !event.hurried;
+            // The end of the link reaches the object in its turn, and so does all else.
+            return m_connected && !event.hurried && !m_dying && m_process != Starting && m_changedDirectories.isEmpty()
+                   && m_changedFiles.isEmpty();
         case Kind::Reply:
             return !m_heldCalls.isEmpty();
         case Kind::ReplyCerts:
@@ -107,7 +111,7 @@ bool Model::allows(const Event &event) const
     if (after.orderMatters())
         return false;
     if (event.hurried)
-        return !after.m_ambiguous && after.m_arrivals.isEmpty() && after.m_wiped.isEmpty();
+        return !after.m_ambiguous && !after.m_loopNeeded && after.m_arrivals.isEmpty() && after.m_wiped.isEmpty();
     after.settle();
     return !after.m_ambiguous;
 }
@@ -128,8 +132,15 @@ QVector<Kind> Model::next() const
     if (m_connected)
         kinds += QVector<Kind>(20, Kind::Authenticate) + QVector<Kind>(3, Kind::DropLink)
                  + QVector<Kind>(m_certsAnswer == HoldCerts ? 20 : 4, Kind::FetchCerts);
-    if (!m_heldCalls.isEmpty())
-        kinds += QVector<Kind>(15, Kind::Reply);
+    if (!m_outstanding.isEmpty())
+        kinds += QVector<Kind>(15, Kind::Reply) + QVector<Kind>(8, Kind::Authenticate) + QVector<Kind>(4, Kind::Reset)
+                 + QVector<Kind>(4, Kind::StartSession);
+    else if (!m_heldCalls.isEmpty())
+        kinds += QVector<Kind>(3, Kind::Reply);
+    if (m_connected)
+        kinds += QVector<Kind>(3, Kind::StopClient);
+    if (m_starting)
+        kinds += QVector<Kind>(8, Kind::StartSession);
     if (m_certsHeld > 0)
         kinds += QVector<Kind>(15, Kind::ReplyCerts) + QVector<Kind>(8, Kind::FetchCerts);
     if (!m_heldWipes.isEmpty())
@@ -190,14 +201,19 @@ void Model::act(const Event &event)
 
     m_returned.clear();
     m_atOnce.clear();
+    m_loopNeeded = false;
     switch (event.kind) {
     case Kind::Authenticate:
+        // The outcome of one user's request would be taken for the other's.
+        if (event.user != m_currentUid)
+            m_current.clear();
         m_currentUid = event.user;
         m_pending = Data{event.variant, event.answer + QLatin1Char('#') + QString::number(++m_credentials)};
         makeAuth();
         break;
     case Kind::Reset:
         m_pending.reset();
+        m_current.clear();
         m_currentUid = 0;
         m_budget = fullBudget;
         m_stage = m_running ? MustConnect + int(m_socketPresent) : MustLaunch;
@@ -207,8 +223,12 @@ void Model::act(const Event &event)
     case Kind::EndClient:
         m_dying = true;
         break;
+    case Kind::StopClient:
+        m_stopped = !m_stopped;
+        m_dying = !m_stopped && m_termPending;
+        break;
     case Kind::PutSocket:
-        m_socket = {true, event.variant != NobodyListens, socketOwner(event.variant)};
+        m_socket = {true, event.variant < LinkToSocket, socketOwner(event.variant), socketPeer(event.variant)};
         noteDirectory(clientDirectory);
         break;
     case Kind::RemoveSocket:
@@ -223,14 +243,14 @@ void Model::act(const Event &event)
         noteDirectory(clientDirectory);
         break;
     case Kind::DropLink:
-        m_ambiguous = m_ambiguous || m_dying;
         loseLink();
         break;
     case Kind::Reply: {
-        m_heldCalls.removeAt(event.variant % m_heldCalls.size());
-        const bool certain = event.answer != QLatin1String("<hold>") && event.answer != QLatin1String("<drop>")
-                             && event.answer != QLatin1String("<die>");
-        m_arrivals << Arrival{Arrival::Answer, certain ? event.answer : answers.first(), 0, 0};
+        const QString credential = m_heldCalls.takeAt(event.variant % m_heldCalls.size());
+        if (m_outstanding.removeOne(credential))
+            m_arrivals << Arrival{Arrival::Answer, credential, lateAnswer(event.answer)};
+        else
+            m_situations << QStringLiteral("answered after the link");
         break;
     }
     case Kind::FetchCerts:
@@ -241,7 +261,7 @@ void Model::act(const Event &event)
         break;
     case Kind::ReplyCerts:
         --m_certsHeld;
-        m_arrivals << Arrival{Arrival::Certs, QString(), event.variant, 0};
+        m_arrivals << Arrival{Arrival::Certs, QString(), QString(), event.variant};
         break;
     case Kind::StartSession:
         startSession(event.user, event.flag);
@@ -377,7 +397,7 @@ void Model::settle()
             const Arrival arrival = m_arrivals.takeFirst();
             switch (arrival.type) {
             case Arrival::Answer:
-                handleAnswer(arrival.answer);
+                handleReply(arrival.credential, arrival.answer);
                 break;
             case Arrival::Certs:
                 handleCerts(arrival.certs);
@@ -401,6 +421,7 @@ void Model::construct()
     m_stage = MustLaunch;
     m_currentUid = 0;
     m_pending.reset();
+    m_current.clear();
     m_budget = fullBudget;
     m_certsInFlight = m_certsPending = false;
     m_uid = m_gid = 0;
@@ -436,8 +457,9 @@ void Model::destroy()
     if (exists(policy))
         syncPolicy(policy, true);
     m_process = NotRunning;
-    m_dying = false;
+    m_dying = m_stopped = m_termPending = false;
     m_connected = false;
+    m_outstanding.clear();
     m_heldCalls.clear();
     m_certsHeld = 0;
     m_heldWipes.clear();
@@ -457,6 +479,23 @@ void Model::makeAuth()
         }
         if (m_currentUid == 0)
             return;
+        if (m_process != NotRunning && m_clientUid != m_currentUid) {
+            if (m_clientUid != 0) {
+                m_situations << (m_starting        ? QStringLiteral("another user's client killed while starting")
+                                 : m_stopped       ? QStringLiteral("another user's stopped client killed")
+                                 : m_connected     ? QStringLiteral("another user's linked client killed")
+                                 : m_socketPresent ? QStringLiteral("another user's client killed before the link")
+                                                   : QStringLiteral("another user's client killed before its socket"));
+                if (m_processKind == IgnoresTerm)
+                    m_situations << QStringLiteral("another user's stubborn client killed");
+                if (m_uid == m_currentUid)
+                    m_situations << QStringLiteral("another user's client killed after a launch was delayed");
+                kill();
+            } else {
+                m_situations << QStringLiteral("waited for a client to be killed");
+            }
+            return;
+        }
         if (m_starting) {
             m_situations << QStringLiteral("asked while starting");
             return;
@@ -491,6 +530,22 @@ void Model::makeAuth()
             return;
         }
     }
+}
+
+void Model::handleReply(const QString &credential, const QString &answer)
+{
+    if (credential != m_current) {
+        dropReply();
+        return;
+    }
+    m_current.clear();
+    handleAnswer(answer);
+}
+
+void Model::dropReply()
+{
+    m_situations << QStringLiteral("reply dropped");
+    ++m_dropped;
 }
 
 void Model::handleAnswer(const QString &answer)
@@ -528,10 +583,19 @@ bool Model::connectToClient()
         return false;
     if (m_connected)
         return true;
-    if (m_clientDirectoryAway || !m_socket.exists || !m_socket.served) {
+    if (m_clientUid == 0) {
+        m_situations << QStringLiteral("no link to a client being killed");
+        return false;
+    }
+    if (m_clientDirectoryAway || !m_socket.exists || !m_socket.isSocket || m_socket.peer == nobody) {
         m_situations << QStringLiteral("connection refused");
         return false;
     }
+    if (m_socket.peer != 0 && m_socket.peer != (m_currentUid == 0 ? m_clientUid : m_currentUid)) {
+        m_situations << QStringLiteral("another user listens");
+        return false;
+    }
+    m_situations << (m_socket.peer == 0 ? QStringLiteral("root listens") : QStringLiteral("linked"));
     m_connected = true;
     if (m_certsPending) {
         m_certsPending = false;
@@ -552,18 +616,22 @@ void Model::callClient(const QString &method, const QStringList &arguments, cons
         m_situations << QStringLiteral("link made at the last stage");
     }
     m_calls << method + QLatin1Char('(') + arguments.join(QLatin1Char(',')) + QLatin1Char(')');
+    m_ambiguous = m_ambiguous || m_dying;
+    m_loopNeeded = true;
+    m_current = credential;
     const QString answer = answerTo(credential);
-    if (answer == QLatin1String("<hold>")) {
+    if (answer == QLatin1String("<hold>") || answer == QLatin1String("<die>")) {
+        m_outstanding << credential;
         m_heldCalls << credential;
-    } else if (answer == QLatin1String("<die>")) {
-        m_heldCalls << credential;
-        m_dying = true;
-    } else if (answer == QLatin1String("<drop>")) {
-        m_ambiguous = m_ambiguous || !m_arrivals.isEmpty() || m_dying || m_changedDirectories.contains(clientDirectory);
-        m_heldCalls << credential;
+        m_dying = answer == QLatin1String("<die>");
+    } else if (answer == QLatin1String("<drop>") || answer == QLatin1String("<flood>")) {
+        m_ambiguous = m_ambiguous || !m_arrivals.isEmpty() || m_changedDirectories.contains(clientDirectory);
+        if (answer == QLatin1String("<flood>"))
+            m_situations << QStringLiteral("link cut for a flood");
+        m_outstanding << credential;
         loseLink();
     } else {
-        m_arrivals << Arrival{Arrival::Answer, answer, 0, 0};
+        m_arrivals << Arrival{Arrival::Answer, credential, answer};
     }
 }
 
@@ -581,16 +649,22 @@ QStringList Model::getCertList()
     m_certsPending = false;
     m_certsInFlight = true;
     m_calls << QStringLiteral("getCertList()");
+    m_ambiguous = m_ambiguous || m_dying;
+    m_loopNeeded = true;
     if (m_certsAnswer == HoldCerts)
         ++m_certsHeld;
     else
-        m_arrivals << Arrival{Arrival::Certs, QString(), m_certsAnswer, 0};
+        m_arrivals << Arrival{Arrival::Certs, QString(), QString(), m_certsAnswer};
     return {QStringLiteral(".")};
 }
 
 void Model::handleCerts(int answer)
 {
-    m_certsTold << (answer == SomeCerts ? QStringLiteral("[pkcs11:one,pkcs11:two]") : QStringLiteral("[]"));
+    if (answer == TooManyCerts || answer == TooLargeCerts)
+        m_situations << QStringLiteral("certificate list too long");
+    m_certsTold << (answer == SomeCerts   ? QStringLiteral("[pkcs11:one,pkcs11:two]")
+                    : answer == MostCerts ? QStringLiteral("[%1]").arg(mostCerts)
+                                          : QStringLiteral("[]"));
     m_certsInFlight = false;
 }
 
@@ -598,15 +672,20 @@ void Model::handleCerts(int answer)
 void Model::loseLink()
 {
     m_connected = false;
-    if (!m_heldCalls.isEmpty() || m_certsHeld > 0)
-        m_arrivals << Arrival{Arrival::LinkGone, QString(), m_certsHeld, m_heldCalls.size()};
-    m_heldCalls.clear();
+    if (!m_outstanding.isEmpty() || m_certsHeld > 0)
+        m_arrivals << Arrival{Arrival::LinkGone, QString(), QString(), m_certsHeld, m_outstanding};
+    m_outstanding.clear();
     m_certsHeld = 0;
 }
 
-void Model::callsLost(int calls, int certs)
+void Model::callsLost(const QStringList &calls, int certs)
 {
-    for (int i = 0; i < calls; ++i) {
+    for (const QString &credential : calls) {
+        if (credential != m_current) {
+            dropReply();
+            continue;
+        }
+        m_current.clear();
         m_situations << QStringLiteral("call lost with the link");
         requestInput(EnterPasswordOrPin, CannotCommunicateClient);
     }
@@ -701,6 +780,7 @@ void Model::startProcess()
         return;
     m_process = Starting;
     m_processKind = m_launcher;
+    m_clientUid = m_currentUid;
     m_starting = true;
     setUnavailable(m_running);
     if (m_processKind == IsMissing)
@@ -720,7 +800,7 @@ void Model::processFailedToStart()
 {
     m_situations << QStringLiteral("failed start");
     m_process = NotRunning;
-    m_dying = false;
+    m_dying = m_stopped = m_termPending = false;
     m_starting = false;
     setUnavailable(m_running);
 }
@@ -730,15 +810,16 @@ void Model::processEnded()
     if (!m_arrivals.isEmpty())
         m_ambiguous = true;
     const int launches = m_launches.size();
+    const bool waited = m_clientUid == 0 && m_pending;
     m_process = NotRunning;
-    m_dying = false;
+    m_dying = m_stopped = m_termPending = false;
     m_starting = false;
     setUnavailable(m_running);
     setUnavailable(m_running);
     makeAuth();
     if (m_launches.size() > launches)
-        m_situations << QStringLiteral("relaunched");
-    loseLink();
+        m_situations << (waited ? QStringLiteral("launched when the other client had ended")
+                                : QStringLiteral("relaunched"));
 }
 
 void Model::setUnavailable(bool wasRunning)
@@ -748,7 +829,7 @@ void Model::setUnavailable(bool wasRunning)
     m_socketPresent = false;
     if (!wasRunning)
         return;
-    m_connected = false;
+    loseLink();
     unwatch(m_userConfigPath);
     m_userConfigPath.clear();
     unwatch(policy);
@@ -764,16 +845,29 @@ void Model::terminate()
 {
     if (m_process == Starting && m_processKind == IsMissing)
         m_ambiguous = true;
-    if (m_processKind != IgnoresTerm)
-        m_dying = true;
-    else
+    if (m_processKind == IgnoresTerm)
         m_situations << QStringLiteral("termination ignored");
+    else if (m_stopped)
+        m_termPending = true;
+    else
+        m_dying = true;
 }
 
+/// Closes the link too, and that ends its calls at once, before the process has ended.
 void Model::kill()
 {
-    m_situations << QStringLiteral("client of an earlier session killed");
+    if (m_process == Starting && m_processKind == IsMissing)
+        m_ambiguous = true;
+    if (!m_arrivals.isEmpty())
+        m_ambiguous = true;
+    m_clientUid = 0;
     m_dying = true;
+    loseLink();
+    if (m_arrivals.isEmpty())
+        return;
+    const Arrival lost = m_arrivals.takeLast();
+    callsLost(lost.lost, lost.certs);
+    m_loopNeeded = true;
 }
 
 // --- Sessions and watching ------------------------------------------------------------------------------------------
@@ -792,8 +886,10 @@ void Model::startSession(uint user, bool manageClient)
     }
     if (!manageClient)
         return;
-    if (m_running)
+    if (m_running) {
+        m_situations << QStringLiteral("client of an earlier session killed");
         kill();
+    }
     if (!isKnown(user))
         return;
     if (m_markers.contains(user)) {
@@ -877,6 +973,10 @@ void Model::socketDirectoryChanged()
         m_situations << QStringLiteral("wrong owner");
         return;
     }
+    if (!m_socket.isSocket) {
+        m_situations << QStringLiteral("no socket");
+        return;
+    }
     if (m_socketPresent)
         return;
     m_socketPresent = true;
@@ -929,6 +1029,9 @@ void Model::watch(const QString &path)
 void Model::unwatch(const QString &path)
 {
     m_watches.remove(path);
+    // What a watch that is given up has noted goes with it.
+    m_changedFiles.remove(path);
+    m_changedDirectories.remove(path);
 }
 
 /// Whatever stood there when it was watched before.
@@ -1087,6 +1190,21 @@ uint Model::socketOwner(int choice) const
     }
 }
 
+uint Model::socketPeer(int choice) const
+{
+    switch (choice) {
+    case NobodyListens:
+    case NotASocket:
+        return nobody;
+    case RootListens:
+        return 0;
+    case OtherListens:
+        return socketOwner(OtherUser);
+    default:
+        return socketOwner(choice);
+    }
+}
+
 QString Model::userFile(uint user) const
 {
     return QStringLiteral("%1/%2.conf").arg(shared).arg(user);
@@ -1141,6 +1259,8 @@ Observation Model::observation() const
         {QStringLiteral("connected"), flag(m_connected)},
         {QStringLiteral("watched"), QStringList(m_watches.keys()).join(QLatin1Char(' '))},
         {QStringLiteral("launches"), m_launches.join(QLatin1Char(' '))},
+        {QStringLiteral("user of the process"), m_process == NotRunning ? QString() : QString::number(m_clientUid)},
+        {QStringLiteral("replies dropped"), QString::number(m_dropped)},
         {QStringLiteral("told"), m_told.join(QStringLiteral(", "))},
         {QStringLiteral("certs told"), m_certsTold.join(QLatin1Char(' '))},
         {QStringLiteral("calls"), m_calls.join(QLatin1Char(' '))},

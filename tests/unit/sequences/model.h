@@ -11,6 +11,8 @@
 
 namespace Sequences {
 
+constexpr uint nobody = uint(-1);
+
 /// What the private object should do, as tables and rules over plain values; shares no code with it. Besides its state
 /// it keeps that of the surroundings which it sees: files, processes, the other end of the link.
 class Model
@@ -33,8 +35,12 @@ public:
     /// Calls to the client and to the wiper so far.
     int calls() const { return m_calls.size(); }
     int wipes() const { return m_wipes.size(); }
-    /// Calls that the client has not answered yet.
-    int heldCalls() const { return m_heldCalls.size(); }
+    /// Credentials in calls that no client has answered yet, among them those whose link has ended since.
+    QStringList heldCalls() const { return m_heldCalls; }
+    /// Whether the client's process has been stopped by a signal.
+    bool isStopped() const { return m_stopped; }
+    /// Whether the outcome of a request is awaited that a client has been sent.
+    bool hasCurrentRequest() const { return !m_current.isNull(); }
     /// What leads on from here, which pure chance would seldom find; each as often as it should be drawn.
     QVector<Kind> next() const;
     /// The user whose first start is waited for; the first user when there is none.
@@ -44,6 +50,8 @@ public:
 
     /// The user that a choice of socket makes the owner.
     uint socketOwner(int choice) const;
+    /// The user who listens at a choice of socket; nobody when there is none.
+    uint socketPeer(int choice) const;
     QString userFile(uint user) const;
 
 private:
@@ -72,11 +80,13 @@ private:
         uint group = 0;
         QString value; ///< Null without the key.
     };
+    /// What has the name of the client's socket.
     struct Socket
     {
         bool exists = false;
-        bool served = false;
+        bool isSocket = false;
         uint owner = 0;
+        uint peer = nobody;
     };
     struct Value
     {
@@ -90,9 +100,10 @@ private:
     struct Arrival
     {
         enum Type { Answer, Certs, LinkGone } type;
+        QString credential;
         QString answer;
         int certs = 0; ///< Answer or, with the link gone, number of lost calls.
-        int lost = 0;
+        QStringList lost = {};
     };
     using OptionKey = QPair<uint, QString>;
 
@@ -104,6 +115,7 @@ private:
 
     // The authentication
     void makeAuth();
+    void handleReply(const QString &credential, const QString &answer);
     void handleAnswer(const QString &answer);
     void requestInput(Request request, int code);
     bool connectToClient();
@@ -111,7 +123,8 @@ private:
     QStringList getCertList();
     void handleCerts(int answer);
     void loseLink();
-    void callsLost(int calls, int certs);
+    void callsLost(const QStringList &calls, int certs);
+    void dropReply();
 
     // The client
     bool launch();
@@ -184,9 +197,13 @@ private:
     // Client process and link
     Process m_process = NotRunning;
     int m_processKind = Works;
+    uint m_clientUid = 0; ///< User that the process was launched for; nobody's while it is being killed.
     bool m_dying = false;
+    bool m_stopped = false;
+    bool m_termPending = false;
     bool m_connected = false;
-    QVector<QString> m_heldCalls;
+    QStringList m_outstanding; ///< On the link that stands.
+    QStringList m_heldCalls;
     int m_certsHeld = 0;
     QVector<uint> m_heldWipes;
 
@@ -196,12 +213,14 @@ private:
     QVector<Arrival> m_arrivals;
     QVector<uint> m_wiped;
     bool m_ambiguous = false;
+    bool m_loopNeeded = false; ///< What has happened only comes about when the event loop runs.
 
     // The private object
     bool m_wired = false;
     int m_stage = MustLaunch;
     uint m_currentUid = 0;
     std::optional<Data> m_pending;
+    QString m_current; ///< Credential in the request whose reply counts; null for none.
     uint m_budget = 11;
     bool m_certsInFlight = false;
     bool m_certsPending = false;
@@ -223,6 +242,7 @@ private:
     // What has been seen of it
     int m_credentials = 0;
     QStringList m_told;
+    int m_dropped = 0; ///< Replies.
     QStringList m_certsTold;
     QMap<OptionKey, QStringList> m_optionsTold;
     QStringList m_calls;

@@ -6,36 +6,68 @@
 
 #include <QDBusConnection>
 #include <QDBusError>
-#include <QDBusServer>
+#include <QDir>
+#include <QFile>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace Sequences {
+
+// On the file system of the client's directory, as a socket gets its place there by a hard link.
+const QString Peer::directory = QStringLiteral("/run/aux-auth/kavet-sequences");
 
 namespace {
 
 const QString busName = QStringLiteral("sequences");
 const QString wiperService = QStringLiteral("qarv.userdata.wiper");
+constexpr uint users[] = {0, alice, bob, carol};
 
 QDBusMessage errorReply(const QDBusMessage &call)
 {
     return call.createErrorReply(QStringLiteral("tarsk.Error"), QStringLiteral("No luck"));
 }
 
+void need(bool done, const char *what)
+{
+    if (!done)
+        qFatal("Cannot %s: %s", what, std::strerror(errno));
+}
+
 } // namespace
 
-Peer::Peer(const QString &path)
+QString Peer::Call::text() const
 {
+    return method + QLatin1Char('(') + arguments.join(QLatin1Char(',')) + QLatin1Char(')');
+}
+
+QString Peer::Call::user() const
+{
+    return method == QLatin1String("validateCert") ? arguments.value(1) : arguments.value(0);
+}
+
+QString Peer::Call::credential() const
+{
+    return arguments.value(arguments.size() - 1);
+}
+
+Peer::Peer(const QString &program)
+{
+    need(pipe2(m_journal, O_CLOEXEC) == 0 && fcntl(m_journal[0], F_SETFL, O_NONBLOCK) == 0, "make a pipe");
+    for (const uint user : users)
+        start(user, program);
+
     moveToThread(&m_thread);
     m_thread.start();
-    inThread([this, path] {
-        m_server = new QDBusServer(QStringLiteral("unix:path=") + path, this);
-        if (!m_server->isConnected())
-            qFatal("Cannot serve: %s", qPrintable(m_server->lastError().message()));
-        connect(m_server, &QDBusServer::newConnection, this, [this](const QDBusConnection &connection) {
-            m_links << connection.name();
-            QDBusConnection(connection).registerVirtualObject(QStringLiteral("/kavetauth"), this);
-        });
+    inThread([this] {
         QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, busName);
         if (!bus.registerService(wiperService)
             || !bus.registerVirtualObject(QStringLiteral("/qarv/userdata/wiper"), this))
@@ -45,18 +77,61 @@ Peer::Peer(const QString &path)
 
 Peer::~Peer()
 {
-    inThread([this] {
-        closeLinks();
-        QDBusConnection::disconnectFromBus(busName);
-        delete m_server;
-    });
+    inThread([] { QDBusConnection::disconnectFromBus(busName); });
     m_thread.quit();
     m_thread.wait();
+    for (const Process &process : qAsConst(m_processes)) {
+        close(process.commands);
+        kill(process.pid, SIGKILL);
+        waitpid(process.pid, nullptr, 0);
+    }
+    close(m_journal[0]);
+    close(m_journal[1]);
 }
 
-QStringList Peer::calls() const
+QString Peer::socketOf(uint user)
 {
-    const QMutexLocker locker(&m_mutex);
+    return QStringLiteral("%1/%2/socket").arg(directory).arg(user);
+}
+
+void Peer::start(uint user, const QString &program)
+{
+    const QByteArray home = QFile::encodeName(QStringLiteral("%1/%2").arg(directory).arg(user));
+    need(QDir().mkpath(QFile::decodeName(home)) && chown(home, user, user) == 0, "make a directory");
+    int commands[2];
+    need(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, commands) == 0, "make a socket");
+
+    const QByteArray name = QFile::encodeName(program);
+    const QByteArray socket = QFile::encodeName(socketOf(user));
+    const QByteArray commandsText = QByteArray::number(commands[1]);
+    const QByteArray journalText = QByteArray::number(m_journal[1]);
+    const pid_t pid = fork();
+    need(pid != -1, "start a process");
+    if (pid == 0) {
+        if (fcntl(commands[1], F_SETFD, 0) == 0 && fcntl(m_journal[1], F_SETFD, 0) == 0 && setgroups(0, nullptr) == 0
+            && setresgid(user, user, user) == 0 && setresuid(user, user, user) == 0)
+            execl(name, name.constData(), socket.constData(), commandsText.constData(), journalText.constData(),
+                  nullptr);
+        _exit(97);
+    }
+    close(commands[1]);
+    m_processes.append({user, pid, commands[0]});
+    char started[8];
+    need(recv(commands[0], started, sizeof started, 0) > 0, "start a client's other end");
+}
+
+const QVector<Peer::Call> &Peer::calls()
+{
+    char buffer[4096];
+    for (ssize_t size = 0; (size = read(m_journal[0], buffer, sizeof buffer)) > 0;)
+        m_unread.append(buffer, int(size));
+    for (int end = m_unread.indexOf('\n'); end != -1; end = m_unread.indexOf('\n')) {
+        QStringList words = QString::fromUtf8(m_unread.left(end)).split(QLatin1Char('\t'));
+        m_unread.remove(0, end + 1);
+        const uint peer = words.takeFirst().toUInt();
+        const QString method = words.takeFirst();
+        m_calls.append({peer, method, words});
+    }
     return m_calls;
 }
 
@@ -68,13 +143,13 @@ QStringList Peer::wipes() const
 
 void Peer::drop()
 {
-    inThread([this] { closeLinks(); });
+    commandAll({QStringLiteral("drop")});
 }
 
 void Peer::closeAll()
 {
+    commandAll({QStringLiteral("forget")});
     inThread([this] {
-        closeLinks();
         // The bus lets only so many calls wait for their answers.
         for (const QDBusMessage &call : qAsConst(m_heldWipes))
             QDBusConnection(busName).send(errorReply(call));
@@ -85,19 +160,41 @@ void Peer::closeAll()
 void Peer::forget()
 {
     closeAll();
-    const QMutexLocker locker(&m_mutex);
+    calls();
     m_calls.clear();
+    const QMutexLocker locker(&m_mutex);
     m_wipes.clear();
 }
 
-void Peer::reply(int index, const QString &answer)
+void Peer::reply(const QString &credential, const QString &answer)
 {
-    inThread([this, index, answer] { send(m_held.takeAt(index), answer); });
+    for (const Call &call : calls()) {
+        if (call.credential() == credential) {
+            command(processOf(call.peer), {QStringLiteral("reply"), credential, answer});
+            return;
+        }
+    }
+    qFatal("A call is to be answered that nobody has received");
 }
 
 void Peer::replyCerts(int answer)
 {
-    inThread([this, answer] { sendCerts(m_heldCerts.takeFirst(), answer); });
+    const QVector<Call> &all = calls();
+    for (auto call = all.crbegin(); call != all.crend(); ++call) {
+        if (call->method == QLatin1String("getCertList")) {
+            command(processOf(call->peer), {QStringLiteral("reply-certs"), QString::number(answer)});
+            return;
+        }
+    }
+    qFatal("A call is to be answered that nobody has received");
+}
+
+void Peer::setCertsAnswer(int answer)
+{
+    if (answer == m_certsAnswer)
+        return;
+    m_certsAnswer = answer;
+    commandAll({QStringLiteral("certs"), QString::number(answer)});
 }
 
 void Peer::setWiper(int wiper)
@@ -122,22 +219,12 @@ void Peer::replyWiper(bool success)
 
 QString Peer::introspect(const QString &path) const
 {
-    if (path != QLatin1String("/kavetauth"))
-        return QString();
-    return QStringLiteral("<interface name=\"tarsk.kavet_auth\">"
-                          "<method name=\"checkPassword\"><arg direction=\"in\" type=\"s\"/>"
-                          "<arg direction=\"in\" type=\"s\"/><arg direction=\"out\" type=\"s\"/></method>"
-                          "<method name=\"validateCert\"><arg direction=\"in\" type=\"s\"/>"
-                          "<arg direction=\"in\" type=\"s\"/><arg direction=\"in\" type=\"s\"/>"
-                          "<arg direction=\"out\" type=\"s\"/></method>"
-                          "<method name=\"getCertList\"><arg direction=\"out\" type=\"as\"/></method>"
-                          "</interface>");
+    Q_UNUSED(path)
+    return QString();
 }
 
 bool Peer::handleMessage(const QDBusMessage &message, const QDBusConnection &connection)
 {
-    if (message.interface() == QLatin1String("tarsk.kavet_auth"))
-        return handleCall(message, connection);
     if (message.interface() != wiperService || message.member() != QLatin1String("ProcessTargetUser"))
         return false;
     {
@@ -151,88 +238,30 @@ bool Peer::handleMessage(const QDBusMessage &message, const QDBusConnection &con
     return true;
 }
 
-bool Peer::handleCall(const QDBusMessage &message, const QDBusConnection &connection)
+/// Has a process do something and waits until it is done.
+void Peer::command(const Process &process, const QStringList &words)
 {
-    QStringList arguments;
-    const QVariantList values = message.arguments();
-    for (const QVariant &argument : values)
-        arguments << argument.toString();
-    {
-        const QMutexLocker locker(&m_mutex);
-        m_calls << message.member() + QLatin1Char('(') + arguments.join(QLatin1Char(',')) + QLatin1Char(')');
-    }
-
-    const Held call{message, connection.name()};
-    if (message.member() == QLatin1String("getCertList")) {
-        if (certsAnswer == HoldCerts)
-            m_heldCerts << call;
-        else
-            sendCerts(call, certsAnswer);
-        return true;
-    }
-
-    const QString credential = arguments.value(arguments.size() - 1);
-    const QString answer = credential.left(credential.indexOf(QLatin1Char('#')));
-    if (answer == QLatin1String("<hold>")) {
-        m_held << call;
-    } else if (answer == QLatin1String("<die>")) {
-        m_held << call;
-        kill(clientPid, SIGKILL);
-    } else if (answer == QLatin1String("<drop>")) {
-        // Not from within a function of the connection's own.
-        QMetaObject::invokeMethod(
-            this, [this] { closeLinks(); }, Qt::QueuedConnection);
-    } else {
-        send(call, answer);
-    }
-    return true;
+    const QByteArray text = words.join(QLatin1Char('\t')).toUtf8();
+    char done[8];
+    // The end of a client interrupts.
+    need(TEMP_FAILURE_RETRY(send(process.commands, text.constData(), size_t(text.size()), MSG_NOSIGNAL)) == text.size()
+             && TEMP_FAILURE_RETRY(recv(process.commands, done, sizeof done, 0)) > 0,
+         "command a client's other end");
 }
 
-void Peer::send(const Held &call, const QString &answer)
+void Peer::commandAll(const QStringList &words)
 {
-    const QDBusConnection connection(call.connection);
-    if (answer == QLatin1String("<error>"))
-        connection.send(errorReply(call.message));
-    else if (answer == QLatin1String("<number>"))
-        connection.send(call.message.createReply(42));
-    else if (answer == QLatin1String("<nothing>"))
-        connection.send(call.message.createReply());
-    else if (answer == QLatin1String("<many>"))
-        connection.send(call.message.createReply({answers.first(), QStringLiteral("lock"), 7}));
-    else
-        connection.send(call.message.createReply(answer));
+    for (const Process &process : qAsConst(m_processes))
+        command(process, words);
 }
 
-void Peer::sendCerts(const Held &call, int answer)
+const Peer::Process &Peer::processOf(uint user) const
 {
-    const QDBusConnection connection(call.connection);
-    switch (answer) {
-    case SomeCerts:
-        connection.send(
-            call.message.createReply(QStringList{QStringLiteral("pkcs11:one"), QStringLiteral("pkcs11:two")}));
-        break;
-    case NoCerts:
-        connection.send(call.message.createReply(QStringList()));
-        break;
-    case CertsError:
-        connection.send(errorReply(call.message));
-        break;
-    case CertsNumber:
-        connection.send(call.message.createReply(42));
-        break;
-    default:
-        connection.send(call.message.createReply());
-        break;
+    for (const Process &process : m_processes) {
+        if (process.user == user)
+            return process;
     }
-}
-
-void Peer::closeLinks()
-{
-    m_held.clear();
-    m_heldCerts.clear();
-    for (const QString &link : qAsConst(m_links))
-        QDBusConnection::disconnectFromPeer(link);
-    m_links.clear();
+    qFatal("There is no client of user %u", user);
 }
 
 template <typename Action>

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include <QByteArray>
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
 #include <QMutex>
@@ -9,29 +10,41 @@
 #include <QThread>
 #include <QVector>
 
-#include <atomic>
-
 #include <sys/types.h>
-
-class QDBusServer;
 
 namespace Sequences {
 
-/// The other ends of the private object's D-Bus links, the client's and the wiper's, in a thread of their own, since
-/// making the link waits for them. All functions are called from the main thread.
+/// The other ends of the private object's D-Bus links. There is a process for each user that serves as the user's
+/// client, whatever has been launched, so that the kernel tells the truth about who listens. The wiper is served in a
+/// thread. All functions are called from the main thread.
 class Peer : public QDBusVirtualObject
 {
 public:
-    /// Serves clients at the socket `path` and the wiper on the system bus.
-    explicit Peer(const QString &path);
+    /// What a client has been called with.
+    struct Call
+    {
+        uint peer; ///< The user that the client runs as.
+        QString method;
+        QStringList arguments;
+
+        /// As in the source.
+        QString text() const;
+        /// User named and credential; null for the list of certificates.
+        QString user() const;
+        QString credential() const;
+    };
+
+    /// Serves clients, for which `program` is run as each user, and the wiper on the system bus.
+    explicit Peer(const QString &program);
     ~Peer() override;
 
-    /// Process that a credential of "<die>" ends.
-    std::atomic<pid_t> clientPid{0};
-    std::atomic<int> certsAnswer{0};
+    /// Directory for the peers' sockets.
+    static const QString directory;
+    /// The socket at which the client of `user` is served.
+    static QString socketOf(uint user);
 
-    /// Names and arguments of the calls to the client since forget().
-    QStringList calls() const;
+    /// The calls to the clients since forget().
+    const QVector<Call> &calls();
     /// Users that the wiper has been called for since forget().
     QStringList wipes() const;
 
@@ -41,9 +54,11 @@ public:
     void closeAll();
     /// Closes all links and forgets what has been called.
     void forget();
-    /// Answers the call that is held as number `index`.
-    void reply(int index, const QString &answer);
+    /// Answers the call that has `credential` and is held, whether or not its link still stands.
+    void reply(const QString &credential, const QString &answer);
+    /// Answers the last certificate call that is held.
     void replyCerts(int answer);
+    void setCertsAnswer(int answer);
     void setWiper(int wiper);
     /// Answers the first wiper call that is held.
     void replyWiper(bool success);
@@ -52,28 +67,30 @@ public:
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &connection) override;
 
 private:
-    struct Held
+    struct Process
     {
-        QDBusMessage message;
-        QString connection;
+        uint user;
+        pid_t pid;
+        int commands;
     };
 
     template <typename Action>
     void inThread(const Action &action);
-    bool handleCall(const QDBusMessage &message, const QDBusConnection &connection);
-    void send(const Held &call, const QString &answer);
-    void sendCerts(const Held &call, int answer);
-    void closeLinks();
+    void start(uint user, const QString &program);
+    void command(const Process &process, const QStringList &words);
+    void commandAll(const QStringList &words);
+    const Process &processOf(uint user) const;
+
+    QVector<Process> m_processes;
+    int m_journal[2]; ///< Ends of the pipe.
+    QByteArray m_unread;
+    QVector<Call> m_calls;
+    int m_certsAnswer = 0;
 
     QThread m_thread;
-    QDBusServer *m_server = nullptr;
-    QStringList m_links;
-    QVector<Held> m_held;
-    QVector<Held> m_heldCerts;
     QVector<QDBusMessage> m_heldWipes;
     int m_wiper = 0;
     mutable QMutex m_mutex;
-    QStringList m_calls;
     QStringList m_wipes;
 };
 

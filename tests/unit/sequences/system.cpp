@@ -24,16 +24,17 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace Sequences {
 
-const QString System::servedSocket = QStringLiteral("/run/aux-auth/kavet-sequences/served");
+const QString System::peerProgram = QStringLiteral("/usr/bin/kavet-sequences-peer");
 
 namespace {
 
-// On the file system of the client's directory, as a socket gets its place there by a hard link.
-const QString deadSocket = QStringLiteral("/run/aux-auth/kavet-sequences/dead");
+// Where the peers' sockets are, too.
+const QString deadSocket = Peer::directory + QStringLiteral("/dead");
 const QString stateDirectory = QStringLiteral("/tmp/kavet-sequences");
 const QString program = QStringLiteral("/usr/bin/kavet-sequences-client");
 const QString linkedManifest = QStringLiteral("/tmp/kavet-sequences/manifest.desktop");
@@ -127,6 +128,16 @@ QString marker(uint user)
     return home(user) + QStringLiteral("/.qarv-startupwizard-usersession-done");
 }
 
+QString loginName(uint user)
+{
+    return user == 0 ? QStringLiteral("root") : home(user).section(QLatin1Char('/'), -1);
+}
+
+bool succeeds(const QString &answer)
+{
+    return answer == answers.first() || answer == QLatin1String("<many>");
+}
+
 QString rendered(const QVariant &value)
 {
     return QString::fromLatin1(value.typeName()) + QLatin1Char(' ') + value.toString();
@@ -156,13 +167,16 @@ void System::prepareDevice()
 {
     TestDevice::reset();
     QFile::remove(TestDevice::launcher);
-    QFile::remove(program);
-    need(QFile::copy(QStringLiteral(LAUNCHED_CLIENT), program) && chmod(name(program), 0755) == 0,
-         "install the client");
+    for (const auto &copy :
+         {qMakePair(QStringLiteral(LAUNCHED_CLIENT), program), qMakePair(QStringLiteral(USER_PEER), peerProgram)}) {
+        QFile::remove(copy.second);
+        need(QFile::copy(copy.first, copy.second) && chmod(name(copy.second), 0755) == 0, "install a program");
+    }
     for (const QString &directory :
-         {stateDirectory, outsideDirectory, QFileInfo(servedSocket).path(), QFileInfo(partitionFile).path()})
+         {stateDirectory, outsideDirectory, QString(Peer::directory), QFileInfo(partitionFile).path()})
         need(QDir().mkpath(directory), "make a directory");
-    need(chmod(name(stateDirectory), 0755) == 0, "open a directory");
+    for (const QString &directory : {stateDirectory, QString(Peer::directory)})
+        need(chmod(name(directory), 0755) == 0, "open a directory");
 
     const QByteArray launches = name(stateDirectory + QStringLiteral("/launches"));
     need(mkfifo(launches, 0666) == 0 && chmod(launches, 0666) == 0, "make a FIFO");
@@ -181,8 +195,9 @@ void System::prepareDevice()
     originalGroups = TestDevice::readFile(groupFile);
 }
 
-System::System(const Setup &setup, Peer &peer)
+System::System(const Setup &setup, Peer &peer, const std::atomic<int> &repliesDropped)
     : m_peer(peer)
+    , m_repliesDropped(repliesDropped)
     , m_manifestIsLink(setup.manifestIsLink)
 {
     for (const QString &directory : {QStringLiteral("/run/aux-auth/tarsk"), QStringLiteral("/srv/shared"),
@@ -205,7 +220,7 @@ System::System(const Setup &setup, Peer &peer)
     setLauncher(Works);
     m_peer.forget();
     m_peer.setWiper(WiperSucceeds);
-    m_peer.certsAnswer = SomeCerts;
+    m_peer.setCertsAnswer(SomeCerts);
 
     if (m_manifestIsLink)
         need(symlink(name(linkedManifest), name(TestDevice::manifest)) == 0, "make a link");
@@ -247,12 +262,6 @@ void System::start()
         if (m_launcher != IsMissing)
             ++m_started;
     });
-    // A link ends with the client that holds its other end.
-    QObject::connect(&m_private->child, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), m_private,
-                     [this] {
-                         awaitCalls(m_callsExpected, 0);
-                         m_peer.drop();
-                     });
     m_launchesSinceReset = 0;
 }
 
@@ -265,8 +274,7 @@ QString System::perform(const Event &event, const Model &before, const Model &af
 {
     m_returned.clear();
     m_rightOwnerSeenBefore = m_rightOwnerSeen;
-    m_callsExpected = after.calls();
-    awaitCalls(before.calls(), before.wipes());
+    awaitWipes(before.wipes());
     act(event, before);
     lookForSocket();
     m_rightOwnerSeenBefore = m_rightOwnerSeenBefore || m_rightOwnerSeen;
@@ -330,20 +338,34 @@ void System::act(const Event &event, const Model &before)
             data.insert(QStringLiteral("pin"), credential);
         if (event.variant == PasswordAndPin)
             data.insert(QStringLiteral("pin"), QStringLiteral("unused"));
+        if (event.user != m_user)
+            startOver(event.user);
+        m_attempts.insert(credential, {event.user, event.answer, m_turn});
+        if (event.variant != CertOnly && event.variant != EmptyMap)
+            ++m_outcomesDue;
         m_method->authenticate(event.user, data);
         break;
     }
     case Kind::Reset:
+        startOver(0);
         m_method->reset();
         m_launchesSinceReset = 0;
         break;
     case Kind::EndClient: {
         static constexpr int signalNumbers[] = {SIGUSR1, SIGUSR2, SIGABRT, SIGKILL};
-        need(kill(m_pid, signalNumbers[event.variant % 4]) == 0, "end the client");
+        need(kill(m_pid, before.isStopped() ? SIGKILL : signalNumbers[event.variant % 4]) == 0, "end the client");
         break;
     }
+    case Kind::StopClient:
+        need(kill(m_pid, before.isStopped() ? SIGCONT : SIGSTOP) == 0, "stop the client");
+        if (!before.isStopped()) {
+            // A signal that comes before it has stopped would still reach it.
+            siginfo_t status = {};
+            need(TEMP_FAILURE_RETRY(waitid(P_PID, id_t(m_pid), &status, WSTOPPED | WNOWAIT)) == 0, "see it stop");
+        }
+        break;
     case Kind::PutSocket:
-        plantSocket(event.variant, before.socketOwner(event.variant));
+        plantSocket(event.variant, before.socketOwner(event.variant), before.socketPeer(event.variant));
         break;
     case Kind::RemoveSocket:
         remove(TestDevice::socketPath);
@@ -356,19 +378,19 @@ void System::act(const Event &event, const Model &before)
         break;
     case Kind::DropLink:
         m_peer.drop();
-        awaitEndOfLink();
         break;
     case Kind::Reply: {
-        const bool certain = event.answer != QLatin1String("<hold>") && event.answer != QLatin1String("<drop>")
-                             && event.answer != QLatin1String("<die>");
-        m_peer.reply(event.variant % before.heldCalls(), certain ? event.answer : answers.first());
+        const QStringList held = before.heldCalls();
+        const QString &credential = held.at(event.variant % held.size());
+        m_attempts[credential].answer = lateAnswer(event.answer);
+        m_peer.reply(credential, lateAnswer(event.answer));
         break;
     }
     case Kind::FetchCerts:
         m_returned = m_method->getOption(0, QStringLiteral("certs")).toStringList().join(QLatin1Char(','));
         break;
     case Kind::SetCertsAnswer:
-        m_peer.certsAnswer = event.variant;
+        m_peer.setCertsAnswer(event.variant);
         break;
     case Kind::ReplyCerts:
         m_peer.replyCerts(event.variant);
@@ -376,6 +398,9 @@ void System::act(const Event &event, const Model &before)
     case Kind::StartSession:
     case Kind::StopSession:
         m_method->handleUserSessionTriggered(event.user, event.kind == Kind::StartSession, event.flag);
+        if (before.hasCurrentRequest() && m_private->child.state() != QProcess::NotRunning
+            && m_private->child.clientUid == 0)
+            awaitOutcome();
         break;
     case Kind::CreateMarker:
         write(marker(event.user), {}, event.user, event.user, 0600);
@@ -477,6 +502,7 @@ void System::act(const Event &event, const Model &before)
         putManifest(Stock);
         break;
     case Kind::Restart:
+        startOver(0);
         m_method.reset();
         QDBusConnection::disconnectFromPeer(QStringLiteral("kavet_p2p_service"));
         m_peer.closeAll();
@@ -507,29 +533,41 @@ void System::awaitLaunches()
     waiting.start();
     while (m_launches.size() < m_started) {
         pollfd launches = {launchesDescriptor, POLLIN, 0};
-        if (poll(&launches, 1, patience) <= 0 || waiting.elapsed() > patience)
+        // The end of another client interrupts.
+        if (poll(&launches, 1, patience) == 0 || waiting.elapsed() > patience)
             qFatal("A client was started and never came up");
         readLaunches();
     }
 }
 
-/// Waits until that many calls to the client and to the wiper have arrived, so that none is lost or meets with what is
-/// changed after it.
-void System::awaitCalls(int calls, int wipes)
+/// Waits until that many calls to the wiper have arrived, so that none is lost or meets with what is changed after it.
+void System::awaitWipes(int wipes)
 {
     QElapsedTimer waiting;
     waiting.start();
-    while ((m_peer.calls().size() < calls || m_peer.wipes().size() < wipes) && waiting.elapsed() < impatience)
+    while (m_peer.wipes().size() < wipes && waiting.elapsed() < impatience)
         QThread::yieldCurrentThread();
 }
 
-/// Waits until the library has noticed that the other end is gone.
-void System::awaitEndOfLink()
+/// Waits for the outcome of a request whose link has been closed. It comes at once, that is, without anything else that
+/// the event loop brings, such as the end of the client.
+void System::awaitOutcome()
 {
+    const int outcomes = m_daemon.outcomes().size();
     QElapsedTimer waiting;
     waiting.start();
-    while (m_private->connection.isConnected() && waiting.elapsed() < impatience)
+    while (m_daemon.outcomes().size() == outcomes && waiting.elapsed() < impatience) {
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::MetaCall);
         QThread::yieldCurrentThread();
+    }
+}
+
+/// From here on, no request made before counts.
+void System::startOver(uint user)
+{
+    m_user = user;
+    ++m_turn;
+    m_outcomesDue = 0;
 }
 
 void System::readLaunches()
@@ -545,7 +583,7 @@ void System::readLaunches()
         const QList<QByteArray> ids = m_launchBuffer.left(end).split(' ');
         m_launchBuffer.remove(0, end + 1);
         m_pid = ids.at(0).toInt();
-        m_peer.clientPid = m_pid;
+        write(stateDirectory + QStringLiteral("/pid"), QByteArray::number(m_pid), 0, 0, 0644);
         m_rightOwnerSeen = false;
         const bool agree =
             ids.at(1) == ids.at(2) && ids.at(2) == ids.at(3) && ids.at(4) == ids.at(5) && ids.at(5) == ids.at(6);
@@ -628,14 +666,35 @@ QString System::broken()
     }
 
     lookForSocket();
-    const QStringList calls = m_peer.calls();
-    if (m_rightOwnerSeen || m_rightOwnerSeenBefore)
-        m_callsChecked = calls.size();
-    else if (calls.size() > m_callsChecked)
-        text += QStringLiteral("\n  called before a socket with the right owner was seen: ") + calls.last();
-    QStringList credentials = calls.filter(QStringLiteral("#"));
-    if (credentials.removeDuplicates() != 0)
-        text += QStringLiteral("\n  a credential was forwarded twice");
+    const QVector<Peer::Call> &calls = m_peer.calls();
+    for (; m_callsChecked < calls.size(); ++m_callsChecked) {
+        const Peer::Call &call = calls.at(m_callsChecked);
+        if (!m_rightOwnerSeen && !m_rightOwnerSeenBefore)
+            m_broken += QStringLiteral("\n  called before a socket with the right owner was seen: ") + call.text();
+        if (call.method == QLatin1String("getCertList"))
+            continue;
+        const QString credential = call.credential();
+        const Attempt attempt = m_attempts.value(credential);
+        if (call.user() != loginName(attempt.user))
+            m_broken += QStringLiteral("\n  given for user %1: ").arg(attempt.user) + call.text();
+        if (call.peer != attempt.user && call.peer != 0)
+            m_broken += QStringLiteral("\n  a process of user %1 was sent ").arg(call.peer) + call.text();
+        if (m_sent.contains(credential))
+            m_broken += QStringLiteral("\n  a credential was forwarded twice");
+        m_sent << credential;
+    }
+    for (; m_outcomesChecked < m_daemon.calls.size(); ++m_outcomesChecked) {
+        const RecordingDaemon::Call &call = m_daemon.calls.at(m_outcomesChecked);
+        const bool success = call.operation == QLatin1String("succeed");
+        if (!success && !rendered(call).startsWith(QLatin1String("finish false 2/")))
+            continue;
+        if (--m_outcomesDue < 0)
+            m_broken += QStringLiteral("\n  nobody has asked for the outcome ") + rendered(call);
+        const Attempt attempt = m_sent.isEmpty() ? Attempt() : m_attempts.value(m_sent.last());
+        if (success && (attempt.turn != m_turn || attempt.user != m_user || !succeeds(attempt.answer)))
+            m_broken += QStringLiteral("\n  user %1 was let in").arg(m_user);
+    }
+    text += m_broken;
 
     QStringList watched = m_private->watcher.files() + m_private->watcher.directories();
     const int count = watched.size();
@@ -658,7 +717,7 @@ void System::lookForSocket()
 {
     struct stat status;
     if (m_private->child.state() != QProcess::NotRunning && lstat(name(TestDevice::socketPath), &status) == 0
-        && status.st_uid == m_private->child.uid)
+        && S_ISSOCK(status.st_mode) && status.st_uid == m_private->child.uid)
         m_rightOwnerSeen = true;
 }
 
@@ -669,8 +728,9 @@ Observation System::observation()
         if (call.operation != QLatin1String("optionChanged")) {
             m_told << rendered(call);
         } else if (call.arguments.at(3).toBool()) {
-            m_certsTold << QLatin1Char('[') + call.arguments.at(2).toStringList().join(QLatin1Char(','))
-                               + QLatin1Char(']');
+            const QStringList certs = call.arguments.at(2).toStringList();
+            m_certsTold << QStringLiteral("[%1]").arg(certs.size() > 2 ? QString::number(certs.size())
+                                                                       : certs.join(QLatin1Char(',')));
         } else {
             QStringList &told = m_optionsTold[{call.arguments.at(0).toUInt(), call.arguments.at(1).toString()}];
             if (told.isEmpty() || told.last() != rendered(call.arguments.at(2)))
@@ -684,6 +744,9 @@ Observation System::observation()
     const ChildProcess &child = m_private->child;
     QStringList watched = m_private->watcher.files() + m_private->watcher.directories();
     watched.sort();
+    QStringList calls;
+    for (const Peer::Call &call : m_peer.calls())
+        calls << call.text();
     Observation seen = {
         {QStringLiteral("clientStage"), QString::number(m_private->clientStage)},
         {QStringLiteral("currentUid"), QString::number(m_private->currentUid)},
@@ -703,12 +766,15 @@ Observation System::observation()
         {QStringLiteral("manifestIsSymLink"), flag(child.manifestIsSymLink)},
         {QStringLiteral("manifestParsed"), flag(child.manifestParsed)},
         {QStringLiteral("process"), QString::number(child.state())},
-        {QStringLiteral("connected"), flag(m_private->connection.isConnected())},
+        {QStringLiteral("user of the process"),
+         child.state() == QProcess::NotRunning ? QString() : QString::number(child.clientUid)},
+        {QStringLiteral("connected"), flag(m_private->guard.isOpen() && m_private->connection.isConnected())},
+        {QStringLiteral("replies dropped"), QString::number(m_repliesDropped)},
         {QStringLiteral("watched"), watched.join(QLatin1Char(' '))},
         {QStringLiteral("launches"), m_launches.join(QLatin1Char(' '))},
         {QStringLiteral("told"), m_told.join(QStringLiteral(", "))},
         {QStringLiteral("certs told"), m_certsTold.join(QLatin1Char(' '))},
-        {QStringLiteral("calls"), m_peer.calls().join(QLatin1Char(' '))},
+        {QStringLiteral("calls"), calls.join(QLatin1Char(' '))},
         {QStringLiteral("wiper calls"), m_peer.wipes().join(QLatin1Char(' '))},
         {QStringLiteral("returned"), m_returned},
         {QStringLiteral("isAvailable"), flag(m_method->isAvailable(0))},
@@ -779,11 +845,21 @@ void System::plantFile(const QString &path, int plant, uint other)
     }
 }
 
-void System::plantSocket(int choice, uint owner)
+void System::plantSocket(int choice, uint owner, uint peer)
 {
-    const QString socket = choice == NobodyListens ? deadSocket : servedSocket;
+    const QString socket = peer == nobody ? deadSocket : Peer::socketOf(peer);
     remove(TestDevice::socketPath);
-    need(chown(name(socket), owner, 0) == 0 && link(name(socket), name(TestDevice::socketPath)) == 0, "put a socket");
+    if (choice == NotASocket) {
+        write(TestDevice::socketPath, {}, owner, 0, 0600);
+        return;
+    }
+    need(chown(name(socket), owner, 0) == 0, "give a socket away");
+    if (choice == LinkToSocket)
+        need(symlink(name(socket), name(TestDevice::socketPath)) == 0
+                 && TestDevice::setOwner(TestDevice::socketPath, owner, 0),
+             "put a link");
+    else
+        need(link(name(socket), name(TestDevice::socketPath)) == 0, "put a socket");
 }
 
 void System::writePackagedPolicy(const QString &value)

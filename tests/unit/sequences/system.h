@@ -12,6 +12,7 @@
 #include <QTimer>
 #include <QVector>
 
+#include <atomic>
 #include <memory>
 
 class MethodKavet;
@@ -25,13 +26,14 @@ namespace Sequences {
 class System
 {
 public:
-    /// Lays out the device and makes the method. `peer` serves at `servedSocket`.
-    System(const Setup &setup, Peer &peer);
+    /// Lays out the device and makes the method. `repliesDropped` counts what the method logs of them.
+    System(const Setup &setup, Peer &peer, const std::atomic<int> &repliesDropped);
     ~System();
 
     /// To be called once before the first object is made.
     static void prepareDevice();
-    static const QString servedSocket;
+    /// The program of the clients' other ends, once the device is prepared.
+    static const QString peerProgram;
 
     /// Has `event` happen, where the model was in state `before` and is expected in state `after`. Returns in what the
     /// two differ, an empty text when they agree.
@@ -45,8 +47,9 @@ private:
     void runWatcher();
     void awaitLaunches();
     void readLaunches();
-    void awaitCalls(int calls, int wipes);
-    void awaitEndOfLink();
+    void awaitWipes(int wipes);
+    void awaitOutcome();
+    void startOver(uint user);
     QString settle(const Model &model);
     QString differences(const Model &model, bool arrivals);
     QString broken();
@@ -56,7 +59,7 @@ private:
 
     void putManifest(int manifest);
     void plantFile(const QString &path, int plant, uint other);
-    void plantSocket(int choice, uint owner);
+    void plantSocket(int choice, uint owner, uint peer);
     void writePackagedPolicy(const QString &value);
     void setLauncher(int launcher);
     void setClientDirectoryAway(bool away);
@@ -64,7 +67,16 @@ private:
     static void setGroup(int group);
     static void setPartitionLocked(bool locked);
 
+    /// A request that has been made.
+    struct Attempt
+    {
+        uint user = 0;
+        QString answer; ///< What the client says to it.
+        int turn = -1;
+    };
+
     Peer &m_peer;
+    const std::atomic<int> &m_repliesDropped;
     RecordingDaemon m_daemon;
     std::unique_ptr<MethodKavet> m_method;
     MethodKavetPrivate *m_private = nullptr;
@@ -81,7 +93,6 @@ private:
     pid_t m_pid = 0;
     QByteArray m_launchBuffer;
     QString m_returned;
-    int m_callsExpected = 0; ///< At the end of the event.
     int m_policyNumber = 0;
 
     // For what must never be, whatever the model says.
@@ -89,6 +100,13 @@ private:
     bool m_rightOwnerSeen = false; ///< Since the last launch.
     bool m_rightOwnerSeenBefore = false; ///< At the start of the event; what it led to may include a launch.
     int m_callsChecked = 0;
+    int m_outcomesChecked = 0;
+    QMap<QString, Attempt> m_attempts; ///< By credential.
+    QStringList m_sent; ///< Credentials that have reached a client.
+    uint m_user = 0; ///< Whose turn it is, which ends with a reset or another user's request.
+    int m_turn = 0;
+    int m_outcomesDue = 0; ///< Requests of this turn that can still have one.
+    QString m_broken; ///< By what has been checked so far.
     QVector<QPair<QString, QString>> m_outside; ///< Planted files' targets and what they must stay.
 
     int m_toldRead = 0;
