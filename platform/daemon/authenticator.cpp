@@ -9,11 +9,12 @@
 #include "servicelimits.h"
 #include "states.h"
 
-Authenticator::Authenticator(const Methods *methods, const Accounts *accounts, LockStore *locks,
+Authenticator::Authenticator(const Methods *methods, const Accounts *accounts, LockStore *locks, Sessions *sessions,
                              std::chrono::milliseconds timeLimit)
     : m_methods(methods)
     , m_accounts(accounts)
     , m_locks(locks)
+    , m_sessions(sessions)
     , m_states(locks)
     , m_queue(timeLimit)
 {
@@ -109,6 +110,7 @@ Reply Authenticator::startSession(uint uid, bool manageClient)
     if (check.isError())
         return check;
     Log::write(Log::Info, "session-started", {{"uid", uid}, {"manage-client", manageClient}});
+    m_sessions->start(uid, manageClient);
     for (const Method &method : *m_methods)
         method.plugin->handleUserSessionTriggered(uid, true, manageClient);
     return Reply();
@@ -121,6 +123,7 @@ Reply Authenticator::stopSession(uint uid, bool manageClient)
         return check;
     catchUp();
     Log::write(Log::Info, "session-stopped", {{"uid", uid}, {"manage-client", manageClient}});
+    m_sessions->stop(uid);
     for (const Method &method : *m_methods)
         method.plugin->handleUserSessionTriggered(uid, false, manageClient);
     if (!manageClient)
@@ -133,6 +136,12 @@ Reply Authenticator::stopSession(uint uid, bool manageClient)
             method.plugin->reset();
     }
     return Reply();
+}
+
+void Authenticator::resumeSessions(const Sessions::Map &sessions)
+{
+    for (auto session = sessions.cbegin(); session != sessions.cend(); ++session)
+        startSession(session.key(), session.value());
 }
 
 Reply Authenticator::state(uint uid) const

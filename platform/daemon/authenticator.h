@@ -6,6 +6,7 @@
 #include "attemptqueue.h"
 #include "methods.h"
 #include "reply.h"
+#include "sessions.h"
 #include "userstates.h"
 
 #include <authd/notificationhandler.h>
@@ -29,7 +30,7 @@ class Authenticator : public QObject, private NotificationHandler
 
 public:
     /// All must outlive this object. The methods tell it what happens from now on.
-    Authenticator(const Methods *methods, const Accounts *accounts, LockStore *locks,
+    Authenticator(const Methods *methods, const Accounts *accounts, LockStore *locks, Sessions *sessions,
                   std::chrono::milliseconds timeLimit);
     ~Authenticator() override;
 
@@ -43,6 +44,8 @@ public:
     Reply unlock(uint uid);
     Reply startSession(uint uid, bool manageClient);
     Reply stopSession(uint uid, bool manageClient);
+    /// Tells the methods of sessions that have gone on since the daemon before.
+    void resumeSessions(const Sessions::Map &sessions);
     /// The state of `uid`: attempt, name and details.
     Reply state(uint uid) const;
 
@@ -87,6 +90,7 @@ private:
     const Methods *const m_methods;
     const Accounts *const m_accounts;
     LockStore *const m_locks;
+    Sessions *const m_sessions;
     UserStates m_states;
     AttemptQueue m_queue;
     /// Whose request each method has in mind.

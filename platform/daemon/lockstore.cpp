@@ -4,6 +4,7 @@
 
 #include "common/regularfile.h"
 #include "log.h"
+#include "rundirectory.h"
 #include "states.h"
 
 #include <QDateTime>
@@ -12,10 +13,13 @@
 
 #include <cstring>
 #include <glib.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr char LockFile[] = "/var/lib/authd/locks.conf";
+/// After how many milliseconds to try again what could not be written.
+constexpr int RetryInterval = 2000;
 constexpr std::size_t SizeLimit = std::size_t(16) * 1024 * 1024;
 constexpr char Method[] = "method";
 constexpr char Reason[] = "reason";
@@ -31,9 +35,9 @@ bool lastsLonger(const Lock &lock, const Lock &other)
     return lock.until == 0 || (other.until != 0 && lock.until > other.until);
 }
 
-void report(const char *event, const QString &error)
+void report(const char *event, const char *file, const QString &error)
 {
-    Log::write(Log::Error, event, {{"file", QString::fromLatin1(LockFile)}, {"error", error}});
+    Log::write(Log::Error, event, {{"file", QString::fromLatin1(file)}, {"error", error}});
 }
 
 } // namespace
@@ -45,13 +49,30 @@ uint Lock::duration() const
     return static_cast<uint>(qBound(qint64(0), until - now(), qint64(States::UntilUnlocked) - 1));
 }
 
+LockStore::LockStore()
+{
+    m_retry.setSingleShot(true);
+    QObject::connect(&m_retry, &QTimer::timeout, &m_retry, [this] { save(); });
+}
+
 bool LockStore::load()
 {
-    const std::optional<std::string> content = readRegularFile(LockFile, O_NOFOLLOW, SizeLimit);
+    // What could not be saved is newer.
+    if (access(RunDirectory::UnsavedLocksFile, F_OK) != 0)
+        return load(LockFile);
+    if (!load(RunDirectory::UnsavedLocksFile))
+        return false;
+    save();
+    return true;
+}
+
+bool LockStore::load(const char *path)
+{
+    const std::optional<std::string> content = readRegularFile(path, O_NOFOLLOW, SizeLimit);
     if (!content && errno == ENOENT)
         return true;
     if (!content) {
-        report("locks-unreadable", qt_error_string(errno));
+        report("locks-unreadable", path, qt_error_string(errno));
         return false;
     }
 
@@ -70,7 +91,8 @@ bool LockStore::load()
         m_locks.insert(uid, {QString::fromUtf8(method), QString::fromUtf8(reason), until});
     }
     if (!good)
-        report("locks-damaged", error ? QString::fromUtf8(error->message) : QStringLiteral("not a list of locks"));
+        report("locks-damaged", path,
+               error ? QString::fromUtf8(error->message) : QStringLiteral("not a list of locks"));
     return good;
 }
 
@@ -100,7 +122,7 @@ bool LockStore::unlock(uint uid)
     return wasLocked;
 }
 
-void LockStore::save() const
+void LockStore::save()
 {
     g_autoptr(GKeyFile) keys = g_key_file_new();
     for (auto lock = m_locks.cbegin(); lock != m_locks.cend(); ++lock) {
@@ -116,6 +138,13 @@ void LockStore::save() const
     constexpr auto flags = GFileSetContentsFlags(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
     g_autoptr(GError) error = nullptr;
     QDir().mkpath(QFileInfo(QString::fromLatin1(LockFile)).path());
-    if (!g_file_set_contents_full(LockFile, content, static_cast<gssize>(size), flags, S_IRUSR | S_IWUSR, &error))
-        report("locks-not-saved", QString::fromUtf8(error->message));
+    if (g_file_set_contents_full(LockFile, content, static_cast<gssize>(size), flags, S_IRUSR | S_IWUSR, &error)) {
+        m_retry.stop();
+        unlink(RunDirectory::UnsavedLocksFile);
+        return;
+    }
+    if (!m_retry.isActive())
+        report("locks-not-saved", LockFile, QString::fromUtf8(error->message));
+    RunDirectory::write(RunDirectory::UnsavedLocksFile, QByteArray(content, int(size)));
+    m_retry.start(RetryInterval);
 }

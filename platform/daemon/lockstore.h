@@ -4,6 +4,7 @@
 
 #include <QHash>
 #include <QString>
+#include <QTimer>
 
 #include <optional>
 
@@ -21,10 +22,13 @@ struct Lock
 };
 
 /// Who is locked, kept in the file "/var/lib/authd/locks.conf", which only root may read. Each change is written at
-/// once and survives a crash. One that cannot be written is reported in the log and holds until the daemon ends.
+/// once and survives a crash. One that cannot be written is reported in the log and tried again; meanwhile it is kept
+/// in the run directory, for a daemon that follows this one.
 class LockStore
 {
 public:
+    LockStore();
+
     /// Reads the file; false, with a line in the log, when there is one that cannot be read or understood whole: then
     /// nobody knows who is locked.
     bool load();
@@ -38,7 +42,9 @@ public:
     bool unlock(uint uid);
 
 private:
-    void save() const;
+    bool load(const char *path);
+    void save();
 
     QHash<uint, Lock> m_locks;
+    QTimer m_retry;
 };

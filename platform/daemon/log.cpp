@@ -2,16 +2,23 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "log.h"
 
+#include "common/harmlesstext.h"
+
 #include <QCoreApplication>
 
 #include <algorithm>
 #include <cerrno>
 #include <sys/stat.h>
+#include <sys/uio.h>
+#include <systemd/sd-journal.h>
 #include <unistd.h>
 
 namespace {
 
-bool forJournal = false;
+constexpr char JournalSocket[] = "/run/systemd/journal/socket";
+
+bool isJournalForm = false;
+bool isJournal = false;
 
 const char *levelName(Log::Priority priority)
 {
@@ -38,20 +45,45 @@ bool isPlain(char c)
            || QByteArrayLiteral("_./:+,@-").contains(c);
 }
 
-QByteArray quoted(const QByteArray &value)
+QByteArray quoted(const QString &value)
 {
-    if (!value.isEmpty() && std::all_of(value.cbegin(), value.cend(), isPlain))
-        return value;
-    QByteArray result = "\"";
-    for (const char c : value) {
-        if (c == '"' || c == '\\')
-            (result += '\\') += c;
-        else if (static_cast<unsigned char>(c) < ' ' || c == '\x7f')
-            result += "\\x" + QByteArray(1, c).toHex();
-        else
-            result += c;
+    const QByteArray bytes = value.toUtf8();
+    if (!bytes.isEmpty() && std::all_of(bytes.cbegin(), bytes.cend(), isPlain))
+        return bytes;
+    QString result;
+    for (const QChar c : value) {
+        if (c == QLatin1Char('"') || c == QLatin1Char('\\'))
+            result += QLatin1Char('\\');
+        result += c;
     }
-    return result + '"';
+    return '"' + harmless(result).toUtf8() + '"';
+}
+
+bool isConnectedToJournal()
+{
+    struct stat status;
+    return fstat(STDERR_FILENO, &status) == 0
+           && qgetenv("JOURNAL_STREAM")
+                  == QByteArray::number(qulonglong(status.st_dev)) + ':'
+                         + QByteArray::number(qulonglong(status.st_ino));
+}
+
+/// Sends the line to the journal by its own call, with the event and each value as a field; false when that fails.
+bool sendToJournal(Log::Priority priority, const char *event, const Log::Fields &fields, const QByteArray &line)
+{
+    // The call reports no error for a journal that is not there.
+    if (access(JournalSocket, F_OK) != 0)
+        return false;
+    QVector<QByteArray> entries = {"MESSAGE=" + line, "PRIORITY=" + QByteArray::number(priority),
+                                   "SYSLOG_IDENTIFIER=authd", QByteArray("AUTHD_EVENT=") + event};
+    for (const auto &field : fields) {
+        QByteArray name = QByteArray(field.first).toUpper().replace('-', '_');
+        entries << "AUTHD_" + name + '=' + field.second.toString().toUtf8();
+    }
+    QVector<iovec> pieces;
+    for (QByteArray &entry : entries)
+        pieces << iovec{entry.data(), size_t(entry.size())};
+    return sd_journal_sendv(pieces.constData(), pieces.size()) == 0;
 }
 
 void handleMessage(QtMsgType type, const QMessageLogContext &context, const QString &text)
@@ -78,32 +110,26 @@ void handleMessage(QtMsgType type, const QMessageLogContext &context, const QStr
 
 } // namespace
 
-bool Log::isJournal()
-{
-    struct stat status;
-    return fstat(STDERR_FILENO, &status) == 0
-           && qgetenv("JOURNAL_STREAM")
-                  == QByteArray::number(qulonglong(status.st_dev)) + ':'
-                         + QByteArray::number(qulonglong(status.st_ino));
-}
-
 void Log::start(bool journal)
 {
-    forJournal = journal;
+    isJournal = isConnectedToJournal();
+    isJournalForm = journal || isJournal;
     qInstallMessageHandler(handleMessage);
 }
 
 void Log::write(Priority priority, const char *event, const Fields &fields)
 {
+    QByteArray text = QByteArray("event=") + event;
+    for (const auto &field : fields)
+        text += QByteArray(" ") + field.first + '=' + quoted(field.second.toString());
+    if (isJournal && sendToJournal(priority, event, fields, text))
+        return;
     QByteArray line;
-    if (forJournal)
+    if (isJournalForm)
         line = '<' + QByteArray::number(priority) + '>';
     else
         line = QByteArray("level=") + levelName(priority) + ' ';
-    line += QByteArray("event=") + event;
-    for (const auto &field : fields)
-        line += QByteArray(" ") + field.first + '=' + quoted(field.second.toString().toUtf8());
-    line += '\n';
+    line += text + '\n';
 
     // Past the stream buffers, which a forked child shares with the daemon.
     const char *rest = line.constData();

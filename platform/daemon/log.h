@@ -7,9 +7,10 @@
 #include <QVariant>
 #include <QVector>
 
-/// The daemon's log on standard error: one line per event, "event=NAME key=value ...". A value that is not plain is
-/// quoted, and what could break the line is escaped. Before it stands "level=NAME", or for the journal the priority in
-/// its own form, "<N>".
+/// The daemon's log: one line per event, "event=NAME key=value ...". A value that is not plain is quoted, and what
+/// could break the line or do harm on a terminal is escaped. It goes to the journal where standard error is connected
+/// to it, with the event and its values as fields of their own besides. Elsewhere it goes to standard error; before it
+/// stands "level=NAME", or in the journal's form the priority, "<N>".
 namespace Log {
 
 /// syslog's priorities.
@@ -17,9 +18,8 @@ enum Priority { Critical = 2, Error = 3, Warning = 4, Notice = 5, Info = 6, Debu
 
 using Fields = QVector<QPair<const char *, QVariant>>;
 
-/// Whether standard error is connected to the journal.
-bool isJournal();
-/// Sets the form of the lines, and has Qt's messages written in it as the event "message".
+/// Begins to log; in the journal's form with `journal` and where standard error is connected to the journal. Qt's
+/// messages are written as the event "message".
 void start(bool journal);
 /// Writes a line. Values are texts, numbers and truth values; never anything secret.
 void write(Priority priority, const char *event, const Fields &fields = {});

@@ -7,20 +7,21 @@
 #include "log.h"
 #include "methodloader.h"
 #include "methodoptions.h"
+#include "sessions.h"
+#include "signals.h"
+#include "succession.h"
 #include "systembus.h"
+#include "systemd.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QFileInfo>
-#include <QSocketNotifier>
 #include <QTimer>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
-#include <fcntl.h>
-#include <unistd.h>
+#include <sys/prctl.h>
 
 namespace {
 
@@ -32,85 +33,6 @@ constexpr std::chrono::seconds DefaultAttemptTimeout{60};
 constexpr std::chrono::hours LongestAttemptTimeout{24};
 /// How often to look for a bus that is not there, in milliseconds.
 constexpr int BusInterval = 250;
-
-int signalPipe[2];
-pid_t ownPid;
-
-void handleSignal(int number)
-{
-    // A program that a method is just starting shares handler and pipe with the daemon until it is executed; what ends
-    // it is not meant for the daemon.
-    if (getpid() != ownPid) {
-        signal(number, SIG_DFL);
-        raise(number);
-        return;
-    }
-    const int error = errno;
-    const char byte = 0;
-    [[maybe_unused]] const ssize_t written = write(signalPipe[1], &byte, 1);
-    errno = error;
-}
-
-/// Whoever reads the log must not end the daemon by going away. The signal is not ignored, since the programs that
-/// methods start would inherit that.
-void survive(int) { }
-
-sigset_t terminationSignals()
-{
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGHUP);
-    return set;
-}
-
-bool isIgnored(int signal)
-{
-    struct sigaction present = {};
-    return sigaction(signal, nullptr, &present) == 0 && present.sa_handler == SIG_IGN;
-}
-
-/// Has the signals end the event loop. They are not blocked, since the programs that methods start would inherit that.
-bool catchSignals()
-{
-    if (pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
-        return false;
-    auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, qApp);
-    QObject::connect(notifier, &QSocketNotifier::activated, qApp, [notifier] {
-        notifier->setEnabled(false);
-        QCoreApplication::exit(Stopped);
-    });
-    ownPid = getpid();
-    struct sigaction action = {};
-    action.sa_handler = handleSignal;
-    action.sa_flags = SA_RESTART;
-    struct sigaction survival = {};
-    survival.sa_handler = survive;
-    survival.sa_flags = SA_RESTART;
-    const sigset_t set = terminationSignals();
-    return sigaction(SIGTERM, &action, nullptr) == 0
-           && sigaction(SIGINT, &action, nullptr) == 0
-           // Whoever started the daemon may want it to outlive the terminal.
-           && (isIgnored(SIGHUP) || sigaction(SIGHUP, &action, nullptr) == 0)
-           && sigaction(SIGPIPE, &survival, nullptr) == 0 && sigprocmask(SIG_UNBLOCK, &set, nullptr) == 0;
-}
-
-/// Puts a fresh daemon into this one's place: what the Qt library shares in a process, the methods' own connection to
-/// the bus among it, does not come back once the bus has been away. Returns only on failure.
-void startAnew(const QStringList &arguments)
-{
-    const sigset_t set = terminationSignals();
-    sigprocmask(SIG_BLOCK, &set, nullptr);
-    QVector<QByteArray> texts;
-    for (const QString &argument : arguments)
-        texts << QFile::encodeName(argument);
-    QVector<char *> argv;
-    for (QByteArray &text : texts)
-        argv << text.data();
-    argv << nullptr;
-    execv("/proc/self/exe", argv.data());
-}
 
 /// What the command line asks for.
 struct Settings
@@ -126,6 +48,17 @@ int run(const Settings &settings)
     if (!QFileInfo(settings.methods).isDir()) {
         Log::write(Log::Error, "no-methods-directory", {{"directory", settings.methods}});
         return Failed;
+    }
+    Succession succession;
+    switch (succession.acquire()) {
+    case Succession::Acquired:
+        succession.begin();
+        break;
+    case Succession::Taken:
+        Log::write(Log::Error, "name-taken", {{"by", QStringLiteral("another daemon")}});
+        return NoName;
+    case Succession::Unavailable:
+        break; // Nobody is kept out for that.
     }
     LockStore locks;
     if (!locks.load())
@@ -156,7 +89,8 @@ int run(const Settings &settings)
         Log::write(Log::Warning, "no-methods", {{"directory", settings.methods}});
     const Accounts accounts(settings.accounts);
     const MethodOptions options(&methods, &accounts);
-    Authenticator authenticator(&methods, &accounts, &locks, settings.attemptTimeout);
+    Sessions sessions;
+    Authenticator authenticator(&methods, &accounts, &locks, &sessions, settings.attemptTimeout);
     AuthService service(bus.connection(), &methods, &options, &authenticator);
     switch (bus.claim(&service)) {
     case SystemBus::Claimed:
@@ -168,9 +102,12 @@ int run(const Settings &settings)
         Log::write(Log::Error, "name-refused", {{"error", bus.error()}});
         return NoName;
     }
+    authenticator.resumeSessions(sessions.resume(bus.connection()));
     Log::write(Log::Info, "ready", {{"version", QCoreApplication::applicationVersion()}});
+    Systemd::tellReady();
     const int result = QCoreApplication::exec();
     Log::write(Log::Info, "stopping");
+    Systemd::tellStopping();
     return result;
 }
 
@@ -228,8 +165,10 @@ int main(int argc, char *argv[])
     if (parser.isSet(version))
         parser.showVersion();
 
-    Log::start(parser.isSet(journal) || Log::isJournal());
-    if (!catchSignals()) {
+    Log::start(parser.isSet(journal));
+    // Secrets pass through its memory.
+    prctl(PR_SET_DUMPABLE, 0);
+    if (!Signals::endEventLoop(Stopped)) {
         Log::write(Log::Error, "no-signals", {{"error", qt_error_string(errno)}});
         return Failed;
     }
@@ -240,7 +179,7 @@ int main(int argc, char *argv[])
     QStringList arguments = QCoreApplication::arguments();
     if (!settings.waitForBus)
         arguments << QLatin1String("--") + waitForBus.names().constFirst();
-    startAnew(arguments);
+    Signals::startAnew(arguments);
     Log::write(Log::Error, "no-restart", {{"error", qt_error_string(errno)}});
     return Failed;
 }

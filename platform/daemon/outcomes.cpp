@@ -149,6 +149,7 @@ void Authenticator::lockUser(const QString &method, uint uid, bool lock, const Q
         Log::write(Log::Warning, "user-locked",
                    {{"method", method}, {"uid", uid}, {"reason", reason}, {"duration", duration}});
         m_locks->lock(uid, method, reason, duration);
+        m_sessions->handleLock(uid);
     } else {
         Log::write(Log::Notice, "user-unlocked", {{"method", method}, {"uid", uid}});
         m_locks->unlock(uid);

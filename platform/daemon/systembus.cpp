@@ -7,10 +7,17 @@
 #include <QDBusConnectionInterface>
 #include <QDBusError>
 #include <QDBusReply>
+#include <QDeadlineTimer>
+#include <QThread>
+
+#include <chrono>
 
 namespace {
 
 const QString connectionName = QStringLiteral("authd");
+constexpr std::chrono::seconds Patience{5};
+/// How often to try for the name, in milliseconds.
+constexpr unsigned long ClaimInterval = 50;
 
 } // namespace
 
@@ -41,11 +48,18 @@ SystemBus::Claim SystemBus::claim(QObject *object)
 {
     QDBusConnection bus = connection();
     bus.registerObject(LibAuthd::AuthService::ObjectPath, object, QDBusConnection::ExportAdaptors);
-    const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
-        bus.interface()->registerService(LibAuthd::AuthService::Service);
-    if (!reply.isValid()) {
-        m_error = reply.error().message();
-        return Refused;
+    const QDeadlineTimer deadline(Patience);
+    for (;;) {
+        const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
+            bus.interface()->registerService(LibAuthd::AuthService::Service);
+        if (!reply.isValid()) {
+            m_error = reply.error().message();
+            return Refused;
+        }
+        if (reply.value() == QDBusConnectionInterface::ServiceRegistered)
+            return Claimed;
+        if (deadline.hasExpired())
+            return Taken;
+        QThread::msleep(ClaimInterval);
     }
-    return reply.value() == QDBusConnectionInterface::ServiceRegistered ? Claimed : Taken;
 }

@@ -21,7 +21,8 @@ public:
     bool open();
     /// The connection, once it is open.
     QDBusConnection connection() const;
-    /// Offers `object` with its adaptors as the service, and takes the service's name.
+    /// Offers `object` with its adaptors as the service, and takes the service's name. Waits some seconds for one that
+    /// is about to give it up.
     Claim claim(QObject *object);
     /// What the bus said to the last failure.
     QString error() const { return m_error; }

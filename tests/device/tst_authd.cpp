@@ -15,7 +15,6 @@
 #include <QXmlStreamReader>
 
 #include <csignal>
-#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -164,7 +163,6 @@ private Q_SLOTS:
     void access_data();
     void access();
     void callerHasGone();
-    void garbage();
     void secretsStayInTheMessage();
 
 private:
@@ -900,84 +898,6 @@ void TstAuthd::callerHasGone()
         root.call(QStringLiteral("GetMethodOption"), {kavetMethod, QStringLiteral("max-attempts")});
     QCOMPARE(reportText(reply.arguments().value(0)), QStringLiteral("0"));
     QVERIFY(!m_authd.log().contains("event=option-set"));
-}
-
-void TstAuthd::garbage()
-{
-    const BusUser user(alice);
-    const QVector<QVariant> values = {
-        QVariant(uint(1000)),
-        QVariant(-1),
-        QVariant(true),
-        QVariant(QString(100000, QLatin1Char('x'))),
-        QVariant(QString()),
-        QVariant(QStringLiteral("kavet")),
-        QVariant(QStringLiteral("\n\t\x01%s%n")),
-        QVariant(QStringList{QStringLiteral("a"), QString()}),
-        QVariant(QByteArray(100, '\0')),
-        QVariant(QVariantMap{{QStringLiteral("password"), QVariantMap{{QString(), QVariantList{1, true}}}}}),
-        QVariant(QVariantMap{{QStringLiteral("cert"), 7}, {QStringLiteral("pin"), QByteArray("x")}}),
-        QVariant(QVariantList{1, QStringLiteral("two"), 3.0}),
-        QVariant::fromValue(QDBusVariant(QVariant::fromValue(QDBusVariant(QVariantMap())))),
-        QVariant::fromValue(QDBusObjectPath(QStringLiteral("/"))),
-        QVariant::fromValue(QDBusSignature(QStringLiteral("a{sv}"))),
-        QVariant(1e308),
-    };
-    const QStringList members = {
-        QStringLiteral("GetMethods"),
-        QStringLiteral("GetMethodInfo"),
-        QStringLiteral("Subscribe"),
-        QStringLiteral("Unsubscribe"),
-        QStringLiteral("RequestChallenge"),
-        QStringLiteral("Authenticate"),
-        QStringLiteral("Cancel"),
-        QStringLiteral("GetState"),
-        QStringLiteral("Unlock"),
-        QStringLiteral("SessionStarted"),
-        QStringLiteral("SessionStopped"),
-        QStringLiteral("GetMethodOption"),
-        QStringLiteral("GetMethodOptions"),
-        QStringLiteral("SetMethodOption"),
-        QStringLiteral("GetUserMethodOption"),
-        QStringLiteral("GetUserMethodOptions"),
-        QStringLiteral("SetUserMethodOption"),
-        QStringLiteral("Authenticated"),
-        QStringLiteral("StateChanged"),
-        QStringLiteral("deleteLater"),
-    };
-    const QStringList paths = {QStringLiteral("/qarv/AuthService"), QStringLiteral("/qarv"), QStringLiteral("/")};
-    const QStringList interfaces = {QStringLiteral("qarv.AuthService"), QString(),
-                                    QStringLiteral("org.freedesktop.DBus.Properties"),
-                                    QStringLiteral("org.freedesktop.DBus.Introspectable")};
-
-    // Printed, so that a run that fails can be repeated.
-    const uint seed =
-        qEnvironmentVariableIsSet("AUTHD_SEED") ? qEnvironmentVariableIntValue("AUTHD_SEED") : std::random_device()();
-    qInfo("AUTHD_SEED=%u", seed);
-    std::mt19937 random(seed);
-    const auto pick = [&random](const auto &from) {
-        return from.at(int(random() % uint(from.size())));
-    };
-    for (int i = 0; i < 3000; ++i) {
-        const bool plain = random() % 2 != 0;
-        QDBusMessage call =
-            QDBusMessage::createMethodCall(QStringLiteral("qarv.AuthService"), plain ? paths.constFirst() : pick(paths),
-                                           plain ? interfaces.constFirst() : pick(interfaces), pick(members));
-        QVariantList arguments;
-        for (auto count = random() % 5; count > 0; --count)
-            arguments << pick(values);
-        call.setArguments(arguments);
-        user.connection().send(call);
-        // Not more at once than the bus lets wait.
-        if (i % 50 == 0)
-            QCOMPARE(user.error(QStringLiteral("GetMethods")), QString());
-    }
-    QCOMPARE(user.error(QStringLiteral("GetMethods")), QString());
-    QVERIFY(m_authd.isRunning());
-    QCOMPARE(m_authd.log().count("event=ready"), 1);
-    // What an ordinary user sends changes nothing for the others.
-    QCOMPARE(stateText(BusUser(0), bob), QStringLiteral("idle {}"));
-    QVERIFY(!everythingIn(QStringLiteral("/var/lib/authd/methods")).contains("max-attempts"));
 }
 
 void TstAuthd::secretsStayInTheMessage()

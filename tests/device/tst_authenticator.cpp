@@ -317,7 +317,14 @@ void TstAuthenticator::lockNotSaved()
     act(alice, QStringLiteral("lock:-1"));
     QVERIFY(m_authd.waitForLog("level=error event=locks-not-saved file=/var/lib/authd/locks.conf"));
     QCOMPARE(state(alice), QStringLiteral("locked"));
+    // It holds for the next daemon, however this one ends ...
+    m_authd.stop(SIGKILL);
+    QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
+    QCOMPARE(state(alice), QStringLiteral("locked"));
+    // ... and is saved as soon as that can be done.
     QVERIFY(QDir(locksFile).removeRecursively());
+    QTRY_VERIFY(TestDevice::readFile(locksFile).contains("[1000]"));
+    QTRY_VERIFY(!QFile::exists(QStringLiteral("/run/authd/locks.conf")));
 }
 
 void TstAuthenticator::sessions()
@@ -343,7 +350,7 @@ void TstAuthenticator::events()
 {
     act(alice, QStringLiteral("event unknown"));
     QVERIFY(m_authd.waitForLog("level=notice event=method-event method=puppet level=INFO_LEVEL name=played "
-                               "details=\"one\\x0alevel=error event=\\\"two\\\\\\x7f\"\n"));
+                               "details=\"one\\u000alevel=error event=\\\"two\\\\\\u007f\"\n"));
     // What the bus cannot carry is not reported.
     QVERIFY(m_authd.waitForLog("event=option-changed method=puppet uid=0 option=number computed=true\n"));
     act(alice, QString());

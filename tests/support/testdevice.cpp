@@ -76,7 +76,7 @@ void TestDevice::reset()
     for (const QString &directory :
          {QStringLiteral("/run/aux-auth"), QStringLiteral("/srv/shared"), QStringLiteral("/var/lib/authd"),
           QStringLiteral("/var/lib/varnet"), QStringLiteral("/etc/varnet/permissions"),
-          QStringLiteral("/usr/share/tarsk.kavet_client"), stateDirectory}) {
+          QStringLiteral("/usr/share/tarsk.kavet_client"), QStringLiteral("/run/authd"), stateDirectory}) {
         const QFileInfo info(directory);
         if (info.isSymLink() || (info.exists() && !info.isDir()))
             QFile::remove(directory);

@@ -1,0 +1,381 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/authd.h"
+#include "support/testdevice.h"
+#include "support/wiper.h"
+
+#include <QDBusArgument>
+#include <QDBusConnectionInterface>
+#include <QDBusMetaType>
+#include <QDBusVirtualObject>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QScopedPointer>
+#include <QSet>
+#include <QTest>
+#include <QTimer>
+
+#include <csignal>
+#include <random>
+
+namespace {
+
+const QString puppet = QStringLiteral("puppet");
+const QString kavetMethod = QStringLiteral("kavet");
+const QString attemptsOption = QStringLiteral("attempts");
+const QString puppetOnly = QStringLiteral("/tmp/methods");
+const QString loginManager = QStringLiteral("org.freedesktop.login1");
+const uint alice = TestDevice::alice;
+const uint bob = TestDevice::bob;
+const uint carol = 1002;
+constexpr int killsByDefault = 200;
+
+QVariant variant(const QVariant &value)
+{
+    return QVariant::fromValue(QDBusVariant(value));
+}
+
+bool isAlive(pid_t pid)
+{
+    return kill(pid, 0) == 0;
+}
+
+QSet<pid_t> clients()
+{
+    QSet<pid_t> pids;
+    const QVector<QJsonObject> launches = TestDevice::launches();
+    for (const QJsonObject &launch : launches)
+        pids << launch.value(QLatin1String("pid")).toInt();
+    return pids;
+}
+
+} // namespace
+
+struct LoginSession
+{
+    QString id;
+    uint uid;
+    QString user;
+    QString seat;
+    QDBusObjectPath path;
+};
+Q_DECLARE_METATYPE(LoginSession)
+
+QDBusArgument &operator<<(QDBusArgument &argument, const LoginSession &session)
+{
+    argument.beginStructure();
+    argument << session.id << session.uid << session.user << session.seat << session.path;
+    argument.endStructure();
+    return argument;
+}
+
+const QDBusArgument &operator>>(const QDBusArgument &argument, LoginSession &session)
+{
+    argument.beginStructure();
+    argument >> session.id >> session.uid >> session.user >> session.seat >> session.path;
+    argument.endStructure();
+    return argument;
+}
+
+/// Stands in for the login manager; knows of a session of each of `uids`.
+class FakeLoginManager : public QDBusVirtualObject
+{
+public:
+    explicit FakeLoginManager(const QVector<uint> &uids)
+        : m_uids(uids)
+        , m_root(0)
+    {
+        qDBusRegisterMetaType<LoginSession>();
+        qDBusRegisterMetaType<QList<LoginSession>>();
+        QDBusConnection bus = m_root.connection();
+        isRunning = bus.registerVirtualObject(QStringLiteral("/org/freedesktop/login1"), this)
+                    && bus.interface()->registerService(loginManager) == QDBusConnectionInterface::ServiceRegistered;
+    }
+    ~FakeLoginManager() override { m_root.connection().unregisterObject(QStringLiteral("/org/freedesktop/login1")); }
+
+    bool isRunning = false;
+
+    QString introspect(const QString &) const override { return {}; }
+    bool handleMessage(const QDBusMessage &call, const QDBusConnection &bus) override
+    {
+        QList<LoginSession> sessions;
+        for (const uint uid : m_uids)
+            sessions << LoginSession{QString::number(uid), uid, QStringLiteral("user"), QStringLiteral("seat0"),
+                                     QDBusObjectPath(QStringLiteral("/org/freedesktop/login1/session/_%1").arg(uid))};
+        bus.send(call.createReply(QVariant::fromValue(sessions)));
+        return true;
+    }
+
+private:
+    const QVector<uint> m_uids;
+    const BusUser m_root;
+};
+
+/// What is left when the daemon has no time to put things in order.
+class TstCrash : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(TestDevice::writeFile(
+            QStringLiteral("/usr/share/dbus-1/system.d/fake-login-manager.conf"),
+            "<busconfig><policy user=\"root\"><allow own=\"org.freedesktop.login1\"/></policy>"
+            "<policy context=\"default\"><allow send_destination=\"org.freedesktop.login1\"/></policy></busconfig>"));
+        QVERIFY(startSystemBus());
+        QVERIFY(QDir().mkpath(puppetOnly));
+        QVERIFY(QFile::copy(Installed::oddMethods + QStringLiteral("/libpuppet.so"),
+                            puppetOnly + QStringLiteral("/libpuppet.so")));
+    }
+
+    void init()
+    {
+        TestDevice::reset();
+        setClientScript();
+    }
+
+    void cleanup()
+    {
+        if (m_authd.isRunning())
+            QCOMPARE(m_authd.stop(SIGTERM), 0);
+        if (QTest::currentTestFailed())
+            qWarning("The daemon wrote:\n%s", m_authd.log().constData());
+    }
+
+    void clientIsGone();
+    void unexecutedChildIsGone();
+    void othersAreLeftAlone();
+    void nameIsWaitedFor();
+    void secondDaemonLeavesTheFirstAlone();
+    void sessionsAreKnownAgain();
+    void sessionOfLockedUser();
+    void loginManagerKnowsBetter();
+    void anyMoment();
+
+private:
+    static QStringList told()
+    {
+        const QDBusMessage reply = BusUser(0).call(QStringLiteral("GetMethodOption"), {puppet, QStringLiteral("told")});
+        return reply.arguments().value(0).value<QDBusVariant>().variant().toStringList();
+    }
+
+    Authd m_authd;
+};
+
+void TstCrash::clientIsGone()
+{
+    QVERIFY(m_authd.start());
+    {
+        const BusUser root(0);
+        QCOMPARE(root.error(QStringLiteral("Authenticate"),
+                            {alice, kavetMethod, QVariantMap{{QStringLiteral("password"), QStringLiteral("never")}}}),
+                 QString());
+        QTRY_COMPARE(TestDevice::calls().size(), 1);
+    }
+    const pid_t client = *clients().constBegin();
+    m_authd.stop(SIGKILL);
+    QVERIFY(m_authd.start());
+    QVERIFY(!isAlive(client));
+    QVERIFY(m_authd.log().contains("event=leftovers-ended"));
+}
+
+void TstCrash::unexecutedChildIsGone()
+{
+    QVERIFY(m_authd.start());
+    m_authd.stop(SIGKILL);
+    // What a child that has not been executed yet has and no other process.
+    QProcess child;
+    child.start(QStringLiteral("sh"),
+                {QStringLiteral("-c"), QStringLiteral("exec 9</run/authd/lock; exec sleep 1000")});
+    QVERIFY(child.waitForStarted());
+    QTRY_COMPARE(QFileInfo(QStringLiteral("/proc/%1/fd/9").arg(child.processId())).canonicalFilePath(),
+                 QStringLiteral("/run/authd/lock"));
+    QVERIFY(m_authd.start());
+    QTRY_COMPARE(child.state(), QProcess::NotRunning);
+    QCOMPARE(child.exitStatus(), QProcess::CrashExit);
+}
+
+void TstCrash::othersAreLeftAlone()
+{
+    QVERIFY(m_authd.start());
+    // One of the user's own, with the mark of another daemon.
+    QProcess other;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("AUTHD_RUN"), QStringLiteral("another"));
+    other.setProcessEnvironment(environment);
+    other.start(QStringLiteral("sleep"), {QStringLiteral("1000")});
+    QVERIFY(other.waitForStarted());
+    m_authd.stop(SIGKILL);
+    QVERIFY(m_authd.start());
+    QCOMPARE(other.state(), QProcess::Running);
+    other.kill();
+    QVERIFY(other.waitForFinished());
+}
+
+void TstCrash::nameIsWaitedFor()
+{
+    const BusUser predecessor(0);
+    const QString service = QStringLiteral("qarv.AuthService");
+    QDBusConnection bus = predecessor.connection();
+    QVERIFY(bus.registerService(service));
+    // The moment does not matter, as long as the daemon has asked before.
+    QTimer::singleShot(1500, this, [&bus, service] { bus.unregisterService(service); });
+    QVERIFY(m_authd.start());
+    QCOMPARE(BusUser(0).error(QStringLiteral("GetMethods")), QString());
+}
+
+void TstCrash::secondDaemonLeavesTheFirstAlone()
+{
+    QVERIFY(m_authd.start());
+    const BusUser root(0);
+    QCOMPARE(root.error(QStringLiteral("Authenticate"),
+                        {alice, kavetMethod, QVariantMap{{QStringLiteral("password"), QStringLiteral("never")}}}),
+             QString());
+    QTRY_COMPARE(TestDevice::calls().size(), 1);
+    const auto second = Authd::run({QStringLiteral("--methods"), puppetOnly});
+    QCOMPARE(second.first, 4);
+    QVERIFY(second.second.contains("event=name-taken"));
+    QVERIFY(isAlive(*clients().constBegin()));
+    QCOMPARE(root.error(QStringLiteral("GetMethods")), QString());
+}
+
+void TstCrash::sessionsAreKnownAgain()
+{
+    QVERIFY(m_authd.start(puppetOnly));
+    {
+        const BusUser root(0);
+        QCOMPARE(root.error(QStringLiteral("SessionStarted"), {alice, true}), QString());
+        QCOMPARE(root.error(QStringLiteral("SessionStarted"), {alice, false}), QString());
+        QCOMPARE(root.error(QStringLiteral("SessionStarted"), {bob, false}), QString());
+        QCOMPARE(root.error(QStringLiteral("SessionStarted"), {carol, true}), QString());
+        QCOMPARE(root.error(QStringLiteral("SessionStopped"), {carol, true}), QString());
+    }
+    for (int round = 0; round < 2; ++round) {
+        m_authd.stop(SIGKILL);
+        QVERIFY(m_authd.start(puppetOnly));
+        QCOMPARE(told(), (QStringList{QStringLiteral("session 1000 1 1"), QStringLiteral("session 1001 1 0")}));
+    }
+}
+
+void TstCrash::sessionOfLockedUser()
+{
+    // A method may take the start of a managed session for the moment to remove what the user has; that is not now.
+    QVERIFY(m_authd.start(puppetOnly));
+    {
+        const BusUser root(0);
+        QCOMPARE(root.error(QStringLiteral("SessionStarted"), {alice, true}), QString());
+        QCOMPARE(root.error(QStringLiteral("SetUserMethodOption"),
+                            {alice, puppet, QStringLiteral("do"), variant(QStringLiteral("lock:-1"))}),
+                 QString());
+        QCOMPARE(root.error(QStringLiteral("Unlock"), {alice}), QString());
+    }
+    m_authd.stop(SIGKILL);
+    QVERIFY(m_authd.start(puppetOnly));
+    QCOMPARE(told(), QStringList{QStringLiteral("session 1000 1 0")});
+}
+
+void TstCrash::loginManagerKnowsBetter()
+{
+    QVERIFY(m_authd.start(puppetOnly));
+    {
+        const BusUser root(0);
+        QCOMPARE(root.error(QStringLiteral("SessionStarted"), {alice, false}), QString());
+        QCOMPARE(root.error(QStringLiteral("SessionStarted"), {bob, true}), QString());
+    }
+    m_authd.stop(SIGKILL);
+    // bob's has ended and carol's has begun while there was no daemon; a service account's does not matter.
+    const FakeLoginManager manager({alice, carol, 33});
+    QVERIFY(manager.isRunning);
+    QVERIFY(m_authd.start(puppetOnly));
+    QStringList sessions;
+    QTRY_VERIFY(!(sessions = told()).isEmpty());
+    QCOMPARE(sessions, (QStringList{QStringLiteral("session 1000 1 0"), QStringLiteral("session 1002 1 1")}));
+}
+
+void TstCrash::anyMoment()
+{
+    const int kills =
+        qEnvironmentVariableIsSet("KAVET_KILLS") ? qEnvironmentVariableIntValue("KAVET_KILLS") : killsByDefault;
+    const QByteArray givenSeed = qgetenv("KAVET_SEED");
+    const uint seed = givenSeed.isEmpty() ? std::random_device()() : givenSeed.toUInt();
+    qInfo("KAVET_SEED=%u", seed);
+    std::mt19937 random(seed);
+    const auto below = [&random](int limit) {
+        return std::uniform_int_distribution<int>(0, limit - 1)(random);
+    };
+
+    // What was last told of alice, who makes mistakes.
+    bool isLocked = false;
+    QString attempts = QStringLiteral("0");
+    int locks = 0;
+    int unfinished = 0;
+    for (int round = 0; round < kills; ++round) {
+        QVERIFY2(m_authd.start(), qPrintable(QString::number(round)));
+        for (const pid_t pid : clients())
+            QVERIFY2(!isAlive(pid), qPrintable(QString::number(pid)));
+
+        const BusUser root(0);
+        const auto call = [&root](const char *member, const QVariantList &arguments) {
+            return root.call(QString::fromLatin1(member), arguments);
+        };
+        QCOMPARE(call("GetState", {alice}).arguments().value(1).toString() == QLatin1String("locked"), isLocked);
+        QCOMPARE(reportText(call("GetUserMethodOption", {alice, kavetMethod, attemptsOption}).arguments().value(0)),
+                 attempts);
+
+        Reports reports(root);
+        if (isLocked)
+            QCOMPARE(call("Unlock", {alice}).errorName(), QString());
+        isLocked = false;
+        const int limit = below(2) == 0 ? 1 : 5;
+        QCOMPARE(call("SetMethodOption", {kavetMethod, QStringLiteral("max-attempts"), variant(limit)}).errorName(),
+                 QString());
+        const bool isRight = below(3) == 0;
+        call("Authenticate", {alice, kavetMethod,
+                              QVariantMap{{QStringLiteral("password"),
+                                           isRight ? QStringLiteral("success") : QStringLiteral("failed")}}});
+        // The moment is what is random here.
+        QTest::qWait(below(300));
+        const auto isLockTold = [&reports] {
+            return !reports.texts.filter(QStringLiteral("StateChanged(1000, locked")).isEmpty();
+        };
+        const auto hasEnded = [&] {
+            return isLockTold() || reports.texts.contains(QStringLiteral("Authenticated(1000, kavet)"))
+                   || !reports.texts.filter(QStringLiteral("AuthenticationFailed(1000")).isEmpty();
+        };
+        m_authd.stop(SIGKILL);
+        // What it has sent arrives before its name goes.
+        QTRY_VERIFY(!root.connection().interface()->isServiceRegistered(QStringLiteral("qarv.AuthService")));
+        QCoreApplication::processEvents();
+
+        for (const QDBusMessage &report : qAsConst(reports.all)) {
+            if (report.member() == QLatin1String("UserMethodOptionChanged")
+                && report.arguments().at(2).toString() == attemptsOption)
+                attempts = reportText(report.arguments().at(3));
+        }
+        isLocked = isLockTold();
+        locks += isLocked;
+        if (!hasEnded()) {
+            // It may have got further than it could tell.
+            ++unfinished;
+            QVERIFY(m_authd.start());
+            const BusUser later(0);
+            isLocked = later.call(QStringLiteral("GetState"), {alice}).arguments().value(1).toString()
+                       == QLatin1String("locked");
+            attempts =
+                reportText(later.call(QStringLiteral("GetUserMethodOption"), {alice, kavetMethod, attemptsOption})
+                               .arguments()
+                               .value(0));
+            QVERIFY(attempts == QLatin1String("0") || attempts == QLatin1String("1"));
+            m_authd.stop(SIGKILL);
+        }
+    }
+    qInfo("%d kills: %d while locked, %d in the middle of an attempt", kills, locks, unfinished);
+    QVERIFY(locks > 0);
+    QVERIFY(unfinished > 0 && unfinished < kills);
+}
+
+QTEST_GUILESS_MAIN(TstCrash)
+
+#include "tst_crash.moc"

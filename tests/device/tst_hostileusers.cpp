@@ -1,0 +1,523 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/authd.h"
+#include "support/testdevice.h"
+#include "support/wiper.h"
+
+#include <QDBusArgument>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QJsonArray>
+#include <QScopedPointer>
+#include <QTest>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <unistd.h>
+
+namespace {
+
+const QString kavetMethod = QStringLiteral("kavet");
+const uint alice = TestDevice::alice;
+const uint bob = TestDevice::bob;
+const uint wwwData = 33;
+const uint dave = 1003; // Has no shell to log in with.
+const QString serviceError = QStringLiteral("qarv.AuthService.Error.");
+const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
+constexpr char flood[] = "--flood";
+constexpr int callsByDefault = 3000;
+
+QVariantMap password(const QString &text)
+{
+    return {{QStringLiteral("password"), text}};
+}
+
+QVariant variant(const QVariant &value)
+{
+    return QVariant::fromValue(QDBusVariant(value));
+}
+
+QDBusMessage methodCall(const QString &member, const QVariantList &arguments)
+{
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(QStringLiteral("qarv.AuthService"), QStringLiteral("/qarv/AuthService"),
+                                       QStringLiteral("qarv.AuthService"), member);
+    call.setArguments(arguments);
+    return call;
+}
+
+/// Calls all that an ordinary user may, without end and without waiting for answers.
+int floodService(uint uid)
+{
+    const QDBusConnection bus = QDBusConnection::systemBus();
+    const QVector<QDBusMessage> calls = {
+        methodCall(QStringLiteral("GetMethods"), {}),
+        methodCall(QStringLiteral("GetState"), {uid}),
+        methodCall(QStringLiteral("Authenticate"), {uid, kavetMethod, password(QStringLiteral("never"))}),
+        methodCall(QStringLiteral("GetMethodOptions"), {kavetMethod}),
+        methodCall(QStringLiteral("GetUserMethodOptions"), {uid, kavetMethod}),
+        methodCall(QStringLiteral("Unlock"), {uid}),
+        methodCall(QStringLiteral("Subscribe"), {}),
+        methodCall(QStringLiteral("Cancel"), {qulonglong(1)}),
+    };
+    // As many as the service is to stand.
+    constexpr int callsPerSecond = 10000;
+    QElapsedTimer clock;
+    clock.start();
+    for (qint64 sent = 0;; ++sent) {
+        bus.send(calls.at(int(sent % calls.size())));
+        if (sent == callsPerSecond) {
+            std::puts("flooding");
+            std::fflush(stdout);
+        }
+        const qint64 ahead = sent * 1000 / callsPerSecond - clock.elapsed();
+        if (ahead > 1)
+            usleep(useconds_t(ahead * 1000));
+    }
+}
+
+} // namespace
+
+/// What a user could do to others and must not; with processes of that user.
+class TstHostileUsers : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(startSystemBus());
+        QFile accounts(QStringLiteral("/etc/passwd"));
+        QVERIFY(accounts.open(QIODevice::Append));
+        accounts.write("dave:x:1003:1003::/home/dave:/usr/sbin/nologin\n");
+    }
+
+    void init()
+    {
+        TestDevice::reset();
+        setClientScript();
+        QVERIFY(m_authd.start());
+        m_root.reset(new BusUser(0));
+    }
+
+    void cleanup()
+    {
+        if (m_authd.isRunning())
+            QCOMPARE(m_authd.stop(SIGTERM), 0);
+        if (QTest::currentTestFailed())
+            qWarning("The daemon wrote:\n%s", m_authd.log().right(20000).constData());
+    }
+
+    void stoppedClient();
+    void factsOfOthers();
+    void certificatesOfOthers();
+    void unpluggedTokenAtTheLimit();
+    void plantedDirectoryAtTheLimit();
+    void accountsWithoutLogin();
+    void everyAccount();
+    void tooManySubscribers();
+    void tooMuchData_data();
+    void tooMuchData();
+    void flooding();
+    void randomCalls();
+
+private:
+    QString authenticate(const BusUser &caller, uint uid, const QString &text) const
+    {
+        return caller.error(QStringLiteral("Authenticate"), {uid, kavetMethod, password(text)});
+    }
+    QString state(uint uid) const
+    {
+        return m_root->call(QStringLiteral("GetState"), {uid}).arguments().value(1).toString();
+    }
+
+    Authd m_authd;
+    QScopedPointer<BusUser> m_root;
+};
+
+void TstHostileUsers::stoppedClient()
+{
+    const BusUser user(alice);
+    QCOMPARE(authenticate(user, alice, QStringLiteral("never")), QString());
+    QTRY_COMPARE(TestDevice::calls().size(), 1);
+    const int client = TestDevice::launches().constLast().value(QLatin1String("pid")).toInt();
+    QCOMPARE(QProcess::execute(QStringLiteral("setpriv"),
+                               {QStringLiteral("--reuid=alice"), QStringLiteral("--clear-groups"),
+                                QStringLiteral("kill"), QStringLiteral("-STOP"), QString::number(client)}),
+             0);
+    Reports reports(*m_root);
+    QElapsedTimer clock;
+    clock.start();
+    QCOMPARE(authenticate(*m_root, bob, QStringLiteral("success")), QString());
+    QTRY_VERIFY(reports.texts.contains(QStringLiteral("StateChanged(1001, pending, {method=kavet})")));
+    QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+    QTRY_VERIFY_WITH_TIMEOUT(reports.texts.contains(QStringLiteral("Authenticated(1001, kavet)")), 20000);
+}
+
+void TstHostileUsers::factsOfOthers()
+{
+    const BusUser user(bob);
+    Reports all(*m_root);
+    // Whatever rules for messages a user has, these are sent to others.
+    const Reports ofBob(user);
+    const BusUser unsubscribed(alice);
+    int heard = 0;
+    for (int i = 0; i < 3; ++i) {
+        QCOMPARE(authenticate(unsubscribed, alice, i == 1 ? QStringLiteral("failed") : QStringLiteral("success")),
+                 QString());
+        QTRY_COMPARE(state(alice), i == 1 ? QStringLiteral("challenge") : QStringLiteral("authenticated"));
+    }
+    QTRY_VERIFY((heard = all.all.size()) > 9);
+    QCOMPARE(user.error(QStringLiteral("GetMethods")), QString());
+    QCoreApplication::processEvents();
+    for (const QDBusMessage &report : ofBob.all)
+        QVERIFY2(report.member() == QLatin1String("MethodOptionChanged")
+                     && report.arguments().at(1).toString() != QLatin1String("certs"),
+                 qPrintable(report.member()));
+}
+
+void TstHostileUsers::certificatesOfOthers()
+{
+    setClientScript(QJsonObject{{QStringLiteral("certs"), QJsonArray{QStringLiteral("serial 4711")}}});
+    const BusUser ofAlice(alice);
+    const BusUser ofBob(bob);
+    const Reports toAlice(ofAlice);
+    const Reports toBob(ofBob);
+    QCOMPARE(authenticate(ofAlice, alice, QStringLiteral("success")), QString());
+    QTRY_COMPARE(state(alice), QStringLiteral("authenticated"));
+
+    const auto certs = [](const BusUser &reader) {
+        return reader.call(QStringLiteral("GetMethodOption"), {kavetMethod, QStringLiteral("certs")})
+            .arguments()
+            .value(0)
+            .value<QDBusVariant>()
+            .variant()
+            .toStringList();
+    };
+    const auto isTold = [](const Reports &reports) {
+        for (const QDBusMessage &report : reports.all) {
+            if (report.member() == QLatin1String("MethodOptionChanged")
+                && report.arguments().at(1).toString() == QLatin1String("certs"))
+                return true;
+        }
+        return false;
+    };
+    const int calls = TestDevice::calls().size();
+    QCOMPARE(certs(ofBob), QStringList());
+    const QDBusMessage all = ofBob.call(QStringLiteral("GetMethodOptions"), {kavetMethod});
+    QCOMPARE(qdbus_cast<QVariantMap>(all.arguments().constFirst()).value(QStringLiteral("certs")).toStringList(),
+             QStringList());
+    QCOMPARE(TestDevice::calls().size(), calls); // alice's client is not asked in vain.
+    for (const BusUser *reader : {&ofAlice, static_cast<const BusUser *>(m_root.data())}) {
+        QCOMPARE(certs(*reader), QStringList{QStringLiteral(".")});
+        QTRY_VERIFY(isTold(toAlice));
+    }
+    QVERIFY(!isTold(toBob));
+}
+
+void TstHostileUsers::unpluggedTokenAtTheLimit()
+{
+    QCOMPARE(
+        m_root->error(QStringLiteral("SetMethodOption"), {kavetMethod, QStringLiteral("max-attempts"), variant(1)}),
+        QString());
+    Reports reports(*m_root);
+    for (const char *answer : {"nousb", "connerr", "error", "errauthtype", "firstcererr"}) {
+        reports.texts.clear();
+        QCOMPARE(authenticate(*m_root, bob, QString::fromLatin1(answer)), QString());
+        QTRY_VERIFY(!reports.texts.filter(QStringLiteral("AuthenticationFailed(1001")).isEmpty());
+        QCOMPARE(state(bob), QStringLiteral("challenge"));
+    }
+    const QDBusMessage mark =
+        m_root->call(QStringLiteral("GetUserMethodOption"), {bob, kavetMethod, QStringLiteral("delayed-deletion")});
+    QCOMPARE(reportText(mark.arguments().value(0)), QStringLiteral("false"));
+}
+
+void TstHostileUsers::plantedDirectoryAtTheLimit()
+{
+    // alice's client has been there first, and alice writes the limit and takes the place of bob's file.
+    QCOMPARE(authenticate(*m_root, alice, QStringLiteral("success")), QString());
+    QTRY_COMPARE(state(alice), QStringLiteral("authenticated"));
+    QCOMPARE(QProcess::execute(QStringLiteral("setpriv"),
+                               {QStringLiteral("--reuid=alice"), QStringLiteral("--regid=auth-factor"),
+                                QStringLiteral("--clear-groups"), QStringLiteral("sh"), QStringLiteral("-c"),
+                                QStringLiteral("cd %1 && printf '[General]\\nmax-attempts=1\\n' >current.conf && "
+                                               "rm -f 1001.conf && mkdir -p 1001.conf/full")
+                                    .arg(TestDevice::sharedDirectory)}),
+             0);
+    QTRY_COMPARE(
+        reportText(m_root->call(QStringLiteral("GetMethodOption"), {kavetMethod, QStringLiteral("max-attempts")})
+                       .arguments()
+                       .value(0)),
+        QStringLiteral("1"));
+    Reports reports(*m_root);
+    QCOMPARE(authenticate(*m_root, bob, QStringLiteral("success")), QString());
+    QTRY_VERIFY_WITH_TIMEOUT(!reports.texts.filter(QStringLiteral("(1001, kavet")).isEmpty(), 20000);
+    QVERIFY(state(bob) != QLatin1String("locked"));
+    const QDBusMessage mark =
+        m_root->call(QStringLiteral("GetUserMethodOption"), {bob, kavetMethod, QStringLiteral("delayed-deletion")});
+    QCOMPARE(reportText(mark.arguments().value(0)), QStringLiteral("false"));
+}
+
+void TstHostileUsers::accountsWithoutLogin()
+{
+    const QVariant value = variant(1);
+    for (const uint uid : {wwwData, dave}) {
+        const BusUser user(uid);
+        for (const BusUser *caller : {&user, static_cast<const BusUser *>(m_root.data())}) {
+            for (const auto &call : {methodCall(QStringLiteral("Authenticate"), {uid, kavetMethod, password({})}),
+                                     methodCall(QStringLiteral("RequestChallenge"), {uid, kavetMethod}),
+                                     methodCall(QStringLiteral("GetState"), {uid}),
+                                     methodCall(QStringLiteral("GetUserMethodOptions"), {uid, kavetMethod}),
+                                     methodCall(QStringLiteral("SetUserMethodOption"),
+                                                {uid, kavetMethod, QStringLiteral("attempts"), value})})
+                QCOMPARE(caller->error(call.member(), call.arguments()), serviceError + QStringLiteral("NoSuchUser"));
+        }
+        QCOMPARE(m_root->error(QStringLiteral("SessionStarted"), {uid, true}),
+                 serviceError + QStringLiteral("NoSuchUser"));
+    }
+    QCOMPARE(TestDevice::launches().size(), 0);
+    QVERIFY(!QFile::exists(TestDevice::sharedDirectory));
+}
+
+void TstHostileUsers::everyAccount()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QVERIFY(m_authd.start(Installed::methods, {QStringLiteral("--any-account")}));
+    QCOMPARE(BusUser(wwwData).error(QStringLiteral("GetState"), {wwwData}), QString());
+    QCOMPARE(m_root->error(QStringLiteral("GetState"), {uint(4711)}), serviceError + QStringLiteral("NoSuchUser"));
+    QCOMPARE(m_root->error(QStringLiteral("GetState"), {uint(0)}), serviceError + QStringLiteral("NoSuchUser"));
+}
+
+void TstHostileUsers::tooManySubscribers()
+{
+    std::vector<std::unique_ptr<BusUser>> users;
+    for (int i = 0; i < 16; ++i) {
+        users.push_back(std::make_unique<BusUser>(bob));
+        QCOMPARE(users.back()->error(QStringLiteral("Subscribe")), QString());
+        QCOMPARE(users.back()->error(QStringLiteral("Subscribe")), QString());
+    }
+    const BusUser another(bob);
+    QCOMPARE(another.error(QStringLiteral("Subscribe")), limitsExceeded);
+    // Others have their own, and those who have left are forgotten.
+    QCOMPARE(BusUser(alice).error(QStringLiteral("Subscribe")), QString());
+    QCOMPARE(users.front()->error(QStringLiteral("Unsubscribe")), QString());
+    QCOMPARE(another.error(QStringLiteral("Subscribe")), QString());
+    users.clear();
+    const BusUser later(bob);
+    QTRY_COMPARE(later.error(QStringLiteral("Subscribe")), QString());
+}
+
+void TstHostileUsers::tooMuchData_data()
+{
+    QTest::addColumn<QString>("member");
+    QTest::addColumn<QVariantList>("arguments");
+
+    const QString text(16 * 1024 + 1, QLatin1Char('x'));
+    QVariantMap entries;
+    QStringList list;
+    for (int i = 0; i <= 64; ++i) {
+        entries.insert(QString::number(i), QString());
+        list << QString();
+    }
+    const auto row = [](const char *title, const char *member, const QVariantList &arguments) {
+        QTest::newRow(title) << QString::fromLatin1(member) << arguments;
+    };
+    row("password", "Authenticate", {bob, kavetMethod, password(text)});
+    row("bytes", "Authenticate",
+        {bob, kavetMethod, QVariantMap{{QStringLiteral("password"), QByteArray(text.size(), 'x')}}});
+    row("key", "Authenticate", {bob, kavetMethod, QVariantMap{{text, QString()}}});
+    row("entries", "Authenticate", {bob, kavetMethod, entries});
+    row("list", "Authenticate", {bob, kavetMethod, QVariantMap{{QStringLiteral("password"), list}}});
+    row("option's name", "SetMethodOption", {kavetMethod, text, variant(1)});
+    row("option's value", "SetMethodOption", {kavetMethod, QStringLiteral("max-attempts"), variant(text)});
+}
+
+void TstHostileUsers::tooMuchData()
+{
+    QFETCH(QString, member);
+    QFETCH(QVariantList, arguments);
+    for (const uint uid : {bob, uint(0)})
+        QCOMPARE(BusUser(uid).error(member, arguments), limitsExceeded);
+    QCOMPARE(TestDevice::launches().size(), 0);
+}
+
+void TstHostileUsers::flooding()
+{
+    // The client is there, so that the daemon is all that a login waits for.
+    Reports reports(*m_root);
+    const auto login = [&] {
+        reports.texts.clear();
+        QElapsedTimer clock;
+        clock.start();
+        if (!authenticate(*m_root, alice, QStringLiteral("success")).isEmpty())
+            return qint64(-1);
+        const bool isDone = QTest::qWaitFor(
+            [&reports] {
+                return reports.texts.contains(QStringLiteral("StateChanged(1000, pending, {method=kavet})"));
+            },
+            20000);
+        return isDone ? clock.elapsed() : qint64(-1);
+    };
+    QVERIFY(login() >= 0);
+    QTRY_COMPARE(state(alice), QStringLiteral("authenticated"));
+
+    QProcess attacker;
+    attacker.start(QStringLiteral("setpriv"), {QStringLiteral("--reuid=bob"), QStringLiteral("--clear-groups"),
+                                               QCoreApplication::applicationFilePath(), QString::fromLatin1(flood)});
+    QVERIFY(attacker.waitForStarted());
+    QVERIFY(QTest::qWaitFor([&attacker] { return attacker.readAllStandardOutput().contains("flooding"); }, 60000));
+    // The call is answered in this time, whoever has the turn at the moment.
+    QVector<qint64> waits;
+    for (int i = 0; i < 20; ++i) {
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(m_root->error(QStringLiteral("GetState"), {alice}), QString());
+        waits << clock.elapsed();
+        QTest::qWait(20);
+    }
+    std::sort(waits.begin(), waits.end());
+    const qint64 wait = login();
+    QCOMPARE(attacker.state(), QProcess::Running);
+    attacker.kill();
+    attacker.waitForFinished();
+    qInfo("calls took up to %lld ms, half of them %lld ms; the login began after %lld ms", waits.last(), waits.at(10),
+          wait);
+    // The limit is 200 ms on a machine that has nothing else to do.
+    QVERIFY2(waits.at(10) < 200, qPrintable(QString::number(waits.at(10))));
+    QVERIFY2(wait >= 0 && wait < 5000, qPrintable(QString::number(wait)));
+    QTRY_COMPARE_WITH_TIMEOUT(state(alice), QStringLiteral("authenticated"), 20000);
+    QVERIFY2(m_authd.log().size() < 1024 * 1024, "The log has been flooded, too");
+}
+
+void TstHostileUsers::randomCalls()
+{
+    const int count =
+        qEnvironmentVariableIsSet("KAVET_CALLS") ? qEnvironmentVariableIntValue("KAVET_CALLS") : callsByDefault;
+    const QByteArray givenSeed = qgetenv("KAVET_SEED");
+    const uint seed = givenSeed.isEmpty() ? std::random_device()() : givenSeed.toUInt();
+    qInfo("KAVET_SEED=%u", seed);
+    std::mt19937 random(seed);
+    const auto pick = [&random](const auto &from) {
+        return from.at(int(random() % uint(from.size())));
+    };
+    const QVector<QVariant> values = {
+        QVariant(alice),
+        QVariant(bob),
+        QVariant(uint(0)),
+        QVariant(uint(4294967295)),
+        QVariant(qulonglong(1)),
+        QVariant(-1),
+        QVariant(true),
+        QVariant(QString(100000, QLatin1Char('x'))),
+        QVariant(QString()),
+        QVariant(kavetMethod),
+        QVariant(QStringLiteral("max-attempts")),
+        QVariant(QStringLiteral("certs")),
+        QVariant(QStringLiteral("\n\t\x01%s%n\u202e\u009b")),
+        QVariant(QStringList{QStringLiteral("a"), QString()}),
+        QVariant(QByteArray(100000, '\0')),
+        QVariant(password(QStringLiteral("failed"))),
+        QVariant(password(QStringLiteral("success"))),
+        QVariant(QVariantMap{{QStringLiteral("password"), QVariantMap{{QString(), QVariantList{1, true}}}}}),
+        QVariant(QVariantMap{{QStringLiteral("cert"), 7}, {QStringLiteral("pin"), QByteArray("x")}}),
+        QVariant(QVariantList{1, QStringLiteral("two"), 3.0}),
+        variant(QVariant(1)),
+        variant(variant(QVariantMap())),
+        QVariant::fromValue(QDBusObjectPath(QStringLiteral("/"))),
+        QVariant::fromValue(QDBusSignature(QStringLiteral("a{sv}"))),
+        QVariant(1e308),
+    };
+    struct Member
+    {
+        const char *name;
+        const char *types;
+    };
+    // As the interface has them; the types are kept to in every other call.
+    const QVector<Member> members = {{"GetMethods", ""},
+                                     {"GetMethodInfo", "s"},
+                                     {"Subscribe", ""},
+                                     {"Unsubscribe", ""},
+                                     {"RequestChallenge", "us"},
+                                     {"Authenticate", "usa"},
+                                     {"Cancel", "t"},
+                                     {"GetState", "u"},
+                                     {"Unlock", "u"},
+                                     {"SessionStarted", "ub"},
+                                     {"SessionStopped", "ub"},
+                                     {"GetMethodOption", "ss"},
+                                     {"GetMethodOptions", "s"},
+                                     {"SetMethodOption", "ssv"},
+                                     {"GetUserMethodOption", "uss"},
+                                     {"GetUserMethodOptions", "us"},
+                                     {"SetUserMethodOption", "ussv"},
+                                     {"Authenticated", "tus"},
+                                     {"StateChanged", "tusa"},
+                                     {"deleteLater", ""}};
+    const auto typeOf = [](const QVariant &value) {
+        switch (value.userType()) {
+        case QMetaType::UInt:
+            return 'u';
+        case QMetaType::ULongLong:
+            return 't';
+        case QMetaType::Bool:
+            return 'b';
+        case QMetaType::QString:
+            return 's';
+        case QMetaType::QVariantMap:
+            return 'a';
+        default:
+            return value.userType() == qMetaTypeId<QDBusVariant>() ? 'v' : '?';
+        }
+    };
+
+    const BusUser ofRoot(0);
+    const BusUser ofAlice(alice);
+    const BusUser ofBob(bob);
+    const BusUser ofService(wwwData);
+    const QVector<const BusUser *> users = {&ofRoot, &ofAlice, &ofBob, &ofService};
+    for (int i = 0; i < count; ++i) {
+        const BusUser &user = *pick(users);
+        const Member member = pick(members);
+        QVariantList arguments;
+        if (random() % 2 == 0) {
+            for (const char *type = member.types; *type; ++type) {
+                QVariant value;
+                do
+                    value = pick(values);
+                while (typeOf(value) != *type);
+                arguments << value;
+            }
+        } else {
+            for (auto number = random() % 5; number > 0; --number)
+                arguments << pick(values);
+        }
+        user.connection().send(methodCall(QString::fromLatin1(member.name), arguments));
+        // Not more at once than the bus lets wait.
+        if (i % 50 == 0)
+            QCOMPARE(ofRoot.error(QStringLiteral("GetMethods")), QString());
+    }
+    // Signatures that do not fit are the library's to refuse; nothing ends the daemon, and it goes on serving.
+    QCOMPARE(ofRoot.error(QStringLiteral("GetMethods")), QString());
+    QVERIFY(m_authd.isRunning());
+    QCOMPARE(m_authd.log().count("event=ready"), 1);
+    for (const uint uid : {alice, bob})
+        QCOMPARE(ofRoot.error(QStringLiteral("Unlock"), {uid}), QString());
+    Reports reports(ofRoot);
+    QCOMPARE(authenticate(ofRoot, alice, QStringLiteral("success")), QString());
+    QTRY_VERIFY_WITH_TIMEOUT(reports.texts.contains(QStringLiteral("Authenticated(1000, kavet)")), 30000);
+}
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+    if (argc == 2 && std::strcmp(argv[1], flood) == 0)
+        return floodService(getuid());
+    TstHostileUsers test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_hostileusers.moc"

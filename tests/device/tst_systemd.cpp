@@ -1,0 +1,157 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/authd.h"
+#include "support/testdevice.h"
+#include "support/wiper.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+/// A datagram socket, as the service manager and the journal have one.
+class Listener
+{
+public:
+    explicit Listener(const QString &path)
+    {
+        QDir().mkpath(QFileInfo(path).path());
+        QFile::remove(path);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof address.sun_path);
+        m_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (bind(m_socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+            qFatal("Cannot listen at %s", qPrintable(path));
+    }
+    ~Listener() { close(m_socket); }
+
+    /// What has come so far, each datagram on a line of its own.
+    QByteArray received()
+    {
+        char buffer[65536];
+        for (;;) {
+            const ssize_t count = recv(m_socket, buffer, sizeof buffer, 0);
+            if (count <= 0)
+                return m_received;
+            m_received += QByteArray(buffer, int(count)) + '\n';
+        }
+    }
+
+private:
+    Q_DISABLE_COPY(Listener)
+    int m_socket = -1;
+    QByteArray m_received;
+};
+
+const QString notifySocket = QStringLiteral("/run/test-notify");
+const QString journalSocket = QStringLiteral("/run/systemd/journal/socket");
+
+} // namespace
+
+/// What the daemon tells the service manager and the journal, and what it lets nobody else see.
+class TstSystemd : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(startSystemBus()); }
+    void init() { TestDevice::reset(); }
+
+    void readiness();
+    void watchdog();
+    void journal();
+    void notDumpable();
+};
+
+void TstSystemd::readiness()
+{
+    Listener manager(notifySocket);
+    QProcess daemon;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("NOTIFY_SOCKET"), notifySocket);
+    daemon.setProcessEnvironment(environment);
+    daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods});
+    QTRY_VERIFY(manager.received().contains("READY=1\n"));
+    // It is there when it says so.
+    QCOMPARE(BusUser(0).error(QStringLiteral("GetMethods")), QString());
+    QVERIFY(!manager.received().contains("WATCHDOG"));
+    kill(pid_t(daemon.processId()), SIGTERM);
+    QVERIFY(daemon.waitForFinished());
+    QVERIFY(manager.received().endsWith("STOPPING=1\n"));
+}
+
+void TstSystemd::watchdog()
+{
+    Listener manager(notifySocket);
+    QProcess daemon;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("NOTIFY_SOCKET"), notifySocket);
+    environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("200000"));
+    daemon.setProcessEnvironment(environment);
+    daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods});
+    QTRY_VERIFY(manager.received().count("WATCHDOG=1\n") > 3);
+    // One that hangs tells nothing.
+    kill(pid_t(daemon.processId()), SIGSTOP);
+    const int count = manager.received().count("WATCHDOG=1\n");
+    QVERIFY(!QTest::qWaitFor([&] { return manager.received().count("WATCHDOG=1\n") > count + 1; }, 1000));
+    kill(pid_t(daemon.processId()), SIGCONT);
+    kill(pid_t(daemon.processId()), SIGTERM);
+    QVERIFY(daemon.waitForFinished());
+}
+
+void TstSystemd::journal()
+{
+    // Standard error is connected to it, by the device and inode that the variable names; here a file stands for that.
+    Listener listener(journalSocket);
+    const QString file = QStringLiteral("/tmp/journal-stream");
+    QProcess daemon;
+    daemon.start(
+        QStringLiteral("sh"),
+        {QStringLiteral("-c"), QStringLiteral("exec 2>%1; JOURNAL_STREAM=$(stat -c %d:%i %1) exec %2 --methods "
+                                              "'/no\u202ewhere'")
+                                   .arg(file, Installed::authd)});
+    QVERIFY(daemon.waitForFinished());
+    const QByteArray received = listener.received();
+    QVERIFY2(received.contains("MESSAGE=event=no-methods-directory directory=\"/no\\u202ewhere\"\n"),
+             received.constData());
+    QVERIFY(received.contains("PRIORITY=3\n"));
+    QVERIFY(received.contains("SYSLOG_IDENTIFIER=authd\n"));
+    QVERIFY(received.contains("AUTHD_EVENT=no-methods-directory\n"));
+    QVERIFY(received.contains("AUTHD_DIRECTORY=/no"));
+    QCOMPARE(TestDevice::readFile(file), QByteArray());
+    QFile::remove(journalSocket);
+}
+
+void TstSystemd::notDumpable()
+{
+    // As a user: whoever may look into all processes learns nothing from being able to look into this one.
+    QProcess daemon;
+    daemon.setReadChannel(QProcess::StandardError);
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), QStringLiteral("unix:path=/nowhere"));
+    daemon.setProcessEnvironment(environment);
+    daemon.start(QStringLiteral("setpriv"),
+                 {QStringLiteral("--reuid=alice"), QStringLiteral("--clear-groups"), Installed::authd,
+                  QStringLiteral("--methods"), QStringLiteral("/tmp"), QStringLiteral("--wait-for-bus")});
+    QByteArray log;
+    QTRY_VERIFY((log += daemon.readAllStandardError()).contains("event=no-bus"));
+    QCOMPARE(seteuid(TestDevice::alice), 0);
+    const int file =
+        open(QStringLiteral("/proc/%1/mem").arg(daemon.processId()).toLatin1().constData(), O_RDONLY | O_CLOEXEC);
+    QCOMPARE(seteuid(0), 0);
+    QVERIFY(file < 0);
+    daemon.kill();
+    QVERIFY(daemon.waitForFinished());
+}
+
+QTEST_GUILESS_MAIN(TstSystemd)
+
+#include "tst_systemd.moc"
