@@ -8,10 +8,13 @@
 #include "log.h"
 #include "methodoptions.h"
 #include "methods.h"
+#include "requestdata.h"
 #include "servicelimits.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+
+#include <memory>
 
 namespace {
 
@@ -77,7 +80,13 @@ qulonglong AuthService::RequestChallenge(uint uid, const QString &method)
 
 qulonglong AuthService::Authenticate(uint uid, const QString &method, const QVariantMap &data)
 {
-    answerUser(uid, [this, uid, method, data](const Caller &caller) { return openAttempt(caller, uid, method, data); });
+    const auto entered = std::make_shared<RequestData::Entered>(data);
+    answerUser(uid, [this, uid, method, entered](const Caller &caller) {
+        const Reply reply = openAttempt(caller, uid, method, entered->data);
+        if (!reply.isError())
+            entered->data.clear(); // The attempt has it now.
+        return reply;
+    });
     return {};
 }
 

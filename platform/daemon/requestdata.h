@@ -25,4 +25,18 @@ Reply checkValue(const QVariant &value);
 /// Overwrites the texts and byte arrays in the data, also for all who share them.
 void wipe(QVariantMap &data);
 
+/// What came with a call, until an attempt takes it over; wiped with the object.
+struct Entered
+{
+    explicit Entered(const QVariantMap &entered)
+        : data(entered)
+    {
+    }
+    ~Entered() { wipe(data); }
+    Entered(const Entered &) = delete;
+    Entered &operator=(const Entered &) = delete;
+
+    QVariantMap data;
+};
+
 } // namespace RequestData

@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QTest>
 
 #include <csignal>
@@ -69,6 +70,7 @@ private Q_SLOTS:
     void watchdog();
     void journal();
     void notDumpable();
+    void secretsAreWiped();
 };
 
 void TstSystemd::readiness()
@@ -150,6 +152,64 @@ void TstSystemd::notDumpable()
     QVERIFY(file < 0);
     daemon.kill();
     QVERIFY(daemon.waitForFinished());
+}
+
+void TstSystemd::secretsAreWiped()
+{
+    const QString go = QStringLiteral("/tmp/scripted-client/go");
+    setClientScript({{QStringLiteral("socket"), go}});
+    Authd daemon;
+    QVERIFY(daemon.start());
+    const BusUser root(0);
+    const BusUser user(TestDevice::alice);
+    const QString kavet = QStringLiteral("kavet");
+    const auto enter = [&](const BusUser &caller, const QString &method, const QString &secret) {
+        return caller.error(QStringLiteral("Authenticate"),
+                            {TestDevice::alice, method, QVariantMap{{QStringLiteral("password"), secret}}});
+    };
+    const auto copies = [&daemon](const QString &secret) {
+        const QByteArray pattern(reinterpret_cast<const char *>(secret.utf16()), secret.size() * int(sizeof(ushort)));
+        QFile memory(QStringLiteral("/proc/%1/mem").arg(daemon.pid()));
+        if (!memory.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+            return -1;
+        int count = 0;
+        const QList<QByteArray> maps =
+            TestDevice::readFile(QStringLiteral("/proc/%1/maps").arg(daemon.pid())).split('\n');
+        for (const QByteArray &map : maps) {
+            const QList<QByteArray> bounds = map.split(' ').first().split('-');
+            // Where the daemon's own thread has its memory. What Qt's D-Bus thread frees is beyond the daemon's reach.
+            if (bounds.size() != 2 || !map.endsWith("[heap]"))
+                continue;
+            const qint64 start = bounds.first().toLongLong(nullptr, 16);
+            if (memory.seek(start))
+                count += memory.read(bounds.last().toLongLong(nullptr, 16) - start).count(pattern);
+        }
+        return count;
+    };
+
+    // Until the client is there to be asked, the secret is kept; else looking for it would tell nothing.
+    const QString open = QStringLiteral("never-open-secret");
+    QCOMPARE(enter(root, kavet, open), QString());
+    QTRY_COMPARE(TestDevice::launches().size(), 1);
+    const int before = copies(open);
+    if (before < 0)
+        QSKIP("An ordinary user's device cannot look into a process that must not be dumped");
+    QVERIFY(before > 0);
+    QVERIFY(TestDevice::writeFile(go, {}));
+    QTRY_COMPARE(TestDevice::calls().size(), 1);
+
+    const QString answered = QStringLiteral("answered-secret");
+    QCOMPARE(enter(root, kavet, answered), QString());
+    QTRY_COMPARE(copies(open), 0);
+    QTRY_COMPARE(root.call(QStringLiteral("GetState"), {TestDevice::alice}).arguments().value(1).toString(),
+                 QStringLiteral("challenge"));
+    QTRY_COMPARE(copies(answered), 0);
+    // Nor is it kept when the call is refused.
+    const QString refused = QStringLiteral("refused-secret");
+    QVERIFY(!enter(root, QStringLiteral("other"), refused).isEmpty());
+    QVERIFY(!enter(BusUser(TestDevice::bob), kavet, refused).isEmpty());
+    QTRY_COMPARE(copies(refused), 0);
+    QCOMPARE(daemon.stop(SIGTERM), 0);
 }
 
 QTEST_GUILESS_MAIN(TstSystemd)
