@@ -204,6 +204,7 @@ private Q_SLOTS:
 
 private:
     QProcess m_bus;
+    void subscribes();
 };
 
 void TestFactorSettingsBase::initTestCase()
@@ -484,6 +485,22 @@ void TestFactorSettingsBase::busDies()
     QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
     QVERIFY(!Settings().getOption(0, QStringLiteral("certs")).isValid());
     QCOMPARE(log.lines().size(), 3);
+}
+
+void TestFactorSettingsBase::subscribes()
+{
+    const Settings early;
+    {
+        const RunningService running;
+        QVERIFY(running.isRunning);
+        // A daemon that comes later knows of nobody.
+        QTRY_VERIFY(running.service.subscriptions() > 0);
+    }
+    const RunningService running;
+    QTRY_VERIFY(running.service.subscriptions() > 0);
+    const int before = running.service.subscriptions();
+    const Settings late;
+    QTRY_VERIFY(running.service.subscriptions() > before);
 }
 
 int main(int argc, char *argv[])
