@@ -57,10 +57,10 @@ QVariant BaseHandler::getOptionInternal(uint uid, const QString &option)
 bool BaseHandler::setOptionInternal(uint uid, const QString &option, const QVariant &value)
 {
     const OptionStore store(m_name);
-    if (!(value.isValid() ? store.write(uid, option, value) : store.remove(uid, option)))
-        return false;
-    optionChanged(uid, option, value.isValid() ? value : defaultOptions(uid).value(option), false);
-    return true;
+    const auto outcome = value.isValid() ? store.write(uid, option, value) : store.remove(uid, option);
+    if (outcome == OptionStore::Stored)
+        optionChanged(uid, option, value.isValid() ? value : defaultOptions(uid).value(option), false);
+    return outcome != OptionStore::Failed;
 }
 
 void BaseHandler::optionChanged(uint uid, const QString &option, const QVariant &value, bool computed)

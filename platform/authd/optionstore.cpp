@@ -361,37 +361,42 @@ QVariant OptionStore::read(uint uid, const QString &option) const
     return text ? fromStored(text) : QVariant();
 }
 
-bool OptionStore::write(uint uid, const QString &option, const QVariant &value) const
+OptionStore::Outcome OptionStore::write(uint uid, const QString &option, const QVariant &value) const
 {
     if (!isLegal(option))
-        return false;
+        return Failed;
     const std::optional<std::string> stored = toStored(value);
     if (!stored) {
         qCWarning(authdPlatform) << "Cannot store the value of option" << m_method << uid << option << value.typeName();
-        return false;
+        return Failed;
     }
 
     const StoreFile file(path(uid), StoreFile::MakeDirectory);
     if (!file.isUsable())
-        return false;
-    g_key_file_set_value(file.keys(), toUtf8(m_method)->c_str(), toUtf8(option)->c_str(), stored->c_str());
-    return file.save();
+        return Failed;
+    const std::string group = *toUtf8(m_method);
+    const std::string key = *toUtf8(option);
+    g_autofree char *present = g_key_file_get_value(file.keys(), group.c_str(), key.c_str(), nullptr);
+    if (present && *stored == present)
+        return Unchanged;
+    g_key_file_set_value(file.keys(), group.c_str(), key.c_str(), stored->c_str());
+    return file.save() ? Stored : Failed;
 }
 
-bool OptionStore::remove(uint uid, const QString &option) const
+OptionStore::Outcome OptionStore::remove(uint uid, const QString &option) const
 {
     if (!isLegal(option))
-        return false;
+        return Failed;
     const StoreFile file(path(uid), StoreFile::LeaveMissing);
     if (!file.isUsable())
-        return false;
+        return Failed;
     const std::string group = *toUtf8(m_method);
     if (!g_key_file_remove_key(file.keys(), group.c_str(), toUtf8(option)->c_str(), nullptr))
-        return true;
+        return Unchanged;
     g_auto(GStrv) left = g_key_file_get_keys(file.keys(), group.c_str(), nullptr, nullptr);
     if (!*left)
         g_key_file_remove_group(file.keys(), group.c_str(), nullptr);
-    return file.save();
+    return file.save() ? Stored : Failed;
 }
 
 bool OptionStore::removeUser(uint uid) const

@@ -15,16 +15,22 @@
 class OptionStore
 {
 public:
+    enum Outcome {
+        Failed, ///< With a warning and nothing changed.
+        Unchanged, ///< The store has it so already; nothing was written.
+        Stored ///< Durably.
+    };
+
     explicit OptionStore(const QString &method);
 
     /// The stored value; an invalid variant when there is none.
     QVariant read(uint uid, const QString &option) const;
-    /// Stores a value; false, with a warning and nothing changed, when it cannot be stored.
-    bool write(uint uid, const QString &option, const QVariant &value) const;
-    /// Forgets a value; false, with a warning and nothing changed, when that fails. A value that is not there is no
-    /// error.
-    bool remove(uint uid, const QString &option) const;
-    /// Forgets all values of user `uid`; as remove(). The method-wide options belong to no user and stay.
+    /// Stores a value.
+    Outcome write(uint uid, const QString &option, const QVariant &value) const;
+    /// Forgets a value.
+    Outcome remove(uint uid, const QString &option) const;
+    /// Forgets all values of user `uid`; false, with a warning and nothing changed, when that fails. The method-wide
+    /// options belong to no user and stay.
     bool removeUser(uint uid) const;
 
 private:

@@ -161,6 +161,9 @@ private Q_SLOTS:
 
         // However often: the count that the limit is compared with does not see what was stored.
         for (int failure = 1; failure <= 4; ++failure) {
+            // What is stored already would not be told again.
+            QVERIFY(method.setOptionInternal(TestDevice::alice, attempts, QStringLiteral("another")));
+            QVERIFY(method.setOptionInternal(TestDevice::alice, delayedDeletion, QVariant()));
             daemon.calls.clear();
             const LogCapture log;
             QCOMPARE(method.getAttempts(TestDevice::alice), left);
@@ -313,6 +316,7 @@ private Q_SLOTS:
         daemon.calls.clear();
         method.setNotificator(nullptr);
         QVERIFY(method.setOptionInternal(0, maxAttempts, 1));
+        QVERIFY(method.setOptionInternal(0, attempts, QVariant()));
         method.setNotificator(&daemon);
         QCOMPARE(method.increaseAttempts(0), tooManyAttempts);
         QCOMPARE(daemon.calls, Calls{stored(0, attempts, 1)} + lockout(0));

@@ -813,6 +813,10 @@ void TestOptionStore::durable()
     QVERIFY(handler.setOptionInternal(alice, number, 5));
     QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, 6); }),
              (QStringList{directory, sync, replaced, sync}));
+    // What is stored already costs nothing.
+    QVERIFY(handler.setOptionInternal(alice, number, 6));
+    QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, 6); }), QStringList{directory});
+    QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, text, QVariant()); }), QStringList());
     QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, QVariant()); }),
              (QStringList{QStringLiteral("unlink"), sync}));
 }
@@ -912,7 +916,7 @@ void TestOptionStore::killedWriter()
                  qPrintable(QStringLiteral("%1 %2 %3").arg(value).arg(progress->done).arg(progress->begun)));
         QCOMPARE(Handler().getOptionInternal(alice, text).toString().size(), ballast.size());
         progress->done = value;
-        QVERIFY(handler.setOptionInternal(alice, flag, true));
+        QVERIFY(handler.setOptionInternal(alice, flag, round % 2 == 0));
         QCOMPARE(entries(users.path()), QStringList{QStringLiteral("1000.conf")});
     }
     QCOMPARE(log.lines(), QStringList());
@@ -1132,6 +1136,9 @@ void TestOptionStore::notifications()
     handler.logEvent(QStringLiteral("WARN_LEVEL"), QStringLiteral("event"), QStringLiteral("details"));
     QVERIFY(handler.setOptionInternal(alice, number, 3));
     QVERIFY(handler.setOptionInternal(alice, number, 3));
+    QVERIFY(handler.setOptionInternal(alice, number, 4));
+    QVERIFY(handler.setOptionInternal(0, number, 8));
+    QVERIFY(handler.setOptionInternal(0, number, QVariant()));
     QVERIFY(handler.setOptionInternal(0, number, QVariant()));
     QVERIFY(handler.setOptionInternal(alice, text, QVariant()));
     handler.optionChanged(0, list, QStringList{QStringLiteral("x")}, true);
@@ -1146,9 +1153,9 @@ void TestOptionStore::notifications()
         {QStringLiteral("logEvent"),
          {QStringLiteral("WARN_LEVEL"), QStringLiteral("event"), QStringLiteral("details")}},
         {QStringLiteral("optionChanged"), {alice, number, 3, false}},
-        {QStringLiteral("optionChanged"), {alice, number, 3, false}},
+        {QStringLiteral("optionChanged"), {alice, number, 4, false}},
+        {QStringLiteral("optionChanged"), {0U, number, 8, false}},
         {QStringLiteral("optionChanged"), {0U, number, 7, false}},
-        {QStringLiteral("optionChanged"), {alice, text, QVariant(), false}},
         {QStringLiteral("optionChanged"), {0U, list, QStringList{QStringLiteral("x")}, true}},
         {QStringLiteral("lockUser"), {alice, true, QStringLiteral("reason"), 4294967295U}},
         {QStringLiteral("inputRequested"), {params}},

@@ -59,7 +59,8 @@ public:
     QVariant getOptionInternal(uint uid, const QString &option);
     /// Stores `value` durably and tells the daemon with optionChanged(). An invalid variant removes the stored value,
     /// and the daemon is told the default. Booleans, integers of 32 and 64 bits, doubles, strings, string lists and
-    /// byte arrays can be stored and come back as the same type. False, with a warning in the log and nothing changed,
+    /// byte arrays can be stored and come back as the same type. What is stored already is neither written nor told
+    /// again, so that repeating it costs next to nothing. False, with a warning in the log and nothing changed,
     /// when the value is of another type, is a subnormal double or text that UTF-8 cannot carry or that holds a zero
     /// character, when the option's name is none (see the constructor), or when it cannot be written.
     bool setOptionInternal(uint uid, const QString &option, const QVariant &value);
