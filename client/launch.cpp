@@ -11,14 +11,13 @@
 #include <authd/libauthd.h>
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QProcessEnvironment>
 
 #include <cerrno>
+#include <utility>
 
 #include <grp.h>
-#include <unistd.h>
 
 bool MethodKavetPrivate::launchChild()
 {
@@ -44,6 +43,7 @@ bool MethodKavetPrivate::launchChild()
         qCCritical(kavet) << "Cannot get GID of" << QString::fromLatin1(Constants::clientGroup);
         return false;
     }
+    m_refusedUserFile = false;
     child.uid = currentUid;
     child.gid = clientGroup->gr_gid;
 
@@ -54,24 +54,25 @@ bool MethodKavetPrivate::launchChild()
         return false;
 
     watcher.addPath(child.sharedDirectory);
-    if (QFileInfo::exists(Constants::currentPolicyFile)) {
-        syncPolicy(Constants::currentPolicyFile, true);
-        watchFile(Constants::currentPolicyFile);
+    if (auto policy = currentPolicyOf(child.uid)) {
+        takeLimit(std::move(*policy));
+        watchAnew(Constants::currentPolicyFile);
     }
 
     child.userConfigPath = Constants::userConfigName.arg(child.sharedDirectory, QString::number(currentUid));
-    LibAuthd::restrictPermissions(child.userConfigPath);
-    if (!PinnedFile(child.userConfigPath).changeOwner(child.uid, child.gid)) {
+    PinnedFile userFile(child.userConfigPath, child.uid, child.gid);
+    if (!userFile.isUsable()) {
         const int error = errno;
         qCWarning(kavet) << __func__ << "Cannot set owner of" << child.userConfigPath << "to" << child.uid << child.gid
                          << error;
         return false;
     }
+    LibAuthd::restrictPermissions(child.userConfigPath);
     // Written at the end of the function.
-    UserSettings userSettings(child.userConfigPath);
+    UserSettings userSettings(std::move(userFile));
     userSettings.setValue(Constants::attempts, q->getOptionInternal(currentUid, Constants::attempts));
     if (QFileInfo::exists(child.userConfigPath))
-        watchFile(child.userConfigPath);
+        watchAnew(child.userConfigPath);
 
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(Constants::homeVariable, Constants::homeRoot + userName);
@@ -86,11 +87,17 @@ bool MethodKavetPrivate::launchChild()
 
 bool MethodKavetPrivate::prepareEnvironment()
 {
-    const auto handOver = [this](const QString &directory) {
-        return chown(QFile::encodeName(directory).constData(), child.uid, child.gid) == 0;
+    const auto pass = [this](const QString &directory) {
+        const HandOver result = handOver(directory, child.uid, child.gid);
+        if (result == HandOver::Replaced) {
+            watchAnew(directory);
+            // What the former user does to files put aside must not look like a change of those in their place.
+            watcher.removePath(Constants::currentPolicyFile);
+        }
+        return result != HandOver::Failed;
     };
 
-    if (!handOver(Constants::clientDirectory)) {
+    if (!pass(Constants::clientDirectory)) {
         qCCritical(kavet) << "Cannot change owner of directory";
         return false;
     }
@@ -102,7 +109,7 @@ bool MethodKavetPrivate::prepareEnvironment()
             qCWarning(kavet) << "Cannot create directory";
             return false;
         }
-        if (!handOver(directory)) {
+        if (!pass(directory)) {
             qCCritical(kavet) << "Cannot change owner of directory.";
             return false;
         }

@@ -9,6 +9,8 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <utility>
+
 MethodKavetPrivate::MethodKavetPrivate(MethodKavet *method)
     : QObject(method)
     , connection(QString())
@@ -49,8 +51,8 @@ MethodKavetPrivate::MethodKavetPrivate(MethodKavet *method)
 
 MethodKavetPrivate::~MethodKavetPrivate()
 {
-    if (QFileInfo::exists(Constants::currentPolicyFile))
-        syncPolicy(Constants::currentPolicyFile, true);
+    if (auto policy = currentPolicyOf(child.uid))
+        takeLimit(std::move(*policy));
 
     // A client that still runs is ended by the process object's destructor, whose signals must not reach members that
     // are gone by then.

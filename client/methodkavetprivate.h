@@ -4,6 +4,7 @@
 
 #include "auth/linkguard.h"
 #include "client/childprocess.h"
+#include "client/userfiles.h"
 #include "kavetauthinterface.h" // generated
 #include "settings/settingskavet.h"
 
@@ -123,7 +124,7 @@ private Q_SLOTS:
     void onChildFinished(int exitCode, QProcess::ExitStatus exitStatus);
 
 private:
-    void watchFile(const QString &path);
+    void watchAnew(const QString &path);
     void killChild();
     void resumeAfterFailedStart(QProcess::ProcessError error);
     void discardUnread(QProcess::ProcessChannel channel);
@@ -131,6 +132,10 @@ private:
     bool prepareRequest(const char *method);
     void awaitAnswer(const char *method, const QDBusPendingCall &call);
     void failRequest(const char *method, const QDBusError &error);
+    std::optional<PinnedFile> currentPolicyOf(uint user) const;
+    void takeLimit(PinnedFile policy);
+
+    bool m_refusedUserFile = false; ///< Since the last launch.
 
     Q_DISABLE_COPY(MethodKavetPrivate)
 };

@@ -9,6 +9,8 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <utility>
+
 #include <pwd.h>
 
 namespace {
@@ -29,9 +31,9 @@ void MethodKavetPrivate::handleUserSessionStarted(uint uid, bool manageClient)
         watcher.addPath(child.sharedDirectory);
     if (QFileInfo::exists(Constants::packagedPolicyFile))
         syncPolicy(Constants::packagedPolicyFile, false);
-    if (QFileInfo::exists(Constants::currentPolicyFile)) {
-        watchFile(Constants::currentPolicyFile);
-        syncPolicy(Constants::currentPolicyFile, true);
+    if (auto policy = currentPolicyOf(child.clientRunning ? child.uid : uid)) {
+        watchAnew(Constants::currentPolicyFile);
+        takeLimit(std::move(*policy));
     }
     if (!manageClient)
         return;

@@ -3,55 +3,78 @@
 #include "client/userfiles.h"
 
 #include "client/replacement.h"
+#include "plugin/logging.h"
 
 #include <QFile>
-#include <QVector>
+#include <QFileInfo>
+#include <QUuid>
 
-#include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 
+#include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/fsuid.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr qint64 maximumSize = qint64(64) * 1024;
+constexpr int pinAttempts = 16; ///< In which the owner of the directory may undo what root does there.
+constexpr int maximumEntries = 1000; ///< Of another user's directory; whoever fills it must not keep root busy.
+constexpr mode_t noWritingForOthers = 0755;
 
-/// File-system identity of the calling thread for the life of the object. The thread's supplementary groups go too, as
-/// they would still open what the user may not; by system call, since the C library changes those of all threads.
+/// A descriptor that is closed at the end of its scope.
+class Descriptor
+{
+public:
+    explicit Descriptor(int descriptor)
+        : m_descriptor(descriptor)
+    {
+    }
+    ~Descriptor()
+    {
+        const int error = errno;
+        if (m_descriptor != -1)
+            close(m_descriptor);
+        errno = error;
+    }
+    operator int() const { return m_descriptor; }
+
+private:
+    const int m_descriptor;
+
+    Q_DISABLE_COPY(Descriptor)
+};
+
+/// File-system identity of the calling thread for the life of the object. Its other groups stay: they are not asked for
+/// where the owner touches the owner's own file.
 class FileSystemIdentity
 {
 public:
     FileSystemIdentity(uid_t uid, gid_t gid)
-        : m_groups(std::max(0, getgroups(0, nullptr)))
-    {
-        m_groups.resize(std::max(0, getgroups(m_groups.size(), m_groups.data())));
-        syscall(SYS_setgroups, 0, nullptr);
-        m_gid = gid_t(setfsgid(gid));
-        m_uid = uid_t(setfsuid(uid));
+        : m_gid(gid_t(setfsgid(gid)))
+        , m_uid(uid_t(setfsuid(uid)))
         // The only way to learn the identity in force is to ask for an impossible one.
-        m_assumed = uid_t(setfsuid(uid_t(-1))) == uid && gid_t(setfsgid(gid_t(-1))) == gid;
+        , m_assumed(uid_t(setfsuid(uid_t(-1))) == uid && gid_t(setfsgid(gid_t(-1))) == gid)
+    {
     }
     ~FileSystemIdentity()
     {
         const int error = errno;
         setfsuid(m_uid);
         setfsgid(m_gid);
-        syscall(SYS_setgroups, m_groups.size(), m_groups.data());
         errno = error;
     }
 
     bool assumed() const { return m_assumed; }
 
 private:
-    QVector<gid_t> m_groups;
-    uid_t m_uid;
-    gid_t m_gid;
-    bool m_assumed;
+    const gid_t m_gid;
+    const uid_t m_uid;
+    const bool m_assumed;
 
     Q_DISABLE_COPY(FileSystemIdentity)
 };
@@ -74,40 +97,125 @@ bool fail(int error)
     return false;
 }
 
+int openDirectory(const QString &path)
+{
+    return ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+bool moveTo(const QString &from, const QString &to)
+{
+    return ::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0;
+}
+
+/// A name beside `path` that nobody can have foreseen.
+QString uniqueName(const QString &path)
+{
+    return path + QLatin1Char('.') + QUuid::createUuid().toString().mid(1, 36);
+}
+
+void warnOfPutAside(const QString &path, const QString &aside)
+{
+    qCWarning(kavet) << "Put aside" << path << "as" << aside;
+}
+
+/// Moves what root or `uid` own from one directory to another that has nothing of that name. Whether the first one then
+/// is empty.
+bool moveOwn(int from, int to, uid_t uid)
+{
+    DIR *const listing = fdopendir(fcntl(from, F_DUPFD_CLOEXEC, 0));
+    if (!listing)
+        return false;
+    bool empty = true;
+    int count = 0;
+    while (const dirent *entry = readdir(listing)) {
+        const char *name = entry->d_name;
+        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
+            continue;
+        struct stat status = {};
+        const bool owned =
+            fstatat(from, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && (status.st_uid == 0 || status.st_uid == uid);
+        if (!owned || renameat2(from, name, to, name, RENAME_NOREPLACE) == -1)
+            empty = false;
+        if (++count == maximumEntries)
+            break;
+    }
+    closedir(listing);
+    return empty && count < maximumEntries;
+}
+
 } // namespace
 
 PinnedFile::PinnedFile(const QString &path)
-    // Such a descriptor neither waits for a FIFO's other end nor wakes a device.
-    : m_descriptor(::open(QFile::encodeName(path).constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC))
 {
-    struct stat status = {};
-    if (m_descriptor == -1 || fstat(m_descriptor, &status) == -1) {
-        m_error = errno;
-        return;
+    // Such a descriptor neither waits for a FIFO's other end nor wakes a device.
+    pin(::open(QFile::encodeName(path).constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+}
+
+PinnedFile::PinnedFile(const QString &path, uid_t uid, gid_t gid)
+{
+    const QByteArray name = QFile::encodeName(path);
+    for (int attempt = 0; attempt < pinAttempts; ++attempt) {
+        pin(::open(name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        if (m_error == 0 && m_owner == uid) {
+            if (!changeGroup(uid, gid))
+                m_error = errno;
+            return;
+        }
+        if (m_error == ENOENT) {
+            // What root has just made, and holds by this descriptor, is all that is ever given to a user.
+            pin(::open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+            if (m_error == 0 && fchown(m_descriptor, uid, gid) == 0) {
+                m_owner = uid;
+                m_group = gid;
+                return;
+            }
+            if (m_error == EEXIST)
+                continue;
+            m_error = m_error ? m_error : errno;
+            return;
+        }
+        const QString aside = uniqueName(path);
+        if (moveTo(path, aside)) {
+            warnOfPutAside(path, aside);
+        } else if (errno != ENOENT) {
+            m_error = errno;
+            return;
+        }
     }
-    m_error = objection(status);
-    m_owner = status.st_uid;
-    m_group = status.st_gid;
+    m_error = EAGAIN;
+}
+
+PinnedFile::PinnedFile(PinnedFile &&other) noexcept
+    : m_descriptor(other.m_descriptor)
+    , m_error(other.m_error)
+    , m_owner(other.m_owner)
+    , m_group(other.m_group)
+{
+    other.m_descriptor = -1;
+    other.m_error = EBADF;
 }
 
 PinnedFile::~PinnedFile()
 {
-    const int error = errno;
-    if (m_descriptor != -1)
-        close(m_descriptor);
-    errno = error;
+    pin(-1);
 }
 
-bool PinnedFile::changeOwner(uid_t uid, gid_t gid) const
+bool PinnedFile::isUsable() const
 {
-    if (m_error)
-        return fail(m_error);
-    if (m_owner == uid && m_group == gid)
-        return true; // Changing it all the same would be one more event for whoever watches the file.
-    // What belongs to a third user has been moved here and is not ours to give.
-    if (m_owner != uid && m_owner != geteuid())
-        return fail(EPERM);
-    return fchownat(m_descriptor, "", uid, gid, AT_EMPTY_PATH) == 0;
+    return m_error == 0 || fail(m_error);
+}
+
+bool PinnedFile::countsFor(uid_t uid) const
+{
+    return m_descriptor != -1 && (m_owner == 0 || m_owner == uid);
+}
+
+bool PinnedFile::changeGroup(uid_t uid, gid_t gid) const
+{
+    if (m_error || m_owner != uid)
+        return fail(m_error ? m_error : EPERM);
+    // Changing it in vain would be one more event for whoever watches the file.
+    return m_group == gid || fchownat(m_descriptor, "", uid, gid, AT_EMPTY_PATH) == 0;
 }
 
 bool PinnedFile::read(QByteArray &content) const
@@ -140,12 +248,27 @@ bool PinnedFile::write(const QByteArray &content) const
     return identity.assumed() ? replaceFile(m_descriptor, content) : fail(EPERM);
 }
 
+/// Takes over `descriptor`, which is -1 with errno set when there is none.
+void PinnedFile::pin(int descriptor)
+{
+    const int error = errno;
+    if (m_descriptor != -1)
+        close(m_descriptor);
+    m_descriptor = descriptor;
+    m_error = error;
+    errno = error;
+    if (descriptor == -1)
+        return;
+    struct stat status = {};
+    m_error = fstat(descriptor, &status) == -1 ? errno : objection(status);
+    m_owner = status.st_uid;
+    m_group = status.st_gid;
+}
+
 int PinnedFile::openAsOwner(int flags) const
 {
-    if (m_error) {
-        errno = m_error;
+    if (!isUsable())
         return -1;
-    }
     const FileSystemIdentity identity(m_owner, m_group);
     if (!identity.assumed()) {
         errno = EPERM;
@@ -154,4 +277,47 @@ int PinnedFile::openAsOwner(int flags) const
     // The owner may hold a lease on the file, which would keep an opening that waits waiting.
     return ::open(QByteArray("/proc/self/fd/" + QByteArray::number(m_descriptor)).constData(),
                   flags | O_NONBLOCK | O_CLOEXEC);
+}
+
+// A former user may have left anything in the directory, in any number and depth, and may keep it open, own its access
+// control lists or move things about in it at this moment. So nothing is tidied up in it: all of it goes, to a place
+// that only root can write to, in one step that always takes equally long. There it waits for its user, which is why it
+// does not pile up.
+HandOver handOver(const QString &path, uid_t uid, gid_t gid)
+{
+    const Descriptor former(openDirectory(path));
+    struct stat status = {};
+    if (former == -1 || fstat(former, &status) == -1)
+        return HandOver::Failed;
+    if (status.st_uid == 0 || status.st_uid == uid)
+        return fchown(former, uid, gid) == 0 ? HandOver::Same : HandOver::Failed;
+
+    const QString directory = QFileInfo(path).canonicalFilePath();
+    const auto placeOf = [&directory](uid_t owner) -> QString {
+        return directory + QLatin1Char('.') + QString::number(owner);
+    };
+    const QString own = placeOf(uid);
+    const QByteArray ownName = QFile::encodeName(own);
+    const mode_t mode = (status.st_mode | S_IRWXU) & noWritingForOthers;
+    if (mkdir(ownName.constData(), S_IRWXU) == 0 ? chmod(ownName.constData(), mode) == -1 : errno != EEXIST)
+        return HandOver::Failed;
+    QString aside = placeOf(status.st_uid);
+    if (QFileInfo::exists(aside)) // Root's work was cut short once.
+        aside = uniqueName(aside);
+    if (!moveTo(directory, aside))
+        return HandOver::Failed;
+    if (!moveTo(own, directory)) {
+        moveTo(aside, directory);
+        return HandOver::Failed;
+    }
+
+    // Its user can change nothing in it from here on, also by a descriptor.
+    if (fchown(former, 0, 0) == -1 || fchmod(former, mode) == -1)
+        return HandOver::Failed;
+    const Descriptor present(openDirectory(directory));
+    if (moveOwn(former, present, uid))
+        rmdir(QFile::encodeName(aside).constData());
+    else
+        warnOfPutAside(path, aside);
+    return fchown(present, uid, gid) == 0 ? HandOver::Replaced : HandOver::Failed;
 }

@@ -17,11 +17,19 @@ class PinnedFile
 public:
     /// Pins the file `path`. When there is none to be touched, everything below fails with errno telling why.
     explicit PinnedFile(const QString &path);
+    /// Pins the file `path` of user `uid` and gives it the group `gid`. Whatever else stands there, a file of root's
+    /// included, is put aside beside it, with a warning, and the file is made anew, empty and for its owner alone.
+    PinnedFile(const QString &path, uid_t uid, gid_t gid);
+    PinnedFile(PinnedFile &&other) noexcept;
     ~PinnedFile();
 
-    /// Gives the file to `uid` and `gid`. Only a file of root's or of that user's own is given; any other is refused.
-    /// A file that is theirs already is not touched. False, with errno set, on failure.
-    bool changeOwner(uid_t uid, gid_t gid) const;
+    /// Whether there is a file to be touched. False, with errno set, when there is none.
+    bool isUsable() const;
+    /// Whether what stands there may count for user `uid`: it is root's or the user's own.
+    bool countsFor(uid_t uid) const;
+    /// Gives the file of `uid` the group `gid`. A file of anybody else is refused: it would be given away. False, with
+    /// errno set, on failure.
+    bool changeGroup(uid_t uid, gid_t gid) const;
     /// Reads the file into `content` with the rights of its owner and no more. False, with errno set, on failure, which
     /// includes a file larger than settings can sensibly be (64 KiB).
     bool read(QByteArray &content) const;
@@ -31,12 +39,25 @@ public:
     bool write(const QByteArray &content) const;
 
 private:
+    void pin(int descriptor);
     int openAsOwner(int flags) const;
 
-    int m_descriptor;
+    int m_descriptor = -1;
     int m_error = 0;
     uid_t m_owner = 0;
     gid_t m_group = 0;
 
     Q_DISABLE_COPY(PinnedFile)
 };
+
+/// What became of a directory that was to be handed over.
+enum class HandOver {
+    Failed, ///< With errno set.
+    Same, ///< It is the user's.
+    Replaced ///< Another directory, which is the user's, has taken its place.
+};
+
+/// Hands `directory` over to user `uid` and group `gid`. One of another user is put aside as a whole, as
+/// "<directory>.<user id>", and comes back when it is that user's turn again. What root or `uid` own in it stays in
+/// place; a warning tells when anything else was put aside.
+HandOver handOver(const QString &directory, uid_t uid, gid_t gid);

@@ -4,8 +4,15 @@
 
 #include "client/settingstext.h"
 
+#include <utility>
+
 UserSettings::UserSettings(const QString &path)
-    : m_file(path)
+    : UserSettings(PinnedFile(path))
+{
+}
+
+UserSettings::UserSettings(PinnedFile file)
+    : m_file(std::move(file))
     , m_readable(m_file.read(m_content))
 {
 }

@@ -15,6 +15,7 @@ class UserSettings
 {
 public:
     explicit UserSettings(const QString &path);
+    explicit UserSettings(PinnedFile file);
     /// Writes what setValue() has changed.
     ~UserSettings();
 

@@ -10,6 +10,8 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <utility>
+
 #include <sys/stat.h>
 
 void MethodKavetPrivate::handleChildDirectoryChanged(const QString &path)
@@ -59,7 +61,7 @@ bool MethodKavetPrivate::handleChildSocket(const QString &path)
 
 // What stood at the path before counts as watched until the watcher has told of its end, which may come late or, after
 // a link, never; and a directory in the place of a file would be watched beside it. So that is given up first.
-void MethodKavetPrivate::watchFile(const QString &path)
+void MethodKavetPrivate::watchAnew(const QString &path)
 {
     watcher.removePath(path);
     watcher.addPath(path);
@@ -69,16 +71,18 @@ void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
 {
     Q_UNUSED(path)
     if (child.uid != 0 && !child.userConfigPath.isEmpty() && QFileInfo::exists(child.userConfigPath)) {
-        if (!PinnedFile(child.userConfigPath).changeOwner(child.uid, child.gid)) {
+        // The user could have a second line written as often as a file can be touched.
+        if (!PinnedFile(child.userConfigPath).changeGroup(child.uid, child.gid) && !m_refusedUserFile) {
+            m_refusedUserFile = true;
             qCWarning(kavet) << "Failed to change owner for" << child.userConfigPath << "to" << child.uid << child.gid;
         }
-        watchFile(child.userConfigPath);
+        watchAnew(child.userConfigPath);
         q->setOptionInternal(child.uid, Constants::attempts, getChildAttempts());
     }
 
-    if (QFileInfo::exists(Constants::currentPolicyFile)) {
-        watchFile(Constants::currentPolicyFile);
-        syncPolicy(Constants::currentPolicyFile, true);
+    if (auto policy = currentPolicyOf(child.uid)) {
+        watchAnew(Constants::currentPolicyFile);
+        takeLimit(std::move(*policy));
     }
 }
 
@@ -86,6 +90,10 @@ void MethodKavetPrivate::handleChildFileChanged(const QString &path)
 {
     if (path == child.userConfigPath && child.uid != 0)
         q->setOptionInternal(child.uid, Constants::attempts, getChildAttempts());
-    else if (path == Constants::currentPolicyFile)
-        syncPolicy(Constants::currentPolicyFile, true);
+    else if (path != Constants::currentPolicyFile)
+        return;
+    else if (!QFileInfo::exists(path))
+        syncPolicy(path, true);
+    else if (auto policy = currentPolicyOf(child.uid))
+        takeLimit(std::move(*policy));
 }

@@ -8,6 +8,8 @@
 #include "settings/constants.h"
 #include "settings/settingskavet.h"
 
+#include <utility>
+
 int MethodKavet::getAttempts(unsigned int uid)
 {
     const int max = getOptionInternal(0, Constants::maxAttempts).toInt();
@@ -47,5 +49,7 @@ void MethodKavet::resetAttempts(unsigned int uid)
 
 QVariant MethodKavetPrivate::getChildAttempts()
 {
-    return UserSettings(child.userConfigPath).value(Constants::attempts, 0);
+    PinnedFile file(child.userConfigPath);
+    const QVariant none = 0;
+    return file.countsFor(child.uid) ? UserSettings(std::move(file)).value(Constants::attempts, none) : none;
 }

@@ -9,18 +9,38 @@
 #include <QFileInfo>
 #include <QSettings>
 
+#include <utility>
+
 void MethodKavetPrivate::syncPolicy(const QString &path, bool force)
 {
     const QString marker = Constants::methodSettingsPath.arg(Constants::methodsDirectory, q->name());
     if (!force && QFileInfo::exists(marker))
         return;
 
-    QVariant value = 0;
     // The current policy lies where the user may put anything in its place; any other is the system's own.
-    if (path == Constants::currentPolicyFile)
-        value = UserSettings(path).value(Constants::maxAttempts, value);
-    else if (QFileInfo(path).isFile()) // Opening a FIFO would wait for its other end.
+    if (path == Constants::currentPolicyFile) {
+        takeLimit(PinnedFile(path));
+        return;
+    }
+    QVariant value = 0;
+    if (QFileInfo(path).isFile()) // Opening a FIFO would wait for its other end.
         value = QSettings(path, QSettings::NativeFormat).value(Constants::maxAttempts, value);
+    if (value.isValid())
+        q->setOptionInternal(0, Constants::maxAttempts, value);
+}
+
+// The current policy is the client's, and so its user's; what anybody else has left there sets no limit.
+std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
+{
+    PinnedFile policy(Constants::currentPolicyFile);
+    if (!policy.countsFor(user) || !QFileInfo::exists(Constants::currentPolicyFile))
+        return std::nullopt;
+    return policy;
+}
+
+void MethodKavetPrivate::takeLimit(PinnedFile policy)
+{
+    const QVariant value = UserSettings(std::move(policy)).value(Constants::maxAttempts, 0);
     if (value.isValid())
         q->setOptionInternal(0, Constants::maxAttempts, value);
 }

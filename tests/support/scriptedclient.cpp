@@ -67,7 +67,18 @@ void record(const QString &journal, const QJsonDocument &entry)
     close(descriptor);
 }
 
-void recordLaunch(const QStringList &arguments)
+/// Those that are open; to be called before the program opens any itself.
+QJsonArray openDescriptors()
+{
+    QJsonArray open;
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        if (fcntl(descriptor, F_GETFD) != -1)
+            open << descriptor;
+    }
+    return open;
+}
+
+void recordLaunch(const QStringList &arguments, const QJsonArray &descriptors)
 {
     uid_t uids[3];
     gid_t gids[3];
@@ -85,6 +96,7 @@ void recordLaunch(const QStringList &arguments)
 
     record(QStringLiteral("launches"),
            QJsonDocument(QJsonObject{{QStringLiteral("pid"), int(getpid())},
+                                     {QStringLiteral("descriptors"), descriptors},
                                      {QStringLiteral("arguments"), QJsonArray::fromStringList(arguments)},
                                      {QStringLiteral("environment"), variables},
                                      {QStringLiteral("directory"), QDir::currentPath()},
@@ -236,9 +248,10 @@ private:
 
 int main(int argc, char *argv[])
 {
+    const QJsonArray descriptors = openDescriptors();
     QCoreApplication application(argc, argv);
     const QStringList arguments = QCoreApplication::arguments();
-    recordLaunch(arguments.mid(1));
+    recordLaunch(arguments.mid(1), descriptors);
 
     QFile file(stateDirectory + QStringLiteral("script.json"));
     if (!file.open(QIODevice::ReadOnly))

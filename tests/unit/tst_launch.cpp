@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <functional>
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -190,11 +191,16 @@ private Q_SLOTS:
     void failuresUseUpTheBudget();
     void failures_data();
     void failures();
-    void userFileCannotBeGiven_data();
     void userFileCannotBeGiven();
     void sharedDirectoryCannotBeGiven();
     void clientDirectoryCannotBeGiven();
     void prepareEnvironmentAlone();
+    void leftByAnotherUser();
+    void alreadyPutAside();
+    void directoryCannotBePutAside();
+    void linkInAPlaceOfADirectory();
+    void floodedDirectory();
+    void descriptorsOfTheClient();
     void launcherMissing();
 
 private:
@@ -664,46 +670,24 @@ void TstLaunch::failures()
     QVERIFY(TestDevice::launches().isEmpty());
 }
 
-void TstLaunch::userFileCannotBeGiven_data()
-{
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<int>("error");
-    QTest::newRow("link") << QStringLiteral("link") << ELOOP;
-    QTest::newRow("directory") << QStringLiteral("directory") << EISDIR;
-    QTest::newRow("FIFO") << QStringLiteral("fifo") << EINVAL;
-    QTest::newRow("second link") << QStringLiteral("hard") << EMLINK;
-    QTest::newRow("another user's") << QStringLiteral("bob") << EPERM;
-}
-
 void TstLaunch::userFileCannotBeGiven()
 {
-    QFETCH(QString, kind);
-    QFETCH(int, error);
-
     QVERIFY(writeSetting(currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("2")));
-    if (kind == QLatin1String("link")) {
-        QVERIFY(QFile::link(QStringLiteral("/nowhere"), aliceFile));
-    } else if (kind == QLatin1String("directory")) {
-        QVERIFY(QDir().mkdir(aliceFile));
-    } else if (kind == QLatin1String("fifo")) {
-        QCOMPARE(mkfifo(QFile::encodeName(aliceFile).constData(), 0666), 0);
-    } else if (kind == QLatin1String("hard")) {
-        QVERIFY(writeFile(aliceFile, "x=1\n"));
-        QCOMPARE(link(QFile::encodeName(aliceFile).constData(), "/srv/shared/tarsk/kavet_client/second"), 0);
-    } else {
-        QVERIFY(writeFile(aliceFile, "x=1\n"));
-        QVERIFY(setOwner(aliceFile, bob, bob));
-    }
-    const QString ownerBefore = owner(aliceFile);
+    // Nobody can put aside what another file system is mounted on.
+    QVERIFY(QDir().mkdir(aliceFile));
+    const QByteArray name = QFile::encodeName(aliceFile);
+    QCOMPARE(mount("none", name.constData(), "tmpfs", 0, nullptr), 0);
 
     MethodFixture f;
     f.d->currentUid = alice;
-    LogCapture log(true);
-    QVERIFY(!f.d->launchChild());
+    LogCapture log;
+    const bool launched = f.d->launchChild();
+    umount2(name.constData(), MNT_DETACH);
+    QVERIFY(!launched);
     QCOMPARE(log.warnings(), QStringList{QStringLiteral("launchChild Cannot set owner of "
                                                         "\"/srv/shared/tarsk/kavet_client/1000.conf\" to 1000 %1 %2")
                                              .arg(authFactor())
-                                             .arg(error)});
+                                             .arg(EBUSY)});
     QCOMPARE(log.lines().size(), 1);
 
     // What was done before stays done.
@@ -711,15 +695,13 @@ void TstLaunch::userFileCannotBeGiven()
     expected.userConfigPath = aliceFile;
     expected.clientDirectoryOwner = handedOver();
     expected.sharedDirectoryOwner = handedOver();
-    expected.fileOwner = ownerBefore;
+    expected.fileOwner = QStringLiteral("0:0");
     expected.watched = QStringList{clientDirectory, sharedDirectory, currentPolicy};
     QCOMPARE(Trace::of(f.d).texts(), expected.texts());
     QCOMPARE(f.daemon.calls.size(), 1);
     QCOMPARE(f.daemon.calls.first().arguments,
              (QVariantList{0u, QStringLiteral("max-attempts"), QStringLiteral("2"), false}));
     QVERIFY(TestDevice::launches().isEmpty());
-    if (kind == QLatin1String("hard") || kind == QLatin1String("bob"))
-        QCOMPARE(readFile(aliceFile), QByteArray("x=1\n"));
 }
 
 void TstLaunch::sharedDirectoryCannotBeGiven()
@@ -768,6 +750,201 @@ void TstLaunch::prepareEnvironmentAlone()
     QVERIFY(f.d->prepareEnvironment());
     QCOMPARE(owner(clientDirectory), QStringLiteral("1000:1000"));
     QCOMPARE(owner(sharedDirectory), QStringLiteral("1000:1000"));
+}
+
+/// What stands in a directory, hidden or not.
+static QStringList entries(const QString &directory)
+{
+    return QDir(directory).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+}
+
+void TstLaunch::leftByAnotherUser()
+{
+    // As after a session of alice's, who has left all that she could think of.
+    QVERIFY(QDir().mkpath(clientDirectory));
+    QVERIFY(writeFile(aliceFile, "[General]\nattempts=3\nname=Ann\n"));
+    QVERIFY(writeFile(sharedDirectory + QStringLiteral("/1001.conf/a/b/c"), "x"));
+    QVERIFY(writeSetting(currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("1")));
+    QVERIFY(QFile::link(QStringLiteral("/etc/shadow"), sharedDirectory + QStringLiteral("/link")));
+    QCOMPARE(mkfifo(QFile::encodeName(sharedDirectory + QStringLiteral("/fifo")).constData(), 0666), 0);
+    QVERIFY(QFile::link(QStringLiteral("/tmp/mine"), socketPath));
+    for (const char *name : {"", "/1000.conf", "/1001.conf", "/current.conf", "/link", "/fifo"})
+        QVERIFY(setOwner(sharedDirectory + QLatin1String(name), alice, authFactor()));
+    QVERIFY(setOwner(socketPath, alice, alice));
+    QVERIFY(setOwner(clientDirectory, alice, authFactor()));
+    QCOMPARE(chmod(QFile::encodeName(clientDirectory).constData(), 0), 0);
+    // Root's and bob's own.
+    QVERIFY(writeFile(sharedDirectory + QStringLiteral("/notes"), "root's"));
+    QVERIFY(writeFile(sharedDirectory + QStringLiteral("/bob"), "bob's"));
+    QVERIFY(setOwner(sharedDirectory + QStringLiteral("/bob"), bob, bob));
+    QCOMPARE(chmod(QFile::encodeName(sharedDirectory).constData(), 07777), 0);
+
+    // A socket that appears before the process is known to run would not be noticed.
+    setScript({{QStringLiteral("announce"), true}});
+    MethodFixture f;
+    QVERIFY(f.method.setOptionInternal(0, QStringLiteral("max-attempts"), 8));
+    f.daemon.calls.clear();
+    f.d->currentUid = bob;
+    LogCapture log;
+    QVERIFY(f.d->launchChild());
+    const QString group = QString::number(authFactor());
+    const QString aside = QStringLiteral("/srv/shared/tarsk/kavet_client.1000");
+    const QString clientAside = QStringLiteral("/run/aux-auth/tarsk/kavet_client.1000");
+    QCOMPARE(log.warnings(),
+             (QStringList{QStringLiteral("Put aside \"%1\" as \"%2\"").arg(clientDirectory, clientAside),
+                          QStringLiteral("Put aside \"%1\" as \"%2\"").arg(sharedDirectory, aside)}));
+    QCOMPARE(log.lines().size(), 2);
+    QCOMPARE(entries(clientDirectory), QStringList());
+    QCOMPARE(entries(sharedDirectory),
+             (QStringList{QStringLiteral("1001.conf"), QStringLiteral("bob"), QStringLiteral("notes")}));
+    QCOMPARE(owner(sharedDirectory + QStringLiteral("/1001.conf")), QStringLiteral("1001:") + group);
+    QCOMPARE(owner(sharedDirectory + QStringLiteral("/notes")), QStringLiteral("0:0"));
+    QCOMPARE(readFile(sharedDirectory + QStringLiteral("/notes")), QByteArray("root's"));
+    QCOMPARE(owner(sharedDirectory + QStringLiteral("/bob")), QStringLiteral("1001:1001"));
+    for (const QString &directory : {clientDirectory, sharedDirectory}) {
+        QCOMPARE(owner(directory), QStringLiteral("1001:") + group);
+        // Nobody else may write there, and bob may.
+        QCOMPARE(mode(directory) & 0022, mode_t(0));
+        QCOMPARE(mode(directory) & 0700, mode_t(0700));
+    }
+    // What was put aside is out of everybody's reach but root's, and whole.
+    QCOMPARE(owner(aside), QStringLiteral("0:0"));
+    QCOMPARE(mode(aside) & 0022, mode_t(0));
+    QCOMPARE(owner(aside + QStringLiteral("/1001.conf")), QStringLiteral("1000:") + group);
+    QCOMPARE(readFile(aside + QStringLiteral("/1001.conf/a/b/c")), QByteArray("x"));
+    // Alice's policy is not even read, and no longer watched.
+    QVERIFY(f.daemon.calls.isEmpty());
+    QVERIFY(!f.d->watcher.files().contains(currentPolicy));
+    QTRY_VERIFY(f.d->child.clientRunning);
+
+    // The new directories are the ones that are watched.
+    QVERIFY(writeFile(sharedDirectory + QStringLiteral("/next"), "[General]\nattempts=5\n"));
+    QVERIFY(setOwner(sharedDirectory + QStringLiteral("/next"), bob, bob));
+    QVERIFY(QFile::rename(sharedDirectory + QStringLiteral("/next"), sharedDirectory + QStringLiteral("/moved")));
+    QCOMPARE(rename("/srv/shared/tarsk/kavet_client/moved", "/srv/shared/tarsk/kavet_client/1001.conf"), 0);
+    QTRY_COMPARE(f.method.getOptionInternal(bob, QStringLiteral("attempts")), QVariant(QStringLiteral("5")));
+    QTRY_VERIFY(f.d->child.socketPresent);
+
+    // Each user finds again what is their own.
+    f.d->child.uid = alice;
+    log.clear();
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(owner(sharedDirectory), QStringLiteral("1000:") + group);
+    QCOMPARE(entries(sharedDirectory),
+             (QStringList{QStringLiteral("1000.conf"), QStringLiteral("1001.conf"), QStringLiteral("current.conf"),
+                          QStringLiteral("fifo"), QStringLiteral("link"), QStringLiteral("notes")}));
+    QCOMPARE(readFile(aliceFile), QByteArray("[General]\nattempts=3\nname=Ann\n"));
+    f.d->child.uid = bob;
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(entries(sharedDirectory),
+             (QStringList{QStringLiteral("1001.conf"), QStringLiteral("bob"), QStringLiteral("notes")}));
+    // However often, there is one place for each.
+    for (int i = 0; i < 5; ++i) {
+        f.d->child.uid = alice;
+        QVERIFY(f.d->prepareEnvironment());
+        f.d->child.uid = carol;
+        QVERIFY(f.d->prepareEnvironment());
+        f.d->child.uid = bob;
+        QVERIFY(f.d->prepareEnvironment());
+    }
+    QCOMPARE(entries(QStringLiteral("/srv/shared/tarsk")),
+             (QStringList{QStringLiteral("kavet_client"), QStringLiteral("kavet_client.1000")}));
+    f.d->child.uid = 0;
+}
+
+void TstLaunch::alreadyPutAside()
+{
+    // As left by a daemon that was cut short.
+    const QString parent = QStringLiteral("/srv/shared/tarsk");
+    QVERIFY(writeFile(parent + QStringLiteral("/kavet_client.1000/first"), "1"));
+    QVERIFY(writeFile(sharedDirectory + QStringLiteral("/second"), "2"));
+    QVERIFY(setOwner(sharedDirectory, alice, alice));
+    QVERIFY(setOwner(sharedDirectory + QStringLiteral("/second"), alice, alice));
+    MethodFixture f;
+    f.d->child.uid = bob;
+    f.d->child.gid = authFactor();
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(entries(sharedDirectory), QStringList());
+    QCOMPARE(readFile(parent + QStringLiteral("/kavet_client.1000/first")), QByteArray("1"));
+    const QStringList others = QDir(parent).entryList({QStringLiteral("kavet_client.1000.*")}, QDir::Dirs);
+    QCOMPARE(others.size(), 1);
+    QCOMPARE(readFile(parent + QLatin1Char('/') + others.first() + QStringLiteral("/second")), QByteArray("2"));
+}
+
+void TstLaunch::directoryCannotBePutAside()
+{
+    // Not as long as another file system is mounted there. What is in it is left as it was.
+    MethodFixture f;
+    const QByteArray name = QFile::encodeName(clientDirectory);
+    QCOMPARE(mount("none", name.constData(), "tmpfs", 0, nullptr), 0);
+    QVERIFY(writeFile(socketPath, "alice's"));
+    QVERIFY(setOwner(socketPath, alice, alice));
+    QVERIFY(setOwner(clientDirectory, alice, alice));
+    f.d->currentUid = bob;
+    LogCapture log;
+    for (int i = 0; i < 2; ++i) {
+        log.clear();
+        const bool launched = f.d->launchChild();
+        if (launched || owner(clientDirectory) != QLatin1String("1000:1000"))
+            umount2(name.constData(), MNT_DETACH);
+        QVERIFY(!launched);
+        QCOMPARE(log.criticals(), QStringList{QStringLiteral("Cannot change owner of directory")});
+        QCOMPARE(log.lines().size(), 1);
+        QCOMPARE(owner(clientDirectory), QStringLiteral("1000:1000"));
+    }
+    umount2(name.constData(), MNT_DETACH);
+}
+
+void TstLaunch::linkInAPlaceOfADirectory()
+{
+    // Root's own, as nobody else can make one there. Both the directory and what is put aside are where it leads.
+    const QString elsewhere = QStringLiteral("/srv/shared/elsewhere");
+    QVERIFY(QDir().mkpath(elsewhere));
+    QVERIFY(QDir().mkpath(QFileInfo(sharedDirectory).path()));
+    QVERIFY(QFile::link(elsewhere, sharedDirectory));
+    MethodFixture f;
+    f.d->child.gid = authFactor();
+    f.d->child.uid = alice;
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(owner(elsewhere), handedOver());
+    QCOMPARE(owner(sharedDirectory), QStringLiteral("0:0"));
+    QVERIFY(writeFile(elsewhere + QStringLiteral("/file"), {}));
+    QVERIFY(setOwner(elsewhere + QStringLiteral("/file"), alice, alice));
+    f.d->child.uid = bob;
+    QVERIFY(f.d->prepareEnvironment());
+    QVERIFY(QFileInfo(sharedDirectory).isSymLink());
+    QCOMPARE(owner(elsewhere), QStringLiteral("1001:%1").arg(authFactor()));
+    QCOMPARE(entries(elsewhere), QStringList());
+    QCOMPARE(entries(elsewhere + QStringLiteral(".1000")), QStringList{QStringLiteral("file")});
+}
+
+void TstLaunch::floodedDirectory()
+{
+    // The time that it takes does not depend on what was left: not all of it is looked at.
+    constexpr int count = 5000;
+    for (int i = 0; i < count; ++i)
+        QVERIFY(writeFile(sharedDirectory + QStringLiteral("/%1").arg(i), {}));
+    QVERIFY(setOwner(sharedDirectory, alice, alice));
+    MethodFixture f;
+    f.d->child.uid = bob;
+    f.d->child.gid = authFactor();
+    QVERIFY(f.d->prepareEnvironment());
+    // These are root's, so that each that is looked at comes along.
+    const int moved = entries(sharedDirectory).size();
+    QCOMPARE(moved, 1000);
+    QCOMPARE(entries(QStringLiteral("/srv/shared/tarsk/kavet_client.1000")).size(), count - moved);
+}
+
+void TstLaunch::descriptorsOfTheClient()
+{
+    // Whatever this program was started with.
+    for (int descriptor = 3; descriptor < 1024; ++descriptor)
+        fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    QTRY_COMPARE(TestDevice::launches().size(), 1);
+    QCOMPARE(TestDevice::launches().constFirst().value(QLatin1String("descriptors")).toArray(), (QJsonArray{0, 1, 2}));
 }
 
 void TstLaunch::launcherMissing()

@@ -438,13 +438,14 @@ private Q_SLOTS:
                       text("sh"), TestDevice::currentPolicy});
         QVERIFY(writer.waitForStarted());
 
+        // Whatever was read, it was told when it was another one than before.
         const QVariantList possible = {0, text("3"), text("12345")};
         QVariantList seen;
         int reads = 0;
         const auto read = [&] {
             for (int i = 0; i < 50; ++i, ++reads) {
                 fixture.d->syncPolicy(TestDevice::currentPolicy, true);
-                const QVariant value = fixture.daemon.calls.takeLast().arguments.at(2);
+                const QVariant value = fixture.max();
                 if (!seen.contains(value))
                     seen << value;
             }
@@ -628,6 +629,91 @@ private Q_SLOTS:
         QVERIFY(QFile::remove(TestDevice::currentPolicy));
         fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
         QCOMPARE(fixture.daemon.calls.constLast(), stored(0));
+    }
+
+    void policyOfAnotherUser()
+    {
+        // Alice's policy, from before bob's turn, in a directory that is still hers.
+        QVERIFY(TestDevice::writeFile(marker, {}));
+        const auto alices = [](const char *max) {
+            return writePolicy(TestDevice::currentPolicy, max)
+                   && TestDevice::setOwner(TestDevice::currentPolicy, TestDevice::alice, TestDevice::alice)
+                   && TestDevice::setOwner(TestDevice::sharedDirectory, TestDevice::alice, TestDevice::alice);
+        };
+        QVERIFY(alices("1"));
+        RecordingDaemon daemon;
+        {
+            MethodKavet method;
+            auto *d = method.findChild<MethodKavetPrivate *>();
+            QVERIFY(method.setOptionInternal(0, maxAttempts, 8));
+            method.setNotificator(&daemon);
+            method.handleUserSessionTriggered(TestDevice::bob, true, true);
+            d->handleChildSharedDirectory(TestDevice::sharedDirectory);
+            d->handleChildFileChanged(TestDevice::currentPolicy);
+            QCOMPARE(d->watcher.files(), QStringList());
+            // Her own session, and her own client.
+            method.handleUserSessionTriggered(TestDevice::alice, true, false);
+            QCOMPARE(daemon.calls, Calls{stored(text("1"))});
+            QCOMPARE(d->watcher.files(), QStringList{TestDevice::currentPolicy});
+            d->child.clientRunning = true;
+            d->child.uid = TestDevice::alice;
+            QVERIFY(alices("2"));
+            method.handleUserSessionTriggered(TestDevice::bob, true, false);
+            QVERIFY(alices("3"));
+            d->handleChildFileChanged(TestDevice::currentPolicy);
+            QVERIFY(alices("4"));
+            d->handleChildSharedDirectory(TestDevice::sharedDirectory);
+            QCOMPARE(daemon.calls, (Calls{stored(text("1")), stored(text("2")), stored(text("3")), stored(text("4"))}));
+            // Bob's turn.
+            daemon.calls.clear();
+            d->child.clientRunning = false;
+            QVERIFY(alices("5"));
+            method.authenticate(TestDevice::bob, {});
+            QTRY_VERIFY(d->child.clientRunning);
+            QVERIFY(!QFile::exists(TestDevice::currentPolicy));
+            // What she does to it where it is now changes nothing.
+            const QString aside = TestDevice::sharedDirectory + text(".1000/current.conf");
+            QVERIFY(writePolicy(aside, "6"));
+            QVERIFY(QFile::remove(aside));
+            // This is noticed, and so is all that came before it.
+            QVERIFY(writePolicy(TestDevice::sharedDirectory + text("/new"), "7"));
+            QVERIFY(QFile::rename(TestDevice::sharedDirectory + text("/new"), TestDevice::currentPolicy));
+            QTRY_COMPARE(method.getOptionInternal(0, maxAttempts), QVariant(text("7")));
+            QVERIFY(daemon.calls.removeOne(stored(text("7"))));
+            for (const Call &call : qAsConst(daemon.calls))
+                QVERIFY(call.arguments.value(1) != maxAttempts);
+            QVERIFY(QFile::remove(TestDevice::currentPolicy));
+            QTRY_COMPARE(method.getOptionInternal(0, maxAttempts), QVariant(0));
+            daemon.calls.clear();
+        }
+        // Nor does it count at the end, with bob's client or with none.
+        for (const bool running : {true, false}) {
+            MethodKavet method;
+            QVERIFY(method.setOptionInternal(0, maxAttempts, 8));
+            method.setNotificator(&daemon);
+            QVERIFY(alices("9"));
+            method.findChild<MethodKavetPrivate *>()->child.uid = running ? TestDevice::bob : 0;
+        }
+        QCOMPARE(daemon.calls, Calls());
+        // Hers does with her client.
+        {
+            MethodKavet method;
+            method.setNotificator(&daemon);
+            method.findChild<MethodKavetPrivate *>()->child.uid = TestDevice::alice;
+        }
+        QCOMPARE(daemon.calls, Calls{stored(text("9"))});
+    }
+
+    void unchangedPolicyIsNotTold()
+    {
+        Fixture fixture;
+        QVERIFY(writePolicy(TestDevice::currentPolicy, "7"));
+        for (int i = 0; i < 3; ++i) {
+            fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+            fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
+            fixture.d->handleChildSharedDirectory(TestDevice::sharedDirectory);
+        }
+        QCOMPARE(fixture.daemon.calls, Calls{stored(text("7"))});
     }
 
     void launch_data()

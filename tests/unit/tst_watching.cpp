@@ -42,11 +42,11 @@ bool rewrite(const QString &path, const QString &key, const QString &value)
     return writeSetting(path, key, value);
 }
 
-/// Puts a new file in the place of `path`.
+/// Puts a new file in the place of `path`, as the client does.
 bool replace(const QString &path, const QString &key, const QString &value)
 {
     const QString next = QStringLiteral("/srv/shared/tarsk/next");
-    return writeSetting(next, key, value)
+    return writeSetting(next, key, value) && setOwner(next, alice, alice)
            && rename(QFile::encodeName(next).constData(), QFile::encodeName(path).constData()) == 0;
 }
 
@@ -109,6 +109,7 @@ private Q_SLOTS:
     void sharedDirectoryWithoutUser_data();
     void sharedDirectoryWithoutUser();
     void userFileIsTakenUp();
+    void userFileCannotBeGiven_data();
     void userFileCannotBeGiven();
     void attemptsAsRead_data();
     void attemptsAsRead();
@@ -373,6 +374,7 @@ void TstWatching::userFileIsTakenUp()
 {
     WatchingFixture f;
     QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("2")));
+    QVERIFY(setOwner(aliceFile, alice, alice));
     Onlooker onlooker(f.d);
     f.method.setNotificator(&onlooker);
     LogCapture log(true);
@@ -388,27 +390,45 @@ void TstWatching::userFileIsTakenUp()
     // The user is the client's, whoever is being authenticated.
     f.d->currentUid = bob;
     f.d->child.uid = carol;
+    QVERIFY(setOwner(aliceFile, carol, carol));
     f.d->handleChildSharedDirectory(sharedDirectory);
     QCOMPARE(onlooker.calls.constLast(), changed(carol, attempts, QStringLiteral("2")));
     f.method.setNotificator(&f.daemon);
     f.d->currentUid = 0;
 }
 
+void TstWatching::userFileCannotBeGiven_data()
+{
+    QTest::addColumn<uint>("user");
+    QTest::addColumn<QVariant>("count");
+    // Root's counts, but not even that becomes the user's.
+    QTest::newRow("another user's") << bob << QVariant(0);
+    QTest::newRow("root's") << 0u << QVariant(QStringLiteral("2"));
+}
+
 void TstWatching::userFileCannotBeGiven()
 {
+    QFETCH(uint, user);
+    QFETCH(QVariant, count);
+
     WatchingFixture f;
     QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("2")));
-    QVERIFY(setOwner(aliceFile, bob, bob));
+    QVERIFY(setOwner(aliceFile, user, user));
     LogCapture log(true);
     f.d->handleChildSharedDirectory(sharedDirectory);
     QCOMPARE(log.warnings(),
              QStringList{QStringLiteral(
                  "Failed to change owner for \"/srv/shared/tarsk/kavet_client/1000.conf\" to 1000 960")});
     QCOMPARE(log.lines().size(), 1);
-    QCOMPARE(owner(aliceFile), QStringLiteral("1001:1001"));
-    // It is followed and read all the same.
+    QCOMPARE(owner(aliceFile), QStringLiteral("%1:%1").arg(user));
+    // It is followed all the same.
     QCOMPARE(f.d->watcher.files(), QStringList{aliceFile});
-    QCOMPARE(f.daemon.calls, Calls{changed(alice, attempts, QStringLiteral("2"))});
+    QCOMPARE(f.daemon.calls, Calls{changed(alice, attempts, count)});
+
+    // Told once a launch, as the user could have it told without end.
+    for (int i = 0; i < 5; ++i)
+        f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(log.lines().size(), 1);
 }
 
 void TstWatching::attemptsAsRead_data()
@@ -437,6 +457,7 @@ void TstWatching::attemptsAsRead()
     QVERIFY(writeFile(aliceFile, content));
     QVERIFY(setOwner(aliceFile, alice, alice));
     for (int i = 0; i < 2; ++i) {
+        QVERIFY(f.method.setOptionInternal(alice, attempts, QStringLiteral("another")));
         f.daemon.calls.clear();
         if (i == 0)
             f.d->handleChildSharedDirectory(sharedDirectory);
@@ -613,6 +634,8 @@ void TstWatching::noStorm()
     QTRY_COMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("100")));
     QVERIFY(QFile::remove(aliceFile));
     QTRY_VERIFY(!f.d->watcher.files().contains(aliceFile));
+    // What stays the same would not be told.
+    QVERIFY(f.method.setOptionInternal(alice, attempts, QStringLiteral("another")));
     f.daemon.calls.clear();
 
     if (kind == QLatin1String("link")) {
