@@ -54,8 +54,8 @@ uint groupId(const char *name);
 /// What the scripted client does when it is launched next; see scriptedclient.cpp for the keys.
 void setScript(const QJsonObject &script);
 /// What each scripted client that has been launched since reset() was started with, in the order of launching: the
-/// keys "pid", "descriptors" (those that were open), "arguments", "environment" (an object), "directory", "uids" and "gids" (real, effective, saved),
-/// "groups".
+/// keys "pid", "descriptors" (those that were open), "arguments", "environment" (an object), "directory", "uids" and
+/// "gids" (real, effective, saved), "groups".
 QVector<QJsonObject> launches();
 /// What scripted clients have been called with since reset(), in order: arrays of method name and arguments.
 QVector<QJsonArray> calls();
