@@ -129,7 +129,7 @@ bool moveOwn(int from, int to, uid_t uid)
     int count = 0;
     while (const dirent *entry = readdir(listing)) {
         const char *name = entry->d_name;
-        if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0)
+        if ((name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))))
             continue;
         struct stat status = {};
         const bool owned =
