@@ -87,9 +87,12 @@ bool MethodKavetPrivate::launchChild()
 
 bool MethodKavetPrivate::prepareEnvironment()
 {
-    const auto pass = [this](const QString &directory) {
+    const bool limitIsUsers = m_limitIsUsers || QFileInfo::exists(Constants::currentPolicyFile);
+    bool passed = false;
+    const auto pass = [this, &passed](const QString &directory) {
         const HandOver result = handOver(directory, child.uid, child.gid);
         if (result == HandOver::Replaced) {
+            passed = true;
             watchAnew(directory);
             // What the former user does to files put aside must not look like a change of those in their place.
             watcher.removePath(Constants::currentPolicyFile);
@@ -113,6 +116,12 @@ bool MethodKavetPrivate::prepareEnvironment()
             qCCritical(kavet) << "Cannot change owner of directory.";
             return false;
         }
+    }
+
+    // The limit in force is another user's. It must neither lock this user out nor leave this user unprotected.
+    if (passed && limitIsUsers && !currentPolicyOf(child.uid) && QFileInfo::exists(Constants::packagedPolicyFile)) {
+        m_limitIsUsers = false;
+        syncPolicy(Constants::packagedPolicyFile, true);
     }
     return true;
 }

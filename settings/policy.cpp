@@ -40,6 +40,7 @@ std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
 
 void MethodKavetPrivate::takeLimit(PinnedFile policy)
 {
+    m_limitIsUsers = true;
     const QVariant value = UserSettings(std::move(policy)).value(Constants::maxAttempts, 0);
     if (value.isValid())
         q->setOptionInternal(0, Constants::maxAttempts, value);

@@ -196,6 +196,9 @@ private Q_SLOTS:
     void clientDirectoryCannotBeGiven();
     void prepareEnvironmentAlone();
     void leftByAnotherUser();
+    void limitOfAnotherUser_data();
+    void limitOfAnotherUser();
+    void limitIsRoots();
     void alreadyPutAside();
     void directoryCannotBePutAside();
     void linkInAPlaceOfADirectory();
@@ -850,6 +853,73 @@ void TstLaunch::leftByAnotherUser()
     QCOMPARE(entries(QStringLiteral("/srv/shared/tarsk")),
              (QStringList{QStringLiteral("kavet_client"), QStringLiteral("kavet_client.1000")}));
     f.d->child.uid = 0;
+}
+
+void TstLaunch::limitOfAnotherUser_data()
+{
+    QTest::addColumn<bool>("read"); // while alice's client ran, and gone by now
+    QTest::addColumn<QString>("packaged");
+    QTest::addColumn<QString>("own"); // bob's policy
+    QTest::addColumn<QVariant>("limit");
+    const QString five = QStringLiteral("5");
+    QTest::newRow("left behind") << false << five << QString() << QVariant(five);
+    QTest::newRow("read and removed") << true << five << QString() << QVariant(five);
+    QTest::newRow("nothing to go back to") << false << QString() << QString() << QVariant(1);
+    QTest::newRow("bob has his own") << false << five << QStringLiteral("7") << QVariant(QStringLiteral("7"));
+}
+
+// A limit that alice's client has set does not outlive her turn.
+void TstLaunch::limitOfAnotherUser()
+{
+    QFETCH(bool, read);
+    QFETCH(QString, packaged);
+    QFETCH(QString, own);
+    QFETCH(QVariant, limit);
+    const QString maxAttempts = QStringLiteral("max-attempts");
+    if (!packaged.isNull())
+        QVERIFY(writeSetting(packagedPolicy, maxAttempts, packaged));
+    MethodFixture f;
+    f.d->child.gid = authFactor();
+    f.d->child.uid = bob;
+    QVERIFY(f.d->prepareEnvironment());
+    if (!own.isNull()) {
+        QVERIFY(writeSetting(currentPolicy, maxAttempts, own));
+        QVERIFY(setOwner(currentPolicy, bob, bob));
+    }
+    f.d->child.uid = alice;
+    QVERIFY(f.d->prepareEnvironment());
+    QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("0")));
+    QVERIFY(setOwner(currentPolicy, alice, alice));
+    if (read) {
+        f.d->handleChildFileChanged(currentPolicy);
+        QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("0")));
+        QVERIFY(QFile::remove(currentPolicy));
+    }
+    QVERIFY(f.method.setOptionInternal(0, maxAttempts, 1));
+
+    // Alice's own next turn changes nothing.
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(1));
+    f.d->child.uid = 0;
+    setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
+    f.d->currentUid = bob;
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), limit);
+}
+
+void TstLaunch::limitIsRoots()
+{
+    // Nobody has ever had a policy; root's choice stays when another user comes.
+    const QString maxAttempts = QStringLiteral("max-attempts");
+    QVERIFY(writeSetting(packagedPolicy, maxAttempts, QStringLiteral("5")));
+    MethodFixture f;
+    f.d->child.gid = authFactor();
+    f.d->child.uid = alice;
+    QVERIFY(f.d->prepareEnvironment());
+    QVERIFY(f.method.setOptionInternal(0, maxAttempts, 3));
+    f.d->child.uid = bob;
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
 }
 
 void TstLaunch::alreadyPutAside()
