@@ -140,7 +140,10 @@ bool TstHostileClient::startAlice(MethodFixture &fixture, const QJsonObject &scr
     whole.insert(QStringLiteral("socket"), goFile);
     setScript(whole);
     fixture.method.authenticate(alice, MethodFixture::passwordData(password));
-    return QTest::qWaitFor([&fixture] { return fixture.d->child.clientRunning; }) && writeFile(goFile, {})
+    const auto isRunning = [&fixture] {
+        return fixture.d->child.clientUid == alice && fixture.d->child.clientRunning;
+    };
+    return QTest::qWaitFor(isRunning, 10000) && writeFile(goFile, {})
            && QTest::qWaitFor([&fixture] { return fixture.d->child.socketPresent; }, 10000);
 }
 
@@ -335,8 +338,7 @@ void TstHostileClient::lateAnswer()
 
     // Each request that is current still has its outcome.
     fixture.method.reset();
-    setScript({});
-    fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("failed")));
+    QVERIFY(startAlice(fixture, {}, QStringLiteral("failed")));
     QTRY_COMPARE_WITH_TIMEOUT(fixture.daemon.outcomes(), QVector<Call>{authFailed}, 10000);
     QCOMPARE(misled(), QVector<QJsonArray>());
 }
