@@ -64,10 +64,7 @@ class TstMethodKavetPrivate : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init()
-    {
-        TestDevice::reset();
-    }
+    void init() { TestDevice::reset(); }
 
     // --- Members
 
