@@ -42,7 +42,7 @@ QString stateText(const QString &state, const QVariantMap &details)
     if (state == States::Pending)
         return QStringLiteral("checking with %1 ...").arg(method);
     if (state == States::Challenge && details.value(States::Restarted).toBool())
-        return QStringLiteral("the %1 client crashed and was restarted").arg(method);
+        return QStringLiteral("the %1 client was restarted").arg(method);
     if (state == States::Challenge)
         return method + QStringLiteral(" waits for input");
     if (state == States::Authenticated)
