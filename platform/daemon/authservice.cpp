@@ -82,7 +82,7 @@ qulonglong AuthService::Authenticate(uint uid, const QString &method, const QVar
 {
     const auto entered = std::make_shared<RequestData::Entered>(data);
     answerUser(uid, [this, uid, method, entered](const Caller &caller) {
-        const Reply reply = openAttempt(caller, uid, method, entered->data);
+        Reply reply = openAttempt(caller, uid, method, entered->data);
         if (!reply.isError())
             entered->data.clear(); // The attempt has it now.
         return reply;

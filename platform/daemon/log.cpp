@@ -47,7 +47,7 @@ bool isPlain(char c)
 
 QByteArray quoted(const QString &value)
 {
-    const QByteArray bytes = value.toUtf8();
+    QByteArray bytes = value.toUtf8();
     if (!bytes.isEmpty() && std::all_of(bytes.cbegin(), bytes.cend(), isPlain))
         return bytes;
     QString result;

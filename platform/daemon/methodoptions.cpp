@@ -117,7 +117,7 @@ Reply MethodOptions::check(uint uid, const QString &method) const
 QVariant MethodOptions::currentValue(uint reader, uint uid, const QString &method, const QString &option) const
 {
     AuthPluginInterface &plugin = *m_methods->find(method);
-    const QVariant model = plugin.defaultOptions(uid).value(option);
+    QVariant model = plugin.defaultOptions(uid).value(option);
     if (uid == 0 && !mayKnow(reader, method, option))
         return model;
     QVariant value;

@@ -474,7 +474,7 @@ void TstAttemptQueue::tooManyAttempts()
     }
     endpwent();
     QVERIFY(uids.size() >= 16);
-    for (const uint uid : uids.mid(0, 16))
+    for (const uint uid : qAsConst(uids).mid(0, 16))
         QVERIFY2(open(*m_root, uid, "") != 0, qPrintable(QString::number(uid)));
     const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
     const QVariantList another = {alice, puppet, script("succeed")};

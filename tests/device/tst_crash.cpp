@@ -313,7 +313,8 @@ void TstCrash::anyMoment()
     int unfinished = 0;
     for (int round = 0; round < kills; ++round) {
         QVERIFY2(m_authd.start(), qPrintable(QString::number(round)));
-        for (const pid_t pid : clients())
+        const QSet<pid_t> launched = clients();
+        for (const pid_t pid : launched)
             QVERIFY2(!isAlive(pid), qPrintable(QString::number(pid)));
 
         const BusUser root(0);
