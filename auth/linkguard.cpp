@@ -63,15 +63,6 @@ void wipe(QByteArray &bytes)
 
 } // namespace
 
-void Descriptor::reset(int descriptor)
-{
-    const int error = errno;
-    if (m_descriptor != -1)
-        ::close(m_descriptor);
-    m_descriptor = descriptor;
-    errno = error;
-}
-
 // Listening from the start, so that nobody can keep the link from being made later by filling the file system.
 LinkGuard::LinkGuard()
 {

@@ -2,33 +2,14 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "client/descriptor.h"
+
 #include <QByteArray>
 #include <QScopedPointer>
 #include <QSocketNotifier>
 #include <QString>
 
 #include <sys/types.h>
-
-/// A file descriptor that is closed with its owner; -1 when it holds none.
-class Descriptor
-{
-public:
-    explicit Descriptor(int descriptor = -1)
-        : m_descriptor(descriptor)
-    {
-    }
-    ~Descriptor() { reset(); }
-
-    int get() const { return m_descriptor; }
-    bool isValid() const { return m_descriptor != -1; }
-    /// Closes the descriptor held, keeping errno, and takes over `descriptor`.
-    void reset(int descriptor = -1);
-
-private:
-    int m_descriptor;
-
-    Q_DISABLE_COPY(Descriptor)
-};
 
 /// Stands between the client's socket and the D-Bus library, since the client is not to be trusted and the library
 /// trusts its peers. Opening a link never waits, the peer's user is known before a byte is sent, what either side

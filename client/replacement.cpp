@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "client/replacement.h"
 
+#include "client/descriptor.h"
+
 #include <QUuid>
 
 #include <cerrno>
@@ -25,15 +27,9 @@ bool writeWhole(int descriptor, const QByteArray &content)
 /// Makes the file `name` with `content` in `directory`.
 bool makeFile(int directory, const QByteArray &name, mode_t mode, const QByteArray &content)
 {
-    const int made =
-        openat(directory, name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (made == -1)
-        return false;
-    const bool whole = fchmod(made, mode) == 0 && writeWhole(made, content);
-    const int error = errno;
-    close(made);
-    errno = error;
-    return whole;
+    const Descriptor made(
+        openat(directory, name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    return made.isValid() && fchmod(made.get(), mode) == 0 && writeWhole(made.get(), content);
 }
 
 /// Whether `name` in `directory` is the file with that status.
@@ -62,16 +58,15 @@ bool replaceFile(int descriptor, const QByteArray &content)
     const QByteArray fresh = '.' + name + '.' + QUuid::createUuid().toRfc4122().toHex();
 
     // The directory may be swapped at any moment too; what is done is done in the one that holds the file.
-    const int directory = open(path.left(nameBegin).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (directory == -1)
+    const Descriptor directory(open(path.left(nameBegin).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.isValid())
         return false;
-    const bool replaced = isFile(directory, name, status)
-                          && makeFile(directory, fresh, status.st_mode & ~mode_t(S_IFMT), content)
-                          && renameat(directory, fresh.constData(), directory, name.constData()) == 0;
+    const bool replaced = isFile(directory.get(), name, status)
+                          && makeFile(directory.get(), fresh, status.st_mode & ~mode_t(S_IFMT), content)
+                          && renameat(directory.get(), fresh.constData(), directory.get(), name.constData()) == 0;
     const int error = errno;
     if (!replaced)
-        unlinkat(directory, fresh.constData(), 0);
-    close(directory);
+        unlinkat(directory.get(), fresh.constData(), 0);
     errno = error;
     return replaced;
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "client/userfiles.h"
 
+#include "client/descriptor.h"
 #include "client/replacement.h"
 #include "plugin/logging.h"
 
@@ -25,29 +26,6 @@ constexpr qint64 maximumSize = qint64(64) * 1024;
 constexpr int pinAttempts = 16; ///< In which the owner of the directory may undo what root does there.
 constexpr int maximumEntries = 1000; ///< Of another user's directory; whoever fills it must not keep root busy.
 constexpr mode_t noWritingForOthers = 0755;
-
-/// A descriptor that is closed at the end of its scope.
-class Descriptor
-{
-public:
-    explicit Descriptor(int descriptor)
-        : m_descriptor(descriptor)
-    {
-    }
-    ~Descriptor()
-    {
-        const int error = errno;
-        if (m_descriptor != -1)
-            close(m_descriptor);
-        errno = error;
-    }
-    operator int() const { return m_descriptor; }
-
-private:
-    const int m_descriptor;
-
-    Q_DISABLE_COPY(Descriptor)
-};
 
 /// File-system identity of the calling thread for the life of the object. Its other groups stay: they are not asked for
 /// where the owner touches the owner's own file.
@@ -287,10 +265,10 @@ HandOver handOver(const QString &path, uid_t uid, gid_t gid)
 {
     const Descriptor former(openDirectory(path));
     struct stat status = {};
-    if (former == -1 || fstat(former, &status) == -1)
+    if (fstat(former.get(), &status) == -1)
         return HandOver::Failed;
     if (status.st_uid == 0 || status.st_uid == uid)
-        return fchown(former, uid, gid) == 0 ? HandOver::Same : HandOver::Failed;
+        return fchown(former.get(), uid, gid) == 0 ? HandOver::Same : HandOver::Failed;
 
     const QString directory = QFileInfo(path).canonicalFilePath();
     const auto placeOf = [&directory](uid_t owner) -> QString {
@@ -312,12 +290,12 @@ HandOver handOver(const QString &path, uid_t uid, gid_t gid)
     }
 
     // Its user can change nothing in it from here on, also by a descriptor.
-    if (fchown(former, 0, 0) == -1 || fchmod(former, mode) == -1)
+    if (fchown(former.get(), 0, 0) == -1 || fchmod(former.get(), mode) == -1)
         return HandOver::Failed;
     const Descriptor present(openDirectory(directory));
-    if (moveOwn(former, present, uid))
+    if (moveOwn(former.get(), present.get(), uid))
         rmdir(QFile::encodeName(aside).constData());
     else
         warnOfPutAside(path, aside);
-    return fchown(present, uid, gid) == 0 ? HandOver::Replaced : HandOver::Failed;
+    return fchown(present.get(), uid, gid) == 0 ? HandOver::Replaced : HandOver::Failed;
 }
