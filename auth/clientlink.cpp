@@ -161,7 +161,8 @@ QStringList MethodKavetPrivate::getCertList()
     auto *pending = new QDBusPendingCallWatcher(clientInterface->getCertList(), this);
     certListInFlight = true;
     // Holds on to the connection as awaitAnswer() does.
-    const auto handleReply = [this, method = __func__, usedConnection = connection,
+    const char *const method = __func__;
+    const auto handleReply = [this, method, usedConnection = connection,
                               usedLink = guard.link()](QDBusPendingCallWatcher *finished) {
         const QDBusPendingReply<QStringList> reply = *finished;
         QStringList certList;

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr qint64 maximumUnreadOutput = 1024 * 1024; ///< Bytes of each stream.
+constexpr qint64 maximumUnreadOutput = qint64(1024) * 1024; ///< Bytes of each stream.
 
 } // namespace
 
