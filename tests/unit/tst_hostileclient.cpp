@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QLoggingCategory>
 #include <QTest>
 
 #include <algorithm>
@@ -164,7 +165,8 @@ bool TstHostileClient::bobSucceeds(MethodFixture &fixture)
 
 void TstHostileClient::attack_data()
 {
-    const QString dropping = QStringLiteral("Dropping the link to the client: it sends more than a reply needs");
+    // What the library answers to a flood may be what exceeds a limit first.
+    const QString dropping = QStringLiteral("Dropping the link to the client: it ");
     QTest::addColumn<QString>("attack");
     QTest::addColumn<bool>("ends"); // without the request's own timeout
     QTest::addColumn<Call>("outcome");
@@ -547,7 +549,7 @@ void TstHostileClient::swappedSocket()
             rename(temporary.constData(), name.constData());
         }
     }
-    LogCapture log;
+    QLoggingCategory::setFilterRules(QStringLiteral("authd.method.kavet.warning=false")); // 20,000 lines
     int refused = 0;
     for (int i = 0; i < 20000; ++i) {
         fixture.d->handleChildSocket(clientDirectory);
@@ -556,6 +558,7 @@ void TstHostileClient::swappedSocket()
     }
     ::kill(swapper, SIGKILL);
     waitpid(swapper, nullptr, 0);
+    QLoggingCategory::setFilterRules({});
     QCOMPARE(refused, 20000);
     QCOMPARE(misled(), QVector<QJsonArray>());
 }
