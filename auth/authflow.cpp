@@ -19,7 +19,8 @@ void MethodKavetPrivate::makeAuth()
         }
         if (currentUid == 0)
             return;
-        // The client of another user must not see this user's secret. The flow goes on when that client has ended.
+        // A client of another user must not see this user's secret, and one that is being killed serves nobody. The
+        // flow goes on when it has ended.
         if (child.state() != QProcess::NotRunning && child.clientUid != currentUid) {
             if (child.clientUid != 0)
                 killChild();

@@ -13,8 +13,6 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 
-#include <algorithm>
-
 namespace {
 
 constexpr int maximumErrorText = 1024; ///< Bytes of a client's error text that are logged.
@@ -24,7 +22,7 @@ constexpr int maximumCertListSize = 256 * 1024; ///< Bytes.
 /// The longest part of `text`, which a client has chosen, that is fit for the log.
 QString shortened(const QString &text)
 {
-    QByteArray bytes = text.toUtf8();
+    const QByteArray bytes = text.toUtf8();
     if (bytes.size() <= maximumErrorText)
         return text;
     int size = maximumErrorText;

@@ -26,11 +26,6 @@ constexpr int chunkSize = 64 * 1024; ///< Bytes carried before the event loop tu
 const QString listenerDirectory = QStringLiteral("/run/kavet-XXXXXX");
 const QString listenerName = QStringLiteral("/link");
 
-QByteArray pathOf(const Descriptor &descriptor)
-{
-    return "/proc/self/fd/" + QByteArray::number(descriptor.get());
-}
-
 int makeSocket()
 {
     return socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -99,13 +94,15 @@ bool LinkGuard::connectToClient(const QString &path, uid_t uid)
     close();
     if (!listen())
         return fail(errno);
+    // What waits there, given up by the library or opened by root, must not be taken for the library's next connection.
+    while (Descriptor(accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).isValid()) { }
 
     // Through a descriptor, a symbolic link is not followed but is a file like any other to which nobody listens.
     const Descriptor name(open(QFile::encodeName(path).constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!name.isValid())
         return fail(errno);
     m_client.reset(makeSocket());
-    const sockaddr_un address = socketAddress(pathOf(name));
+    const sockaddr_un address = socketAddress(pathOf(name.get()));
     if (::connect(m_client.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1)
         return fail(errno);
     const uid_t peer = peerCredentials(m_client.get()).uid;
@@ -114,7 +111,7 @@ bool LinkGuard::connectToClient(const QString &path, uid_t uid)
 
 QString LinkGuard::address() const
 {
-    return QStringLiteral("unix:path=") + QString::fromLatin1(pathOf(m_name));
+    return QStringLiteral("unix:path=") + QString::fromLatin1(pathOf(m_name.get()));
 }
 
 bool LinkGuard::acceptLibrary()
@@ -195,7 +192,7 @@ void LinkGuard::write(Flow &flow, Descriptor &to)
         else
             flow.waiting.remove(0, int(std::max<ssize_t>(size, 0)));
         if (flow.waiting.size() > maximumWaiting) {
-            drop("it does not read what it is sent");
+            drop(&flow == &m_toClient ? "it does not read what it is sent" : "what it sends is not read");
             return;
         }
     }

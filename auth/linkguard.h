@@ -21,7 +21,9 @@
 class LinkGuard
 {
 public:
+    /// A guard without a link, which listens for the library from now on.
     LinkGuard();
+    /// Ends the link, if there is one, as close() does.
     ~LinkGuard();
 
     /// Connects to the client's socket, which must stand at `path` itself, not behind a link, and whose server must be

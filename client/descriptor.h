@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include <QtGlobal>
+#include <QByteArray>
 
 #include <cerrno>
 
@@ -35,3 +35,9 @@ private:
 
     Q_DISABLE_COPY(Descriptor)
 };
+
+/// A path to what `descriptor` holds, wherever that is now. It works in this process only, and follows that one link.
+inline QByteArray pathOf(int descriptor)
+{
+    return QByteArray("/proc/self/fd/").append(QByteArray::number(descriptor));
+}

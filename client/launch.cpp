@@ -67,7 +67,6 @@ bool MethodKavetPrivate::launchChild()
                          << error;
         return false;
     }
-    LibAuthd::restrictPermissions(child.userConfigPath);
     // Written at the end of the function.
     UserSettings userSettings(std::move(userFile));
     userSettings.setValue(Constants::attempts, q->getOptionInternal(currentUid, Constants::attempts));

@@ -67,7 +67,9 @@ public:
     /// Launches the client for currentUid. True when it runs already or is being started; whether it does start is
     /// learnt from the process later. Each attempt uses up one of launchBudget.
     bool launchChild();
-    /// Hands the client's directories to its user, making the shared one. False, with a message, when that fails.
+    /// Hands the client's directories to its user, making the shared one, and puts aside what another user has left in
+    /// them; a limit of attempts that the other user has set then gives way to the packaged one. False, with a message,
+    /// when a directory cannot be handed over.
     bool prepareEnvironment();
     /// The sandbox launcher's arguments; empty, with a critical message, when the manifest does not give all of them.
     QStringList getLaunchArgs();

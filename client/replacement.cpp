@@ -49,8 +49,7 @@ bool replaceFile(int descriptor, const QByteArray &content)
 {
     char target[PATH_MAX] = {};
     struct stat status = {};
-    const QByteArray link = "/proc/self/fd/" + QByteArray::number(descriptor);
-    if (fstat(descriptor, &status) == -1 || readlink(link.constData(), target, sizeof target - 1) == -1)
+    if (fstat(descriptor, &status) == -1 || readlink(pathOf(descriptor).constData(), target, sizeof target - 1) == -1)
         return false;
     const QByteArray path(target);
     const int nameBegin = path.lastIndexOf('/') + 1;

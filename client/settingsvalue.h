@@ -13,7 +13,9 @@ namespace SettingsValue {
 
 constexpr int maximumTexts = 1000; ///< As many texts a list may have.
 
+/// Whether `c` is a space or a tab.
 bool isBlank(char c);
+/// Whether `c` ends a line, by itself or as one of a pair.
 bool isLineEnd(char c);
 /// How many bytes the end of a line takes at `position`, where there is one.
 int lineEndSize(const QByteArray &content, int position);

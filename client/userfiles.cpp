@@ -3,6 +3,7 @@
 #include "client/userfiles.h"
 
 #include "client/descriptor.h"
+#include "client/filesystemidentity.h"
 #include "client/replacement.h"
 #include "plugin/logging.h"
 
@@ -12,11 +13,9 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/fsuid.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,36 +25,7 @@ constexpr qint64 maximumSize = qint64(64) * 1024;
 constexpr int pinAttempts = 16; ///< In which the owner of the directory may undo what root does there.
 constexpr int maximumEntries = 1000; ///< Of another user's directory; whoever fills it must not keep root busy.
 constexpr mode_t noWritingForOthers = 0755;
-
-/// File-system identity of the calling thread for the life of the object. Its other groups stay: they are not asked for
-/// where the owner touches the owner's own file.
-class FileSystemIdentity
-{
-public:
-    FileSystemIdentity(uid_t uid, gid_t gid)
-        : m_gid(gid_t(setfsgid(gid)))
-        , m_uid(uid_t(setfsuid(uid)))
-        // The only way to learn the identity in force is to ask for an impossible one.
-        , m_assumed(uid_t(setfsuid(uid_t(-1))) == uid && gid_t(setfsgid(gid_t(-1))) == gid)
-    {
-    }
-    ~FileSystemIdentity()
-    {
-        const int error = errno;
-        setfsuid(m_uid);
-        setfsgid(m_gid);
-        errno = error;
-    }
-
-    bool assumed() const { return m_assumed; }
-
-private:
-    const gid_t m_gid;
-    const uid_t m_uid;
-    const bool m_assumed;
-
-    Q_DISABLE_COPY(FileSystemIdentity)
-};
+constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 
 /// Why a file is not to be touched, as an errno value; 0 when it may be.
 int objection(const struct stat &status)
@@ -107,7 +77,7 @@ bool moveOwn(int from, int to, uid_t uid)
     int count = 0;
     while (const dirent *entry = readdir(listing)) {
         const char *name = entry->d_name;
-        if ((name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))))
+        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
             continue;
         struct stat status = {};
         const bool owned =
@@ -135,13 +105,13 @@ PinnedFile::PinnedFile(const QString &path, uid_t uid, gid_t gid)
     for (int attempt = 0; attempt < pinAttempts; ++attempt) {
         pin(::open(name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
         if (m_error == 0 && m_owner == uid) {
-            if (!changeGroup(uid, gid))
+            if (!changeGroup(uid, gid) || !restrictPermissions())
                 m_error = errno;
             return;
         }
         if (m_error == ENOENT) {
             // What root has just made, and holds by this descriptor, is all that is ever given to a user.
-            pin(::open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+            pin(::open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly));
             if (m_error == 0 && fchown(m_descriptor, uid, gid) == 0) {
                 m_owner = uid;
                 m_group = gid;
@@ -243,6 +213,16 @@ void PinnedFile::pin(int descriptor)
     m_group = status.st_gid;
 }
 
+// By the descriptor: at the path, which is the user's to clear, a file of root's would be made.
+bool PinnedFile::restrictPermissions() const
+{
+    struct stat status = {};
+    if (fstat(m_descriptor, &status) == -1)
+        return false;
+    // Changing them in vain would be one more event for whoever watches the file.
+    return (status.st_mode & ~mode_t(S_IFMT)) == ownerOnly || chmod(pathOf(m_descriptor).constData(), ownerOnly) == 0;
+}
+
 int PinnedFile::openAsOwner(int flags) const
 {
     if (!isUsable())
@@ -253,8 +233,7 @@ int PinnedFile::openAsOwner(int flags) const
         return -1;
     }
     // The owner may hold a lease on the file, which would keep an opening that waits waiting.
-    return ::open(QByteArray("/proc/self/fd/" + QByteArray::number(m_descriptor)).constData(),
-                  flags | O_NONBLOCK | O_CLOEXEC);
+    return ::open(pathOf(m_descriptor).constData(), flags | O_NONBLOCK | O_CLOEXEC);
 }
 
 // A former user may have left anything in the directory, in any number and depth, and may keep it open, own its access

@@ -17,9 +17,11 @@ class PinnedFile
 public:
     /// Pins the file `path`. When there is none to be touched, everything below fails with errno telling why.
     explicit PinnedFile(const QString &path);
-    /// Pins the file `path` of user `uid` and gives it the group `gid`. Whatever else stands there, a file of root's
-    /// included, is put aside beside it, with a warning, and the file is made anew, empty and for its owner alone.
+    /// Pins the file `path` of user `uid`, gives it the group `gid` and closes it to all but its owner (mode 0600).
+    /// Whatever else stands there, a file of root's included, is put aside beside it, with a warning, and the file is
+    /// made anew, empty.
     PinnedFile(const QString &path, uid_t uid, gid_t gid);
+    /// Takes over what `other` pins; everything that is asked of `other` fails afterwards.
     PinnedFile(PinnedFile &&other) noexcept;
     ~PinnedFile();
 
@@ -40,6 +42,7 @@ public:
 
 private:
     void pin(int descriptor);
+    bool restrictPermissions() const;
     int openAsOwner(int flags) const;
 
     int m_descriptor = -1;

@@ -14,7 +14,9 @@
 class UserSettings
 {
 public:
+    /// Reads the settings of the file `path`.
     explicit UserSettings(const QString &path);
+    /// Reads the settings of `file`.
     explicit UserSettings(PinnedFile file);
     /// Writes what setValue() has changed.
     ~UserSettings();

@@ -71,7 +71,7 @@ void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
 {
     Q_UNUSED(path)
     if (child.uid != 0 && !child.userConfigPath.isEmpty() && QFileInfo::exists(child.userConfigPath)) {
-        // The user could have a second line written as often as a file can be touched.
+        // One line a launch: otherwise the user could fill the log by touching a file.
         if (!PinnedFile(child.userConfigPath).changeGroup(child.uid, child.gid) && !m_refusedUserFile) {
             m_refusedUserFile = true;
             qCWarning(kavet) << "Failed to change owner for" << child.userConfigPath << "to" << child.uid << child.gid;
@@ -88,12 +88,13 @@ void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
 
 void MethodKavetPrivate::handleChildFileChanged(const QString &path)
 {
-    if (path == child.userConfigPath && child.uid != 0)
+    if (path == child.userConfigPath && child.uid != 0) {
         q->setOptionInternal(child.uid, Constants::attempts, getChildAttempts());
-    else if (path != Constants::currentPolicyFile)
-        return;
-    else if (!QFileInfo::exists(path))
-        syncPolicy(path, true);
-    else if (auto policy = currentPolicyOf(child.uid))
-        takeLimit(std::move(*policy));
+    } else if (path == Constants::currentPolicyFile) {
+        // One that has gone sets no limit; one of somebody else changes nothing.
+        if (!QFileInfo::exists(path))
+            syncPolicy(path, true);
+        else if (auto policy = currentPolicyOf(child.uid))
+            takeLimit(std::move(*policy));
+    }
 }

@@ -59,7 +59,7 @@ extern const QString userConfigName; ///< %1 = directory, %2 = user id.
 extern const QString packagedPolicyFile;
 extern const QString currentPolicyFile;
 extern const QString firstStartMarker;
-constexpr uint unknownOwner = 4294967294; ///< What QFileInfo gives as owner id of a file that it cannot read.
+constexpr uint unknownOwner = 4294967294; ///< Stands for an owner that is not known; no client runs as it.
 
 // The client's process
 extern const QString sandboxLauncher;

@@ -12,11 +12,14 @@
 #include <QTest>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <functional>
 
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace TestDevice;
@@ -192,6 +195,7 @@ private Q_SLOTS:
     void failures_data();
     void failures();
     void userFileCannotBeGiven();
+    void userFileTakenAway();
     void sharedDirectoryCannotBeGiven();
     void clientDirectoryCannotBeGiven();
     void prepareEnvironmentAlone();
@@ -705,6 +709,42 @@ void TstLaunch::userFileCannotBeGiven()
     QCOMPARE(f.daemon.calls.first().arguments,
              (QVariantList{0u, QStringLiteral("max-attempts"), QStringLiteral("2"), false}));
     QVERIFY(TestDevice::launches().isEmpty());
+}
+
+void TstLaunch::userFileTakenAway()
+{
+    // Alice takes her file away again and again, also while it is being made. No file of root's gets into her hands: as
+    // current policy it would count for everybody.
+    QVERIFY(QFile::remove(launcher));
+    QVERIFY(QDir().mkpath(sharedDirectory));
+    QVERIFY(setOwner(sharedDirectory, alice, authFactor()));
+    const QByteArray name = QFile::encodeName(aliceFile);
+    const QByteArray kept = QFile::encodeName(sharedDirectory + QStringLiteral("/kept."));
+    const pid_t taker = fork();
+    if (taker == 0) {
+        if (setgid(alice) == -1 || setuid(alice) == -1)
+            _exit(1);
+        for (int count = 0;;) {
+            if (rename(name.constData(), (kept + QByteArray::number(count)).constData()) == 0)
+                ++count;
+        }
+    }
+    {
+        MethodFixture f;
+        f.d->currentUid = alice;
+        const LogCapture log;
+        const QString hundredth = QFile::decodeName(kept) + QStringLiteral("100");
+        for (int i = 0; i < 500 || !QFile::exists(hundredth); ++i) {
+            f.d->launchBudget = 1;
+            f.d->launchChild();
+        }
+    }
+    kill(taker, SIGKILL);
+    waitpid(taker, nullptr, 0);
+    const QStringList names = QDir(sharedDirectory).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    for (const QString &entry : names)
+        QVERIFY2(owner(sharedDirectory + QLatin1Char('/') + entry).startsWith(QLatin1String("1000:")),
+                 qPrintable(entry));
 }
 
 void TstLaunch::sharedDirectoryCannotBeGiven()

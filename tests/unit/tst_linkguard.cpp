@@ -28,6 +28,7 @@ constexpr int limit = 1024 * 1024;
 const QString path = QStringLiteral("/tmp/client.socket");
 const QString sendsTooMuch = QStringLiteral("Dropping the link to the client: it sends more than a reply needs");
 const QString doesNotRead = QStringLiteral("Dropping the link to the client: it does not read what it is sent");
+const QString isNotRead = QStringLiteral("Dropping the link to the client: what it sends is not read");
 
 sockaddr_un socketAddress(const QByteArray &name)
 {
@@ -192,6 +193,7 @@ private Q_SLOTS:
     void peersUser();
     void onlyThisProcess();
     void noLibrary();
+    void givenUpByLibrary();
     void runtimeDirectoryUnwritable();
     void leavesNothingBehind();
 };
@@ -309,7 +311,7 @@ void TstLinkGuard::libraryDoesNotRead()
         QTest::qWait(10);
     }
     QVERIFY(!link.guard.isOpen());
-    QCOMPARE(log.warnings(), QStringList{doesNotRead});
+    QCOMPARE(log.warnings(), QStringList{isNotRead});
 }
 
 void TstLinkGuard::sideEnds_data()
@@ -521,6 +523,26 @@ void TstLinkGuard::noLibrary()
     QVERIFY(hasEnded(client));
     close(client);
     close(listener);
+}
+
+// A connection that the library has made and given up before it was taken is not the one of the next link.
+void TstLinkGuard::givenUpByLibrary()
+{
+    const int listener = listenAt(path);
+    LinkGuard guard;
+    QVERIFY(guard.connectToClient(path, 0));
+    close(accept4(listener, nullptr, nullptr, SOCK_NONBLOCK));
+    close(connectTo(libraryPath(guard)));
+
+    QVERIFY(guard.connectToClient(path, 0));
+    const int library = connectTo(libraryPath(guard));
+    const int client = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK);
+    QVERIFY(guard.acceptLibrary());
+    QVERIFY(sendAll(library, "request"));
+    QByteArray arrived;
+    QTRY_COMPARE((arrived += readAll(client)), QByteArray("request"));
+    for (const int descriptor : {library, client, listener})
+        close(descriptor);
 }
 
 void TstLinkGuard::runtimeDirectoryUnwritable()
