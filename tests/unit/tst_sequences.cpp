@@ -29,14 +29,16 @@ QMap<QString, int> kindsSeen;
 QMap<QString, int> situationsSeen;
 QMap<int, int> lengthsSeen;
 QStringList logLines;
-std::atomic<int> repliesDropped{0};
+System::Logged logged;
 
 void keepLogLine(QtMsgType level, const QMessageLogContext &context, const QString &text)
 {
     static QMutex mutex;
     const QMutexLocker locker(&mutex);
     if (text.contains(QLatin1String("no longer current")))
-        ++repliesDropped;
+        ++logged.repliesDropped;
+    if (text.startsWith(QLatin1String("Failed to change owner for")))
+        ++logged.filesRefused;
     logLines << QStringLiteral("%1 %2: %3").arg(level).arg(QLatin1String(context.category), text);
     if (level == QtFatalMsg)
         std::fprintf(stderr, "%s\n", qPrintable(text));
@@ -279,11 +281,11 @@ void TstSequences::modelAndMethodAgree()
     const rc::detail::TestResult result = rc::detail::checkTestable(
         [this] {
             logLines.clear();
-            repliesDropped = 0;
+            logged.repliesDropped = logged.filesRefused = 0;
             const Setup setup = *anySetup();
             const Model model(setup);
             const auto happenings = *rc::state::gen::commands(model, anyHappening);
-            System system(setup, *m_peer, repliesDropped);
+            System system(setup, *m_peer, logged);
             for (const QString &situation : model.situations())
                 ++situationsSeen[situation];
             const QString difference = system.compareStart(model);
@@ -337,11 +339,13 @@ void TstSequences::sequencesReachEverything()
                                   "certificate list too long",
                                   "certificates asked for twice",
                                   "certificates fetched once linked",
+                                  "client directory passed on",
                                   "client of an earlier session killed",
                                   "connection refused",
                                   "data removed",
                                   "delayed launch",
                                   "failed start",
+                                  "files brought back",
                                   "home changed unexpectedly",
                                   "inert",
                                   "last stage without a link",
@@ -363,13 +367,20 @@ void TstSequences::sequencesReachEverything()
                                   "outcome 11",
                                   "outcome 12",
                                   "outcome 14",
+                                  "packaged limit for the next user",
                                   "partition locked",
+                                  "policy of another user at a launch",
+                                  "policy of another user at a session's start",
+                                  "policy of another user while watching",
                                   "relaunched",
                                   "reply dropped",
                                   "root listens",
+                                  "shared directory passed on",
+                                  "socket brought back",
                                   "socket without an authentication",
                                   "termination ignored",
                                   "user locked",
+                                  "user's file put aside",
                                   "user's file refused",
                                   "waited for a client to be killed",
                                   "wrong owner"})

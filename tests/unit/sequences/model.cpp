@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "model.h"
 
+#include <utility>
+
 namespace Sequences {
 
 namespace {
@@ -9,7 +11,7 @@ namespace {
 const QString clientDirectory = QStringLiteral("/run/aux-auth/tarsk/kavet_client");
 const QString shared = QStringLiteral("/srv/shared/tarsk/kavet_client");
 const QString policy = QStringLiteral("/srv/shared/tarsk/kavet_client/current.conf");
-const QString packaged = QStringLiteral("/usr/share/tarsk.kavet_client/policy.conf");
+const QString socketName = QStringLiteral("kavet.socket");
 const QString attempts = QStringLiteral("attempts");
 const QString maxAttempts = QStringLiteral("max-attempts");
 const QString deletion = QStringLiteral("delayed-deletion");
@@ -117,11 +119,12 @@ bool Model::allows(const Event &event) const
 }
 
 /// Changes that are told together are told in any order. A change of the home directory may launch a client, and that
-/// writes the user's file.
+/// writes the user's file and ends another user's turn.
 bool Model::orderMatters() const
 {
     return m_changedDirectories.contains(m_homeDirectory)
-           && (m_changedDirectories.contains(shared) || m_changedFiles.contains(m_userConfigPath));
+           && (m_changedDirectories.contains(shared) || m_changedFiles.contains(m_userConfigPath)
+               || m_changedFiles.contains(policy) || m_changedDirectories.contains(policy));
 }
 
 QVector<Kind> Model::next() const
@@ -184,18 +187,19 @@ void Model::act(const Event &event)
         else
             createFile(path, {File::Planted, event.variant, 0, 0, 0, QString()});
     };
-    const auto write = [this](const QString &path, uint owner, const QString &value) {
+    const uint group = m_group == Normal ? clientGroup : 0;
+    const auto write = [this, group](const QString &path, uint owner, const QString &value) {
         if (m_files.value(path).type == File::Regular) {
             writeFile(path, value);
             return;
         }
         if (m_files.contains(path))
             removeFile(path);
-        createFile(path, {File::Regular, 0, 0, owner, clientGroup, value});
+        createFile(path, {File::Regular, 0, 0, owner, group, value});
     };
-    const auto replace = [this](const QString &path, uint owner, const QString &value) {
+    const auto replace = [this, group](const QString &path, uint owner, const QString &value) {
         removeFile(path);
-        createFile(path, {File::Regular, 0, 0, owner, clientGroup, value});
+        createFile(path, {File::Regular, 0, 0, owner, group, value});
     };
     const uint other = event.user == bob ? alice : bob;
 
@@ -229,6 +233,8 @@ void Model::act(const Event &event)
         break;
     case Kind::PutSocket:
         m_socket = {true, event.variant < LinkToSocket, socketOwner(event.variant), socketPeer(event.variant)};
+        if (event.variant != NotASocket)
+            giveSockets(m_socket.peer, m_socket.owner);
         noteDirectory(clientDirectory);
         break;
     case Kind::RemoveSocket:
@@ -237,6 +243,8 @@ void Model::act(const Event &event)
         break;
     case Kind::ChangeSocketOwner:
         m_socket.owner = socketOwner(event.variant);
+        if (m_socket.isSocket)
+            giveSockets(m_socket.peer, m_socket.owner);
         noteDirectory(clientDirectory);
         break;
     case Kind::TouchClientDirectory:
@@ -430,6 +438,7 @@ void Model::construct()
     m_organizationKnown = m_commandKnown = false;
     m_manifestExists = m_manifestParsed = m_isSymLink = false;
     m_watches.clear();
+    m_limitIsUsers = m_refusalTold = false;
 
     if (m_manifestIsLink) {
         m_manifestExists = m_isSymLink = true;
@@ -447,15 +456,16 @@ void Model::construct()
         watch(shared);
     if (m_packagedPolicy) {
         const auto told = m_optionsTold;
-        syncPolicy(packaged, false);
+        if (!methodSettingsStored())
+            takePackagedLimit();
         m_optionsTold = told; // There is no daemon yet that could be told.
     }
 }
 
 void Model::destroy()
 {
-    if (exists(policy))
-        syncPolicy(policy, true);
+    if (policyCounts(m_uid))
+        takeLimit();
     m_process = NotRunning;
     m_dying = m_stopped = m_termPending = false;
     m_connected = false;
@@ -707,6 +717,7 @@ bool Model::launch()
     if (!tryToParseManifest() || m_sharedDirectory.isEmpty() || (m_currentUid != 0 && !isKnown(m_currentUid))
         || m_group == NoGroup)
         return false;
+    m_refusalTold = false;
     m_uid = m_currentUid;
     m_gid = m_group == GroupOfRoot ? 0 : clientGroup;
     if (!m_organizationKnown || !m_commandKnown || m_manifest == NoManifest || m_manifest == Damaged)
@@ -718,24 +729,32 @@ bool Model::launch()
 
     if (m_clientDirectoryAway)
         return false;
-    noteDirectory(clientDirectory);
+    const bool hadPolicy = exists(policy);
+    passClientDirectory();
     if (m_sharedBlocked)
         return false;
-    m_sharedExists = true;
-    noteDirectory(shared);
+    if (passSharedDirectory() && (hadPolicy || m_limitIsUsers) && !policyCounts(m_uid) && m_packagedPolicy) {
+        m_situations << QStringLiteral("packaged limit for the next user");
+        takePackagedLimit();
+    }
 
     watch(shared);
-    if (exists(policy)) {
-        syncPolicy(policy, true);
+    if (policyCounts(m_uid)) {
+        takeLimit();
         watchAnew(policy);
+    } else if (exists(policy)) {
+        m_situations << QStringLiteral("policy of another user at a launch");
     }
     m_userConfigPath = userFile(m_currentUid);
-    if (!m_files.contains(m_userConfigPath))
-        createFile(m_userConfigPath, {File::Regular, 0, 0, 0, 0, QString()});
-    if (!changeOwner(m_userConfigPath, m_uid, m_gid)) {
-        m_situations << QStringLiteral("user's file refused");
-        return false;
+    const File present = m_files.value(m_userConfigPath);
+    if (present.type != File::Regular || present.owner != m_uid) {
+        if (present.type != File::None) {
+            m_situations << QStringLiteral("user's file put aside");
+            removeFile(m_userConfigPath);
+        }
+        createFile(m_userConfigPath, {File::Regular, 0, 0, m_uid, m_gid, QString()});
     }
+    changeGroup(m_userConfigPath, m_uid, m_gid);
     const QString count = option(m_currentUid, attempts).text;
     watchAnew(m_userConfigPath);
     startProcess();
@@ -878,11 +897,13 @@ void Model::startSession(uint user, bool manageClient)
         return;
     if (!m_sharedDirectory.isEmpty())
         watch(shared);
-    if (m_packagedPolicy)
-        syncPolicy(packaged, false);
-    if (exists(policy)) {
+    if (m_packagedPolicy && !methodSettingsStored())
+        takePackagedLimit();
+    if (policyCounts(m_running ? m_uid : user)) {
         watchAnew(policy);
-        syncPolicy(policy, true);
+        takeLimit();
+    } else if (exists(policy)) {
+        m_situations << QStringLiteral("policy of another user at a session's start");
     }
     if (!manageClient)
         return;
@@ -957,8 +978,8 @@ void Model::fileChanged(const QString &path)
 {
     if (path == m_userConfigPath && m_uid != 0)
         setOption(m_uid, attempts, childAttempts());
-    else if (path == policy)
-        syncPolicy(policy, true);
+    else if (path == policy && (!exists(policy) || policyCounts(m_uid)))
+        takeLimit();
 }
 
 void Model::socketDirectoryChanged()
@@ -991,13 +1012,19 @@ void Model::socketDirectoryChanged()
 void Model::sharedDirectoryChanged()
 {
     if (m_uid != 0 && !m_userConfigPath.isEmpty() && exists(m_userConfigPath)) {
-        changeOwner(m_userConfigPath, m_uid, m_gid);
+        if (!changeGroup(m_userConfigPath, m_uid, m_gid) && !m_refusalTold) {
+            m_refusalTold = true;
+            ++m_refused;
+            m_situations << QStringLiteral("user's file refused");
+        }
         watchAnew(m_userConfigPath);
         setOption(m_uid, attempts, childAttempts());
     }
-    if (exists(policy)) {
+    if (policyCounts(m_uid)) {
         watchAnew(policy);
-        syncPolicy(policy, true);
+        takeLimit();
+    } else if (exists(policy)) {
+        m_situations << QStringLiteral("policy of another user while watching");
     }
 }
 
@@ -1041,6 +1068,78 @@ void Model::watchAnew(const QString &path)
     watch(path);
 }
 
+// --- Passing from user to user --------------------------------------------------------------------------------------
+
+/// What a former user has left goes aside as a whole and comes back in that user's next turn. What is root's or the
+/// next user's stays in place, unless the next user's directory comes back with something of that name.
+void Model::passClientDirectory()
+{
+    const uint former = m_clientDirectory.owner;
+    m_clientDirectory = {m_uid, m_gid};
+    if (former == 0 || former == m_uid) {
+        noteDirectory(clientDirectory);
+        return;
+    }
+    m_situations << QStringLiteral("client directory passed on");
+    Socket present = m_socketsAside.take(m_uid);
+    if (present.exists)
+        m_situations << QStringLiteral("socket brought back");
+    if (!present.exists && (m_socket.owner == 0 || m_socket.owner == m_uid))
+        std::swap(present, m_socket);
+    m_socketsAside.insert(former, m_socket);
+    m_socket = present;
+    watchAnew(clientDirectory);
+    unwatch(policy);
+}
+
+/// Whether it was another user's.
+bool Model::passSharedDirectory()
+{
+    if (!m_sharedExists)
+        m_shared = {};
+    m_sharedExists = true;
+    const uint former = m_shared.owner;
+    m_shared = {m_uid, m_gid};
+    if (former == 0 || former == m_uid) {
+        noteDirectory(shared);
+        return false;
+    }
+    m_situations << QStringLiteral("shared directory passed on");
+    QMap<QString, File> present = m_filesAside.take(m_uid);
+    if (!present.isEmpty())
+        m_situations << QStringLiteral("files brought back");
+    QMap<QString, File> &aside = m_filesAside[former];
+    for (auto left = m_files.cbegin(); left != m_files.cend(); ++left) {
+        File file = left.value();
+        if ((file.owner != 0 && file.owner != m_uid) || present.contains(left.key())) {
+            aside.insert(left.key(), file);
+            continue;
+        }
+        // The watch of a file ends when that is moved. That of a directory does not, nor that of what a link leads to.
+        const bool isFollowed = file.type == File::Planted && (file.plant == SymbolicLink || file.plant == Directory);
+        if (!isFollowed) {
+            m_goneInodes << file.inode;
+            if (m_watches.value(left.key(), -1) == file.inode)
+                m_changedFiles << left.key();
+            file.inode = ++m_lastInode;
+        }
+        present.insert(left.key(), file);
+    }
+    m_files = present;
+    watchAnew(shared);
+    unwatch(policy);
+    return true;
+}
+
+/// All sockets at which the same process listens are one.
+void Model::giveSockets(uint peer, uint owner)
+{
+    for (Socket &socket : m_socketsAside) {
+        if (socket.exists && socket.isSocket && socket.peer == peer)
+            socket.owner = owner;
+    }
+}
+
 // --- Settings -------------------------------------------------------------------------------------------------------
 
 Model::Value Model::option(uint user, const QString &name) const
@@ -1053,6 +1152,8 @@ Model::Value Model::option(uint user, const QString &name) const
 
 void Model::setOption(uint user, const QString &name, const Value &value)
 {
+    if (m_options.contains({user, name}) && option(user, name).rendered() == value.rendered())
+        return;
     m_options.insert({user, name}, value);
     QStringList &told = m_optionsTold[{user, name}];
     if (told.isEmpty() || told.last() != value.rendered())
@@ -1063,24 +1164,36 @@ void Model::setOption(uint user, const QString &name, const Value &value)
 Model::Value Model::childAttempts() const
 {
     const File file = m_files.value(m_userConfigPath);
-    return exists(m_userConfigPath) && file.type == File::Regular && !file.value.isNull() ? text(file.value)
-                                                                                          : integer(0);
+    const bool doesCount = file.type == File::Regular && (file.owner == 0 || file.owner == m_uid);
+    return exists(m_userConfigPath) && doesCount && !file.value.isNull() ? text(file.value) : integer(0);
 }
 
-void Model::syncPolicy(const QString &path, bool force)
+/// It may be the user's or root's.
+bool Model::policyCounts(uint user) const
 {
-    const auto isStored = [this] {
-        // What belongs to no user comes first.
-        return !m_options.isEmpty() && m_options.firstKey().first == 0;
-    };
-    if (!force && isStored())
-        return;
-    QString value;
-    if (path == packaged)
-        value = *m_packagedPolicy;
-    else if (exists(path) && m_files.value(path).type == File::Regular)
-        value = m_files.value(path).value;
-    setOption(0, maxAttempts, value.isNull() ? integer(0) : text(value));
+    const uint owner = m_files.value(policy).owner;
+    return exists(policy) && (owner == 0 || owner == user);
+}
+
+/// From the current policy; one that is gone or cannot be read sets none.
+void Model::takeLimit()
+{
+    m_limitIsUsers = true;
+    const File file = m_files.value(policy);
+    const bool isReadable = exists(policy) && file.type == File::Regular && !file.value.isNull();
+    setOption(0, maxAttempts, isReadable ? text(file.value) : integer(0));
+}
+
+void Model::takePackagedLimit()
+{
+    m_limitIsUsers = false;
+    setOption(0, maxAttempts, m_packagedPolicy->isNull() ? integer(0) : text(*m_packagedPolicy));
+}
+
+bool Model::methodSettingsStored() const
+{
+    // What belongs to no user comes first.
+    return !m_options.isEmpty() && m_options.firstKey().first == 0;
 }
 
 int Model::increaseAttempts(uint user)
@@ -1162,16 +1275,14 @@ void Model::writeFile(const QString &path, const QString &value)
     noteFile(path);
 }
 
-bool Model::changeOwner(const QString &path, uint owner, uint group)
+/// Of a file of `owner`; that of anybody else would be given away.
+bool Model::changeGroup(const QString &path, uint owner, uint group)
 {
     File &file = m_files[path];
-    if (file.type != File::Regular)
+    if (file.type != File::Regular || file.owner != owner)
         return false;
-    if (file.owner == owner && file.group == group)
+    if (file.group == group)
         return true;
-    if (file.owner != owner && file.owner != 0)
-        return false;
-    file.owner = owner;
     file.group = group;
     noteFile(path);
     noteDirectory(shared);
@@ -1261,6 +1372,8 @@ Observation Model::observation() const
         {QStringLiteral("launches"), m_launches.join(QLatin1Char(' '))},
         {QStringLiteral("user of the process"), m_process == NotRunning ? QString() : QString::number(m_clientUid)},
         {QStringLiteral("replies dropped"), QString::number(m_dropped)},
+        {QStringLiteral("user's files refused"), QString::number(m_refused)},
+        {QStringLiteral("files"), files().join(QLatin1Char(' '))},
         {QStringLiteral("told"), m_told.join(QStringLiteral(", "))},
         {QStringLiteral("certs told"), m_certsTold.join(QLatin1Char(' '))},
         {QStringLiteral("calls"), m_calls.join(QLatin1Char(' '))},
@@ -1271,6 +1384,45 @@ Observation Model::observation() const
     for (auto told = m_optionsTold.cbegin(); told != m_optionsTold.cend(); ++told)
         seen.insert(QStringLiteral("told %1 %2").arg(told.key().first).arg(told.key().second),
                     told.value().join(QStringLiteral(", ")));
+    return seen;
+}
+
+/// What there is below the directories that pass from user to user.
+QStringList Model::files() const
+{
+    QStringList seen;
+    const auto see = [&seen](const QString &path, const QString &type, uint owner, uint group, const QString &value) {
+        seen << QStringLiteral("%1=%2:%3:%4:%5").arg(path, type).arg(owner).arg(group).arg(value);
+    };
+    const auto seeSocket = [&seen](const QString &directory, const Socket &socket) {
+        if (socket.exists)
+            seen << QStringLiteral("%1/%2=%3").arg(directory, socketName).arg(socket.owner);
+    };
+    const auto seeFiles = [&see](const QString &suffix, const QMap<QString, File> &files) {
+        static const QStringList plants = {QStringLiteral("link"), QStringLiteral("hard link"), QStringLiteral("FIFO"),
+                                           QStringLiteral("directory")};
+        for (auto file = files.cbegin(); file != files.cend(); ++file) {
+            const QString path = shared + suffix + file.key().mid(shared.size());
+            if (file->type == File::Regular)
+                see(path, QStringLiteral("file"), file->owner, file->group, file->value);
+            else
+                see(path, plants.at(file->plant), 0, 0, QString());
+        }
+    };
+    const QString none;
+    if (!m_clientDirectoryAway) {
+        see(clientDirectory, QStringLiteral("directory"), m_clientDirectory.owner, m_clientDirectory.group, none);
+        seeSocket(clientDirectory, m_socket);
+    }
+    for (auto aside = m_socketsAside.cbegin(); aside != m_socketsAside.cend(); ++aside)
+        seeSocket(clientDirectory + QLatin1Char('.') + QString::number(aside.key()), aside.value());
+    if (sharedThere()) {
+        see(shared, QStringLiteral("directory"), m_shared.owner, m_shared.group, none);
+        seeFiles(none, m_files);
+        for (auto aside = m_filesAside.cbegin(); aside != m_filesAside.cend(); ++aside)
+            seeFiles(QLatin1Char('.') + QString::number(aside.key()), aside.value());
+    }
+    seen.sort();
     return seen;
 }
 

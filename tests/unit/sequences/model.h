@@ -88,6 +88,12 @@ private:
         uint owner = 0;
         uint peer = nobody;
     };
+    /// Of a directory that passes from user to user.
+    struct Ownership
+    {
+        uint owner = 0;
+        uint group = 0;
+    };
     struct Value
     {
         QString type;
@@ -151,11 +157,19 @@ private:
     void unwatch(const QString &path);
     void watchAnew(const QString &path);
 
+    // Passing from user to user
+    void passClientDirectory();
+    bool passSharedDirectory();
+    void giveSockets(uint peer, uint owner);
+
     // Settings
     Value option(uint user, const QString &name) const;
     void setOption(uint user, const QString &name, const Value &value);
     Value childAttempts() const;
-    void syncPolicy(const QString &path, bool force);
+    bool policyCounts(uint user) const;
+    void takeLimit();
+    void takePackagedLimit();
+    bool methodSettingsStored() const;
     int increaseAttempts(uint user);
     void tell(const QString &text);
 
@@ -167,8 +181,10 @@ private:
     void createFile(const QString &path, const File &file);
     void removeFile(const QString &path);
     void writeFile(const QString &path, const QString &value);
-    bool changeOwner(const QString &path, uint owner, uint group);
+    bool changeGroup(const QString &path, uint owner, uint group);
     void put(const QString &path, const File &file);
+
+    QStringList files() const;
 
     static bool isKnown(uint user);
     static QString home(uint user);
@@ -186,9 +202,13 @@ private:
     bool m_clientDirectoryAway = false;
     bool m_sharedExists = false;
     bool m_sharedBlocked = false;
+    Ownership m_clientDirectory;
+    Ownership m_shared;
     Socket m_socket;
+    QMap<uint, Socket> m_socketsAside; ///< By the user whose turn is over.
     QSet<uint> m_markers;
     QMap<QString, File> m_files;
+    QMap<uint, QMap<QString, File>> m_filesAside; ///< By the user whose turn is over.
     std::optional<QString> m_packagedPolicy;
     int m_lastInode = 0;
     QSet<int> m_goneInodes;
@@ -232,6 +252,8 @@ private:
     QString m_sharedDirectory;
     QString m_userConfigPath;
     QString m_homeDirectory;
+    bool m_limitIsUsers = false; ///< The limit came from a current policy, or from the end of one.
+    bool m_refusalTold = false;
     bool m_organizationKnown = false;
     bool m_commandKnown = false;
     bool m_manifestExists = false;
@@ -243,6 +265,7 @@ private:
     int m_credentials = 0;
     QStringList m_told;
     int m_dropped = 0; ///< Replies.
+    int m_refused = 0; ///< Warnings that the user's file is somebody else's.
     QStringList m_certsTold;
     QMap<OptionKey, QStringList> m_optionsTold;
     QStringList m_calls;

@@ -195,9 +195,9 @@ void System::prepareDevice()
     originalGroups = TestDevice::readFile(groupFile);
 }
 
-System::System(const Setup &setup, Peer &peer, const std::atomic<int> &repliesDropped)
+System::System(const Setup &setup, Peer &peer, const Logged &logged)
     : m_peer(peer)
-    , m_repliesDropped(repliesDropped)
+    , m_logged(logged)
     , m_manifestIsLink(setup.manifestIsLink)
 {
     for (const QString &directory : {QStringLiteral("/run/aux-auth/tarsk"), QStringLiteral("/srv/shared"),
@@ -769,7 +769,9 @@ Observation System::observation()
         {QStringLiteral("user of the process"),
          child.state() == QProcess::NotRunning ? QString() : QString::number(child.clientUid)},
         {QStringLiteral("connected"), flag(m_private->guard.isOpen() && m_private->connection.isConnected())},
-        {QStringLiteral("replies dropped"), QString::number(m_repliesDropped)},
+        {QStringLiteral("replies dropped"), QString::number(m_logged.repliesDropped)},
+        {QStringLiteral("user's files refused"), QString::number(m_logged.filesRefused)},
+        {QStringLiteral("files"), files().join(QLatin1Char(' '))},
         {QStringLiteral("watched"), watched.join(QLatin1Char(' '))},
         {QStringLiteral("launches"), m_launches.join(QLatin1Char(' '))},
         {QStringLiteral("told"), m_told.join(QStringLiteral(", "))},
@@ -782,6 +784,46 @@ Observation System::observation()
     for (auto told = m_optionsTold.cbegin(); told != m_optionsTold.cend(); ++told)
         seen.insert(QStringLiteral("told %1 %2").arg(told.key().first).arg(told.key().second),
                     told.value().join(QStringLiteral(", ")));
+    return seen;
+}
+
+QStringList System::files()
+{
+    QStringList seen;
+    const auto see = [&seen](const QString &path) {
+        struct stat status;
+        if (lstat(name(path), &status) == -1)
+            return;
+        const bool isLinked = S_ISREG(status.st_mode) && status.st_nlink > 1;
+        const bool isFile = S_ISREG(status.st_mode) && !isLinked;
+        QString type = S_ISLNK(status.st_mode)    ? QStringLiteral("link")
+                       : S_ISFIFO(status.st_mode) ? QStringLiteral("FIFO")
+                       : S_ISDIR(status.st_mode)  ? QStringLiteral("directory")
+                       : isLinked                 ? QStringLiteral("hard link")
+                                                  : QStringLiteral("file");
+        if (isFile && (status.st_mode & 07777) != 0600)
+            type += QStringLiteral(" for others");
+        QString value;
+        const QList<QByteArray> lines = isFile ? TestDevice::readFile(path).split('\n') : QList<QByteArray>();
+        for (const QByteArray &line : lines) {
+            if (line.startsWith("attempts=") || line.startsWith("max-attempts="))
+                value = QString::fromUtf8(line.mid(line.indexOf('=') + 1));
+        }
+        seen << QStringLiteral("%1=%2:%3:%4:%5").arg(path, type).arg(status.st_uid).arg(status.st_gid).arg(value);
+    };
+    see(TestDevice::clientDirectory);
+    see(TestDevice::sharedDirectory);
+    for (const QString &suffix :
+         {QString(), QStringLiteral(".1000"), QStringLiteral(".1001"), QStringLiteral(".1002")}) {
+        struct stat status;
+        const QString socket =
+            TestDevice::clientDirectory + suffix + TestDevice::socketPath.mid(TestDevice::clientDirectory.size());
+        if (lstat(name(socket), &status) == 0)
+            seen << QStringLiteral("%1=%2").arg(socket).arg(status.st_uid);
+        for (const char *file : {"current", "0", "1000", "1001", "1002", "4242"})
+            see(QStringLiteral("%1%2/%3.conf").arg(TestDevice::sharedDirectory, suffix, QLatin1String(file)));
+    }
+    seen.sort();
     return seen;
 }
 

@@ -26,8 +26,15 @@ namespace Sequences {
 class System
 {
 public:
-    /// Lays out the device and makes the method. `repliesDropped` counts what the method logs of them.
-    System(const Setup &setup, Peer &peer, const std::atomic<int> &repliesDropped);
+    /// What the method tells of nothing but its log.
+    struct Logged
+    {
+        std::atomic<int> repliesDropped{0};
+        std::atomic<int> filesRefused{0};
+    };
+
+    /// Lays out the device and makes the method.
+    System(const Setup &setup, Peer &peer, const Logged &logged);
     ~System();
 
     /// To be called once before the first object is made.
@@ -54,6 +61,7 @@ private:
     QString differences(const Model &model, bool arrivals);
     QString broken();
     void lookForSocket();
+    static QStringList files();
     Observation observation();
     Observation options();
 
@@ -76,7 +84,7 @@ private:
     };
 
     Peer &m_peer;
-    const std::atomic<int> &m_repliesDropped;
+    const Logged &m_logged;
     RecordingDaemon m_daemon;
     std::unique_ptr<MethodKavet> m_method;
     MethodKavetPrivate *m_private = nullptr;
