@@ -87,40 +87,39 @@ bool MethodKavetPrivate::launchChild()
 bool MethodKavetPrivate::prepareEnvironment()
 {
     const bool limitIsUsers = m_limitIsUsers || QFileInfo::exists(Constants::currentPolicyFile);
-    bool passed = false;
-    const auto pass = [this, &passed](const QString &directory) {
+    const auto pass = [this](const QString &directory) {
         const HandOver result = handOver(directory, child.uid, child.gid);
         if (result == HandOver::Replaced) {
-            passed = true;
             watchAnew(directory);
             // What the former user does to files put aside must not look like a change of those in their place.
             watcher.removePath(Constants::currentPolicyFile);
         }
-        return result != HandOver::Failed;
+        return result;
     };
 
-    if (!pass(Constants::clientDirectory)) {
+    if (pass(Constants::clientDirectory) == HandOver::Failed) {
         qCCritical(kavet) << "Cannot change owner of directory";
         return false;
     }
 
     const QStringList directories = {Constants::sharedRoot + QLatin1Char('/') + child.orgName + QLatin1Char('/')
                                      + child.appName};
+    bool wasAnothers = false;
     for (const QString &directory : directories) {
         if (!QDir().mkpath(directory)) {
             qCWarning(kavet) << "Cannot create directory";
             return false;
         }
-        if (!pass(directory)) {
+        const HandOver result = pass(directory);
+        if (result == HandOver::Failed) {
             qCCritical(kavet) << "Cannot change owner of directory.";
             return false;
         }
+        wasAnothers = wasAnothers || result == HandOver::Replaced;
     }
 
     // The limit in force is another user's. It must neither lock this user out nor leave this user unprotected.
-    if (passed && limitIsUsers && !currentPolicyOf(child.uid) && QFileInfo::exists(Constants::packagedPolicyFile)) {
-        m_limitIsUsers = false;
+    if (wasAnothers && limitIsUsers && !currentPolicyOf(child.uid) && QFileInfo::exists(Constants::packagedPolicyFile))
         syncPolicy(Constants::packagedPolicyFile, true);
-    }
     return true;
 }

@@ -22,6 +22,7 @@ void MethodKavetPrivate::syncPolicy(const QString &path, bool force)
         takeLimit(PinnedFile(path));
         return;
     }
+    m_limitIsUsers = false;
     QVariant value = 0;
     if (QFileInfo(path).isFile()) // Opening a FIFO would wait for its other end.
         value = QSettings(path, QSettings::NativeFormat).value(Constants::maxAttempts, value);

@@ -960,6 +960,24 @@ void TstLaunch::limitIsRoots()
     f.d->child.uid = bob;
     QVERIFY(f.d->prepareEnvironment());
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
+
+    // Nor does a policy count that lies where nobody else has had a turn.
+    QVERIFY(setOwner(sharedDirectory, 0, 0));
+    QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("0")));
+    QVERIFY(setOwner(currentPolicy, bob, bob));
+    f.d->child.uid = alice;
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
+    QVERIFY(QFile::remove(currentPolicy));
+
+    // Once the packaged limit has followed a user's, the limit in force is no user's.
+    f.d->handleChildFileChanged(currentPolicy);
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(0));
+    f.d->syncPolicy(packagedPolicy, true);
+    QVERIFY(f.method.setOptionInternal(0, maxAttempts, 3));
+    f.d->child.uid = bob;
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
 }
 
 void TstLaunch::alreadyPutAside()
