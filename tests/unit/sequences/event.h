@@ -35,9 +35,9 @@ enum class Kind {
     CreateMarker, // user
     RemoveMarker, // user
     TouchHome, // user
-    WritePolicy, // variant = value
-    ReplacePolicy, // variant = value
-    PlantPolicy, // variant = Plant
+    WritePolicy, // user, variant = value
+    ReplacePolicy, // user, variant = value
+    PlantPolicy, // user, variant = Plant
     RemovePolicy,
     WriteUserFile, // user, variant = value
     ReplaceUserFile, // user, variant = value

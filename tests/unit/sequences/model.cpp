@@ -289,13 +289,13 @@ void Model::act(const Event &event)
         noteDirectory(home(event.user));
         break;
     case Kind::WritePolicy:
-        write(policy, alice, limits.at(event.variant % limits.size()));
+        write(policy, event.user, limits.at(event.variant % limits.size()));
         break;
     case Kind::ReplacePolicy:
-        replace(policy, alice, limits.at(event.variant % limits.size()));
+        replace(policy, event.user, limits.at(event.variant % limits.size()));
         break;
     case Kind::PlantPolicy:
-        plant(policy, bob);
+        plant(policy, other);
         break;
     case Kind::RemovePolicy:
         removeFile(policy);

@@ -293,6 +293,7 @@ void System::act(const Event &event, const Model &before)
     const QString &limit = limits.at(event.variant % limits.size());
     const QString &count = counts.at(event.variant % counts.size());
     const QString userFile = before.userFile(event.user);
+    const uint other = event.user == bob ? alice : bob;
     const auto writeFile = [](const QString &path, const QByteArray &content, uint owner, uint ownerGroup) {
         struct stat status;
         if (lstat(name(path), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1) {
@@ -303,9 +304,9 @@ void System::act(const Event &event, const Model &before)
         write(path, content, owner, ownerGroup, 0600);
     };
     const auto replaceFile = [](const QString &path, const QByteArray &content, uint owner, uint ownerGroup) {
-        const QString other = outsideDirectory + QStringLiteral("/new");
-        write(other, content, owner, ownerGroup, 0600);
-        need(rename(name(other), name(path)) == 0, "replace a file");
+        const QString next = outsideDirectory + QStringLiteral("/new");
+        write(next, content, owner, ownerGroup, 0600);
+        need(rename(name(next), name(path)) == 0, "replace a file");
     };
     const auto touchDirectory = [](const QString &directory) {
         const QString file = directory + QStringLiteral("/touched");
@@ -412,13 +413,13 @@ void System::act(const Event &event, const Model &before)
         touchDirectory(home(event.user));
         break;
     case Kind::WritePolicy:
-        writeFile(TestDevice::currentPolicy, settings(QStringLiteral("max-attempts"), limit), alice, group);
+        writeFile(TestDevice::currentPolicy, settings(QStringLiteral("max-attempts"), limit), event.user, group);
         break;
     case Kind::ReplacePolicy:
-        replaceFile(TestDevice::currentPolicy, settings(QStringLiteral("max-attempts"), limit), alice, group);
+        replaceFile(TestDevice::currentPolicy, settings(QStringLiteral("max-attempts"), limit), event.user, group);
         break;
     case Kind::PlantPolicy:
-        plantFile(TestDevice::currentPolicy, event.variant, bob);
+        plantFile(TestDevice::currentPolicy, event.variant, other);
         break;
     case Kind::RemovePolicy:
         remove(TestDevice::currentPolicy);
@@ -430,7 +431,7 @@ void System::act(const Event &event, const Model &before)
         replaceFile(userFile, settings(QStringLiteral("attempts"), count), event.user, group);
         break;
     case Kind::PlantUserFile:
-        plantFile(userFile, event.variant, event.user == bob ? alice : bob);
+        plantFile(userFile, event.variant, other);
         break;
     case Kind::RemoveUserFile:
         remove(userFile);
