@@ -377,9 +377,16 @@ void System::act(const Event &event, const Model &before)
     case Kind::TouchClientDirectory:
         touchDirectory(TestDevice::clientDirectory);
         break;
-    case Kind::DropLink:
-        m_peer.drop();
+    case Kind::DropLink: {
+        // A new link may still be on its way to the other end, which only then can close it.
+        QElapsedTimer waiting;
+        waiting.start();
+        do {
+            m_peer.drop();
+            QCoreApplication::processEvents();
+        } while (m_private->guard.isOpen() && waiting.elapsed() < patience);
         break;
+    }
     case Kind::Reply: {
         const QStringList held = before.heldCalls();
         const QString &credential = held.at(event.variant % held.size());
