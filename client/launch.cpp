@@ -54,7 +54,7 @@ bool MethodKavetPrivate::launchChild()
         return false;
 
     watcher.addPath(child.sharedDirectory);
-    if (auto policy = currentPolicyOf(child.uid)) {
+    if (auto policy = policyToFollow(child.uid)) {
         takeLimit(std::move(*policy));
         watchAnew(Constants::currentPolicyFile);
     }

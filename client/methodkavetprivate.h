@@ -135,6 +135,7 @@ private:
     void awaitAnswer(const char *method, const QDBusPendingCall &call);
     void failRequest(const char *method, const QDBusError &error);
     std::optional<PinnedFile> currentPolicyOf(uint user) const;
+    std::optional<PinnedFile> policyToFollow(uint user);
     void takeLimit(PinnedFile policy);
 
     bool m_refusedUserFile = false; ///< Since the last launch.

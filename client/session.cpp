@@ -31,7 +31,7 @@ void MethodKavetPrivate::handleUserSessionStarted(uint uid, bool manageClient)
         watcher.addPath(child.sharedDirectory);
     if (QFileInfo::exists(Constants::packagedPolicyFile))
         syncPolicy(Constants::packagedPolicyFile, false);
-    if (auto policy = currentPolicyOf(child.clientRunning ? child.uid : uid)) {
+    if (auto policy = policyToFollow(child.clientRunning ? child.uid : uid)) {
         watchAnew(Constants::currentPolicyFile);
         takeLimit(std::move(*policy));
     }

@@ -80,7 +80,7 @@ void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
         q->setOptionInternal(child.uid, Constants::attempts, getChildAttempts());
     }
 
-    if (auto policy = currentPolicyOf(child.uid)) {
+    if (auto policy = policyToFollow(child.uid)) {
         watchAnew(Constants::currentPolicyFile);
         takeLimit(std::move(*policy));
     }

@@ -39,6 +39,15 @@ std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
     return policy;
 }
 
+// One that was followed before may be, or have become, somebody else's. The end of one is still to be told.
+std::optional<PinnedFile> MethodKavetPrivate::policyToFollow(uint user)
+{
+    auto policy = currentPolicyOf(user);
+    if (!policy && QFileInfo::exists(Constants::currentPolicyFile))
+        watcher.removePath(Constants::currentPolicyFile);
+    return policy;
+}
+
 void MethodKavetPrivate::takeLimit(PinnedFile policy)
 {
     m_limitIsUsers = true;

@@ -655,6 +655,9 @@ private Q_SLOTS:
             method.handleUserSessionTriggered(TestDevice::alice, true, false);
             QCOMPARE(daemon.calls, Calls{stored(text("1"))});
             QCOMPARE(d->watcher.files(), QStringList{TestDevice::currentPolicy});
+            // Followed for her, it is not followed for him.
+            method.handleUserSessionTriggered(TestDevice::bob, true, false);
+            QCOMPARE(d->watcher.files(), QStringList());
             d->child.clientRunning = true;
             d->child.uid = TestDevice::alice;
             QVERIFY(alices("2"));

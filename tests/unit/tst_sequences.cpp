@@ -369,6 +369,7 @@ void TstSequences::sequencesReachEverything()
                                   "outcome 14",
                                   "packaged limit for the next user",
                                   "partition locked",
+                                  "policy no longer watched",
                                   "policy of another user at a launch",
                                   "policy of another user at a session's start",
                                   "policy of another user while watching",

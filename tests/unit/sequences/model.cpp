@@ -739,12 +739,8 @@ bool Model::launch()
     }
 
     watch(shared);
-    if (policyCounts(m_uid)) {
-        takeLimit();
-        watchAnew(policy);
-    } else if (exists(policy)) {
+    if (!followPolicy(m_uid))
         m_situations << QStringLiteral("policy of another user at a launch");
-    }
     m_userConfigPath = userFile(m_currentUid);
     const File present = m_files.value(m_userConfigPath);
     if (present.type != File::Regular || present.owner != m_uid) {
@@ -899,12 +895,8 @@ void Model::startSession(uint user, bool manageClient)
         watch(shared);
     if (m_packagedPolicy && !methodSettingsStored())
         takePackagedLimit();
-    if (policyCounts(m_running ? m_uid : user)) {
-        watchAnew(policy);
-        takeLimit();
-    } else if (exists(policy)) {
+    if (!followPolicy(m_running ? m_uid : user))
         m_situations << QStringLiteral("policy of another user at a session's start");
-    }
     if (!manageClient)
         return;
     if (m_running) {
@@ -1020,12 +1012,8 @@ void Model::sharedDirectoryChanged()
         watchAnew(m_userConfigPath);
         setOption(m_uid, attempts, childAttempts());
     }
-    if (policyCounts(m_uid)) {
-        watchAnew(policy);
-        takeLimit();
-    } else if (exists(policy)) {
+    if (!followPolicy(m_uid))
         m_situations << QStringLiteral("policy of another user while watching");
-    }
 }
 
 void Model::homeChanged()
@@ -1173,6 +1161,22 @@ bool Model::policyCounts(uint user) const
 {
     const uint owner = m_files.value(policy).owner;
     return exists(policy) && (owner == 0 || owner == user);
+}
+
+/// False when there is one and it does not count; it is not watched from then on.
+bool Model::followPolicy(uint user)
+{
+    if (!exists(policy))
+        return true;
+    if (!policyCounts(user)) {
+        if (m_watches.contains(policy))
+            m_situations << QStringLiteral("policy no longer watched");
+        unwatch(policy);
+        return false;
+    }
+    watchAnew(policy);
+    takeLimit();
+    return true;
 }
 
 /// From the current policy; one that is gone or cannot be read sets none.

@@ -167,6 +167,7 @@ private:
     void setOption(uint user, const QString &name, const Value &value);
     Value childAttempts() const;
     bool policyCounts(uint user) const;
+    bool followPolicy(uint user);
     void takeLimit();
     void takePackagedLimit();
     bool methodSettingsStored() const;
