@@ -37,11 +37,11 @@ enum class Kind {
     TouchHome, // user
     WritePolicy, // user, variant = value
     ReplacePolicy, // user, variant = value
-    PlantPolicy, // user, variant = Plant
+    PlantPolicy, // user, variant = Plant, flag = the user's own and not root's
     RemovePolicy,
     WriteUserFile, // user, variant = value
     ReplaceUserFile, // user, variant = value
-    PlantUserFile, // user, variant = Plant
+    PlantUserFile, // user, variant = Plant, flag = the user's own and not root's
     RemoveUserFile, // user
     TouchSharedDirectory,
     WritePackagedPolicy, // variant = value

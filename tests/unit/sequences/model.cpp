@@ -179,13 +179,14 @@ void Model::apply(const Event &event)
 
 void Model::act(const Event &event)
 {
-    const auto plant = [this, &event](const QString &path, uint other) {
+    const uint planter = event.flag ? event.user : 0;
+    const auto plant = [this, &event, planter](const QString &path, uint other) {
         if (m_files.contains(path))
             removeFile(path);
         if (event.variant == FileOfOther)
             createFile(path, {File::Regular, 0, 0, other, other, QStringLiteral("5")});
         else
-            createFile(path, {File::Planted, event.variant, 0, 0, 0, QString()});
+            createFile(path, {File::Planted, event.variant, 0, planter, planter, QString()});
     };
     const uint group = m_group == Normal ? clientGroup : 0;
     const auto write = [this, group](const QString &path, uint owner, const QString &value) {
@@ -1410,7 +1411,7 @@ QStringList Model::files() const
             if (file->type == File::Regular)
                 see(path, QStringLiteral("file"), file->owner, file->group, file->value);
             else
-                see(path, plants.at(file->plant), 0, 0, QString());
+                see(path, plants.at(file->plant), file->owner, file->group, QString());
         }
     };
     const QString none;

@@ -294,6 +294,7 @@ void System::act(const Event &event, const Model &before)
     const QString &count = counts.at(event.variant % counts.size());
     const QString userFile = before.userFile(event.user);
     const uint other = event.user == bob ? alice : bob;
+    const uint planter = event.flag ? event.user : 0;
     const auto writeFile = [](const QString &path, const QByteArray &content, uint owner, uint ownerGroup) {
         struct stat status;
         if (lstat(name(path), &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink == 1) {
@@ -426,7 +427,7 @@ void System::act(const Event &event, const Model &before)
         replaceFile(TestDevice::currentPolicy, settings(QStringLiteral("max-attempts"), limit), event.user, group);
         break;
     case Kind::PlantPolicy:
-        plantFile(TestDevice::currentPolicy, event.variant, other);
+        plantFile(TestDevice::currentPolicy, event.variant, planter, other);
         break;
     case Kind::RemovePolicy:
         remove(TestDevice::currentPolicy);
@@ -438,7 +439,7 @@ void System::act(const Event &event, const Model &before)
         replaceFile(userFile, settings(QStringLiteral("attempts"), count), event.user, group);
         break;
     case Kind::PlantUserFile:
-        plantFile(userFile, event.variant, other);
+        plantFile(userFile, event.variant, planter, other);
         break;
     case Kind::RemoveUserFile:
         remove(userFile);
@@ -868,7 +869,7 @@ void System::putManifest(int manifest)
     write(path, content, 0, 0, 0644);
 }
 
-void System::plantFile(const QString &path, int plant, uint other)
+void System::plantFile(const QString &path, int plant, uint planter, uint other)
 {
     const QString outside = QStringLiteral("%1/%2").arg(outsideDirectory).arg(m_outside.size());
     remove(path);
@@ -878,13 +879,14 @@ void System::plantFile(const QString &path, int plant, uint other)
         write(outside, settings(QStringLiteral("attempts"), QStringLiteral("666")), 0, 0, 0640);
         need((plant == SymbolicLink ? symlink(name(outside), name(path)) : link(name(outside), name(path))) == 0,
              "plant a link");
+        need(TestDevice::setOwner(path, planter, planter), "give a link away");
         m_outside.append({outside, stateOf(outside)});
         break;
     case Fifo:
-        need(mkfifo(name(path), 0600) == 0, "plant a FIFO");
+        need(mkfifo(name(path), 0600) == 0 && TestDevice::setOwner(path, planter, planter), "plant a FIFO");
         break;
     case Directory:
-        need(mkdir(name(path), 0700) == 0, "plant a directory");
+        need(mkdir(name(path), 0700) == 0 && TestDevice::setOwner(path, planter, planter), "plant a directory");
         break;
     default:
         write(path,

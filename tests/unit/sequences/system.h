@@ -66,7 +66,7 @@ private:
     Observation options();
 
     void putManifest(int manifest);
-    void plantFile(const QString &path, int plant, uint other);
+    void plantFile(const QString &path, int plant, uint planter, uint other);
     void plantSocket(int choice, uint owner, uint peer);
     void writePackagedPolicy(const QString &value);
     void setLauncher(int launcher);
