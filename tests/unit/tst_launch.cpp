@@ -725,7 +725,7 @@ void TstLaunch::userFileTakenAway()
         if (setgid(alice) == -1 || setuid(alice) == -1)
             _exit(1);
         for (int count = 0;;) {
-            if (rename(name.constData(), (kept + QByteArray::number(count)).constData()) == 0)
+            if (rename(name.constData(), QByteArray(kept).append(QByteArray::number(count)).constData()) == 0)
                 ++count;
         }
     }

@@ -35,7 +35,7 @@ constexpr uint clientGroup = 960;
 const QVariant missing = 7;
 // Nanoseconds. Builds that are made to be looked into are slower.
 #if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__)
-constexpr qint64 timeLimit = 1000000;
+constexpr qint64 timeLimit = 5000000;
 #else
 constexpr qint64 timeLimit = 20000000;
 #endif
