@@ -8,8 +8,10 @@
 #include <appmanifest/manifestentry.h>
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
+#include <csignal>
 #include <cstring>
 #include <iterator>
 
@@ -18,6 +20,8 @@
 #include <unistd.h>
 
 namespace {
+
+constexpr char tracerField[] = "\nTracerPid:";
 
 // For the forked child: a message handler may need locks that another thread held at the moment of the fork, and what
 // it collects ends with the child. Standard error needs no lock and reaches the parent.
@@ -89,6 +93,21 @@ bool ChildProcess::parseManifest()
 
     manifestParsed = true;
     return true;
+}
+
+// The kernel tells a traced process's end to the tracer first, and to the parent only when the tracer has taken note.
+void ChildProcess::killForGood()
+{
+    kill();
+    QFile file(QStringLiteral("/proc/%1/status").arg(processId()));
+    if (!file.open(QIODevice::ReadOnly))
+        return;
+    const QByteArray status = file.readAll();
+    const int begin = status.indexOf(tracerField) + int(std::strlen(tracerField));
+    const pid_t tracer = status.mid(begin, status.indexOf('\n', begin) - begin).trimmed().toInt();
+    const QFileInfo process(QStringLiteral("/proc/%1").arg(tracer));
+    if (tracer > 0 && process.exists() && process.ownerId() != 0)
+        ::kill(tracer, SIGKILL);
 }
 
 // The process class forks with fork(2) for its subclasses, so that the C library's own locks are in order here; nothing

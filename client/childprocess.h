@@ -22,6 +22,10 @@ public:
     /// then it counts as missing. Names that are empty in the manifest do not make it fail.
     bool parseManifest();
 
+    /// Ends the process by SIGKILL, and with it a tracer that would keep its end from being noticed here. The user can
+    /// trace the process until it runs a set-user-ID program; root's debuggers are left alone.
+    void killForGood();
+
     /// User that the client runs as or, while its launch is delayed, the user of the session; 0 for none.
     uint uid = 0;
     /// Group that the client runs as; 0 for none.

@@ -57,4 +57,6 @@ MethodKavetPrivate::~MethodKavetPrivate()
     // A client that still runs is ended by the process object's destructor, whose signals must not reach members that
     // are gone by then.
     child.disconnect(this);
+    if (child.state() != QProcess::NotRunning)
+        child.killForGood(); // The process object's destructor would wait for it.
 }

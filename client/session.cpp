@@ -87,7 +87,7 @@ void MethodKavetPrivate::killChild()
 {
     child.clientUid = 0;
     closeLink();
-    child.kill();
+    child.killForGood();
 }
 
 void MethodKavetPrivate::handleHomeDirectory(const QString &path)

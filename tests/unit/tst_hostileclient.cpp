@@ -12,7 +12,10 @@
 
 #include <algorithm>
 #include <csignal>
+#include <memory>
 
+#include <grp.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -122,6 +125,8 @@ private Q_SLOTS:
     void clientThatNeverStarts();
     void launchedAgainWhileStarting();
     void linkToClientBeingKilled();
+    void tracedClient_data();
+    void tracedClient();
     void loginAfterLogout();
     void delayedLaunchRecorded();
     void swappedSocket();
@@ -477,6 +482,51 @@ void TstHostileClient::linkToClientBeingKilled()
     QVERIFY(fixture.d->certListPending);
     QVERIFY(!fixture.d->certListInFlight);
     QTRY_COMPARE(::kill(process, 0), -1);
+}
+
+void TstHostileClient::tracedClient_data()
+{
+    QTest::addColumn<bool>("stopped"); // the plugin, instead of a request of bob's
+    QTest::newRow("bob's request") << false;
+    QTest::newRow("daemon ends") << true;
+}
+
+// A tracer could keep the end of alice's client to itself for ever.
+void TstHostileClient::tracedClient()
+{
+    QFETCH(bool, stopped);
+    auto fixture = std::make_unique<MethodFixture>();
+    QVERIFY(startAlice(*fixture, {}, success));
+    QTRY_COMPARE(fixture->told(), QVector<Call>{RecordingDaemon::succeeded()});
+    int ready[2] = {};
+    QCOMPARE(pipe(ready), 0);
+    const pid_t process = launchedProcesses().constFirst();
+    const uint group = groupId("auth-factor");
+    const pid_t tracer = fork();
+    if (tracer == 0) {
+        const gid_t groups[] = {groupId("inet")};
+        if (setgroups(1, groups) == 0 && setresgid(group, group, group) == 0 && setresuid(alice, alice, alice) == 0
+            && ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0)
+            (void)!write(ready[1], "x", 1);
+        close(ready[1]);
+        for (;;)
+            pause();
+    }
+    close(ready[1]);
+    char byte = 0;
+    QCOMPARE(read(ready[0], &byte, 1), ssize_t(1));
+    close(ready[0]);
+
+    QElapsedTimer timer;
+    timer.start();
+    if (!stopped)
+        QVERIFY(bobSucceeds(*fixture));
+    else
+        fixture.reset();
+    QVERIFY(timer.elapsed() < 15000); // the process object would wait for 30 s
+    int status = 0;
+    QCOMPARE(waitpid(tracer, &status, 0), tracer);
+    QVERIFY(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
 }
 
 void TstHostileClient::loginAfterLogout()
