@@ -4,6 +4,7 @@
 
 #include <authd/libauthd.h>
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -105,7 +106,7 @@ void TestDevice::reset()
     }
     setScript({});
     QFile::remove(launcher);
-    QFile::copy(QStringLiteral(SCRIPTED_CLIENT), launcher);
+    QFile::copy(QCoreApplication::applicationDirPath() + QStringLiteral("/" SCRIPTED_CLIENT), launcher);
     chmod(QFile::encodeName(launcher).constData(), 0755);
 }
 

@@ -4,6 +4,7 @@
 
 #include "support/testdevice.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -36,7 +37,7 @@ Wiper::~Wiper()
 
 bool Wiper::start()
 {
-    m_process.start(QStringLiteral(FAKE_WIPER), {});
+    m_process.start(QCoreApplication::applicationDirPath() + QStringLiteral("/" FAKE_WIPER), {});
     if (m_process.waitForReadyRead())
         return true;
     qWarning("The wiper does not start: %s", qPrintable(m_process.errorString()));
