@@ -210,7 +210,8 @@ void TstAttemptQueue::secondAttempt()
     const qulonglong third = open(*m_root, alice, "succeed");
     QTRY_VERIFY(isTold(second, QStringLiteral("AttemptGivenUp(1000, puppet, replaced)")));
     QTRY_VERIFY(isTold(third, QStringLiteral("Authenticated(1000, puppet)")));
-    QCOMPARE(told(second).size(), 3);
+    // Pending, given up, idle: the last may be on its way while another connection has its own already.
+    QTRY_COMPARE(told(second).size(), 3);
 }
 
 void TstAttemptQueue::secondAttemptOfAnother()
