@@ -206,11 +206,11 @@ void TstAttemptQueue::secondAttempt()
     QVERIFY(second != first);
     QTRY_COMPARE(told(first).mid(1), (QStringList{QStringLiteral("AttemptGivenUp(1000, puppet, replaced)"),
                                                   QStringLiteral("StateChanged(1000, idle, {})")}));
+    QTRY_COMPARE(told(second).size(), 1); // else it might be replaced before it has begun
     // Root takes everybody's place.
     const qulonglong third = open(*m_root, alice, "succeed");
     QTRY_VERIFY(isTold(second, QStringLiteral("AttemptGivenUp(1000, puppet, replaced)")));
     QTRY_VERIFY(isTold(third, QStringLiteral("Authenticated(1000, puppet)")));
-    // Pending, given up, idle: the last may be on its way while another connection has its own already.
     QTRY_COMPARE(told(second).size(), 3);
 }
 
