@@ -743,7 +743,7 @@ void TstAuthd::sessionStop()
     QCOMPARE(TestDevice::launches().size(), 1);
     QCOMPARE(root.error(QStringLiteral("Cancel"), {attemptOf(root, alice)}),
              serviceError + QStringLiteral("NoAttempt"));
-    QVERIFY(reports.texts.contains(QStringLiteral("AttemptGivenUp(1000, kavet, session-stopped)")));
+    QTRY_VERIFY(reports.texts.contains(QStringLiteral("AttemptGivenUp(1000, kavet, session-stopped)")));
 }
 
 void TstAuthd::sessionStart()
