@@ -38,10 +38,12 @@ QDBusError shortened(const QDBusError &error)
 
 bool isTooLong(const QStringList &certList)
 {
+    if (certList.size() > maximumCertificates)
+        return true;
     int size = 0;
     for (const QString &cert : certList)
         size += cert.toUtf8().size();
-    return certList.size() > maximumCertificates || size > maximumCertListSize;
+    return size > maximumCertListSize;
 }
 
 } // namespace

@@ -22,9 +22,11 @@ namespace {
 
 constexpr int maximumWaiting = 1024 * 1024; ///< Bytes that one side may leave unread.
 constexpr int maximumReceived = 1024 * 1024; ///< Bytes that the client may send for one request.
+constexpr int maximumHandshake = 4 * 1024; ///< Bytes that the client may send before the first message.
 constexpr int chunkSize = 64 * 1024; ///< Bytes carried before the event loop turns to others.
 const QString listenerDirectory = QStringLiteral("/run/kavet-XXXXXX");
 const QString listenerName = QStringLiteral("/link");
+constexpr char handshakeEnd[] = "BEGIN\r\n"; ///< The library's; from there on messages flow.
 
 int makeSocket()
 {
@@ -120,7 +122,9 @@ bool LinkGuard::acceptLibrary()
     if (!m_library.isValid() || peerCredentials(m_library.get()).pid != getpid())
         return fail(EPERM);
 
+    m_handshakeOver = false;
     m_received = 0;
+    m_messages.reset();
     start(m_toClient, m_library, m_client);
     start(m_toLibrary, m_client, m_library);
     return true;
@@ -129,6 +133,7 @@ bool LinkGuard::acceptLibrary()
 void LinkGuard::allowReply()
 {
     m_received = 0;
+    m_messages.allowReply();
 }
 
 void LinkGuard::close()
@@ -167,16 +172,30 @@ void LinkGuard::read(Flow &flow, Descriptor &from, Descriptor &to)
         flow.ended = true;
         flow.readable->setEnabled(false);
     }
-    if (&flow == &m_toLibrary) {
-        m_received += int(size);
-        if (m_received > maximumReceived) {
-            drop("it sends more than a reply needs");
-            return;
-        }
-    }
+    if (&flow == &m_toLibrary && !admits(chunk, int(size)))
+        return;
     flow.waiting.append(chunk, int(size));
     explicit_bzero(chunk, size_t(size));
+    if (&flow == &m_toClient && !m_handshakeOver && flow.waiting.contains(handshakeEnd)) {
+        m_handshakeOver = true;
+        m_received = 0;
+    }
     write(flow, to);
+}
+
+// Drops the link when what has come from the client must not be passed on.
+bool LinkGuard::admits(const char *bytes, int size)
+{
+    m_received += size;
+    if (!m_handshakeOver && m_received > maximumHandshake)
+        drop("its handshake has no end");
+    else if (m_received > maximumReceived)
+        drop("it sends more than a reply needs");
+    else if (m_handshakeOver && !m_messages.admits(bytes, size))
+        drop("it sends what is no reply");
+    else
+        return true;
+    return false;
 }
 
 void LinkGuard::write(Flow &flow, Descriptor &to)

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "auth/messagegate.h"
 #include "client/descriptor.h"
 
 #include <QByteArray>
@@ -64,6 +65,7 @@ private:
     bool fail(int error);
     void start(Flow &flow, Descriptor &from, Descriptor &to);
     void read(Flow &flow, Descriptor &from, Descriptor &to);
+    bool admits(const char *bytes, int size);
     void write(Flow &flow, Descriptor &to);
     void drop(const char *reason);
     void end();
@@ -74,7 +76,9 @@ private:
     Descriptor m_library;
     Flow m_toClient;
     Flow m_toLibrary;
-    int m_received = 0; ///< Bytes from the client since the last request.
+    bool m_handshakeOver = false;
+    int m_received = 0; ///< Bytes from the client in the handshake; after it, since the last request.
+    MessageGate m_messages; ///< From the client.
     quint64 m_link = 0;
     QString m_errorString;
 

@@ -45,9 +45,9 @@ void addField(QByteArray &message, char code, char type, const QByteArray &value
     message += bytes(quint32(value.size())) + value + '\0';
 }
 
-QByteArray message(MessageType type, quint32 replySerial, const QByteArray &text)
+// A message with `body`, whose type is `signature`.
+QByteArray message(MessageType type, quint32 replySerial, const QByteArray &signature, const QByteArray &body)
 {
-    const QByteArray body = text.isNull() ? QByteArray() : bytes(quint32(text.size())) + text + '\0';
     QByteArray result("l");
     result += char(type);
     result += QByteArray("\0\1", 2) + bytes(quint32(body.size())) + bytes(quint32(1));
@@ -60,10 +60,22 @@ QByteArray message(MessageType type, quint32 replySerial, const QByteArray &text
         addField(result, 5, 'u', bytes(replySerial));
     }
     if (!body.isEmpty())
-        addField(result, 8, 'g', QByteArray("\1s\0", 3));
+        addField(result, 8, 'g', char(signature.size()) + signature + '\0');
     result.replace(lengthAt, 4, bytes(quint32(result.size() - lengthAt - 4)));
     align(result, 8);
     return result + body;
+}
+
+QByteArray message(MessageType type, quint32 replySerial, const QByteArray &text)
+{
+    return message(type, replySerial, "s", text.isNull() ? QByteArray() : bytes(quint32(text.size())) + text + '\0');
+}
+
+QByteArray replyOfManyValues(quint32 replySerial)
+{
+    const QByteArray value("\1y\0x", 4); // a variant
+    const QByteArray values = value.repeated(1000 * 1024 / value.size());
+    return message(MethodReturn, replySerial, "av", bytes(quint32(values.size())) + values);
 }
 
 [[noreturn]] void waitForEver()
@@ -188,6 +200,10 @@ void answerYes(int listener)
             sendAll(peer, noise);
         }
     }
+    if (attack == QLatin1String("greeting")) {
+        for (const QByteArray line("AGREE_UNIX_FD\r\n");;)
+            sendAll(peer, line);
+    }
     shakeHands(peer);
     if (attack == QLatin1String("flood")) {
         for (const QByteArray call = message(MethodCall, 0, "x");;)
@@ -196,6 +212,13 @@ void answerYes(int listener)
     if (attack == QLatin1String("huge")) {
         const QByteArray call = readExactly(peer, 16);
         sendAll(peer, message(MethodReturn, numberAt(call, 8), QByteArray(100 * 1024 * 1024, 'x')));
+    }
+    if (attack == QLatin1String("values"))
+        sendAll(peer, replyOfManyValues(numberAt(readExactly(peer, 16), 8)));
+    if (attack == QLatin1String("returns")) {
+        const QByteArray reply = message(MethodReturn, 12345, {});
+        readExactly(peer, 16);
+        sendAll(peer, reply.repeated(1000 * 1024 / reply.size()));
     }
     if (attack == QLatin1String("descriptors"))
         sendDescriptors(peer);

@@ -10,8 +10,11 @@
 ///   "silent"       accepts, and never says or reads anything
 ///   "trickle"      sends one byte of the handshake a second
 ///   "noise"        sends random bytes without end and reads nothing
+///   "greeting"     sends lines of the handshake without end
 ///   "mute"         completes the handshake, then reads and says nothing
 ///   "flood"        completes the handshake, then sends calls without end and reads nothing
 ///   "huge"         answers the first call with a text of 100 MiB
+///   "values"       answers the first call with as many values as fit into 1 MiB
+///   "returns"      answers the first call with as many empty replies, to nothing, as fit into 1 MiB
 ///   "descriptors"  completes the handshake, then sends a hundred file descriptors
 [[noreturn]] void serveHostile(const QString &path, const QString &attack);

@@ -35,6 +35,7 @@
 //   "socket": "now" (default), "never", or a path: serve as soon as that file exists
 //   "hostile": one of the attacks in hostilesocket.h, by which the socket is then served
 //   "stop": true      stop like a process that got SIGSTOP, before serving
+//   "behind": true    leave everything to a process behind this one, which outlives it
 //   "announce": true  show the socket again and again until somebody connects
 //   "certs": [...]    the certificates that getCertList answers; left out: it answers an error
 //   "errorText": the text of its error replies
@@ -275,6 +276,10 @@ int main(int argc, char *argv[])
     }
     if (script.value(QLatin1String("stop")).toBool())
         raise(SIGSTOP);
+    if (script.value(QLatin1String("behind")).toBool() && fork() != 0) {
+        for (;;)
+            pause();
+    }
 
     Client client(script);
     const QString attack = script.value(QLatin1String("hostile")).toString();

@@ -9,8 +9,10 @@
 #include <QFile>
 #include <QLoggingCategory>
 #include <QTest>
+#include <QThread>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <memory>
 
@@ -80,6 +82,14 @@ QVector<pid_t> launchedProcesses()
     return pids;
 }
 
+// How a process ended; -1 when it cannot be told.
+int endOf(pid_t process)
+{
+    int status = -1;
+    while (waitpid(process, &status, 0) == -1 && errno == EINTR) { } // by the end of another process
+    return status;
+}
+
 // What was sent to the client of another user than the one whose secret it is.
 QVector<QJsonArray> misled()
 {
@@ -118,6 +128,9 @@ private Q_SLOTS:
     void lateAnswer_data();
     void lateAnswer();
     void answerOfGivenUpClient();
+    void answerOverClosedLink_data();
+    void answerOverClosedLink();
+    void launcherKilled();
 
     void secretOfAnotherUser_data();
     void secretOfAnotherUser();
@@ -183,6 +196,12 @@ void TstHostileClient::attack_data()
     QTest::newRow("one byte a second") << QStringLiteral("trickle") << false << Call() << QString();
     QTest::newRow("random bytes") << QStringLiteral("noise") << true << cannotCommunicate << QString();
     QTest::newRow("flood") << QStringLiteral("flood") << true << cannotCommunicate << dropping;
+    QTest::newRow("handshake without end")
+        << QStringLiteral("greeting") << true << cannotCommunicate
+        << QStringLiteral("Dropping the link to the client: its handshake has no end");
+    const QString noReply = QStringLiteral("Dropping the link to the client: it sends what is no reply");
+    QTest::newRow("reply of many values") << QStringLiteral("values") << true << cannotCommunicate << noReply;
+    QTest::newRow("many replies") << QStringLiteral("returns") << true << cannotCommunicate << noReply;
     QTest::newRow("reply of 100 MiB") << QStringLiteral("huge") << true << cannotCommunicate << dropping;
 }
 
@@ -368,6 +387,79 @@ void TstHostileClient::answerOfGivenUpClient()
     QCOMPARE(fixture.daemon.outcomes(), QVector<Call>{cannotCommunicate});
 }
 
+void TstHostileClient::answerOverClosedLink_data()
+{
+    QTest::addColumn<bool>("certList");
+    QTest::newRow("password") << false;
+    QTest::newRow("list of certificates") << true;
+}
+
+// The library has the answer, and the plugin closes the link before it is told.
+void TstHostileClient::answerOverClosedLink()
+{
+    QFETCH(bool, certList);
+    MethodFixture fixture;
+    QVERIFY(fixture.link({{QStringLiteral("certs"), QJsonArray{QStringLiteral("one")}}}));
+    LogCapture log;
+    if (certList)
+        fixture.d->getCertList();
+    else
+        fixture.d->checkPassword(success);
+    const auto *call = fixture.d->findChild<QDBusPendingCallWatcher *>();
+    QVERIFY(call);
+    // The library's thread works on while this one sleeps.
+    QElapsedTimer timer;
+    timer.start();
+    while (!call->isFinished() && !timer.hasExpired(10000)) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents);
+        QThread::msleep(20);
+    }
+    QVERIFY(call->isFinished());
+    QVERIFY(fixture.told().isEmpty());
+    fixture.d->guard.close();
+
+    QTRY_COMPARE(fixture.told().size(), 1);
+    const Call noList = {QStringLiteral("optionChanged"), {0U, QStringLiteral("certs"), QStringList(), true}};
+    QCOMPARE(fixture.told().constFirst(), certList ? noList : cannotCommunicate);
+    QCOMPARE(log.warnings().size(), 1);
+    QVERIFY(log.warnings().constFirst().startsWith(
+        (certList ? QStringLiteral("getCertList") : QStringLiteral("checkPassword")) + QStringLiteral(" failed:")));
+}
+
+// Alice kills the launcher, while her client lives on and answers at last.
+void TstHostileClient::launcherKilled()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link({{QStringLiteral("behind"), true}}));
+    fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("late")));
+    QTRY_COMPARE(calls().size(), 1);
+    fixture.daemon.calls.clear();
+    QFile::remove(goFile);
+    setScript({{QStringLiteral("socket"), goFile}});
+
+    const pid_t launcherProcess = launchedProcesses().constFirst();
+    const pid_t killer = fork();
+    if (killer == 0)
+        _exit(setresuid(alice, alice, alice) == 0 && ::kill(launcherProcess, SIGKILL) == 0 ? 0 : 1);
+    const int status = endOf(killer);
+    QVERIFY(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    QTRY_COMPARE(fixture.daemon.outcomes(), QVector<Call>{cannotCommunicate});
+    QTRY_COMPARE(launches().size(), 2);
+
+    // Her next request waits for the answer of her next client.
+    QTRY_VERIFY(fixture.d->child.clientRunning);
+    QVERIFY(writeFile(goFile, {}));
+    QTRY_COMPARE(fixture.d->clientStage, qint32(MethodKavetPrivate::Linked));
+    fixture.daemon.calls.clear();
+    fixture.method.authenticate(alice, MethodFixture::passwordData(never));
+    QTRY_COMPARE(calls().size(), 2);
+    QVERIFY(writeFile(answerFile, {}));
+    QTest::qWait(500); // for an answer that must not count
+    QCOMPARE(fixture.daemon.outcomes(), QVector<Call>());
+    QVERIFY(bobSucceeds(fixture));
+    QCOMPARE(misled(), QVector<QJsonArray>());
+}
+
 void TstHostileClient::secretOfAnotherUser_data()
 {
     QTest::addColumn<QJsonObject>("script");
@@ -505,6 +597,7 @@ void TstHostileClient::tracedClient()
     const pid_t tracer = fork();
     if (tracer == 0) {
         const gid_t groups[] = {groupId("inet")};
+        signal(SIGCHLD, SIG_DFL); // The handler of the process class would take note of the client's end.
         if (setgroups(1, groups) == 0 && setresgid(group, group, group) == 0 && setresuid(alice, alice, alice) == 0
             && ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0)
             (void)!write(ready[1], "x", 1);
@@ -524,8 +617,7 @@ void TstHostileClient::tracedClient()
     else
         fixture.reset();
     QVERIFY(timer.elapsed() < 15000); // the process object would wait for 30 s
-    int status = 0;
-    QCOMPARE(waitpid(tracer, &status, 0), tracer);
+    const int status = endOf(tracer);
     QVERIFY(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
 }
 

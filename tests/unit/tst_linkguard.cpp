@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTest>
+#include <QtEndian>
 
 #include <algorithm>
 #include <csignal>
@@ -28,6 +29,8 @@ constexpr int limit = 1024 * 1024;
 const QString path = QStringLiteral("/tmp/client.socket");
 const QString sendsTooMuch = QStringLiteral("Dropping the link to the client: it sends more than a reply needs");
 const QString doesNotRead = QStringLiteral("Dropping the link to the client: it does not read what it is sent");
+const QString hasNoEnd = QStringLiteral("Dropping the link to the client: its handshake has no end");
+const QString isNoReply = QStringLiteral("Dropping the link to the client: it sends what is no reply");
 const QString isNotRead = QStringLiteral("Dropping the link to the client: what it sends is not read");
 
 sockaddr_un socketAddress(const QByteArray &name)
@@ -117,6 +120,13 @@ struct Link
         client = accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         return library != -1 && client != -1 && guard.acceptLibrary() && guard.isOpen();
     }
+    // The end of the handshake.
+    bool begin() const
+    {
+        char end[8] = {};
+        return send(library, "BEGIN\r\n", 7, MSG_NOSIGNAL) == 7
+               && QTest::qWaitFor([&] { return recv(client, end, 7, 0) == 7; });
+    }
 };
 
 // All that can be read now; `ended` tells whether the other side has closed.
@@ -163,6 +173,34 @@ QByteArray pattern(int size)
     return data;
 }
 
+QByteArray number(quint32 value, bool bigEndian)
+{
+    QByteArray bytes(sizeof value, 0);
+    if (bigEndian)
+        qToBigEndian(value, bytes.data());
+    else
+        qToLittleEndian(value, bytes.data());
+    return bytes;
+}
+
+// A reply of `size` bytes, with the body's type and with another field before that. It is not looked into.
+QByteArray message(int size, const QByteArray &signature = "s", const QByteArray &fields = {}, bool bigEndian = false)
+{
+    QByteArray header = number(0, bigEndian) + fields;
+    const auto align = [&header] {
+        header += QByteArray((12 - header.size() % 8) % 8, 0); // it begins in the middle of eight bytes
+    };
+    align();
+    header += QByteArray("\x05\x01u\0", 4) + number(1, bigEndian);
+    if (!signature.isNull())
+        header += QByteArray("\x08\x01g\0", 4) + char(signature.size()) + signature + '\0';
+    header.replace(0, 4, number(quint32(header.size() - 4), bigEndian));
+    align();
+    const int bodySize = size - 12 - header.size();
+    return (bigEndian ? "B" : "l") + QByteArray("\2\1\1", 3) + number(quint32(bodySize), bigEndian)
+           + number(1, bigEndian) + header + pattern(bodySize);
+}
+
 } // namespace
 
 class TstLinkGuard : public QObject
@@ -177,6 +215,11 @@ private Q_SLOTS:
     void slowReader();
     void clientSendsTooMuch_data();
     void clientSendsTooMuch();
+    void handshake_data();
+    void handshake();
+    void messages_data();
+    void messages();
+    void messageInPieces();
     void clientDoesNotRead();
     void libraryDoesNotRead();
     void sideEnds_data();
@@ -217,7 +260,8 @@ void TstLinkGuard::carriesBothWays()
     QCOMPARE(arrived, request);
 
     arrived.clear();
-    const QByteArray reply = pattern(500000);
+    QVERIFY(link.begin());
+    const QByteArray reply = message(500000);
     QVERIFY(sendAll(link.client, reply));
     QTRY_COMPARE((arrived += readAll(link.library)).size(), reply.size());
     QCOMPARE(arrived, reply);
@@ -241,7 +285,8 @@ void TstLinkGuard::slowReader()
     QVERIFY(link.make());
     const int from = toClient ? link.library : link.client;
     const int to = toClient ? link.client : link.library;
-    const QByteArray data = pattern(limit);
+    QVERIFY(link.begin());
+    const QByteArray data = message(limit);
     QVERIFY(sendAll(from, data));
     QTest::qWait(50);
     QByteArray arrived;
@@ -268,10 +313,11 @@ void TstLinkGuard::clientSendsTooMuch()
     LogCapture log(true);
     Link link;
     QVERIFY(link.make());
+    QVERIFY(link.begin());
     for (int i = 0; i < replies.size(); ++i) {
         if (i > 0)
             link.guard.allowReply();
-        QByteArray data = pattern(replies.at(i));
+        QByteArray data = message(replies.at(i));
         qint64 arrived = 0;
         QVERIFY(QTest::qWaitFor(
             [&] {
@@ -286,6 +332,112 @@ void TstLinkGuard::clientSendsTooMuch()
     QCOMPARE(log.warnings(), dropped ? QStringList{sendsTooMuch} : QStringList());
     QCOMPARE(hasEnded(link.client), dropped);
     QCOMPARE(hasEnded(link.library), dropped);
+}
+
+void TstLinkGuard::handshake_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<bool>("dropped");
+    QTest::newRow("as much as may be") << 4096 << false;
+    QTest::newRow("a byte too much") << 4097 << true;
+}
+
+void TstLinkGuard::handshake()
+{
+    QFETCH(int, size);
+    QFETCH(bool, dropped);
+    LogCapture log(true);
+    Link link;
+    QVERIFY(link.make());
+    QVERIFY(sendAll(link.client, pattern(size)));
+    QByteArray arrived;
+    if (!dropped)
+        QTRY_COMPARE((arrived += readAll(link.library)).size(), size);
+    else
+        QTRY_VERIFY(!link.guard.isOpen());
+    QCOMPARE(log.warnings(), dropped ? QStringList{hasNoEnd} : QStringList());
+    if (dropped)
+        return;
+    // What has come before counts no longer.
+    QVERIFY(link.begin());
+    QVERIFY(sendAll(link.client, message(limit)));
+    QTRY_COMPARE((arrived += readAll(link.library)).size(), size + limit);
+    QVERIFY(link.guard.isOpen());
+}
+
+void TstLinkGuard::messages_data()
+{
+    QTest::addColumn<QByteArray>("data");
+    QTest::addColumn<bool>("dropped");
+    const QByteArray none;
+    // Fields of other kinds, in which something may look like a field.
+    const QByteArray bytes("\x0a\x02"
+                           "ay\0\0\0\0\x10\0\0\0\0\0\0\0"
+                           "\x08\x01g\0\1s\0\0"
+                           "\0\0\0\0\0\0\0\0",
+                           32);
+    const QByteArray sender("\x07\x01s\0\6\0\0\0sender\0\0", 16);
+    QTest::newRow("text") << message(500000) << false;
+    QTest::newRow("texts") << message(500000, "as") << false;
+    QTest::newRow("big-endian texts") << message(500000, "as", none, true) << false;
+    QTest::newRow("text with a sender") << message(500000, "s", sender) << false;
+    QTest::newRow("short values") << message(4096, "av") << false;
+    QTest::newRow("short nothing") << message(40, none) << false;
+    QTest::newRow("long values") << message(4097, "av") << true;
+    QTest::newRow("big-endian long values") << message(4097, "av", none, true) << true;
+    QTest::newRow("text and values") << message(4097, "sav") << true;
+    QTest::newRow("texts and values") << message(4097, "asav") << true;
+    QTest::newRow("long nothing") << message(4097, none) << true;
+    QTest::newRow("values that look like text") << message(4097, "av", bytes) << true;
+    QTest::newRow("values after a text") << message(500000) + message(4097, "av") << true;
+    QTest::newRow("as many as may be") << message(100).repeated(16) << false;
+    QTest::newRow("one too many") << message(100).repeated(17) << true;
+    QTest::newRow("a line") << QByteArray("AGREE_UNIX_FD\r\n").repeated(2) << true;
+    QTest::newRow("long header") << message(10000, "s", sender.repeated(300)) << true;
+    QTest::newRow("header without end") << QByteArray("l\2\1\1\0\0\0\0\1\0\0\0\xff\xff\xff\xff", 16) << true;
+}
+
+void TstLinkGuard::messages()
+{
+    QFETCH(QByteArray, data);
+    QFETCH(bool, dropped);
+    LogCapture log(true);
+    Link link;
+    QVERIFY(link.make());
+    QVERIFY(link.begin());
+    QCOMPARE(sendAll(link.client, data), true);
+    QByteArray arrived;
+    if (!dropped)
+        QTRY_COMPARE((arrived += readAll(link.library)).size(), data.size());
+    else
+        QTRY_VERIFY(!link.guard.isOpen());
+    QVERIFY(data.startsWith(arrived));
+    QCOMPARE(log.warnings(), dropped ? QStringList{isNoReply} : QStringList());
+    if (dropped)
+        return;
+    // With the next request come others.
+    link.guard.allowReply();
+    QVERIFY(sendAll(link.client, message(100).repeated(16)));
+    QTRY_COMPARE((arrived += readAll(link.library)).size(), data.size() + 1600);
+    QVERIFY(link.guard.isOpen());
+}
+
+void TstLinkGuard::messageInPieces()
+{
+    for (const bool dropped : {false, true}) {
+        LogCapture log(true);
+        Link link;
+        QVERIFY(link.make());
+        QVERIFY(link.begin());
+        const QByteArray data = message(100) + message(5000, dropped ? "av" : "as");
+        QByteArray arrived;
+        for (int sent = 0; sent < data.size() && link.guard.isOpen(); ++sent) {
+            QVERIFY(sendAll(link.client, data.mid(sent, 1)));
+            QTRY_VERIFY((arrived += readAll(link.library)).size() == sent + 1 || !link.guard.isOpen());
+        }
+        QCOMPARE(link.guard.isOpen(), !dropped);
+        QCOMPARE(log.warnings(), dropped ? QStringList{isNoReply} : QStringList());
+    }
 }
 
 void TstLinkGuard::clientDoesNotRead()
@@ -305,9 +457,10 @@ void TstLinkGuard::libraryDoesNotRead()
     LogCapture log(true);
     Link link;
     QVERIFY(link.make());
+    QVERIFY(link.begin());
     for (int i = 0; link.guard.isOpen() && i < 8; ++i) {
         link.guard.allowReply();
-        sendAll(link.client, pattern(limit / 2));
+        sendAll(link.client, message(limit / 2));
         QTest::qWait(10);
     }
     QVERIFY(!link.guard.isOpen());
@@ -331,7 +484,8 @@ void TstLinkGuard::sideEnds()
     const quint64 number = link.guard.link();
     int &ending = client ? link.client : link.library;
     const int other = client ? link.library : link.client;
-    const QByteArray data = pattern(limit);
+    QVERIFY(link.begin());
+    const QByteArray data = message(limit);
     QVERIFY(sendAll(ending, data));
     QCOMPARE(close(ending), 0);
     ending = -1;
@@ -355,7 +509,8 @@ void TstLinkGuard::sideEndsUnread()
     QFETCH(bool, client);
     Link link;
     QVERIFY(link.make());
-    QVERIFY(sendAll(client ? link.library : link.client, pattern(limit)));
+    QVERIFY(link.begin());
+    QVERIFY(sendAll(client ? link.library : link.client, message(limit)));
     int &ending = client ? link.client : link.library;
     QCOMPARE(close(ending), 0);
     ending = -1;

@@ -1,0 +1,97 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "auth/messagegate.h"
+
+#include <QtEndian>
+
+#include <algorithm>
+
+namespace {
+
+constexpr int maximumMessages = 16; ///< For one request, which has one reply.
+constexpr int maximumShort = 4 * 1024; ///< Bytes of a message that may hold any values, and of any message's header.
+
+// A message's header: a fixed part, then the fields, each of which begins at a multiple of eight bytes.
+constexpr int bodySizeAt = 4;
+constexpr int fieldsSizeAt = 12;
+constexpr int fixedSize = 16;
+constexpr int alignment = 8;
+constexpr char littleEndian = 'l';
+const QByteArray signatureField("\x08\x01g\0", 4);
+const QByteArray textSignature("\1s\0", 3);
+const QByteArray textListSignature("\2as\0", 4);
+
+/// Whether the body is a text or a list of texts.
+bool announcesText(const QByteArray &header)
+{
+    bool isText = false;
+    for (int position = fixedSize; position < header.size(); position += alignment) {
+        const QByteArray field = header.mid(position);
+        if (!field.startsWith(signatureField))
+            continue;
+        // A field that only looks like this one, in the middle of another, must say the same.
+        const QByteArray signature = field.mid(signatureField.size());
+        isText = signature.startsWith(textSignature) || signature.startsWith(textListSignature);
+        if (!isText)
+            return false;
+    }
+    return isText;
+}
+
+} // namespace
+
+void MessageGate::reset()
+{
+    m_header.clear();
+    m_bodyLeft = 0;
+    m_messages = 0;
+}
+
+bool MessageGate::admits(const char *bytes, int size)
+{
+    for (const char *const end = bytes + size; bytes < end;) {
+        const int available = int(end - bytes);
+        if (m_bodyLeft > 0) {
+            const quint32 taken = std::min(m_bodyLeft, quint32(available));
+            m_bodyLeft -= taken;
+            bytes += taken;
+            continue;
+        }
+        const int taken = std::min(headerSize() - m_header.size(), available);
+        m_header.append(bytes, taken);
+        bytes += taken;
+        if (m_header.size() < fixedSize)
+            continue;
+        if (numberAt(fieldsSizeAt) > maximumShort - fixedSize)
+            return false;
+        if (m_header.size() == headerSize()) {
+            ++m_messages;
+            if (!admitsMessage())
+                return false;
+            m_bodyLeft = numberAt(bodySizeAt);
+            m_header.clear();
+        }
+    }
+    return true;
+}
+
+int MessageGate::headerSize() const
+{
+    if (m_header.size() < fixedSize)
+        return fixedSize;
+    const int fieldsSize = int(numberAt(fieldsSizeAt));
+    return fixedSize + (fieldsSize + alignment - 1) / alignment * alignment;
+}
+
+bool MessageGate::admitsMessage() const
+{
+    const qint64 size = m_header.size() + qint64(numberAt(bodySizeAt));
+    return m_messages <= maximumMessages && (size <= maximumShort || announcesText(m_header));
+}
+
+quint32 MessageGate::numberAt(int position) const
+{
+    const char *const bytes = m_header.constData() + position;
+    return m_header.at(0) == littleEndian ? qFromLittleEndian<quint32>(reinterpret_cast<const uchar *>(bytes))
+                                          : qFromBigEndian<quint32>(reinterpret_cast<const uchar *>(bytes));
+}
