@@ -88,10 +88,12 @@ QStringList split(const QByteArray &value, bool isUtf8)
             };
             const char *const begin = value.constData() + i;
             const int size = int(std::find_if(begin + 1, value.constEnd(), isSpecial) - begin);
-            if (isUtf8)
-                text += QString::fromUtf8(begin, size);
-            else
+            if (!isUtf8)
                 text += QLatin1String(begin, size);
+            else if (size > 1)
+                text += QString::fromUtf8(begin, size);
+            else // The same, without the decoder's preparations for each of tens of thousands.
+                text += c & 0x80 ? QChar(QChar::ReplacementCharacter) : QChar(QLatin1Char(c));
             i += size;
         }
     }
