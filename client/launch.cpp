@@ -44,6 +44,7 @@ bool MethodKavetPrivate::launchChild()
         return false;
     }
     m_refusedUserFile = false;
+    m_lookupWasSlow = false;
     child.uid = currentUid;
     child.gid = clientGroup->gr_gid;
 
@@ -70,8 +71,7 @@ bool MethodKavetPrivate::launchChild()
     // Written at the end of the function.
     UserSettings userSettings(std::move(userFile));
     userSettings.setValue(Constants::attempts, q->getOptionInternal(currentUid, Constants::attempts));
-    if (QFileInfo::exists(child.userConfigPath))
-        watchAnew(child.userConfigPath);
+    watchAnew(child.userConfigPath);
 
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(Constants::homeVariable, Constants::homeRoot + userName);
@@ -86,11 +86,12 @@ bool MethodKavetPrivate::launchChild()
 
 bool MethodKavetPrivate::prepareEnvironment()
 {
-    const bool limitIsUsers = m_limitIsUsers || QFileInfo::exists(Constants::currentPolicyFile);
+    const bool limitIsUsers = m_limitIsUsers || PinnedFile(Constants::currentPolicyFile).exists();
     const auto pass = [this](const QString &directory) {
         const HandOver result = handOver(directory, child.uid, child.gid);
         if (result == HandOver::Replaced) {
-            watchAnew(directory);
+            watcher.removePath(directory);
+            watcher.addPath(directory);
             // What the former user does to files put aside must not look like a change of those in their place.
             watcher.removePath(Constants::currentPolicyFile);
         }

@@ -139,6 +139,7 @@ private:
     void takeLimit(PinnedFile policy);
 
     bool m_refusedUserFile = false; ///< Since the last launch.
+    bool m_lookupWasSlow = false; ///< Since the last launch.
     bool m_limitIsUsers = false; ///< The limit in force was read from a current policy, or that policy was removed.
 
     Q_DISABLE_COPY(MethodKavetPrivate)

@@ -17,7 +17,7 @@ namespace {
 
 bool firstStartFinished(const QString &homeDirectory)
 {
-    return QFileInfo::exists(homeDirectory + QDir::separator() + Constants::firstStartMarker);
+    return PinnedFile(homeDirectory + QDir::separator() + Constants::firstStartMarker).exists();
 }
 
 } // namespace

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -155,7 +156,7 @@ bool PinnedFile::isUsable() const
 
 bool PinnedFile::countsFor(uid_t uid) const
 {
-    return m_descriptor != -1 && (m_owner == 0 || m_owner == uid);
+    return exists() && (m_owner == 0 || m_owner == uid);
 }
 
 bool PinnedFile::changeGroup(uid_t uid, gid_t gid) const
@@ -256,8 +257,12 @@ HandOver handOver(const QString &path, uid_t uid, gid_t gid)
     const QString own = placeOf(uid);
     const QByteArray ownName = QFile::encodeName(own);
     const mode_t mode = (status.st_mode | S_IRWXU) & noWritingForOthers;
-    if (mkdir(ownName.constData(), S_IRWXU) == 0 ? chmod(ownName.constData(), mode) == -1 : errno != EEXIST)
+    if (mkdir(ownName.constData(), S_IRWXU) == 0 ? chmod(ownName.constData(), mode) == -1 : errno != EEXIST) {
+        const int error = errno;
+        qCWarning(kavet) << "Cannot make" << own << std::strerror(error);
+        errno = error;
         return HandOver::Failed;
+    }
     QString aside = placeOf(status.st_uid);
     if (QFileInfo::exists(aside)) // Root's work was cut short once.
         aside = uniqueName(aside);

@@ -25,6 +25,8 @@ public:
     PinnedFile(PinnedFile &&other) noexcept;
     ~PinnedFile();
 
+    /// Whether anything stands there, of whatever kind. A symbolic link does, wherever it leads.
+    bool exists() const { return m_descriptor != -1; }
     /// Whether there is a file to be touched. False, with errno set, when there is none.
     bool isUsable() const;
     /// Whether what stands there may count for user `uid`: it is root's or the user's own.

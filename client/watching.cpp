@@ -8,11 +8,26 @@
 #include "settings/constants.h"
 
 #include <QFile>
-#include <QFileInfo>
 
 #include <utility>
 
+#include <ctime>
+
 #include <sys/stat.h>
+
+namespace {
+
+constexpr qint64 maximumLookup = 2000000; ///< Nanoseconds for which finding a file may keep the daemon busy.
+
+/// For how long this thread has been running, in nanoseconds; what it has waited for others does not count.
+qint64 timeWorked()
+{
+    timespec worked = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &worked);
+    return qint64(worked.tv_sec) * 1000000000 + worked.tv_nsec;
+}
+
+} // namespace
 
 void MethodKavetPrivate::handleChildDirectoryChanged(const QString &path)
 {
@@ -61,18 +76,30 @@ bool MethodKavetPrivate::handleChildSocket(const QString &path)
 
 // What stood at the path before counts as watched until the watcher has told of its end, which may come late or, after
 // a link, never; and a directory in the place of a file would be watched beside it. So that is given up first.
+//
+// The watcher follows links, and a chain of long ones takes it tens of milliseconds each time. So it is given files
+// only, and no more of them once somebody has swapped one for such a chain just before the watcher came to it.
 void MethodKavetPrivate::watchAnew(const QString &path)
 {
     watcher.removePath(path);
+    if (m_lookupWasSlow || !PinnedFile(path).isUsable())
+        return;
+    const qint64 begin = timeWorked();
     watcher.addPath(path);
+    m_lookupWasSlow = timeWorked() - begin > maximumLookup;
+    if (m_lookupWasSlow) {
+        watcher.removePath(path);
+        qCWarning(kavet) << "Finding" << path << "takes too long; files are not watched until the next launch";
+    }
 }
 
 void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
 {
     Q_UNUSED(path)
-    if (child.uid != 0 && !child.userConfigPath.isEmpty() && QFileInfo::exists(child.userConfigPath)) {
+    const PinnedFile userFile(child.userConfigPath);
+    if (child.uid != 0 && userFile.exists()) {
         // One line a launch: otherwise the user could fill the log by touching a file.
-        if (!PinnedFile(child.userConfigPath).changeGroup(child.uid, child.gid) && !m_refusedUserFile) {
+        if (!userFile.changeGroup(child.uid, child.gid) && !m_refusedUserFile) {
             m_refusedUserFile = true;
             qCWarning(kavet) << "Failed to change owner for" << child.userConfigPath << "to" << child.uid << child.gid;
         }
@@ -92,7 +119,7 @@ void MethodKavetPrivate::handleChildFileChanged(const QString &path)
         q->setOptionInternal(child.uid, Constants::attempts, getChildAttempts());
     } else if (path == Constants::currentPolicyFile) {
         // One that has gone sets no limit; one of somebody else changes nothing.
-        if (!QFileInfo::exists(path))
+        if (!PinnedFile(path).exists())
             syncPolicy(path, true);
         else if (auto policy = currentPolicyOf(child.uid))
             takeLimit(std::move(*policy));

@@ -34,7 +34,7 @@ void MethodKavetPrivate::syncPolicy(const QString &path, bool force)
 std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
 {
     PinnedFile policy(Constants::currentPolicyFile);
-    if (!policy.countsFor(user) || !QFileInfo::exists(Constants::currentPolicyFile))
+    if (!policy.countsFor(user))
         return std::nullopt;
     return policy;
 }
@@ -43,7 +43,7 @@ std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
 std::optional<PinnedFile> MethodKavetPrivate::policyToFollow(uint user)
 {
     auto policy = currentPolicyOf(user);
-    if (!policy && QFileInfo::exists(Constants::currentPolicyFile))
+    if (!policy && PinnedFile(Constants::currentPolicyFile).exists())
         watcher.removePath(Constants::currentPolicyFile);
     return policy;
 }

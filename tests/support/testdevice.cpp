@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstring>
 
+#include <fcntl.h>
 #include <grp.h>
 #include <linux/magic.h>
 #include <sys/socket.h>
@@ -138,6 +139,21 @@ bool TestDevice::leaveSocket(const QString &path, uint uid)
     const bool bound = bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
     close(descriptor);
     return bound && setOwner(path, uid, uid);
+}
+
+bool TestDevice::leaveLink(const QString &path, uint uid)
+{
+    const QByteArray name = QFile::encodeName(path);
+    // Following a link takes note of the time, at least where the note is older than the link.
+    const timespec longAgo[] = {{1, 0}, {1, 0}};
+    return symlink("/etc/hostname", name.constData()) == 0 && setOwner(path, uid, uid)
+           && utimensat(AT_FDCWD, name.constData(), longAgo, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+bool TestDevice::wasFollowed(const QString &path)
+{
+    struct stat status = {};
+    return lstat(QFile::encodeName(path).constData(), &status) == -1 || status.st_atim.tv_sec != 1;
 }
 
 bool TestDevice::writeManifest(const QString &organization, const QString &application, const QString &command,

@@ -43,6 +43,10 @@ QByteArray readFile(const QString &path);
 bool setOwner(const QString &path, uint uid, uint gid);
 /// Leaves a socket at `path` that nobody serves, and gives it to `uid`; false on failure.
 bool leaveSocket(const QString &path, uint uid);
+/// Leaves a symbolic link at `path` that belongs to `uid` and leads to a file; wasFollowed() tells whether anybody has
+/// followed it since. False on failure.
+bool leaveLink(const QString &path, uint uid);
+bool wasFollowed(const QString &path);
 /// Writes a manifest with these values; keys with a null value are left out.
 bool writeManifest(const QString &organization, const QString &application, const QString &command,
                    const QStringList &permissions);

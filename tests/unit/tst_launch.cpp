@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QProcessEnvironment>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QTest>
 
@@ -205,6 +206,7 @@ private Q_SLOTS:
     void limitIsRoots();
     void alreadyPutAside();
     void directoryCannotBePutAside();
+    void noRoomForADirectory();
     void linkInAPlaceOfADirectory();
     void floodedDirectory();
     void descriptorsOfTheClient();
@@ -1021,6 +1023,36 @@ void TstLaunch::directoryCannotBePutAside()
         QCOMPARE(owner(clientDirectory), QStringLiteral("1000:1000"));
     }
     umount2(name.constData(), MNT_DETACH);
+}
+
+void TstLaunch::noRoomForADirectory()
+{
+    // Alice has filled the file system.
+    const QString parent = QStringLiteral("/run/aux-auth/tarsk");
+    MethodFixture f;
+    QCOMPARE(mount("none", QFile::encodeName(parent).constData(), "tmpfs", 0, "nr_inodes=20,mode=755"), 0);
+    const auto unmount = qScopeGuard([&parent] { umount2(QFile::encodeName(parent).constData(), MNT_DETACH); });
+    QVERIFY(QDir().mkpath(clientDirectory));
+    QVERIFY(setOwner(clientDirectory, alice, alice));
+    for (int i = 0; writeFile(clientDirectory + QLatin1Char('/') + QString::number(i), {}); ++i)
+        QVERIFY(i < 20);
+    const QStringList before = entries(clientDirectory);
+
+    f.d->currentUid = bob;
+    LogCapture log;
+    QVERIFY(!f.d->launchChild());
+    QCOMPARE(log.warnings(),
+             QStringList{QStringLiteral("Cannot make \"%1.1001\" No space left on device").arg(clientDirectory)});
+    QCOMPARE(log.criticals(), QStringList{QStringLiteral("Cannot change owner of directory")});
+    QCOMPARE(owner(clientDirectory), QStringLiteral("1000:1000"));
+    QCOMPARE(entries(clientDirectory), before);
+
+    // There is room again.
+    for (int i = 0; i < 4; ++i)
+        QVERIFY(QFile::remove(clientDirectory + QLatin1Char('/') + QString::number(i)));
+    QVERIFY(f.d->launchChild());
+    QTRY_VERIFY(f.d->child.clientRunning);
+    QCOMPARE(owner(clientDirectory), QStringLiteral("1001:960"));
 }
 
 void TstLaunch::linkInAPlaceOfADirectory()

@@ -114,6 +114,7 @@ private Q_SLOTS:
 
     void homeChangedForNobody();
     void homeChangedWithoutMarker();
+    void markerIsNotFollowed();
     void delayedLaunch();
     void delayedLaunchWithoutAuthentication();
     void homeOfClientThatIsGone();
@@ -560,6 +561,19 @@ void TstSession::homeChangedWithoutMarker()
     QCOMPARE(f.d->launchBudget, 11u);
     QCOMPARE(f.d->child.uid, carol);
     QVERIFY(QFile::remove(carolHome + QStringLiteral("/.qarv-startupwizard")));
+}
+
+// What stands there is the marker, wherever it leads.
+void TstSession::markerIsNotFollowed()
+{
+    MethodFixture f;
+    f.method.handleUserSessionTriggered(carol, true, true);
+    QVERIFY(leaveLink(carolMarker, carol));
+    f.d->handleHomeDirectory(carolHome);
+    QVERIFY(!f.d->watcher.directories().contains(carolHome));
+    f.method.handleUserSessionTriggered(carol, true, true);
+    QVERIFY(!f.d->watcher.directories().contains(carolHome));
+    QVERIFY(!wasFollowed(carolMarker));
 }
 
 void TstSession::delayedLaunch()

@@ -4,12 +4,20 @@
 #include "support/logcapture.h"
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QFileInfo>
 #include <QHash>
 #include <QSettings>
 #include <QTest>
 
+#include <csignal>
+#include <cstdio>
+
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace TestDevice;
 
@@ -121,6 +129,8 @@ private Q_SLOTS:
 
     void filesAreFollowed_data();
     void filesAreFollowed();
+    void linksAreNotFollowed();
+    void swappedForLinks();
     void noStorm_data();
     void noStorm();
     void nothingIsWatchedTwice();
@@ -610,6 +620,79 @@ void TstWatching::filesAreFollowed()
     QTRY_COMPARE(limit(), QStringLiteral("14"));
     QCOMPARE(f.d->watcher.files().size(), 2);
     qSetGlobalQHashSeed(-1);
+}
+
+void TstWatching::linksAreNotFollowed()
+{
+    QVERIFY(leaveLink(QStringLiteral("/tmp/followed"), alice));
+    QVERIFY(QFile::exists(QStringLiteral("/tmp/followed")));
+    QVERIFY(wasFollowed(QStringLiteral("/tmp/followed")));
+    {
+        MethodFixture f;
+        QVERIFY(f.link());
+        QVERIFY(QFile::remove(aliceFile));
+        QTRY_VERIFY(!f.d->watcher.files().contains(aliceFile));
+        for (const QString &path : {aliceFile, currentPolicy}) {
+            QVERIFY(leaveLink(path, alice));
+            f.d->handleChildSharedDirectory(sharedDirectory);
+            f.d->handleChildFileChanged(path);
+            f.method.handleUserSessionTriggered(alice, true, false);
+            QVERIFY(!wasFollowed(path));
+            QVERIFY(!f.d->watcher.files().contains(path));
+        }
+        f.d->child.clientRunning = false;
+        QVERIFY(f.d->launchChild());
+        f.d->child.clientRunning = true;
+    }
+    QVERIFY(!wasFollowed(currentPolicy));
+}
+
+void TstWatching::swappedForLinks()
+{
+    // Links to each other, each by a long way: a chain that takes tens of milliseconds to follow. Alice swaps it for
+    // her file as fast as she can, so that sooner or later it stands there when the watcher comes.
+    MethodFixture f;
+    QVERIFY(f.link());
+    const QDir directory(sharedDirectory);
+    const QByteArray way = QByteArray("way/../").repeated(570);
+    QVERIFY(directory.mkdir(QStringLiteral("way")));
+    QByteArray target("way");
+    for (int i = 0; i < 38; ++i) {
+        const QByteArray name = "link" + QByteArray::number(i);
+        QCOMPARE(symlink(QByteArray(way + target).constData(),
+                         QFile::encodeName(directory.filePath(QString::fromLatin1(name))).constData()),
+                 0);
+        target = name;
+    }
+    const QByteArray chain = QFile::encodeName(directory.filePath(QString::fromLatin1(target)));
+    const QByteArray file = QFile::encodeName(aliceFile);
+    const auto swap = [&chain, &file] {
+        return renameat2(AT_FDCWD, chain.constData(), AT_FDCWD, file.constData(), RENAME_EXCHANGE) == 0;
+    };
+    const pid_t swapper = fork();
+    if (swapper == 0) {
+        while (swap()) { }
+        _exit(1);
+    }
+
+    LogCapture log;
+    const QString warning =
+        QStringLiteral("Finding \"%1\" takes too long; files are not watched until the next launch").arg(aliceFile);
+    QElapsedTimer timer;
+    timer.start();
+    while (!log.warnings().contains(warning) && !timer.hasExpired(60000))
+        f.d->handleChildSharedDirectory(sharedDirectory);
+    ::kill(swapper, SIGKILL);
+    waitpid(swapper, nullptr, 0);
+    QCOMPARE(log.warnings().count(warning), 1);
+    QVERIFY(QFileInfo(aliceFile).isSymLink() ? swap() : true);
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(f.d->watcher.files(), QStringList());
+
+    f.d->child.clientRunning = false;
+    QVERIFY(f.d->launchChild());
+    f.d->child.clientRunning = true;
+    QCOMPARE(f.d->watcher.files(), QStringList{aliceFile});
 }
 
 void TstWatching::noStorm_data()
