@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <mutex>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <systemd/sd-journal.h>
@@ -16,6 +19,9 @@
 namespace {
 
 constexpr char JournalSocket[] = "/run/systemd/journal/socket";
+
+/// How long a reader of the log may take to make room for a line, in milliseconds.
+constexpr int PatienceWithReader = 100;
 
 bool isJournalForm = false;
 bool isJournal = false;
@@ -58,6 +64,59 @@ QByteArray quoted(const QString &value)
     }
     return '"' + harmless(result).toUtf8() + '"';
 }
+
+/// Standard error, without waiting for its reader for long: who stops reading the log must not stop the daemon. Until
+/// there is room again, lines are only counted.
+class StandardError
+{
+public:
+    /// Writes `before`, which stands before each line, and `text`.
+    void write(const QByteArray &before, const QByteArray &text)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex); // The D-Bus library's thread has messages, too.
+        if (m_lost > 0) {
+            const int lost = m_lost;
+            if (!put(before + "event=lines-lost lines=" + QByteArray::number(lost) + '\n')) {
+                m_lost = lost + 1;
+                return;
+            }
+            m_lost = 0;
+        }
+        if (!put(before + text + '\n'))
+            ++m_lost;
+    }
+
+private:
+    /// False when the line did not get through whole.
+    bool put(QByteArray line)
+    {
+        if (m_isCut)
+            line.prepend('\n');
+        // Past the stream buffers, which a forked child shares with the daemon.
+        const char *rest = line.constData();
+        for (auto size = static_cast<size_t>(line.size()); size > 0;) {
+            pollfd stream = {STDERR_FILENO, POLLOUT, 0};
+            if (poll(&stream, 1, m_lost > 0 ? 0 : PatienceWithReader) == 0)
+                return false;
+            // What has room for anything has it for this much.
+            const ssize_t written = ::write(STDERR_FILENO, rest, std::min<size_t>(size, PIPE_BUF));
+            if (written < 0 && errno == EINTR)
+                continue;
+            if (written <= 0)
+                return true; // Nobody will ever read it.
+            rest += written;
+            size -= static_cast<size_t>(written);
+            m_isCut = size > 0;
+        }
+        return true;
+    }
+
+    std::mutex m_mutex;
+    int m_lost = 0;
+    bool m_isCut = false;
+};
+
+StandardError standardError;
 
 bool isConnectedToJournal()
 {
@@ -124,22 +183,8 @@ void Log::write(Priority priority, const char *event, const Fields &fields)
         text += QByteArray(" ") + field.first + '=' + quoted(field.second.toString());
     if (isJournal && sendToJournal(priority, event, fields, text))
         return;
-    QByteArray line;
+    QByteArray before = "level=" + QByteArray(levelName(priority)) + ' ';
     if (isJournalForm)
-        line = '<' + QByteArray::number(priority) + '>';
-    else
-        line = QByteArray("level=") + levelName(priority) + ' ';
-    line += text + '\n';
-
-    // Past the stream buffers, which a forked child shares with the daemon.
-    const char *rest = line.constData();
-    for (auto size = static_cast<size_t>(line.size()); size > 0;) {
-        const ssize_t written = ::write(STDERR_FILENO, rest, size);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return;
-        rest += written;
-        size -= static_cast<size_t>(written);
-    }
+        before = '<' + QByteArray::number(priority) + '>';
+    standardError.write(before, text);
 }

@@ -3,6 +3,7 @@
 #include "accounts.h"
 #include "authenticator.h"
 #include "authservice.h"
+#include "childrecord.h"
 #include "lockstore.h"
 #include "log.h"
 #include "methodloader.h"
@@ -52,7 +53,8 @@ int run(const Settings &settings)
     Succession succession;
     switch (succession.acquire()) {
     case Succession::Acquired:
-        succession.begin();
+        ChildRecord::endLeftovers();
+        ChildRecord::begin();
         break;
     case Succession::Taken:
         Log::write(Log::Error, "name-taken", {{"by", QStringLiteral("another daemon")}});

@@ -10,7 +10,7 @@ namespace RunDirectory {
 
 constexpr char Path[] = "/run/authd";
 constexpr char LockFile[] = "/run/authd/lock";
-constexpr char RunFile[] = "/run/authd/run";
+constexpr char ChildrenFile[] = "/run/authd/children";
 constexpr char SessionsFile[] = "/run/authd/sessions";
 constexpr char UnsavedLocksFile[] = "/run/authd/locks.conf";
 

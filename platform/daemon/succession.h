@@ -4,12 +4,7 @@
 
 #include <chrono>
 
-/// The daemon's place in the row of daemons on this machine: one runs at a time, and it ends what the one before has
-/// started and, killed, could not end itself.
-///
-/// What a daemon starts carries a mark of the daemon in its environment. The mark stands in the run directory, so the
-/// next daemon knows it. A child that was forked but not executed yet, which waits forever for a parent that is gone,
-/// does not carry it; but it has the lock's file open as no other process has.
+/// The daemon's place in the row of daemons on this machine: one runs at a time.
 class Succession
 {
 public:
@@ -30,8 +25,6 @@ public:
 
     /// Waits until no other daemon runs, no longer than Patience.
     Result acquire();
-    /// Kills what the daemon before has left running, waits until it is gone, and marks what this one starts.
-    void begin();
 
 private:
     Succession(const Succession &) = delete;

@@ -25,6 +25,7 @@ const QString puppet = QStringLiteral("puppet");
 const QString kavetMethod = QStringLiteral("kavet");
 const QString attemptsOption = QStringLiteral("attempts");
 const QString puppetOnly = QStringLiteral("/tmp/methods");
+const QString childRecord = QStringLiteral("/run/authd/children");
 const QString loginManager = QStringLiteral("org.freedesktop.login1");
 const uint alice = TestDevice::alice;
 const uint bob = TestDevice::bob;
@@ -39,6 +40,18 @@ QVariant variant(const QVariant &value)
 bool isAlive(pid_t pid)
 {
     return kill(pid, 0) == 0;
+}
+
+QVector<pid_t> childrenOf(pid_t parent)
+{
+    QVector<pid_t> pids;
+    const QList<QByteArray> words =
+        TestDevice::readFile(QStringLiteral("/proc/%1/task/%1/children").arg(parent)).simplified().split(' ');
+    for (const QByteArray &word : words) {
+        if (!word.isEmpty())
+            pids << word.toInt();
+    }
+    return pids;
 }
 
 QSet<pid_t> clients()
@@ -146,7 +159,9 @@ private Q_SLOTS:
 
     void clientIsGone();
     void unexecutedChildIsGone();
+    void environmentDoesNotMatter();
     void othersAreLeftAlone();
+    void recordDoesNotGrow();
     void nameIsWaitedFor();
     void secondDaemonLeavesTheFirstAlone();
     void sessionsAreKnownAgain();
@@ -159,6 +174,31 @@ private:
     {
         const QDBusMessage reply = BusUser(0).call(QStringLiteral("GetMethodOption"), {puppet, QStringLiteral("told")});
         return reply.arguments().value(0).value<QDBusVariant>().variant().toStringList();
+    }
+
+    /// Has the method fork a child that idles as user `uid`.
+    pid_t forkChild(uint uid) const
+    {
+        const QVector<pid_t> before = childrenOf(pid_t(m_authd.pid()));
+        BusUser(0).call(QStringLiteral("SetUserMethodOption"),
+                        {bob, puppet, QStringLiteral("do"), variant(QStringLiteral("fork:%1").arg(uid))});
+        const auto ownerOf = [](pid_t pid) {
+            return QFileInfo(QStringLiteral("/proc/%1").arg(pid)).ownerId();
+        };
+        pid_t child = 0;
+        const bool isThere = QTest::qWaitFor([&] {
+            const QVector<pid_t> present = childrenOf(pid_t(m_authd.pid()));
+            for (const pid_t pid : present) {
+                if (!before.contains(pid))
+                    child = pid;
+            }
+            return child != 0 && ownerOf(child) == uid;
+        });
+        if (!isThere)
+            qFatal("The method has forked no child");
+        BusUser(0).call(QStringLiteral("SetUserMethodOption"),
+                        {bob, puppet, QStringLiteral("do"), variant(QStringLiteral("nothing"))});
+        return child;
     }
 
     Authd m_authd;
@@ -183,35 +223,69 @@ void TstCrash::clientIsGone()
 
 void TstCrash::unexecutedChildIsGone()
 {
-    QVERIFY(m_authd.start());
+    QVERIFY(m_authd.start(puppetOnly));
+    const pid_t early = forkChild(0);
+    const pid_t late = forkChild(bob);
     m_authd.stop(SIGKILL);
-    // What a child that has not been executed yet has and no other process.
-    QProcess child;
-    child.start(QStringLiteral("sh"),
-                {QStringLiteral("-c"), QStringLiteral("exec 9</run/authd/lock; exec sleep 1000")});
-    QVERIFY(child.waitForStarted());
-    QTRY_COMPARE(QFileInfo(QStringLiteral("/proc/%1/fd/9").arg(child.processId())).canonicalFilePath(),
-                 QStringLiteral("/run/authd/lock"));
+    // It waits for its parent, which is gone, and has everything open that this had.
+    QTRY_VERIFY(!isAlive(early));
+    QVERIFY(isAlive(late));
+    QVERIFY(m_authd.start(puppetOnly));
+    QVERIFY(!isAlive(late));
+}
+
+void TstCrash::environmentDoesNotMatter()
+{
+    // A process can overwrite its own environment, and with one that it asks for is where root waits for the user.
+    QVERIFY(TestDevice::writeFile(TestDevice::launcher, "#!/bin/sh\nexec env -i sh -c 'sleep 1000 & wait'\n"));
     QVERIFY(m_authd.start());
-    QTRY_COMPARE(child.state(), QProcess::NotRunning);
-    QCOMPARE(child.exitStatus(), QProcess::CrashExit);
+    BusUser(0).call(QStringLiteral("RequestChallenge"), {alice, kavetMethod});
+    QVector<pid_t> left;
+    QTRY_COMPARE((left = childrenOf(pid_t(m_authd.pid()))).size(), 1);
+    QTRY_COMPARE(childrenOf(left.constFirst()).size(), 1);
+    left += childrenOf(left.constFirst());
+    m_authd.stop(SIGKILL);
+    QVERIFY(isAlive(left.constFirst()));
+    QVERIFY(m_authd.start());
+    for (const pid_t pid : qAsConst(left))
+        QVERIFY2(!isAlive(pid), qPrintable(QString::number(pid)));
 }
 
 void TstCrash::othersAreLeftAlone()
 {
-    QVERIFY(m_authd.start());
-    // One of the user's own, with the mark of another daemon.
     QProcess other;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("AUTHD_RUN"), QStringLiteral("another"));
-    other.setProcessEnvironment(environment);
     other.start(QStringLiteral("sleep"), {QStringLiteral("1000")});
     QVERIFY(other.waitForStarted());
+    QVERIFY(m_authd.start(puppetOnly));
+    const pid_t ours = forkChild(bob);
     m_authd.stop(SIGKILL);
+    // Another process with the number of one that the daemon has started.
+    const QByteArray record = TestDevice::readFile(childRecord);
+    QByteArray forged = record;
+    QVERIFY(forged.startsWith(QByteArray::number(ours) + ' '));
+    forged.replace(0, QByteArray::number(ours).size(), QByteArray::number(other.processId()));
+    QVERIFY(TestDevice::writeFile(childRecord, "\n 0 () \n1\n-1 (x) S 1 1\n" + forged + record));
     QVERIFY(m_authd.start());
+    QVERIFY(!isAlive(ours));
     QCOMPARE(other.state(), QProcess::Running);
     other.kill();
     QVERIFY(other.waitForFinished());
+}
+
+void TstCrash::recordDoesNotGrow()
+{
+    QVERIFY(m_authd.start(puppetOnly));
+    QVector<pid_t> forked;
+    for (int i = 0; i < 200; ++i) {
+        forked << forkChild(bob);
+        if (i > 0)
+            kill(forked.at(i), SIGKILL);
+    }
+    QVERIFY(TestDevice::readFile(childRecord).count('\n') < 70);
+    m_authd.stop(SIGKILL);
+    QVERIFY(isAlive(forked.constFirst()));
+    QVERIFY(m_authd.start(puppetOnly));
+    QVERIFY(!isAlive(forked.constFirst()));
 }
 
 void TstCrash::nameIsWaitedFor()

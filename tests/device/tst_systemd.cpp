@@ -12,6 +12,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -69,6 +70,7 @@ private Q_SLOTS:
     void readiness();
     void watchdog();
     void journal();
+    void unreadLog();
     void notDumpable();
     void secretsAreWiped();
 };
@@ -130,6 +132,46 @@ void TstSystemd::journal()
     QVERIFY(received.contains("AUTHD_DIRECTORY=/no"));
     QCOMPARE(TestDevice::readFile(file), QByteArray());
     QFile::remove(journalSocket);
+}
+
+void TstSystemd::unreadLog()
+{
+    const QString path = QStringLiteral("/tmp/log");
+    QCOMPARE(mkfifo(QFile::encodeName(path).constData(), S_IRUSR | S_IWUSR), 0);
+    const int pipe = open(QFile::encodeName(path).constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    QVERIFY(pipe >= 0);
+    QByteArray log;
+    const auto readLog = [&log, pipe] {
+        char buffer[65536];
+        for (ssize_t count = 0; (count = read(pipe, buffer, sizeof buffer)) > 0;)
+            log += QByteArray(buffer, int(count));
+        return log;
+    };
+    QProcess daemon;
+    daemon.setStandardErrorFile(path);
+    daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods});
+    QTRY_VERIFY(readLog().contains("event=ready"));
+
+    // Each of root's refused calls has its line. Together they are far more than the pipe takes.
+    const BusUser root(0);
+    const auto refused = [&root] {
+        return root.error(QStringLiteral("Cancel"), {qulonglong(4711)});
+    };
+    for (int i = 0; i < 2000; ++i)
+        QCOMPARE(refused(), QStringLiteral("qarv.AuthService.Error.NoAttempt"));
+    log.clear();
+    QVERIFY(!readLog().contains("lines-lost"));
+    const int kept = log.count("event=refused");
+    QCOMPARE(refused(), QStringLiteral("qarv.AuthService.Error.NoAttempt"));
+    QTRY_VERIFY(readLog().count("event=refused") == kept + 1);
+    QVERIFY2(log.contains("event=lines-lost lines=" + QByteArray::number(2000 - kept) + '\n'),
+             log.right(500).constData());
+    const QList<QByteArray> lines = log.split('\n');
+    for (const QByteArray &line : lines)
+        QVERIFY2(line.isEmpty() || line.startsWith("level=notice event="), line.constData());
+    kill(pid_t(daemon.processId()), SIGTERM);
+    QVERIFY(daemon.waitForFinished());
+    close(pipe);
 }
 
 void TstSystemd::notDumpable()

@@ -7,6 +7,23 @@
 
 #include <QUuid>
 
+#include <unistd.h>
+
+namespace {
+
+/// As a program that is being started, just before it is executed: already the user's, or not yet with 0.
+void forkIdleChild(uint uid)
+{
+    if (fork() != 0)
+        return;
+    if (setresuid(uid, uid, uid) != 0)
+        _exit(1);
+    for (;;)
+        pause();
+}
+
+} // namespace
+
 Puppet::Puppet()
     : AuthPluginInterface(QStringLiteral("puppet"))
 {
@@ -143,6 +160,8 @@ void Puppet::perform(uint uid, const QString &script)
         else if (action == QLatin1String("event"))
             logEvent(QStringLiteral("INFO_LEVEL"), QStringLiteral("played"),
                      QStringLiteral("one\nlevel=error event=\"two\\\x7f"));
+        else if (action == QLatin1String("fork"))
+            forkIdleChild(uint(number));
         else if (action == QLatin1String("unknown"))
             optionChanged(0, QStringLiteral("number"), QUuid::createUuid(), true);
     }

@@ -11,6 +11,7 @@
 ///   lock:SECONDS, unlock      locks or unlocks the user
 ///   lock0                     locks the user 0
 ///   event                     logs an event whose details try to break the line
+///   fork, fork:UID            forks a child that does nothing, as the user
 ///   unknown                   reports an option change with a value that the bus cannot carry
 class Puppet : public AuthPluginInterface
 {
