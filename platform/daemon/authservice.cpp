@@ -3,24 +3,30 @@
 #include "authservice.h"
 
 #include "authenticator.h"
-#include "authserviceadaptor.h"
+#include "authserviceinterface.h"
+#include "busvalues.h"
 #include "errors.h"
 #include "log.h"
-#include "methodoptions.h"
-#include "methods.h"
-#include "requestdata.h"
 #include "servicelimits.h"
+#include "systembus.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
+#include <authd/authservice.h>
 
+#include <cerrno>
 #include <memory>
 
 namespace {
 
-Reply tooManyCalls()
+using Message = std::shared_ptr<sd_bus_message>;
+
+void replyWithError(sd_bus_message *call, const QString &name, const QString &text)
 {
-    return Reply(Errors::LimitsExceeded, QStringLiteral("The caller makes too many calls"));
+    sd_bus_reply_method_errorf(call, name.toUtf8().constData(), "%s", text.toUtf8().constData());
+}
+
+void refuseTooManyCalls(sd_bus_message *call)
+{
+    sd_bus_reply_method_errorf(call, Errors::LimitsExceeded.data(), "The caller makes too many calls");
 }
 
 } // namespace
@@ -32,170 +38,91 @@ AuthService::Allowance::Allowance()
 {
 }
 
-AuthService::AuthService(const QDBusConnection &bus, const Methods *methods, const MethodOptions *options,
+AuthService::AuthService(const SystemBus *bus, const Methods *methods, const MethodOptions *options,
                          Authenticator *authenticator)
     : m_methods(methods)
     , m_options(options)
     , m_authenticator(authenticator)
-    , m_callers(bus)
+    , m_callers(bus->handle())
     , m_reporter(bus, authenticator, options)
 {
-    new AuthServiceAdaptor(this);
+    addCalls();
     connect(&m_callers, &Callers::gone, this, [this](const QString &name) {
         m_reporter.unsubscribe(name);
         m_authenticator->forgetCaller(name);
     });
+    sd_bus_add_filter(bus->handle(), &m_filter, filter, this);
+    sd_bus_add_object_vtable(bus->handle(), &m_object, LibAuthd::AuthService::ObjectPath.data(),
+                             LibAuthd::AuthService::Interface.data(), authServiceInterface(answer), this);
 }
 
-QStringList AuthService::GetMethods()
+AuthService::~AuthService()
 {
-    answerAnyone([this](const Caller &) { return Reply({m_methods->names()}); });
-    return {};
+    sd_bus_slot_unref(m_object);
+    sd_bus_slot_unref(m_filter);
 }
 
-QVariantMap AuthService::GetMethodInfo(const QString &method)
+// Comes before everything that the library does with a message, and so must be quick.
+int AuthService::filter(sd_bus_message *message, void *service, sd_bus_error *)
 {
-    answerAnyone([this, method](const Caller &) { return m_methods->info(method); });
-    return {};
+    auto *const self = static_cast<AuthService *>(service);
+    const char *const sender = sd_bus_message_get_sender(message);
+    if (!sender || sd_bus_message_is_method_call(message, nullptr, nullptr) <= 0)
+        return 0;
+    const std::optional<Caller> caller = self->m_callers.find(sender);
+    // Also those that the library answers by itself count, so that it must be known whose they are.
+    const bool isWithinLimits =
+        caller ? self->mayCall(*caller)
+               : self->m_callers.identify(sender, [self](const Caller &known) { self->mayCall(known); });
+    if (isWithinLimits)
+        return 0;
+    refuseTooManyCalls(message);
+    return 1;
 }
 
-void AuthService::Subscribe()
+int AuthService::answer(sd_bus_message *call, void *service, sd_bus_error *)
 {
-    answerAnyone([this](const Caller &caller) { return m_reporter.subscribe(caller); });
+    auto *const self = static_cast<AuthService *>(service);
+    const char *const sender = sd_bus_message_get_sender(call);
+    QVariantList arguments;
+    const int result = BusValues::read(call, arguments);
+    if (!sender || (result < 0 && result != -E2BIG))
+        return sd_bus_reply_method_errorf(call, Errors::InvalidArgs.data(), "The call is not well-formed");
+    const Handler handler =
+        result == -E2BIG
+            ? [](const Caller &) { return Reply(Errors::LimitsExceeded, QStringLiteral("The call has too much data")); }
+            : self->m_calls.at(sd_bus_message_get_member(call))(arguments);
+
+    if (const std::optional<Caller> caller = self->m_callers.find(sender)) {
+        self->respond(call, *caller, handler);
+        return 1;
+    }
+    const Message kept(sd_bus_message_ref(call), sd_bus_message_unref);
+    if (!self->m_callers.identify(
+            sender, [self, kept, handler](const Caller &caller) { self->respond(kept.get(), caller, handler); }))
+        refuseTooManyCalls(call);
+    return 1;
 }
 
-void AuthService::Unsubscribe()
+void AuthService::respond(sd_bus_message *call, const Caller &caller, const Handler &handler)
 {
-    answerAnyone([this](const Caller &caller) {
-        m_reporter.unsubscribe(caller.name);
-        return Reply();
-    });
+    const Reply reply = handler(caller);
+    if (reply.isError()) {
+        logRefusal(QString::fromLatin1(sd_bus_message_get_member(call)), caller, reply.error);
+        replyWithError(call, reply.error, reply.text);
+        return;
+    }
+    sd_bus_message *message = nullptr;
+    if (sd_bus_message_new_method_return(call, &message) >= 0 && BusValues::append(message, reply.values) >= 0)
+        sd_bus_send(nullptr, message, nullptr);
+    else
+        sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "The answer cannot be sent");
+    sd_bus_message_unref(message);
 }
 
-qulonglong AuthService::RequestChallenge(uint uid, const QString &method)
+bool AuthService::mayCall(const Caller &caller)
 {
-    answerUser(uid, [this, uid, method](const Caller &caller) { return openAttempt(caller, uid, method, {}); });
-    return {};
-}
-
-qulonglong AuthService::Authenticate(uint uid, const QString &method, const QVariantMap &data)
-{
-    const auto entered = std::make_shared<RequestData::Entered>(data);
-    answerUser(uid, [this, uid, method, entered](const Caller &caller) {
-        Reply reply = openAttempt(caller, uid, method, entered->data);
-        if (!reply.isError())
-            entered->data.clear(); // The attempt has it now.
-        return reply;
-    });
-    return {};
-}
-
-void AuthService::Cancel(qulonglong attempt)
-{
-    answerAnyone([this, attempt](const Caller &caller) { return m_authenticator->cancel(caller, attempt); });
-}
-
-qulonglong AuthService::GetState(uint uid, QString &, QVariantMap &)
-{
-    answerUser(uid, [this, uid](const Caller &) { return m_authenticator->state(uid); });
-    return {};
-}
-
-void AuthService::Unlock(uint uid)
-{
-    answerRoot([this, uid](const Caller &) { return m_authenticator->unlock(uid); });
-}
-
-void AuthService::SessionStarted(uint uid, bool manageClient)
-{
-    answerRoot([this, uid, manageClient](const Caller &) { return m_authenticator->startSession(uid, manageClient); });
-}
-
-void AuthService::SessionStopped(uint uid, bool manageClient)
-{
-    answerRoot([this, uid, manageClient](const Caller &) { return m_authenticator->stopSession(uid, manageClient); });
-}
-
-QDBusVariant AuthService::GetMethodOption(const QString &method, const QString &option)
-{
-    answerAnyone(
-        [this, method, option](const Caller &caller) { return m_options->option(caller.uid, 0, method, option); });
-    return {};
-}
-
-QVariantMap AuthService::GetMethodOptions(const QString &method)
-{
-    answerAnyone([this, method](const Caller &caller) { return m_options->options(caller.uid, 0, method); });
-    return {};
-}
-
-void AuthService::SetMethodOption(const QString &method, const QString &option, const QDBusVariant &value)
-{
-    answerAnyone([this, method, option, value](const Caller &caller) {
-        return m_options->setOption(caller.uid, 0, method, option, value.variant());
-    });
-}
-
-QDBusVariant AuthService::GetUserMethodOption(uint uid, const QString &method, const QString &option)
-{
-    answerUser(uid, [this, uid, method, option](const Caller &caller) {
-        return m_options->option(caller.uid, uid, method, option);
-    });
-    return {};
-}
-
-QVariantMap AuthService::GetUserMethodOptions(uint uid, const QString &method)
-{
-    answerUser(uid, [this, uid, method](const Caller &caller) { return m_options->options(caller.uid, uid, method); });
-    return {};
-}
-
-void AuthService::SetUserMethodOption(uint uid, const QString &method, const QString &option, const QDBusVariant &value)
-{
-    answerUser(uid, [this, uid, method, option, value](const Caller &caller) {
-        return m_options->setOption(caller.uid, uid, method, option, value.variant());
-    });
-}
-
-void AuthService::answerAnyone(const Handler &handler)
-{
-    setDelayedReply(true);
-    const QDBusMessage call = message();
-    const QDBusConnection bus = connection();
-    const auto answer = [call, bus](const Reply &reply) {
-        if (call.isReplyRequired())
-            bus.send(reply.isError() ? call.createErrorReply(reply.error, reply.text) : call.createReply(reply.values));
-    };
-    const bool mayWait = m_callers.identify(call.service(), [this, call, answer, handler](const Caller &caller) {
-        if (!caller.isRoot() && !m_allowances[caller.uid].calls.pass()) {
-            answer(tooManyCalls());
-            return;
-        }
-        const Reply reply = handler(caller);
-        if (reply.isError())
-            logRefusal(call.member(), caller, reply.error);
-        answer(reply);
-    });
-    if (!mayWait)
-        answer(tooManyCalls());
-}
-
-void AuthService::answerUser(uint uid, const Handler &handler)
-{
-    answerAnyone([uid, handler](const Caller &caller) {
-        if (!caller.isRoot() && caller.uid != uid)
-            return Reply(Errors::AccessDenied, QStringLiteral("This is for the user and for root"));
-        if (uid == 0)
-            return Reply(Errors::NoSuchUser, QStringLiteral("The user id 0 stands for no user"));
-        return handler(caller);
-    });
-}
-
-void AuthService::answerRoot(const Handler &handler)
-{
-    answerAnyone([handler](const Caller &caller) {
-        return caller.isRoot() ? handler(caller) : Reply(Errors::AccessDenied, QStringLiteral("This is for root"));
-    });
+    return caller.isRoot() || m_allowances[caller.uid].calls.pass();
 }
 
 Reply AuthService::openAttempt(const Caller &caller, uint uid, const QString &method, const QVariantMap &data)

@@ -7,8 +7,6 @@
 #include "reply.h"
 #include "reporter.h"
 
-#include <QDBusContext>
-#include <QDBusVariant>
 #include <QObject>
 
 #include <functional>
@@ -21,38 +19,21 @@ class Methods;
 /// The authentication service's object on the bus. Finds out who calls, lets root do everything and a user what
 /// concerns that user, keeps everybody within the limits, and leaves the rest to others. What each call does stands in
 /// the interface's description.
-class AuthService : public QObject, protected QDBusContext
+class AuthService : public QObject
 {
     Q_OBJECT
 
 public:
     /// A service on `bus`. All must outlive this object.
-    AuthService(const QDBusConnection &bus, const Methods *methods, const MethodOptions *options,
+    AuthService(const SystemBus *bus, const Methods *methods, const MethodOptions *options,
                 Authenticator *authenticator);
-
-    // Called by the adaptor that is generated from the interface's description. Each answers later, when the caller is
-    // known; the values returned are of no account.
-    QStringList GetMethods();
-    QVariantMap GetMethodInfo(const QString &method);
-    void Subscribe();
-    void Unsubscribe();
-    qulonglong RequestChallenge(uint uid, const QString &method);
-    qulonglong Authenticate(uint uid, const QString &method, const QVariantMap &data);
-    void Cancel(qulonglong attempt);
-    qulonglong GetState(uint uid, QString &state, QVariantMap &details);
-    void Unlock(uint uid);
-    void SessionStarted(uint uid, bool manageClient);
-    void SessionStopped(uint uid, bool manageClient);
-    QDBusVariant GetMethodOption(const QString &method, const QString &option);
-    QVariantMap GetMethodOptions(const QString &method);
-    void SetMethodOption(const QString &method, const QString &option, const QDBusVariant &value);
-    QDBusVariant GetUserMethodOption(uint uid, const QString &method, const QString &option);
-    QVariantMap GetUserMethodOptions(uint uid, const QString &method);
-    void SetUserMethodOption(uint uid, const QString &method, const QString &option, const QDBusVariant &value);
+    ~AuthService() override;
 
 private:
     /// What to answer to a caller.
     using Handler = std::function<Reply(const Caller &caller)>;
+    /// The same for a call with arguments, which are of the types that the interface's description has.
+    using Call = std::function<Handler(const QVariantList &arguments)>;
 
     /// What a user's calls may still do.
     struct Allowance
@@ -65,9 +46,12 @@ private:
         Allowance();
     };
 
-    void answerAnyone(const Handler &handler);
-    void answerUser(uint uid, const Handler &handler);
-    void answerRoot(const Handler &handler);
+    static int filter(sd_bus_message *message, void *service, sd_bus_error *);
+    static int answer(sd_bus_message *call, void *service, sd_bus_error *);
+
+    void addCalls();
+    void respond(sd_bus_message *call, const Caller &caller, const Handler &handler);
+    bool mayCall(const Caller &caller);
     Reply openAttempt(const Caller &caller, uint uid, const QString &method, const QVariantMap &data);
     void logRefusal(const QString &member, const Caller &caller, const QString &error);
 
@@ -76,5 +60,8 @@ private:
     Authenticator *const m_authenticator;
     Callers m_callers;
     Reporter m_reporter;
+    std::map<QByteArray, Call> m_calls;
     std::map<uint, Allowance> m_allowances;
+    sd_bus_slot *m_filter = nullptr;
+    sd_bus_slot *m_object = nullptr;
 };

@@ -4,55 +4,88 @@
 
 #include "servicelimits.h"
 
-#include <QDBusConnectionInterface>
-#include <QDBusPendingCallWatcher>
-#include <QDBusPendingReply>
+namespace {
 
-Callers::Callers(const QDBusConnection &bus)
+constexpr char Bus[] = "org.freedesktop.DBus";
+constexpr char BusPath[] = "/org/freedesktop/DBus";
+// One rule for all connections that end, as the number of rules is limited and that of callers is not.
+constexpr char EndOfOwner[] = "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+                              "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
+
+} // namespace
+
+Callers::Callers(sd_bus *bus)
     : m_bus(bus)
 {
-    // One rule for all connections that end, as the number of rules is limited and that of callers is not.
-    const QStringList hasNoNewOwner = {QString(), QString(), QLatin1String("")};
-    m_bus.connect(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-                  QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameOwnerChanged"), hasNoNewOwner,
-                  QStringLiteral("sss"), this, SLOT(handleOwnerChange(QString, QString, QString)));
+    sd_bus_add_match(m_bus, &m_ownerChanges, EndOfOwner, handleOwnerChange, this);
 }
 
-bool Callers::identify(const QString &name, const Handler &handler)
+Callers::~Callers()
 {
-    const auto known = m_users.constFind(name);
-    if (known != m_users.constEnd()) {
-        handler({name, *known});
-        return true;
-    }
-    QVector<Handler> &waiting = m_waiting[name];
-    if (waiting.size() >= Limits::WaitingCallsPerConnection)
+    for (const auto &entry : m_waiting)
+        sd_bus_slot_unref(entry.second.question);
+    sd_bus_slot_unref(m_ownerChanges);
+}
+
+std::optional<Caller> Callers::find(const char *name) const
+{
+    const auto known = m_callers.constFind(QByteArray::fromRawData(name, int(qstrlen(name))));
+    if (known == m_callers.constEnd())
+        return std::nullopt;
+    return *known;
+}
+
+bool Callers::identify(const char *name, const Handler &handler)
+{
+    Waiting &waiting = m_waiting[name];
+    if (waiting.handlers.size() >= Limits::WaitingCallsPerConnection)
         return false;
-    waiting << handler;
-    if (waiting.size() > 1)
+    waiting.handlers << handler;
+    if (waiting.question)
         return true;
-    auto *pending =
-        new QDBusPendingCallWatcher(m_bus.interface()->asyncCall(QStringLiteral("GetConnectionUnixUser"), name), this);
-    connect(pending, &QDBusPendingCallWatcher::finished, this, [this, name](QDBusPendingCallWatcher *finished) {
-        finished->deleteLater();
-        const QDBusPendingReply<uint> uid = *finished;
-        // An error means that the caller has gone; so does an entry that is no longer there.
-        const QVector<Handler> handlers = m_waiting.take(name);
-        if (uid.isError() || handlers.isEmpty())
-            return;
-        const Caller caller{name, uid.value()};
-        m_users.insert(name, caller.uid);
-        for (const Handler &handle : handlers)
-            handle(caller);
-    });
+    waiting.callers = this;
+    waiting.name = name;
+    if (sd_bus_call_method_async(m_bus, &waiting.question, Bus, BusPath, Bus, "GetConnectionUnixUser", handleAnswer,
+                                 &waiting, "s", name)
+        < 0)
+        m_waiting.erase(name);
     return true;
 }
 
-void Callers::handleOwnerChange(const QString &name, const QString &, const QString &after)
+int Callers::handleAnswer(sd_bus_message *answer, void *waiting, sd_bus_error *)
 {
-    if (!after.isEmpty())
-        return;
-    m_waiting.remove(name);
-    if (m_users.remove(name) > 0)
-        Q_EMIT gone(name);
+    auto *const object = static_cast<Waiting *>(waiting);
+    Callers *const self = object->callers;
+    const Caller none;
+    Caller caller{QString::fromLatin1(object->name), none.uid};
+    const QByteArray name = object->name;
+    const QVector<Handler> handlers = object->handlers;
+    sd_bus_slot_unref(object->question);
+    self->m_waiting.erase(name);
+    // An error means that the caller has gone.
+    if (sd_bus_message_is_method_error(answer, nullptr) > 0 || sd_bus_message_read(answer, "u", &caller.uid) <= 0)
+        return 0;
+    self->m_callers.insert(name, caller);
+    for (const Handler &handle : handlers)
+        handle(caller);
+    return 0;
+}
+
+int Callers::handleOwnerChange(sd_bus_message *signal, void *callers, sd_bus_error *)
+{
+    const char *name = nullptr;
+    if (sd_bus_message_read(signal, "sss", &name, nullptr, nullptr) > 0)
+        static_cast<Callers *>(callers)->forget(name);
+    return 0;
+}
+
+void Callers::forget(const QByteArray &name)
+{
+    const auto waiting = m_waiting.find(name);
+    if (waiting != m_waiting.end()) {
+        sd_bus_slot_unref(waiting->second.question);
+        m_waiting.erase(waiting);
+    }
+    if (m_callers.remove(name) > 0)
+        Q_EMIT gone(QString::fromLatin1(name));
 }

@@ -4,12 +4,15 @@
 
 #include "attempt.h"
 
-#include <QDBusConnection>
 #include <QHash>
 #include <QObject>
 #include <QVector>
 
 #include <functional>
+#include <map>
+#include <optional>
+
+#include <systemd/sd-bus.h>
 
 /// Who the service's callers are, and when they leave.
 class Callers : public QObject
@@ -19,22 +22,37 @@ class Callers : public QObject
 public:
     using Handler = std::function<void(const Caller &)>;
 
-    explicit Callers(const QDBusConnection &bus);
+    /// On `bus`, which must outlive this object.
+    explicit Callers(sd_bus *bus);
+    ~Callers() override;
 
-    /// Has `handler` called as soon as it is known whose the connection `name` is: at once when it has called before,
-    /// never when it has gone. False when too many calls of the connection wait for that.
-    bool identify(const QString &name, const Handler &handler);
+    /// Whose the connection `name` is, when that is known.
+    std::optional<Caller> find(const char *name) const;
+    /// Has `handler` called as soon as it is known whose the connection `name` is, never when it has gone. False when
+    /// too many calls of the connection wait for that.
+    bool identify(const char *name, const Handler &handler);
 
 Q_SIGNALS:
     /// The connection has left the bus.
     void gone(const QString &name);
 
-private Q_SLOTS:
-    void handleOwnerChange(const QString &name, const QString &before, const QString &after);
-
 private:
-    QDBusConnection m_bus;
-    /// The user ids of the connections that have called.
-    QHash<QString, uint> m_users;
-    QHash<QString, QVector<Handler>> m_waiting;
+    static int handleAnswer(sd_bus_message *answer, void *waiting, sd_bus_error *);
+    static int handleOwnerChange(sd_bus_message *signal, void *callers, sd_bus_error *);
+
+    /// Calls that wait for the bus to say whose the connection is.
+    struct Waiting
+    {
+        Callers *callers = nullptr;
+        QByteArray name;
+        QVector<Handler> handlers;
+        sd_bus_slot *question = nullptr;
+    };
+    void forget(const QByteArray &name);
+
+    sd_bus *const m_bus;
+    sd_bus_slot *m_ownerChanges = nullptr;
+    /// The connections that have called.
+    QHash<QByteArray, Caller> m_callers;
+    std::map<QByteArray, Waiting> m_waiting;
 };

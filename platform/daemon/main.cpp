@@ -93,8 +93,8 @@ int run(const Settings &settings)
     const MethodOptions options(&methods, &accounts);
     Sessions sessions;
     Authenticator authenticator(&methods, &accounts, &locks, &sessions, settings.attemptTimeout);
-    AuthService service(bus.connection(), &methods, &options, &authenticator);
-    switch (bus.claim(&service)) {
+    AuthService service(&bus, &methods, &options, &authenticator);
+    switch (bus.claim()) {
     case SystemBus::Claimed:
         break;
     case SystemBus::Taken:
@@ -104,7 +104,8 @@ int run(const Settings &settings)
         Log::write(Log::Error, "name-refused", {{"error", bus.error()}});
         return NoName;
     }
-    authenticator.resumeSessions(sessions.resume(bus.connection()));
+    authenticator.resumeSessions(sessions.resume(QDBusConnection::systemBus()));
+    bus.start();
     Log::write(Log::Info, "ready", {{"version", QCoreApplication::applicationVersion()}});
     Systemd::tellReady();
     const int result = QCoreApplication::exec();

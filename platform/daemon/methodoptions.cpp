@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "methodoptions.h"
 
+#include "busvalues.h"
 #include "clientprocesses.h"
 #include "errors.h"
 #include "log.h"
@@ -9,7 +10,6 @@
 
 #include <authd/validationscope.h>
 
-#include <QDBusMetaType>
 #include <QDBusVariant>
 
 namespace {
@@ -25,11 +25,6 @@ QVariant converted(const QVariant &value, const QVariant &model)
 }
 
 } // namespace
-
-bool isTransferable(const QVariant &value)
-{
-    return value.isValid() && QDBusMetaType::typeToSignature(value.userType());
-}
 
 MethodOptions::MethodOptions(const Methods *methods, const Accounts *accounts)
     : m_methods(methods)
@@ -125,5 +120,5 @@ QVariant MethodOptions::currentValue(uint reader, uint uid, const QString &metho
         value = plugin.getOption(uid, option);
     if (!value.isValid() || value.userType() != model.userType())
         value = plugin.getOptionInternal(uid, option);
-    return isTransferable(value) ? value : model;
+    return BusValues::isWritable(value) ? value : model;
 }

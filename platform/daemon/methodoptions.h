@@ -36,6 +36,3 @@ private:
     /// The method-wide options that only the method writes, as method and option.
     QSet<QPair<QString, QString>> m_clients;
 };
-
-/// Whether the bus can carry the value.
-bool isTransferable(const QVariant &value);

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "authenticator.h"
 
+#include "busvalues.h"
 #include "lockstore.h"
 #include "log.h"
 #include "methodoptions.h"
@@ -174,6 +175,6 @@ void Authenticator::optionChanged(const QString &method, uint uid, const QString
 {
     Log::write(Log::Info, "option-changed",
                {{"method", method}, {"uid", uid}, {"option", option}, {"computed", computed}});
-    if (isTransferable(value))
+    if (BusValues::isWritable(value))
         Q_EMIT optionHasChanged(uid, method, option, value);
 }

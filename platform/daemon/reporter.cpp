@@ -6,17 +6,15 @@
 #include "errors.h"
 #include "methodoptions.h"
 #include "servicelimits.h"
+#include "systembus.h"
 
-#include <authd/authservice.h>
 #include <authd/vocabulary.h>
 
-#include <QDBusMessage>
 #include <QDBusVariant>
 
-namespace AuthService = LibAuthd::AuthService;
 namespace Vocabulary = LibAuthd::Vocabulary;
 
-Reporter::Reporter(const QDBusConnection &bus, const Authenticator *authenticator, const MethodOptions *options)
+Reporter::Reporter(const SystemBus *bus, const Authenticator *authenticator, const MethodOptions *options)
     : m_bus(bus)
     , m_options(options)
 {
@@ -72,16 +70,10 @@ Reporter::Audience Reporter::rootAnd(uint uid)
 void Reporter::send(const QString &member, const QVariantList &arguments, const Audience &audience,
                     const QString &caller) const
 {
-    const auto tell = [&](const QString &name) {
-        QDBusMessage signal =
-            QDBusMessage::createTargetedSignal(name, AuthService::ObjectPath, AuthService::Interface, member);
-        signal.setArguments(arguments);
-        m_bus.send(signal);
-    };
     if (!caller.isEmpty())
-        tell(caller);
+        m_bus->sendSignal(caller, member, arguments);
     for (auto subscriber = m_subscribers.cbegin(); subscriber != m_subscribers.cend(); ++subscriber) {
         if (subscriber.key() != caller && audience(subscriber.value()))
-            tell(subscriber.key());
+            m_bus->sendSignal(subscriber.key(), member, arguments);
     }
 }

@@ -6,7 +6,6 @@
 #include "reply.h"
 #include "userstates.h"
 
-#include <QDBusConnection>
 #include <QHash>
 #include <QObject>
 
@@ -14,6 +13,7 @@
 
 class Authenticator;
 class MethodOptions;
+class SystemBus;
 
 /// Tells the service's callers what happens: each those things that concern it, by signals to it alone. What is about a
 /// user goes to the subscribers that are the user's or root's, and what is about an attempt also to its caller.
@@ -23,7 +23,7 @@ class Reporter : public QObject
 
 public:
     /// Reports what `authenticator` tells. All must outlive this object.
-    Reporter(const QDBusConnection &bus, const Authenticator *authenticator, const MethodOptions *options);
+    Reporter(const SystemBus *bus, const Authenticator *authenticator, const MethodOptions *options);
 
     /// Has the caller told of what concerns its user.
     Reply subscribe(const Caller &caller);
@@ -38,7 +38,7 @@ private:
     static Audience rootAnd(uint uid);
     void reportOption(uint uid, const QString &method, const QString &option, const QVariant &value) const;
 
-    const QDBusConnection m_bus;
+    const SystemBus *const m_bus;
     const MethodOptions *const m_options;
     /// The subscribed connections with their users.
     QHash<QString, uint> m_subscribers;

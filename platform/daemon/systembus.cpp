@@ -2,64 +2,135 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "systembus.h"
 
+#include "busvalues.h"
+
 #include <authd/authservice.h>
 
-#include <QDBusConnectionInterface>
-#include <QDBusError>
-#include <QDBusReply>
+#include <QAbstractEventDispatcher>
 #include <QDeadlineTimer>
 #include <QThread>
 
+#include <cerrno>
 #include <chrono>
+#include <ctime>
+#include <poll.h>
+
+namespace AuthService = LibAuthd::AuthService;
 
 namespace {
 
-const QString connectionName = QStringLiteral("authd");
 constexpr std::chrono::seconds Patience{5};
 /// How often to try for the name, in milliseconds.
 constexpr unsigned long ClaimInterval = 50;
+/// How many messages to work on before others have their turn in the event loop.
+constexpr int MessagesAtOnce = 32;
+
+/// Microseconds on the clock by which the library counts.
+uint64_t now()
+{
+    constexpr uint64_t microsecondsPerSecond = 1000000;
+    constexpr uint64_t nanosecondsPerMicrosecond = 1000;
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return uint64_t(time.tv_sec) * microsecondsPerSecond + uint64_t(time.tv_nsec) / nanosecondsPerMicrosecond;
+}
 
 } // namespace
 
 SystemBus::~SystemBus()
 {
-    QDBusConnection::disconnectFromBus(connectionName);
+    sd_bus_flush_close_unref(m_bus);
 }
 
 bool SystemBus::open()
 {
-    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName);
-    if (!bus.isConnected()) {
-        m_error = bus.lastError().message();
-        QDBusConnection::disconnectFromBus(connectionName);
-        return false;
-    }
-    bus.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"), QStringLiteral("org.freedesktop.DBus.Local"),
-                QStringLiteral("Disconnected"), this, SIGNAL(lost()));
-    return true;
+    const int result = sd_bus_open_system(&m_bus);
+    // The handshake is waited for here.
+    sd_bus_message *reply = nullptr;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    const int answer = result < 0 ? result
+                                  : sd_bus_call_method(m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                       "org.freedesktop.DBus", "GetId", &error, &reply, "");
+    sd_bus_message_unref(reply);
+    sd_bus_error_free(&error);
+    if (answer >= 0)
+        return true;
+    m_error = qt_error_string(-answer);
+    m_bus = sd_bus_close_unref(m_bus);
+    return false;
 }
 
-QDBusConnection SystemBus::connection() const
+SystemBus::Claim SystemBus::claim()
 {
-    return QDBusConnection(connectionName);
-}
-
-SystemBus::Claim SystemBus::claim(QObject *object)
-{
-    QDBusConnection bus = connection();
-    bus.registerObject(LibAuthd::AuthService::ObjectPath, object, QDBusConnection::ExportAdaptors);
     const QDeadlineTimer deadline(Patience);
     for (;;) {
-        const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
-            bus.interface()->registerService(LibAuthd::AuthService::Service);
-        if (!reply.isValid()) {
-            m_error = reply.error().message();
+        const int result = sd_bus_request_name(m_bus, AuthService::Service.data(), 0);
+        if (result >= 0 || result == -EALREADY)
+            return Claimed;
+        if (result != -EEXIST) {
+            m_error = qt_error_string(-result);
             return Refused;
         }
-        if (reply.value() == QDBusConnectionInterface::ServiceRegistered)
-            return Claimed;
         if (deadline.hasExpired())
             return Taken;
         QThread::msleep(ClaimInterval);
     }
+}
+
+void SystemBus::start()
+{
+    m_timer.setSingleShot(true);
+    connect(&m_timer, &QTimer::timeout, this, &SystemBus::work);
+    m_readable.reset(new QSocketNotifier(sd_bus_get_fd(m_bus), QSocketNotifier::Read));
+    m_writable.reset(new QSocketNotifier(sd_bus_get_fd(m_bus), QSocketNotifier::Write));
+    connect(m_readable.data(), &QSocketNotifier::activated, this, &SystemBus::work);
+    connect(m_writable.data(), &QSocketNotifier::activated, this, &SystemBus::work);
+    // What others send may leave something to be written.
+    connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, this, &SystemBus::watch);
+    m_timer.start(0);
+}
+
+void SystemBus::work()
+{
+    if (m_isLost)
+        return;
+    int result = 1;
+    for (int i = 0; i < MessagesAtOnce && result > 0; ++i)
+        result = sd_bus_process(m_bus, nullptr);
+    if (result < 0 || sd_bus_is_open(m_bus) <= 0) {
+        m_isLost = true;
+        m_timer.stop();
+        m_readable->setEnabled(false);
+        m_writable->setEnabled(false);
+        Q_EMIT lost();
+        return;
+    }
+    if (result > 0)
+        m_timer.start(0);
+}
+
+void SystemBus::watch()
+{
+    if (m_isLost)
+        return;
+    m_writable->setEnabled((sd_bus_get_events(m_bus) & POLLOUT) != 0);
+    uint64_t time = 0;
+    if (sd_bus_get_timeout(m_bus, &time) <= 0 || time == UINT64_MAX)
+        return;
+    constexpr uint64_t microsecondsPerMillisecond = 1000;
+    const uint64_t present = now();
+    const int wait = time <= present ? 0 : int((time - present) / microsecondsPerMillisecond) + 1;
+    if (!m_timer.isActive() || m_timer.remainingTime() > wait)
+        m_timer.start(wait);
+}
+
+void SystemBus::sendSignal(const QString &name, const QString &member, const QVariantList &arguments) const
+{
+    sd_bus_message *signal = nullptr;
+    if (sd_bus_message_new_signal(m_bus, &signal, AuthService::ObjectPath.data(), AuthService::Interface.data(),
+                                  member.toLatin1().constData())
+            >= 0
+        && BusValues::append(signal, arguments) >= 0)
+        sd_bus_send_to(m_bus, signal, name.toLatin1().constData(), nullptr);
+    sd_bus_message_unref(signal);
 }

@@ -29,6 +29,9 @@ const uint dave = 1003; // Has no shell to log in with.
 const QString serviceError = QStringLiteral("qarv.AuthService.Error.");
 const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
 constexpr char flood[] = "--flood";
+const QString callsFlood = QStringLiteral("calls");
+const QString attemptsFlood = QStringLiteral("attempts");
+const QString hugeFlood = QStringLiteral("huge calls");
 constexpr int callsByDefault = 3000;
 
 QVariantMap password(const QString &text)
@@ -50,22 +53,39 @@ QDBusMessage methodCall(const QString &member, const QVariantList &arguments)
     return call;
 }
 
-/// Calls all that an ordinary user may, without end and without waiting for answers.
-int floodService(uint uid)
+/// Calls without end and without waiting for answers, in one of the ways below.
+int floodService(uint uid, const QString &way)
 {
     const QDBusConnection bus = QDBusConnection::systemBus();
-    const QVector<QDBusMessage> calls = {
+    QVector<QDBusMessage> calls = {
         methodCall(QStringLiteral("GetMethods"), {}),
         methodCall(QStringLiteral("GetState"), {uid}),
-        methodCall(QStringLiteral("Authenticate"), {uid, kavetMethod, password(QStringLiteral("never"))}),
         methodCall(QStringLiteral("GetMethodOptions"), {kavetMethod}),
         methodCall(QStringLiteral("GetUserMethodOptions"), {uid, kavetMethod}),
         methodCall(QStringLiteral("Unlock"), {uid}),
         methodCall(QStringLiteral("Subscribe"), {}),
         methodCall(QStringLiteral("Cancel"), {qulonglong(1)}),
+        QDBusMessage::createMethodCall(QStringLiteral("qarv.AuthService"), QStringLiteral("/qarv/AuthService"),
+                                       QStringLiteral("org.freedesktop.DBus.Introspectable"),
+                                       QStringLiteral("Introspect")),
     };
     // As many as the service is to stand.
-    constexpr int callsPerSecond = 10000;
+    int callsPerSecond = 10000;
+    if (way == attemptsFlood) {
+        calls << methodCall(QStringLiteral("Authenticate"), {uid, kavetMethod, password(QStringLiteral("never"))});
+    } else if (way == hugeFlood) {
+        callsPerSecond = 20;
+        QVariantMap entries;
+        QStringList list;
+        for (int i = 0; i < 100000; ++i) {
+            entries.insert(QString::number(i), uchar(1));
+            list << QString();
+        }
+        calls = {methodCall(QStringLiteral("Authenticate"), {uid, kavetMethod, entries}),
+                 methodCall(QStringLiteral("SetUserMethodOption"),
+                            {uid, kavetMethod, QStringLiteral("attempts"), variant(list)}),
+                 methodCall(QStringLiteral("GetMethodInfo"), {QString(1000000, QLatin1Char('x'))})};
+    }
     QElapsedTimer clock;
     clock.start();
     for (qint64 sent = 0;; ++sent) {
@@ -122,6 +142,7 @@ private Q_SLOTS:
     void tooManySubscribers();
     void tooMuchData_data();
     void tooMuchData();
+    void flooding_data();
     void flooding();
     void randomCalls();
 
@@ -345,8 +366,18 @@ void TstHostileUsers::tooMuchData()
     QCOMPARE(TestDevice::launches().size(), 0);
 }
 
+void TstHostileUsers::flooding_data()
+{
+    QTest::addColumn<int>("limit"); // For the beginning of another user's login, in milliseconds.
+    QTest::newRow(qPrintable(callsFlood)) << 200;
+    QTest::newRow(qPrintable(hugeFlood)) << 200;
+    // Whoever has the turn may keep it for a while.
+    QTest::newRow(qPrintable(attemptsFlood)) << 5000;
+}
+
 void TstHostileUsers::flooding()
 {
+    QFETCH(int, limit);
     // The client is there, so that the daemon is all that a login waits for.
     Reports reports(*m_root);
     const auto login = [&] {
@@ -360,36 +391,49 @@ void TstHostileUsers::flooding()
                 return reports.texts.contains(QStringLiteral("StateChanged(1000, pending, {method=kavet})"));
             },
             20000);
-        return isDone ? clock.elapsed() : qint64(-1);
+        const qint64 elapsed = clock.elapsed();
+        const bool hasEnded = QTest::qWaitFor([this] { return state(alice) == QLatin1String("authenticated"); }, 20000);
+        return isDone && hasEnded ? elapsed : qint64(-1);
+    };
+    const auto memory = [this] {
+        const QByteArray status = TestDevice::readFile(QStringLiteral("/proc/%1/status").arg(m_authd.pid()));
+        return status.mid(status.indexOf("VmRSS:") + 6, 32).simplified().split(' ').first().toInt(); // KiB
+    };
+    const auto middle = [](QVector<qint64> values) {
+        std::sort(values.begin(), values.end());
+        return values.at(values.size() / 2);
     };
     QVERIFY(login() >= 0);
-    QTRY_COMPARE(state(alice), QStringLiteral("authenticated"));
+    const int memoryBefore = memory();
 
     QProcess attacker;
     attacker.start(QStringLiteral("setpriv"), {QStringLiteral("--reuid=bob"), QStringLiteral("--clear-groups"),
-                                               QCoreApplication::applicationFilePath(), QString::fromLatin1(flood)});
+                                               QCoreApplication::applicationFilePath(), QString::fromLatin1(flood),
+                                               QString::fromLatin1(QTest::currentDataTag())});
     QVERIFY(attacker.waitForStarted());
     QVERIFY(QTest::qWaitFor([&attacker] { return attacker.readAllStandardOutput().contains("flooding"); }, 60000));
-    // The call is answered in this time, whoever has the turn at the moment.
-    QVector<qint64> waits;
-    for (int i = 0; i < 20; ++i) {
-        QElapsedTimer clock;
-        clock.start();
-        QCOMPARE(m_root->error(QStringLiteral("GetState"), {alice}), QString());
-        waits << clock.elapsed();
-        QTest::qWait(20);
+    QVector<qint64> answers;
+    QVector<qint64> logins;
+    for (int i = 0; i < 5; ++i) {
+        for (int j = 0; j < 5; ++j) {
+            QElapsedTimer clock;
+            clock.start();
+            QCOMPARE(m_root->error(QStringLiteral("GetState"), {alice}), QString());
+            answers << clock.elapsed();
+        }
+        logins << login();
+        QVERIFY(logins.constLast() >= 0);
     }
-    std::sort(waits.begin(), waits.end());
-    const qint64 wait = login();
     QCOMPARE(attacker.state(), QProcess::Running);
+    const int growth = memory() - memoryBefore;
     attacker.kill();
     attacker.waitForFinished();
-    qInfo("calls took up to %lld ms, half of them %lld ms; the login began after %lld ms", waits.last(), waits.at(10),
-          wait);
-    // The limit is 200 ms on a machine that has nothing else to do.
-    QVERIFY2(waits.at(10) < 200, qPrintable(QString::number(waits.at(10))));
-    QVERIFY2(wait >= 0 && wait < 5000, qPrintable(QString::number(wait)));
-    QTRY_COMPARE_WITH_TIMEOUT(state(alice), QStringLiteral("authenticated"), 20000);
+    qInfo("half of the calls took %lld ms, half of the logins began after %lld ms; %d KiB more", middle(answers),
+          middle(logins), growth);
+    // What counts is what the daemon has others wait, and not what a machine does that has other work besides.
+    QVERIFY2(middle(answers) < 200, qPrintable(QString::number(middle(answers))));
+    QVERIFY2(middle(logins) < limit, qPrintable(QString::number(middle(logins))));
+    QVERIFY2(growth < 16 * 1024, qPrintable(QString::number(growth)));
     QVERIFY2(m_authd.log().size() < 1024 * 1024, "The log has been flooded, too");
 }
 
@@ -516,8 +560,8 @@ void TstHostileUsers::randomCalls()
 int main(int argc, char *argv[])
 {
     QCoreApplication application(argc, argv);
-    if (argc == 2 && std::strcmp(argv[1], flood) == 0)
-        return floodService(getuid());
+    if (argc == 3 && std::strcmp(argv[1], flood) == 0)
+        return floodService(getuid(), QString::fromLatin1(argv[2]));
     TstHostileUsers test;
     return QTest::qExec(&test, argc, argv);
 }
