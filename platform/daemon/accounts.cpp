@@ -6,15 +6,46 @@
 
 #include <QByteArray>
 #include <QFile>
+#include <QSet>
 #include <QVarLengthArray>
 
 #include <cerrno>
+#include <optional>
 #include <pwd.h>
+#include <sys/stat.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
 
-const QString loginDefinitions = QStringLiteral("/etc/login.defs");
+constexpr char LoginDefinitions[] = "/etc/login.defs";
+constexpr char Shells[] = "/etc/shells";
+
+using Stamp = std::tuple<dev_t, ino_t, off_t, time_t, long, time_t, long>;
+
+/// What another content of the file has another of.
+Stamp stampOf(const char *path)
+{
+    struct stat status = {};
+    if (stat(path, &status) != 0)
+        return {};
+    return {status.st_dev,          status.st_ino,         status.st_size,        status.st_mtim.tv_sec,
+            status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+}
+
+/// What `read` makes of the file, as long as that does not change: it is asked for with each call.
+template <typename Content>
+const Content &contentOf(const char *path, Content (*read)())
+{
+    static std::optional<Stamp> lastStamp;
+    static Content content;
+    const Stamp stamp = stampOf(path);
+    if (lastStamp != stamp) {
+        lastStamp = stamp;
+        content = read();
+    }
+    return content;
+}
 
 /// The user ids that the system gives to people; what shadow's programs assume when the file does not say.
 struct UidRange
@@ -23,10 +54,10 @@ struct UidRange
     uint last = 60000;
 };
 
-UidRange uidRange()
+UidRange readUidRange()
 {
     UidRange range;
-    QFile file(loginDefinitions);
+    QFile file(QString::fromLatin1(LoginDefinitions));
     if (!file.open(QIODevice::ReadOnly))
         return range;
     while (!file.atEnd()) {
@@ -43,16 +74,14 @@ UidRange uidRange()
     return range;
 }
 
-bool isLoginShell(const char *shell)
+QSet<QByteArray> readShells()
 {
-    bool isListed = false;
+    QSet<QByteArray> shells;
     setusershell();
-    while (const char *listed = getusershell()) {
-        if (qstrcmp(listed, shell) == 0)
-            isListed = true;
-    }
+    while (const char *shell = getusershell())
+        shells << shell;
     endusershell();
-    return isListed;
+    return shells;
 }
 
 } // namespace
@@ -68,8 +97,8 @@ bool Accounts::isUser(uint uid) const
         buffer.resize(buffer.size() * 2);
     if (!found || m_rule == All)
         return found;
-    const UidRange range = uidRange();
-    return uid >= range.first && uid <= range.last && isLoginShell(entry.pw_shell);
+    const UidRange &range = contentOf(LoginDefinitions, readUidRange);
+    return uid >= range.first && uid <= range.last && contentOf(Shells, readShells).contains(entry.pw_shell);
 }
 
 Reply Accounts::check(uint uid) const

@@ -12,8 +12,8 @@ constexpr int WaitingCallsPerConnection = 16;
 /// Subscribed connections of an ordinary user.
 constexpr int SubscribersPerUser = 16;
 /// Calls that an ordinary user may make in a second, and at once after a pause.
-constexpr int CallsPerSecond = 1000;
-constexpr int CallBurst = 2000;
+constexpr int CallsPerSecond = 200;
+constexpr int CallBurst = 1000;
 /// Attempts that an ordinary user may open in a second, and at once after a pause.
 constexpr int AttemptsPerSecond = 5;
 constexpr int AttemptBurst = 50;

@@ -30,6 +30,7 @@ const QString serviceError = QStringLiteral("qarv.AuthService.Error.");
 const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
 constexpr char flood[] = "--flood";
 const QString callsFlood = QStringLiteral("calls");
+const QString fastFlood = QStringLiteral("calls as fast as the bus takes them");
 const QString attemptsFlood = QStringLiteral("attempts");
 const QString hugeFlood = QStringLiteral("huge calls");
 constexpr int callsByDefault = 3000;
@@ -71,7 +72,10 @@ int floodService(uint uid, const QString &way)
     };
     // As many as the service is to stand.
     int callsPerSecond = 10000;
-    if (way == attemptsFlood) {
+    if (way == fastFlood) {
+        callsPerSecond = 10000000;
+        calls.resize(4);
+    } else if (way == attemptsFlood) {
         calls << methodCall(QStringLiteral("Authenticate"), {uid, kavetMethod, password(QStringLiteral("never"))});
     } else if (way == hugeFlood) {
         callsPerSecond = 20;
@@ -90,7 +94,7 @@ int floodService(uint uid, const QString &way)
     clock.start();
     for (qint64 sent = 0;; ++sent) {
         bus.send(calls.at(int(sent % calls.size())));
-        if (sent == callsPerSecond) {
+        if (sent == qMin(callsPerSecond, 10000)) {
             std::puts("flooding");
             std::fflush(stdout);
         }
@@ -138,7 +142,10 @@ private Q_SLOTS:
     void unpluggedTokenAtTheLimit();
     void plantedDirectoryAtTheLimit();
     void accountsWithoutLogin();
+    void accountRulesChange_data();
+    void accountRulesChange();
     void everyAccount();
+    void tooManyCalls();
     void tooManySubscribers();
     void tooMuchData_data();
     void tooMuchData();
@@ -304,6 +311,59 @@ void TstHostileUsers::accountsWithoutLogin()
     QVERIFY(!QFile::exists(TestDevice::sharedDirectory));
 }
 
+void TstHostileUsers::accountRulesChange_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<uint>("user");
+    QTest::addColumn<uint>("other");
+    QTest::newRow("shells") << QStringLiteral("/etc/shells") << QByteArray("/usr/sbin/nologin\n") << dave << bob;
+    QTest::newRow("range") << QStringLiteral("/etc/login.defs") << QByteArray("UID_MIN 1001\nUID_MAX 1001\n") << bob
+                           << alice;
+}
+
+void TstHostileUsers::accountRulesChange()
+{
+    QFETCH(QString, path);
+    QFETCH(QByteArray, content);
+    QFETCH(uint, user);
+    QFETCH(uint, other);
+    QCOMPARE(m_root->error(QStringLiteral("GetState"), {other}), QString());
+    const QByteArray before = TestDevice::readFile(path);
+    QVERIFY(TestDevice::writeFile(path, content));
+    const QString ofUser = m_root->error(QStringLiteral("GetState"), {user});
+    const QString ofOther = m_root->error(QStringLiteral("GetState"), {other});
+    QVERIFY(TestDevice::writeFile(path, before));
+    QCOMPARE(ofUser, QString());
+    QCOMPARE(ofOther, serviceError + QStringLiteral("NoSuchUser"));
+    QCOMPARE(m_root->error(QStringLiteral("GetState"), {other}), QString());
+}
+
+void TstHostileUsers::tooManyCalls()
+{
+    const BusUser user(bob);
+    const auto introspect = [&user] {
+        return user.connection()
+            .call(QDBusMessage::createMethodCall(
+                QStringLiteral("qarv.AuthService"), QStringLiteral("/qarv/AuthService"),
+                QStringLiteral("org.freedesktop.DBus.Introspectable"), QStringLiteral("Introspect")))
+            .errorName();
+    };
+    // Also those that the library answers, and those from another connection of the user.
+    int calls = 0;
+    while (calls < 100000 && introspect().isEmpty())
+        ++calls;
+    QVERIFY2(calls >= 900 && calls < 100000, qPrintable(QString::number(calls)));
+    QVERIFY(QTest::qWaitFor([&introspect] { return introspect() == limitsExceeded; }));
+    const BusUser another(bob);
+    another.error(QStringLiteral("GetMethods")); // Tells the daemon whose the connection is.
+    QVERIFY(QTest::qWaitFor([&] {
+        introspect();
+        return another.error(QStringLiteral("GetMethods")) == limitsExceeded;
+    }));
+    QCOMPARE(BusUser(alice).error(QStringLiteral("GetMethods")), QString());
+}
+
 void TstHostileUsers::everyAccount()
 {
     QCOMPARE(m_authd.stop(SIGTERM), 0);
@@ -370,6 +430,7 @@ void TstHostileUsers::flooding_data()
 {
     QTest::addColumn<int>("limit"); // For the beginning of another user's login, in milliseconds.
     QTest::newRow(qPrintable(callsFlood)) << 200;
+    QTest::newRow(qPrintable(fastFlood)) << 200;
     QTest::newRow(qPrintable(hugeFlood)) << 200;
     // Whoever has the turn may keep it for a while.
     QTest::newRow(qPrintable(attemptsFlood)) << 5000;
