@@ -5,11 +5,14 @@
 #include <QtEndian>
 
 #include <algorithm>
+#include <limits>
 
 namespace {
 
 constexpr int maximumMessages = 16; ///< For one request, which has one reply.
 constexpr int maximumShort = 4 * 1024; ///< Bytes of a message that may hold any values, and of any message's header.
+constexpr int maximumText = std::numeric_limits<int>::max(); ///< What counts for it is the limit of the link.
+constexpr int maximumTextList = 272 * 1024; ///< Enough for the longest list of certificates.
 
 // A message's header: a fixed part, then the fields, each of which begins at a multiple of eight bytes.
 constexpr int bodySizeAt = 4;
@@ -21,21 +24,24 @@ const QByteArray signatureField("\x08\x01g\0", 4);
 const QByteArray textSignature("\1s\0", 3);
 const QByteArray textListSignature("\2as\0", 4);
 
-/// Whether the body is a text or a list of texts.
-bool announcesText(const QByteArray &header)
+/// How many bytes the message may have, by the type of its body.
+int maximumSize(const QByteArray &header)
 {
-    bool isText = false;
+    int maximum = 0;
     for (int position = fixedSize; position < header.size(); position += alignment) {
         const QByteArray field = header.mid(position);
         if (!field.startsWith(signatureField))
             continue;
-        // A field that only looks like this one, in the middle of another, must say the same.
         const QByteArray signature = field.mid(signatureField.size());
-        isText = signature.startsWith(textSignature) || signature.startsWith(textListSignature);
-        if (!isText)
-            return false;
+        int allowed = maximumShort;
+        if (signature.startsWith(textSignature))
+            allowed = maximumText;
+        else if (signature.startsWith(textListSignature))
+            allowed = maximumTextList;
+        // What only looks like this field, in the middle of another, allows no more.
+        maximum = maximum == 0 ? allowed : std::min(maximum, allowed);
     }
-    return isText;
+    return std::max(maximum, maximumShort);
 }
 
 } // namespace
@@ -86,7 +92,7 @@ int MessageGate::headerSize() const
 bool MessageGate::admitsMessage() const
 {
     const qint64 size = m_header.size() + qint64(numberAt(bodySizeAt));
-    return m_messages <= maximumMessages && (size <= maximumShort || announcesText(m_header));
+    return m_messages <= maximumMessages && size <= maximumSize(m_header);
 }
 
 quint32 MessageGate::numberAt(int position) const

@@ -6,7 +6,7 @@
 
 /// Follows the D-Bus messages that the client sends. The D-Bus library reads every message into values, whatever it is,
 /// in the one thread that serves the system bus too: a megabyte of small values keeps everybody waiting. So the client
-/// may send only a few messages for each request, and none that is long, save a text or a list of texts.
+/// may send only a few messages for each request, and none that is long, save a text or, less long, a list of texts.
 class MessageGate
 {
 public:

@@ -378,8 +378,9 @@ void TstLinkGuard::messages_data()
                            32);
     const QByteArray sender("\x07\x01s\0\6\0\0\0sender\0\0", 16);
     QTest::newRow("text") << message(500000) << false;
-    QTest::newRow("texts") << message(500000, "as") << false;
-    QTest::newRow("big-endian texts") << message(500000, "as", none, true) << false;
+    QTest::newRow("texts") << message(272 * 1024, "as") << false;
+    QTest::newRow("too many texts") << message(272 * 1024 + 1, "as") << true;
+    QTest::newRow("big-endian texts") << message(200000, "as", none, true) << false;
     QTest::newRow("text with a sender") << message(500000, "s", sender) << false;
     QTest::newRow("short values") << message(4096, "av") << false;
     QTest::newRow("short nothing") << message(40, none) << false;
@@ -405,7 +406,7 @@ void TstLinkGuard::messages()
     Link link;
     QVERIFY(link.make());
     QVERIFY(link.begin());
-    QCOMPARE(sendAll(link.client, data), true);
+    QVERIFY(sendAll(link.client, data) || dropped);
     QByteArray arrived;
     if (!dropped)
         QTRY_COMPARE((arrived += readAll(link.library)).size(), data.size());

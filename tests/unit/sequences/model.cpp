@@ -1050,11 +1050,12 @@ void Model::unwatch(const QString &path)
     m_changedDirectories.remove(path);
 }
 
-/// Whatever stood there when it was watched before.
+/// Whatever stood there when it was watched before. What is no file is not watched.
 void Model::watchAnew(const QString &path)
 {
     unwatch(path);
-    watch(path);
+    if (m_files.value(path).type != File::Planted)
+        watch(path);
 }
 
 // --- Passing from user to user --------------------------------------------------------------------------------------
@@ -1104,14 +1105,11 @@ bool Model::passSharedDirectory()
             aside.insert(left.key(), file);
             continue;
         }
-        // The watch of a file ends when that is moved. That of a directory does not, nor that of what a link leads to.
-        const bool isFollowed = file.type == File::Planted && (file.plant == SymbolicLink || file.plant == Directory);
-        if (!isFollowed) {
-            m_goneInodes << file.inode;
-            if (m_watches.value(left.key(), -1) == file.inode)
-                m_changedFiles << left.key();
-            file.inode = ++m_lastInode;
-        }
+        // The watch of a file ends when that is moved.
+        m_goneInodes << file.inode;
+        if (m_watches.value(left.key(), -1) == file.inode)
+            m_changedFiles << left.key();
+        file.inode = ++m_lastInode;
         present.insert(left.key(), file);
     }
     m_files = present;
@@ -1261,15 +1259,9 @@ void Model::createFile(const QString &path, const File &file)
 void Model::removeFile(const QString &path)
 {
     const File file = m_files.value(path);
-    const bool livesOn = file.type == File::Planted && (file.plant == SymbolicLink || file.plant == HardLink);
-    if (!livesOn)
-        m_goneInodes << file.inode;
-    if (m_watches.value(path, -1) == file.inode) {
-        if (file.type == File::Planted && file.plant == Directory)
-            m_changedDirectories << path;
-        else if (file.type != File::Planted || file.plant != SymbolicLink)
-            m_changedFiles << path;
-    }
+    m_goneInodes << file.inode;
+    if (m_watches.value(path, -1) == file.inode)
+        m_changedFiles << path;
     m_files.remove(path);
     noteDirectory(shared);
 }
