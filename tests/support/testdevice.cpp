@@ -35,11 +35,10 @@ const QString calleesFile = stateDirectory + QStringLiteral("/callees");
 QVector<QJsonDocument> journal(const QString &path)
 {
     QVector<QJsonDocument> entries;
-    const QList<QByteArray> lines = TestDevice::readFile(path).split('\n');
-    for (const QByteArray &line : lines) {
-        if (!line.isEmpty())
-            entries << QJsonDocument::fromJson(line);
-    }
+    QList<QByteArray> lines = TestDevice::readFile(path).split('\n');
+    lines.removeLast(); // Empty, or what has been written so far of a line.
+    for (const QByteArray &line : qAsConst(lines))
+        entries << QJsonDocument::fromJson(line);
     return entries;
 }
 
