@@ -127,7 +127,7 @@ private:
 void TstSession::initTestCase()
 {
     m_passwords = readFile(passwdFile);
-    QCOMPARE(QProcess::execute(QStringLiteral(SOURCE_DIR "/device/system-bus"), {}), 0);
+    QCOMPARE(QProcess::execute(QStringLiteral(SYSTEM_BUS), {}), 0);
     QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("wiper"));
     QVERIFY2(bus.isConnected(), qPrintable(bus.lastError().message()));
     QVERIFY(bus.registerObject(QStringLiteral("/qarv/userdata/wiper"), &m_wiper, QDBusConnection::ExportAllSlots));

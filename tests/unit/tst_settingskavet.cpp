@@ -156,7 +156,7 @@ class TstSettingsKavet : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QCOMPARE(QProcess::execute(QStringLiteral(SOURCE_DIR "/device/system-bus"), {}), 0);
+        QCOMPARE(QProcess::execute(QStringLiteral(SYSTEM_BUS), {}), 0);
         m_service.moveToThread(&m_thread);
         m_thread.start();
         QVERIFY(m_service.serve());
