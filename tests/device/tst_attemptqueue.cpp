@@ -485,7 +485,10 @@ void TstAttemptQueue::tooManyAttempts()
 
     // An ordinary user cannot open them without end, one after the other.
     const BusUser user(bob);
-    QTRY_COMPARE(user.error(QStringLiteral("Authenticate"), {bob, puppet, script("")}), limitsExceeded);
+    QString error;
+    for (int i = 0; i < 1000 && error.isEmpty(); ++i) // At once, as the limit grows by a few every second.
+        error = user.error(QStringLiteral("Authenticate"), {bob, puppet, script("")});
+    QCOMPARE(error, limitsExceeded);
 }
 
 QTEST_GUILESS_MAIN(TstAttemptQueue)
