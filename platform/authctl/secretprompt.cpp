@@ -3,9 +3,9 @@
 #include "secretprompt.h"
 
 #include "failure.h"
-#include "heldsignals.h"
 
 #include <common/harmlesstext.h>
+#include <common/heldsignals.h>
 
 #include <array>
 #include <cerrno>

@@ -2,9 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "service.h"
 
-#include "heldsignals.h"
-
 #include <authd/authservice.h>
+#include <common/heldsignals.h>
 #include <daemon/errors.h>
 
 #include <QTimer>

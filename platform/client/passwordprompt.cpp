@@ -2,9 +2,13 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "passwordprompt.h"
 
+#include <common/heldsignals.h>
+
 #include <cerrno>
 #include <cstdio>
+#include <iterator>
 
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -13,8 +17,10 @@ namespace {
 /// Far more than any password.
 constexpr int maximumLine = 4096;
 
-/// Keeps what is typed off the screen for its life. Signal keys are off too, as a program they end would leave the
-/// terminal so.
+constexpr int noSignals = -1;
+
+/// Keeps what is typed off the screen for its life. Meanwhile no key stops the program, which would leave the terminal
+/// so.
 class HiddenInput
 {
 public:
@@ -22,7 +28,8 @@ public:
         : m_terminal(tcgetattr(STDIN_FILENO, &m_before) == 0)
     {
         struct termios hidden = m_before;
-        hidden.c_lflag &= ~tcflag_t(ECHO | ISIG);
+        hidden.c_lflag &= ~tcflag_t(ECHO);
+        hidden.c_cc[VSUSP] = _POSIX_VDISABLE;
         if (m_terminal)
             tcsetattr(STDIN_FILENO, TCSAFLUSH, &hidden);
     }
@@ -41,11 +48,17 @@ private:
     Q_DISABLE_COPY(HiddenInput)
 };
 
-/// One line without its end, straight from the descriptor, so that no copy stays in a stream's buffer.
-bool readLine(QByteArray &line)
+/// One line without its end, straight from the descriptor, so that no copy stays in a stream's buffer. False also when
+/// `signals` becomes readable first.
+bool readLine(QByteArray &line, int signals)
 {
     line.reserve(maximumLine); // Growing would leave copies behind.
     while (line.size() < maximumLine) {
+        struct pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
+        if (poll(sources, std::size(sources), -1) == -1)
+            continue; // Interrupted.
+        if (sources[1].revents != 0)
+            return false;
         char character = 0;
         const ssize_t count = read(STDIN_FILENO, &character, 1);
         if (count == -1 && errno == EINTR)
@@ -61,9 +74,10 @@ bool readLine(QByteArray &line)
 
 bool ask(const char *prompt, QByteArray &line)
 {
+    const HeldSignals held; // Until the terminal is as before.
     const HiddenInput hidden;
     std::fputs(prompt, stderr);
-    return readLine(line);
+    return readLine(line, held.descriptor());
 }
 
 } // namespace
@@ -72,7 +86,7 @@ QString readNewPassword(SecretBytes &password)
 {
     QString unreadable = QStringLiteral("Cannot read a password from standard input");
     if (!isatty(STDIN_FILENO))
-        return readLine(password.bytes()) ? QString() : unreadable;
+        return readLine(password.bytes(), noSignals) ? QString() : unreadable;
 
     SecretBytes again;
     if (!ask("New password: ", password.bytes()) || !ask("The same again: ", again.bytes()))
