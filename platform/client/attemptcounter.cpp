@@ -2,6 +2,10 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "attemptcounter.h"
 
+#include "settingsfile.h"
+
+#include <common/regularfile.h>
+
 #include <QDir>
 #include <QFileInfo>
 #include <QLoggingCategory>
@@ -9,6 +13,7 @@
 #include <QSettings>
 
 #include <algorithm>
+#include <cerrno>
 #include <limits>
 
 #include <fcntl.h>
@@ -24,6 +29,9 @@ const QString ownFile = QStringLiteral(".local/share/tarsk/kavet_client/attempts
 
 /// More than any number has, in bytes.
 constexpr int maximumSize = 32;
+
+/// The count that neither file takes, so that at least this process goes by it.
+int unstored = 0;
 
 QString sharedPath()
 {
@@ -42,13 +50,13 @@ int sharedCount()
 
 int ownCount()
 {
-    QFile file(ownPath());
-    if (!file.exists())
+    const std::optional<std::string> content = readRegularFile(ownPath().toStdString(), 0, maximumSize);
+    if (!content && errno == ENOENT)
         return 0;
     bool isNumber = false;
-    const int count = file.open(QIODevice::ReadOnly) ? file.read(maximumSize).trimmed().toInt(&isNumber) : 0;
+    const int count = content ? QByteArray::fromStdString(*content).trimmed().toInt(&isNumber) : 0;
     if (!isNumber)
-        qWarning("%s holds no number of failed attempts; going by the shared one", qUtf8Printable(file.fileName()));
+        qWarning("%s holds no number of failed attempts; going by the shared one", qUtf8Printable(ownPath()));
     return count;
 }
 
@@ -63,36 +71,47 @@ bool sync(const QString &directory)
     return synced;
 }
 
-bool storeOwn(int count)
+bool replaceOwn(const QByteArray &content)
 {
     const QString directory = QFileInfo(ownPath()).path();
     QSaveFile file(ownPath());
-    return QDir().mkpath(directory) && file.open(QIODevice::WriteOnly)
-           && file.write(QByteArray::number(count) + '\n') != -1 && file.commit() && sync(directory);
+    return QDir().mkpath(directory) && file.open(QIODevice::WriteOnly) && file.write(content) == content.size()
+           && file.flush() // Whose failure commit() would not notice.
+           && file.commit() && sync(directory);
 }
 
-bool storeShared(int count)
+/// Needs no room on the disk, unlike a new file.
+bool overwriteOwn(const QByteArray &content)
 {
-    QSettings settings(sharedPath(), QSettings::NativeFormat);
-    settings.setValue(attemptsKey, count);
-    settings.sync();
-    return settings.status() == QSettings::NoError;
+    QFile file(ownPath());
+    return QFileInfo(ownPath()).isFile()
+           && file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly | QIODevice::Unbuffered)
+           && file.write(content) == content.size() && file.resize(content.size()) && fsync(file.handle()) == 0;
+}
+
+bool storeOwn(int count)
+{
+    const QByteArray content = QByteArray::number(count) + '\n';
+    return replaceOwn(content) || overwriteOwn(content);
 }
 
 void store(int count)
 {
     constexpr char message[] = "Cannot store the number of failed attempts in %s";
-    if (!storeOwn(count))
+    const bool own = storeOwn(count);
+    if (!own)
         qWarning(message, qUtf8Printable(ownPath()));
-    if (!storeShared(count))
+    const bool shared = writeSetting(sharedPath(), attemptsKey, count);
+    if (!shared)
         qWarning(message, qUtf8Printable(sharedPath()));
+    unstored = own || shared ? 0 : count;
 }
 
 } // namespace
 
 int AttemptCounter::count()
 {
-    return std::max({0, sharedCount(), ownCount()});
+    return std::max({0, sharedCount(), ownCount(), unstored});
 }
 
 int AttemptCounter::increase()

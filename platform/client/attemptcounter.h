@@ -10,7 +10,8 @@ class AttemptCounter
 public:
     /// The number of failed attempts. A file that is missing or holds no number counts as 0.
     static int count();
-    /// Counts one more failed attempt; the new count. It is on the disk when the function returns.
+    /// Counts one more failed attempt; the new count. When the function returns it is on the disk, or, when neither
+    /// file can be written, in this process's memory.
     static int increase();
     /// Starts again at 0.
     static void reset();

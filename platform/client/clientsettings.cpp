@@ -2,8 +2,9 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "clientsettings.h"
 
+#include "settingsfile.h"
+
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QHash>
 #include <QLoggingCategory>
@@ -97,11 +98,5 @@ QString ClientSettings::path()
 
 bool ClientSettings::setPasswordHash(const QByteArray &hash)
 {
-    if (!QDir().mkpath(QFileInfo(path()).path()))
-        return false;
-    QSettings settings(path(), QSettings::NativeFormat);
-    settings.setValue(passwordHashKey, QString::fromLatin1(hash));
-    settings.sync();
-    return settings.status() == QSettings::NoError
-           && QFile::setPermissions(path(), QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    return QDir().mkpath(QFileInfo(path()).path()) && writeSetting(path(), passwordHashKey, QString::fromLatin1(hash));
 }

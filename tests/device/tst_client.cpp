@@ -8,10 +8,16 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QRandomGenerator>
+#include <QScopeGuard>
 
 #include <csignal>
+#include <cstdlib>
 
+#include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
 
 namespace {
 
@@ -72,6 +78,8 @@ private Q_SLOTS:
     void setPasswordRefuses();
     void setPasswordOnTerminal_data();
     void setPasswordOnTerminal();
+    void signalsWhileTyping_data();
+    void signalsWhileTyping();
     void changePassword();
 
     void socket();
@@ -98,6 +106,9 @@ private Q_SLOTS:
     void damagedCounter();
     void counterFileStaysTheUsers();
     void counterCannotBeStored();
+    void fullDisk();
+    void inTheWayOfTheOwnCount_data();
+    void inTheWayOfTheOwnCount();
 
     void badCalls_data();
     void badCalls();
@@ -252,6 +263,62 @@ void TstClient::setPasswordOnTerminal()
         QVERIFY(client.start());
         QCOMPARE(client.checkPassword(QString::fromLatin1(first)), success);
     }
+}
+
+void TstClient::signalsWhileTyping_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::addColumn<QByteArray>("key");
+    QTest::newRow("terminate") << SIGTERM << QByteArray();
+    QTest::newRow("hang up") << SIGHUP << QByteArray();
+    QTest::newRow("interrupt") << SIGINT << QByteArray();
+    QTest::newRow("quit") << SIGQUIT << QByteArray();
+    QTest::newRow("interrupt by key") << SIGINT << QByteArray("\x03");
+    QTest::newRow("quit by key") << SIGQUIT << QByteArray("\x1c");
+    // Which must not stop it, either.
+    QTest::newRow("stop by key") << SIGTERM << QByteArray("\x1a");
+}
+
+void TstClient::signalsWhileTyping()
+{
+    QFETCH(int, signal);
+    QFETCH(QByteArray, key);
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    QVERIFY(grantpt(terminal) == 0 && unlockpt(terminal) == 0);
+    const QString name = QString::fromLocal8Bit(ptsname(terminal));
+    // Kept open, so that what is set stays when the client has gone.
+    const int programSide = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    QVERIFY(terminal != -1 && programSide != -1);
+    const auto localModes = [terminal] {
+        struct termios modes = {};
+        tcgetattr(terminal, &modes);
+        return modes.c_lflag;
+    };
+    const auto before = localModes();
+    QVERIFY(before & ECHO);
+
+    QProcess process;
+    ClientFixture::asUser(process, ClientFixture::program, {QStringLiteral("--set-password")});
+    process.setArguments(QStringList{QStringLiteral("--ctty"), process.program()} + process.arguments());
+    process.setProgram(QStringLiteral("setsid"));
+    process.setStandardInputFile(name);
+    process.start();
+    QByteArray shown;
+    QTRY_VERIFY((shown += process.readAllStandardError()).contains("New password: "));
+    QVERIFY(!(localModes() & ECHO));
+    QCOMPARE(write(terminal, "half a passw", 12), ssize_t(12));
+    if (!key.isEmpty())
+        QCOMPARE(write(terminal, key.constData(), size_t(key.size())), ssize_t(key.size()));
+    if (key.isEmpty() || key == "\x1a")
+        kill(pid_t(process.processId()), signal);
+    QVERIFY(process.waitForFinished());
+    // By the signal, as whoever sent it expects.
+    QCOMPARE(process.exitStatus(), QProcess::CrashExit);
+    QCOMPARE(process.exitCode(), signal);
+    QCOMPARE(localModes(), before);
+    QVERIFY(!QFileInfo::exists(ClientFixture::settingsPath));
+    close(programSide);
+    close(terminal);
 }
 
 void TstClient::changePassword()
@@ -488,7 +555,7 @@ void TstClient::ownCount()
     QCOMPARE(ClientFixture::ownAttempts(), QByteArray("6\n"));
     // The way back for who is locked.
     QVERIFY(QFile::remove(ClientFixture::ownCounterPath));
-    QVERIFY(ClientFixture::setAttempts("04"));
+    QVERIFY(ClientFixture::setAttempts("004"));
     QCOMPARE(client.checkPassword(right), success);
     QCOMPARE(ClientFixture::attempts(), 0);
     QCOMPARE(ClientFixture::ownAttempts(), QByteArray("0\n"));
@@ -632,15 +699,102 @@ void TstClient::counterCannotBeStored()
     QCOMPARE(ClientFixture::ownAttempts(), QByteArray("1\n"));
     QVERIFY(TestDevice::setOwner(TestDevice::sharedDirectory, TestDevice::alice, TestDevice::alice));
     QVERIFY(ClientFixture::setAttempts("3"));
-    QVERIFY(TestDevice::setOwner(directory, 0, 0));
-    QCOMPARE(chmod(QFile::encodeName(directory).constData(), 0755), 0);
+    for (const QString &path : {directory, ClientFixture::ownCounterPath})
+        QVERIFY(TestDevice::setOwner(path, 0, 0) && chmod(QFile::encodeName(path).constData(), 0755) == 0);
     QCOMPARE(client.checkPassword(wrong), failed);
     QCOMPARE(ClientFixture::attempts(), 4);
     QCOMPARE(ClientFixture::ownAttempts(), QByteArray("1\n"));
     expected += "tarsk.kavet_client: Cannot store the number of failed attempts in "
                 "/home/alice/.local/share/tarsk/kavet_client/attempts\n";
     QTRY_COMPARE(client.output(), expected);
-    QCOMPARE(client.checkPassword(right), success);
+    // With neither, the client still knows.
+    QVERIFY(TestDevice::setOwner(TestDevice::sharedDirectory, 0, 0));
+    QVERIFY(QFile::remove(ClientFixture::counterPath));
+    for (const QString &answer : {failed, failed, failed, lock})
+        QCOMPARE(client.checkPassword(wrong), answer);
+    QCOMPARE(client.checkPassword(right), lock);
+    QVERIFY(TestDevice::setOwner(TestDevice::sharedDirectory, TestDevice::alice, TestDevice::alice));
+    QCOMPARE(client.checkPassword(right), lock);
+    QCOMPARE(ClientFixture::attempts(), 7);
+}
+
+void TstClient::fullDisk()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    const QByteArray directory = QFile::encodeName(QFileInfo(ClientFixture::ownCounterPath).path());
+    QVERIFY(QDir().mkpath(QString::fromLocal8Bit(directory)));
+    const QByteArray shared = QFile::encodeName(TestDevice::sharedDirectory);
+    const QByteArray settings = QFile::encodeName(QFileInfo(ClientFixture::settingsPath).path());
+    const QByteArray settingsBefore = TestDevice::readFile(ClientFixture::settingsPath);
+    const QByteArrayList all = {directory, shared, settings};
+    for (const QByteArray &path : all)
+        QCOMPARE(mount("full", path.constData(), "tmpfs", 0, "size=64k,uid=1000,gid=1000,mode=700"), 0);
+    const auto unmount = qScopeGuard([&] {
+        for (const QByteArray &path : all)
+            umount2(path.constData(), MNT_DETACH);
+    });
+    QVERIFY(TestDevice::writeFile(ClientFixture::settingsPath, settingsBefore));
+    QVERIFY(TestDevice::setOwner(ClientFixture::settingsPath, TestDevice::alice, TestDevice::alice));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(wrong), failed);
+    for (const QByteArray &path : all) {
+        const QByteArray room(64 * 1024, 'a');
+        TestDevice::writeFile(QString::fromLocal8Bit(path) + QStringLiteral("/filling"), room);
+        QVERIFY(!TestDevice::writeFile(QString::fromLocal8Bit(path) + QStringLiteral("/more"), room));
+    }
+    const QByteArray countsBefore = TestDevice::readFile(ClientFixture::counterPath);
+    const ClientFixture::Result result = ClientFixture::run({QStringLiteral("--set-password")}, "another\n");
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY2(result.error.startsWith("tarsk.kavet_client: Cannot write "), result.error.constData());
+    QCOMPARE(TestDevice::readFile(ClientFixture::settingsPath), settingsBefore);
+    // A client that starts anew knows what the one before has counted.
+    client.process.kill();
+    QVERIFY(client.process.waitForFinished());
+    QStringList answers;
+    for (int i = 0; i < 4; ++i) {
+        ClientFixture next;
+        QVERIFY(next.start());
+        answers << next.checkPassword(wrong);
+        QCOMPARE(ClientFixture::ownAttempts(), QByteArray(QByteArray::number(i + 2) + '\n'));
+    }
+    QCOMPARE(answers, (QStringList{failed, failed, failed, lock}));
+    QCOMPARE(TestDevice::readFile(ClientFixture::counterPath), countsBefore);
+}
+
+void TstClient::inTheWayOfTheOwnCount_data()
+{
+    QTest::addColumn<QString>("what");
+    for (const char *what : {"directory", "FIFO", "device", "link to nothing", "link to itself"})
+        QTest::newRow(what) << QString::fromLatin1(what);
+}
+
+void TstClient::inTheWayOfTheOwnCount()
+{
+    QFETCH(QString, what);
+    QVERIFY(ClientFixture::setPassword(right));
+    QVERIFY(ClientFixture::setAttempts("2"));
+    const QByteArray path = QFile::encodeName(ClientFixture::ownCounterPath);
+    QVERIFY(TestDevice::writeFile(ClientFixture::ownCounterPath, {}) && QFile::remove(ClientFixture::ownCounterPath));
+    for (QString name = QFileInfo(ClientFixture::ownCounterPath).path(); name != QLatin1String("/home/alice");
+         name = QFileInfo(name).path())
+        QVERIFY(TestDevice::setOwner(name, TestDevice::alice, TestDevice::alice));
+    if (what == QLatin1String("directory"))
+        QVERIFY(QDir().mkpath(ClientFixture::ownCounterPath + QStringLiteral("/inner")));
+    else if (what == QLatin1String("FIFO"))
+        QCOMPARE(mkfifo(path.constData(), 0666), 0);
+    else
+        QCOMPARE(::symlink(what == QLatin1String("device")            ? "/dev/zero"
+                           : what == QLatin1String("link to nothing") ? "/nowhere/at/all"
+                                                                      : path.constData(),
+                           path.constData()),
+                 0);
+    ClientFixture client;
+    QVERIFY(client.start());
+    // It goes by the other one, and waits for nothing.
+    for (const QString &answer : {failed, failed, lock})
+        QCOMPARE(client.checkPassword(wrong), answer);
+    QCOMPARE(ClientFixture::attempts(), 5);
 }
 
 void TstClient::badCalls_data()

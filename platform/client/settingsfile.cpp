@@ -1,0 +1,31 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "settingsfile.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+
+#include <cstdio>
+
+// On a full disk QSettings puts an empty file in place of the old one, and reports no error.
+bool writeSetting(const QString &path, const QString &key, const QVariant &value)
+{
+    const QString draft = path + QStringLiteral(".new");
+    QFile::remove(draft);
+    if (QFile::exists(path) && !QFile::copy(path, draft))
+        return false;
+    {
+        QSettings settings(draft, QSettings::NativeFormat);
+        settings.setValue(key, value);
+        settings.sync();
+        if (settings.status() != QSettings::NoError)
+            return false;
+    }
+    const bool written = QFileInfo(draft).size() > 0
+                         && QFile::setPermissions(draft, QFileDevice::ReadOwner | QFileDevice::WriteOwner)
+                         && std::rename(QFile::encodeName(draft).constData(), QFile::encodeName(path).constData()) == 0;
+    if (!written)
+        QFile::remove(draft);
+    return written;
+}
