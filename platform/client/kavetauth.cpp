@@ -5,7 +5,6 @@
 #include "attemptcounter.h"
 #include "clientsettings.h"
 #include "passwordhash.h"
-#include "tokenprocess.h"
 
 #include <QString>
 
@@ -36,11 +35,19 @@ QByteArray answerAt(int attempts, const ClientSettings &settings)
     return failed;
 }
 
+bool isPastLimit(const ClientSettings &settings)
+{
+    return answerAt(AttemptCounter::count(), settings) != failed;
+}
+
 /// The answer that a token's outcome brings; only a wrong PIN is a guess at a secret, and so counts.
 QByteArray answerTo(Tokens::Outcome outcome, const ClientSettings &settings)
 {
     switch (outcome) {
     case Tokens::Success:
+        // Passwords may have been tried meanwhile.
+        if (isPastLimit(settings))
+            return answerAt(AttemptCounter::increase(), settings);
         AttemptCounter::reset();
         return success;
     case Tokens::CertRefused:
@@ -103,8 +110,7 @@ int KavetAuth::checkPassword(sd_bus_message *call, void *object, sd_bus_error *)
     if (settings.authType() == ClientSettings::AuthType::Cert || settings.passwordHash().isEmpty())
         return reply(call, wrongAuthType);
     // Past a limit the password is not even looked at, so that nobody goes on guessing by what happens to the counter.
-    if (answerAt(AttemptCounter::count(), settings) != failed
-        || !PasswordHash::matches(password, settings.passwordHash()))
+    if (isPastLimit(settings) || !PasswordHash::matches(password, settings.passwordHash()))
         return reply(call, answerAt(AttemptCounter::increase(), settings));
     AttemptCounter::reset();
     return reply(call, success);
@@ -125,16 +131,41 @@ int KavetAuth::validateCert(sd_bus_message *call, void *object, sd_bus_error *er
         return reply(call, failed);
     if (settings.authType() == ClientSettings::AuthType::Password)
         return reply(call, wrongAuthType);
-    if (answerAt(AttemptCounter::count(), settings) != failed)
-        return reply(call, answerAt(AttemptCounter::increase(), settings));
     const Message later = self->begin(call, error);
     if (!later)
         return -sd_bus_error_get_errno(error);
-    TokenProcess::validate(self, cert, user, pin, [self, settings, later](Tokens::Outcome outcome, const QByteArray &) {
-        sd_bus_message_append(later.get(), "s", answerTo(outcome, settings).constData());
-        self->send(later);
-    });
+    self->m_pinChecks.push_back({later, TokenProcess::validationRequest(cert, user, pin)});
+    if (self->m_pinChecks.size() == 1)
+        self->nextPinCheck();
     return 1;
+}
+
+void KavetAuth::nextPinCheck()
+{
+    while (!m_pinChecks.empty()) {
+        const PinCheck &check = m_pinChecks.front();
+        const ClientSettings settings;
+        if (isPastLimit(settings)) {
+            finishPinCheck(answerAt(AttemptCounter::increase(), settings));
+        } else if (check.request.deadline.hasExpired()
+                   || sd_bus_is_open(sd_bus_message_get_bus(check.reply.get())) <= 0) {
+            finishPinCheck(moduleFailed);
+        } else {
+            TokenProcess::validate(this, check.request, [this, settings](Tokens::Outcome outcome, const QByteArray &) {
+                finishPinCheck(answerTo(outcome, settings));
+                nextPinCheck();
+            });
+            return;
+        }
+    }
+}
+
+void KavetAuth::finishPinCheck(const QByteArray &answer)
+{
+    const Message reply = m_pinChecks.front().reply;
+    m_pinChecks.pop_front();
+    sd_bus_message_append(reply.get(), "s", answer.constData());
+    send(reply);
 }
 
 int KavetAuth::getCertList(sd_bus_message *call, void *object, sd_bus_error *error)

@@ -2,17 +2,21 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "tokenprocess.h"
+
 #include <QByteArray>
 #include <QObject>
 #include <QVector>
 
+#include <deque>
 #include <memory>
 
 #include <systemd/sd-bus.h>
 
 /// The authentication of the user that the client runs as, as the interface that peers call. Answers are those of the
 /// protocol: success, failed, lock, remove, nousb, connerr, firstcererr, errauthtype. What concerns tokens is answered
-/// later, when it is known.
+/// later, when it is known. PINs are checked one after the other, so that the outcome of each is counted before the
+/// next is tried.
 ///
 /// Passwords and PINs stay in the library's message, which it erases when the call has been handled.
 class KavetAuth : public QObject
@@ -43,6 +47,17 @@ private:
     Message begin(sd_bus_message *call, sd_bus_error *error);
     void send(const Message &reply);
 
+    struct PinCheck
+    {
+        Message reply;
+        TokenProcess::Request request;
+    };
+    /// Begins the first check in the queue for which a token is needed, and answers those before it.
+    void nextPinCheck();
+    /// Answers the first check in the queue and takes it off.
+    void finishPinCheck(const QByteArray &answer);
+
     const QByteArray m_user;
     QVector<sd_bus *> m_tokenCalls; // The connection of each call under way.
+    std::deque<PinCheck> m_pinChecks; // The first one is under way.
 };

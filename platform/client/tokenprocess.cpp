@@ -4,7 +4,6 @@
 
 #include "secret.h"
 
-#include <QFile>
 #include <QProcess>
 #include <QTimer>
 
@@ -43,7 +42,19 @@ private:
     const pid_t m_client = getpid();
 };
 
-void start(QObject *context, const QString &option, const QByteArray &request, const TokenProcess::Callback &done)
+TokenProcess::Request makeRequest(const QByteArray &content)
+{
+    auto file = std::make_unique<QFile>();
+    // Not by the process's own channel, which would keep what is written in memory.
+    const int descriptor = memfd_create("request", MFD_CLOEXEC);
+    if (descriptor == -1 || !file->open(descriptor, QIODevice::ReadWrite, QFileDevice::AutoCloseHandle)
+        || write(descriptor, content.constData(), size_t(content.size())) != content.size())
+        qWarning("Cannot hand a request over: %s", qUtf8Printable(qt_error_string()));
+    return {std::move(file), QDeadlineTimer(timeout)};
+}
+
+void start(QObject *context, const QString &option, const TokenProcess::Request &request,
+           const TokenProcess::Callback &done)
 {
     auto *process = new Helper(context);
     const auto end = [process, done](Tokens::Outcome outcome) {
@@ -61,16 +72,10 @@ void start(QObject *context, const QString &option, const QByteArray &request, c
         if (error == QProcess::FailedToStart)
             end(Tokens::ModuleFailed);
     });
-    QTimer::singleShot(timeout, process, &QProcess::kill);
-
-    // Not through the process's own channel, which would keep what is written in memory.
-    const int descriptor = memfd_create("request", MFD_CLOEXEC);
-    if (descriptor == -1 || write(descriptor, request.constData(), size_t(request.size())) != request.size())
-        qWarning("Cannot hand a request over: %s", qUtf8Printable(qt_error_string()));
-    process->setStandardInputFile(descriptorPath.arg(descriptor));
+    QTimer::singleShot(int(request.deadline.remainingTime()), process, &QProcess::kill);
+    process->setStandardInputFile(descriptorPath.arg(request.file->handle()));
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     process->start(ownProgram, {optionPrefix + option});
-    close(descriptor);
 }
 
 /// Modules are free to print; what they print is not for the caller. The real standard output.
@@ -104,17 +109,22 @@ void TokenProcess::prepare()
     process.waitForStarted();
 }
 
-void TokenProcess::list(QObject *context, const Callback &done)
+TokenProcess::Request TokenProcess::validationRequest(const char *cert, const char *user, const char *pin)
 {
-    start(context, listOption, {}, done);
+    SecretBytes content;
+    content.bytes().reserve(int(qstrlen(cert) + 1 + qstrlen(user) + 1 + qstrlen(pin)));
+    content.bytes().append(cert).append('\0').append(user).append('\0').append(pin);
+    return makeRequest(content.bytes());
 }
 
-void TokenProcess::validate(QObject *context, const char *cert, const char *user, const char *pin, const Callback &done)
+void TokenProcess::list(QObject *context, const Callback &done)
 {
-    SecretBytes request;
-    request.bytes().reserve(int(qstrlen(cert) + 1 + qstrlen(user) + 1 + qstrlen(pin)));
-    request.bytes().append(cert).append('\0').append(user).append('\0').append(pin);
-    start(context, validateOption, request.bytes(), done);
+    start(context, listOption, makeRequest({}), done);
+}
+
+void TokenProcess::validate(QObject *context, const Request &request, const Callback &done)
+{
+    start(context, validateOption, request, done);
 }
 
 int TokenProcess::runList()

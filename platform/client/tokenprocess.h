@@ -4,7 +4,11 @@
 
 #include "tokens.h"
 
+#include <QDeadlineTimer>
+#include <QFile>
+
 #include <functional>
+#include <memory>
 
 class QObject;
 
@@ -23,10 +27,20 @@ using Callback = std::function<void(Tokens::Outcome, const QByteArray &)>;
 /// To be called before there is any secret.
 void prepare();
 
+/// What such a process is asked, in an anonymous file, so that nothing of the PIN stays in memory.
+struct Request
+{
+    std::unique_ptr<QFile> file;
+    QDeadlineTimer deadline; ///< When whoever asked must have an answer.
+};
+
+/// A request of Tokens::validate, which may wait for its turn.
+Request validationRequest(const char *cert, const char *user, const char *pin);
+
 /// Starts Tokens::list; what it writes is the list, empty on failure. The callback does not outlive `context`.
 void list(QObject *context, const Callback &done);
-/// Starts Tokens::validate; keeps nothing of the PIN. The callback does not outlive `context`.
-void validate(QObject *context, const char *cert, const char *user, const char *pin, const Callback &done);
+/// Starts Tokens::validate. The callback does not outlive `context`.
+void validate(QObject *context, const Request &request, const Callback &done);
 
 /// The process's own part; the exit code.
 int runList();

@@ -57,6 +57,15 @@ QStringList helpers(const ClientFixture &client)
         .split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
+int openSockets(const ClientFixture &client)
+{
+    const QFileInfoList descriptors = QDir(QStringLiteral("/proc/%1/fd").arg(client.process.processId()))
+                                          .entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    return int(std::count_if(descriptors.begin(), descriptors.end(), [](const QFileInfo &descriptor) {
+        return descriptor.symLinkTarget().contains(QStringLiteral("socket:"));
+    }));
+}
+
 QByteArray without(QByteArray text, const char *line)
 {
     Q_ASSERT(text.contains(line));
@@ -87,6 +96,7 @@ private Q_SLOTS:
     void listsDefaultFirst();
     void commandLineList();
     void manyCertificates();
+    void tooManyCertificates();
 
     void keyForOnePadding();
     void weakKey();
@@ -120,6 +130,9 @@ private Q_SLOTS:
     void wrongPin();
     void refusedCertDoesNotCount();
     void lockedForTheRightPinToo();
+    void parallelPins();
+    void passwordsMeanwhile();
+    void queuedForNobody();
     void pinBlocked();
     void pinNotAskedFor();
     void defaultCert();
@@ -138,6 +151,8 @@ private Q_SLOTS:
     void peerVanishesMeanwhile();
 
     void noSecrets();
+    void noSecretsWhateverTheEnd_data();
+    void noSecretsWhateverTheEnd();
     void methodAuthenticates();
 
 private:
@@ -306,6 +321,44 @@ void TstClientToken::manyCertificates()
     certs = client.certList();
     QCOMPARE(certs.size(), 202);
     QCOMPARE(certs.removeDuplicates(), 0);
+}
+
+void TstClientToken::tooManyCertificates()
+{
+    constexpr int count = 10000;
+    const QByteArray id("\xca\xfe\x00\x00", 4);
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::putCert(one, QString::fromLatin1(id.toHex()), goodCert()));
+    // The tool would take hours.
+    const QString token =
+        QStringLiteral("/home/alice/tokens/")
+        + QDir(QStringLiteral("/home/alice/tokens")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).value(0)
+        + QLatin1Char('/');
+    QByteArray object;
+    const QStringList files = QDir(token).entryList({QStringLiteral("*.object")});
+    for (const QString &file : files) {
+        if (TestDevice::readFile(token + file).contains(id))
+            object = TestDevice::readFile(token + file);
+    }
+    QVERIFY(!object.isEmpty());
+    for (int i = 1; i < count; ++i) {
+        QByteArray another = object;
+        another.replace(id, QByteArray("\xca\xfe") + char(i / 256) + char(i % 256));
+        const QString name =
+            token + QStringLiteral("00000000-0000-0000-0000-%1.object").arg(i, 12, 10, QLatin1Char('0'));
+        QVERIFY(TestDevice::writeFile(name, another)
+                && TestDevice::setOwner(name, TestDevice::alice, TestDevice::alice));
+    }
+    const QString last = QStringLiteral("pkcs11:token=one;id=%CA%FE%27%0F;type=cert");
+    QVERIFY(set("default-cert", last));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    // As many as the plugin takes, with the default one among them.
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1000);
+    QVERIFY2(certs.constFirst().contains(QStringLiteral("id=%CA%FE%27%0F"), Qt::CaseInsensitive),
+             qPrintable(certs.constFirst()));
+    QTRY_VERIFY(client.output().contains("Of 10000 certificates 1000 are listed"));
 }
 
 void TstClientToken::accepts_data()
@@ -705,7 +758,8 @@ void TstClientToken::labels_data()
     QTest::addColumn<QString>("label");
     for (const char *label :
          {"a label", "a;label", "a=label", "100%", "100%3B", "a/b?c&d#e", "Schlüssel", "鍵", "pin-pad", "my pin-pad",
-          "type=private", "x;type=private", "pkcs11:token=one", "\"quoted\"", "a'b`c\\d"})
+          "type=private", "x;type=private", "pkcs11:token=one", "\"quoted\"", "a'b`c\\d", "two\nlines",
+          "\033[31mred\033[0m", "\a\b\x7f\xc2\x9b", "\u202ereversed"})
         QTest::newRow(label) << QString::fromUtf8(label);
 }
 
@@ -837,6 +891,85 @@ void TstClientToken::lockedForTheRightPinToo()
     QCOMPARE(client.validateCert(cert, ::wrongPin), removal);
     QCOMPARE(ClientFixture::attempts(), 11);
     QVERIFY(!QFileInfo::exists(QStringLiteral("/home/alice/wrong-pins.one")));
+}
+
+void TstClientToken::parallelPins()
+{
+    QVERIFY(set("lock-after", 2));
+    QVERIFY(set("remove-after", 0));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("none"));
+    ClientFixture second;
+    ClientFixture third;
+    QVERIFY(second.reconnect());
+    QVERIFY(third.reconnect());
+    QVector<QDBusPendingReply<QString>> replies;
+    for (int i = 0; i < 4; ++i) {
+        for (ClientFixture *peer : {&client, &second, &third})
+            replies << peer->connection().asyncCall(
+                ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), ::wrongPin}));
+    }
+    QStringList answers;
+    for (QDBusPendingReply<QString> &reply : replies) {
+        reply.waitForFinished();
+        answers << reply.value();
+    }
+    // However many at a time, the token sees no more than the limit allows.
+    QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/wrong-pins.one")), QByteArray("2"));
+    QCOMPARE(answers.count(failed), 1);
+    QCOMPARE(answers.count(lock), replies.size() - 1);
+    QCOMPARE(ClientFixture::attempts(), replies.size());
+    QCOMPARE(client.validateCert(cert, pin), lock);
+}
+
+void TstClientToken::passwordsMeanwhile()
+{
+    QVERIFY(ClientFixture::setPassword(password));
+    QVERIFY(set("lock-after", 2));
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("wait"));
+    const QDBusPendingReply<QString> reply = client.connection().asyncCall(
+        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    QTRY_COMPARE(helpers(client).size(), 1);
+    QCOMPARE(client.checkPassword(QStringLiteral("wrong")), failed);
+    QCOMPARE(client.checkPassword(QStringLiteral("wrong")), lock);
+    // What has been told is not taken back.
+    QVERIFY(makeUnruly("none"));
+    QTRY_VERIFY(reply.isFinished());
+    QCOMPARE(reply.value(), lock);
+    QCOMPARE(ClientFixture::attempts(), 3);
+}
+
+void TstClientToken::queuedForNobody()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("wait"));
+    const QDBusPendingReply<QString> reply = client.connection().asyncCall(
+        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    QTRY_COMPARE(helpers(client).size(), 1);
+    const int before = openSockets(client);
+    {
+        ClientFixture another;
+        QVERIFY(another.reconnect());
+        another.connection().asyncCall(
+            ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), ::wrongPin}));
+        // What comes after it is answered, so it waits.
+        QCOMPARE(another.certList(), QStringList{cert});
+        QVERIFY(openSockets(client) > before);
+    }
+    QTRY_COMPARE(openSockets(client), before);
+    QVERIFY(makeUnruly("none"));
+    QTRY_VERIFY(reply.isFinished());
+    QCOMPARE(reply.value(), success);
+    QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
+    QCOMPARE(ClientFixture::attempts(), 1);
+    QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/wrong-pins.one")), QByteArray("1"));
 }
 
 void TstClientToken::pinBlocked()
@@ -1023,11 +1156,23 @@ void TstClientToken::answersOthersMeanwhile()
     QCOMPARE(client.checkPassword(password), success);
     QCOMPARE(client.certList(), QStringList{cert});
     QVERIFY(!reply.isFinished());
+    // Another one waits for its turn, and no longer than if it had come at once.
+    const QDBusPendingReply<QString> queued = client.connection().asyncCall(
+        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    QCOMPARE(client.checkPassword(password), success);
+    QVERIFY(makeUnruly("stall"));
+    const QDBusPendingReply<QStringList> stalled =
+        client.connection().asyncCall(ClientFixture::request(QStringLiteral("getCertList"), {}));
     // In time for whoever asked.
-    QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished(), 30000);
+    QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished() && queued.isFinished() && stalled.isFinished(), 30000);
     QVERIFY2(reply.isValid(), qPrintable(reply.error().message()));
     QCOMPARE(reply.value(), moduleFailed);
-    QVERIFY(helpers(client).isEmpty());
+    QCOMPARE(queued.value(), moduleFailed);
+    QVERIFY(stalled.isValid());
+    QCOMPARE(stalled.value(), QStringList());
+    QTRY_VERIFY(helpers(client).isEmpty());
+    QCOMPARE(client.checkPassword(password), success);
+    QCOMPARE(ClientFixture::attempts(), 0);
 }
 
 void TstClientToken::floodOfCalls()
@@ -1049,7 +1194,8 @@ void TstClientToken::floodOfCalls()
         replies << client.connection().asyncCall(
             ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
     QTRY_COMPARE(counts(replies, QDBusError::LimitsExceeded), calls - underWay);
-    QCOMPARE(helpers(client).size(), underWay);
+    // One after the other.
+    QCOMPARE(helpers(client).size(), 1);
     QCOMPARE(client.checkPassword(password), success);
 
     // Another peer has its own.
@@ -1059,11 +1205,9 @@ void TstClientToken::floodOfCalls()
     QCOMPARE(another.checkPassword(password), success);
 
     // And so has this one again.
-    const QStringList running = helpers(client);
-    for (const QString &helper : running)
-        kill(helper.toInt(), SIGKILL);
-    QTRY_COMPARE(counts(replies, QDBusError::NoError), underWay);
     QVERIFY(makeUnruly("none"));
+    kill(helpers(client).constFirst().toInt(), SIGKILL);
+    QTRY_COMPARE(counts(replies, QDBusError::NoError), underWay);
     QCOMPARE(client.validateCert(cert, pin), success);
 }
 
@@ -1132,6 +1276,81 @@ void TstClientToken::noSecrets()
     QVERIFY(open.contains("--validate-cert"));
     QVERIFY(!open.contains(part.toUtf8()));
     QCOMPARE(QFileInfo(helper + QStringLiteral("/mem")).ownerId(), 0U);
+}
+
+void TstClientToken::noSecretsWhateverTheEnd_data()
+{
+    QTest::addColumn<QByteArray>("state");
+    QTest::addColumn<QString>("answer");
+    QTest::newRow("right") << QByteArray("right") << success;
+    QTest::newRow("wrong") << QByteArray("none") << failed;
+    QTest::newRow("blocked") << QByteArray("blocked") << lock;
+    QTest::newRow("past the limit") << QByteArray("limit") << lock;
+    QTest::newRow("token absent") << QByteArray("absent") << noToken;
+    QTest::newRow("token removed meanwhile") << QByteArray("remove") << noToken;
+    QTest::newRow("module fails") << QByteArray("error") << moduleFailed;
+    QTest::newRow("module crashes") << QByteArray("crash") << moduleFailed;
+    QTest::newRow("module does not start") << QByteArray("initialize") << moduleFailed;
+    QTest::newRow("no tokens") << QByteArray("password") << QStringLiteral("errauthtype");
+    QTest::newRow("too many calls") << QByteArray("crowded")
+                                    << QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
+    QTest::newRow("waiting for its turn") << QByteArray("queued") << QString();
+    QTest::newRow("caller gone while it waits") << QByteArray("gone queued") << QString();
+    QTest::newRow("caller gone meanwhile") << QByteArray("gone") << QString();
+}
+
+void TstClientToken::noSecretsWhateverTheEnd()
+{
+    QFETCH(QByteArray, state);
+    QFETCH(QString, answer);
+    // The token's own PIN where the outcome depends on it. Long, so that its memory is not soon used for other things.
+    const QString secret = QStringLiteral("16180339887498948482").repeated(10);
+    const bool isRight = answer != failed && answer != lock;
+    const QString tokenPin = isRight ? secret : pin;
+    QVERIFY(SoftTokens::add(one, tokenPin));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert(), QStringLiteral("rsa"), tokenPin));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const QString cert = client.certList().value(0);
+    QVERIFY(!cert.isEmpty());
+
+    ClientFixture another;
+    QVERIFY(another.reconnect());
+    const bool isBusy = state == "crowded" || state == "queued" || state == "gone queued";
+    QVERIFY(makeUnruly(isBusy || state == "gone" ? QByteArray("wait") : state));
+    if (state == "blocked")
+        QVERIFY(TestDevice::writeFile(QStringLiteral("/home/alice/wrong-pins.one"), "3"));
+    else if (state == "limit")
+        QVERIFY(ClientFixture::setAttempts("05"));
+    else if (state == "absent")
+        QVERIFY(SoftTokens::remove());
+    else if (state == "password")
+        QVERIFY(set("auth-type", QStringLiteral("password")));
+    const auto ask = [&cert](ClientFixture &peer, const QString &withPin) {
+        peer.connection().asyncCall(
+            ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), withPin}));
+    };
+    if (isBusy) {
+        ask(client, secret);
+        QTRY_COMPARE(helpers(client).size(), 1);
+    }
+    for (int i = 0; state == "crowded" && i < 4; ++i)
+        ask(another, QStringLiteral("1"));
+    if (!answer.isNull())
+        QCOMPARE(another.validateCert(cert, secret), answer);
+    else
+        ask(another, secret);
+    if (state == "gone")
+        QTRY_COMPARE(helpers(client).size(), 1);
+    // What comes after it is answered, so it has been taken on.
+    QVERIFY(!another.checkPassword(QStringLiteral("any")).isEmpty());
+    if (state.startsWith("gone"))
+        QVERIFY(another.reconnect());
+    QVERIFY(!client.checkPassword(QStringLiteral("any")).isEmpty());
+    QVERIFY(!another.checkPassword(QStringLiteral("any")).isEmpty());
+    for (const QString &part : {secret.left(16), secret.right(16)})
+        QVERIFY(!ClientFixture::memoryHoldsText(client.process.processId(), part));
+    QVERIFY(!client.output().contains(secret.left(16).toUtf8()));
 }
 
 void TstClientToken::methodAuthenticates()

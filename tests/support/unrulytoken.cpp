@@ -9,10 +9,12 @@
 //   crash    the process ends by a signal
 //   exit     the process ends as if all were well
 //   hang     never returns
+//   wait     returns when the file says something else
 //   forge    signs, but another text
 // or at once:
 //   keypad   the device has a keypad of its own, on which the PIN 31415926 is typed at each login
 //   initialize   the module cannot be initialised
+//   stall    initialising the module never returns
 //   print    writes to standard output
 // The count of wrong tries is in the file wrong-pins.LABEL there, with the token's label; a token cannot be unblocked
 // but by removing that.
@@ -32,6 +34,7 @@
 namespace {
 
 constexpr int maximumTries = 3;
+constexpr unsigned pollInterval = 10000; // Microseconds.
 constexpr char softModule[] = "/usr/lib/softhsm/libsofthsm2.so";
 
 CK_FUNCTION_LIST functions;
@@ -71,6 +74,8 @@ CK_RV initialize(void *arguments)
 {
     if (behaviour() == "initialize")
         return CKR_GENERAL_ERROR;
+    while (behaviour() == "stall")
+        pause();
     if (behaviour() == "print") {
         std::puts("pkcs11:token=printed;type=cert");
         std::fflush(stdout);
@@ -123,6 +128,8 @@ CK_RV sign(CK_SESSION_HANDLE session, unsigned char *data, unsigned long size, u
         _exit(EXIT_SUCCESS);
     while (word == "hang")
         pause();
+    while (behaviour() == "wait")
+        usleep(pollInterval);
     if (word == "forge" && signature) // Without a place for it, only its size is asked for.
         data[size - 1] ^= 1;
     return soft->C_Sign(session, data, size, signature, signatureSize);
