@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QtEndian>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <sys/socket.h>
@@ -39,6 +40,25 @@ public:
     bool send(const QByteArray &bytes, int flags = 0) const
     {
         return ::send(m_descriptor, bytes.constData(), size_t(bytes.size()), flags | MSG_NOSIGNAL) == bytes.size();
+    }
+
+    /// Sends bytes with as many file descriptors as the kernel lets pass at a time.
+    bool sendDescriptors(const QByteArray &bytes) const
+    {
+        constexpr int count = 253;
+        alignas(struct cmsghdr) char control[CMSG_SPACE(count * sizeof(int))] = {};
+        struct iovec data = {const_cast<char *>(bytes.constData()), size_t(bytes.size())};
+        struct msghdr message = {};
+        message.msg_iov = &data;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof(control);
+        struct cmsghdr *header = CMSG_FIRSTHDR(&message);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(count * sizeof(int));
+        std::fill_n(reinterpret_cast<int *>(CMSG_DATA(header)), count, m_descriptor);
+        return sendmsg(m_descriptor, &message, MSG_NOSIGNAL) == bytes.size();
     }
 
     /// What has come, after waiting for it; empty when the connection has ended or nothing comes.

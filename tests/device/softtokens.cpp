@@ -6,6 +6,11 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QTest>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
@@ -14,7 +19,8 @@ const QString elsewhere = QStringLiteral("/home/alice/removed");
 const QString configuration = QStringLiteral("/home/alice/softhsm2.conf");
 const QString authorities = QStringLiteral("/home/alice/ca");
 const QString softModule = QStringLiteral("/usr/lib/softhsm/libsofthsm2.so");
-const QString socket = QStringLiteral("/run/user/1000/p11-kit/pkcs11");
+const QString servedSocket = QStringLiteral("/run/user/1000/p11-kit/pkcs11");
+constexpr int patience = 30000; // Milliseconds.
 const QString adminPin = QStringLiteral("99999999");
 
 QString file(const QString &name)
@@ -37,6 +43,18 @@ bool run(const QString &program, const QStringList &arguments)
     qWarning("%s %s failed: %s", qPrintable(program), qPrintable(arguments.join(QLatin1Char(' '))),
              process.readAll().constData());
     return false;
+}
+
+/// Whether somebody listens on a socket.
+bool isServed(const QString &path)
+{
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
+    const bool served = connect(descriptor, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0;
+    close(descriptor);
+    return served;
 }
 
 bool makeDirectory(const QString &path)
@@ -150,10 +168,12 @@ QStringList SoftTokens::environment()
 
 bool SoftTokens::serve(const QString &module)
 {
-    return makeDirectory(QFileInfo(socket).path())
+    return makeDirectory(QFileInfo(servedSocket).path())
            && run(QStringLiteral("p11-kit"),
-                  {QStringLiteral("server"), QStringLiteral("--name"), socket, QStringLiteral("--provider"),
-                   module.isEmpty() ? softModule : module, QStringLiteral("pkcs11:")});
+                  {QStringLiteral("server"), QStringLiteral("--name"), servedSocket, QStringLiteral("--provider"),
+                   module.isEmpty() ? softModule : module, QStringLiteral("pkcs11:")})
+           // The command ends before the server listens.
+           && QTest::qWaitFor([] { return isServed(servedSocket); }, patience);
 }
 
 QByteArray SoftTokens::loginTemplate()

@@ -84,6 +84,9 @@ private Q_SLOTS:
     void foreignersAreNotHeard();
     void nonsense_data();
     void nonsense();
+    void descriptors_data();
+    void descriptors();
+    void hugeArray();
     void connections();
     void silentCrowd();
     void speakingCrowd();
@@ -190,6 +193,53 @@ void TstClientPeers::nonsense()
         QVERIFY(connection.hasEnded());
     }
     QTRY_COMPARE(client.openDescriptors(), descriptors);
+    QCOMPARE(client.checkPassword(right), success);
+    QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClientPeers::descriptors_data()
+{
+    QTest::addColumn<QByteArray>("words");
+    QTest::newRow("in the handshake") << QByteArray("\0AUTH EXTERNAL 30\r\nNEGOTIATE_UNIX_FD\r\n", 38);
+    QTest::newRow("with a call") << RawConnection::handshake + RawConnection::call("checkPassword", {"bob", "any"});
+}
+
+void TstClientPeers::descriptors()
+{
+    QFETCH(QByteArray, words);
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const int descriptors = client.openDescriptors();
+    {
+        const RawConnection connection;
+        QVERIFY(connection.isConnected());
+        QVERIFY(connection.send(words));
+        QVERIFY(connection.receives(words.contains("checkPassword") ? "failed" : "ERROR"));
+        const int served = client.openDescriptors();
+        QVERIFY(connection.sendDescriptors(RawConnection::call("checkPassword", {"bob", "any"})));
+        for (int i = 1; i < 20; ++i) // The client may have ended the connection by now.
+            connection.sendDescriptors(RawConnection::call("checkPassword", {"bob", "any"}));
+        // One after the other, so what came before has been handled.
+        for (int i = 0; i < 3; ++i)
+            QCOMPARE(client.checkPassword(right), success);
+        QVERIFY2(client.openDescriptors() <= served, qPrintable(QString::number(client.openDescriptors())));
+    }
+    QTRY_COMPARE(client.openDescriptors(), descriptors);
+    QCOMPARE(client.checkPassword(right), success);
+}
+
+void TstClientPeers::hugeArray()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    QStringList texts;
+    for (int i = 0; i < 500000; ++i)
+        texts << QStringLiteral("text");
+    for (const char *method : {"checkPassword", "validateCert", "getCertList", "openDoor"}) {
+        const QDBusMessage reply = client.call(ClientFixture::request(QLatin1String(method), {texts}));
+        QCOMPARE(reply.type(), QDBusMessage::ErrorMessage);
+    }
     QCOMPARE(client.checkPassword(right), success);
     QCOMPARE(ClientFixture::attempts(), 0);
 }

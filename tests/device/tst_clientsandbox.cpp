@@ -46,6 +46,9 @@ const QString report = TestDevice::sharedDirectory + QStringLiteral("/report.jso
 const QString cardService = QStringLiteral("/run/pcscd/pcscd.comm");
 const QString tokenServer = QStringLiteral("/run/user/1000/p11-kit/pkcs11");
 
+/// Longer than the client takes to give up a token, in milliseconds.
+constexpr int patience = 30000;
+
 bool setPermissions(const QStringList &permissions)
 {
     return TestDevice::writeManifest(QStringLiteral("tarsk"), QStringLiteral("kavet_client"), client, permissions);
@@ -95,7 +98,7 @@ struct SandboxFixture : MethodFixture
     bool link()
     {
         method.authenticate(TestDevice::alice, {});
-        return QTest::qWaitFor([this] { return !daemon.outcomes().isEmpty(); }, 20000)
+        return QTest::qWaitFor([this] { return !daemon.outcomes().isEmpty(); }, patience)
                && d->clientStage == MethodKavetPrivate::Linked;
     }
 
@@ -112,7 +115,7 @@ struct SandboxFixture : MethodFixture
         };
         const int before = changes().size();
         method.getOption(0, QStringLiteral("certs"));
-        return QTest::qWaitFor([&] { return changes().size() > before; })
+        return QTest::qWaitFor([&] { return changes().size() > before; }, patience)
                    ? changes().constLast().arguments.at(2).toStringList()
                    : QStringList{QStringLiteral("no answer")};
     }
@@ -121,7 +124,7 @@ struct SandboxFixture : MethodFixture
     {
         daemon.calls.clear();
         method.authenticate(TestDevice::alice, {{QStringLiteral("cert"), cert}, {QStringLiteral("pin"), pin}});
-        return QTest::qWaitFor([this] { return !daemon.outcomes().isEmpty(); }, 20000)
+        return QTest::qWaitFor([this] { return !daemon.outcomes().isEmpty(); }, patience)
                    ? daemon.outcomes().constFirst()
                    : RecordingDaemon::Call{QStringLiteral("nothing"), {}};
     }
@@ -218,7 +221,7 @@ void TstClientSandbox::permissionOpensTokensSockets()
     QVERIFY(setPermissions(permissions));
     SandboxFixture fixture;
     fixture.method.authenticate(TestDevice::alice, {});
-    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(report), 20000);
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(report), patience);
     const QJsonObject result = QJsonDocument::fromJson(TestDevice::readFile(report)).object();
     QCOMPARE(result.value(QLatin1String("connect")).toObject(),
              (QJsonObject{{cardService, open}, {tokenServer, open}}));
