@@ -57,6 +57,13 @@ QStringList helpers(const ClientFixture &client)
         .split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
+/// Whether a process that the client has started runs its own program. Before that it must not be killed, since Qt then
+/// may not notice, and it is a copy of the client.
+bool isHelper(const QString &process)
+{
+    return TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(process)).contains("--validate-cert");
+}
+
 int openSockets(const ClientFixture &client)
 {
     const QFileInfoList descriptors = QDir(QStringLiteral("/proc/%1/fd").arg(client.process.processId()))
@@ -325,11 +332,11 @@ void TstClientToken::manyCertificates()
 
 void TstClientToken::tooManyCertificates()
 {
-    constexpr int count = 10000;
+    constexpr int count = 1500;
     const QByteArray id("\xca\xfe\x00\x00", 4);
     QVERIFY(SoftTokens::add(one));
     QVERIFY(SoftTokens::putCert(one, QString::fromLatin1(id.toHex()), goodCert()));
-    // The tool would take hours.
+    // The tool would take minutes.
     const QString token =
         QStringLiteral("/home/alice/tokens/")
         + QDir(QStringLiteral("/home/alice/tokens")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).value(0)
@@ -349,16 +356,16 @@ void TstClientToken::tooManyCertificates()
         QVERIFY(TestDevice::writeFile(name, another)
                 && TestDevice::setOwner(name, TestDevice::alice, TestDevice::alice));
     }
-    const QString last = QStringLiteral("pkcs11:token=one;id=%CA%FE%27%0F;type=cert");
+    const QString last = QStringLiteral("pkcs11:token=one;id=%CA%FE%05%DB;type=cert");
     QVERIFY(set("default-cert", last));
     ClientFixture client;
     QVERIFY(client.start(SoftTokens::environment()));
     // As many as the plugin takes, with the default one among them.
     const QStringList certs = client.certList();
     QCOMPARE(certs.size(), 1000);
-    QVERIFY2(certs.constFirst().contains(QStringLiteral("id=%CA%FE%27%0F"), Qt::CaseInsensitive),
+    QVERIFY2(certs.constFirst().contains(QStringLiteral("id=%CA%FE%05%DB"), Qt::CaseInsensitive),
              qPrintable(certs.constFirst()));
-    QTRY_VERIFY(client.output().contains("Of 10000 certificates 1000 are listed"));
+    QTRY_VERIFY(client.output().contains("Of 1500 certificates 1000 are listed"));
 }
 
 void TstClientToken::accepts_data()
@@ -1205,6 +1212,7 @@ void TstClientToken::floodOfCalls()
     QCOMPARE(another.checkPassword(password), success);
 
     // And so has this one again.
+    QTRY_VERIFY(isHelper(helpers(client).value(0)));
     QVERIFY(makeUnruly("none"));
     kill(helpers(client).constFirst().toInt(), SIGKILL);
     QTRY_COMPARE(counts(replies, QDBusError::NoError), underWay);
@@ -1237,6 +1245,7 @@ void TstClientToken::peerVanishesMeanwhile()
     client.connection().asyncCall(
         ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
     QTRY_COMPARE(helpers(client).size(), 1);
+    QTRY_VERIFY(isHelper(helpers(client).value(0)));
     QVERIFY(client.reconnect());
     kill(helpers(client).constFirst().toInt(), SIGKILL);
     QTRY_VERIFY(helpers(client).isEmpty());
@@ -1265,8 +1274,7 @@ void TstClientToken::noSecrets()
         ClientFixture::request(QStringLiteral("validateCert"), {certs.constFirst(), QStringLiteral("alice"), longPin}));
     QTRY_COMPARE(helpers(client).size(), 1);
     const QString helper = QStringLiteral("/proc/%1").arg(helpers(client).constFirst());
-    // Not what the client is a copy of until it has become the helper.
-    QTRY_VERIFY(TestDevice::readFile(helper + QStringLiteral("/cmdline")).contains("--validate-cert"));
+    QTRY_VERIFY(isHelper(helpers(client).value(0)));
     QTRY_VERIFY(ClientFixture::memoryHolds(helpers(client).constFirst().toInt(), part.toUtf8()));
     // The client has no need of it any more.
     QVERIFY(!ClientFixture::memoryHoldsText(client.process.processId(), part));
