@@ -16,14 +16,14 @@ constexpr char interfaceName[] = "tarsk.kavet_auth";
 /// The calls about tokens that one peer may have under way. Each is a process.
 constexpr int maximumTokenCalls = 4;
 
-const QByteArray success = "success";
-const QByteArray failed = "failed";
-const QByteArray lock = "lock";
-const QByteArray remove = "remove";
-const QByteArray noToken = "nousb";
-const QByteArray moduleFailed = "connerr";
-const QByteArray badDefaultCert = "firstcererr";
-const QByteArray wrongAuthType = "errauthtype";
+const QByteArray success = QByteArrayLiteral("success");
+const QByteArray failed = QByteArrayLiteral("failed");
+const QByteArray lock = QByteArrayLiteral("lock");
+const QByteArray remove = QByteArrayLiteral("remove");
+const QByteArray noToken = QByteArrayLiteral("nousb");
+const QByteArray moduleFailed = QByteArrayLiteral("connerr");
+const QByteArray badDefaultCert = QByteArrayLiteral("firstcererr");
+const QByteArray wrongAuthType = QByteArrayLiteral("errauthtype");
 
 /// The answer that so many failed attempts bring by themselves.
 QByteArray answerAt(int attempts, const ClientSettings &settings)
