@@ -435,7 +435,8 @@ void TstPlanted::storm()
 {
     QFETCH(Attacker::Deeds, turn);
 
-    // 50 ms are to hold on a machine with two cores. A slower one has as much again, and what bob waits without a storm.
+    // 50 ms are to hold on a machine with two cores. A slower one has as much again, and what bob waits without a
+    // storm.
     constexpr int bound = 100000;
     constexpr int calls = 300;
     const auto at99 = [](const QVector<qint64> &times) {
