@@ -3,6 +3,7 @@
 #include "attemptcounter.h"
 
 #include "settingsfile.h"
+#include "unlocks.h"
 
 #include <common/regularfile.h>
 
@@ -15,6 +16,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <optional>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -48,16 +50,29 @@ int sharedCount()
     return QSettings(sharedPath(), QSettings::NativeFormat).value(attemptsKey).toInt();
 }
 
-int ownCount()
+/// What the client's own file holds.
+struct Own
+{
+    int count = 0;
+    /// How often root had unlocked the user by then; absent when that could not be asked.
+    std::optional<uint> unlocks;
+};
+
+Own readOwn()
 {
     const std::optional<std::string> content = readRegularFile(ownPath().toStdString(), 0, maximumSize);
     if (!content && errno == ENOENT)
-        return 0;
+        return {};
+    const QList<QByteArray> words = QByteArray::fromStdString(content.value_or(std::string())).simplified().split(' ');
     bool isNumber = false;
-    const int count = content ? QByteArray::fromStdString(*content).trimmed().toInt(&isNumber) : 0;
+    Own own;
+    own.count = words.value(0).toInt(&isNumber);
     if (!isNumber)
         qWarning("%s holds no number of failed attempts; going by the shared one", qUtf8Printable(ownPath()));
-    return count;
+    const uint unlocks = words.value(1).toUInt(&isNumber);
+    if (isNumber)
+        own.unlocks = unlocks;
+    return own;
 }
 
 /// Has the new name of a file, not only its content, reach the disk.
@@ -89,41 +104,69 @@ bool overwriteOwn(const QByteArray &content)
            && file.write(content) == content.size() && file.resize(content.size()) && fsync(file.handle()) == 0;
 }
 
-bool storeOwn(int count)
+bool storeOwn(const Own &own)
 {
-    const QByteArray content = QByteArray::number(count) + '\n';
+    QByteArray content = QByteArray::number(own.count);
+    if (own.unlocks)
+        content += ' ' + QByteArray::number(*own.unlocks);
+    content += '\n';
     return replaceOwn(content) || overwriteOwn(content);
 }
 
-void store(int count)
+void store(const Own &own)
 {
     constexpr char message[] = "Cannot store the number of failed attempts in %s";
-    const bool own = storeOwn(count);
-    if (!own)
+    const bool isOwnStored = storeOwn(own);
+    if (!isOwnStored)
         qWarning(message, qUtf8Printable(ownPath()));
-    const bool shared = writeSetting(sharedPath(), attemptsKey, count);
-    if (!shared)
+    const bool isSharedStored = writeSetting(sharedPath(), attemptsKey, own.count);
+    if (!isSharedStored)
         qWarning(message, qUtf8Printable(sharedPath()));
-    unstored = own || shared ? 0 : count;
+    unstored = isOwnStored || isSharedStored ? 0 : own.count;
+}
+
+/// The largest count there is.
+Own largest()
+{
+    Own own = readOwn();
+    own.count = std::max({0, sharedCount(), own.count, unstored});
+    return own;
+}
+
+/// The same, after what root has done since.
+Own current()
+{
+    Own own = largest();
+    const std::optional<uint> unlocks = Unlocks::byRoot();
+    if (unlocks && own.unlocks && own.unlocks != unlocks && own.count != 0) {
+        own = {0, unlocks};
+        store(own);
+    }
+    if (unlocks)
+        own.unlocks = unlocks;
+    return own;
 }
 
 } // namespace
 
 int AttemptCounter::count()
 {
-    return std::max({0, sharedCount(), ownCount(), unstored});
+    const int count = largest().count;
+    return count == 0 ? 0 : current().count;
 }
 
 int AttemptCounter::increase()
 {
-    const int before = count();
-    const int after = before == std::numeric_limits<int>::max() ? before : before + 1;
-    store(after);
-    return after;
+    Own own = current();
+    if (own.count != std::numeric_limits<int>::max())
+        ++own.count;
+    store(own);
+    return own.count;
 }
 
 void AttemptCounter::reset()
 {
-    if (count() != 0)
-        store(0);
+    const Own own = largest();
+    if (own.count != 0)
+        store({0, own.unlocks});
 }

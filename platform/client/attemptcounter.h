@@ -3,8 +3,8 @@
 #pragma once
 
 /// The count of failed attempts. It is kept twice: in the per-user file of the shared directory, which the plugin reads
-/// and sets at each launch, and in a file of the client's own, which nothing but a success sets back. The larger
-/// counts.
+/// and sets at each launch, and in a file of the client's own, which nothing but a success and root's unlocking
+/// the user in the authentication service set back. The larger counts.
 class AttemptCounter
 {
 public:

@@ -7,6 +7,7 @@
 #include "passwordprompt.h"
 #include "secret.h"
 #include "tokenprocess.h"
+#include "unlocks.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -113,7 +114,9 @@ int main(int argc, char *argv[])
                                    QStringLiteral("List the certificates on the tokens, as the settings want them."));
     QCommandLineOption validateCert(TokenProcess::validateOption);
     validateCert.setFlags(QCommandLineOption::HiddenFromHelp);
-    parser.addOptions({noGui, setPasswordOption, certs, validateCert});
+    QCommandLineOption unlocks(Unlocks::option);
+    unlocks.setFlags(QCommandLineOption::HiddenFromHelp);
+    parser.addOptions({noGui, setPasswordOption, certs, validateCert, unlocks});
     if (!parser.parse(QCoreApplication::arguments()))
         return fail(parser.errorText(), WrongUsage);
     if (!parser.positionalArguments().isEmpty())
@@ -127,6 +130,8 @@ int main(int argc, char *argv[])
         return fail(QStringLiteral("Run this as the user to authenticate, never as root"), RunAsRoot);
     if (parser.isSet(setPasswordOption))
         return setPassword();
+    if (parser.isSet(unlocks))
+        return Unlocks::run();
     if (parser.isSet(certs))
         return TokenProcess::runList();
     return parser.isSet(validateCert) ? TokenProcess::runValidate() : serve();

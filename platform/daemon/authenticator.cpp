@@ -96,6 +96,7 @@ Reply Authenticator::unlock(uint uid)
     if (check.isError())
         return check;
     catchUp();
+    m_locks->countUnlock(uid);
     if (m_locks->unlock(uid)) {
         Log::write(Log::Notice, "user-unlocked", {{"uid", uid}});
         m_states.set(uid, {}, States::Idle);
@@ -151,6 +152,12 @@ Reply Authenticator::state(uint uid) const
         return check;
     const UserStates::State state = m_states.find(uid);
     return Reply({state.attempt.id, state.name, state.details});
+}
+
+Reply Authenticator::unlocks(uint uid) const
+{
+    Reply check = m_accounts->check(uid);
+    return check.isError() ? check : Reply({m_locks->unlocks(uid)});
 }
 
 void Authenticator::begin(AttemptId id)

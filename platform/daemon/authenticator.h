@@ -48,6 +48,8 @@ public:
     void resumeSessions(const Sessions::Map &sessions);
     /// The state of `uid`: attempt, name and details.
     Reply state(uint uid) const;
+    /// How often root has unlocked `uid`.
+    Reply unlocks(uint uid) const;
 
 Q_SIGNALS:
     void authenticated(const AttemptName &attempt, uint uid, const QString &method);

@@ -89,6 +89,9 @@ void AuthService::addCalls()
     m_calls["GetState"] = [this](Arguments a) {
         return forUser(a, [this, uid = a.at(0).toUInt()](const Caller &) { return m_authenticator->state(uid); });
     };
+    m_calls["GetUnlocks"] = [this](Arguments a) {
+        return forUser(a, [this, uid = a.at(0).toUInt()](const Caller &) { return m_authenticator->unlocks(uid); });
+    };
     m_calls["Unlock"] = [this](Arguments a) {
         return forRoot([this, uid = a.at(0).toUInt()](const Caller &) { return m_authenticator->unlock(uid); });
     };

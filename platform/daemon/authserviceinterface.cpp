@@ -23,6 +23,7 @@ const sd_bus_vtable *authServiceInterface(sd_bus_message_handler_t answer)
         SD_BUS_METHOD_WITH_NAMES("Cancel", "t", IN(attempt), "", "", answer, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD_WITH_NAMES("GetState", "u", IN(uid), "tsa{sv}", OUT(attempt) OUT(state) OUT(details), answer,
                                  SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD_WITH_NAMES("GetUnlocks", "u", IN(uid), "u", OUT(unlocks), answer, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD_WITH_NAMES("Unlock", "u", IN(uid), "", "", answer, SD_BUS_VTABLE_UNPRIVILEGED),
         SD_BUS_METHOD_WITH_NAMES("SessionStarted", "ub", IN(uid) IN(manageClient), "", "", answer,
                                  SD_BUS_VTABLE_UNPRIVILEGED),

@@ -24,6 +24,7 @@ constexpr std::size_t SizeLimit = std::size_t(16) * 1024 * 1024;
 constexpr char Method[] = "method";
 constexpr char Reason[] = "reason";
 constexpr char Until[] = "until";
+constexpr char Unlocks[] = "unlocks";
 
 qint64 now()
 {
@@ -84,6 +85,15 @@ bool LockStore::load(const char *path)
         const uint uid = QByteArray(*group).toUInt(&good);
         if (!good)
             break;
+        const auto has = [&](const char *key) {
+            return g_key_file_has_key(keys, *group, key, nullptr) != FALSE;
+        };
+        if (has(Unlocks)) {
+            m_unlocks.insert(uid, uint(g_key_file_get_uint64(keys, *group, Unlocks, &error)));
+            good = !error;
+            if (!good || (!has(Method) && !has(Reason) && !has(Until)))
+                continue;
+        }
         g_autofree char *method = g_key_file_get_string(keys, *group, Method, &error);
         g_autofree char *reason = error ? nullptr : g_key_file_get_string(keys, *group, Reason, &error);
         const qint64 until = error ? 0 : g_key_file_get_int64(keys, *group, Until, &error);
@@ -122,9 +132,17 @@ bool LockStore::unlock(uint uid)
     return wasLocked;
 }
 
+void LockStore::countUnlock(uint uid)
+{
+    ++m_unlocks[uid];
+    save();
+}
+
 void LockStore::save()
 {
     g_autoptr(GKeyFile) keys = g_key_file_new();
+    for (auto unlocks = m_unlocks.cbegin(); unlocks != m_unlocks.cend(); ++unlocks)
+        g_key_file_set_uint64(keys, QByteArray::number(unlocks.key()).constData(), Unlocks, unlocks.value());
     for (auto lock = m_locks.cbegin(); lock != m_locks.cend(); ++lock) {
         if (!find(lock.key()))
             continue;

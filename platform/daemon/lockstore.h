@@ -40,11 +40,17 @@ public:
     void lock(uint uid, const QString &method, const QString &reason, uint duration);
     /// Takes the lock away; false when there was none.
     bool unlock(uint uid);
+    /// Counts one more time that root has unlocked the user, locked or not.
+    void countUnlock(uint uid);
+    /// How often root has unlocked the user. The number outlives the machine: who keeps a count of failed attempts of
+    /// its own forgets it when the number is another one, and at no other time.
+    uint unlocks(uint uid) const { return m_unlocks.value(uid); }
 
 private:
     bool load(const char *path);
     void save();
 
     QHash<uint, Lock> m_locks;
+    QHash<uint, uint> m_unlocks;
     QTimer m_retry;
 };

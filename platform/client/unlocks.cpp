@@ -1,0 +1,50 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "unlocks.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QProcess>
+
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace {
+
+const QString ownProgram = QStringLiteral("/proc/self/exe");
+const QString service = QStringLiteral("qarv.AuthService");
+const QString object = QStringLiteral("/qarv/AuthService");
+const QString method = QStringLiteral("GetUnlocks");
+constexpr int patience = 1000; // Milliseconds.
+
+} // namespace
+
+const QString Unlocks::option = QStringLiteral("unlocks");
+
+std::optional<uint> Unlocks::byRoot()
+{
+    QProcess process;
+    process.setStandardErrorFile(QProcess::nullDevice());
+    process.start(ownProgram, {QStringLiteral("--") + option}, QIODevice::ReadOnly);
+    if (!process.waitForFinished(patience) || process.exitStatus() != QProcess::NormalExit
+        || process.exitCode() != EXIT_SUCCESS) {
+        process.kill();
+        process.waitForFinished();
+        return std::nullopt;
+    }
+    bool isNumber = false;
+    const uint unlocks = process.readAllStandardOutput().trimmed().toUInt(&isNumber);
+    return isNumber ? std::optional<uint>(unlocks) : std::nullopt;
+}
+
+int Unlocks::run()
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(service, object, service, method);
+    call.setArguments({uint(getuid())});
+    const QDBusMessage answer = QDBusConnection::systemBus().call(call, QDBus::Block, patience);
+    if (answer.type() != QDBusMessage::ReplyMessage || answer.signature() != QLatin1String("u"))
+        return EXIT_FAILURE;
+    std::printf("%u\n", answer.arguments().constFirst().toUInt());
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,126 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/authd.h"
+#include "device/clientfixture.h"
+#include "support/testdevice.h"
+#include "support/wiper.h"
+
+#include <QScopedPointer>
+#include <QTest>
+
+#include <csignal>
+
+namespace {
+
+const QString right = QStringLiteral("right");
+const QString wrong = QStringLiteral("wrong");
+const QString lock = QStringLiteral("lock");
+const uint alice = TestDevice::alice;
+const uint bob = TestDevice::bob;
+
+} // namespace
+
+/// Root unlocks a user whom the reference client refuses by its own count of failed attempts.
+class TstUnlocking : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(startSystemBus()); }
+    void init()
+    {
+        TestDevice::reset();
+        ClientFixture::prepare();
+        QVERIFY(ClientFixture::setPassword(right));
+        QVERIFY(ClientFixture::setSetting(QStringLiteral("lock-after"), QStringLiteral("2")));
+        QVERIFY(m_authd.start());
+        m_root.reset(new BusUser(0));
+        m_client.reset(new ClientFixture);
+        QVERIFY(m_client->start());
+    }
+    void cleanup()
+    {
+        m_client.reset();
+        m_root.reset();
+        if (m_authd.isRunning())
+            QCOMPARE(m_authd.stop(SIGTERM), 0);
+    }
+
+    void rootUnlocks();
+    void nothingElseUnlocks();
+    void numberOutlivesTheDaemon();
+
+private:
+    void lockOut()
+    {
+        m_client->checkPassword(wrong);
+        m_client->checkPassword(wrong);
+        QCOMPARE(m_client->checkPassword(right), lock);
+    }
+    void unlock(uint uid) { QCOMPARE(m_root->error(QStringLiteral("Unlock"), {uid}), QString()); }
+    uint unlocks(uint uid) const
+    {
+        return m_root->call(QStringLiteral("GetUnlocks"), {uid}).arguments().value(0).toUInt();
+    }
+    void restartDaemon()
+    {
+        m_root.reset();
+        m_authd.stop(SIGKILL);
+        QVERIFY(m_authd.start());
+        m_root.reset(new BusUser(0));
+    }
+
+    Authd m_authd;
+    QScopedPointer<BusUser> m_root;
+    QScopedPointer<ClientFixture> m_client;
+};
+
+void TstUnlocking::rootUnlocks()
+{
+    lockOut();
+    unlock(alice);
+    QCOMPARE(m_client->checkPassword(right), QStringLiteral("success"));
+    // And again, for one who goes on making mistakes.
+    lockOut();
+    unlock(alice);
+    QCOMPARE(m_client->checkPassword(wrong), QStringLiteral("failed"));
+    QCOMPARE(ClientFixture::attempts(), 1);
+    QCOMPARE(ClientFixture::ownAttempts(), QByteArray("1 2\n"));
+}
+
+void TstUnlocking::nothingElseUnlocks()
+{
+    lockOut();
+    unlock(bob);
+    restartDaemon();
+    QVERIFY(ClientFixture::setAttempts("0")); // As each launch does.
+    m_client.reset(new ClientFixture);
+    QVERIFY(m_client->start());
+    QCOMPARE(m_client->checkPassword(right), lock);
+    // Nor while there is no service to ask.
+    unlock(alice);
+    m_root.reset();
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QCOMPARE(m_client->checkPassword(right), lock);
+    // It is not forgotten.
+    QVERIFY(m_authd.start());
+    QCOMPARE(m_client->checkPassword(right), QStringLiteral("success"));
+}
+
+void TstUnlocking::numberOutlivesTheDaemon()
+{
+    QCOMPARE(unlocks(alice), 0U);
+    unlock(alice);
+    unlock(alice);
+    QCOMPARE(unlocks(alice), 2U);
+    QCOMPARE(unlocks(bob), 0U);
+    restartDaemon();
+    QCOMPARE(unlocks(alice), 2U);
+    QCOMPARE(BusUser(alice).error(QStringLiteral("GetUnlocks"), {alice}), QString());
+    QCOMPARE(BusUser(alice).error(QStringLiteral("GetUnlocks"), {bob}),
+             QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
+}
+
+QTEST_GUILESS_MAIN(TstUnlocking)
+
+#include "tst_unlocking.moc"
