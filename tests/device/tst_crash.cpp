@@ -404,7 +404,6 @@ void TstCrash::anyMoment()
         Reports reports(root);
         if (isLocked)
             QCOMPARE(call("Unlock", {alice}).errorName(), QString());
-        isLocked = false;
         const int limit = below(2) == 0 ? 1 : 5;
         QCOMPARE(call("SetMethodOption", {kavetMethod, QStringLiteral("max-attempts"), variant(limit)}).errorName(),
                  QString());
