@@ -5,6 +5,7 @@
 #include "accounts.h"
 #include "attemptqueue.h"
 #include "methods.h"
+#include "ratelimit.h"
 #include "reply.h"
 #include "sessions.h"
 #include "userstates.h"
@@ -16,6 +17,7 @@
 
 #include <deque>
 #include <functional>
+#include <map>
 
 class LockStore;
 
@@ -97,5 +99,7 @@ private:
     AttemptQueue m_queue;
     /// Whose request each method has in mind.
     QHash<QString, uint> m_requests;
+    /// Lines in the log about options, by whose they are.
+    std::map<uint, LogLimit> m_changes;
     std::deque<std::function<void()>> m_postponed;
 };

@@ -134,14 +134,11 @@ Reply AuthService::openAttempt(const Caller &caller, uint uid, const QString &me
 
 void AuthService::logRefusal(const QString &member, const Caller &caller, const QString &error)
 {
-    Allowance &allowance = m_allowances[caller.uid];
-    if (!caller.isRoot() && !allowance.refusals.pass()) {
-        ++allowance.unlogged;
+    const std::optional<int> unlogged = caller.isRoot() ? 0 : m_allowances[caller.uid].refusals.pass();
+    if (!unlogged)
         return;
-    }
     Log::Fields fields = {{"call", member}, {"caller", caller.uid}, {"error", error}};
-    if (allowance.unlogged > 0)
-        fields.append({"unlogged-before", allowance.unlogged});
-    allowance.unlogged = 0;
+    if (*unlogged > 0)
+        fields.append({"unlogged-before", *unlogged});
     Log::write(Log::Notice, "refused", fields);
 }

@@ -40,8 +40,7 @@ private:
     {
         RateLimit calls;
         RateLimit attempts;
-        RateLimit refusals;
-        int unlogged = 0;
+        LogLimit refusals;
 
         Allowance();
     };

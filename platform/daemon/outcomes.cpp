@@ -8,6 +8,7 @@
 #include "methodoptions.h"
 #include "requestdata.h"
 #include "resultcodes.h"
+#include "servicelimits.h"
 #include "states.h"
 
 #include <authd/vocabulary.h>
@@ -173,8 +174,14 @@ void Authenticator::logEvent(const QString &method, const QString &level, const 
 void Authenticator::optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
                                   bool computed)
 {
-    Log::write(Log::Info, "option-changed",
-               {{"method", method}, {"uid", uid}, {"option", option}, {"computed", computed}});
+    // A user's files set some options, and the user may rewrite them without end.
+    LogLimit &limit = m_changes.try_emplace(uid, Limits::ChangesPerSecond, Limits::ChangeBurst).first->second;
+    if (const std::optional<int> unlogged = limit.pass()) {
+        Log::Fields fields = {{"method", method}, {"uid", uid}, {"option", option}, {"computed", computed}};
+        if (*unlogged > 0)
+            fields.append({"unlogged-before", *unlogged});
+        Log::write(Log::Info, "option-changed", fields);
+    }
     if (BusValues::isWritable(value))
         Q_EMIT optionHasChanged(uid, method, option, value);
 }

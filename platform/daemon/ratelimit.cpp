@@ -3,6 +3,7 @@
 #include "ratelimit.h"
 
 #include <algorithm>
+#include <utility>
 
 RateLimit::RateLimit(int perSecond, int burst)
     : m_perSecond(perSecond)
@@ -22,4 +23,17 @@ bool RateLimit::pass()
         return false;
     m_left -= 1;
     return true;
+}
+
+LogLimit::LogLimit(int perSecond, int burst)
+    : m_limit(perSecond, burst)
+{
+}
+
+std::optional<int> LogLimit::pass()
+{
+    if (m_limit.pass())
+        return std::exchange(m_unlogged, 0);
+    ++m_unlogged;
+    return std::nullopt;
 }

@@ -20,5 +20,8 @@ constexpr int AttemptBurst = 50;
 /// Refusals of calls by an ordinary user that are logged in a second, and at once after a pause.
 constexpr int RefusalsPerSecond = 5;
 constexpr int RefusalBurst = 100;
+/// Changes of one user's options, or of the method-wide ones, that are logged in a second, and at once after a pause.
+constexpr int ChangesPerSecond = 5;
+constexpr int ChangeBurst = 100;
 
 } // namespace Limits

@@ -7,6 +7,7 @@
 #include <QDBusConnectionInterface>
 #include <QDir>
 #include <QDirIterator>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QRegularExpression>
@@ -14,6 +15,7 @@
 #include <QTest>
 #include <QXmlStreamReader>
 
+#include <algorithm>
 #include <csignal>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -145,6 +147,7 @@ private Q_SLOTS:
     void certificate();
     void challenge();
     void refusedRequests();
+    void optionStormInTheLog();
     void cancelAndRetry();
     void nothingToCancel();
     void dyingClient();
@@ -596,6 +599,38 @@ void TstAuthd::refusedRequests()
              invalidArgs);
     QCOMPARE(TestDevice::launches().size(), 0);
     QCOMPARE(stateText(root, alice), QStringLiteral("idle {}"));
+}
+
+void TstAuthd::optionStormInTheLog()
+{
+    // As when a user's file changes without end. All is told, and some of it is logged.
+    const BusUser root(0);
+    Reports reports(root);
+    const QString maxAttempts = QStringLiteral("max-attempts");
+    constexpr int changes = 300;
+    int limit = 4;
+    QElapsedTimer time;
+    time.start();
+    for (int i = 0; i < changes; ++i)
+        QCOMPARE(root.error(QStringLiteral("SetMethodOption"),
+                            {kavetMethod, maxAttempts, QVariant::fromValue(QDBusVariant(3 + i % 2))}),
+                 QString());
+    const auto isTold = [](const QDBusMessage &report) {
+        return report.member() == QLatin1String("MethodOptionChanged");
+    };
+    QTRY_COMPARE(std::count_if(reports.all.cbegin(), reports.all.cend(), isTold), changes);
+    const QByteArray line = "event=option-changed";
+    QVERIFY(m_authd.log().count(line) >= 100);
+    QVERIFY(m_authd.log().count(line) <= 100 + 5 * (time.elapsed() / 1000 + 1));
+    QVERIFY(m_authd.log().count(line) < changes);
+    // The next line that there is room for counts the others.
+    QTRY_VERIFY(root.error(QStringLiteral("SetMethodOption"),
+                           {kavetMethod, maxAttempts, QVariant::fromValue(QDBusVariant(++limit))})
+                    .isEmpty()
+                && m_authd.log().contains("option=max-attempts computed=false unlogged-before="));
+    // Another's changes are logged all the same.
+    QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
+    QVERIFY(m_authd.waitForLog("event=option-changed method=kavet uid=1000"));
 }
 
 void TstAuthd::cancelAndRetry()
