@@ -137,6 +137,12 @@ std::optional<QVariant> valueOf(const QByteArray &content, const Line &line)
     return SettingsValue::parse(value, markSize(content) > 0);
 }
 
+/// Whether both are there and the same. Values of different types can be equal: bytes read like a number.
+bool areSame(const std::optional<QVariant> &one, const std::optional<QVariant> &other)
+{
+    return one && other && one->userType() == other->userType() && *one == *other;
+}
+
 } // namespace
 
 std::optional<QVariant> SettingsText::value(const QByteArray &content, const QString &key)
@@ -148,7 +154,7 @@ bool SettingsText::setValue(QByteArray &content, const QString &key, const QVari
 {
     const Place place = findPlace(content, key);
     const QByteArray text = SettingsValue::written(value);
-    if (!place.line.isEmpty() && valueOf(content, place.line) == SettingsValue::parse(text, false))
+    if (areSame(valueOf(content, place.line), SettingsValue::parse(text, false)))
         return false;
 
     const QByteArray line = key.toLatin1() + '=' + text;

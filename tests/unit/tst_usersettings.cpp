@@ -336,6 +336,8 @@ private Q_SLOTS:
     void objects();
     void deepObject();
     void longLists();
+    void unchangedText_data();
+    void unchangedText();
     void ofUnreadableFile();
     void sizeIsBounded();
     void timeIsBounded_data();
@@ -415,6 +417,36 @@ void TstUserSettings::written()
     QVERIFY(writeFile(file, ""));
     UserSettings(file).setValue(attempts, 9);
     QCOMPARE(readFile(file), QByteArray("[General]\nattempts=9\n"));
+}
+
+void TstUserSettings::unchangedText_data()
+{
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<bool>("isWritten");
+    QTest::newRow("same") << QByteArray("3") << false;
+    QTest::newRow("between blanks") << QByteArray(" \t3 ") << false;
+    QTest::newRow("quotes") << QByteArray("\"3\"") << false;
+    QTest::newRow("bytes") << QByteArray("@ByteArray(3)") << true;
+    QTest::newRow("object") << QByteArray("@Variant(\\0\\0\\0\\x2\\0\\0\\0\\x3)") << true;
+    QTest::newRow("not a number") << QByteArray("3\f") << true;
+    QTest::newRow("longer") << QByteArray("3.0") << true;
+    QTest::newRow("list") << QByteArray("3,") << true;
+    QTest::newRow("nothing") << QByteArray("") << true;
+}
+
+void TstUserSettings::unchangedText()
+{
+    QFETCH(QByteArray, before);
+    QFETCH(bool, isWritten);
+    const QByteArray line = "attempts=" + before + '\n';
+    QVERIFY(writeFile(file, line));
+    const struct stat status = statusOf(file);
+    UserSettings(file).setValue(attempts, 3);
+    QCOMPARE(readFile(file), isWritten ? QByteArray("attempts=3\n") : line);
+    QCOMPARE(statusOf(file).st_ino != status.st_ino, isWritten);
+    const QVariant value = UserSettings(file).value(attempts, 7);
+    QCOMPARE(value.userType(), int(QMetaType::QString));
+    QCOMPARE(value, QVariant(QStringLiteral("3")));
 }
 
 void TstUserSettings::ofUnreadableFile()
