@@ -19,11 +19,10 @@ void MethodKavetPrivate::makeAuth()
         }
         if (currentUid == 0)
             return;
-        // A client of another user must not see this user's secret, and one that is being killed serves nobody. The
-        // flow goes on when it has ended.
+        // A client of another user must not see this user's secret, and one that is to end serves nobody. The flow goes
+        // on when it has ended.
         if (child.state() != QProcess::NotRunning && child.clientUid != currentUid) {
-            if (child.clientUid != 0)
-                killChild();
+            killChild();
             return;
         }
         if (child.clientStarting)

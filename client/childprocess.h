@@ -56,8 +56,8 @@ public:
     bool manifestIsSymLink = false;
     /// The manifest has been read.
     bool manifestParsed = false;
-    /// User whose client the process is, whatever `uid` has come to say since it was started; 0 once it is being
-    /// killed.
+    /// User whose client the process is, whatever `uid` has come to say since it was started; 0 once it has been asked
+    /// to end or is being killed.
     uint clientUid = 0;
 
 protected:

@@ -56,8 +56,10 @@ bool MethodKavetPrivate::launchChild()
 
     watcher.addPath(child.sharedDirectory);
     if (auto policy = policyToFollow(child.uid)) {
-        takeLimit(std::move(*policy));
+        takeLimit(std::move(*policy), child.uid);
         watchAnew(Constants::currentPolicyFile);
+    } else {
+        giveLimitBack(child.uid);
     }
 
     child.userConfigPath = Constants::userConfigName.arg(child.sharedDirectory, QString::number(currentUid));
@@ -86,7 +88,6 @@ bool MethodKavetPrivate::launchChild()
 
 bool MethodKavetPrivate::prepareEnvironment()
 {
-    const bool limitIsUsers = m_limitIsUsers || PinnedFile(Constants::currentPolicyFile).exists();
     const auto pass = [this](const QString &directory) {
         const HandOver result = handOver(directory, child.uid, child.gid);
         if (result == HandOver::Replaced) {
@@ -105,22 +106,15 @@ bool MethodKavetPrivate::prepareEnvironment()
 
     const QStringList directories = {Constants::sharedRoot + QLatin1Char('/') + child.orgName + QLatin1Char('/')
                                      + child.appName};
-    bool wasAnothers = false;
     for (const QString &directory : directories) {
         if (!QDir().mkpath(directory)) {
             qCWarning(kavet) << "Cannot create directory";
             return false;
         }
-        const HandOver result = pass(directory);
-        if (result == HandOver::Failed) {
+        if (pass(directory) == HandOver::Failed) {
             qCCritical(kavet) << "Cannot change owner of directory.";
             return false;
         }
-        wasAnothers = wasAnothers || result == HandOver::Replaced;
     }
-
-    // The limit in force is another user's. It must neither lock this user out nor leave this user unprotected.
-    if (wasAnothers && limitIsUsers && !currentPolicyOf(child.uid) && QFileInfo::exists(Constants::packagedPolicyFile))
-        syncPolicy(Constants::packagedPolicyFile, true);
     return true;
 }

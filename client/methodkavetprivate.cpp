@@ -51,8 +51,9 @@ MethodKavetPrivate::MethodKavetPrivate(MethodKavet *method)
 
 MethodKavetPrivate::~MethodKavetPrivate()
 {
-    if (auto policy = currentPolicyOf(child.uid))
-        takeLimit(std::move(*policy));
+    const uint user = policyUser();
+    if (auto policy = currentPolicyOf(user))
+        takeLimit(std::move(*policy), user);
 
     // A client that still runs is ended by the process object's destructor, whose signals must not reach members that
     // are gone by then.

@@ -65,11 +65,11 @@ public:
     void setChildUnavailable(bool wasRunning);
 
     /// Launches the client for currentUid. True when it runs already or is being started; whether it does start is
-    /// learnt from the process later. Each attempt uses up one of launchBudget.
+    /// learnt from the process later. Each attempt uses up one of launchBudget. A limit of attempts that another user's
+    /// policy has set gives way to currentUid's policy or, when there is none, to the system's limit.
     bool launchChild();
     /// Hands the client's directories to its user, making the shared one, and puts aside what another user has left in
-    /// them; a limit of attempts that the other user has set then gives way to the packaged one. False, with a message,
-    /// when a directory cannot be handed over.
+    /// them. False, with a message, when a directory cannot be handed over.
     bool prepareEnvironment();
     /// The sandbox launcher's arguments; empty, with a critical message, when the manifest does not give all of them.
     QStringList getLaunchArgs();
@@ -136,11 +136,19 @@ private:
     void failRequest(const char *method, const QDBusError &error);
     std::optional<PinnedFile> currentPolicyOf(uint user) const;
     std::optional<PinnedFile> policyToFollow(uint user);
-    void takeLimit(PinnedFile policy);
+    uint userOfFile() const;
+    uint policyUser() const;
+    void takeLimit(PinnedFile policy, uint user);
+    void dropLimit();
+    void giveLimitBack(uint user);
+    bool limitIsUsers() const;
+    bool rememberSystemLimit(uint user, bool noLimit);
+    bool setLimit(const QVariant &value);
+    QString settingsPath(const QString &name) const;
 
     bool m_refusedUserFile = false; ///< Since the last launch.
     bool m_lookupWasSlow = false; ///< Since the last launch.
-    bool m_limitIsUsers = false; ///< The limit in force was read from a current policy, or that policy was removed.
+    uint m_sessionUser = 0; ///< Whose session has started last; 0 for nobody's.
 
     Q_DISABLE_COPY(MethodKavetPrivate)
 };

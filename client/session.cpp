@@ -31,9 +31,11 @@ void MethodKavetPrivate::handleUserSessionStarted(uint uid, bool manageClient)
         watcher.addPath(child.sharedDirectory);
     if (QFileInfo::exists(Constants::packagedPolicyFile))
         syncPolicy(Constants::packagedPolicyFile, false);
-    if (auto policy = policyToFollow(child.clientRunning ? child.uid : uid)) {
+    m_sessionUser = uid;
+    const uint policyOwner = child.clientRunning ? child.uid : uid;
+    if (auto policy = policyToFollow(policyOwner)) {
         watchAnew(Constants::currentPolicyFile);
-        takeLimit(std::move(*policy));
+        takeLimit(std::move(*policy), policyOwner);
     }
     if (!manageClient)
         return;
@@ -80,6 +82,7 @@ void MethodKavetPrivate::handleUserSessionStopped(bool manageClient)
         return;
     }
     child.terminate();
+    child.clientUid = 0; // It serves nobody from here on, also not its user who logs in again at once.
 }
 
 // The client serves nobody from here on; its end is handled when the process object reports it.

@@ -25,7 +25,7 @@ namespace {
 constexpr qint64 maximumSize = qint64(64) * 1024;
 constexpr int pinAttempts = 16; ///< In which the owner of the directory may undo what root does there.
 constexpr int maximumEntries = 1000; ///< Of another user's directory; whoever fills it must not keep root busy.
-constexpr mode_t noWritingForOthers = 0755;
+constexpr mode_t directoryMode = 0755; ///< As far as the process's mask leaves it.
 constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 
 /// Why a file is not to be touched, as an errno value; 0 when it may be.
@@ -256,8 +256,8 @@ HandOver handOver(const QString &path, uid_t uid, gid_t gid)
     };
     const QString own = placeOf(uid);
     const QByteArray ownName = QFile::encodeName(own);
-    const mode_t mode = (status.st_mode | S_IRWXU) & noWritingForOthers;
-    if (mkdir(ownName.constData(), S_IRWXU) == 0 ? chmod(ownName.constData(), mode) == -1 : errno != EEXIST) {
+    // The former user has chosen the mode of the former directory only.
+    if (mkdir(ownName.constData(), directoryMode) == -1 && errno != EEXIST) {
         const int error = errno;
         qCWarning(kavet) << "Cannot make" << own << std::strerror(error);
         errno = error;
@@ -274,6 +274,7 @@ HandOver handOver(const QString &path, uid_t uid, gid_t gid)
     }
 
     // Its user can change nothing in it from here on, also by a descriptor.
+    const mode_t mode = (status.st_mode | S_IRWXU) & directoryMode;
     if (fchown(former.get(), 0, 0) == -1 || fchmod(former.get(), mode) == -1)
         return HandOver::Failed;
     const Descriptor present(openDirectory(directory));

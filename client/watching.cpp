@@ -99,29 +99,32 @@ void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
     const PinnedFile userFile(child.userConfigPath);
     if (child.uid != 0 && userFile.exists()) {
         // One line a launch: otherwise the user could fill the log by touching a file.
-        if (!userFile.changeGroup(child.uid, child.gid) && !m_refusedUserFile) {
+        const uint user = userOfFile();
+        if (!userFile.changeGroup(user, child.gid) && !m_refusedUserFile) {
             m_refusedUserFile = true;
-            qCWarning(kavet) << "Failed to change owner for" << child.userConfigPath << "to" << child.uid << child.gid;
+            qCWarning(kavet) << "Failed to change owner for" << child.userConfigPath << "to" << user << child.gid;
         }
         watchAnew(child.userConfigPath);
-        q->setOptionInternal(child.uid, Constants::attempts, getChildAttempts());
+        q->setOptionInternal(user, Constants::attempts, getChildAttempts());
     }
 
-    if (auto policy = policyToFollow(child.uid)) {
+    const uint owner = policyUser();
+    if (auto policy = policyToFollow(owner)) {
         watchAnew(Constants::currentPolicyFile);
-        takeLimit(std::move(*policy));
+        takeLimit(std::move(*policy), owner);
     }
 }
 
 void MethodKavetPrivate::handleChildFileChanged(const QString &path)
 {
     if (path == child.userConfigPath && child.uid != 0) {
-        q->setOptionInternal(child.uid, Constants::attempts, getChildAttempts());
+        q->setOptionInternal(userOfFile(), Constants::attempts, getChildAttempts());
     } else if (path == Constants::currentPolicyFile) {
         // One that has gone sets no limit; one of somebody else changes nothing.
+        const uint user = policyUser();
         if (!PinnedFile(path).exists())
-            syncPolicy(path, true);
-        else if (auto policy = currentPolicyOf(child.uid))
-            takeLimit(std::move(*policy));
+            dropLimit();
+        else if (auto policy = currentPolicyOf(user))
+            takeLimit(std::move(*policy), user);
     }
 }

@@ -8,6 +8,8 @@
 #include "settings/constants.h"
 #include "settings/settingskavet.h"
 
+#include <QFileInfo>
+
 #include <utility>
 
 int MethodKavet::getAttempts(unsigned int uid)
@@ -47,9 +49,17 @@ void MethodKavet::resetAttempts(unsigned int uid)
     setOptionInternal(uid, Constants::attempts, 0);
 }
 
+/// Whose file the client's file is. It outlasts that user's turn when a launch for another user is delayed.
+uint MethodKavetPrivate::userOfFile() const
+{
+    bool isNamed = false;
+    const uint user = QFileInfo(child.userConfigPath).completeBaseName().toUInt(&isNamed);
+    return isNamed ? user : child.uid;
+}
+
 QVariant MethodKavetPrivate::getChildAttempts()
 {
     PinnedFile file(child.userConfigPath);
     const QVariant none = 0;
-    return file.countsFor(child.uid) ? UserSettings(std::move(file)).value(Constants::attempts, none) : none;
+    return file.countsFor(userOfFile()) ? UserSettings(std::move(file)).value(Constants::attempts, none) : none;
 }

@@ -11,6 +11,7 @@ namespace Constants {
 const QString methodName = QStringLiteral("kavet");
 const QString methodsDirectory = LibAuthd::Vocabulary::MethodsDirectory;
 const QString methodSettingsPath = QStringLiteral("%1/%2/current.conf");
+const QString systemLimitPath = QStringLiteral("%1/%2/system-limit.conf");
 const QString userConfigFilePath = QStringLiteral("/var/lib/authd/users/%1.conf");
 const QString authPage = QStringLiteral("MethodPageKavet");
 const QString prePage = QStringLiteral("PreMethodPageKavet");

@@ -11,6 +11,7 @@ namespace Constants {
 extern const QString methodName;
 extern const QString methodsDirectory; ///< Ends in a slash.
 extern const QString methodSettingsPath; ///< %1 = methodsDirectory, %2 = the method's name.
+extern const QString systemLimitPath; ///< Likewise; of the limit that a user's policy stands in for.
 extern const QString userConfigFilePath; ///< %1 = user id.
 extern const QString authPage;
 extern const QString prePage;

@@ -6,28 +6,43 @@
 #include "plugin/methodkavet.h"
 #include "settings/constants.h"
 
+#include <authd/libauthd.h>
+
+#include <QFile>
 #include <QFileInfo>
 #include <QSettings>
 
 #include <utility>
 
+namespace {
+
+// Beside the system's limit, which has the option's own key and is missing when none was ever set.
+constexpr QLatin1String limitUser("user"); ///< Whose policy stands in for it.
+constexpr QLatin1String noLimitTaken("no-limit-taken"); ///< A policy has set none meanwhile.
+
+} // namespace
+
 void MethodKavetPrivate::syncPolicy(const QString &path, bool force)
 {
-    const QString marker = Constants::methodSettingsPath.arg(Constants::methodsDirectory, q->name());
-    if (!force && QFileInfo::exists(marker))
+    if (!force && QFileInfo::exists(settingsPath(Constants::methodSettingsPath)))
         return;
 
     // The current policy lies where the user may put anything in its place; any other is the system's own.
     if (path == Constants::currentPolicyFile) {
-        takeLimit(PinnedFile(path));
+        takeLimit(PinnedFile(path), policyUser());
         return;
     }
-    m_limitIsUsers = false;
     QVariant value = 0;
     if (QFileInfo(path).isFile()) // Opening a FIFO would wait for its other end.
         value = QSettings(path, QSettings::NativeFormat).value(Constants::maxAttempts, value);
-    if (value.isValid())
-        q->setOptionInternal(0, Constants::maxAttempts, value);
+    if (setLimit(value))
+        QFile::remove(settingsPath(Constants::systemLimitPath));
+}
+
+/// Whose current policy counts: the client's user's or, while there is no client, the user's whose session has started.
+uint MethodKavetPrivate::policyUser() const
+{
+    return child.uid != 0 ? child.uid : m_sessionUser;
 }
 
 // The current policy is the client's, and so its user's; what anybody else has left there sets no limit.
@@ -48,10 +63,80 @@ std::optional<PinnedFile> MethodKavetPrivate::policyToFollow(uint user)
     return policy;
 }
 
-void MethodKavetPrivate::takeLimit(PinnedFile policy)
+/// Puts the limit of a policy of `user` in force, or of none that can be read, for as long as it is that user's turn.
+void MethodKavetPrivate::takeLimit(PinnedFile policy, uint user)
 {
-    m_limitIsUsers = true;
     const QVariant value = UserSettings(std::move(policy)).value(Constants::maxAttempts, 0);
-    if (value.isValid())
-        q->setOptionInternal(0, Constants::maxAttempts, value);
+    if (value.isValid() && rememberSystemLimit(user, value.type() == QVariant::Int))
+        setLimit(value);
+}
+
+/// The current policy has gone, and with it the limit of whoever set it.
+void MethodKavetPrivate::dropLimit()
+{
+    const QSettings memory(settingsPath(Constants::systemLimitPath), QSettings::NativeFormat);
+    takeLimit(PinnedFile(Constants::currentPolicyFile), memory.value(limitUser, policyUser()).toUInt());
+}
+
+/// Puts the system's limit back in force for `user`, who has no policy, after another user's policy. It would lock this
+/// user out or leave this user unprotected.
+void MethodKavetPrivate::giveLimitBack(uint user)
+{
+    const QSettings memory(settingsPath(Constants::systemLimitPath), QSettings::NativeFormat);
+    if (!memory.contains(limitUser) || memory.value(limitUser) == user)
+        return;
+    // Nor is the end of that policy this user's.
+    watcher.removePath(Constants::currentPolicyFile);
+    if (limitIsUsers()) {
+        if (!memory.contains(Constants::maxAttempts))
+            syncPolicy(Constants::packagedPolicyFile, true);
+        else if (!setLimit(memory.value(Constants::maxAttempts).toInt()))
+            return;
+    }
+    QFile::remove(settingsPath(Constants::systemLimitPath));
+}
+
+/// Whether the limit in force comes from a user's policy. One that root has set since is an int, as the option is; a
+/// policy gives text, and 0 when it has none to give.
+bool MethodKavetPrivate::limitIsUsers() const
+{
+    const QSettings memory(settingsPath(Constants::systemLimitPath), QSettings::NativeFormat);
+    if (!memory.contains(limitUser) || !QFileInfo::exists(settingsPath(Constants::methodSettingsPath)))
+        return false;
+    const QVariant limit = q->getOptionInternal(0, Constants::maxAttempts);
+    return limit.type() != QVariant::Int || (limit == 0 && memory.contains(noLimitTaken));
+}
+
+/// Keeps on disk, before a policy of `user` takes its place, what limit the system has. False when that fails.
+bool MethodKavetPrivate::rememberSystemLimit(uint user, bool noLimit)
+{
+    QSettings memory(settingsPath(Constants::systemLimitPath), QSettings::NativeFormat);
+    // A storm of changes must not cost a write each.
+    const auto keep = [&memory](const QString &key, const QVariant &value) {
+        if (memory.value(key).toString() != value.toString())
+            memory.setValue(key, value);
+    };
+    if (!limitIsUsers()) {
+        memory.clear();
+        if (QFileInfo::exists(settingsPath(Constants::methodSettingsPath)))
+            keep(Constants::maxAttempts, q->getOptionInternal(0, Constants::maxAttempts).toInt());
+    }
+    keep(limitUser, user);
+    if (noLimit)
+        keep(noLimitTaken, true);
+    memory.sync();
+    if (memory.status() == QSettings::AccessError)
+        return false;
+    LibAuthd::restrictPermissions(memory.fileName());
+    return true;
+}
+
+QString MethodKavetPrivate::settingsPath(const QString &name) const
+{
+    return name.arg(Constants::methodsDirectory, q->name());
+}
+
+bool MethodKavetPrivate::setLimit(const QVariant &value)
+{
+    return value.isValid() && q->setOptionInternal(0, Constants::maxAttempts, value);
 }

@@ -141,6 +141,8 @@ private Q_SLOTS:
     void tracedClient_data();
     void tracedClient();
     void loginAfterLogout();
+    void loginOfTheSameUser_data();
+    void loginOfTheSameUser();
     void delayedLaunchRecorded();
     void swappedSocket();
     void notASocket_data();
@@ -634,6 +636,32 @@ void TstHostileClient::loginAfterLogout()
         QVERIFY(bobSucceeds(fixture));
         QCOMPARE(misled(), QVector<QJsonArray>());
     }
+}
+
+void TstHostileClient::loginOfTheSameUser_data()
+{
+    QTest::addColumn<bool>("stubborn");
+    QTest::newRow("client that ends") << false;
+    QTest::newRow("client that ignores SIGTERM") << true;
+}
+
+// Who logs out and in at once does not meet the client that is about to end.
+void TstHostileClient::loginOfTheSameUser()
+{
+    QFETCH(bool, stubborn);
+    MethodFixture fixture;
+    QVERIFY(startAlice(fixture, {{QStringLiteral("ignoreTerm"), stubborn}}, success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    const qint64 first = fixture.d->child.processId();
+    fixture.method.reset();
+    fixture.daemon.calls.clear();
+    QVERIFY(QFile::remove(goFile));
+    setScript({{QStringLiteral("socket"), goFile}});
+    fixture.method.handleUserSessionTriggered(alice, false, true);
+    fixture.method.authenticate(alice, MethodFixture::passwordData(success));
+    QTRY_VERIFY(fixture.d->child.clientRunning && fixture.d->child.processId() != first);
+    QVERIFY(writeFile(goFile, {}));
+    QTRY_COMPARE(fixture.daemon.outcomes(), QVector<Call>{RecordingDaemon::succeeded()});
 }
 
 void TstHostileClient::delayedLaunchRecorded()

@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdio>
 #include <functional>
+#include <memory>
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -30,6 +31,7 @@ namespace {
 const QString groupFile = QStringLiteral("/etc/group");
 const QString passwdFile = QStringLiteral("/etc/passwd");
 const QString aliceFile = sharedDirectory + QStringLiteral("/1000.conf");
+const QString methodSettings = QStringLiteral("/var/lib/authd/methods/kavet/current.conf");
 const QString sharedParent = QStringLiteral("/srv/shared/tarsk");
 constexpr uint unknownUser = 4242;
 
@@ -203,7 +205,9 @@ private Q_SLOTS:
     void leftByAnotherUser();
     void limitOfAnotherUser_data();
     void limitOfAnotherUser();
+    void limitWhoseFileHasGone();
     void limitIsRoots();
+    void modeIsNotTheFormerUsers();
     void alreadyPutAside();
     void directoryCannotBePutAside();
     void noRoomForADirectory();
@@ -897,78 +901,175 @@ void TstLaunch::leftByAnotherUser()
     f.d->child.uid = 0;
 }
 
+/// Launches for `user` and ends what was launched.
+static bool launchFor(MethodFixture &f, uint user)
+{
+    f.d->currentUid = user;
+    const bool launched = f.d->launchChild();
+    f.d->currentUid = 0;
+    f.d->child.kill();
+    return launched && QTest::qWaitFor([&f] { return f.d->child.state() == QProcess::NotRunning; });
+}
+
+/// Puts a policy of `user`, whose turn it is, in place; a null limit gives one without.
+static bool putPolicy(MethodFixture &f, uint user, const QString &limit)
+{
+    f.d->child.uid = user;
+    f.d->child.gid = authFactor();
+    const bool put =
+        f.d->prepareEnvironment()
+        && writeSetting(currentPolicy, limit.isNull() ? QStringLiteral("x") : QStringLiteral("max-attempts"), limit)
+        && setOwner(currentPolicy, user, user);
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    f.d->child.uid = 0;
+    return put;
+}
+
 void TstLaunch::limitOfAnotherUser_data()
 {
-    QTest::addColumn<bool>("read"); // while alice's client ran, and gone by now
-    QTest::addColumn<QString>("packaged");
-    QTest::addColumn<QString>("own"); // bob's policy
-    QTest::addColumn<QVariant>("limit");
+    constexpr int unset = -1;
+    const QString none;
+    const QString one = QStringLiteral("1");
     const QString five = QStringLiteral("5");
-    QTest::newRow("left behind") << false << five << QString() << QVariant(five);
-    QTest::newRow("read and removed") << true << five << QString() << QVariant(five);
-    QTest::newRow("nothing to go back to") << false << QString() << QString() << QVariant(1);
-    QTest::newRow("bob has his own") << false << five << QStringLiteral("7") << QVariant(QStringLiteral("7"));
+    QTest::addColumn<QString>("packaged");
+    QTest::addColumn<int>("roots");
+    QTest::addColumn<QString>("alices"); // policy
+    QTest::addColumn<int>("meanwhile"); // set by root
+    QTest::addColumn<QString>("later"); // packaged
+    QTest::addColumn<QString>("own"); // policy of bob's
+    QTest::addColumn<int>("limit");
+    QTest::addColumn<bool>("removed"); // alice's policy
+    QTest::addColumn<bool>("restarted");
+    for (const bool removed : {false, true}) {
+        for (const bool restarted : {false, true}) {
+            const QByteArray how = QByteArray(removed ? ", removed" : "") + (restarted ? ", restarted" : "");
+            const auto row = [&how](const char *name) -> QTestData & {
+                return QTest::addRow("%s%s", name, how.constData());
+            };
+            row("packaged") << five << unset << one << unset << none << none << 5 << removed << restarted;
+            row("root's") << none << 3 << one << unset << none << none << 3 << removed << restarted;
+            row("root's, not the packaged") << five << 3 << one << unset << none << none << 3 << removed << restarted;
+            row("nothing to go back to") << none << unset << one << unset << none << none << 0 << removed << restarted;
+            row("packaged later") << none << unset << one << unset << five << none << 5 << removed << restarted;
+            row("packaged later, root's") << none << 3 << one << unset << five << none << 3 << removed << restarted;
+            row("none in alice's") << none << 3 << none << unset << none << none << 3 << removed << restarted;
+            row("0 in alice's") << none << 3 << QStringLiteral("0") << unset << none << none << 3 << removed
+                                << restarted;
+            row("root's of that turn") << none << 3 << one << 4 << none << none << 4 << removed << restarted;
+            row("as alice's") << none << 3 << QStringLiteral("4") << 4 << none << none << 4 << removed << restarted;
+            row("bob has his own") << five << 3 << one << unset << none << QStringLiteral("7") << 7 << removed
+                                   << restarted;
+            if (!removed)
+                row("none of root's") << none << 3 << one << 0 << none << none << 0 << removed << restarted;
+        }
+    }
 }
 
 // A limit that alice's client has set does not outlive her turn.
 void TstLaunch::limitOfAnotherUser()
 {
-    QFETCH(bool, read);
     QFETCH(QString, packaged);
+    QFETCH(int, roots);
+    QFETCH(QString, alices);
+    QFETCH(int, meanwhile);
+    QFETCH(QString, later);
     QFETCH(QString, own);
-    QFETCH(QVariant, limit);
+    QFETCH(int, limit);
+    QFETCH(bool, removed);
+    QFETCH(bool, restarted);
     const QString maxAttempts = QStringLiteral("max-attempts");
+    setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
     if (!packaged.isNull())
         QVERIFY(writeSetting(packagedPolicy, maxAttempts, packaged));
-    MethodFixture f;
-    f.d->child.gid = authFactor();
-    f.d->child.uid = bob;
-    QVERIFY(f.d->prepareEnvironment());
+    auto f = std::make_unique<MethodFixture>();
+    const auto max = [&f, &maxAttempts] {
+        return f->method.getOptionInternal(0, maxAttempts);
+    };
+    if (roots >= 0)
+        QVERIFY(f->method.setOption(0, maxAttempts, roots));
     if (!own.isNull()) {
-        QVERIFY(writeSetting(currentPolicy, maxAttempts, own));
-        QVERIFY(setOwner(currentPolicy, bob, bob));
+        QVERIFY(putPolicy(*f, bob, own));
+        QCOMPARE(max(), QVariant(own));
     }
-    f.d->child.uid = alice;
-    QVERIFY(f.d->prepareEnvironment());
-    QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("0")));
-    QVERIFY(setOwner(currentPolicy, alice, alice));
-    if (read) {
-        f.d->handleChildFileChanged(currentPolicy);
-        QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("0")));
-        QVERIFY(QFile::remove(currentPolicy));
-    }
-    QVERIFY(f.method.setOptionInternal(0, maxAttempts, 1));
 
-    // Alice's own next turn changes nothing.
-    QVERIFY(f.d->prepareEnvironment());
-    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(1));
-    f.d->child.uid = 0;
+    QVERIFY(putPolicy(*f, alice, alices));
+    QCOMPARE(max(), alices.isNull() ? QVariant(0) : QVariant(alices));
+    if (removed) {
+        f->d->watcher.removePath(currentPolicy); // It would tell once more, and later.
+        QVERIFY(QFile::remove(currentPolicy));
+        f->d->handleChildFileChanged(currentPolicy);
+        QCOMPARE(max(), QVariant(0));
+    }
+    if (meanwhile >= 0)
+        QVERIFY(f->method.setOption(0, maxAttempts, meanwhile));
+    if (!later.isNull())
+        QVERIFY(writeSetting(packagedPolicy, maxAttempts, later));
+    if (restarted)
+        f = std::make_unique<MethodFixture>();
+    // Alice's own next turn changes nothing, but that a policy of hers counts again.
+    const QVariant present = max();
+    QVERIFY(launchFor(*f, alice));
+    QCOMPARE(max().toInt(), removed ? present.toInt() : alices.toInt());
+    if (meanwhile >= 0)
+        QVERIFY(f->method.setOption(0, maxAttempts, meanwhile));
+
+    QVERIFY(launchFor(*f, bob));
+    QCOMPARE(max().toInt(), limit);
+    // It is the system's from now on; and what bob has does not outlive his turn either.
+    QVERIFY(launchFor(*f, carol));
+    QCOMPARE(max().toInt(), own.isNull() ? limit : 3);
+}
+
+void TstLaunch::limitWhoseFileHasGone()
+{
+    const QString maxAttempts = QStringLiteral("max-attempts");
     setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
-    f.d->currentUid = bob;
-    QVERIFY(f.d->launchChild());
-    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), limit);
+    MethodFixture f;
+    QVERIFY(f.method.setOption(0, maxAttempts, 3));
+
+    // Root clears the directory away. What is told of it later is not about the next user.
+    QVERIFY(putPolicy(f, alice, QStringLiteral("1")));
+    QVERIFY(QDir(sharedDirectory).removeRecursively());
+    QVERIFY(launchFor(f, bob));
+    QCoreApplication::processEvents();
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
+
+    // The end of alice's policy is told in bob's session, before his client is launched.
+    QVERIFY(putPolicy(f, alice, QStringLiteral("1")));
+    QVERIFY(QFile::remove(currentPolicy));
+    f.method.handleUserSessionTriggered(bob, true, false);
+    f.d->handleChildFileChanged(currentPolicy);
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(0));
+    QVERIFY(launchFor(f, bob));
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
+
+    // Root starts over.
+    QVERIFY(putPolicy(f, alice, QString()));
+    QVERIFY(QFile::remove(methodSettings));
+    QVERIFY(writeSetting(packagedPolicy, maxAttempts, QStringLiteral("5")));
+    QVERIFY(launchFor(f, bob));
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(0));
+    f.method.handleUserSessionTriggered(bob, true, false);
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("5")));
 }
 
 void TstLaunch::limitIsRoots()
 {
     // Nobody has ever had a policy; root's choice stays when another user comes.
     const QString maxAttempts = QStringLiteral("max-attempts");
+    setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
     QVERIFY(writeSetting(packagedPolicy, maxAttempts, QStringLiteral("5")));
     MethodFixture f;
-    f.d->child.gid = authFactor();
-    f.d->child.uid = alice;
-    QVERIFY(f.d->prepareEnvironment());
+    QVERIFY(launchFor(f, alice));
     QVERIFY(f.method.setOptionInternal(0, maxAttempts, 3));
-    f.d->child.uid = bob;
-    QVERIFY(f.d->prepareEnvironment());
+    QVERIFY(launchFor(f, bob));
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
 
     // Nor does a policy count that lies where nobody else has had a turn.
     QVERIFY(setOwner(sharedDirectory, 0, 0));
     QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("0")));
     QVERIFY(setOwner(currentPolicy, bob, bob));
-    f.d->child.uid = alice;
-    QVERIFY(f.d->prepareEnvironment());
+    QVERIFY(launchFor(f, alice));
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
     QVERIFY(QFile::remove(currentPolicy));
 
@@ -976,10 +1077,32 @@ void TstLaunch::limitIsRoots()
     f.d->handleChildFileChanged(currentPolicy);
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(0));
     f.d->syncPolicy(packagedPolicy, true);
-    QVERIFY(f.method.setOptionInternal(0, maxAttempts, 3));
-    f.d->child.uid = bob;
-    QVERIFY(f.d->prepareEnvironment());
-    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
+    QVERIFY(launchFor(f, bob));
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("5")));
+}
+
+void TstLaunch::modeIsNotTheFormerUsers()
+{
+    // Alice has opened or closed her directories in vain, whatever mask the daemon has.
+    for (const mode_t mask : {mode_t(022), mode_t(077)}) {
+        for (const mode_t alices : {mode_t(0), mode_t(0500), mode_t(07777)}) {
+            reset();
+            MethodFixture f;
+            f.d->child.gid = authFactor();
+            f.d->child.uid = alice;
+            QVERIFY(f.d->prepareEnvironment());
+            for (const QString &directory : {clientDirectory, sharedDirectory})
+                QCOMPARE(chmod(QFile::encodeName(directory).constData(), alices), 0);
+            f.d->child.uid = bob;
+            const mode_t former = umask(mask);
+            const bool prepared = f.d->prepareEnvironment();
+            umask(former);
+            QVERIFY(prepared);
+            for (const QString &directory : {clientDirectory, sharedDirectory})
+                QCOMPARE(mode(directory), 0755 & ~mask);
+            f.d->child.uid = 0;
+        }
+    }
 }
 
 void TstLaunch::alreadyPutAside()

@@ -13,6 +13,7 @@
 #include <QProcess>
 #include <QTest>
 
+#include <cstdio>
 #include <functional>
 #include <memory>
 
@@ -28,6 +29,8 @@ using Setup = std::function<bool(const QString &path)>;
 
 const QString maxAttempts = QStringLiteral("max-attempts");
 const QString marker = QStringLiteral("/var/lib/authd/methods//kavet/current.conf");
+
+const QString systemLimit = QStringLiteral("/var/lib/authd/methods/kavet/system-limit.conf");
 
 Call stored(const QVariant &value)
 {
@@ -674,6 +677,8 @@ private Q_SLOTS:
             method.authenticate(TestDevice::bob, {});
             QTRY_VERIFY(d->child.clientRunning);
             QVERIFY(!QFile::exists(TestDevice::currentPolicy));
+            // Hers gives way to the system's.
+            QVERIFY(daemon.calls.removeOne(stored(8)));
             // What she does to it where it is now changes nothing.
             const QString aside = TestDevice::sharedDirectory + text(".1000/current.conf");
             QVERIFY(writePolicy(aside, "6"));
@@ -705,6 +710,100 @@ private Q_SLOTS:
             method.findChild<MethodKavetPrivate *>()->child.uid = TestDevice::alice;
         }
         QCOMPARE(daemon.calls, Calls{stored(text("9"))});
+    }
+
+    void policyOfASessionWithoutClient()
+    {
+        const auto alices = [](const char *max) {
+            return writePolicy(TestDevice::currentPolicy, max)
+                   && TestDevice::setOwner(TestDevice::currentPolicy, TestDevice::alice, TestDevice::alice);
+        };
+        QVERIFY(alices("1"));
+        {
+            Fixture fixture;
+            fixture.method.handleUserSessionTriggered(TestDevice::alice, true, true);
+            QCOMPARE(fixture.max(), QVariant(text("1")));
+            // In place, in another's place, and anew.
+            QVERIFY(alices("2"));
+            QTRY_COMPARE(fixture.max(), QVariant(text("2")));
+            QVERIFY(writePolicy(TestDevice::sharedDirectory + text("/new"), "3"));
+            QVERIFY(
+                TestDevice::setOwner(TestDevice::sharedDirectory + text("/new"), TestDevice::alice, TestDevice::alice));
+            QCOMPARE(rename("/srv/shared/tarsk/kavet_client/new", "/srv/shared/tarsk/kavet_client/current.conf"), 0);
+            QTRY_COMPARE(fixture.max(), QVariant(text("3")));
+            QVERIFY(QFile::remove(TestDevice::currentPolicy));
+            QTRY_COMPARE(fixture.max(), QVariant(0));
+            QVERIFY(alices("4"));
+            fixture.d->handleChildSharedDirectory(TestDevice::sharedDirectory);
+            QCOMPARE(fixture.max(), QVariant(text("4")));
+            QVERIFY(alices("5"));
+            QVERIFY(fixture.d->watcher.removePath(TestDevice::currentPolicy));
+        }
+        // And at the end.
+        QCOMPARE(Fixture().max(), QVariant(text("5")));
+        // Bob's session is not hers.
+        Fixture fixture;
+        fixture.method.handleUserSessionTriggered(TestDevice::bob, true, true);
+        QVERIFY(alices("6"));
+        fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
+        fixture.d->handleChildSharedDirectory(TestDevice::sharedDirectory);
+        QCOMPARE(fixture.max(), QVariant(text("5")));
+    }
+
+    void systemLimitIsKeptOnDisk()
+    {
+        Fixture fixture;
+        QVERIFY(fixture.method.setOption(0, maxAttempts, 3));
+        QVERIFY(!QFile::exists(systemLimit));
+        QVERIFY(writePolicy(TestDevice::currentPolicy, "@Invalid()"));
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        QVERIFY(!QFile::exists(systemLimit)); // Nothing was taken.
+        QVERIFY(writePolicy(TestDevice::currentPolicy, "5"));
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        struct stat status = {};
+        QCOMPARE(stat(QFile::encodeName(systemLimit).constData(), &status), 0);
+        QCOMPARE(status.st_uid, 0U);
+        QCOMPARE(status.st_mode & 07777, mode_t(0600));
+        QVERIFY(TestDevice::readFile(systemLimit).contains("max-attempts=3\n"));
+
+        // However often the policy changes, this is written no more.
+        QVERIFY(TestDevice::writeFile(TestDevice::currentPolicy, {}));
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        QCOMPARE(fixture.max(), QVariant(0));
+        QCOMPARE(stat(QFile::encodeName(systemLimit).constData(), &status), 0);
+        for (int i = 0; i < 20; ++i) {
+            QVERIFY(TestDevice::writeFile(TestDevice::currentPolicy,
+                                          i % 3 == 0 ? QByteArray() : "max-attempts=" + QByteArray::number(i)));
+            fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        }
+        struct stat later = {};
+        QCOMPARE(stat(QFile::encodeName(systemLimit).constData(), &later), 0);
+        QCOMPARE(later.st_ino, status.st_ino);
+        QCOMPARE(later.st_mtim.tv_nsec, status.st_mtim.tv_nsec);
+
+        // The packaged limit is the system's.
+        QVERIFY(writePolicy(TestDevice::packagedPolicy, "8"));
+        fixture.d->syncPolicy(TestDevice::packagedPolicy, true);
+        QVERIFY(!QFile::exists(systemLimit));
+    }
+
+    void noLimitIsTakenWithoutTheMemory()
+    {
+        // The limit could never be given back.
+        Fixture fixture;
+        QVERIFY(fixture.method.setOption(0, maxAttempts, 3));
+        QVERIFY(QDir().mkpath(systemLimit));
+        QVERIFY(writePolicy(TestDevice::currentPolicy, "5"));
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        QCOMPARE(fixture.max(), QVariant(3));
+        QVERIFY(QDir().rmdir(systemLimit));
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        QCOMPARE(fixture.max(), QVariant(text("5")));
+        // A damaged one is as good as none.
+        QVERIFY(TestDevice::writeFile(systemLimit, noise(1000)));
+        QVERIFY(writePolicy(TestDevice::currentPolicy, "6"));
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        QCOMPARE(fixture.max(), QVariant(text("6")));
     }
 
     void unchangedPolicyIsNotTold()

@@ -119,6 +119,7 @@ constexpr struct
                {1, Kind::WritePackagedPolicy},
                {1, Kind::RemovePackagedPolicy},
                {1, Kind::RemoveMethodSettings},
+               {1, Kind::SetLimit},
                {1, Kind::LockPartition},
                {2, Kind::UnlockPartition},
                {4, Kind::IncreaseAttempts},
@@ -206,6 +207,7 @@ rc::Gen<HappeningPointer> anyHappening(const Model &model)
             case Kind::WriteUserFile:
             case Kind::ReplaceUserFile:
             case Kind::WritePackagedPolicy:
+            case Kind::SetLimit:
                 event.variant = variant;
                 break;
             default:
@@ -367,15 +369,19 @@ void TstSequences::sequencesReachEverything()
                                   "outcome 11",
                                   "outcome 12",
                                   "outcome 14",
+                                  "former limit for the next user",
+                                  "no limit for the next user",
                                   "packaged limit for the next user",
                                   "partition locked",
                                   "policy no longer watched",
                                   "policy of another user at a launch",
                                   "policy of another user at a session's start",
                                   "policy of another user while watching",
+                                  "policy of a session without a client",
                                   "relaunched",
                                   "reply dropped",
                                   "root listens",
+                                  "root's limit for the next user",
                                   "shared directory passed on",
                                   "socket brought back",
                                   "socket without an authentication",
@@ -383,7 +389,7 @@ void TstSequences::sequencesReachEverything()
                                   "user locked",
                                   "user's file put aside",
                                   "user's file refused",
-                                  "waited for a client to be killed",
+                                  "waited for a client to end",
                                   "wrong owner"})
         QVERIFY2(situationsSeen.contains(QLatin1String(situation)), situation);
     QVERIFY(lengthsSeen.lastKey() >= 30);

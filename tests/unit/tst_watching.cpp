@@ -121,6 +121,7 @@ private Q_SLOTS:
     void userFileCannotBeGiven();
     void attemptsAsRead_data();
     void attemptsAsRead();
+    void countIsOfTheFilesUser();
     void policyIsTakenUp();
     void userFileComesBeforePolicy();
 
@@ -400,7 +401,9 @@ void TstWatching::userFileIsTakenUp()
     // The user is the client's, whoever is being authenticated.
     f.d->currentUid = bob;
     f.d->child.uid = carol;
-    QVERIFY(setOwner(aliceFile, carol, carol));
+    f.d->child.userConfigPath = sharedDirectory + QStringLiteral("/1002.conf");
+    QVERIFY(writeSetting(f.d->child.userConfigPath, attempts, QStringLiteral("2")));
+    QVERIFY(setOwner(f.d->child.userConfigPath, carol, carol));
     f.d->handleChildSharedDirectory(sharedDirectory);
     QCOMPARE(onlooker.calls.constLast(), changed(carol, attempts, QStringLiteral("2")));
     f.method.setNotificator(&f.daemon);
@@ -477,6 +480,28 @@ void TstWatching::attemptsAsRead()
         QCOMPARE(f.daemon.calls.first().arguments.at(2).userType(), value.userType());
         QCOMPARE(f.method.getOptionInternal(alice, attempts), value);
     }
+}
+
+void TstWatching::countIsOfTheFilesUser()
+{
+    // Bob's launch has been delayed while alice's client still runs.
+    WatchingFixture f;
+    QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("2")));
+    QVERIFY(setOwner(aliceFile, alice, group));
+    f.d->child.uid = bob;
+    LogCapture log;
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(f.method.getOptionInternal(alice, attempts), QVariant(QStringLiteral("2")));
+    QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("4")));
+    f.d->handleChildFileChanged(aliceFile);
+    QCOMPARE(f.method.getOptionInternal(alice, attempts), QVariant(QStringLiteral("4")));
+    QCOMPARE(f.method.getOptionInternal(bob, attempts), QVariant(0));
+    QVERIFY(log.lines().isEmpty());
+    // Bob's file is nobody's but his.
+    QVERIFY(setOwner(aliceFile, bob, group));
+    f.d->handleChildFileChanged(aliceFile);
+    QCOMPARE(f.method.getOptionInternal(alice, attempts), QVariant(0));
+    QCOMPARE(f.method.getOptionInternal(bob, attempts), QVariant(0));
 }
 
 void TstWatching::policyIsTakenUp()

@@ -38,6 +38,7 @@ QString nameOf(Kind kind)
                                         "WritePackagedPolicy",
                                         "RemovePackagedPolicy",
                                         "RemoveMethodSettings",
+                                        "SetLimit",
                                         "LockPartition",
                                         "UnlockPartition",
                                         "IncreaseAttempts",

@@ -47,6 +47,7 @@ enum class Kind {
     WritePackagedPolicy, // variant = value
     RemovePackagedPolicy,
     RemoveMethodSettings,
+    SetLimit, // by root; variant = value
     LockPartition,
     UnlockPartition,
     IncreaseAttempts, // user

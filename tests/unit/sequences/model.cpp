@@ -326,6 +326,9 @@ void Model::act(const Event &event)
         for (auto option = m_options.begin(); option != m_options.end();)
             option = option.key().first == 0 ? m_options.erase(option) : option + 1;
         break;
+    case Kind::SetLimit:
+        setOption(0, maxAttempts, integer(limits.at(event.variant % limits.size()).toInt()));
+        break;
     case Kind::LockPartition:
         m_partitionLocked = true;
         break;
@@ -439,7 +442,8 @@ void Model::construct()
     m_organizationKnown = m_commandKnown = false;
     m_manifestExists = m_manifestParsed = m_isSymLink = false;
     m_watches.clear();
-    m_limitIsUsers = m_refusalTold = false;
+    m_refusalTold = false;
+    m_sessionUser = 0;
 
     if (m_manifestIsLink) {
         m_manifestExists = m_isSymLink = true;
@@ -465,8 +469,8 @@ void Model::construct()
 
 void Model::destroy()
 {
-    if (policyCounts(m_uid))
-        takeLimit();
+    if (policyCounts(policyUser()))
+        takeLimit(policyUser());
     m_process = NotRunning;
     m_dying = m_stopped = m_termPending = false;
     m_connected = false;
@@ -501,10 +505,10 @@ void Model::makeAuth()
                     m_situations << QStringLiteral("another user's stubborn client killed");
                 if (m_uid == m_currentUid)
                     m_situations << QStringLiteral("another user's client killed after a launch was delayed");
-                kill();
             } else {
-                m_situations << QStringLiteral("waited for a client to be killed");
+                m_situations << QStringLiteral("waited for a client to end");
             }
+            kill();
             return;
         }
         if (m_starting) {
@@ -730,18 +734,16 @@ bool Model::launch()
 
     if (m_clientDirectoryAway)
         return false;
-    const bool hadPolicy = exists(policy);
     passClientDirectory();
     if (m_sharedBlocked)
         return false;
-    if (passSharedDirectory() && (hadPolicy || m_limitIsUsers) && !policyCounts(m_uid) && m_packagedPolicy) {
-        m_situations << QStringLiteral("packaged limit for the next user");
-        takePackagedLimit();
-    }
+    passSharedDirectory();
 
     watch(shared);
     if (!followPolicy(m_uid))
         m_situations << QStringLiteral("policy of another user at a launch");
+    if (!policyCounts(m_uid))
+        giveLimitBack(m_uid);
     m_userConfigPath = userFile(m_currentUid);
     const File present = m_files.value(m_userConfigPath);
     if (present.type != File::Regular || present.owner != m_uid) {
@@ -876,11 +878,15 @@ void Model::kill()
         m_ambiguous = true;
     if (!m_arrivals.isEmpty())
         m_ambiguous = true;
+    const bool wasDying = m_dying;
     m_clientUid = 0;
     m_dying = true;
     loseLink();
     if (m_arrivals.isEmpty())
         return;
+    // One that was asked to end before may have ended already, and that may be told first.
+    if (wasDying)
+        m_ambiguous = true;
     const Arrival lost = m_arrivals.takeLast();
     callsLost(lost.lost, lost.certs);
     m_loopNeeded = true;
@@ -896,6 +902,7 @@ void Model::startSession(uint user, bool manageClient)
         watch(shared);
     if (m_packagedPolicy && !methodSettingsStored())
         takePackagedLimit();
+    m_sessionUser = user;
     if (!followPolicy(m_running ? m_uid : user))
         m_situations << QStringLiteral("policy of another user at a session's start");
     if (!manageClient)
@@ -929,8 +936,10 @@ void Model::stopSession(bool manageClient)
         return;
     if (!m_userConfigPath.isEmpty())
         unwatch(m_userConfigPath);
-    if (manageClient && m_process != NotRunning)
+    if (manageClient && m_process != NotRunning) {
         terminate();
+        m_clientUid = 0;
+    }
 }
 
 void Model::deliverChanges()
@@ -969,10 +978,15 @@ void Model::directoryChanged(const QString &path)
 
 void Model::fileChanged(const QString &path)
 {
-    if (path == m_userConfigPath && m_uid != 0)
-        setOption(m_uid, attempts, childAttempts());
-    else if (path == policy && (!exists(policy) || policyCounts(m_uid)))
-        takeLimit();
+    if (path == m_userConfigPath && m_uid != 0) {
+        setOption(userOfFile(), attempts, childAttempts());
+    } else if (path == policy && !exists(policy)) {
+        takeLimit(m_system ? m_system->user : policyUser());
+    } else if (path == policy && policyCounts(policyUser())) {
+        if (m_uid == 0 && m_sessionUser != 0)
+            m_situations << QStringLiteral("policy of a session without a client");
+        takeLimit(policyUser());
+    }
 }
 
 void Model::socketDirectoryChanged()
@@ -1005,15 +1019,17 @@ void Model::socketDirectoryChanged()
 void Model::sharedDirectoryChanged()
 {
     if (m_uid != 0 && !m_userConfigPath.isEmpty() && exists(m_userConfigPath)) {
-        if (!changeGroup(m_userConfigPath, m_uid, m_gid) && !m_refusalTold) {
+        if (!changeGroup(m_userConfigPath, userOfFile(), m_gid) && !m_refusalTold) {
             m_refusalTold = true;
             ++m_refused;
             m_situations << QStringLiteral("user's file refused");
         }
         watchAnew(m_userConfigPath);
-        setOption(m_uid, attempts, childAttempts());
+        setOption(userOfFile(), attempts, childAttempts());
+        if (userOfFile() != m_uid)
+            m_situations << QStringLiteral("user's file after a launch was delayed");
     }
-    if (!followPolicy(m_uid))
+    if (!followPolicy(policyUser()))
         m_situations << QStringLiteral("policy of another user while watching");
 }
 
@@ -1082,8 +1098,7 @@ void Model::passClientDirectory()
     unwatch(policy);
 }
 
-/// Whether it was another user's.
-bool Model::passSharedDirectory()
+void Model::passSharedDirectory()
 {
     if (!m_sharedExists)
         m_shared = {};
@@ -1092,7 +1107,7 @@ bool Model::passSharedDirectory()
     m_shared = {m_uid, m_gid};
     if (former == 0 || former == m_uid) {
         noteDirectory(shared);
-        return false;
+        return;
     }
     m_situations << QStringLiteral("shared directory passed on");
     QMap<QString, File> present = m_filesAside.take(m_uid);
@@ -1115,7 +1130,6 @@ bool Model::passSharedDirectory()
     m_files = present;
     watchAnew(shared);
     unwatch(policy);
-    return true;
 }
 
 /// All sockets at which the same process listens are one.
@@ -1148,10 +1162,20 @@ void Model::setOption(uint user, const QString &name, const Value &value)
     m_atOnce << QStringLiteral("optionChanged %1 %2 %3").arg(user).arg(name, value.rendered());
 }
 
+/// Whose file the client's is, whoever's session has started since.
+uint Model::userOfFile() const
+{
+    for (const uint user : {1000U, 1001U, 1002U}) {
+        if (m_userConfigPath == userFile(user))
+            return user;
+    }
+    return 0;
+}
+
 Model::Value Model::childAttempts() const
 {
     const File file = m_files.value(m_userConfigPath);
-    const bool doesCount = file.type == File::Regular && (file.owner == 0 || file.owner == m_uid);
+    const bool doesCount = file.type == File::Regular && (file.owner == 0 || file.owner == userOfFile());
     return exists(m_userConfigPath) && doesCount && !file.value.isNull() ? text(file.value) : integer(0);
 }
 
@@ -1174,22 +1198,64 @@ bool Model::followPolicy(uint user)
         return false;
     }
     watchAnew(policy);
-    takeLimit();
+    takeLimit(user);
     return true;
 }
 
-/// From the current policy; one that is gone or cannot be read sets none.
-void Model::takeLimit()
+/// Of the client or, while there is none, of the session.
+uint Model::policyUser() const
 {
-    m_limitIsUsers = true;
+    return m_uid != 0 ? m_uid : m_sessionUser;
+}
+
+/// From the current policy; one that is gone or cannot be read sets none.
+void Model::takeLimit(uint user)
+{
     const File file = m_files.value(policy);
     const bool isReadable = exists(policy) && file.type == File::Regular && !file.value.isNull();
+    if (!limitIsUsers())
+        m_system = SystemLimit{
+            methodSettingsStored() ? std::optional<int>(option(0, maxAttempts).toInt()) : std::nullopt, 0, false};
+    m_system->user = user;
+    m_system->wasNone = m_system->wasNone || !isReadable;
     setOption(0, maxAttempts, isReadable ? text(file.value) : integer(0));
+}
+
+/// What root has set since is root's, except that nothing tells one limit of none from another.
+bool Model::limitIsUsers() const
+{
+    if (!m_system || !methodSettingsStored())
+        return false;
+    const Value limit = option(0, maxAttempts);
+    return limit.type != integer(0).type || (limit.toInt() == 0 && m_system->wasNone);
+}
+
+/// The limit is another user's, and `user` has no policy.
+void Model::giveLimitBack(uint user)
+{
+    if (!m_system || m_system->user == user)
+        return;
+    unwatch(policy);
+    const SystemLimit system = *m_system;
+    const bool wasUsers = limitIsUsers();
+    m_system.reset();
+    if (!wasUsers) {
+        m_situations << QStringLiteral("root's limit for the next user");
+    } else if (system.limit) {
+        m_situations << QStringLiteral("former limit for the next user");
+        setOption(0, maxAttempts, integer(*system.limit));
+    } else if (m_packagedPolicy) {
+        m_situations << QStringLiteral("packaged limit for the next user");
+        takePackagedLimit();
+    } else {
+        m_situations << QStringLiteral("no limit for the next user");
+        setOption(0, maxAttempts, integer(0));
+    }
 }
 
 void Model::takePackagedLimit()
 {
-    m_limitIsUsers = false;
+    m_system.reset();
     setOption(0, maxAttempts, m_packagedPolicy->isNull() ? integer(0) : text(*m_packagedPolicy));
 }
 

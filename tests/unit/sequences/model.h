@@ -159,16 +159,20 @@ private:
 
     // Passing from user to user
     void passClientDirectory();
-    bool passSharedDirectory();
+    void passSharedDirectory();
     void giveSockets(uint peer, uint owner);
 
     // Settings
     Value option(uint user, const QString &name) const;
     void setOption(uint user, const QString &name, const Value &value);
+    uint userOfFile() const;
     Value childAttempts() const;
     bool policyCounts(uint user) const;
     bool followPolicy(uint user);
-    void takeLimit();
+    uint policyUser() const;
+    void takeLimit(uint user);
+    bool limitIsUsers() const;
+    void giveLimitBack(uint user);
     void takePackagedLimit();
     bool methodSettingsStored() const;
     int increaseAttempts(uint user);
@@ -214,11 +218,19 @@ private:
     int m_lastInode = 0;
     QSet<int> m_goneInodes;
     QMap<OptionKey, Value> m_options;
+    /// What users' policies stand in for; kept over restarts.
+    struct SystemLimit
+    {
+        std::optional<int> limit; ///< None when there were no settings of the method.
+        uint user; ///< Whose policy was the last.
+        bool wasNone; ///< A policy has set no limit meanwhile.
+    };
+    std::optional<SystemLimit> m_system;
 
     // Client process and link
     Process m_process = NotRunning;
     int m_processKind = Works;
-    uint m_clientUid = 0; ///< User that the process was launched for; nobody's while it is being killed.
+    uint m_clientUid = 0; ///< User that the process was launched for; nobody's once it is to end.
     bool m_dying = false;
     bool m_stopped = false;
     bool m_termPending = false;
@@ -253,7 +265,7 @@ private:
     QString m_sharedDirectory;
     QString m_userConfigPath;
     QString m_homeDirectory;
-    bool m_limitIsUsers = false; ///< The limit came from a current policy, or from the end of one.
+    uint m_sessionUser = 0; ///< Of the last session that has started.
     bool m_refusalTold = false;
     bool m_organizationKnown = false;
     bool m_commandKnown = false;

@@ -456,6 +456,9 @@ void System::act(const Event &event, const Model &before)
     case Kind::RemoveMethodSettings:
         remove(QStringLiteral("/var/lib/authd/methods/kavet/current.conf"));
         break;
+    case Kind::SetLimit:
+        m_method->setOption(0, QStringLiteral("max-attempts"), limit.toInt());
+        break;
     case Kind::LockPartition:
         setPartitionLocked(true);
         break;
