@@ -148,6 +148,7 @@ private:
 
     bool m_refusedUserFile = false; ///< Since the last launch.
     bool m_lookupWasSlow = false; ///< Since the last launch.
+    QPair<quint64, qint64> m_settingsOfUsersLimit; ///< The version of the method's settings with a user's limit.
     uint m_sessionUser = 0; ///< Whose session has started last; 0 for nobody's.
 
     Q_DISABLE_COPY(MethodKavetPrivate)

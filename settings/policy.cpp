@@ -14,11 +14,23 @@
 
 #include <utility>
 
+#include <sys/stat.h>
+
 namespace {
 
 // Beside the system's limit, which has the option's own key and is missing when none was ever set.
 constexpr QLatin1String limitUser("user"); ///< Whose policy stands in for it.
 constexpr QLatin1String noLimitTaken("no-limit-taken"); ///< A policy has set none meanwhile.
+
+/// Tells the file at `path` from the one that replaces it.
+QPair<quint64, qint64> versionOf(const QString &path)
+{
+    struct stat status = {};
+    if (stat(QFile::encodeName(path).constData(), &status) == -1)
+        return {};
+    constexpr qint64 second = 1000000000; // ns
+    return {status.st_ino, status.st_mtim.tv_sec * second + status.st_mtim.tv_nsec};
+}
 
 } // namespace
 
@@ -67,8 +79,10 @@ std::optional<PinnedFile> MethodKavetPrivate::policyToFollow(uint user)
 void MethodKavetPrivate::takeLimit(PinnedFile policy, uint user)
 {
     const QVariant value = UserSettings(std::move(policy)).value(Constants::maxAttempts, 0);
-    if (value.isValid() && rememberSystemLimit(user, value.type() == QVariant::Int))
-        setLimit(value);
+    if (!value.isValid() || !rememberSystemLimit(user, value.type() == QVariant::Int))
+        return;
+    setLimit(value);
+    m_settingsOfUsersLimit = versionOf(settingsPath(Constants::methodSettingsPath));
 }
 
 /// The current policy has gone, and with it the limit of whoever set it.
@@ -103,6 +117,9 @@ bool MethodKavetPrivate::limitIsUsers() const
     const QSettings memory(settingsPath(Constants::systemLimitPath), QSettings::NativeFormat);
     if (!memory.contains(limitUser) || !QFileInfo::exists(settingsPath(Constants::methodSettingsPath)))
         return false;
+    // A policy may be changed all the time, and hold a value that takes long to read.
+    if (versionOf(settingsPath(Constants::methodSettingsPath)) == m_settingsOfUsersLimit)
+        return true;
     const QVariant limit = q->getOptionInternal(0, Constants::maxAttempts);
     return limit.type() != QVariant::Int || (limit == 0 && memory.contains(noLimitTaken));
 }
