@@ -39,6 +39,11 @@ OptionStore::Outcome OptionStore::write(uint uid, const QString &option, const Q
 {
     if (!isLegal(option))
         return Failed;
+    if (isTooLong(value)) {
+        // No warning: a user's files can bring such a value as often as the user likes.
+        qCDebug(authdPlatform) << "The value of option" << m_method << uid << option << "is too long";
+        return Failed;
+    }
     const std::optional<std::string> stored = toStored(value);
     if (!stored) {
         qCWarning(authdPlatform) << "Cannot store the value of option" << m_method << uid << option << value.typeName();

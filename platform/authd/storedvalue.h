@@ -16,6 +16,9 @@ std::optional<std::string> toUtf8(const QString &text);
 /// The text as it is; QString's own conversion would take a leading byte order mark away.
 QString fromUtf8(const char *utf8);
 
+/// Whether the value takes so much room that storing it again and again would keep everybody waiting: more than 4096
+/// characters, texts or bytes in all.
+bool isTooLong(const QVariant &value);
 /// The value in the store's form; absent when it has none from which the same value would come back.
 std::optional<std::string> toStored(const QVariant &value);
 /// The value of a text in the store's form; an invalid variant when it is none of those that toStored() takes.

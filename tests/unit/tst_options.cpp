@@ -38,6 +38,7 @@ const QVector<Text> &texts()
         {"methodName", Constants::methodName, "kavet"},
         {"methodsDirectory", Constants::methodsDirectory, "/var/lib/authd/methods/"},
         {"methodSettingsPath", Constants::methodSettingsPath, "%1/%2/current.conf"},
+        {"systemLimitPath", Constants::systemLimitPath, "%1/%2/system-limit.conf"},
         {"userConfigFilePath", Constants::userConfigFilePath, "/var/lib/authd/users/%1.conf"},
         {"authPage", Constants::authPage, "MethodPageKavet"},
         {"prePage", Constants::prePage, "PreMethodPageKavet"},

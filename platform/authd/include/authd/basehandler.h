@@ -62,7 +62,8 @@ public:
     /// byte arrays can be stored and come back as the same type. What is stored already is neither written nor told
     /// again, so that repeating it costs next to nothing. False, with a warning in the log and nothing changed,
     /// when the value is of another type, is a subnormal double or text that UTF-8 cannot carry or that holds a zero
-    /// character, when the option's name is none (see the constructor), or when it cannot be written.
+    /// character, when the option's name is none (see the constructor), or when it cannot be written. False, without
+    /// a warning, when it is longer than 4096 characters, texts or bytes.
     bool setOptionInternal(uint uid, const QString &option, const QVariant &value);
     /// Tells the daemon that `option` of user `uid` now has `value`; nothing is stored. `computed` is passed on, see
     /// NotificationHandler::optionChanged().
