@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
 #include "plugin/methodkavet.h"
 #include "settings/constants.h"
@@ -51,10 +51,11 @@ void MethodKavetPrivate::makeAuth()
             const QMap<QString, QVariant> authData = *pendingAuthData;
             pendingAuthData.reset();
 
-            if (authData.contains(Constants::password))
-                checkPassword(authData.value(Constants::password).toString());
-            else if (authData.contains(Constants::cert) && authData.contains(Constants::pin))
-                validateCert(authData.value(Constants::cert).toString(), authData.value(Constants::pin).toString());
+            if (authData.contains(Constants::Request::password))
+                checkPassword(authData.value(Constants::Request::password).toString());
+            else if (authData.contains(Constants::Request::cert) && authData.contains(Constants::Request::pin))
+                validateCert(authData.value(Constants::Request::cert).toString(),
+                             authData.value(Constants::Request::pin).toString());
             else
                 requestInput(SettingsKavet::EnterPasswordOrPin, SettingsKavet::Success);
             return;
@@ -68,14 +69,14 @@ void MethodKavetPrivate::makeAuth()
 void MethodKavetPrivate::handleResult(const QString &answer)
 {
     static const QHash<QString, SettingsKavet::ResultCode> results = {
-        {Constants::answerSuccess, SettingsKavet::Success},
-        {Constants::answerLock, SettingsKavet::UserLocked},
-        {Constants::answerRemove, SettingsKavet::TooManyAttempts},
-        {Constants::answerNoUsb, SettingsKavet::NoUsbDevice},
-        {Constants::answerConnectionError, SettingsKavet::ConnectionError},
-        {Constants::answerFailed, SettingsKavet::AuthFailed},
-        {Constants::answerBadDefaultCert, SettingsKavet::BadDefaultCert},
-        {Constants::answerErrAuthType, SettingsKavet::ErrAuthType},
+        {Constants::Answers::success, SettingsKavet::Success},
+        {Constants::Answers::lock, SettingsKavet::UserLocked},
+        {Constants::Answers::remove, SettingsKavet::TooManyAttempts},
+        {Constants::Answers::noUsb, SettingsKavet::NoUsbDevice},
+        {Constants::Answers::connectionError, SettingsKavet::ConnectionError},
+        {Constants::Answers::failed, SettingsKavet::AuthFailed},
+        {Constants::Answers::badDefaultCert, SettingsKavet::BadDefaultCert},
+        {Constants::Answers::unknownRequest, SettingsKavet::ErrAuthType},
     };
 
     const SettingsKavet::ResultCode code = results.value(answer, SettingsKavet::AuthFailed);

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
 #include "plugin/logging.h"
 #include "plugin/methodkavet.h"
@@ -18,6 +18,9 @@ namespace {
 constexpr int maximumErrorText = 1024; ///< Bytes of a client's error text that are logged.
 constexpr int maximumCertificates = 1000;
 constexpr int maximumCertListSize = 256 * 1024; ///< Bytes.
+const QString notConnected = QStringLiteral("No link to the client");
+const QString cannotReachSocket = QStringLiteral("Failed to connect to socket %1: %2"); ///< %1 = path, %2 = reason.
+const QString certListTooLong = QStringLiteral("The list of certificates is too long");
 
 /// The longest part of `text`, which a client has chosen, that is fit for the log.
 QString shortened(const QString &text)
@@ -59,23 +62,23 @@ bool MethodKavetPrivate::connectToChild()
         return false;
 
     closeLink();
-    const QString path = Constants::filePath.arg(Constants::clientDirectory, Constants::socketName);
+    const QString path = Constants::Link::socketPath;
     QDBusError error;
     if (guard.connectToClient(path, currentUid == 0 ? child.clientUid : currentUid)) {
-        connection = QDBusConnection::connectToPeer(guard.address(), Constants::peerConnection);
+        connection = QDBusConnection::connectToPeer(guard.address(), Constants::Link::connectionName);
         error = connection.lastError();
     } else {
-        error = QDBusError(QDBusError::NoServer, Constants::cannotReachSocket.arg(path, guard.errorString()));
+        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, guard.errorString()));
     }
     if (connection.isConnected() && !guard.acceptLibrary())
-        error = QDBusError(QDBusError::NoServer, Constants::cannotReachSocket.arg(path, guard.errorString()));
+        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, guard.errorString()));
     if (!guard.isOpen()) {
-        qCWarning(kavet) << "Cannot connect to the Kavet client socket" << Constants::peerAddress << error;
+        qCWarning(kavet) << "Cannot connect to the Kavet client socket" << Constants::Link::address << error;
         closeLink();
         return false;
     }
 
-    clientInterface.reset(new KavetAuthInterface(Constants::clientService, Constants::clientObjectPath, connection));
+    clientInterface.reset(new KavetAuthInterface(Constants::Link::service, Constants::Link::objectPath, connection));
     if (certListPending) {
         certListPending = false;
         getCertList();
@@ -87,7 +90,7 @@ void MethodKavetPrivate::closeLink()
 {
     // The library would keep the connection open for as long as anything refers to it.
     guard.close();
-    QDBusConnection::disconnectFromPeer(Constants::peerConnection);
+    QDBusConnection::disconnectFromPeer(Constants::Link::connectionName);
     connection = QDBusConnection(QString());
 }
 
@@ -108,7 +111,7 @@ bool MethodKavetPrivate::prepareRequest(const char *method)
     currentRequest = nullptr;
     // A reset sets the last stage for a client whose link was never made or has been dropped since.
     if (!(guard.isOpen() && connection.isConnected()) && !connectToChild()) {
-        failRequest(method, QDBusError(QDBusError::Disconnected, Constants::notConnected));
+        failRequest(method, QDBusError(QDBusError::Disconnected, notConnected));
         return false;
     }
     guard.allowReply();
@@ -132,7 +135,7 @@ void MethodKavetPrivate::awaitAnswer(const char *method, const QDBusPendingCall 
         if (reply.isError())
             failRequest(method, reply.error());
         else if (usedLink != guard.link())
-            failRequest(method, QDBusError(QDBusError::Disconnected, Constants::notConnected));
+            failRequest(method, QDBusError(QDBusError::Disconnected, notConnected));
         else
             handleResult(reply.value());
     };
@@ -169,15 +172,15 @@ QStringList MethodKavetPrivate::getCertList()
         if (reply.isError())
             qCWarning(kavet) << method << "failed:" << shortened(reply.error().message());
         else if (usedLink != guard.link())
-            qCWarning(kavet) << method << "failed:" << Constants::notConnected;
+            qCWarning(kavet) << method << "failed:" << notConnected;
         else if (isTooLong(reply.value()))
-            qCWarning(kavet) << method << "failed:" << Constants::certListTooLong;
+            qCWarning(kavet) << method << "failed:" << certListTooLong;
         else
             certList = reply.value();
-        q->optionChanged(0, Constants::certs, certList, true);
+        q->optionChanged(0, Constants::Options::certs, certList, true);
         finished->deleteLater();
         certListInFlight = false;
     };
     connect(pending, &QDBusPendingCallWatcher::finished, pending, handleReply);
-    return {Constants::updatingCertList};
+    return {Constants::Options::updatingCerts};
 }

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "auth/messagegate.h"
-#include "client/descriptor.h"
+#include "files/descriptor.h"
 
 #include <QByteArray>
 #include <QScopedPointer>

@@ -49,7 +49,7 @@ ChildProcess::~ChildProcess() = default;
 
 bool ChildProcess::detectManifest()
 {
-    const QFileInfo manifest(Constants::manifestPath);
+    const QFileInfo manifest(Constants::Paths::manifest);
     if (manifest.isSymLink()) {
         manifestExists = true;
         manifestIsSymLink = true;
@@ -77,9 +77,9 @@ bool ChildProcess::tryToParseManifest()
 
 bool ChildProcess::parseManifest()
 {
-    const auto manifest = AppManifest::ManifestEntry::fromFilename(Constants::manifestPath.toStdString());
+    const auto manifest = AppManifest::ManifestEntry::fromFilename(Constants::Paths::manifest.toStdString());
     if (!manifest) {
-        qCCritical(kavet) << "Cannot open or parse manifest file" << Constants::manifestPath;
+        qCCritical(kavet) << "Cannot open or parse manifest file" << Constants::Paths::manifest;
         manifestExists = false;
         manifestParsed = false;
         return false;
@@ -89,7 +89,7 @@ bool ChildProcess::parseManifest()
     orgName = QString::fromStdString(manifest->appOrgname());
     exec = QString::fromStdString(manifest->exec());
     if (!orgName.isEmpty() && !appName.isEmpty())
-        sharedDirectory = Constants::sharedRoot + QDir::separator() + orgName + QDir::separator() + appName;
+        sharedDirectory = Constants::Paths::shared + QDir::separator() + orgName + QDir::separator() + appName;
 
     manifestParsed = true;
     return true;
@@ -114,9 +114,9 @@ void ChildProcess::killForGood()
 // of Qt is used.
 void ChildProcess::setupChildProcess()
 {
-    gid_t groups[std::size(Constants::supplementaryGroups)];
+    gid_t groups[std::size(Constants::Process::supplementaryGroups)];
     for (size_t i = 0; i < std::size(groups); ++i) {
-        const struct group *entry = getgrnam(Constants::supplementaryGroups[i]);
+        const struct group *entry = getgrnam(Constants::Process::supplementaryGroups[i]);
         if (!entry)
             warnFromChild("Cannot get GID.");
         groups[i] = entry ? entry->gr_gid : gid;

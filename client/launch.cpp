@@ -1,9 +1,9 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
-#include "client/userfiles.h"
-#include "client/usersettings.h"
+#include "files/userfiles.h"
+#include "files/usersettings.h"
 #include "plugin/logging.h"
 #include "plugin/methodkavet.h"
 #include "settings/constants.h"
@@ -38,9 +38,9 @@ bool MethodKavetPrivate::launchChild()
         qCCritical(kavet) << "Cannot name for" << currentUid;
         return false;
     }
-    const struct group *clientGroup = getgrnam(Constants::clientGroup);
+    const struct group *clientGroup = getgrnam(Constants::Process::group);
     if (!clientGroup) {
-        qCCritical(kavet) << "Cannot get GID of" << QString::fromLatin1(Constants::clientGroup);
+        qCCritical(kavet) << "Cannot get GID of" << QString::fromLatin1(Constants::Process::group);
         return false;
     }
     m_refusedUserFile = false;
@@ -57,12 +57,12 @@ bool MethodKavetPrivate::launchChild()
     watcher.addPath(child.sharedDirectory);
     if (auto policy = policyToFollow(child.uid)) {
         takeLimit(std::move(*policy), child.uid);
-        watchAnew(Constants::currentPolicyFile);
+        watchAnew(Constants::Paths::currentPolicy);
     } else {
         giveLimitBack(child.uid);
     }
 
-    child.userConfigPath = Constants::userConfigName.arg(child.sharedDirectory, QString::number(currentUid));
+    child.userConfigPath = Constants::Paths::userSettings.arg(child.sharedDirectory, QString::number(currentUid));
     PinnedFile userFile(child.userConfigPath, child.uid, child.gid);
     if (!userFile.isUsable()) {
         const int error = errno;
@@ -72,17 +72,17 @@ bool MethodKavetPrivate::launchChild()
     }
     // Written at the end of the function.
     UserSettings userSettings(std::move(userFile));
-    userSettings.setValue(Constants::attempts, q->getOptionInternal(currentUid, Constants::attempts));
+    userSettings.setValue(Constants::Options::attempts, q->getOptionInternal(currentUid, Constants::Options::attempts));
     watchAnew(child.userConfigPath);
 
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(Constants::homeVariable, Constants::homeRoot + userName);
-    environment.insert(Constants::sessionBusVariable, Constants::sessionBusAddress.arg(currentUid));
+    environment.insert(Constants::Process::homeVariable, Constants::Paths::homes + userName);
+    environment.insert(Constants::Process::sessionBusVariable, Constants::Process::sessionBusAddress.arg(currentUid));
     child.setProcessEnvironment(environment);
     // A process that is starting already is another launch's, and stays what it is.
     if (child.state() == QProcess::NotRunning)
         child.clientUid = currentUid;
-    child.start(Constants::sandboxLauncher, arguments, QIODevice::ReadWrite);
+    child.start(Constants::Process::launcher, arguments, QIODevice::ReadWrite);
     return true;
 }
 
@@ -94,17 +94,17 @@ bool MethodKavetPrivate::prepareEnvironment()
             watcher.removePath(directory);
             watcher.addPath(directory);
             // What the former user does to files put aside must not look like a change of those in their place.
-            watcher.removePath(Constants::currentPolicyFile);
+            watcher.removePath(Constants::Paths::currentPolicy);
         }
         return result;
     };
 
-    if (pass(Constants::clientDirectory) == HandOver::Failed) {
+    if (pass(Constants::Link::directory) == HandOver::Failed) {
         qCCritical(kavet) << "Cannot change owner of directory";
         return false;
     }
 
-    const QStringList directories = {Constants::sharedRoot + QLatin1Char('/') + child.orgName + QLatin1Char('/')
+    const QStringList directories = {Constants::Paths::shared + QLatin1Char('/') + child.orgName + QLatin1Char('/')
                                      + child.appName};
     for (const QString &directory : directories) {
         if (!QDir().mkpath(directory)) {

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
 #include "plugin/logging.h"
 #include "plugin/methodkavet.h"
@@ -92,10 +92,10 @@ void MethodKavetPrivate::setChildUnavailable(bool wasRunning)
     closeLink();
     watcher.removePath(child.userConfigPath);
     child.userConfigPath.clear();
-    watcher.removePath(Constants::currentPolicyFile);
+    watcher.removePath(Constants::Paths::currentPolicy);
     child.uid = 0;
     child.gid = 0;
-    QFile::remove(Constants::filePath.arg(Constants::clientDirectory, Constants::socketName));
+    QFile::remove(Constants::Link::socketPath);
     qCDebug(kavet) << __func__ << "locking the screen";
     q->restartAuth(currentUid);
 }

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
 #include "plugin/logging.h"
 #include "settings/constants.h"
@@ -11,7 +11,7 @@
 
 QStringList MethodKavetPrivate::getLaunchArgs()
 {
-    using namespace Constants;
+    using namespace Constants::Sandbox;
 
     const QString orgName = child.orgName;
     const QString appName = child.appName;
@@ -27,44 +27,44 @@ QStringList MethodKavetPrivate::getLaunchArgs()
         qCCritical(kavet) << "Empty ExecCmd= statement in desktop file.";
         return {};
     }
-    const auto manifest = AppManifest::ManifestEntry::fromFilename(manifestPath.toStdString());
+    const auto manifest = AppManifest::ManifestEntry::fromFilename(Constants::Paths::manifest.toStdString());
     if (!manifest) {
-        qCCritical(kavet) << "Cannot open desktop file" << manifestPath;
+        qCCritical(kavet) << "Cannot open desktop file" << Constants::Paths::manifest;
         return {};
     }
 
     QStringList profiles;
     for (const std::string &permission : manifest->appPermissions()) {
         const QString fileName = QString::fromStdString(permission) + permissionSuffix;
-        for (const QString &directory : {permissionsDirectory, installedPermissionsDirectory}) {
+        for (const QString &directory : {permissions, installedPermissions}) {
             if (QFileInfo::exists(directory + fileName)) {
-                profiles << profileOption + directory + fileName;
+                profiles << profile + directory + fileName;
                 break;
             }
         }
     }
-    profiles << profileOption + permissionsDirectory + basePermission + permissionSuffix;
+    profiles << profile + permissions + basePermission + permissionSuffix;
 
     const QString applicationId = orgName + QLatin1Char('.') + appName;
     const QString applicationPath = orgName + QLatin1Char('/') + appName;
 
     // The launcher itself replaces ${HOME}. What follows the command is the client's.
-    return QStringList{quietOption,
-                       organizationTemplateOption + orgName,
-                       applicationTemplateOption + appName,
-                       privateBinOption + applicationId,
-                       whitelistOption + packagedDataRoot + applicationId,
-                       whitelistOption + userDataRoot + applicationId,
-                       whitelistOption + userConfigRoot + applicationId,
-                       whitelistOption + userCacheRoot + applicationId,
-                       mkdirOption + userCacheRoot + applicationPath,
-                       whitelistOption + userCacheRoot + applicationPath,
-                       mkdirOption + userDataRoot + applicationPath,
-                       whitelistOption + userDataRoot + applicationPath,
-                       mkdirOption + userConfigRoot + applicationPath,
-                       whitelistOption + userConfigRoot + applicationPath,
-                       whitelistOption + sharedRoot + QLatin1Char('/') + applicationPath,
-                       ownUserBusNameOption + applicationId,
-                       talkSystemBusNameOption + authService}
-           + profiles + QStringList{child.exec, noGuiOption};
+    return QStringList{quiet,
+                       organizationTemplate + orgName,
+                       applicationTemplate + appName,
+                       privateBin + applicationId,
+                       whitelist + packagedData + applicationId,
+                       whitelist + userData + applicationId,
+                       whitelist + userConfig + applicationId,
+                       whitelist + userCache + applicationId,
+                       mkdir + userCache + applicationPath,
+                       whitelist + userCache + applicationPath,
+                       mkdir + userData + applicationPath,
+                       whitelist + userData + applicationPath,
+                       mkdir + userConfig + applicationPath,
+                       whitelist + userConfig + applicationPath,
+                       whitelist + Constants::Paths::shared + QLatin1Char('/') + applicationPath,
+                       ownUserBusName + applicationId,
+                       talkSystemBusName + authService}
+           + profiles + QStringList{child.exec, noGui};
 }

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
 #include "plugin/logging.h"
 #include "plugin/methodkavet.h"
@@ -17,7 +17,7 @@ namespace {
 
 bool firstStartFinished(const QString &homeDirectory)
 {
-    return PinnedFile(homeDirectory + QDir::separator() + Constants::firstStartMarker).exists();
+    return PinnedFile(homeDirectory + QDir::separator() + Constants::Paths::firstStartMarker).exists();
 }
 
 } // namespace
@@ -29,12 +29,12 @@ void MethodKavetPrivate::handleUserSessionStarted(uint uid, bool manageClient)
 
     if (!child.sharedDirectory.isEmpty())
         watcher.addPath(child.sharedDirectory);
-    if (QFileInfo::exists(Constants::packagedPolicyFile))
-        syncPolicy(Constants::packagedPolicyFile, false);
+    if (QFileInfo::exists(Constants::Paths::packagedPolicy))
+        syncPolicy(Constants::Paths::packagedPolicy, false);
     m_sessionUser = uid;
     const uint policyOwner = child.clientRunning ? child.uid : uid;
     if (auto policy = policyToFollow(policyOwner)) {
-        watchAnew(Constants::currentPolicyFile);
+        watchAnew(Constants::Paths::currentPolicy);
         takeLimit(std::move(*policy), policyOwner);
     }
     if (!manageClient)
@@ -54,7 +54,7 @@ void MethodKavetPrivate::handleUserSessionStarted(uint uid, bool manageClient)
     const QString userName = QString::fromLatin1(entry->pw_name);
 
     if (firstStartFinished(homeDirectory)) {
-        if (q->getOptionInternal(uid, Constants::delayedDeletion).toBool())
+        if (q->getOptionInternal(uid, Constants::Options::delayedDeletion).toBool())
             removeUserDataInternal(uid, userName);
         return;
     }

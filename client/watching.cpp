@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
-#include "client/userfiles.h"
+#include "files/userfiles.h"
 #include "plugin/logging.h"
 #include "plugin/methodkavet.h"
 #include "settings/constants.h"
@@ -31,7 +31,7 @@ qint64 timeWorked()
 
 void MethodKavetPrivate::handleChildDirectoryChanged(const QString &path)
 {
-    if (path == Constants::clientDirectory)
+    if (path == Constants::Link::directory)
         handleChildSocket(path);
     else if (path == child.sharedDirectory)
         handleChildSharedDirectory(path);
@@ -46,14 +46,14 @@ bool MethodKavetPrivate::handleChildSocket(const QString &path)
 
     // The name itself counts, not what a symbolic link of that name leads to.
     struct stat socket = {};
-    const QString socketPath = Constants::filePath.arg(path, Constants::socketName);
+    const QString socketPath = path + QLatin1Char('/') + Constants::Link::socketName;
     if (lstat(QFile::encodeName(socketPath).constData(), &socket) == -1) {
         qCDebug(kavet) << __func__ << "kavet client socket removed";
         child.socketPresent = false;
         return false;
     }
     const uint owner = socket.st_uid;
-    if (owner != child.uid || owner == Constants::unknownOwner) {
+    if (owner != child.uid || owner == Constants::Process::unknownOwner) {
         qCDebug(kavet) << __func__ << "Wrong socket owner" << owner;
         return false;
     }
@@ -105,12 +105,12 @@ void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
             qCWarning(kavet) << "Failed to change owner for" << child.userConfigPath << "to" << user << child.gid;
         }
         watchAnew(child.userConfigPath);
-        q->setOptionInternal(user, Constants::attempts, getChildAttempts());
+        q->setOptionInternal(user, Constants::Options::attempts, getChildAttempts());
     }
 
     const uint owner = policyUser();
     if (auto policy = policyToFollow(owner)) {
-        watchAnew(Constants::currentPolicyFile);
+        watchAnew(Constants::Paths::currentPolicy);
         takeLimit(std::move(*policy), owner);
     }
 }
@@ -118,8 +118,8 @@ void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
 void MethodKavetPrivate::handleChildFileChanged(const QString &path)
 {
     if (path == child.userConfigPath && child.uid != 0) {
-        q->setOptionInternal(userOfFile(), Constants::attempts, getChildAttempts());
-    } else if (path == Constants::currentPolicyFile) {
+        q->setOptionInternal(userOfFile(), Constants::Options::attempts, getChildAttempts());
+    } else if (path == Constants::Paths::currentPolicy) {
         // One that has gone sets no limit; one of somebody else changes nothing.
         const uint user = policyUser();
         if (!PinnedFile(path).exists())

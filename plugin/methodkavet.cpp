@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "plugin/methodkavet.h"
 
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 #include "settings/constants.h"
 #include "settings/settingskavet.h"
 
@@ -10,7 +10,7 @@
 #include <QMetaEnum>
 
 MethodKavet::MethodKavet()
-    : AuthPluginInterface(Constants::methodName)
+    : AuthPluginInterface(Constants::Method::name)
     , d(new MethodKavetPrivate(this))
 {
 }
@@ -19,18 +19,18 @@ MethodKavet::~MethodKavet() = default;
 
 QString MethodKavet::name() const
 {
-    return Constants::methodName;
+    return Constants::Method::name;
 }
 
 const AuthUiPages &MethodKavet::pages() const
 {
-    static const AuthUiPages uiPages{Constants::authPage, Constants::prePage, Constants::infoPage};
+    static const AuthUiPages uiPages{Constants::Method::page, Constants::Method::prePage, Constants::Method::infoPage};
     return uiPages;
 }
 
 int MethodKavet::types() const
 {
-    return Constants::methodTypes;
+    return Constants::Method::types;
 }
 
 QString MethodKavet::getErrorMessage(int code) const
@@ -43,7 +43,7 @@ void MethodKavet::reset()
     d->pendingAuthData.reset();
     d->currentUid = 0;
     d->currentRequest = nullptr;
-    d->launchBudget = Constants::launchBudget;
+    d->launchBudget = Constants::Process::launchBudget;
     if (!d->child.clientRunning)
         d->clientStage = MethodKavetPrivate::MustLaunch;
     else
@@ -81,9 +81,9 @@ void MethodKavet::handleUserSessionTriggered(unsigned int uid, bool started, boo
 
 QString MethodKavet::getAuthData(const QMap<QString, QVariant> &data)
 {
-    if (data.contains(Constants::password))
-        return data.value(Constants::password).toString();
-    if (data.contains(Constants::cert) && data.contains(Constants::pin))
-        return data.value(Constants::pin).toString();
+    if (data.contains(Constants::Request::password))
+        return data.value(Constants::Request::password).toString();
+    if (data.contains(Constants::Request::cert) && data.contains(Constants::Request::pin))
+        return data.value(Constants::Request::pin).toString();
     return QString();
 }

@@ -2,9 +2,9 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "plugin/methodkavet.h"
 
-#include "client/methodkavetprivate.h"
-#include "client/usersettings.h"
+#include "files/usersettings.h"
 #include "plugin/logging.h"
+#include "plugin/methodkavetprivate.h"
 #include "settings/constants.h"
 #include "settings/settingskavet.h"
 
@@ -14,39 +14,39 @@
 
 int MethodKavet::getAttempts(unsigned int uid)
 {
-    const int max = getOptionInternal(0, Constants::maxAttempts).toInt();
+    const int max = getOptionInternal(0, Constants::Options::maxAttempts).toInt();
     if (max == 0)
         return 1;
 
-    const int current = getOption(uid, Constants::attempts).toInt();
+    const int current = getOption(uid, Constants::Options::attempts).toInt();
     return max - current;
 }
 
 int MethodKavet::increaseAttempts(unsigned int uid)
 {
-    const int max = getOptionInternal(0, Constants::maxAttempts).toInt();
+    const int max = getOptionInternal(0, Constants::Options::maxAttempts).toInt();
     if (max == 0)
         return SettingsKavet::BadPassword;
 
-    int current = getOption(uid, Constants::attempts).toInt();
+    int current = getOption(uid, Constants::Options::attempts).toInt();
     if (max > current) {
         ++current;
-        setOptionInternal(uid, Constants::attempts, current);
+        setOptionInternal(uid, Constants::Options::attempts, current);
         if (max > current)
             return SettingsKavet::BadPassword;
     }
 
     qCWarning(kavet) << __func__ << "Max attempts reached" << uid << current << max;
-    logEvent(Constants::lockoutEventLevel, Constants::lockoutEvent, QString());
+    logEvent(Constants::Lockout::eventLevel, Constants::Lockout::event, QString());
     resetAttempts(uid);
-    lockUser(uid, true, Constants::lockoutReason, Constants::lockoutDuration);
-    setOptionInternal(uid, Constants::delayedDeletion, true);
+    lockUser(uid, true, Constants::Lockout::reason, Constants::Lockout::duration);
+    setOptionInternal(uid, Constants::Options::delayedDeletion, true);
     return SettingsKavet::TooManyAttempts;
 }
 
 void MethodKavet::resetAttempts(unsigned int uid)
 {
-    setOptionInternal(uid, Constants::attempts, 0);
+    setOptionInternal(uid, Constants::Options::attempts, 0);
 }
 
 /// Whose file the client's file is. It outlasts that user's turn when a launch for another user is delayed.
@@ -61,5 +61,6 @@ QVariant MethodKavetPrivate::getChildAttempts()
 {
     PinnedFile file(child.userConfigPath);
     const QVariant none = 0;
-    return file.countsFor(userOfFile()) ? UserSettings(std::move(file)).value(Constants::attempts, none) : none;
+    return file.countsFor(userOfFile()) ? UserSettings(std::move(file)).value(Constants::Options::attempts, none)
+                                        : none;
 }

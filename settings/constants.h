@@ -4,105 +4,124 @@
 
 #include <QString>
 
-/// Every name, path and text that the method and the world outside it have agreed upon.
+#include <limits>
+
+/// Names, paths and texts that the method has agreed on with the rest of the device. A constant of a single file stands
+/// in that file, unless somebody outside relies on it.
 namespace Constants {
 
-// The method
-extern const QString methodName;
-extern const QString methodsDirectory; ///< Ends in a slash.
-extern const QString methodSettingsPath; ///< %1 = methodsDirectory, %2 = the method's name.
-extern const QString systemLimitPath; ///< Likewise; of the limit that a user's policy stands in for.
-extern const QString userConfigFilePath; ///< %1 = user id.
-extern const QString authPage;
+/// What the daemon knows about the method.
+namespace Method {
+extern const QString name;
+extern const QString page;
 extern const QString prePage;
 extern const QString infoPage;
-constexpr int methodTypes = 20; ///< The daemon's method-type bits 2 and 4.
-constexpr uint launchBudget = 11; ///< Launches of the client until the next reset.
+constexpr int types = 20; ///< The daemon's method-type bits 2 and 4.
+} // namespace Method
 
-// Options and settings keys
+/// Keys of the options, of the policies and of the file that the plugin shares with the client.
+namespace Options {
 extern const QString certs;
 extern const QString maxAttempts;
 extern const QString delayedDeletion;
 extern const QString attempts;
-extern const QString updatingCertList; ///< The one element of a certificate list that is still being fetched.
+extern const QString updatingCerts; ///< The only element of a certificate list that is being fetched.
+} // namespace Options
 
-// Authentication data
+/// Keys of the data that a request for authentication carries.
+namespace Request {
 extern const QString password;
 extern const QString cert;
 extern const QString pin;
+} // namespace Request
 
-// The client's answers
-extern const QString answerSuccess;
-extern const QString answerLock;
-extern const QString answerRemove;
-extern const QString answerNoUsb;
-extern const QString answerConnectionError;
-extern const QString answerFailed;
-extern const QString answerBadDefaultCert;
-extern const QString answerErrAuthType;
+/// The client's answers to a request.
+namespace Answers {
+extern const QString success;
+extern const QString lock;
+extern const QString remove;
+extern const QString noUsb;
+extern const QString connectionError;
+extern const QString failed;
+extern const QString badDefaultCert;
+extern const QString unknownRequest;
+} // namespace Answers
 
-// The link to the client
-extern const QString clientDirectory;
+/// The link to the client.
+namespace Link {
+extern const QString directory; ///< Of the socket.
 extern const QString socketName;
-extern const QString filePath; ///< %1 = directory, %2 = file name.
-extern const QString peerAddress;
-extern const QString peerConnection;
-extern const QString clientService;
-extern const QString clientObjectPath;
-extern const QString notConnected;
-extern const QString cannotReachSocket; ///< %1 = path, %2 = reason.
-extern const QString certListTooLong;
+extern const QString socketPath;
+extern const QString address;
+extern const QString connectionName;
+extern const QString service;
+extern const QString objectPath;
+} // namespace Link
 
-// The client's files
-extern const QString manifestPath;
-extern const QString sharedRoot;
-extern const QString userConfigName; ///< %1 = directory, %2 = user id.
-extern const QString packagedPolicyFile;
-extern const QString currentPolicyFile;
-extern const QString firstStartMarker;
-constexpr uint unknownOwner = 4294967294; ///< Stands for an owner that is not known; no client runs as it.
+/// Files and directories.
+namespace Paths {
+extern const QString methods; ///< Of the daemon's settings for methods. Ends in a slash.
+extern const QString methodSettings; ///< %1 = methods, %2 = the method's name.
+extern const QString systemLimit; ///< The same. Keeps the system's limit while a user's policy is in force.
+extern const QString userOptions; ///< %1 = user id.
+extern const QString manifest;
+extern const QString shared;
+extern const QString userSettings; ///< %1 = the client's shared directory, %2 = user id.
+extern const QString packagedPolicy;
+extern const QString currentPolicy;
+extern const QString firstStartMarker; ///< In the user's home directory.
+extern const QString homes; ///< Ends in a slash.
+} // namespace Paths
 
-// The client's process
-extern const QString sandboxLauncher;
+/// The client's process.
+namespace Process {
+constexpr uint launchBudget = 11; ///< Launches until the next reset.
+extern const QString launcher;
 extern const QString homeVariable;
-extern const QString homeRoot; ///< Ends in a slash.
 extern const QString sessionBusVariable;
 extern const QString sessionBusAddress; ///< %1 = user id.
-extern const char *const clientGroup;
+extern const char *const group;
 constexpr const char *supplementaryGroups[] = {"inet"};
+constexpr uint unknownOwner = std::numeric_limits<uint>::max() - 1; ///< No client runs as this user.
+} // namespace Process
 
-// The sandbox's command line
-extern const QString quietOption;
-extern const QString organizationTemplateOption;
-extern const QString applicationTemplateOption;
-extern const QString privateBinOption;
-extern const QString whitelistOption;
-extern const QString mkdirOption;
-extern const QString ownUserBusNameOption;
-extern const QString talkSystemBusNameOption;
-extern const QString profileOption;
-extern const QString noGuiOption;
-extern const QString packagedDataRoot;
-extern const QString userDataRoot;
-extern const QString userConfigRoot;
-extern const QString userCacheRoot;
+/// The sandbox's command line and the permission profiles it refers to.
+namespace Sandbox {
+extern const QString quiet;
+extern const QString organizationTemplate;
+extern const QString applicationTemplate;
+extern const QString privateBin;
+extern const QString whitelist;
+extern const QString mkdir;
+extern const QString ownUserBusName;
+extern const QString talkSystemBusName;
+extern const QString profile;
+extern const QString noGui;
+extern const QString packagedData;
+extern const QString userData;
+extern const QString userConfig;
+extern const QString userCache;
 extern const QString authService;
-extern const QString permissionsDirectory; ///< Ends in a slash.
-extern const QString installedPermissionsDirectory; ///< Ends in a slash.
+extern const QString permissions; ///< A directory. Ends in a slash.
+extern const QString installedPermissions; ///< A directory. Ends in a slash.
 extern const QString permissionSuffix;
 extern const QString basePermission;
+} // namespace Sandbox
 
-// Lockout
-extern const QString lockoutEventLevel;
-extern const QString lockoutEvent;
-extern const QString lockoutReason;
-constexpr uint lockoutDuration = 4294967295; ///< Until root unlocks the user.
+/// The lock of a user who has used up the attempts.
+namespace Lockout {
+extern const QString eventLevel;
+extern const QString event;
+extern const QString reason;
+constexpr uint duration = std::numeric_limits<uint>::max(); ///< Until root unlocks the user.
+} // namespace Lockout
 
-// The user-data wiper
-extern const QString wiperService;
-extern const QString wiperObjectPath;
-extern const QString wiperInterface;
-extern const QString wiperMethod;
-extern const QString noSystemBus;
+/// The service that removes a user's data.
+namespace Wiper {
+extern const QString service;
+extern const QString objectPath;
+extern const QString interface;
+extern const QString method;
+} // namespace Wiper
 
 } // namespace Constants

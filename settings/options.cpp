@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "plugin/methodkavet.h"
 
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 #include "settings/constants.h"
 
 #include <authd/validationscope.h>
@@ -10,12 +10,13 @@
 const QMap<QString, QVariant> &MethodKavet::defaultOptions(unsigned int uid)
 {
     if (uid == 0) {
-        static const QMap<QString, QVariant> methodOptions = {{Constants::certs, QStringList()},
-                                                              {Constants::maxAttempts, 0}};
+        static const QMap<QString, QVariant> methodOptions = {{Constants::Options::certs, QStringList()},
+                                                              {Constants::Options::maxAttempts, 0}};
         return methodOptions;
     }
 
-    static const QMap<QString, QVariant> userOptions = {{Constants::delayedDeletion, false}, {Constants::attempts, 0}};
+    static const QMap<QString, QVariant> userOptions = {{Constants::Options::delayedDeletion, false},
+                                                        {Constants::Options::attempts, 0}};
     return userOptions;
 }
 
@@ -28,12 +29,12 @@ QVariant MethodKavet::getOption(unsigned int uid, const QString &name)
 const ValidationScope &MethodKavet::getOptionsValidations(unsigned int uid)
 {
     if (uid == 0) {
-        static const ValidationScope methodScope({{RootOnly | TypeOfDefault | MethodOnly, {Constants::certs}},
-                                                  {RootOnly | TypeOfDefault, {Constants::maxAttempts}}});
+        static const ValidationScope methodScope({{RootOnly | TypeOfDefault | MethodOnly, {Constants::Options::certs}},
+                                                  {RootOnly | TypeOfDefault, {Constants::Options::maxAttempts}}});
         return methodScope;
     }
 
     static const ValidationScope userScope(
-        {{RootOnly | TypeOfDefault | MethodOnly, {Constants::delayedDeletion, Constants::attempts}}});
+        {{RootOnly | TypeOfDefault | MethodOnly, {Constants::Options::delayedDeletion, Constants::Options::attempts}}});
     return userScope;
 }

@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
-#include "client/usersettings.h"
+#include "files/usersettings.h"
 #include "plugin/methodkavet.h"
 #include "settings/constants.h"
 
@@ -36,19 +36,19 @@ QPair<quint64, qint64> versionOf(const QString &path)
 
 void MethodKavetPrivate::syncPolicy(const QString &path, bool force)
 {
-    if (!force && QFileInfo::exists(settingsPath(Constants::methodSettingsPath)))
+    if (!force && QFileInfo::exists(settingsPath(Constants::Paths::methodSettings)))
         return;
 
     // The current policy lies where the user may put anything in its place; any other is the system's own.
-    if (path == Constants::currentPolicyFile) {
+    if (path == Constants::Paths::currentPolicy) {
         takeLimit(PinnedFile(path), policyUser());
         return;
     }
     QVariant value = 0;
     if (QFileInfo(path).isFile()) // Opening a FIFO would wait for its other end.
-        value = QSettings(path, QSettings::NativeFormat).value(Constants::maxAttempts, value);
+        value = QSettings(path, QSettings::NativeFormat).value(Constants::Options::maxAttempts, value);
     if (setLimit(value))
-        QFile::remove(settingsPath(Constants::systemLimitPath));
+        QFile::remove(settingsPath(Constants::Paths::systemLimit));
 }
 
 /// Whose current policy counts: the client's user's or, while there is no client, the user's whose session has started.
@@ -60,7 +60,7 @@ uint MethodKavetPrivate::policyUser() const
 // The current policy is the client's, and so its user's; what anybody else has left there sets no limit.
 std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
 {
-    PinnedFile policy(Constants::currentPolicyFile);
+    PinnedFile policy(Constants::Paths::currentPolicy);
     if (!policy.countsFor(user))
         return std::nullopt;
     return policy;
@@ -70,64 +70,64 @@ std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
 std::optional<PinnedFile> MethodKavetPrivate::policyToFollow(uint user)
 {
     auto policy = currentPolicyOf(user);
-    if (!policy && PinnedFile(Constants::currentPolicyFile).exists())
-        watcher.removePath(Constants::currentPolicyFile);
+    if (!policy && PinnedFile(Constants::Paths::currentPolicy).exists())
+        watcher.removePath(Constants::Paths::currentPolicy);
     return policy;
 }
 
 /// Puts the limit of a policy of `user` in force, or of none that can be read, for as long as it is that user's turn.
 void MethodKavetPrivate::takeLimit(PinnedFile policy, uint user)
 {
-    const QVariant value = UserSettings(std::move(policy)).value(Constants::maxAttempts, 0);
+    const QVariant value = UserSettings(std::move(policy)).value(Constants::Options::maxAttempts, 0);
     if (!value.isValid() || !rememberSystemLimit(user, value.type() == QVariant::Int))
         return;
     setLimit(value);
-    m_settingsOfUsersLimit = versionOf(settingsPath(Constants::methodSettingsPath));
+    m_settingsOfUsersLimit = versionOf(settingsPath(Constants::Paths::methodSettings));
 }
 
 /// The current policy has gone, and with it the limit of whoever set it.
 void MethodKavetPrivate::dropLimit()
 {
-    const QSettings memory(settingsPath(Constants::systemLimitPath), QSettings::NativeFormat);
-    takeLimit(PinnedFile(Constants::currentPolicyFile), memory.value(limitUser, policyUser()).toUInt());
+    const QSettings memory(settingsPath(Constants::Paths::systemLimit), QSettings::NativeFormat);
+    takeLimit(PinnedFile(Constants::Paths::currentPolicy), memory.value(limitUser, policyUser()).toUInt());
 }
 
 /// Puts the system's limit back in force for `user`, who has no policy, after another user's policy. It would lock this
 /// user out or leave this user unprotected.
 void MethodKavetPrivate::giveLimitBack(uint user)
 {
-    const QSettings memory(settingsPath(Constants::systemLimitPath), QSettings::NativeFormat);
+    const QSettings memory(settingsPath(Constants::Paths::systemLimit), QSettings::NativeFormat);
     if (!memory.contains(limitUser) || memory.value(limitUser) == user)
         return;
     // Nor is the end of that policy this user's.
-    watcher.removePath(Constants::currentPolicyFile);
+    watcher.removePath(Constants::Paths::currentPolicy);
     if (limitIsUsers()) {
-        if (!memory.contains(Constants::maxAttempts))
-            syncPolicy(Constants::packagedPolicyFile, true);
-        else if (!setLimit(memory.value(Constants::maxAttempts).toInt()))
+        if (!memory.contains(Constants::Options::maxAttempts))
+            syncPolicy(Constants::Paths::packagedPolicy, true);
+        else if (!setLimit(memory.value(Constants::Options::maxAttempts).toInt()))
             return;
     }
-    QFile::remove(settingsPath(Constants::systemLimitPath));
+    QFile::remove(settingsPath(Constants::Paths::systemLimit));
 }
 
 /// Whether the limit in force comes from a user's policy. One that root has set since is an int, as the option is; a
 /// policy gives text, and 0 when it has none to give.
 bool MethodKavetPrivate::limitIsUsers() const
 {
-    const QSettings memory(settingsPath(Constants::systemLimitPath), QSettings::NativeFormat);
-    if (!memory.contains(limitUser) || !QFileInfo::exists(settingsPath(Constants::methodSettingsPath)))
+    const QSettings memory(settingsPath(Constants::Paths::systemLimit), QSettings::NativeFormat);
+    if (!memory.contains(limitUser) || !QFileInfo::exists(settingsPath(Constants::Paths::methodSettings)))
         return false;
     // A policy may be changed all the time, and hold a value that takes long to read.
-    if (versionOf(settingsPath(Constants::methodSettingsPath)) == m_settingsOfUsersLimit)
+    if (versionOf(settingsPath(Constants::Paths::methodSettings)) == m_settingsOfUsersLimit)
         return true;
-    const QVariant limit = q->getOptionInternal(0, Constants::maxAttempts);
+    const QVariant limit = q->getOptionInternal(0, Constants::Options::maxAttempts);
     return limit.type() != QVariant::Int || (limit == 0 && memory.contains(noLimitTaken));
 }
 
 /// Keeps on disk, before a policy of `user` takes its place, what limit the system has. False when that fails.
 bool MethodKavetPrivate::rememberSystemLimit(uint user, bool noLimit)
 {
-    QSettings memory(settingsPath(Constants::systemLimitPath), QSettings::NativeFormat);
+    QSettings memory(settingsPath(Constants::Paths::systemLimit), QSettings::NativeFormat);
     // A storm of changes must not cost a write each.
     const auto keep = [&memory](const QString &key, const QVariant &value) {
         if (memory.value(key).toString() != value.toString())
@@ -135,8 +135,8 @@ bool MethodKavetPrivate::rememberSystemLimit(uint user, bool noLimit)
     };
     if (!limitIsUsers()) {
         memory.clear();
-        if (QFileInfo::exists(settingsPath(Constants::methodSettingsPath)))
-            keep(Constants::maxAttempts, q->getOptionInternal(0, Constants::maxAttempts).toInt());
+        if (QFileInfo::exists(settingsPath(Constants::Paths::methodSettings)))
+            keep(Constants::Options::maxAttempts, q->getOptionInternal(0, Constants::Options::maxAttempts).toInt());
     }
     keep(limitUser, user);
     if (noLimit)
@@ -150,10 +150,10 @@ bool MethodKavetPrivate::rememberSystemLimit(uint user, bool noLimit)
 
 QString MethodKavetPrivate::settingsPath(const QString &name) const
 {
-    return name.arg(Constants::methodsDirectory, q->name());
+    return name.arg(Constants::Paths::methods, q->name());
 }
 
 bool MethodKavetPrivate::setLimit(const QVariant &value)
 {
-    return value.isValid() && q->setOptionInternal(0, Constants::maxAttempts, value);
+    return value.isValid() && q->setOptionInternal(0, Constants::Options::maxAttempts, value);
 }

@@ -5,7 +5,7 @@
 #include "settings/constants.h"
 
 SettingsKavet::SettingsKavet(QObject *parent)
-    : FactorSettingsBase(parent, Constants::methodName)
+    : FactorSettingsBase(parent, Constants::Method::name)
 {
     updateCertList();
 }
@@ -24,12 +24,12 @@ bool SettingsKavet::certListIsUpdating() const
 
 int SettingsKavet::maxAttempts() const
 {
-    return getOption(0, Constants::maxAttempts).toInt();
+    return getOption(0, Constants::Options::maxAttempts).toInt();
 }
 
 int SettingsKavet::currentAttempts() const
 {
-    return getOption(m_uid, Constants::attempts).toInt();
+    return getOption(m_uid, Constants::Options::attempts).toInt();
 }
 
 unsigned int SettingsKavet::uid() const
@@ -51,7 +51,7 @@ void SettingsKavet::updateCertList()
 {
     m_certListIsUpdating = true;
     Q_EMIT certListIsUpdatingChanged();
-    updateCerts(getOption(0, Constants::certs));
+    updateCerts(getOption(0, Constants::Options::certs));
 }
 
 void SettingsKavet::updateCerts(const QVariant &value)
@@ -60,7 +60,7 @@ void SettingsKavet::updateCerts(const QVariant &value)
         return;
 
     const QStringList certList = value.toStringList();
-    if (certList.size() == 1 && certList.first() == Constants::updatingCertList)
+    if (certList.size() == 1 && certList.first() == Constants::Options::updatingCerts)
         return;
 
     m_certListIsUpdating = false;
@@ -74,11 +74,11 @@ void SettingsKavet::updateCerts(const QVariant &value)
 
 void SettingsKavet::handleOptionChanged(unsigned int uid, const QString &option, const QVariant &value)
 {
-    if (option == Constants::certs) {
+    if (option == Constants::Options::certs) {
         updateCerts(value);
-    } else if (option == Constants::maxAttempts) {
+    } else if (option == Constants::Options::maxAttempts) {
         Q_EMIT maxAttemptsChanged();
-    } else if (option == Constants::attempts) {
+    } else if (option == Constants::Options::attempts) {
         if (m_uid == uid)
             Q_EMIT currentAttemptsChanged();
     }

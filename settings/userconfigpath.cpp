@@ -6,5 +6,5 @@
 
 QString Authd::getUserConfigFilePath(unsigned int uid)
 {
-    return Constants::userConfigFilePath.arg(uid, 0, 10);
+    return Constants::Paths::userOptions.arg(uid, 0, 10);
 }

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
 #include "plugin/logging.h"
 #include "plugin/methodkavet.h"
@@ -10,27 +10,33 @@
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 
+namespace {
+
+const QString noSystemBus = QStringLiteral("Not connected to the system bus");
+
+} // namespace
+
 void MethodKavetPrivate::removeUserDataInternal(unsigned int uid, const QString &userName)
 {
-    QDBusMessage call = QDBusMessage::createMethodCall(Constants::wiperService, Constants::wiperObjectPath,
-                                                       Constants::wiperInterface, Constants::wiperMethod);
+    QDBusMessage call = QDBusMessage::createMethodCall(Constants::Wiper::service, Constants::Wiper::objectPath,
+                                                       Constants::Wiper::interface, Constants::Wiper::method);
     call.setArguments({userName});
 
     const QDBusConnection bus = QDBusConnection::systemBus();
     // Without a bus the library makes a call that never finishes.
-    const QDBusPendingCall sent =
-        bus.isConnected() ? bus.asyncCall(call)
-                          : QDBusPendingCall::fromError(QDBusError(QDBusError::Disconnected, Constants::noSystemBus));
+    const QDBusPendingCall sent = bus.isConnected()
+                                      ? bus.asyncCall(call)
+                                      : QDBusPendingCall::fromError(QDBusError(QDBusError::Disconnected, noSystemBus));
     auto *pending = new QDBusPendingCallWatcher(sent, this);
     connect(
         pending, &QDBusPendingCallWatcher::finished, pending,
         [this, uid](QDBusPendingCallWatcher *finished) {
             const QDBusPendingReply<> reply = *finished;
             if (reply.isError()) {
-                qCWarning(kavet) << "Call" << Constants::wiperMethod << "to" << Constants::wiperService
+                qCWarning(kavet) << "Call" << Constants::Wiper::method << "to" << Constants::Wiper::service
                                  << "failed:" << reply.error().message();
             } else {
-                q->setOptionInternal(uid, Constants::delayedDeletion, false);
+                q->setOptionInternal(uid, Constants::Options::delayedDeletion, false);
             }
             finished->deleteLater();
         },

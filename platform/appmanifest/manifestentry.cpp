@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include <appmanifest/manifestentry.h>
 
-#include "common/regularfile.h"
+#include "regularfile.h"
 
 #include <glib.h>
 

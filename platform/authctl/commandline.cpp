@@ -3,8 +3,7 @@
 #include "commandline.h"
 
 #include "commands.h"
-
-#include <common/harmlesstext.h>
+#include "harmlesstext.h"
 
 #include <CLI/CLI.hpp>
 

@@ -4,9 +4,8 @@
 #include "output.h"
 #include "secretprompt.h"
 #include "service.h"
+#include "states.h"
 #include "users.h"
-
-#include <daemon/states.h>
 
 namespace {
 

@@ -2,11 +2,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "output.h"
 
+#include "harmlesstext.h"
+#include "states.h"
 #include "users.h"
 
 #include <authd/libauthd.h>
-#include <common/harmlesstext.h>
-#include <daemon/states.h>
 
 #include <QJsonDocument>
 

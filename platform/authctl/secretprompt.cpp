@@ -3,9 +3,8 @@
 #include "secretprompt.h"
 
 #include "failure.h"
-
-#include <common/harmlesstext.h>
-#include <common/heldsignals.h>
+#include "harmlesstext.h"
+#include "heldsignals.h"
 
 #include <array>
 #include <cerrno>

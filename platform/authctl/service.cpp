@@ -2,9 +2,10 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "service.h"
 
+#include "errors.h"
+#include "heldsignals.h"
+
 #include <authd/authservice.h>
-#include <common/heldsignals.h>
-#include <daemon/errors.h>
 
 #include <QTimer>
 

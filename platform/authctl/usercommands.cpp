@@ -3,9 +3,8 @@
 #include "commands.h"
 #include "output.h"
 #include "service.h"
+#include "states.h"
 #include "users.h"
-
-#include <daemon/states.h>
 
 ExitCode Commands::state(Service &service, const Output &output, const Request &request)
 {

@@ -2,10 +2,10 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "users.h"
 
+#include "errors.h"
 #include "failure.h"
 
 #include <authd/libauthd.h>
-#include <daemon/errors.h>
 
 #include <pwd.h>
 

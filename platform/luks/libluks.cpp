@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include <luks/libluks.h>
 
-#include "common/regularfile.h"
+#include "regularfile.h"
 
 #include <glib.h>
 #include <libcryptsetup.h>

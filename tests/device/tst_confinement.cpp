@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
 #include "device/installed.h"
 #include "plugin/methodkavet.h"
+#include "plugin/methodkavetprivate.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"

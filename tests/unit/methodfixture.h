@@ -2,8 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include "client/methodkavetprivate.h"
 #include "plugin/methodkavet.h"
+#include "plugin/methodkavetprivate.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
 

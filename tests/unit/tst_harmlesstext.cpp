@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include <common/harmlesstext.h>
+#include "harmlesstext.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

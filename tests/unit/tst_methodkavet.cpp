@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
 #include "plugin/methodkavet.h"
+#include "plugin/methodkavetprivate.h"
 #include "support/logcapture.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
 #include "plugin/methodkavet.h"
+#include "plugin/methodkavetprivate.h"
 #include "settings/constants.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
@@ -35,78 +35,75 @@ struct Text
 const QVector<Text> &texts()
 {
     static const QVector<Text> texts = {
-        {"methodName", Constants::methodName, "kavet"},
-        {"methodsDirectory", Constants::methodsDirectory, "/var/lib/authd/methods/"},
-        {"methodSettingsPath", Constants::methodSettingsPath, "%1/%2/current.conf"},
-        {"systemLimitPath", Constants::systemLimitPath, "%1/%2/system-limit.conf"},
-        {"userConfigFilePath", Constants::userConfigFilePath, "/var/lib/authd/users/%1.conf"},
-        {"authPage", Constants::authPage, "MethodPageKavet"},
-        {"prePage", Constants::prePage, "PreMethodPageKavet"},
-        {"infoPage", Constants::infoPage, "KavetInfo"},
-        {"certs", Constants::certs, "certs"},
-        {"maxAttempts", Constants::maxAttempts, "max-attempts"},
-        {"delayedDeletion", Constants::delayedDeletion, "delayed-deletion"},
-        {"attempts", Constants::attempts, "attempts"},
-        {"updatingCertList", Constants::updatingCertList, "."},
-        {"password", Constants::password, "password"},
-        {"cert", Constants::cert, "cert"},
-        {"pin", Constants::pin, "pin"},
-        {"answerSuccess", Constants::answerSuccess, "success"},
-        {"answerLock", Constants::answerLock, "lock"},
-        {"answerRemove", Constants::answerRemove, "remove"},
-        {"answerNoUsb", Constants::answerNoUsb, "nousb"},
-        {"answerConnectionError", Constants::answerConnectionError, "connerr"},
-        {"answerFailed", Constants::answerFailed, "failed"},
-        {"answerBadDefaultCert", Constants::answerBadDefaultCert, "firstcererr"},
-        {"answerErrAuthType", Constants::answerErrAuthType, "errauthtype"},
-        {"clientDirectory", Constants::clientDirectory, "/run/aux-auth/tarsk/kavet_client"},
-        {"socketName", Constants::socketName, "kavet.socket"},
-        {"filePath", Constants::filePath, "%1/%2"},
-        {"peerAddress", Constants::peerAddress, "unix:path=/run/aux-auth/tarsk/kavet_client/kavet.socket"},
-        {"peerConnection", Constants::peerConnection, "kavet_p2p_service"},
-        {"clientService", Constants::clientService, "tarsk.kavet_client"},
-        {"clientObjectPath", Constants::clientObjectPath, "/kavetauth"},
-        {"notConnected", Constants::notConnected, "No link to the client"},
-        {"cannotReachSocket", Constants::cannotReachSocket, "Failed to connect to socket %1: %2"},
-        {"certListTooLong", Constants::certListTooLong, "The list of certificates is too long"},
-        {"manifestPath", Constants::manifestPath, "/usr/share/applications/tarsk.kavet_client.desktop"},
-        {"sharedRoot", Constants::sharedRoot, "/srv/shared"},
-        {"userConfigName", Constants::userConfigName, "%1/%2.conf"},
-        {"packagedPolicyFile", Constants::packagedPolicyFile, "/usr/share/tarsk.kavet_client/policy.conf"},
-        {"currentPolicyFile", Constants::currentPolicyFile, "/srv/shared/tarsk/kavet_client/current.conf"},
-        {"firstStartMarker", Constants::firstStartMarker, ".qarv-startupwizard-usersession-done"},
-        {"sandboxLauncher", Constants::sandboxLauncher, "/usr/bin/firejail"},
-        {"homeVariable", Constants::homeVariable, "HOME"},
-        {"homeRoot", Constants::homeRoot, "/home/"},
-        {"sessionBusVariable", Constants::sessionBusVariable, "DBUS_SESSION_BUS_ADDRESS"},
-        {"sessionBusAddress", Constants::sessionBusAddress, "unix:path=/run/user/%1/dbus/user_bus_socket"},
-        {"quietOption", Constants::quietOption, "--quiet"},
-        {"organizationTemplateOption", Constants::organizationTemplateOption, "--template=OrganizationName:"},
-        {"applicationTemplateOption", Constants::applicationTemplateOption, "--template=ApplicationName:"},
-        {"privateBinOption", Constants::privateBinOption, "--private-bin="},
-        {"whitelistOption", Constants::whitelistOption, "--whitelist="},
-        {"mkdirOption", Constants::mkdirOption, "--mkdir="},
-        {"ownUserBusNameOption", Constants::ownUserBusNameOption, "--dbus-user.own="},
-        {"talkSystemBusNameOption", Constants::talkSystemBusNameOption, "--dbus-system.talk="},
-        {"profileOption", Constants::profileOption, "--profile="},
-        {"noGuiOption", Constants::noGuiOption, "--no-gui"},
-        {"packagedDataRoot", Constants::packagedDataRoot, "/usr/share/"},
-        {"userDataRoot", Constants::userDataRoot, "${HOME}/.local/share/"},
-        {"userConfigRoot", Constants::userConfigRoot, "${HOME}/.config/"},
-        {"userCacheRoot", Constants::userCacheRoot, "${HOME}/.cache/"},
-        {"authService", Constants::authService, "qarv.AuthService"},
-        {"permissionsDirectory", Constants::permissionsDirectory, "/etc/varnet/permissions/"},
-        {"installedPermissionsDirectory", Constants::installedPermissionsDirectory, "/var/lib/varnet/permissions/"},
-        {"permissionSuffix", Constants::permissionSuffix, ".permission"},
-        {"basePermission", Constants::basePermission, "Base"},
-        {"lockoutEventLevel", Constants::lockoutEventLevel, "WARN_LEVEL"},
-        {"lockoutEvent", Constants::lockoutEvent, "devlock-attempts-expired"},
-        {"lockoutReason", Constants::lockoutReason, "kavet-max-attempts"},
-        {"wiperService", Constants::wiperService, "qarv.userdata.wiper"},
-        {"wiperObjectPath", Constants::wiperObjectPath, "/qarv/userdata/wiper"},
-        {"wiperInterface", Constants::wiperInterface, "qarv.userdata.wiper"},
-        {"wiperMethod", Constants::wiperMethod, "ProcessTargetUser"},
-        {"noSystemBus", Constants::noSystemBus, "Not connected to the system bus"},
+        {"Method::name", Constants::Method::name, "kavet"},
+        {"Paths::methods", Constants::Paths::methods, "/var/lib/authd/methods/"},
+        {"Paths::methodSettings", Constants::Paths::methodSettings, "%1/%2/current.conf"},
+        {"Paths::systemLimit", Constants::Paths::systemLimit, "%1/%2/system-limit.conf"},
+        {"Paths::userOptions", Constants::Paths::userOptions, "/var/lib/authd/users/%1.conf"},
+        {"Method::page", Constants::Method::page, "MethodPageKavet"},
+        {"Method::prePage", Constants::Method::prePage, "PreMethodPageKavet"},
+        {"Method::infoPage", Constants::Method::infoPage, "KavetInfo"},
+        {"Options::certs", Constants::Options::certs, "certs"},
+        {"Options::maxAttempts", Constants::Options::maxAttempts, "max-attempts"},
+        {"Options::delayedDeletion", Constants::Options::delayedDeletion, "delayed-deletion"},
+        {"Options::attempts", Constants::Options::attempts, "attempts"},
+        {"Options::updatingCerts", Constants::Options::updatingCerts, "."},
+        {"Request::password", Constants::Request::password, "password"},
+        {"Request::cert", Constants::Request::cert, "cert"},
+        {"Request::pin", Constants::Request::pin, "pin"},
+        {"Answers::success", Constants::Answers::success, "success"},
+        {"Answers::lock", Constants::Answers::lock, "lock"},
+        {"Answers::remove", Constants::Answers::remove, "remove"},
+        {"Answers::noUsb", Constants::Answers::noUsb, "nousb"},
+        {"Answers::connectionError", Constants::Answers::connectionError, "connerr"},
+        {"Answers::failed", Constants::Answers::failed, "failed"},
+        {"Answers::badDefaultCert", Constants::Answers::badDefaultCert, "firstcererr"},
+        {"Answers::unknownRequest", Constants::Answers::unknownRequest, "errauthtype"},
+        {"Link::directory", Constants::Link::directory, "/run/aux-auth/tarsk/kavet_client"},
+        {"Link::socketName", Constants::Link::socketName, "kavet.socket"},
+        {"Link::socketPath", Constants::Link::socketPath, "/run/aux-auth/tarsk/kavet_client/kavet.socket"},
+        {"Link::address", Constants::Link::address, "unix:path=/run/aux-auth/tarsk/kavet_client/kavet.socket"},
+        {"Link::connectionName", Constants::Link::connectionName, "kavet_p2p_service"},
+        {"Link::service", Constants::Link::service, "tarsk.kavet_client"},
+        {"Link::objectPath", Constants::Link::objectPath, "/kavetauth"},
+        {"Paths::manifest", Constants::Paths::manifest, "/usr/share/applications/tarsk.kavet_client.desktop"},
+        {"Paths::shared", Constants::Paths::shared, "/srv/shared"},
+        {"Paths::userSettings", Constants::Paths::userSettings, "%1/%2.conf"},
+        {"Paths::packagedPolicy", Constants::Paths::packagedPolicy, "/usr/share/tarsk.kavet_client/policy.conf"},
+        {"Paths::currentPolicy", Constants::Paths::currentPolicy, "/srv/shared/tarsk/kavet_client/current.conf"},
+        {"Paths::firstStartMarker", Constants::Paths::firstStartMarker, ".qarv-startupwizard-usersession-done"},
+        {"Process::launcher", Constants::Process::launcher, "/usr/bin/firejail"},
+        {"Process::homeVariable", Constants::Process::homeVariable, "HOME"},
+        {"Paths::homes", Constants::Paths::homes, "/home/"},
+        {"Process::sessionBusVariable", Constants::Process::sessionBusVariable, "DBUS_SESSION_BUS_ADDRESS"},
+        {"Process::sessionBusAddress", Constants::Process::sessionBusAddress,
+         "unix:path=/run/user/%1/dbus/user_bus_socket"},
+        {"Sandbox::quiet", Constants::Sandbox::quiet, "--quiet"},
+        {"Sandbox::organizationTemplate", Constants::Sandbox::organizationTemplate, "--template=OrganizationName:"},
+        {"Sandbox::applicationTemplate", Constants::Sandbox::applicationTemplate, "--template=ApplicationName:"},
+        {"Sandbox::privateBin", Constants::Sandbox::privateBin, "--private-bin="},
+        {"Sandbox::whitelist", Constants::Sandbox::whitelist, "--whitelist="},
+        {"Sandbox::mkdir", Constants::Sandbox::mkdir, "--mkdir="},
+        {"Sandbox::ownUserBusName", Constants::Sandbox::ownUserBusName, "--dbus-user.own="},
+        {"Sandbox::talkSystemBusName", Constants::Sandbox::talkSystemBusName, "--dbus-system.talk="},
+        {"Sandbox::profile", Constants::Sandbox::profile, "--profile="},
+        {"Sandbox::noGui", Constants::Sandbox::noGui, "--no-gui"},
+        {"Sandbox::packagedData", Constants::Sandbox::packagedData, "/usr/share/"},
+        {"Sandbox::userData", Constants::Sandbox::userData, "${HOME}/.local/share/"},
+        {"Sandbox::userConfig", Constants::Sandbox::userConfig, "${HOME}/.config/"},
+        {"Sandbox::userCache", Constants::Sandbox::userCache, "${HOME}/.cache/"},
+        {"Sandbox::authService", Constants::Sandbox::authService, "qarv.AuthService"},
+        {"Sandbox::permissions", Constants::Sandbox::permissions, "/etc/varnet/permissions/"},
+        {"Sandbox::installedPermissions", Constants::Sandbox::installedPermissions, "/var/lib/varnet/permissions/"},
+        {"Sandbox::permissionSuffix", Constants::Sandbox::permissionSuffix, ".permission"},
+        {"Sandbox::basePermission", Constants::Sandbox::basePermission, "Base"},
+        {"Lockout::eventLevel", Constants::Lockout::eventLevel, "WARN_LEVEL"},
+        {"Lockout::event", Constants::Lockout::event, "devlock-attempts-expired"},
+        {"Lockout::reason", Constants::Lockout::reason, "kavet-max-attempts"},
+        {"Wiper::service", Constants::Wiper::service, "qarv.userdata.wiper"},
+        {"Wiper::objectPath", Constants::Wiper::objectPath, "/qarv/userdata/wiper"},
+        {"Wiper::interface", Constants::Wiper::interface, "qarv.userdata.wiper"},
+        {"Wiper::method", Constants::Wiper::method, "ProcessTargetUser"},
     };
     return texts;
 }
@@ -381,13 +378,13 @@ private Q_SLOTS:
 
     void otherConstants()
     {
-        QCOMPARE(Constants::clientGroup, "auth-factor");
-        QCOMPARE(std::size(Constants::supplementaryGroups), size_t(1));
-        QCOMPARE(Constants::supplementaryGroups[0], "inet");
-        QCOMPARE(Constants::methodTypes, 20);
-        QCOMPARE(Constants::launchBudget, 11u);
-        QCOMPARE(Constants::unknownOwner, 4294967294u);
-        QCOMPARE(Constants::lockoutDuration, 4294967295u);
+        QCOMPARE(Constants::Process::group, "auth-factor");
+        QCOMPARE(std::size(Constants::Process::supplementaryGroups), size_t(1));
+        QCOMPARE(Constants::Process::supplementaryGroups[0], "inet");
+        QCOMPARE(Constants::Method::types, 20);
+        QCOMPARE(Constants::Process::launchBudget, 11u);
+        QCOMPARE(Constants::Process::unknownOwner, 4294967294u);
+        QCOMPARE(Constants::Lockout::duration, 4294967295u);
     }
 
     void allConstantsAreTestedHere()
@@ -395,9 +392,17 @@ private Q_SLOTS:
         const QString header = QString::fromUtf8(source(QStringLiteral("settings/constants.h")));
         QVERIFY(!header.isEmpty());
         QStringList names;
-        auto matches = QRegularExpression(QStringLiteral("extern const QString (\\w+);")).globalMatch(header);
-        while (matches.hasNext())
-            names << matches.next().captured(1);
+        QString subject;
+        const QRegularExpression line(QStringLiteral("^namespace (\\w+) \\{|^extern const QString (\\w+);"),
+                                      QRegularExpression::MultilineOption);
+        auto matches = line.globalMatch(header);
+        while (matches.hasNext()) {
+            const QRegularExpressionMatch match = matches.next();
+            if (match.captured(2).isEmpty())
+                subject = match.captured(1);
+            else
+                names << subject + QStringLiteral("::") + match.captured(2);
+        }
         QStringList tested;
         for (const Text &text : texts())
             tested << QString::fromLatin1(text.name);
@@ -417,10 +422,10 @@ private Q_SLOTS:
         const auto all = texts() + vocabulary();
         for (const Text &text : all)
             once << QString::fromLatin1(text.text);
-        once << QString::fromLatin1(Constants::clientGroup);
+        once << QString::fromLatin1(Constants::Process::group);
 
         int sources = 0;
-        for (const char *folder : {"plugin", "auth", "client", "settings"}) {
+        for (const char *folder : {"plugin", "auth", "client", "files", "settings"}) {
             QDirIterator files(QStringLiteral(SOURCE_DIR "/%1").arg(QLatin1String(folder)),
                                {QStringLiteral("*.cpp"), QStringLiteral("*.h")}, QDir::Files);
             while (files.hasNext()) {

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
 #include "plugin/methodkavet.h"
+#include "plugin/methodkavetprivate.h"
 #include "settings/constants.h"
 #include "support/logcapture.h"
 #include "support/recordingdaemon.h"
@@ -113,7 +113,7 @@ private Q_SLOTS:
 
     void markerPath()
     {
-        QCOMPARE(Constants::methodSettingsPath.arg(Constants::methodsDirectory, Constants::methodName), marker);
+        QCOMPARE(Constants::Paths::methodSettings.arg(Constants::Paths::methods, Constants::Method::name), marker);
     }
 
     void force_data()

@@ -1,7 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/userfiles.h"
-#include "client/usersettings.h"
+#include "files/userfiles.h"
+#include "files/usersettings.h"
 #include "filestatus.h"
 #include "methodfixture.h"
 #include "support/logcapture.h"

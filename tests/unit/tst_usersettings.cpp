@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/usersettings.h"
+#include "files/usersettings.h"
 #include "filestatus.h"
 #include "methodfixture.h"
 

@@ -2,8 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "system.h"
 
-#include "client/methodkavetprivate.h"
 #include "plugin/methodkavet.h"
+#include "plugin/methodkavetprivate.h"
 
 #include "support/testdevice.h"
 

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "log.h"
 
-#include "common/harmlesstext.h"
+#include "harmlesstext.h"
 
 #include <QCoreApplication>
 

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include "client/userfiles.h"
+#include "files/userfiles.h"
 
 #include <QByteArray>
 #include <QString>

@@ -2,8 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "childrecord.h"
 
-#include "common/regularfile.h"
 #include "log.h"
+#include "regularfile.h"
 #include "rundirectory.h"
 
 #include <QByteArray>

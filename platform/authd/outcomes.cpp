@@ -1,7 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "authenticator.h"
-
 #include "busvalues.h"
 #include "lockstore.h"
 #include "log.h"

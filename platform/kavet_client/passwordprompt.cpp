@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "passwordprompt.h"
 
-#include <common/heldsignals.h>
+#include "heldsignals.h"
 
 #include <cerrno>
 #include <cstdio>

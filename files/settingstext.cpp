@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/settingstext.h"
+#include "files/settingstext.h"
 
-#include "client/settingsvalue.h"
+#include "files/settingsvalue.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/methodkavetprivate.h"
+#include "plugin/methodkavetprivate.h"
 
 #include "plugin/logging.h"
 #include "plugin/methodkavet.h"
@@ -18,7 +18,7 @@ MethodKavetPrivate::MethodKavetPrivate(MethodKavet *method)
     , currentUid(0)
     , watcher(method)
     , child(this)
-    , launchBudget(Constants::launchBudget)
+    , launchBudget(Constants::Process::launchBudget)
     , certListInFlight(false)
     , certListPending(false)
     , q(method)
@@ -38,15 +38,15 @@ MethodKavetPrivate::MethodKavetPrivate(MethodKavet *method)
     connect(&watcher, &QFileSystemWatcher::directoryChanged, this, &MethodKavetPrivate::handleChildDirectoryChanged);
     connect(&watcher, &QFileSystemWatcher::fileChanged, this, &MethodKavetPrivate::handleChildFileChanged);
 
-    if (!QDir().mkpath(Constants::clientDirectory))
-        qCCritical(kavet) << "Cannot create auxiliary directory" << Constants::clientDirectory;
-    watcher.addPath(Constants::clientDirectory);
+    if (!QDir().mkpath(Constants::Link::directory))
+        qCCritical(kavet) << "Cannot create auxiliary directory" << Constants::Link::directory;
+    watcher.addPath(Constants::Link::directory);
 
     if (!child.sharedDirectory.isEmpty() && QFileInfo::exists(child.sharedDirectory))
         watcher.addPath(child.sharedDirectory);
 
-    if (QFileInfo::exists(Constants::packagedPolicyFile))
-        syncPolicy(Constants::packagedPolicyFile, false);
+    if (QFileInfo::exists(Constants::Paths::packagedPolicy))
+        syncPolicy(Constants::Paths::packagedPolicy, false);
 }
 
 MethodKavetPrivate::~MethodKavetPrivate()

@@ -1,6 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/settingsvalue.h"
+#include "files/settingsvalue.h"
 
 #include <QByteArrayList>
 #include <QStringList>

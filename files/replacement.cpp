@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/replacement.h"
+#include "files/replacement.h"
 
-#include "client/descriptor.h"
+#include "files/descriptor.h"
 
 #include <QUuid>
 

@@ -2,10 +2,9 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "attemptcounter.h"
 
+#include "regularfile.h"
 #include "settingsfile.h"
 #include "unlocks.h"
-
-#include <common/regularfile.h>
 
 #include <QDir>
 #include <QFileInfo>

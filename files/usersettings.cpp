@@ -1,8 +1,8 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/usersettings.h"
+#include "files/usersettings.h"
 
-#include "client/settingstext.h"
+#include "files/settingstext.h"
 
 #include <utility>
 

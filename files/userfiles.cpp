@@ -1,10 +1,10 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "client/userfiles.h"
+#include "files/userfiles.h"
 
-#include "client/descriptor.h"
-#include "client/filesystemidentity.h"
-#include "client/replacement.h"
+#include "files/descriptor.h"
+#include "files/filesystemidentity.h"
+#include "files/replacement.h"
 #include "plugin/logging.h"
 
 #include <QFile>

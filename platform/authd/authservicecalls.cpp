@@ -1,8 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "authservice.h"
-
 #include "authenticator.h"
+#include "authservice.h"
 #include "errors.h"
 #include "methodoptions.h"
 #include "methods.h"

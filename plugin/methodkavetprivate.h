@@ -4,7 +4,7 @@
 
 #include "auth/linkguard.h"
 #include "client/childprocess.h"
-#include "client/userfiles.h"
+#include "files/userfiles.h"
 #include "kavetauthinterface.h" // generated
 #include "settings/settingskavet.h"
 

@@ -2,11 +2,11 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "storefile.h"
 
-#include <authd/vocabulary.h>
-
-#include "common/regularfile.h"
 #include "platformlog.h"
+#include "regularfile.h"
 #include "storedvalue.h"
+
+#include <authd/vocabulary.h>
 
 #include <QDir>
 #include <QFile>
