@@ -179,11 +179,11 @@ private:
     }
 
     /// Has the method fork a child that idles as user `uid`.
-    pid_t forkChild(uint uid) const
+    pid_t forkChild(const BusUser &root, uint uid) const
     {
         const QVector<pid_t> before = childrenOf(pid_t(m_authd.pid()));
-        BusUser(0).call(QStringLiteral("SetUserMethodOption"),
-                        {bob, puppet, QStringLiteral("do"), variant(QStringLiteral("fork:%1").arg(uid))});
+        root.call(QStringLiteral("SetUserMethodOption"),
+                  {bob, puppet, QStringLiteral("do"), variant(QStringLiteral("fork:%1").arg(uid))});
         const auto ownerOf = [](pid_t pid) {
             return QFileInfo(QStringLiteral("/proc/%1").arg(pid)).ownerId();
         };
@@ -198,8 +198,8 @@ private:
         });
         if (!isThere)
             qFatal("The method has forked no child");
-        BusUser(0).call(QStringLiteral("SetUserMethodOption"),
-                        {bob, puppet, QStringLiteral("do"), variant(QStringLiteral("nothing"))});
+        root.call(QStringLiteral("SetUserMethodOption"),
+                  {bob, puppet, QStringLiteral("do"), variant(QStringLiteral("nothing"))});
         return child;
     }
 
@@ -226,8 +226,9 @@ void TstCrash::clientIsGone()
 void TstCrash::unexecutedChildIsGone()
 {
     QVERIFY(m_authd.start(puppetOnly));
-    const pid_t early = forkChild(0);
-    const pid_t late = forkChild(bob);
+    const BusUser root(0);
+    const pid_t early = forkChild(root, 0);
+    const pid_t late = forkChild(root, bob);
     m_authd.stop(SIGKILL);
     // It waits for its parent, which is gone, and has everything open that this had.
     QTRY_VERIFY(!isAlive(early));
@@ -259,7 +260,8 @@ void TstCrash::othersAreLeftAlone()
     other.start(QStringLiteral("sleep"), {QStringLiteral("1000")});
     QVERIFY(other.waitForStarted());
     QVERIFY(m_authd.start(puppetOnly));
-    const pid_t ours = forkChild(bob);
+    const BusUser root(0);
+    const pid_t ours = forkChild(root, bob);
     m_authd.stop(SIGKILL);
     // Another process with the number of one that the daemon has started.
     const QByteArray record = TestDevice::readFile(childRecord);
@@ -277,9 +279,10 @@ void TstCrash::othersAreLeftAlone()
 void TstCrash::recordDoesNotGrow()
 {
     QVERIFY(m_authd.start(puppetOnly));
+    const BusUser root(0);
     QVector<pid_t> forked;
     for (int i = 0; i < 200; ++i) {
-        forked << forkChild(bob);
+        forked << forkChild(root, bob);
         if (i > 0)
             kill(forked.at(i), SIGKILL);
     }
