@@ -8,7 +8,7 @@ namespace {
 
 const QString certsOption = QStringLiteral("certs");
 
-/// Whether this is what the option holds while its list is being fetched.
+/// Whether the option holds its placeholder, which means that the list is still being fetched.
 bool isPlaceholder(const QStringList &certs)
 {
     return certs == QStringList{QStringLiteral(".")};
@@ -32,7 +32,7 @@ ExitCode Commands::certs(Service &service, const Output &output, const Request &
     Service::result(service.Subscribe());
     certs = Service::result(service.GetMethodOption(method, certsOption)).value().variant().toStringList();
     if (isPlaceholder(certs) && !service.handleReports(request.timeout))
-        throw Failure{Unreachable, QStringLiteral("No certificate list in time")};
+        throw Failure{Unreachable, QStringLiteral("Timed out waiting for the certificate list")};
 
     for (const QString &cert : qAsConst(certs))
         output.cert(method, cert);

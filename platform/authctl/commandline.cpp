@@ -14,24 +14,25 @@
 namespace {
 
 constexpr int DefaultTimeout = 60; // seconds
-constexpr int LongestTimeout = std::numeric_limits<int>::max() / 1000; // seconds that fit when counted in milliseconds
-constexpr int NameColumn = 30; // of the help
+constexpr int LongestTimeout =
+    std::numeric_limits<int>::max() / 1000; // seconds whose milliseconds still fit into an int
+constexpr int NameColumn = 30; // width of the names in the help
 
 constexpr char description[] = "Talks to the authentication service on the system bus.";
 constexpr char footer[] =
-    R"(A user is a login name or a user id. Root may do everything, a user what
-concerns that user.
+    R"(Give a user by login name or user id. Root may run every command, other users those
+that concern themselves.
 
-Exit codes: 0 success, 1 refused or failed, 2 wrong usage, 3 the user is locked,
-4 the service cannot be reached or does not answer in time.)";
+Exit codes: 0 success, 1 refused or failed, 2 usage error, 3 the user is locked,
+4 the service cannot be reached or timed out.)";
 
-/// The arguments in the order in which the parser wants them, the last one first.
+/// The program's arguments in reverse order, as CLI11 expects them.
 std::vector<std::string> reversed(int argc, char *argv[])
 {
     std::vector<std::string> arguments;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
-        // The parser would take "--user=" for an option without a value, and the next argument for the value.
+        // CLI11 reads "--user=" as an option without a value and takes the next argument as its value.
         if (argument.size() > 3 && argument.compare(0, 2, "--") == 0 && argument.find('=') == argument.size() - 1) {
             arguments.push_back(argument.substr(0, argument.size() - 1));
             arguments.emplace_back();
@@ -43,7 +44,7 @@ std::vector<std::string> reversed(int argc, char *argv[])
     return arguments;
 }
 
-/// Adds an argument of the command (a plain name) or an option (with its dashes) whose text goes to `target`.
+/// Adds a positional argument (a plain name) or an option (with dashes) whose text is stored in `target`.
 template <typename Target>
 CLI::Option *addText(CLI::App *app, const char *name, Target &target, const char *help, const char *type = "NAME")
 {
@@ -63,13 +64,13 @@ std::optional<ExitCode> parseCommandLine(int argc, char *argv[], Request &reques
     app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.get_formatter()->label("Subcommands", "Commands");
     app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)->disable_flag_override();
-    app.fallthrough(); // The general options may follow the command.
+    app.fallthrough(); // Allow the general options after the command.
     app.require_subcommand(1);
-    app.set_help_flag("-h,--help", "Show help, of everything or of a command");
+    app.set_help_flag("-h,--help", "Show help for all commands or for one");
     app.set_version_flag("-v,--version", "authctl " KAVET_VERSION, "Show the version");
     app.add_flag("--json", request.json, "Print one JSON object per line");
     int seconds = DefaultTimeout;
-    app.add_option("--timeout", seconds, "Wait no longer for an answer or an outcome; 60 unless given")
+    app.add_option("--timeout", seconds, "Timeout for a reply or an outcome (default: 60)")
         ->type_name("SECONDS")
         ->check(CLI::Range(1, LongestTimeout).description(""));
 
@@ -82,48 +83,48 @@ std::optional<ExitCode> parseCommandLine(int argc, char *argv[], Request &reques
         addText(command, "user", request.user, "Login name or user id", "")->required();
     };
     const auto addMethod = [&request](CLI::App *command) {
-        addText(command, "--method", request.method, "The method; otherwise the one that the service puts first");
+        addText(command, "--method", request.method, "Authentication method (default: the service's first)");
     };
 
-    addCommand("methods", "Show the authentication methods there are", Commands::methods);
+    addCommand("methods", "List the authentication methods", Commands::methods);
     CLI::App *login =
-        addCommand("login", "Authenticate a user by the password, or by a certificate and its PIN", Commands::login);
-    login->footer("Asks for the password or PIN without showing it; reads it from standard input if\n"
-                  "that is no terminal.");
+        addCommand("login", "Authenticate a user with a password, or with a certificate and its PIN", Commands::login);
+    login->footer("Prompts for the password or PIN without echo. Reads it from standard input if that\n"
+                  "is not a terminal.");
     addUser(login);
     addMethod(login);
-    addText(login, "--cert", request.cert, "Log in with this certificate and its PIN");
-    addUser(addCommand("state", "Show the state that a user is in", Commands::state));
-    addUser(addCommand("cancel", "Give up the open attempt of a user", Commands::cancel));
-    CLI::App *options = addCommand("options", "Show the method's options; or show or set one", Commands::options);
-    addText(options, "name", request.option, "The only option to show", "");
-    addText(options, "value", request.value, "Its new value", "");
+    addText(login, "--cert", request.cert, "Use this certificate and its PIN");
+    addUser(addCommand("state", "Show a user's state", Commands::state));
+    addUser(addCommand("cancel", "Cancel a user's open attempt", Commands::cancel));
+    CLI::App *options = addCommand("options", "Show a method's options, or show or set one of them", Commands::options);
+    addText(options, "name", request.option, "Show only this option", "");
+    addText(options, "value", request.value, "Set the option to this value", "");
     addMethod(options);
-    addText(options, "--user", request.optionUser, "The options of this user instead", "USER");
-    addMethod(addCommand("certs", "Show the certificates that the client offers", Commands::certs));
-    CLI::App *session = addCommand("session", "Tell that a user's session has started or stopped", Commands::session);
-    addText(session, "event", request.sessionEvent, "What has happened to it: start or stop", "")
+    addText(options, "--user", request.optionUser, "Use this user's options, not the method-wide ones", "USER");
+    addMethod(addCommand("certs", "List the certificates that the client offers", Commands::certs));
+    CLI::App *session = addCommand("session", "Report that a user's session has started or stopped", Commands::session);
+    addText(session, "event", request.sessionEvent, "start or stop", "")
         ->required()
         ->check(CLI::IsMember({SessionStart.toStdString(), SessionStop.toStdString()}).description(""));
     addUser(session);
-    session->add_flag("--unmanaged", request.unmanaged, "Leave programs that run for the user alone");
+    session->add_flag("--unmanaged", request.unmanaged, "Leave the user's client alone");
     addUser(addCommand("unlock", "Unlock a user", Commands::unlock));
-    addCommand("monitor", "Show what the service reports until interrupted", Commands::monitor);
-    app.footer(footer); // Not before, or each command would have it too.
+    addCommand("monitor", "Show the service's signals until interrupted", Commands::monitor);
+    app.footer(footer); // Set this last: a command added later inherits it.
 
     try {
         app.parse(reversed(argc, argv));
     } catch (const CLI::CallForHelp &) {
-        const bool ofOneCommand = !app.get_subcommands().empty();
-        std::fputs(app.help("", ofOneCommand ? CLI::AppFormatMode::Normal : CLI::AppFormatMode::All).c_str(), stdout);
+        const bool isForCommand = !app.get_subcommands().empty();
+        std::fputs(app.help("", isForCommand ? CLI::AppFormatMode::Normal : CLI::AppFormatMode::All).c_str(), stdout);
         return Success;
     } catch (const CLI::CallForVersion &version) {
         std::puts(version.what());
         return Success;
     } catch (const CLI::ParseError &error) {
         const bool noCommand = app.get_subcommands().empty();
-        const QString reason = noCommand ? QStringLiteral("No command was given, or one that does not exist")
-                                         : QString::fromLocal8Bit(error.what());
+        const QString reason =
+            noCommand ? QStringLiteral("Missing or unknown command") : QString::fromLocal8Bit(error.what());
         std::fprintf(stderr, "authctl: %s\nSee authctl --help.\n", qUtf8Printable(harmless(reason)));
         return WrongUsage;
     }

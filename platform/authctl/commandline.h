@@ -13,17 +13,18 @@ class Output;
 class Service;
 struct Request;
 
-/// Runs a command and returns the program's exit code. Throws a Failure when the command cannot go on.
+/// Runs a command and returns the program's exit code. Throws a Failure when the command fails.
 using Command = std::function<ExitCode(Service &, const Output &, const Request &)>;
 
-/// What the command line asks for. What was not given is absent; an empty text was given.
+/// The parsed command line. An option that was not given is absent; one that was given as an empty text is present and
+/// empty.
 struct Request
 {
     Command command;
     bool json = false;
     int timeout = 0; ///< In milliseconds, above 0.
     bool unmanaged = false;
-    QString user; ///< The user whom the command is for; empty where it is for none.
+    QString user; ///< The user that the command applies to; empty for a command without one.
     std::optional<QString> method;
     std::optional<QString> cert;
     std::optional<QString> option;
@@ -35,6 +36,6 @@ struct Request
 inline const QString SessionStart = QStringLiteral("start");
 inline const QString SessionStop = QStringLiteral("stop");
 
-/// Fills `request` from the program's arguments, and returns nothing; or the exit code when the program ends with them:
-/// after help or version were printed, or with wrong usage, which has then been reported.
+/// Fills `request` from the program's arguments. Returns an exit code when the program must exit at once: after
+/// printing help or the version, or after reporting a usage error.
 std::optional<ExitCode> parseCommandLine(int argc, char *argv[], Request &request);

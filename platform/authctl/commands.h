@@ -4,7 +4,7 @@
 
 #include "commandline.h"
 
-/// The program's commands; what each does stands in its help.
+/// The program's commands. The help text in commandline.cpp describes each of them.
 namespace Commands {
 
 ExitCode methods(Service &service, const Output &output, const Request &request);

@@ -4,13 +4,13 @@
 
 #include <QString>
 
-/// The program's exit codes, as its manual page has them.
+/// The program's exit codes, as documented in authctl(1).
 enum ExitCode { Success = 0, Refused = 1, WrongUsage = 2, Locked = 3, Unreachable = 4 };
 
-/// Thrown when a command cannot go on; the program reports it and ends.
+/// Thrown when a command fails. main() reports it and exits.
 struct Failure
 {
     ExitCode exitCode;
     QString text;
-    QString error = {}; ///< The error's name on the bus, where it has one.
+    QString error = {}; ///< The D-Bus error name, if there is one.
 };

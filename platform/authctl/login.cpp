@@ -9,17 +9,17 @@
 
 namespace {
 
-// What the data of an attempt are called
+// Keys of an attempt's data
 const QString passwordKey = QStringLiteral("password");
 const QString certKey = QStringLiteral("cert");
 const QString pinKey = QStringLiteral("pin");
 
-/// Asks for the password or PIN and sends it. Nothing of it is kept but what the D-Bus library has for itself.
+/// Prompts for the password or PIN and sends it. Afterwards only the D-Bus library's buffers hold a copy.
 QDBusPendingReply<qulonglong> authenticate(Service &service, uint uid, const QString &method,
                                            const std::optional<QString> &cert)
 {
     const Secret secret = readSecret(cert ? QStringLiteral("PIN of %1 for %2: ").arg(*cert, displayName(uid))
-                                          : QStringLiteral("Password of %1: ").arg(displayName(uid)));
+                                          : QStringLiteral("Password for %1: ").arg(displayName(uid)));
     if (cert)
         return service.Authenticate(uid, method, {{certKey, *cert}, {pinKey, secret.text()}});
     return service.Authenticate(uid, method, {{passwordKey, secret.text()}});
@@ -32,14 +32,14 @@ ExitCode Commands::login(Service &service, const Output &output, const Request &
     const uint uid = userId(request.user);
     const QString method = service.methodOrFirst(request.method);
 
-    // Before anything is asked for in vain.
+    // Check for a lock first, so that a locked user is not prompted in vain.
     const auto before = Service::result(service.GetState(uid));
     if (before.argumentAt<1>() == States::Locked) {
         output.state(before.argumentAt<0>(), uid, before.argumentAt<1>(), before.argumentAt<2>());
         return Locked;
     }
 
-    // The attempt belongs to this program: when a signal ends that, the service gives the attempt up.
+    // The attempt belongs to this connection: if a signal kills this program, the service abandons the attempt.
     qulonglong ours = 0;
     ExitCode exitCode = Refused;
     const QObject scope;
@@ -80,6 +80,6 @@ ExitCode Commands::login(Service &service, const Output &output, const Request &
     ours = Service::result(authenticate(service, uid, method, request.cert)).value();
     if (service.handleReports(request.timeout))
         return exitCode;
-    service.Cancel(ours).waitForFinished(); // Whatever it answers, the attempt has ended.
-    throw Failure{Unreachable, QStringLiteral("No outcome in time")};
+    service.Cancel(ours).waitForFinished(); // The attempt is over, whether or not this fails.
+    throw Failure{Unreachable, QStringLiteral("Timed out waiting for the outcome")};
 }

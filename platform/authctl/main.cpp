@@ -10,7 +10,8 @@
 
 int main(int argc, char *argv[])
 {
-    prctl(PR_SET_DUMPABLE, 0); // What the user enters is not for a core file, nor for another process of the user.
+    // Secrets pass through this process: leave no core file, and let no other process of the user trace it.
+    prctl(PR_SET_DUMPABLE, 0);
     const QCoreApplication application(argc, argv);
     Request request;
     if (const std::optional<ExitCode> end = parseCommandLine(argc, argv, request))

@@ -13,7 +13,7 @@ constexpr uint NoUser = 0;
 
 ExitCode Commands::options(Service &service, const Output &output, const Request &request)
 {
-    // A user that is given and empty must not turn into everybody.
+    // An empty user name is an error. It must not select the method-wide options.
     const bool isUsers = request.optionUser.has_value();
     const uint uid = isUsers ? userId(*request.optionUser) : NoUser;
     const QString method = service.methodOrFirst(request.method);

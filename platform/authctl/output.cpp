@@ -14,7 +14,7 @@
 
 namespace {
 
-/// "CannotStartClient" as "cannot start client".
+/// Turns "CannotStartClient" into "cannot start client".
 QString words(const QString &name)
 {
     QString text;
@@ -36,15 +36,15 @@ QString stateText(const QString &state, const QVariantMap &details)
 {
     const QString method = details.value(States::Method).toString();
     if (state == States::Idle)
-        return QStringLiteral("nothing under way");
+        return QStringLiteral("no attempt in progress");
     if (state == States::Queued)
-        return QStringLiteral("waiting for a turn with %1 ...").arg(method);
+        return QStringLiteral("queued for %1 ...").arg(method);
     if (state == States::Pending)
         return QStringLiteral("checking with %1 ...").arg(method);
     if (state == States::Challenge && details.value(States::Restarted).toBool())
         return QStringLiteral("the %1 client was restarted").arg(method);
     if (state == States::Challenge)
-        return method + QStringLiteral(" waits for input");
+        return method + QStringLiteral(" is waiting for input");
     if (state == States::Authenticated)
         return QStringLiteral("authenticated by ") + method;
     if (state != States::Locked)

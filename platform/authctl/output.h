@@ -7,8 +7,8 @@
 #include <QJsonObject>
 #include <QVariant>
 
-/// Prints reports, each on one line: as text, in which nothing from outside does harm on a terminal, or as a JSON
-/// object whose key "event" says what it is. A user id of 0 stands for the method as a whole, an attempt of 0 for none.
+/// Prints reports, one per line: as text that is safe to show on a terminal, or as a JSON object whose key "event"
+/// names the kind of report. User id 0 stands for the method as a whole, attempt 0 for none.
 class Output
 {
 public:
@@ -26,7 +26,7 @@ public:
     void option(uint uid, const QString &method, const QString &option, const QVariant &value) const;
     void cert(const QString &method, const QString &cert) const;
     void done(uint uid) const;
-    /// Goes to standard error when it is text.
+    /// Writes to standard error in text mode.
     void failure(const Failure &failure) const;
 
 private:

@@ -5,6 +5,7 @@
 #include "failure.h"
 #include "harmlesstext.h"
 #include "heldsignals.h"
+#include "wipe.h"
 
 #include <array>
 #include <cerrno>
@@ -18,14 +19,14 @@
 namespace {
 
 constexpr char Interrupt = 'C' - '@';
-constexpr size_t LongestSecret = 4096; // bytes, far more than any password has
+constexpr size_t LongestSecret = 4096; // bytes, far more than any real password
 
 Failure nothingEntered()
 {
-    return {Refused, QStringLiteral("Nothing was entered")};
+    return {Refused, QStringLiteral("No password or PIN was entered")};
 }
 
-/// Shows a prompt and hides what is typed while it lives. Meanwhile no key raises a signal; Ctrl-C ends the line.
+/// Shows a prompt and turns echo off for its lifetime. No key raises a signal; Ctrl-C ends the line instead.
 class SilentTerminal
 {
 public:
@@ -41,7 +42,7 @@ public:
     ~SilentTerminal()
     {
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &m_before);
-        std::fputc('\n', stderr); // The one that was typed has not been shown.
+        std::fputc('\n', stderr); // The typed newline was not echoed.
     }
 
 private:
@@ -49,7 +50,7 @@ private:
     termios m_before = {};
 };
 
-/// A line in memory that never moves, so that it leaves no copies behind, and that is overwritten in the end.
+/// A line in a buffer that never moves, so that it leaves no copies behind. The destructor overwrites it.
 struct Line
 {
     Line() = default;
@@ -64,7 +65,7 @@ private:
     Q_DISABLE_COPY(Line)
 };
 
-/// Reads a character; false at the end of the input. Throws a Failure when `signals` becomes readable first.
+/// Reads a character. Returns false at the end of input. Throws a Failure when `signals` becomes readable first.
 bool readCharacter(char &character, int signals)
 {
     for (;;) {
@@ -80,7 +81,7 @@ bool readCharacter(char &character, int signals)
     }
 }
 
-/// Reads no further than the line: what follows is not ours.
+/// Reads one line and nothing beyond it: the rest of the input belongs to somebody else.
 Secret readLine(int signals)
 {
     Line line;
@@ -91,7 +92,7 @@ Secret readLine(int signals)
         if (character == Interrupt)
             throw nothingEntered();
         if (line.size == line.bytes.size())
-            throw Failure{Refused, QStringLiteral("What was entered is too long")};
+            throw Failure{Refused, QStringLiteral("The password or PIN is too long")};
         line.bytes[line.size++] = character;
     }
     if (line.size == 0)
@@ -103,7 +104,7 @@ Secret readLine(int signals)
 
 Secret::~Secret()
 {
-    explicit_bzero(const_cast<QChar *>(m_text.constData()), size_t(m_text.size()) * sizeof(QChar));
+    Wipe::text(m_text);
 }
 
 Secret readSecret(const QString &prompt)
@@ -111,7 +112,7 @@ Secret readSecret(const QString &prompt)
     constexpr int NoSignals = -1;
     if (!isatty(STDIN_FILENO))
         return readLine(NoSignals);
-    const HeldSignals held; // Until the terminal is as before.
+    const HeldSignals held; // Destroyed last, after the terminal is restored.
     const SilentTerminal terminal(prompt);
     return readLine(held.descriptor());
 }

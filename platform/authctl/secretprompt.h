@@ -4,8 +4,7 @@
 
 #include <QString>
 
-/// What a person enters and nobody else may see. Its memory is overwritten at the end of its life, for all copies that
-/// share it.
+/// A secret that the user entered. The destructor overwrites its memory, including copies that share it.
 class Secret
 {
 public:
@@ -23,7 +22,7 @@ private:
     Q_DISABLE_COPY(Secret)
 };
 
-/// Asks on the terminal with `prompt` and reads a line without showing it; when standard input is no terminal, reads
-/// its first line without asking. Throws a Failure when there is no line: the input ends first, the person breaks off
-/// with Ctrl-C, or the line is too long. A signal that ends the program does so when the terminal shows input again.
+/// Prompts with `prompt` and reads one line without echo. If standard input is not a terminal, reads its first line
+/// without a prompt. Throws a Failure when there is no line: on end of input, on Ctrl-C, or when the line is too long.
+/// Signals that would terminate the program are held back until the terminal echoes again.
 Secret readSecret(const QString &prompt);

@@ -13,11 +13,11 @@ namespace AuthService = LibAuthd::AuthService;
 
 namespace {
 
-// The connection that the library shares within a process holds signals back until the event loop runs, and the next
-// one to come may then overtake them: an attempt's end before its beginning.
+// Qt delivers the signals of its shared connection late, only once the event loop runs, so later ones may overtake
+// them. A private connection keeps the signals of an attempt in order.
 const QString connectionName = QStringLiteral("authctl");
 
-/// The library's thread for connections leaves the signals to the main thread, which holds them back at times.
+/// Qt's D-Bus thread inherits the blocked signals, so only the main thread receives them.
 QDBusConnection systemBus()
 {
     const HeldSignals held;
@@ -43,7 +43,7 @@ QString Service::methodOrFirst(const std::optional<QString> &method)
         return *method;
     const QStringList names = result(GetMethods()).value();
     if (names.isEmpty())
-        throw Failure{Refused, QStringLiteral("The service has no methods"), Errors::NoSuchMethod};
+        throw Failure{Refused, QStringLiteral("The service has no authentication methods"), Errors::NoSuchMethod};
     return names.constFirst();
 }
 
@@ -56,7 +56,7 @@ bool Service::handleReports(std::optional<int> timeout)
         timer.start(*timeout);
     const int end = m_isGone ? Gone : m_loop.exec();
     if (end == Gone)
-        throw Failure{Unreachable, QStringLiteral("The authentication service has gone")};
+        throw Failure{Unreachable, QStringLiteral("The authentication service left the bus")};
     return end == Finished;
 }
 
@@ -72,7 +72,7 @@ Failure Service::failure(const QDBusError &error)
     case QDBusError::NoReply:
     case QDBusError::Timeout:
     case QDBusError::TimedOut:
-        return {Unreachable, QStringLiteral("The authentication service does not answer"), name};
+        return {Unreachable, QStringLiteral("The authentication service does not reply"), name};
     default:
         return {name == Errors::UserLocked ? Locked : Refused, error.message(), name};
     }

@@ -10,15 +10,15 @@
 
 #include <optional>
 
-/// The authentication service, on a connection of its own. Its calls are those of the generated interface; their
-/// answers go through result().
+/// A proxy for the authentication service, on its own bus connection. Use the calls of the generated interface, and
+/// pass their replies through result().
 class Service : public AuthServiceInterface
 {
 public:
-    /// `timeout` is for each answer, in milliseconds.
+    /// `timeout` applies to each reply, in milliseconds.
     explicit Service(int timeout);
 
-    /// Waits for the answer of a call; throws a Failure when it is an error.
+    /// Waits for the reply to a call. Throws a Failure when it is an error.
     template <typename... Types>
     static QDBusPendingReply<Types...> result(QDBusPendingReply<Types...> reply)
     {
@@ -28,11 +28,11 @@ public:
         return reply;
     }
 
-    /// The method asked for, or, without one, the method to offer first. Throws a Failure when there is none.
+    /// Returns `method` if given, otherwise the service's first method. Throws a Failure when there is none.
     QString methodOrFirst(const std::optional<QString> &method);
 
-    /// Handles what the service reports until finish() is called, then returns true; false when `timeout` milliseconds
-    /// have passed before. Waits forever without a `timeout`. Throws a Failure when the service goes away.
+    /// Handles signals from the service until finish() is called, then returns true. Returns false after `timeout`
+    /// milliseconds; without a timeout, waits forever. Throws a Failure when the service leaves the bus.
     bool handleReports(std::optional<int> timeout = std::nullopt);
     void finish() { m_loop.exit(Finished); }
 

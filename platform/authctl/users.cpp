@@ -17,7 +17,7 @@ uint userId(const QString &user)
         return uid;
     if (const struct passwd *entry = getpwnam(user.toLocal8Bit().constData()))
         return entry->pw_uid;
-    throw Failure{Refused, QStringLiteral("There is no user ") + user, Errors::NoSuchUser};
+    throw Failure{Refused, QStringLiteral("No such user: ") + user, Errors::NoSuchUser};
 }
 
 QString displayName(uint uid)

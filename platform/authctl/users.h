@@ -4,8 +4,8 @@
 
 #include <QString>
 
-/// The user id of a user given by login name or by user id. Throws a Failure when there is no such login name.
+/// The user id for a login name or a user id in digits. Throws a Failure when the login name does not exist.
 uint userId(const QString &user);
 
-/// The login name of a user, or the user id in digits for one who has none.
+/// The user's login name, or the user id in digits if the user has none.
 QString displayName(uint uid);

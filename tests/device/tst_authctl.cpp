@@ -173,14 +173,12 @@ void TstAuthctl::options()
     QCOMPARE(run(QStringLiteral("options --user mallory")).exitCode, int(Refused));
     QCOMPARE(run(QStringLiteral("options --method other")).exitCode, int(Refused));
     // What is given and empty, as by a script's unset variable, is not the same as not given.
-    QCOMPARE(run(QStringLiteral("options max-attempts 9 --user=")).errors,
-             QStringLiteral("authctl: There is no user \n"));
-    QCOMPARE(run(QStringLiteral("options --user= max-attempts 9")).errors,
-             QStringLiteral("authctl: There is no user \n"));
+    QCOMPARE(run(QStringLiteral("options max-attempts 9 --user=")).errors, QStringLiteral("authctl: No such user: \n"));
+    QCOMPARE(run(QStringLiteral("options --user= max-attempts 9")).errors, QStringLiteral("authctl: No such user: \n"));
     QCOMPARE(run(QStringLiteral("options max-attempts 9 --method=")).exitCode, int(Refused));
     // What is given twice counts as given last.
     QCOMPARE(run(QStringLiteral("options --user alice --user mallory")).errors,
-             QStringLiteral("authctl: There is no user mallory\n"));
+             QStringLiteral("authctl: No such user: mallory\n"));
     QCOMPARE(run(QStringLiteral("options max-attempts")).output, QStringLiteral("max-attempts = 3\n"));
 }
 
@@ -323,7 +321,7 @@ void TstAuthctl::hostileTexts()
         QVERIFY(!json.output.contains(harmful));
 
     // Nor does harm what somebody has been made to paste.
-    QCOMPARE(run(QStringLiteral("state ") + red).errors, QStringLiteral("authctl: There is no user \\u001b[31m\n"));
+    QCOMPARE(run(QStringLiteral("state ") + red).errors, QStringLiteral("authctl: No such user: \\u001b[31m\n"));
     QCOMPARE(run(QStringLiteral("methods ") + red).errors.count(QStringLiteral("\\u001b[31m")), 1);
     QVERIFY(!run(QStringLiteral("methods ") + red).errors.contains(red));
     monitor.kill();
@@ -416,7 +414,7 @@ void TstAuthctl::silentDaemon()
     kill(pid_t(m_authd.pid()), SIGCONT);
     QVERIFY2(clock.elapsed() < 20000, "That was the library's time-out");
     QCOMPARE(result.exitCode, int(Unreachable));
-    QCOMPARE(result.errors, QStringLiteral("authctl: The authentication service does not answer\n"));
+    QCOMPARE(result.errors, QStringLiteral("authctl: The authentication service does not reply\n"));
 }
 
 QTEST_GUILESS_MAIN(TstAuthctl)

@@ -213,7 +213,7 @@ void TstAuthctlLogin::loginFails()
     QCOMPARE(text.exitCode, int(Refused));
     QCOMPARE(text.output, QStringLiteral("alice: checking with kavet ...\n"
                                          "alice: failed: auth failed (code 11); attempts left: 5\n"
-                                         "alice: kavet waits for input\n"));
+                                         "alice: kavet is waiting for input\n"));
 
     const Result json = run(QStringLiteral("login alice --json"), "nousb\n");
     QCOMPARE(json.exitCode, int(Refused));
@@ -239,8 +239,8 @@ void TstAuthctlLogin::loginIsRefused()
 {
     const Result nobody = run(QStringLiteral("login mallory"), "x\n");
     QCOMPARE(nobody.exitCode, int(Refused));
-    QCOMPARE(nobody.errors, QStringLiteral("authctl: There is no user mallory\n"));
-    QCOMPARE(run(QStringLiteral("login state"), "x\n").errors, QStringLiteral("authctl: There is no user state\n"));
+    QCOMPARE(nobody.errors, QStringLiteral("authctl: No such user: mallory\n"));
+    QCOMPARE(run(QStringLiteral("login state"), "x\n").errors, QStringLiteral("authctl: No such user: state\n"));
     QCOMPARE(run(QStringLiteral("login 4711"), "x\n").exitCode, int(Refused));
     QCOMPARE(run(QStringLiteral("login 0"), "x\n").exitCode, int(Refused));
 
@@ -257,7 +257,7 @@ void TstAuthctlLogin::loginWithoutInput()
 {
     const Result result = run(QStringLiteral("login alice"));
     QCOMPARE(result.exitCode, int(Refused));
-    QCOMPARE(result.errors, QStringLiteral("authctl: Nothing was entered\n"));
+    QCOMPARE(result.errors, QStringLiteral("authctl: No password or PIN was entered\n"));
     QCOMPARE(TestDevice::launches().size(), 0);
     // An empty line is an empty password.
     QCOMPARE(run(QStringLiteral("login alice"), "\n").exitCode, int(Refused));
@@ -272,7 +272,7 @@ void TstAuthctlLogin::loginWantsOtherInput()
     const auto remove = qScopeGuard([configuration] { QFile::remove(configuration); });
     const Result result = run(QStringLiteral("login alice"), "success\n");
     QCOMPARE(result.exitCode, int(Refused));
-    QCOMPARE(result.output, QStringLiteral("alice: checking with kavet ...\nalice: kavet waits for input\n"));
+    QCOMPARE(result.output, QStringLiteral("alice: checking with kavet ...\nalice: kavet is waiting for input\n"));
 }
 
 void TstAuthctlLogin::loginWithDyingClient()
@@ -283,7 +283,7 @@ void TstAuthctlLogin::loginWithDyingClient()
     QCOMPARE(result.output.count(QStringLiteral("alice: the kavet client was restarted\n")), 11);
     QVERIFY2(result.output.endsWith(
                  QStringLiteral("alice: failed: cannot start client (code 3), not counted; attempts left: 1\n"
-                                "alice: kavet waits for input\n")),
+                                "alice: kavet is waiting for input\n")),
              qPrintable(result.output));
 }
 
@@ -291,7 +291,7 @@ void TstAuthctlLogin::loginWithoutOutcome()
 {
     const Result result = run(QStringLiteral("login alice --timeout 1"), "never\n");
     QCOMPARE(result.exitCode, int(Unreachable));
-    QCOMPARE(result.errors, QStringLiteral("authctl: No outcome in time\n"));
+    QCOMPARE(result.errors, QStringLiteral("authctl: Timed out waiting for the outcome\n"));
     // It has been given up, so that another may come.
     QVERIFY(m_authd.waitForLog("method=kavet uid=1000 reason=cancelled\n"));
     QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
@@ -303,8 +303,9 @@ void TstAuthctlLogin::loginTimesOut()
     QVERIFY(m_authd.start(Installed::methods, {QStringLiteral("--attempt-timeout"), QStringLiteral("1")}));
     const Result result = run(QStringLiteral("login alice"), "never\n");
     QCOMPARE(result.exitCode, int(Unreachable));
-    QCOMPARE(result.output,
-             QStringLiteral("alice: checking with kavet ...\nalice: given up: timed out\nalice: nothing under way\n"));
+    QCOMPARE(
+        result.output,
+        QStringLiteral("alice: checking with kavet ...\nalice: given up: timed out\nalice: no attempt in progress\n"));
 }
 
 void TstAuthctlLogin::loginGivenUpByOthers()
@@ -318,7 +319,7 @@ void TstAuthctlLogin::loginGivenUpByOthers()
     QCOMPARE(run(QStringLiteral("cancel alice")).exitCode, int(Success));
     QVERIFY(login.waitForFinished());
     QCOMPARE(login.exitCode(), int(Refused));
-    QVERIFY(login.readAllStandardOutput().endsWith("alice: given up: cancelled\nalice: nothing under way\n"));
+    QVERIFY(login.readAllStandardOutput().endsWith("alice: given up: cancelled\nalice: no attempt in progress\n"));
 }
 
 void TstAuthctlLogin::queue()
@@ -332,18 +333,17 @@ void TstAuthctlLogin::queue()
     const Result second = run(QStringLiteral("login bob"), "success\n");
     QCOMPARE(second.exitCode, int(Success));
     // In between, alice's client makes room for bob's.
-    QVERIFY(second.output.startsWith(
-        QLatin1String("bob: waiting for a turn with kavet ...\nbob: checking with kavet ...\n")));
+    QVERIFY(second.output.startsWith(QLatin1String("bob: queued for kavet ...\nbob: checking with kavet ...\n")));
     QVERIFY(second.output.endsWith(QLatin1String("bob: success\nbob: authenticated by kavet\n")));
     QVERIFY(first.waitForFinished());
     QCOMPARE(first.exitCode(), int(Refused));
-    QVERIFY(first.readAllStandardOutput().endsWith("alice: given up: cut short\nalice: nothing under way\n"));
+    QVERIFY(first.readAllStandardOutput().endsWith("alice: given up: cut short\nalice: no attempt in progress\n"));
 }
 
 void TstAuthctlLogin::interrupted()
 {
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")}, TestDevice::alice);
-    QVERIFY(login.waitFor("Password of alice: "));
+    QVERIFY(login.waitFor("Password for alice: "));
     login.type("never\n");
     QVERIFY(login.waitFor("alice: checking with kavet ..."));
     login.type("\x03");
@@ -384,7 +384,7 @@ void TstAuthctlLogin::forgedSignals()
     QVERIFY(login.waitForFinished());
     QCOMPARE(login.exitCode(), int(Refused));
     QCOMPARE(login.readAllStandardOutput(),
-             QByteArray("alice: checking with kavet ...\nalice: given up: cancelled\nalice: nothing under way\n"));
+             QByteArray("alice: checking with kavet ...\nalice: given up: cancelled\nalice: no attempt in progress\n"));
 }
 
 void TstAuthctlLogin::reportsOfOthers()
@@ -427,21 +427,21 @@ void TstAuthctlLogin::lockAndUnlock()
     QCOMPARE(unlocked.events(), QStringList{QStringLiteral("done")});
     const Result idle = run(QStringLiteral("state alice"));
     QCOMPARE(idle.exitCode, int(Success));
-    QCOMPARE(idle.output, QStringLiteral("alice: nothing under way\n"));
+    QCOMPARE(idle.output, QStringLiteral("alice: no attempt in progress\n"));
     QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
 }
 
 void TstAuthctlLogin::passwordIsNotShown()
 {
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")});
-    QVERIFY(login.waitFor("Password of alice: "));
+    QVERIFY(login.waitFor("Password for alice: "));
     QVERIFY(!login.echoes());
     login.type("success\n");
     QVERIFY(login.waitFor("authenticated by kavet"));
     QVERIFY(login.echoes());
     QVERIFY(login.waitForEnd());
     QCOMPARE(login.exitCode(), int(Success));
-    QCOMPARE(login.screen, QByteArray("Password of alice: \r\nalice: checking with kavet ...\r\nalice: success\r\n"
+    QCOMPARE(login.screen, QByteArray("Password for alice: \r\nalice: checking with kavet ...\r\nalice: success\r\n"
                                       "alice: authenticated by kavet\r\n"));
 
     OnTerminal withCertificate({QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--cert=c")});
@@ -455,7 +455,7 @@ void TstAuthctlLogin::slowTypist()
 {
     // The time for an outcome begins when there is something to wait for; so the time must pass before.
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--timeout=2")});
-    QVERIFY(login.waitFor("Password of alice: "));
+    QVERIFY(login.waitFor("Password for alice: "));
     QTest::qWait(2500);
     login.type("success\n");
     QVERIFY(login.waitForEnd());
@@ -466,7 +466,7 @@ void TstAuthctlLogin::lockedWhileAsked()
 {
     QCOMPARE(run(QStringLiteral("options max-attempts 1")).exitCode, int(Success));
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")});
-    QVERIFY(login.waitFor("Password of alice: "));
+    QVERIFY(login.waitFor("Password for alice: "));
     QCOMPARE(run(QStringLiteral("login alice"), "failed\n").exitCode, int(Locked));
     login.type("success\n");
     QVERIFY(login.waitFor("authctl: The user is locked: kavet-max-attempts"));
@@ -477,9 +477,9 @@ void TstAuthctlLogin::lockedWhileAsked()
 void TstAuthctlLogin::breakingOff()
 {
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")});
-    QVERIFY(login.waitFor("Password of alice: "));
+    QVERIFY(login.waitFor("Password for alice: "));
     login.type("half a passw\x03");
-    QVERIFY(login.waitFor("Nothing was entered"));
+    QVERIFY(login.waitFor("No password or PIN was entered"));
     QVERIFY(login.echoes());
     QVERIFY(login.waitForEnd());
     QCOMPARE(login.exitCode(), int(Refused));
@@ -501,7 +501,7 @@ void TstAuthctlLogin::signalsAtPrompt()
     QFETCH(int, signal);
 
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")});
-    QVERIFY(login.waitFor("Password of alice: "));
+    QVERIFY(login.waitFor("Password for alice: "));
     QVERIFY(!login.echoes());
     login.type("half a passw");
     kill(login.pid(), signal);
@@ -520,7 +520,7 @@ void TstAuthctlLogin::tooMuchInput()
 
     const Result result = run(QStringLiteral("login alice"), QByteArray(4097, 'x'));
     QCOMPARE(result.exitCode, int(Refused));
-    QCOMPARE(result.errors, QStringLiteral("authctl: What was entered is too long\n"));
+    QCOMPARE(result.errors, QStringLiteral("authctl: The password or PIN is too long\n"));
     QCOMPARE(TestDevice::calls().size(), 1);
 }
 
@@ -533,7 +533,7 @@ void TstAuthctlLogin::hostilePrompt()
 void TstAuthctlLogin::isNotReadable()
 {
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice")}, TestDevice::alice);
-    QVERIFY(login.waitFor("Password of alice: "));
+    QVERIFY(login.waitFor("Password for alice: "));
     QVERIFY(!isReadableFor(TestDevice::alice, login.pid()));
 
     // Another process of the same user is.
@@ -551,7 +551,7 @@ void TstAuthctlLogin::secretIsWiped()
     const FakeService service([&](const QDBusMessage &, const QDBusConnection &) { isAsked = true; });
     QVERIFY(service.isRunning);
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--method=kavet")});
-    QVERIFY(login.waitFor("Password of alice: "));
+    QVERIFY(login.waitFor("Password for alice: "));
     const QString secret = QStringLiteral("correct horse battery staple");
     login.type(secret.toUtf8() + '\n');
     QTRY_VERIFY(isAsked);
@@ -571,7 +571,7 @@ void TstAuthctlLogin::daemonGoesAway()
     m_authd.stop(SIGKILL);
     QVERIFY(login.waitForFinished());
     QCOMPARE(login.exitCode(), int(Unreachable));
-    QCOMPARE(login.readAllStandardError(), QByteArray("authctl: The authentication service has gone\n"));
+    QCOMPARE(login.readAllStandardError(), QByteArray("authctl: The authentication service left the bus\n"));
 }
 
 QTEST_GUILESS_MAIN(TstAuthctlLogin)
