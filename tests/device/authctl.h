@@ -12,52 +12,52 @@
 #include <optional>
 #include <sys/types.h>
 
-/// Runs of the command line, as a person or a script sees them.
+/// Runs the command line and captures what a person or a script would see.
 namespace Authctl {
 
 enum ExitCode { Success = 0, Refused = 1, WrongUsage = 2, Locked = 3, Unreachable = 4 };
 
 struct Result
 {
-    int exitCode; ///< -1 when it has not ended by itself.
+    int exitCode; ///< -1 if the program did not exit.
     QString output;
     QString errors;
 
-    /// What it has told with --json, and the kinds of these events.
+    /// The events in the output of --json, and their "event" fields.
     QVector<QJsonObject> objects() const;
     QStringList events() const;
 };
 
-/// Runs it as user `uid`, with arguments separated by spaces, and with `input` on standard input.
+/// Runs authctl as user `uid`. Spaces separate the arguments; `input` is its standard input.
 Result runAs(uint uid, const QString &arguments, const QByteArray &input = {});
 Result run(const QString &arguments, const QByteArray &input = {});
 
-/// A run on a terminal of its own. Waiting for it handles events.
+/// A run on its own terminal. The wait functions process events.
 class OnTerminal
 {
 public:
     explicit OnTerminal(const QStringList &arguments, uint uid = 0);
     ~OnTerminal();
 
-    /// Waits until the screen has `text`.
+    /// Waits until the screen shows `text`.
     bool waitFor(const QByteArray &text);
     bool waitForEnd();
     void type(const QByteArray &text);
-    /// Whether the terminal shows what is typed, and its keys raise signals.
+    /// Whether the terminal echoes input and its keys raise signals.
     bool echoes() const;
     pid_t pid() const { return m_pid; }
-    /// Once it has ended; -1 when it has not, or otherwise: by itself, by a signal.
+    /// The exit code, or -1 if the program still runs or was ended by a signal; and the reverse.
     int exitCode() const;
     int endSignal() const;
 
     QByteArray screen;
 
 private:
-    /// Takes note of the program's end, and then of what it has written.
+    /// Checks whether the program has ended before reading its output, so that no output is lost.
     void readScreen();
 
     int m_terminal = -1;
-    int m_programSide = -1; ///< Kept open: the settings of a terminal that nobody has open are reset.
+    int m_programSide = -1; ///< Kept open, because the kernel resets a terminal when its last descriptor is closed.
     pid_t m_pid = -1;
     std::optional<int> m_status;
 

@@ -3,6 +3,7 @@
 #include "device/authd.h"
 
 #include "support/testdevice.h"
+#include "support/wiper.h"
 
 #include <authd/authservice.h>
 
@@ -25,7 +26,7 @@ QString uniqueName()
     return QStringLiteral("user %1").arg(count++);
 }
 
-/// The bus goes by the effective user id at the time of connecting.
+/// The bus authenticates the effective user id at connection time.
 QDBusConnection connectAs(uint uid, const QString &name)
 {
     if (seteuid(uid) != 0)
@@ -56,7 +57,7 @@ bool Authd::start(const QString &methods, const QStringList &arguments)
 
 int Authd::stop(int signal)
 {
-    if (!isRunning()) // Its process id would be that of the test's whole process group.
+    if (!isRunning()) // The pid would be 0, and kill() would signal the test's process group.
         return -1;
     kill(pid_t(pid()), signal);
     if (!m_process.waitForFinished())
@@ -76,7 +77,7 @@ bool Authd::waitForLog(const QByteArray &text, int count)
 
 QByteArray Authd::log()
 {
-    m_process.waitForReadyRead(0); // Also what has come since the event loop ran.
+    m_process.waitForReadyRead(0); // Includes output that arrived after the event loop last ran.
     m_log += m_process.readAllStandardError();
     return m_log;
 }
@@ -88,6 +89,26 @@ QPair<int, QByteArray> Authd::run(const QStringList &arguments)
     if (!process.waitForFinished() || process.exitStatus() != QProcess::NormalExit)
         return {-1, process.readAllStandardError()};
     return {process.exitCode(), process.readAllStandardError() + process.readAllStandardOutput()};
+}
+
+void AuthdTest::initTestCase()
+{
+    QVERIFY(startSystemBus());
+}
+
+void AuthdTest::init()
+{
+    TestDevice::reset();
+    setClientScript();
+    QVERIFY(m_authd.start());
+}
+
+void AuthdTest::cleanup()
+{
+    if (m_authd.isRunning())
+        QCOMPARE(m_authd.stop(SIGTERM), 0);
+    if (QTest::currentTestFailed())
+        qWarning("The daemon wrote:\n%s", m_authd.log().constData());
 }
 
 BusUser::BusUser(uint uid)
@@ -144,7 +165,7 @@ void Reports::record(const QDBusMessage &signal)
 
 bool heldSignalsBack(const QByteArray &errors)
 {
-    // Else the library does not tell of it in these words, and nothing can be said.
+    // Make sure that this version of the library still logs these words.
     const QByteArray told = "delivery is suspended";
     const QString library = QLibraryInfo::location(QLibraryInfo::LibrariesPath) + QStringLiteral("/libQt5DBus.so.5");
     if (!errors.contains("connected successfully") || !TestDevice::readFile(library).contains(told))

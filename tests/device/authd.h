@@ -15,26 +15,26 @@
 #include <QStringList>
 #include <QVector>
 
-/// The daemon as a process of its own, on the device's system bus.
+/// The daemon as a separate process on the device's system bus.
 class Authd
 {
 public:
     ~Authd();
 
-    /// Starts the daemon on the methods in `methods` and waits until it is ready; false, with its log, when it ends
-    /// first.
+    /// Starts the daemon with the methods directory `methods` and waits until it is ready. If it exits first, prints
+    /// its log and returns false.
     bool start(const QString &methods = Installed::methods, const QStringList &arguments = {});
-    /// Sends `signal` and waits for the end; the exit code, or -1 when it did not end by itself or
-    /// was not running.
+    /// Sends `signal` and waits for the process to end. Returns the exit code, or -1 if the process was not running or
+    /// did not exit.
     int stop(int signal);
-    /// Waits until the log has `text`.
+    /// Waits until the log contains `text` at least `count` times.
     bool waitForLog(const QByteArray &text, int count = 1);
-    /// What it has written to standard error.
+    /// Standard error so far.
     QByteArray log();
     qint64 pid() const { return m_process.processId(); }
     bool isRunning() const { return m_process.state() == QProcess::Running; }
 
-    /// Runs the daemon with these arguments to its end.
+    /// Runs the daemon until it exits; its exit code and output.
     static QPair<int, QByteArray> run(const QStringList &arguments);
 
 private:
@@ -42,16 +42,30 @@ private:
     QByteArray m_log;
 };
 
-/// A connection to the system bus as user `uid`; ends with the object.
+/// The base of tests whose functions each start with a reset device and a running daemon.
+class AuthdTest : public QObject
+{
+    Q_OBJECT
+
+protected:
+    Authd m_authd;
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+};
+
+/// A connection to the system bus as user `uid`, closed on destruction.
 class BusUser
 {
 public:
     explicit BusUser(uint uid);
     ~BusUser();
 
-    /// Calls the service and waits for the answer.
+    /// Calls the service and waits for the reply.
     QDBusMessage call(const QString &member, const QVariantList &arguments = {}) const;
-    /// The name of the error that the call ends with; empty when it succeeds.
+    /// The name of the error that the call returns; empty on success.
     QString error(const QString &member, const QVariantList &arguments = {}) const;
     QDBusConnection connection() const { return m_connection; }
 
@@ -60,7 +74,7 @@ private:
     QDBusConnection m_connection;
 };
 
-/// The service's signals to a subscriber, from the start of the object.
+/// Subscribes to the service and records its signals.
 class Reports : public QObject
 {
     Q_OBJECT
@@ -68,31 +82,32 @@ class Reports : public QObject
 public:
     explicit Reports(const BusUser &user);
 
-    /// Each as "Member(argument, argument, ...)", in order, options' changes and the attempts left out.
+    /// The signals in order, as "Member(argument, argument, ...)", without the attempt numbers. Option changes are left
+    /// out.
     QStringList texts;
-    /// The attempts that they are about.
+    /// The attempt number of each entry of `texts`.
     QVector<qulonglong> attempts;
     QVector<QDBusMessage> all;
 
-    /// Waits until the last one starts with `text`.
+    /// Waits until the last entry of `texts` starts with `text`.
     bool waitFor(const QString &text);
 
 private Q_SLOTS:
     void record(const QDBusMessage &signal);
 };
 
-/// Whether a program with the environment of debuggedBus() told, on standard error, that it held signals back until its
-/// event loop ran. The next signal may then overtake those, so that a program sees them in the wrong order.
+/// Whether a program that ran with debuggedBus() logged, on standard error, that it held signals back until its event
+/// loop ran. Later signals may overtake held ones, so the program would see them in the wrong order.
 bool heldSignalsBack(const QByteArray &errors);
-/// In which the D-Bus library tells what it does.
+/// An environment that makes the D-Bus library log what it does.
 QProcessEnvironment debuggedBus();
 
-/// The long options named in a program's help, or in its manual page.
+/// The long options in a program's help or manual page.
 QSet<QString> longOptions(QString text);
 
-/// A value as it reads in Reports.
+/// A value as formatted in Reports.
 QString reportText(const QVariant &value);
 
-/// Sets what the scripted client does. It shows its socket until it is connected, since the method takes no notice of
-/// one that appears before the news that the client has started.
+/// Sets the scripted client's script. The client announces its socket until somebody connects, because the method
+/// ignores a socket that appears before it learns that the client has started.
 void setClientScript(QJsonObject script = {});

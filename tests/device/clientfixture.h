@@ -17,7 +17,7 @@
 
 #include <sys/stat.h>
 
-/// The reference client, run as alice without its sandbox, and a peer of it that is root.
+/// The reference client, run as alice without its sandbox, and a peer that runs as root.
 class ClientFixture
 {
 public:
@@ -42,7 +42,8 @@ public:
         process.waitForFinished();
     }
 
-    /// What the plugin prepares before it launches a client for alice, and neither settings nor failed attempts.
+    /// Creates the directories that the plugin creates before it launches alice's client. Clears her settings and
+    /// failed attempts.
     static void prepare()
     {
         for (const char *directory : {"/home/alice/.config", "/home/alice/.local"})
@@ -54,7 +55,7 @@ public:
         setAttempts("0");
     }
 
-    /// Has a process run a program as a user with that user's home.
+    /// Makes `process` run a program as a user, with that user's home.
     static void asUser(QProcess &process, const QString &command, const QStringList &arguments,
                        uint uid = TestDevice::alice)
     {
@@ -77,7 +78,7 @@ public:
         process.setProcessEnvironment(variables);
     }
 
-    /// Puts the client where the plugin starts it, without a sandbox but with this in its environment.
+    /// Replaces the launcher with a script that starts the client without a sandbox and with `environment`.
     static bool takeLaunchersPlace(const QStringList &environment = {})
     {
         return QFile::remove(TestDevice::launcher)
@@ -101,22 +102,22 @@ public:
                 continue;
             const qint64 begin = range.at(0).toLongLong(nullptr, 16);
             const qint64 size = range.at(1).toLongLong(nullptr, 16) - begin;
-            // What is larger is only set aside, for a sanitizer.
+            // Larger mappings are only reserved, by a sanitizer.
             if (size < std::numeric_limits<int>::max() && memory.seek(begin) && memory.read(size).contains(bytes))
                 return true;
         }
         return false;
     }
 
-    /// Whether the writable memory of a process holds a text, in the form of Qt's texts or, as it comes over the bus,
-    /// in UTF-8.
+    /// Whether the writable memory of a process holds a text, in UTF-16 as QString stores it or in UTF-8 as the bus
+    /// sends it.
     static bool memoryHoldsText(qint64 pid, const QString &text)
     {
         const QByteArray wide(reinterpret_cast<const char *>(text.utf16()), text.size() * 2);
         return memoryHolds(pid, wide) || memoryHolds(pid, text.toUtf8());
     }
 
-    /// Runs the client to its end with this on its standard input.
+    /// Runs the client until it exits, with `input` as its standard input.
     static Result run(const QStringList &arguments, const QByteArray &input, uint uid = TestDevice::alice,
                       const QStringList &environment = {})
     {
@@ -138,7 +139,7 @@ public:
         return result.exitCode == 0 && result.output.isEmpty() && result.error.isEmpty();
     }
 
-    /// Writes a key of the client's settings, as alice would with an editor.
+    /// Writes a key to the client's settings, as alice might with an editor.
     static bool setSetting(const QString &key, const QVariant &value)
     {
         const QString directory = QFileInfo(settingsPath).path();
@@ -162,15 +163,15 @@ public:
 
     static int attempts()
     {
-        // A settings object would take a file of the same size and millisecond for one that it knows.
+        // QSettings does not notice a change that keeps the file's size and modification time.
         QByteArray content = TestDevice::readFile(counterPath);
         return content.remove(0, content.indexOf("attempts=") + 9).trimmed().toInt();
     }
 
-    /// What the client's own file says; nothing if there is none.
+    /// The content of the client's own counter file; empty if there is none.
     static QByteArray ownAttempts() { return TestDevice::readFile(ownCounterPath); }
 
-    /// Starts the client, waits for its socket and connects.
+    /// Starts the client, waits for its socket, and connects.
     bool start(const QStringList &environment = {})
     {
         struct stat before = {};
@@ -199,7 +200,7 @@ public:
 
     QDBusMessage call(const QDBusMessage &message) const { return m_connection.call(message); }
 
-    /// Calls a method of the protocol; the reply, an error's name, or "(...)" for any other reply.
+    /// Calls a protocol method. Returns the reply's word, an error's name, or "(...)" for any other reply.
     QString ask(const QString &method, const QVariantList &arguments) const
     {
         const QDBusMessage reply = call(request(method, arguments));
@@ -219,7 +220,7 @@ public:
         return ask(QStringLiteral("validateCert"), {cert, user, pin});
     }
 
-    /// The list, or one entry with an error's name.
+    /// The list of certificates, or one entry with an error's name.
     QStringList certList() const
     {
         const QDBusMessage reply = call(request(QStringLiteral("getCertList"), {}));
@@ -237,14 +238,14 @@ public:
 
     QDBusConnection &connection() { return m_connection; }
 
-    /// Has the client check a password for somebody who no longer waits for the answer.
+    /// Makes the client check a password without waiting for the reply.
     void sendAndVanish(const QString &password)
     {
         m_connection.asyncCall(request(QStringLiteral("checkPassword"), {QStringLiteral("alice"), password}));
         QDBusConnection::disconnectFromPeer(m_connection.name());
     }
 
-    /// Number of file descriptors that the client has open.
+    /// The number of the client's open file descriptors.
     int openDescriptors() const
     {
         return int(QDir(QStringLiteral("/proc/%1/fd").arg(process.processId()))
@@ -260,7 +261,7 @@ public:
         return rollup.mid(rollup.indexOf("Private_Dirty:") + 14).simplified().split(' ').constFirst().toLongLong();
     }
 
-    /// What the client has printed so far.
+    /// The client's output so far.
     QByteArray output()
     {
         m_output += process.readAll();

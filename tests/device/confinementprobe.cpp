@@ -13,10 +13,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-// Stands in the client's place in the real sandbox, tries what it is told to in the JSON object "probe.json" of the
-// shared directory, and reports what came of it in "report.json" there:
+// Replaces the client in the real sandbox. Tries the operations listed in the JSON object "probe.json" in the shared
+// directory, and writes their results to "report.json" there:
 //   "read", "list", "write", "connect": paths, each reported as true or false
-//   "call": bus names on the system bus, "own": bus names on the session bus, likewise
+//   "call": bus names on the system bus, "own": bus names on the session bus, each reported in the same way
 namespace {
 
 const QString sharedDirectory = QStringLiteral("/srv/shared/tarsk/kavet_client/");
@@ -109,7 +109,7 @@ int main(int argc, char *argv[])
         {QStringLiteral("own"), tried(probe.value(QLatin1String("own")), canOwn)},
     };
 
-    // Under another name first, so that nobody reads half of it.
+    // Rename into place, so that no reader sees a partial file.
     QFile result(sharedDirectory + QStringLiteral("report.new"));
     if (!result.open(QIODevice::WriteOnly) || result.write(QJsonDocument(report).toJson()) == -1
         || !result.rename(sharedDirectory + QStringLiteral("report.json")))

@@ -5,8 +5,8 @@
 #include <QFile>
 #include <QString>
 
-/// Where the device has what the build installs. Whole-system tests run these files and nothing in the build tree,
-/// which the device's users may be unable to reach.
+/// The installed files. Whole-system tests run these and nothing from the build tree, because the device's users may
+/// have no access to the build tree.
 namespace Installed {
 
 inline const QString authd = QStringLiteral(INSTALLED_SBINDIR "/authd");
@@ -16,15 +16,15 @@ inline const QString wiper = QStringLiteral(INSTALLED_SBINDIR "/qarv-userdata-wi
 inline const QString methods = QStringLiteral(INSTALLED_METHODS_DIR);
 inline const QString plugin = QStringLiteral(INSTALLED_METHODS_DIR "/libkavet.so");
 
-// What stands in for others.
+// Test doubles.
 inline const QString confinementProbe = QStringLiteral(INSTALLED_TESTS_DIR "/confinementprobe");
 inline const QString unrulyToken = QStringLiteral(INSTALLED_TESTS_DIR "/libunrulytoken.so");
-/// Methods, and what only looks like one.
+/// The test methods, and libraries that only look like methods.
 inline const QString oddMethods = QStringLiteral(INSTALLED_TESTS_DIR "/methods");
 
 } // namespace Installed
 
-/// The device without its client, for the life of the object.
+/// Removes the client from the device for the lifetime of the object.
 class ClientAside
 {
 public:

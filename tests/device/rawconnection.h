@@ -14,11 +14,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-/// A connection to the client's socket without any library; closed at the end of its life.
+/// A connection to the client's socket without a D-Bus library, closed on destruction.
 class RawConnection
 {
 public:
-    /// The handshake of a peer that waits for no reply to it.
+    /// The handshake of a peer that does not wait for replies.
     static inline const QByteArray handshake = QByteArray("\0AUTH EXTERNAL 30\r\nBEGIN\r\n", 26);
 
     RawConnection()
@@ -36,13 +36,13 @@ public:
 
     bool isConnected() const { return m_connected; }
 
-    /// False when not all of it could be sent; `flags` as of send(2).
+    /// Sends bytes, with the `flags` of send(2); false if not all could be sent.
     bool send(const QByteArray &bytes, int flags = 0) const
     {
         return ::send(m_descriptor, bytes.constData(), size_t(bytes.size()), flags | MSG_NOSIGNAL) == bytes.size();
     }
 
-    /// Sends bytes with as many file descriptors as the kernel lets pass at a time.
+    /// Sends bytes with as many file descriptors as the kernel passes in one message.
     bool sendDescriptors(const QByteArray &bytes) const
     {
         constexpr int count = 253;
@@ -61,7 +61,7 @@ public:
         return sendmsg(m_descriptor, &message, MSG_NOSIGNAL) == bytes.size();
     }
 
-    /// What has come, after waiting for it; empty when the connection has ended or nothing comes.
+    /// Waits for data and returns it; empty if the peer has closed the connection or on timeout.
     QByteArray receive() const
     {
         QByteArray bytes(4096, '\0');
@@ -70,7 +70,7 @@ public:
         return bytes;
     }
 
-    /// Whether a text comes so many times, in whatever pieces.
+    /// Whether `text` arrives so many times, however it is split.
     bool receives(const QByteArray &text, int times = 1) const
     {
         QByteArray seen;
@@ -83,7 +83,7 @@ public:
         return true;
     }
 
-    /// Whether the other end has closed the connection, all that came before aside.
+    /// Reads all pending data and returns whether the peer has closed the connection.
     bool hasEnded() const
     {
         char byte = 0;
@@ -94,7 +94,7 @@ public:
         return size == 0 || errno == ECONNRESET;
     }
 
-    /// A method call with texts as arguments, as it stands on the wire.
+    /// A method call with string arguments in wire format.
     static QByteArray call(const QByteArray &method, const QByteArrayList &arguments)
     {
         QByteArray body;

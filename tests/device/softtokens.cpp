@@ -28,7 +28,7 @@ QString file(const QString &name)
     return authorities + QLatin1Char('/') + name;
 }
 
-/// Runs a tool as alice, so that what it makes is hers.
+/// Runs a tool as alice, so that she owns its output.
 bool run(const QString &program, const QStringList &arguments)
 {
     QProcess process;
@@ -45,7 +45,7 @@ bool run(const QString &program, const QStringList &arguments)
     return false;
 }
 
-/// Whether somebody listens on a socket.
+/// Whether a process listens on a socket.
 bool isServed(const QString &path)
 {
     const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -64,7 +64,7 @@ bool makeDirectory(const QString &path)
 
 bool makeKey(const QString &name, const QStringList &options)
 {
-    // In the form that all the tools read.
+    // Convert to the format that all the tools read.
     return QFileInfo::exists(file(name + QStringLiteral(".key")))
            || (run(QStringLiteral("openssl"),
                    QStringList{QStringLiteral("genpkey"), QStringLiteral("-out"), file(name + QStringLiteral(".key"))}
@@ -97,7 +97,7 @@ bool makePssKey(const QString &name)
                && run(QStringLiteral("certtool"), {QStringLiteral("--to-rsa"), QStringLiteral("--load-privkey"),
                                                    file(name + QStringLiteral(".key")), QStringLiteral("--outfile"),
                                                    file(name + QStringLiteral("-rsa.key"))})
-               // In the form that the tools read.
+               // Convert to the format that the tools read.
                && run(QStringLiteral("openssl"),
                       {QStringLiteral("pkey"), QStringLiteral("-in"), file(name + QStringLiteral("-rsa.key")),
                        QStringLiteral("-out"), plain}));
@@ -126,7 +126,7 @@ QStringList by(const QString &authorityName)
             QStringLiteral("--load-ca-privkey"), file(authorityName + QStringLiteral(".key"))};
 }
 
-/// Without an id, what is put on the token has none.
+/// The options that name an object; an empty id is left out.
 QStringList idOption(const QString &id)
 {
     return id.isEmpty() ? QStringList() : QStringList{QStringLiteral("--id"), id};
@@ -172,7 +172,7 @@ bool SoftTokens::serve(const QString &module)
            && run(QStringLiteral("p11-kit"),
                   {QStringLiteral("server"), QStringLiteral("--name"), servedSocket, QStringLiteral("--provider"),
                    module.isEmpty() ? softModule : module, QStringLiteral("pkcs11:")})
-           // The command ends before the server listens.
+           // The command returns before the server listens.
            && QTest::qWaitFor([] { return isServed(servedSocket); }, patience);
 }
 
@@ -217,7 +217,7 @@ QString SoftTokens::revoke(const QString &certificate, const QString &authorityN
 
 bool SoftTokens::remove()
 {
-    // The tokens' module works only as long as there is a directory for them.
+    // The tokens' module fails without its directory.
     return QDir().rename(directory, elsewhere) && makeDirectory(directory);
 }
 

@@ -23,7 +23,7 @@ const uint alice = TestDevice::alice;
 const uint bob = TestDevice::bob;
 const uint carol = 1002;
 const QString serviceError = QStringLiteral("qarv.AuthService.Error.");
-/// However one user behaves, another's attempt begins in so many milliseconds.
+/// The longest delay, in milliseconds, that one user can cause before another user's attempt begins.
 constexpr qint64 longestWait = 5000;
 
 QVariantMap script(const char *text)
@@ -33,7 +33,7 @@ QVariantMap script(const char *text)
 
 } // namespace
 
-/// Whose an attempt is, how long it lasts, and who has to wait for whom; with a method that can be told what to do.
+/// The ownership, lifetime and queueing of attempts, with a scripted method.
 class TstAttemptQueue : public QObject
 {
     Q_OBJECT
@@ -105,7 +105,7 @@ private:
     {
         return caller.call(QStringLiteral("RequestChallenge"), {uid, puppet}).arguments().value(0).toULongLong();
     }
-    /// What has been told of the attempt, without options' changes.
+    /// The signals about the attempt, without option changes.
     QStringList told(qulonglong attempt) const
     {
         QStringList texts;
@@ -165,7 +165,7 @@ void TstAttemptQueue::replyComesFirst()
 
 void TstAttemptQueue::stateComesWithTheReply()
 {
-    // Who asks at once is not told of the attempt before.
+    // A state read right after the reply is not that of the previous attempt.
     const BusUser user(alice);
     const qulonglong first = open(user, alice, "fail:11");
     QTRY_VERIFY(isTold(first, QStringLiteral("StateChanged(1000, challenge")));
@@ -189,7 +189,7 @@ void TstAttemptQueue::challengeGoesOn()
 
 void TstAttemptQueue::challengeOfAnother()
 {
-    // What one of root's programs has begun is not for another one to go on with.
+    // One of root's programs cannot continue the attempt of another.
     const BusUser other(0);
     const qulonglong attempt = open(*m_root, alice, "input");
     QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
@@ -206,8 +206,8 @@ void TstAttemptQueue::secondAttempt()
     QVERIFY(second != first);
     QTRY_COMPARE(told(first).mid(1), (QStringList{QStringLiteral("AttemptGivenUp(1000, puppet, replaced)"),
                                                   QStringLiteral("StateChanged(1000, idle, {})")}));
-    QTRY_COMPARE(told(second).size(), 1); // else it might be replaced before it has begun
-    // Root takes everybody's place.
+    QTRY_COMPARE(told(second).size(), 1); // otherwise it might be replaced before it begins
+    // Root replaces any other caller's attempt.
     const qulonglong third = open(*m_root, alice, "succeed");
     QTRY_VERIFY(isTold(second, QStringLiteral("AttemptGivenUp(1000, puppet, replaced)")));
     QTRY_VERIFY(isTold(third, QStringLiteral("Authenticated(1000, puppet)")));
@@ -225,7 +225,7 @@ void TstAttemptQueue::secondAttemptOfAnother()
             arguments << script("succeed");
         QCOMPARE(other.error(QString::fromLatin1(member), arguments), serviceError + QStringLiteral("Busy"));
     }
-    // Nor where root's program waits for the user.
+    // The same holds while root's program waits for the user's input.
     open(*m_root, alice, "input");
     QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
     QCOMPARE(user.error(QStringLiteral("Authenticate"), {alice, puppet, script("succeed")}),
@@ -244,7 +244,7 @@ void TstAttemptQueue::cancelling()
     QCOMPARE(user.error(QStringLiteral("Cancel"), {attempt}), QString());
     QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, cancelled)")));
     QCOMPARE(user.error(QStringLiteral("Cancel"), {attempt}), serviceError + QStringLiteral("NoAttempt"));
-    // Root cancels what waits for its turn, too.
+    // Root can also cancel a queued attempt.
     open(other, bob, "");
     const qulonglong waiting = open(user, alice, "");
     QTRY_COMPARE(state(alice), QStringLiteral("queued"));
@@ -277,7 +277,7 @@ void TstAttemptQueue::callerGoes()
     }
     QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, caller-gone)")));
     QTRY_COMPARE(state(alice), QStringLiteral("idle"));
-    // An outcome comes too late.
+    // A late outcome is ignored.
     m_root->error(QStringLiteral("SetUserMethodOption"),
                   {alice, puppet, QStringLiteral("do"), QVariant::fromValue(QDBusVariant(QStringLiteral("succeed")))});
     QCOMPARE(state(alice), QStringLiteral("idle"));
@@ -344,7 +344,7 @@ void TstAttemptQueue::queue()
     QCOMPARE(state(bob), QStringLiteral("queued"));
     QTRY_COMPARE(told(third), QStringList{QStringLiteral("StateChanged(1002, queued, {method=puppet})")});
 
-    // Each in turn, and whoever has just had one comes last.
+    // Users take turns, and a user who has just had a turn goes to the back of the queue.
     QCOMPARE(callerOfAlice.error(QStringLiteral("Cancel"), {first}), QString());
     const qulonglong again = open(callerOfAlice, alice, "succeed");
     QTRY_COMPARE(state(bob), QStringLiteral("pending"));
@@ -355,7 +355,7 @@ void TstAttemptQueue::queue()
     const int ofAlice = m_reports->texts.indexOf(QStringLiteral("Authenticated(1000, puppet)"));
     QVERIFY(ofCarol >= 0 && ofCarol < ofAlice);
     QCOMPARE(m_reports->attempts.at(ofAlice), again);
-    // Given up while waiting: the method has not heard of it.
+    // The method was never called for the attempt that was given up in the queue.
     QCOMPARE(m_authd.log().count("event=attempt-begun"), 4);
 }
 
@@ -424,7 +424,7 @@ void TstAttemptQueue::aloneNobodyIsCutShort()
     // The time itself is what is tested here.
     QTest::qWait(6000);
     QCOMPARE(state(alice), QStringLiteral("pending"));
-    // Nor at once when somebody comes.
+    // Another user's request does not end it at once either.
     const BusUser other(bob);
     QElapsedTimer clock;
     clock.start();
@@ -440,7 +440,7 @@ void TstAttemptQueue::reopeningKeepsNobodyOut_data()
 
     QTest::newRow("a user's, another user's") << alice << bob;
     QTest::newRow("a user's, root's") << alice << uint(0);
-    // Programs that root runs for the user, as at a console.
+    // Programs that root runs on a user's behalf, such as a console login.
     QTest::newRow("root's, another user's") << uint(0) << bob;
     QTest::newRow("root's, root's") << uint(0) << uint(0);
 }
@@ -480,13 +480,14 @@ void TstAttemptQueue::tooManyAttempts()
     const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
     const QVariantList another = {alice, puppet, script("succeed")};
     QCOMPARE(m_root->error(QStringLiteral("Authenticate"), another), limitsExceeded);
-    // Others have their own.
+    // Other callers have their own limits.
     QCOMPARE(BusUser(0).error(QStringLiteral("Authenticate"), another), QString());
 
-    // An ordinary user cannot open them without end, one after the other.
+    // The rate at which an ordinary user can open attempts is limited.
     const BusUser user(bob);
     QString error;
-    for (int i = 0; i < 1000 && error.isEmpty(); ++i) // At once, as the limit grows by a few every second.
+    for (int i = 0; i < 1000 && error.isEmpty();
+         ++i) // Without pauses, because the allowance grows by a few every second.
         error = user.error(QStringLiteral("Authenticate"), {bob, puppet, script("")});
     QCOMPARE(error, limitsExceeded);
 }

@@ -28,28 +28,11 @@ QStringList sorted(const QSet<QString> &texts)
 
 } // namespace
 
-class TstAuthctl : public QObject
+class TstAuthctl : public AuthdTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(startSystemBus()); }
-
-    void init()
-    {
-        TestDevice::reset();
-        setClientScript();
-        QVERIFY(m_authd.start());
-    }
-
-    void cleanup()
-    {
-        if (m_authd.isRunning())
-            QCOMPARE(m_authd.stop(SIGTERM), 0);
-        if (QTest::currentTestFailed())
-            qWarning("The daemon wrote:\n%s", m_authd.log().constData());
-    }
-
     void usage_data();
     void usage();
     void methods();
@@ -66,9 +49,6 @@ private Q_SLOTS:
     void unreachable_data();
     void unreachable();
     void silentDaemon();
-
-private:
-    Authd m_authd;
 };
 
 void TstAuthctl::usage_data()
@@ -145,7 +125,7 @@ void TstAuthctl::reportsStayInOrder()
     process.setProcessEnvironment(debuggedBus());
     process.start(Installed::authctl, {QStringLiteral("methods")});
     QVERIFY(process.waitForFinished());
-    // Not by its exit code: a library that tells what it does may crash when the program has ended.
+    // Do not check the exit code: with QDBUS_DEBUG, the library may crash while the program exits.
     QVERIFY(process.readAllStandardOutput().startsWith("kavet "));
     QVERIFY(!heldSignalsBack(process.readAllStandardError()));
 }
@@ -172,11 +152,11 @@ void TstAuthctl::options()
     QCOMPARE(run(QStringLiteral("options other")).exitCode, int(Refused));
     QCOMPARE(run(QStringLiteral("options --user mallory")).exitCode, int(Refused));
     QCOMPARE(run(QStringLiteral("options --method other")).exitCode, int(Refused));
-    // What is given and empty, as by a script's unset variable, is not the same as not given.
+    // An empty value, as from a script's unset variable, is not a missing one.
     QCOMPARE(run(QStringLiteral("options max-attempts 9 --user=")).errors, QStringLiteral("authctl: No such user: \n"));
     QCOMPARE(run(QStringLiteral("options --user= max-attempts 9")).errors, QStringLiteral("authctl: No such user: \n"));
     QCOMPARE(run(QStringLiteral("options max-attempts 9 --method=")).exitCode, int(Refused));
-    // What is given twice counts as given last.
+    // The last of several values counts.
     QCOMPARE(run(QStringLiteral("options --user alice --user mallory")).errors,
              QStringLiteral("authctl: No such user: mallory\n"));
     QCOMPARE(run(QStringLiteral("options max-attempts")).output, QStringLiteral("max-attempts = 3\n"));
@@ -184,7 +164,7 @@ void TstAuthctl::options()
 
 void TstAuthctl::certs()
 {
-    // Nobody to ask as long as no client has been started.
+    // There are no certificates before a client has been started.
     QCOMPARE(run(QStringLiteral("certs")).output, QString());
     setClientScript(QJsonObject{{QStringLiteral("certs"), QJsonArray{QStringLiteral("one"), QStringLiteral("two")}}});
     QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
@@ -205,7 +185,7 @@ void TstAuthctl::certsInTheEnd()
     QProcess process;
     process.start(Installed::authctl, {QStringLiteral("certs")});
     QTRY_COMPARE(TestDevice::calls().size(), 2);
-    // Meanwhile another option changes, which is no list of certificates.
+    // A change of another option meanwhile must not be taken for the list.
     QCOMPARE(run(QStringLiteral("options max-attempts 3")).exitCode, int(Success));
     QVERIFY(TestDevice::writeFile(QStringLiteral("/tmp/scripted-client/answer"), {}));
     QVERIFY(process.waitForFinished());
@@ -240,8 +220,8 @@ void TstAuthctl::monitor()
                {QStringLiteral("monitor"), QStringLiteral("--json"), QStringLiteral("--timeout=1")});
     QByteArray output;
     QByteArray objects;
-    // It tells nothing of its start, so something happens until both have seen it.
-    // One that is stored already would not be told.
+    // The monitors do not report when they are ready, so change an option until both have seen a change.
+    // Setting the stored value again would send no signal.
     int limit = 10;
     QTRY_VERIFY(run(QStringLiteral("options max-attempts %1").arg(++limit)).exitCode == Success
                 && !(output += text.readAllStandardOutput()).isEmpty()
@@ -262,7 +242,7 @@ void TstAuthctl::monitor()
         QVERIFY2(events.contains(QLatin1String(event)), event);
     QVERIFY(!events.contains(QString()));
 
-    // The time is for answers; they end with the service.
+    // The timeout applies to replies only; the monitors run until the service ends.
     QVERIFY(!QTest::qWaitFor([&json] { return json.state() == QProcess::NotRunning; }, 1500));
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     for (QProcess *process : {&text, &json}) {
@@ -310,7 +290,7 @@ void TstAuthctl::hostileTexts()
     const QString option = QStringLiteral("certs = ") + shown.join(QStringLiteral(", ")) + QLatin1Char('\n');
     QTRY_VERIFY((monitored += monitor.readAllStandardOutput()).contains(option.toUtf8()));
 
-    // The same values for programs, and harmless too.
+    // The values in JSON are the same and escaped too.
     const Result json = run(QStringLiteral("certs --json"));
     QStringList values;
     const QVector<QJsonObject> objects = json.objects();
@@ -320,7 +300,7 @@ void TstAuthctl::hostileTexts()
     for (const QChar harmful : {QChar(0x1b), QChar(0x7f), QChar(0x9b), QChar(0x202e)})
         QVERIFY(!json.output.contains(harmful));
 
-    // Nor does harm what somebody has been made to paste.
+    // Arguments in error messages are escaped too.
     QCOMPARE(run(QStringLiteral("state ") + red).errors, QStringLiteral("authctl: No such user: \\u001b[31m\n"));
     QCOMPARE(run(QStringLiteral("methods ") + red).errors.count(QStringLiteral("\\u001b[31m")), 1);
     QVERIFY(!run(QStringLiteral("methods ") + red).errors.contains(red));
@@ -330,7 +310,7 @@ void TstAuthctl::hostileTexts()
 
 void TstAuthctl::jsonFields()
 {
-    // The manual has for each event a line of its fields.
+    // The manual page lists each event's fields in one line.
     const QString manual = QString::fromUtf8(TestDevice::readFile(QStringLiteral(AUTHCTL_SOURCE_DIR "/authctl.1")));
     const int begin = manual.indexOf(QLatin1String(".SH JSON OUTPUT"));
     const QString section = manual.mid(begin, manual.indexOf(QLatin1String("The fields:")) - begin);

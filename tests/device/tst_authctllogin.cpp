@@ -2,64 +2,44 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authctl.h"
 #include "device/authd.h"
+#include "support/fakeservice.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
 #include <authd/authservice.h>
 
-#include <QDBusConnectionInterface>
-#include <QDBusVirtualObject>
 #include <QFile>
 #include <QJsonArray>
 #include <QProcess>
 #include <QScopeGuard>
 #include <QTest>
 
+#include <atomic>
 #include <csignal>
 #include <fcntl.h>
-#include <functional>
 #include <unistd.h>
 
 using namespace Authctl;
 
 namespace {
 
-/// A service in the daemon's place, in which all users are idle.
-class FakeService : public QDBusVirtualObject
+/// A service in the daemon's place. All its users are idle; `authenticate` handles the other calls.
+class IdleService : public FakeService
 {
 public:
-    using Handler = std::function<void(const QDBusMessage &, const QDBusConnection &)>;
-
-    /// Has `authenticate` do what there is to do when that is called.
-    explicit FakeService(const Handler &authenticate)
-        : m_authenticate(authenticate)
-        , m_root(0)
+    explicit IdleService(const Handler &authenticate)
+        : FakeService(LibAuthd::AuthService::Service, LibAuthd::AuthService::ObjectPath,
+                      [authenticate](const QDBusMessage &call, const QDBusConnection &bus) {
+                          if (call.member() == QLatin1String("GetState"))
+                              bus.send(call.createReply({qulonglong(0), QStringLiteral("idle"), QVariantMap()}));
+                          else
+                              authenticate(call, bus);
+                      })
     {
-        QDBusConnection bus = m_root.connection();
-        isRunning = bus.registerVirtualObject(LibAuthd::AuthService::ObjectPath, this)
-                    && bus.interface()->registerService(LibAuthd::AuthService::Service)
-                           == QDBusConnectionInterface::ServiceRegistered;
     }
-    ~FakeService() override { m_root.connection().unregisterObject(LibAuthd::AuthService::ObjectPath); }
-
-    bool isRunning = false;
-
-    QString introspect(const QString &) const override { return {}; }
-    bool handleMessage(const QDBusMessage &call, const QDBusConnection &bus) override
-    {
-        if (call.member() == QLatin1String("GetState"))
-            bus.send(call.createReply({qulonglong(0), QStringLiteral("idle"), QVariantMap()}));
-        else
-            m_authenticate(call, bus);
-        return true;
-    }
-
-private:
-    const Handler m_authenticate;
-    const BusUser m_root;
 };
 
-/// Tells of another attempt of the user all the while that it answers.
+/// Sends signals about another attempt of the user before and after the reply.
 void answerLate(const QDBusMessage &call, const QDBusConnection &bus)
 {
     const auto tell = [&bus](const char *member, qulonglong attempt, const QVariantList &arguments) {
@@ -87,7 +67,7 @@ void answerLate(const QDBusMessage &call, const QDBusConnection &bus)
     tell("StateChanged", Opened, {QStringLiteral("authenticated"), details});
 }
 
-/// Whether processes of user `uid` may look into process `pid`.
+/// Whether processes of user `uid` may read the environment of process `pid`.
 bool isReadableFor(uint uid, pid_t pid)
 {
     if (seteuid(uid) != 0)
@@ -100,7 +80,7 @@ bool isReadableFor(uint uid, pid_t pid)
     return file != -1;
 }
 
-/// All that stands in the writable memory of process `pid`.
+/// The writable memory of process `pid`.
 QByteArray memory(pid_t pid)
 {
     const QString process = QStringLiteral("/proc/%1/").arg(pid);
@@ -124,28 +104,11 @@ QByteArray memory(pid_t pid)
 
 } // namespace
 
-class TstAuthctlLogin : public QObject
+class TstAuthctlLogin : public AuthdTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(startSystemBus()); }
-
-    void init()
-    {
-        TestDevice::reset();
-        setClientScript();
-        QVERIFY(m_authd.start());
-    }
-
-    void cleanup()
-    {
-        if (m_authd.isRunning())
-            QCOMPARE(m_authd.stop(SIGTERM), 0);
-        if (QTest::currentTestFailed())
-            qWarning("The daemon wrote:\n%s", m_authd.log().constData());
-    }
-
     void loginSucceeds();
     void loginFails();
     void loginWithCertificate();
@@ -172,9 +135,6 @@ private Q_SLOTS:
     void isNotReadable();
     void secretIsWiped();
     void daemonGoesAway();
-
-private:
-    Authd m_authd;
 };
 
 void TstAuthctlLogin::loginSucceeds()
@@ -292,7 +252,7 @@ void TstAuthctlLogin::loginWithoutOutcome()
     const Result result = run(QStringLiteral("login alice --timeout 1"), "never\n");
     QCOMPARE(result.exitCode, int(Unreachable));
     QCOMPARE(result.errors, QStringLiteral("authctl: Timed out waiting for the outcome\n"));
-    // It has been given up, so that another may come.
+    // The attempt has been given up, so the next one can begin.
     QVERIFY(m_authd.waitForLog("method=kavet uid=1000 reason=cancelled\n"));
     QCOMPARE(run(QStringLiteral("login alice"), "success\n").exitCode, int(Success));
 }
@@ -332,7 +292,7 @@ void TstAuthctlLogin::queue()
 
     const Result second = run(QStringLiteral("login bob"), "success\n");
     QCOMPARE(second.exitCode, int(Success));
-    // In between, alice's client makes room for bob's.
+    // Between these lines, bob's client replaces alice's.
     QVERIFY(second.output.startsWith(QLatin1String("bob: queued for kavet ...\nbob: checking with kavet ...\n")));
     QVERIFY(second.output.endsWith(QLatin1String("bob: success\nbob: authenticated by kavet\n")));
     QVERIFY(first.waitForFinished());
@@ -361,7 +321,7 @@ void TstAuthctlLogin::forgedSignals()
     login.closeWriteChannel();
     QTRY_COMPARE(TestDevice::calls().size(), 1);
 
-    // Another user tells everybody on the bus that the attempt has succeeded.
+    // Another user broadcasts a forged success signal.
     const BusUser root(0);
     const BusUser bob(TestDevice::bob);
     const QVariant attempt = root.call(QStringLiteral("GetState"), {TestDevice::alice}).arguments().value(0);
@@ -378,7 +338,7 @@ void TstAuthctlLogin::forgedSignals()
         tell("Authenticated", {QStringLiteral("kavet")});
         tell("StateChanged", {QStringLiteral("authenticated"), details});
     }
-    bob.call(QStringLiteral("GetMethods")); // From here on the bus has delivered them.
+    bob.call(QStringLiteral("GetMethods")); // After this reply, the bus has delivered the signals.
 
     QCOMPARE(run(QStringLiteral("cancel alice")).exitCode, int(Success));
     QVERIFY(login.waitForFinished());
@@ -390,8 +350,8 @@ void TstAuthctlLogin::forgedSignals()
 void TstAuthctlLogin::reportsOfOthers()
 {
     QCOMPARE(m_authd.stop(SIGTERM), 0);
-    const FakeService service(answerLate);
-    QVERIFY(service.isRunning);
+    const IdleService service(answerLate);
+    QVERIFY(service.isRunning());
     QProcess login;
     login.start(Installed::authctl,
                 {QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--method=kavet")});
@@ -411,7 +371,7 @@ void TstAuthctlLogin::lockAndUnlock()
     const QString locked = QStringLiteral("alice: locked by kavet (kavet-max-attempts), until root unlocks the user\n");
     QVERIFY(locking.output.endsWith(locked));
 
-    // Nothing is asked for in vain.
+    // A locked user is refused without a prompt.
     const Result refused = run(QStringLiteral("login alice"));
     QCOMPARE(refused.exitCode, int(Locked));
     QCOMPARE(refused.output, locked);
@@ -453,7 +413,7 @@ void TstAuthctlLogin::passwordIsNotShown()
 
 void TstAuthctlLogin::slowTypist()
 {
-    // The time for an outcome begins when there is something to wait for; so the time must pass before.
+    // The timeout starts when the password has been sent. So exceed it at the prompt.
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--timeout=2")});
     QVERIFY(login.waitFor("Password for alice: "));
     QTest::qWait(2500);
@@ -536,7 +496,7 @@ void TstAuthctlLogin::isNotReadable()
     QVERIFY(login.waitFor("Password for alice: "));
     QVERIFY(!isReadableFor(TestDevice::alice, login.pid()));
 
-    // Another process of the same user is.
+    // Other processes of the user are readable.
     QProcess other;
     other.start(QStringLiteral("setpriv"), {QStringLiteral("--reuid=1000"), QStringLiteral("cat")});
     QTRY_VERIFY(isReadableFor(TestDevice::alice, pid_t(other.processId())));
@@ -547,15 +507,15 @@ void TstAuthctlLogin::isNotReadable()
 void TstAuthctlLogin::secretIsWiped()
 {
     QCOMPARE(m_authd.stop(SIGTERM), 0);
-    bool isAsked = false;
-    const FakeService service([&](const QDBusMessage &, const QDBusConnection &) { isAsked = true; });
-    QVERIFY(service.isRunning);
+    std::atomic_bool isAsked = false;
+    const IdleService service([&](const QDBusMessage &, const QDBusConnection &) { isAsked = true; });
+    QVERIFY(service.isRunning());
     OnTerminal login({QStringLiteral("login"), QStringLiteral("alice"), QStringLiteral("--method=kavet")});
     QVERIFY(login.waitFor("Password for alice: "));
     const QString secret = QStringLiteral("correct horse battery staple");
     login.type(secret.toUtf8() + '\n');
     QTRY_VERIFY(isAsked);
-    // The text is gone as soon as the library has made its message of it.
+    // The text is wiped as soon as the library has copied it into a message.
     const QByteArray text(reinterpret_cast<const char *>(secret.utf16()), secret.size() * int(sizeof(QChar)));
     QTRY_VERIFY(!memory(login.pid()).contains(text));
     QVERIFY(memory(login.pid()).contains("--method=kavet"));

@@ -36,7 +36,7 @@ QVariantMap password(const QString &text)
     return {{QStringLiteral("password"), text}};
 }
 
-/// What an interface's description says, one line per method, signal and argument, comments and annotations aside.
+/// The methods, signals and arguments in an interface description, one per line, without comments and annotations.
 QStringList membersOf(const QByteArray &description, const QString &interface)
 {
     QStringList members;
@@ -93,29 +93,12 @@ void startBusAgain()
 
 } // namespace
 
-/// The daemon with the method that it is made for, up to the client.
-class TstAuthd : public QObject
+/// The daemon with the kavet method and a scripted client.
+class TstAuthd : public AuthdTest
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(startSystemBus()); }
-
-    void init()
-    {
-        TestDevice::reset();
-        setClientScript();
-        QVERIFY(m_authd.start());
-    }
-
-    void cleanup()
-    {
-        if (m_authd.isRunning())
-            QCOMPARE(m_authd.stop(SIGTERM), 0);
-        if (QTest::currentTestFailed())
-            qWarning("The daemon wrote:\n%s", m_authd.log().constData());
-    }
-
     // --- Starting and stopping ---
 
     void wrongUsageAndHelp_data();
@@ -182,13 +165,11 @@ private:
         return texts.join(QLatin1Char(' '));
     }
 
-    /// The attempt that the user's state is of.
+    /// The attempt that the user's state belongs to.
     qulonglong attemptOf(const BusUser &user, uint uid) const
     {
         return user.call(QStringLiteral("GetState"), {uid}).arguments().value(0).toULongLong();
     }
-
-    Authd m_authd;
 };
 
 void TstAuthd::wrongUsageAndHelp_data()
@@ -261,7 +242,7 @@ void TstAuthd::missingDirectory()
     QCOMPARE(result.first, 1);
     QVERIFY(result.second.contains("event=no-methods-directory directory=/nowhere"));
 
-    // An empty one is no error.
+    // An empty directory is not an error.
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     QTemporaryDir directory;
     QVERIFY(m_authd.start(directory.path()));
@@ -324,7 +305,7 @@ void TstAuthd::damagedLocks()
     QVERIFY2(result.second.contains("event=locks-damaged file=/var/lib/authd/locks.conf"), result.second.constData());
     QCOMPARE(TestDevice::readFile(locksFile), content);
 
-    // Nor is a link followed.
+    // A symbolic link is not followed.
     QVERIFY(QFile::rename(locksFile, locksFile + QStringLiteral(".real")));
     QVERIFY(QFile::link(locksFile + QStringLiteral(".real"), locksFile));
     QCOMPARE(Authd::run({QStringLiteral("--methods"), directory.path()}).first, 1);
@@ -360,7 +341,7 @@ void TstAuthd::signalsEndIt()
     if (!withBus)
         startBusAgain();
     QCOMPARE(exitCode, 0);
-    // Its client goes with it.
+    // The daemon ends its client.
     QTRY_VERIFY(kill(client, 0) != 0);
 }
 
@@ -373,7 +354,7 @@ void TstAuthd::signalWhileAnAttemptIsOpen()
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     QTRY_VERIFY(kill(client, 0) != 0);
 
-    // Nothing is left over from it.
+    // The next daemon starts without a trace of the attempt.
     QVERIFY(m_authd.start());
     QCOMPARE(stateText(root, alice), QStringLiteral("idle {}"));
     Reports reports(root);
@@ -384,7 +365,7 @@ void TstAuthd::signalWhileAnAttemptIsOpen()
 void TstAuthd::signalsItSurvives()
 {
     QCOMPARE(m_authd.stop(SIGTERM), 0);
-    // What comes when the log's reader goes away, or the terminal of who started it with nohup.
+    // SIGPIPE comes when the log's reader exits, and SIGHUP when the terminal closes under nohup.
     QProcess daemon;
     daemon.start(QStringLiteral("sh"),
                  {QStringLiteral("-c"),
@@ -398,7 +379,7 @@ void TstAuthd::signalsItSurvives()
     }
     QCOMPARE(daemon.state(), QProcess::Running);
 
-    // Its client is not left with a signal that does nothing.
+    // The client does not inherit ignored signals.
     QCOMPARE(authenticate(root, alice, QStringLiteral("never")), QString());
     QTRY_COMPARE(TestDevice::calls().size(), 1);
     const pid_t client = TestDevice::launches().constLast().value(QLatin1String("pid")).toInt();
@@ -421,7 +402,7 @@ void TstAuthd::journalForm()
     QVERIFY(process.waitForFinished());
     QCOMPARE(process.readAllStandardError(), QByteArray("<3>event=no-methods-directory directory=/nowhere\n"));
 
-    // The variable names the journal's stream by device and inode; here a file stands for it.
+    // JOURNAL_STREAM identifies the journal's stream by device and inode; the test uses a file instead.
     const QString file = QStringLiteral("/tmp/journal");
     for (const bool isJournal : {true, false}) {
         process.start(QStringLiteral("sh"),
@@ -448,7 +429,7 @@ void TstAuthd::busRestart()
         QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
         QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
     }
-    // The waiting is asked for once.
+    // The daemon adds the option only once.
     QCOMPARE(TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).count("--wait-for-bus"), 1);
 }
 
@@ -537,13 +518,13 @@ void TstAuthd::failures()
     QTRY_VERIFY(reports.texts.contains(
         QStringLiteral("StateChanged(1001, challenge, {input-request-type=2, method=kavet, result-code=%1})")
             .arg(result.section(QLatin1Char(','), 0, 0))));
-    // Only what the client says about the password is counted; as a text once the client's own file has been read.
+    // Only the client's verdict on the password is counted. The value is a string if it comes from the client's file.
     QCOMPARE(QRegularExpression(QStringLiteral("attempts='?1"))
                  .match(QString::fromUtf8(TestDevice::readFile(QStringLiteral("/var/lib/authd/users/1001.conf"))))
                  .hasMatch(),
              isCounted);
 
-    // And another one is welcome, once the method has noticed that its client has gone.
+    // The next attempt succeeds once the method has noticed that its client has exited.
     if (answer == QLatin1String("die"))
         QVERIFY(m_authd.waitForLog("event=restart method=kavet"));
     QCOMPARE(authenticate(root, bob, QStringLiteral("success")), QString());
@@ -575,12 +556,12 @@ void TstAuthd::challenge()
     QCOMPARE(TestDevice::launches().size(), 1);
     QCOMPARE(TestDevice::calls().size(), 0);
 
-    // With a certificate and no PIN there is nothing to send.
+    // A certificate without a PIN is not sent to the client.
     QCOMPARE(user.error(QStringLiteral("Authenticate"),
                         {alice, kavetMethod, QVariantMap{{QStringLiteral("cert"), QStringLiteral("c")}}}),
              QString());
     QTRY_COMPARE(reports.texts.count(challenge), 2);
-    // It is one attempt, and still open.
+    // All of this is one attempt, and it is still open.
     QCOMPARE(QSet<qulonglong>(reports.attempts.cbegin(), reports.attempts.cend()).size(), 1);
     QVERIFY(reports.texts.filter(QStringLiteral("AttemptGivenUp")).isEmpty());
     QCOMPARE(TestDevice::calls().size(), 0);
@@ -603,7 +584,7 @@ void TstAuthd::refusedRequests()
 
 void TstAuthd::optionStormInTheLog()
 {
-    // As when a user's file changes without end. All is told, and some of it is logged.
+    // A user's file may change without end. Every change is signalled, but only some are logged.
     const BusUser root(0);
     Reports reports(root);
     const QString maxAttempts = QStringLiteral("max-attempts");
@@ -623,12 +604,12 @@ void TstAuthd::optionStormInTheLog()
     QVERIFY(m_authd.log().count(line) >= 100);
     QVERIFY(m_authd.log().count(line) <= 100 + 5 * (time.elapsed() / 1000 + 1));
     QVERIFY(m_authd.log().count(line) < changes);
-    // The next line that there is room for counts the others.
+    // The next line that fits the limit counts the suppressed ones.
     QTRY_VERIFY(root.error(QStringLiteral("SetMethodOption"),
                            {kavetMethod, maxAttempts, QVariant::fromValue(QDBusVariant(++limit))})
                     .isEmpty()
                 && m_authd.log().contains("option=max-attempts computed=false unlogged-before="));
-    // Another's changes are logged all the same.
+    // Another user's changes are still logged.
     QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
     QVERIFY(m_authd.waitForLog("event=option-changed method=kavet uid=1000"));
 }
@@ -644,7 +625,7 @@ void TstAuthd::cancelAndRetry()
     QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
     QVERIFY(reports.texts.contains(QStringLiteral("AttemptGivenUp(1000, kavet, cancelled)")));
 
-    // The answer that is still to come lets nobody in: neither alice, whose attempt has ended, nor who comes next.
+    // The pending reply of the cancelled attempt must authenticate nobody: neither alice nor the next user.
     QCOMPARE(authenticate(user, alice, QStringLiteral("never")), QString());
     QTRY_COMPARE(TestDevice::calls().size(), 2);
     QVERIFY(TestDevice::writeFile(QStringLiteral("/tmp/scripted-client/answer"), {}));
@@ -663,7 +644,7 @@ void TstAuthd::nothingToCancel()
     const BusUser root(0);
     QCOMPARE(user.error(QStringLiteral("Cancel"), {qulonglong(0)}), serviceError + QStringLiteral("NoAttempt"));
     QCOMPARE(root.error(QStringLiteral("Cancel"), {qulonglong(4711)}), serviceError + QStringLiteral("NoAttempt"));
-    // What another caller has open stays so, though its number is known.
+    // Knowing the number of another caller's attempt does not allow cancelling it.
     QCOMPARE(authenticate(root, bob, QStringLiteral("never")), QString());
     const qulonglong attempt = attemptOf(root, bob);
     QCOMPARE(user.error(QStringLiteral("Cancel"), {attempt}), serviceError + QStringLiteral("NoAttempt"));
@@ -687,7 +668,7 @@ void TstAuthd::dyingClient()
     QCOMPARE(TestDevice::launches().size(), 11);
     QCOMPARE(m_authd.log().count("event=attempt-opened"), 1);
 
-    // The next request has the budget anew.
+    // The next request has a new budget of restarts.
     setClientScript();
     QCOMPARE(authenticate(user, alice, QStringLiteral("success")), QString());
     QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
@@ -702,7 +683,7 @@ void TstAuthd::clientEndsAfterwards()
 
     kill(TestDevice::launches().constLast().value(QLatin1String("pid")).toInt(), SIGKILL);
     QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, challenge, {method=kavet})")));
-    // The method starts the client again and asks for input, which is nobody's.
+    // The method restarts the client and asks for input although no attempt is open.
     QVERIFY(m_authd.waitForLog("event=outcome-without-attempt method=kavet outcome=input-request"));
     QCOMPARE(stateText(root, alice), QStringLiteral("challenge {method=kavet}"));
     QVERIFY(reports.texts.constLast().startsWith(QStringLiteral("StateChanged(1000, challenge, {method=kavet})")));
@@ -726,7 +707,7 @@ void TstAuthd::lockAtTheLimit()
     QVERIFY(m_authd.log().contains("level=warning event=method-event method=kavet level=WARN_LEVEL "
                                    "name=devlock-attempts-expired details=\"\"\n"));
 
-    // Also by a daemon that was started since.
+    // A restarted daemon refuses the user too.
     for (int i = 0; i < 2; ++i) {
         const QDBusMessage refused =
             user.call(QStringLiteral("Authenticate"), {alice, kavetMethod, password(QStringLiteral("success"))});
@@ -763,7 +744,7 @@ void TstAuthd::sessionStop()
     QTRY_COMPARE(TestDevice::calls().size(), 1);
     const pid_t client = TestDevice::launches().constLast().value(QLatin1String("pid")).toInt();
 
-    // What runs for the user is left alone, and so is the attempt.
+    // The client and the attempt continue.
     QCOMPARE(root.error(QStringLiteral("SessionStopped"), {alice, false}), QString());
     QCOMPARE(stateText(root, alice), QStringLiteral("pending {method=kavet}"));
     QVERIFY(!m_authd.log().contains("event=attempt-given-up"));
@@ -773,7 +754,7 @@ void TstAuthd::sessionStop()
     QTRY_VERIFY(kill(client, 0) != 0);
     QVERIFY(m_authd.waitForLog("Client has terminated"));
     QVERIFY(m_authd.waitForLog("event=restart method=kavet uid=0"));
-    // It stays away.
+    // The client is not restarted.
     QCOMPARE(stateText(root, alice), QStringLiteral("idle {}"));
     QCOMPARE(TestDevice::launches().size(), 1);
     QCOMPARE(root.error(QStringLiteral("Cancel"), {attemptOf(root, alice)}),
@@ -854,7 +835,7 @@ void TstAuthd::certificateList()
     const int calls = TestDevice::calls().size();
     reports.all.clear();
 
-    // Only a question for the list itself goes to the client.
+    // Only reading the list itself calls the client.
     QCOMPARE(user.error(QStringLiteral("GetMethodOption"), {kavetMethod, QStringLiteral("max-attempts")}), QString());
     const QDBusMessage reply = user.call(QStringLiteral("GetMethodOption"), {kavetMethod, QStringLiteral("certs")});
     QCOMPARE(reply.arguments().constFirst().value<QDBusVariant>().variant().toStringList(),
@@ -904,14 +885,14 @@ void TstAuthd::access()
     QFETCH(bool, allowedForBob);
 
     QCOMPARE(BusUser(bob).error(member, arguments), allowedForBob ? QString() : accessDenied);
-    // Root is never refused for who it is, except where the method alone writes.
+    // Root may do everything except write options that only the method writes.
     const QString error = BusUser(0).error(member, arguments);
     QCOMPARE(error == accessDenied, member == QLatin1String("SetUserMethodOption"));
 }
 
 void TstAuthd::callerHasGone()
 {
-    // Who it was can no longer be found out by the time that the daemon asks.
+    // By the time the daemon asks for the caller's user id, the caller has left the bus.
     const BusUser root(0);
     kill(pid_t(m_authd.pid()), SIGSTOP);
     QString name;
@@ -923,7 +904,7 @@ void TstAuthd::callerHasGone()
                                            QStringLiteral("qarv.AuthService"), QStringLiteral("SetMethodOption"));
         call.setArguments({kavetMethod, QStringLiteral("max-attempts"), QVariant::fromValue(QDBusVariant(1))});
         user.connection().asyncCall(call);
-        // With this answer, the call has passed the bus.
+        // The bus keeps messages in order, so after this reply it has accepted the call.
         QVERIFY(user.connection().interface()->isServiceRegistered(name));
     }
     QTRY_VERIFY(!root.connection().interface()->isServiceRegistered(name));
@@ -953,7 +934,7 @@ void TstAuthd::secretsStayInTheMessage()
     QVERIFY(!everythingIn(QStringLiteral("/var/lib/authd")).contains(secret));
     for (const QString &text : qAsConst(reports.texts))
         QVERIFY(!text.contains(QString::fromLatin1(secret)));
-    // Nor when what was sent as something else is refused.
+    // A secret sent in the wrong place does not leak when the call is refused either.
     for (const char *member : {"GetMethodInfo", "GetMethodOptions"})
         user.error(QLatin1String(member), {QString::fromLatin1(secret)});
     user.error(QStringLiteral("Authenticate"),

@@ -29,7 +29,7 @@ QVariant variant(const QVariant &value)
 
 } // namespace
 
-/// How the daemon drives a method and minds its rules, with a method that can be told what to do.
+/// How the daemon calls a method and enforces its rules, with a scripted method.
 class TstAuthenticator : public QObject
 {
     Q_OBJECT
@@ -53,7 +53,7 @@ private Q_SLOTS:
     {
         m_reports.reset();
         QCOMPARE(m_authd.stop(SIGTERM), 0);
-        // What the methods tell in their end is heard by nobody.
+        // Reports from the methods' destructors are ignored.
         QVERIFY(m_authd.log().endsWith("event=stopping\n"));
     }
 
@@ -85,7 +85,7 @@ private:
         return m_root->error(QStringLiteral("Authenticate"),
                              {uid, puppet, QVariantMap{{QStringLiteral("do"), script}}});
     }
-    /// Has the method do something outside any request.
+    /// Makes the method act outside any request.
     void act(uint uid, const QString &script) const
     {
         QCOMPARE(
@@ -148,7 +148,7 @@ void TstAuthenticator::outcomes()
     QCOMPARE(m_reports->texts, reports);
     const QStringList request = {QStringLiteral("reset"), QStringLiteral("authenticate 1000")};
     QCOMPARE(this->told(), request + told);
-    // It is at an end, and the next one may come.
+    // The attempt has ended, so another can begin.
     QCOMPARE(attempt(bob, script), QString());
 }
 
@@ -189,7 +189,7 @@ void TstAuthenticator::restart()
     QCOMPARE(attempt(alice, QStringLiteral("restart")), QString());
     const QString restarted = QStringLiteral("StateChanged(1000, challenge, {method=puppet, restarted=true})");
     QVERIFY(m_reports->waitFor(restarted));
-    // The daemon leaves the rest to the method and the user.
+    // The daemon does not call the method again by itself.
     QCOMPARE(told(), (QStringList{QStringLiteral("reset"), QStringLiteral("authenticate 1000")}));
 
     // The outcome still counts ...
@@ -197,7 +197,7 @@ void TstAuthenticator::restart()
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, challenge, {method=puppet, result-code=7})")));
     QCOMPARE(m_reports->texts.count(restarted), 2);
 
-    // ... and so does what the user enters meanwhile, in the same attempt.
+    // ... and the user's next input continues the same attempt.
     QCOMPARE(attempt(alice, QStringLiteral("restart")), QString());
     QVERIFY(m_reports->waitFor(restarted));
     const qulonglong restartedAttempt = m_reports->attempts.constLast();
@@ -205,7 +205,7 @@ void TstAuthenticator::restart()
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, authenticated")));
     QCOMPARE(m_reports->attempts.constLast(), restartedAttempt);
 
-    // A restarted attempt can be given up.
+    // A restarted attempt can be cancelled.
     QCOMPARE(attempt(alice, QStringLiteral("restart")), QString());
     QVERIFY(m_reports->waitFor(restarted));
     QCOMPARE(m_root->error(QStringLiteral("Cancel"), {m_reports->attempts.constLast()}), QString());
@@ -214,7 +214,7 @@ void TstAuthenticator::restart()
 
 void TstAuthenticator::restartOfOthers()
 {
-    // Without a user there is nobody to tell; for another user the attempt is not touched.
+    // A restart without a user is not signalled, and one for another user leaves the attempt alone.
     QCOMPARE(attempt(alice, QString()), QString());
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, pending")));
     act(alice, QStringLiteral("restart:0 restart:1001"));
@@ -233,7 +233,7 @@ void TstAuthenticator::locks()
     QVERIFY(m_authd.log().contains(
         "level=warning event=user-locked method=puppet uid=1000 reason=\"on strings\" duration=4294967295\n"));
     QCOMPARE(told(), QStringList{QStringLiteral("locked 1000 1 on strings 4294967295")});
-    // While locked, other states do not show.
+    // A lock hides other states.
     act(alice, QStringLiteral("restart"));
     QVERIFY(m_authd.waitForLog("event=restart"));
     QCOMPARE(state(alice), QStringLiteral("locked"));
@@ -254,7 +254,7 @@ void TstAuthenticator::lockDuration()
     const uint left = qdbus_cast<QVariantMap>(reply.arguments().at(2)).value(QStringLiteral("duration")).toUInt();
     QVERIFY2(left > 50 && left <= 100, qPrintable(QString::number(left)));
 
-    // Bob's time passes, also for a daemon started since.
+    // Bob's lock expires, also in a restarted daemon.
     QTRY_COMPARE(state(bob), QStringLiteral("idle"));
     QCOMPARE(attempt(bob, QStringLiteral("succeed")), QString());
     act(alice, QStringLiteral("lock:200"));
@@ -289,14 +289,14 @@ void TstAuthenticator::methodUnlocks()
 
 void TstAuthenticator::lockedDuringTheAttempt()
 {
-    // The lock holds at once: not even a success that is told in the same breath passes it.
+    // The lock takes effect at once, even before a success that the method has just reported.
     QCOMPARE(attempt(alice, QStringLiteral("succeed lock:-1")), QString());
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, locked")));
     QVERIFY(m_authd.waitForLog("event=success-of-locked-user method=puppet uid=1000\n"));
     QVERIFY(!m_reports->texts.contains(QStringLiteral("Authenticated(1000, puppet)")));
     QVERIFY(!told().contains(QStringLiteral("resetAttempts 1000")));
     QCOMPARE(attempt(alice, QStringLiteral("succeed")), QStringLiteral("qarv.AuthService.Error.UserLocked"));
-    // What the attempt had begun is not what the lock's end brings back.
+    // Unlocking does not restore the state of the interrupted attempt.
     act(alice, QStringLiteral("unlock"));
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
 }
@@ -312,16 +312,16 @@ void TstAuthenticator::nobodyIsLocked()
 
 void TstAuthenticator::lockNotSaved()
 {
-    // A directory stands where the file should be.
+    // A directory at the file's path prevents saving.
     QVERIFY(m_directory.mkpath(locksFile + QStringLiteral("/full")));
     act(alice, QStringLiteral("lock:-1"));
     QVERIFY(m_authd.waitForLog("level=error event=locks-not-saved file=/var/lib/authd/locks.conf"));
     QCOMPARE(state(alice), QStringLiteral("locked"));
-    // It holds for the next daemon, however this one ends ...
+    // The lock survives the daemon, however it ends ...
     m_authd.stop(SIGKILL);
     QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
     QCOMPARE(state(alice), QStringLiteral("locked"));
-    // ... and is saved as soon as that can be done.
+    // ... and is saved as soon as saving works again.
     QVERIFY(QDir(locksFile).removeRecursively());
     QTRY_VERIFY(TestDevice::readFile(locksFile).contains("[1000]"));
     QTRY_VERIFY(!QFile::exists(QStringLiteral("/run/authd/locks.conf")));
@@ -336,7 +336,7 @@ void TstAuthenticator::sessions()
     QCOMPARE(told(), (QStringList{QStringLiteral("session 1000 1 1"), QStringLiteral("session 1000 1 0"),
                                   QStringLiteral("session 1000 0 0"), QStringLiteral("session 1000 0 1")}));
 
-    // Another user's request is no business of the session that stops.
+    // Another user's attempt continues when a session stops.
     QCOMPARE(attempt(bob, QString()), QString());
     QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {alice, true}), QString());
     QCOMPARE(state(bob), QStringLiteral("pending"));
@@ -351,22 +351,22 @@ void TstAuthenticator::events()
     act(alice, QStringLiteral("event unknown"));
     QVERIFY(m_authd.waitForLog("level=notice event=method-event method=puppet level=INFO_LEVEL name=played "
                                "details=\"one\\u000alevel=error event=\\\"two\\\\\\u007f\"\n"));
-    // What the bus cannot carry is not reported.
+    // A value that the bus cannot carry is not signalled.
     QVERIFY(m_authd.waitForLog("event=option-changed method=puppet uid=0 option=number computed=true\n"));
     act(alice, QString());
     QTRY_COMPARE(m_reports->all.size(), 2);
     for (const QDBusMessage &report : qAsConst(m_reports->all))
         QCOMPARE(report.member(), QStringLiteral("UserMethodOptionChanged"));
-    // Nor is the attempt left to the library, which complains of it.
+    // The daemon does not even try, because the library would log a warning.
     QVERIFY(!m_authd.log().contains("event=message"));
 }
 
 void TstAuthenticator::computedOptions()
 {
     QCOMPARE(option(QStringLiteral("computed")), QVariant(42));
-    // Of another type than the default.
+    // A computed value may differ in type from the default.
     QCOMPARE(option(QStringLiteral("computed odd")), QVariant(1));
-    // Not the method's alone to write.
+    // A computed option that others may write.
     QCOMPARE(option(QStringLiteral("computed open")), QVariant(1));
     QCOMPARE(m_user->error(QStringLiteral("SetMethodOption"), {puppet, QStringLiteral("computed open"), variant(5)}),
              QString());

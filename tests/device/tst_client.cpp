@@ -42,7 +42,7 @@ uint owner(const QString &path)
     return QFileInfo(path).ownerId();
 }
 
-/// All that alice has written below a directory.
+/// The content of all files below a directory.
 QByteArray everythingIn(const QString &directory)
 {
     QByteArray content;
@@ -184,7 +184,7 @@ void TstClient::setPassword()
     // The system's preferred method.
     QVERIFY(TestDevice::readFile(ClientFixture::settingsPath).contains("password-hash=$y$"));
 
-    // Another time the same password has another salt.
+    // The same password gets a new salt each time.
     const QByteArray before = TestDevice::readFile(ClientFixture::settingsPath);
     QVERIFY(ClientFixture::setPassword(right));
     QVERIFY(TestDevice::readFile(ClientFixture::settingsPath) != before);
@@ -233,7 +233,7 @@ void TstClient::setPasswordOnTerminal()
     QFETCH(QByteArray, second);
     QFETCH(bool, stored);
 
-    // script(1) gives the client a terminal and shows what appears on it.
+    // script(1) runs the client on a terminal and prints the terminal's output.
     QProcess terminal;
     ClientFixture::asUser(terminal, QStringLiteral("script"),
                           {QStringLiteral("--quiet"), QStringLiteral("--return"), QStringLiteral("--command"),
@@ -275,7 +275,7 @@ void TstClient::signalsWhileTyping_data()
     QTest::newRow("quit") << SIGQUIT << QByteArray();
     QTest::newRow("interrupt by key") << SIGINT << QByteArray("\x03");
     QTest::newRow("quit by key") << SIGQUIT << QByteArray("\x1c");
-    // Which must not stop it, either.
+    // The suspend key must not stop it either.
     QTest::newRow("stop by key") << SIGTERM << QByteArray("\x1a");
 }
 
@@ -286,7 +286,7 @@ void TstClient::signalsWhileTyping()
     const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     QVERIFY(grantpt(terminal) == 0 && unlockpt(terminal) == 0);
     const QString name = QString::fromLocal8Bit(ptsname(terminal));
-    // Kept open, so that what is set stays when the client has gone.
+    // Kept open, so that the terminal keeps its settings when the client exits.
     const int programSide = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
     QVERIFY(terminal != -1 && programSide != -1);
     const auto localModes = [terminal] {
@@ -312,7 +312,7 @@ void TstClient::signalsWhileTyping()
     if (key.isEmpty() || key == "\x1a")
         kill(pid_t(process.processId()), signal);
     QVERIFY(process.waitForFinished());
-    // By the signal, as whoever sent it expects.
+    // The client must die of the signal, as its sender expects.
     QCOMPARE(process.exitStatus(), QProcess::CrashExit);
     QCOMPARE(process.exitCode(), signal);
     QCOMPARE(localModes(), before);
@@ -329,7 +329,7 @@ void TstClient::changePassword()
     QVERIFY(client.start());
     QCOMPARE(client.checkPassword(wrong), success);
 
-    // The running client takes the new one at once, and the other settings stay.
+    // The running client uses the new password at once, and keeps the other settings.
     QVERIFY(ClientFixture::setPassword(right));
     QCOMPARE(client.checkPassword(right), success);
     QCOMPARE(client.checkPassword(wrong), failed);
@@ -435,7 +435,7 @@ void TstClient::anotherUser()
     QVERIFY(client.start());
     QCOMPARE(client.checkPassword(right, user), failed);
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), QStringLiteral("1234"), user), failed);
-    // Nothing that alice did.
+    // These are not alice's failures.
     QCOMPARE(ClientFixture::attempts(), 0);
 }
 
@@ -539,7 +539,7 @@ void TstClient::ownCount()
         QCOMPARE(mode(ClientFixture::ownCounterPath), 0600U);
         QCOMPARE(owner(ClientFixture::ownCounterPath), TestDevice::alice);
     }
-    // As at the launch after the daemon has started the count anew.
+    // The plugin resets the count like this when it launches the client.
     QVERIFY(ClientFixture::setAttempts("0"));
     ClientFixture client;
     QVERIFY(client.start());
@@ -548,12 +548,12 @@ void TstClient::ownCount()
     QVERIFY(ClientFixture::setAttempts("1"));
     QCOMPARE(client.checkPassword(wrong), failed);
     QCOMPARE(ClientFixture::attempts(), 4);
-    // The daemon may know of more.
-    // Of another size than before, as the client would else take it for the file that it knows.
+    // The daemon's count may be higher.
+    // The leading zero changes the file's size, because the client might not notice a change otherwise.
     QVERIFY(ClientFixture::setAttempts("05"));
     QCOMPARE(client.checkPassword(right), lock);
     QCOMPARE(ClientFixture::ownAttempts(), QByteArray("6\n"));
-    // The way back for who is locked.
+    // Removing the file unlocks the user.
     QVERIFY(QFile::remove(ClientFixture::ownCounterPath));
     QVERIFY(ClientFixture::setAttempts("004"));
     QCOMPARE(client.checkPassword(right), success);
@@ -598,7 +598,7 @@ void TstClient::damagedOwnCount()
     QCOMPARE(chmod(QFile::encodeName(ClientFixture::ownCounterPath).constData(), fileMode), 0);
     QCOMPARE(client.checkPassword(wrong), answer);
     QCOMPARE(ClientFixture::attempts(), after);
-    // It is whole again, if it may be.
+    // The client repairs the file if it can.
     QCOMPARE(ClientFixture::ownAttempts(), fileMode == 0 ? content : QByteArray(QByteArray::number(after) + '\n'));
     const QByteArray report = "holds no number of failed attempts; going by the shared one";
     QTRY_COMPARE(client.output().contains(report), reported);
@@ -628,7 +628,7 @@ void TstClient::countOutlivesTheClient()
         QTest::qWait(QRandomGenerator::global()->bounded(200));
         client.process.kill();
         QVERIFY(client.process.waitForFinished());
-        QTest::qWait(0); // Answers that had come.
+        QTest::qWait(0); // Process replies that have already arrived.
         QVERIFY(ClientFixture::setAttempts("0"));
         bool isNumber = true;
         const QByteArray content = ClientFixture::ownAttempts();
@@ -676,7 +676,7 @@ void TstClient::counterFileStaysTheUsers()
     QCOMPARE(owner(ClientFixture::counterPath), TestDevice::alice);
     QVERIFY(TestDevice::readFile(ClientFixture::counterPath).contains("other=kept"));
 
-    // Without one, it makes one that nobody else reads.
+    // If there is no file, the client creates one that only its user can read.
     QVERIFY(QFile::remove(ClientFixture::counterPath));
     QCOMPARE(client.checkPassword(wrong), failed);
     QCOMPARE(ClientFixture::attempts(), 3);
@@ -695,7 +695,7 @@ void TstClient::counterCannotBeStored()
     QByteArray expected = "tarsk.kavet_client: Cannot store the number of failed attempts in "
                           "/srv/shared/tarsk/kavet_client/1000.conf\n";
     QTRY_COMPARE(client.output(), expected);
-    // Either will do.
+    // One of the two files is enough.
     QCOMPARE(ClientFixture::ownAttempts(), QByteArray("1\n"));
     QVERIFY(TestDevice::setOwner(TestDevice::sharedDirectory, TestDevice::alice, TestDevice::alice));
     QVERIFY(ClientFixture::setAttempts("3"));
@@ -707,7 +707,7 @@ void TstClient::counterCannotBeStored()
     expected += "tarsk.kavet_client: Cannot store the number of failed attempts in "
                 "/home/alice/.local/share/tarsk/kavet_client/attempts\n";
     QTRY_COMPARE(client.output(), expected);
-    // With neither, the client still knows.
+    // Without both files, the client counts in memory.
     QVERIFY(TestDevice::setOwner(TestDevice::sharedDirectory, 0, 0));
     QVERIFY(QFile::remove(ClientFixture::counterPath));
     for (const QString &answer : {failed, failed, failed, lock})
@@ -748,7 +748,7 @@ void TstClient::fullDisk()
     QCOMPARE(result.exitCode, 1);
     QVERIFY2(result.error.startsWith("tarsk.kavet_client: Cannot write "), result.error.constData());
     QCOMPARE(TestDevice::readFile(ClientFixture::settingsPath), settingsBefore);
-    // A client that starts anew knows what the one before has counted.
+    // A restarted client continues the previous client's count.
     client.process.kill();
     QVERIFY(client.process.waitForFinished());
     QStringList answers;
@@ -791,7 +791,7 @@ void TstClient::inTheWayOfTheOwnCount()
                  0);
     ClientFixture client;
     QVERIFY(client.start());
-    // It goes by the other one, and waits for nothing.
+    // The client uses the other file and does not block.
     for (const QString &answer : {failed, failed, lock})
         QCOMPARE(client.checkPassword(wrong), answer);
     QCOMPARE(ClientFixture::attempts(), 5);
@@ -858,7 +858,8 @@ void TstClient::noDump()
 {
     ClientFixture client;
     QVERIFY(client.start());
-    // The system gives the entries of such a process to root, and so not even its own user looks into it.
+    // The kernel gives the /proc entries of an undumpable process to root, so not even its own user can read its
+    // memory.
     QCOMPARE(owner(QStringLiteral("/proc/%1/mem").arg(client.process.processId())), 0U);
     QProcess spy;
     ClientFixture::asUser(spy, QStringLiteral("cat"),
@@ -870,10 +871,10 @@ void TstClient::noDump()
 
 void TstClient::noSecrets()
 {
-    // Long, so that its memory is not soon used for other things.
+    // The secret is long, so that its freed memory is not reused soon.
     const QString longWrong = QStringLiteral("swordfish").repeated(40);
     const QString nobodysPin = QStringLiteral("27182818").repeated(40);
-    // So long that it arrives in pieces.
+    // Long enough to arrive in pieces.
     const QString endlessPin = QStringLiteral("16180339").repeated(5000);
     QVERIFY(ClientFixture::setPassword(right));
     ClientFixture client;
@@ -894,7 +895,7 @@ void TstClient::noSecrets()
         QVERIFY2(!open.contains(secret.toUtf8()), qPrintable(secret));
         QVERIFY2(!ClientFixture::memoryHoldsText(client.process.processId(), secret.right(20)), qPrintable(secret));
     }
-    // The search finds what there is.
+    // Check that the search itself works.
     QVERIFY(ClientFixture::memoryHolds(client.process.processId(), "HOME=/home/alice"));
 }
 
@@ -930,7 +931,7 @@ void TstClient::methodAuthenticates()
     QCOMPARE(authenticate(wrong), failedWith(SettingsKavet::UserLocked));
     QCOMPARE(authenticate(right), failedWith(SettingsKavet::UserLocked));
     QTRY_COMPARE(attempts(), 6);
-    fixture.d->currentUid = 0; // Else the client would be started again.
+    fixture.d->currentUid = 0; // Otherwise the method would restart the client.
     fixture.d->child.terminate();
     fixture.d->child.waitForFinished();
     QVERIFY(!QFileInfo::exists(TestDevice::socketPath));

@@ -17,12 +17,12 @@ const QString right = QStringLiteral("correct horse, 52 µg");
 const QString success = QStringLiteral("success");
 const QString failed = QStringLiteral("failed");
 
-/// More peers than the client has at a time.
+/// More peers than the client accepts at once.
 constexpr int crowdSize = 500;
 
 using Crowd = std::vector<std::unique_ptr<RawConnection>>;
 
-/// Gives this process the effective user, for the life of the object.
+/// Sets the process's effective user for the lifetime of the object.
 class EffectiveUser
 {
 public:
@@ -70,7 +70,7 @@ QStringList methods(const QByteArray &xml)
 
 } // namespace
 
-/// What the reference client's peers can do to it, and to each other.
+/// How the reference client's peers can affect it and each other.
 class TstClientPeers : public QObject
 {
     Q_OBJECT
@@ -133,7 +133,7 @@ void TstClientPeers::onlyRootAndItsUser()
     QVERIFY(reaches(0));
     QVERIFY(reaches(TestDevice::alice));
     QVERIFY(!reaches(TestDevice::bob));
-    // Not by the socket's mode alone.
+    // The client checks its peers itself and does not rely on the socket's mode.
     chmod(QFile::encodeName(TestDevice::socketPath).constData(), 0666);
     QVERIFY(!reaches(TestDevice::bob));
     QVERIFY(reaches(TestDevice::alice));
@@ -159,7 +159,7 @@ void TstClientPeers::foreignersAreNotHeard()
         const RawConnection connection;
         QVERIFY(connection.isConnected());
         connection.send(words);
-        // Without a word.
+        // The client closes the connection without a reply.
         QVERIFY(connection.receive().isEmpty());
         QVERIFY(connection.hasEnded());
     }
@@ -218,9 +218,9 @@ void TstClientPeers::descriptors()
         QVERIFY(connection.receives(words.contains("checkPassword") ? "failed" : "ERROR"));
         const int served = client.openDescriptors();
         QVERIFY(connection.sendDescriptors(RawConnection::call("checkPassword", {"bob", "any"})));
-        for (int i = 1; i < 20; ++i) // The client may have ended the connection by now.
+        for (int i = 1; i < 20; ++i) // The client may have closed the connection by now.
             connection.sendDescriptors(RawConnection::call("checkPassword", {"bob", "any"}));
-        // One after the other, so what came before has been handled.
+        // The client handles calls in order, so it has handled the earlier ones now.
         for (int i = 0; i < 3; ++i)
             QCOMPARE(client.checkPassword(right), success);
         QVERIFY2(client.openDescriptors() <= served, qPrintable(QString::number(client.openDescriptors())));
@@ -267,8 +267,8 @@ void TstClientPeers::connections()
     QVERIFY(crowd(2000));
     QTRY_COMPARE(client.openDescriptors(), descriptors);
     QCOMPARE(client.checkPassword(right), success);
-#ifndef __SANITIZE_ADDRESS__ // The sanitizer keeps what has been freed.
-    // What a peer takes is given back when it leaves.
+#ifndef __SANITIZE_ADDRESS__ // The sanitizer keeps freed memory.
+    // The client frees a peer's memory when the peer leaves.
     QVERIFY2(client.privateMemory() - memory < 1000, qPrintable(QString::number(client.privateMemory() - memory)));
 #endif
 }
@@ -285,7 +285,7 @@ void TstClientPeers::silentCrowd()
             crowd.push_back(std::make_unique<RawConnection>());
             QVERIFY(crowd.back()->isConnected());
         }
-        // Whoever came before is served all the same, and so is whoever comes after and has something to say.
+        // The earlier peer is still served, and so is a new peer that sends a call.
         QCOMPARE(client.checkPassword(right), success);
         QTRY_VERIFY(client.openDescriptors() < crowdSize);
         ClientFixture another;
@@ -349,7 +349,7 @@ void TstClientPeers::peerThatDoesNotRead()
     const QByteArray call = RawConnection::call("checkPassword", {"bob", "any"});
     constexpr int tooMany = 100000;
     int sent = 0;
-    // The client has stopped reading when nothing more can be sent however often it has its turn.
+    // When 20 attempts in a row cannot send anything, the client has stopped reading.
     for (int refusals = 0; refusals < 20 && sent < tooMany;) {
         if (flood.send(call, MSG_DONTWAIT)) {
             ++sent;
@@ -363,7 +363,7 @@ void TstClientPeers::peerThatDoesNotRead()
     QCOMPARE(client.checkPassword(right), success);
     QVERIFY2(client.privateMemory() - memory < 1000, qPrintable(QString::number(client.privateMemory() - memory)));
 
-    // When it reads, it gets every answer.
+    // When the peer reads, it gets every reply.
     QByteArray answers;
     while (answers.count("failed") < sent) {
         const QByteArray more = flood.receive();
@@ -396,7 +396,7 @@ void TstClientPeers::noSecrets_data()
     add("missing argument", "validateCert/1", "InvalidArgs");
 }
 
-// What comes with the handshake must not leave a piece in the buffer for that.
+// A call that arrives together with the handshake must not leave parts of itself in the handshake's buffer.
 void TstClientPeers::noSecrets()
 {
     QFETCH(QByteArray, method);
@@ -410,7 +410,7 @@ void TstClientPeers::noSecrets()
                       .toBase64(QByteArray::OmitTrailingEquals);
     secret.truncate(size);
     QByteArrayList arguments = {"alice", secret};
-    if (method == "validateCert") // Of a user who is not served, so that no process is started.
+    if (method == "validateCert") // For a user who is not served, so that the client starts no process.
         arguments = {"pkcs11:", "bob", secret};
     else if (method == "validateCert/1")
         arguments = {secret};
@@ -420,7 +420,7 @@ void TstClientPeers::noSecrets()
     QVERIFY(client.start());
     const RawConnection connection;
     if (atOnce) {
-        // Two, of which the second begins where the first ends.
+        // Two adjacent calls.
         QVERIFY(connection.send(RawConnection::handshake + call + call));
     } else {
         QVERIFY(connection.send(RawConnection::handshake));
@@ -428,7 +428,7 @@ void TstClientPeers::noSecrets()
         QVERIFY(connection.send(call));
     }
     QVERIFY(connection.receives(answer, atOnce ? 2 : 1));
-    // Having answered another peer, the client has done all that it does after a call.
+    // Once the client has replied to another peer, it has finished its work after the earlier call.
     QCOMPARE(client.checkPassword(right), success);
     const qint64 pid = client.process.processId();
     for (const QByteArray &part : {secret.left(16).right(6), secret.right(6), secret.left(16)})

@@ -13,8 +13,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-/// The reference client in the real sandbox, with the device's own launcher and permission profiles: what it needs to
-/// use a token, and that this is enough. The token is beyond the sandbox, and the client meets it by a socket.
+/// Checks that the reference client can use a token in the real sandbox with no more permissions than it requests. Uses
+/// the device's launcher and permission profiles. The token is outside the sandbox; the client reaches it through a
+/// socket.
 class TstClientSandbox : public QObject
 {
     Q_OBJECT
@@ -46,7 +47,7 @@ const QString report = TestDevice::sharedDirectory + QStringLiteral("/report.jso
 const QString cardService = QStringLiteral("/run/pcscd/pcscd.comm");
 const QString tokenServer = QStringLiteral("/run/user/1000/p11-kit/pkcs11");
 
-/// Longer than the client takes to give up a token, in milliseconds.
+/// Longer than the client waits for a token, in milliseconds.
 constexpr int patience = 30000;
 
 bool setPermissions(const QStringList &permissions)
@@ -54,7 +55,7 @@ bool setPermissions(const QStringList &permissions)
     return TestDevice::writeManifest(QStringLiteral("tarsk"), QStringLiteral("kavet_client"), client, permissions);
 }
 
-/// A socket to which everybody may connect, as that of a smart-card service, for the life of the object.
+/// A world-connectable socket, like that of a smart-card service, for the lifetime of the object.
 class OpenSocket
 {
 public:
@@ -84,12 +85,12 @@ private:
     Q_DISABLE_COPY(OpenSocket)
 };
 
-/// The method with its client in the sandbox, which ends with it.
+/// The method with its client in the sandbox. The client ends with the fixture.
 struct SandboxFixture : MethodFixture
 {
     ~SandboxFixture()
     {
-        d->currentUid = 0; // Else the client would be started again.
+        d->currentUid = 0; // Otherwise the method would restart the client.
         d->child.terminate();
         d->child.waitForFinished();
     }
@@ -102,7 +103,7 @@ struct SandboxFixture : MethodFixture
                && d->clientStage == MethodKavetPrivate::Linked;
     }
 
-    /// The certificates as the daemon gets to know them.
+    /// The certificates as the daemon sees them.
     QStringList certs()
     {
         const auto changes = [this] {
@@ -130,7 +131,7 @@ struct SandboxFixture : MethodFixture
     }
 };
 
-/// The client's process; 0 if there is none.
+/// The client's pid; 0 if there is none.
 int clientPid()
 {
     const QStringList processes = QDir(QStringLiteral("/proc")).entryList({QStringLiteral("[0-9]*")});
@@ -151,7 +152,7 @@ RecordingDaemon::Call failedWith(SettingsKavet::ResultCode code)
 void TstClientSandbox::initTestCase()
 {
     QVERIFY2(TestDevice::isDevice(), "Run this test in the disposable device: device/enter");
-    // Where the module looks for the server unless the environment says otherwise, as it does for whoever runs this.
+    // The module looks for the server here by default. The environment of the test may name another place.
     qunsetenv("XDG_RUNTIME_DIR");
     qunsetenv("P11_KIT_SERVER_ADDRESS");
 
@@ -170,7 +171,7 @@ void TstClientSandbox::initTestCase()
     QVERIFY(SoftTokens::add(one));
     const QString cert = SoftTokens::issue(QStringLiteral("good"), SoftTokens::loginTemplate());
     QVERIFY(SoftTokens::enroll(one, QStringLiteral("01"), cert));
-    // The module in between hands all to the tokens' own.
+    // The served module forwards every call to the soft tokens' module.
     QVERIFY(SoftTokens::serve(Installed::unrulyToken));
 }
 
@@ -200,7 +201,7 @@ void TstClientSandbox::permissionOpensTokensSockets_data()
     QTest::newRow("with it") << QStringList{tokenPermission} << true;
 }
 
-// The client's place is taken by a program that tries things.
+// A probe program replaces the client.
 void TstClientSandbox::permissionOpensTokensSockets()
 {
     QFETCH(QStringList, permissions);
@@ -275,7 +276,7 @@ void TstClientSandbox::answers()
     QCOMPARE(fixture.login(m_cert, SoftTokens::pin), failedWith(SettingsKavet::UserLocked));
     QVERIFY(QFile::remove(QStringLiteral("/home/alice/wrong-pins.one")));
 
-    // Here too it keeps nothing of what it was given.
+    // The client also wipes secrets in the sandbox.
     QVERIFY(clientPid() != 0);
     QVERIFY(ClientFixture::memoryHolds(clientPid(), "HOME=/home/alice"));
     for (const QString &pin : {SoftTokens::pin, wrong})

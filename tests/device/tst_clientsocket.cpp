@@ -14,16 +14,16 @@ namespace {
 
 const QByteArray socketName = "kavet.socket";
 constexpr int FirstGap = 100; // Milliseconds.
-/// Longer than the next gap that the tests would see. Only waiting shows that nothing comes.
+/// Longer than the next gap would be. Only waiting can show that no announcement comes.
 constexpr int QuietTime = 2000;
 
 /// What the plugin's watcher sees in the client's directory.
 class DirectoryWatch : public QObject
 {
 public:
-    /// When the socket's attributes have changed, in milliseconds since the start of the watch.
+    /// The times of attribute changes of the socket, in milliseconds since the watch started.
     QVector<qint64> announcements;
-    /// When the socket has appeared, or -1.
+    /// The time when the socket appeared, or -1.
     qint64 appearance = -1;
 
     DirectoryWatch()
@@ -65,7 +65,7 @@ private:
 
 } // namespace
 
-/// How the reference client shows its socket to a plugin that may not be ready to see it.
+/// How the reference client announces its socket to a plugin that may not be watching yet.
 class TstClientSocket : public QObject
 {
     Q_OBJECT
@@ -81,7 +81,7 @@ private Q_SLOTS:
     void othersAreNotShown();
 
 private:
-    /// Starts the client, and leaves it alone.
+    /// Starts the client without connecting to it.
     static void start(ClientFixture &client)
     {
         ClientFixture::asUser(client.process, ClientFixture::program, {QStringLiteral("--no-gui")});
@@ -97,8 +97,8 @@ void TstClientSocket::isShownUntilSomebodyConnects()
     QTRY_VERIFY(watch.appearance >= 0);
 
     QTRY_VERIFY(watch.announcements.size() >= 4);
-    // Each gap is twice as long as the one before; only a load can make them longer. Timers may be early by a
-    // twentieth.
+    // Each gap is twice as long as the previous one. Load can only make gaps longer, but timers may fire 5 percent
+    // early.
     for (int i = 0, due = 0; i < 4; ++i) {
         due += FirstGap << i;
         QVERIFY2(watch.announcements.at(i) >= due * 95 / 100,
@@ -109,7 +109,7 @@ void TstClientSocket::isShownUntilSomebodyConnects()
     QCOMPARE(client.certList(), QStringList());
     const int before = watch.announcements.size();
     QVERIFY(!QTest::qWaitFor([&] { return watch.announcements.size() > before; }, QuietTime));
-    // Nor when the peer has gone: the plugin has seen the socket.
+    // The client does not announce again after the peer leaves, because the plugin has seen the socket.
     QDBusConnection::disconnectFromPeer(client.connection().name());
     client.connection() = QDBusConnection(QString());
     QVERIFY(!QTest::qWaitFor([&] { return watch.announcements.size() > before; }, QuietTime));

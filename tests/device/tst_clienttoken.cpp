@@ -42,14 +42,14 @@ bool set(const char *key, const QVariant &value)
     return ClientFixture::setSetting(QString::fromLatin1(key), value);
 }
 
-/// What an unruly token is to do next.
+/// Sets the unruly token's next behaviour.
 bool makeUnruly(const QByteArray &how)
 {
     return set("module", Installed::unrulyToken)
            && TestDevice::writeFile(QStringLiteral("/home/alice/unruly-token"), how);
 }
 
-/// The processes that the client has started and that still run.
+/// The client's running child processes.
 QStringList helpers(const ClientFixture &client)
 {
     const QString pid = QString::number(client.process.processId());
@@ -57,8 +57,8 @@ QStringList helpers(const ClientFixture &client)
         .split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
-/// Whether a process that the client has started runs its own program. Before that it must not be killed, since Qt then
-/// may not notice, and it is a copy of the client.
+/// Whether a child of the client has executed its program. Before that, it is still a copy of the client and must not
+/// be killed, because Qt may not notice.
 bool isHelper(const QString &process)
 {
     return TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(process)).contains("--validate-cert");
@@ -79,7 +79,7 @@ QByteArray without(QByteArray text, const char *line)
     return text.replace(QByteArray(line) + '\n', QByteArray());
 }
 
-/// The template of a certificate that would have logged alice in.
+/// The template of a certificate that logged alice in until it expired.
 QByteArray expired()
 {
     return without(SoftTokens::loginTemplate(), "expiration_days = 30")
@@ -191,7 +191,7 @@ void TstClientToken::list()
     QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
     const QString ec = SoftTokens::issue(QStringLiteral("ec"), SoftTokens::loginTemplate(), QStringLiteral("ec"));
     QVERIFY(SoftTokens::enroll(one, id3, ec, QStringLiteral("ec")));
-    // Beside no key.
+    // A certificate without a key.
     QVERIFY(SoftTokens::putCert(one, id2, goodCert()));
     ClientFixture client;
     QVERIFY(client.start(SoftTokens::environment()));
@@ -212,7 +212,7 @@ void TstClientToken::list()
 
 void TstClientToken::listsHiddenKeys()
 {
-    // Nothing of its keys is seen without the PIN.
+    // The token's keys are visible only with the PIN.
     QVERIFY(SoftTokens::add(one));
     QVERIFY(SoftTokens::putHiddenKey(one, id1, QStringLiteral("rsa")));
     QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
@@ -233,7 +233,7 @@ void TstClientToken::listsOverRegisteredModules()
     QCOMPARE(client.validateCert(cert, pin), success);
     QVERIFY(SoftTokens::remove());
     QCOMPARE(client.certList(), QStringList());
-    // The system's trusted certificates are on no token of the user's.
+    // The system's trust store does not count as a token of the user.
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:type=cert"), pin), noToken);
 }
 
@@ -281,10 +281,10 @@ void TstClientToken::listsDefaultFirst()
         QCOMPARE(client.certList().constFirst(), cert);
         QCOMPARE(client.certList().size(), 3);
     }
-    // A URI that says less is the same certificate's.
+    // A URI with fewer attributes still identifies the certificate.
     QVERIFY(set("default-cert", QStringLiteral("pkcs11:token=one;id=%A1%B2%C3;type=cert")));
     QVERIFY(client.certList().constFirst().contains(QStringLiteral(";id=%A1%B2%C3;"), Qt::CaseInsensitive));
-    // One of several is not.
+    // An ambiguous URI does not.
     QVERIFY(set("default-cert", QStringLiteral("pkcs11:token=one;type=cert")));
     QCOMPARE(client.certList(), certs);
     QVERIFY(set("auth-type", QStringLiteral("password")));
@@ -316,7 +316,7 @@ void TstClientToken::manyCertificates()
     for (int i = 0; i < 199; ++i)
         QVERIFY(SoftTokens::putCert(one, QString::number(0x1000 + i, 16), goodCert()));
     QVERIFY(SoftTokens::putKeys(one, QStringLiteral("10c6"), QStringLiteral("rsa")));
-    // Two of the 200 have a key; the others are read all the same.
+    // Two of the 200 certificates have a key; the client reads all of them.
     QStringList certs = client.certList();
     QCOMPARE(certs.size(), 2);
     QCOMPARE(client.validateCert(certs.constLast(), pin), success);
@@ -336,7 +336,7 @@ void TstClientToken::tooManyCertificates()
     const QByteArray id("\xca\xfe\x00\x00", 4);
     QVERIFY(SoftTokens::add(one));
     QVERIFY(SoftTokens::putCert(one, QString::fromLatin1(id.toHex()), goodCert()));
-    // The tool would take minutes.
+    // Edit the file, because the tool would take minutes.
     const QString token =
         QStringLiteral("/home/alice/tokens/")
         + QDir(QStringLiteral("/home/alice/tokens")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).value(0)
@@ -360,7 +360,7 @@ void TstClientToken::tooManyCertificates()
     QVERIFY(set("default-cert", last));
     ClientFixture client;
     QVERIFY(client.start(SoftTokens::environment()));
-    // As many as the plugin takes, with the default one among them.
+    // As many as the plugin accepts, including the default one.
     const QStringList certs = client.certList();
     QCOMPARE(certs.size(), 1000);
     QVERIFY2(certs.constFirst().contains(QStringLiteral("id=%CA%FE%05%DB"), Qt::CaseInsensitive),
@@ -432,7 +432,7 @@ void TstClientToken::accepts()
 
 void TstClientToken::keyForOnePadding()
 {
-    // The certificate says RSA-PSS, the token knows only RSA.
+    // The certificate requires RSA-PSS; the token's key is for plain RSA.
     ClientFixture client;
     const QString cert = enrolled(
         client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), QStringLiteral("rsa-pss")),
@@ -463,7 +463,7 @@ void TstClientToken::refuses_data()
     const QByteArray timeless = without(base, "expiration_days = 30");
     const QByteArray mail = nameless + "email = \"alice@corp.example\"\n";
     const QByteArray principal = nameless + "other_name_utf8 = \"1.3.6.1.4.1.311.20.2.3 alice@corp.example\"\n";
-    // For the other purpose the tool would add the usage by itself, as it would for EC keys.
+    // With the other key purpose, or with EC keys, certtool would add the key usage itself.
     const QByteArray usageless =
         without(without(base, "tls_www_client"), "signing_key") + "key_purpose_oid = 1.3.6.1.4.1.311.20.2.2\n";
     const auto only = [](const char *mapping) {
@@ -526,7 +526,7 @@ void TstClientToken::otherAuthority()
                                                             QStringLiteral("rsa"), QStringLiteral("stranger")));
     QVERIFY(!cert.isEmpty());
     QCOMPARE(client.validateCert(cert, pin), failed);
-    // Not even when the token brings the authority along.
+    // An authority from the token is not trusted.
     QVERIFY(SoftTokens::putCert(one, id2, QStringLiteral("/home/alice/ca/stranger.pem")));
     QCOMPARE(client.validateCert(cert, pin), failed);
     QVERIFY(set("trust-anchors", QStringLiteral("/home/alice/ca/stranger.pem")));
@@ -548,7 +548,7 @@ void TstClientToken::authorityInBetween()
     QCOMPARE(client.validateCert(cert, pin), success);
     QCOMPARE(client.certList(), QStringList{cert});
 
-    // A user's certificate is no authority.
+    // A user's certificate is not an authority.
     QVERIFY(QFile::copy(QStringLiteral("/home/alice/ca/rsa.key"), QStringLiteral("/home/alice/ca/good.key"))
             || QFile::exists(QStringLiteral("/home/alice/ca/good.key")));
     TestDevice::setOwner(QStringLiteral("/home/alice/ca/good.key"), TestDevice::alice, TestDevice::alice);
@@ -696,7 +696,7 @@ void TstClientToken::badUri_data()
     QTest::addColumn<QString>("to");
     QTest::addColumn<QString>("answer");
 
-    // With a good certificate's URI, what is replaced by what; all of it if nothing is named.
+    // Which part of a valid certificate's URI is replaced by what; an empty part means the whole URI.
     QTest::newRow("as it is") << QStringLiteral("pkcs11:") << QStringLiteral("pkcs11:") << success;
     QTest::newRow("shorter") << QStringLiteral(";object=certificate") << QString() << success;
     QTest::newRow("no URI") << QString() << QStringLiteral("certificate") << failed;
@@ -748,7 +748,7 @@ void TstClientToken::severalForOneUri()
 
 void TstClientToken::renewed()
 {
-    // The same key, the same id, the same label: the same URI.
+    // Key, id and label are the same, and so is the URI.
     ClientFixture client;
     const QString cert = enrolled(client, SoftTokens::issue(QStringLiteral("case"), expired()));
     QVERIFY(!cert.isEmpty());
@@ -795,7 +795,7 @@ void TstClientToken::keyOnOtherToken()
     QVERIFY(SoftTokens::putKeys(two, id1, QStringLiteral("rsa")));
     ClientFixture client;
     QVERIFY(client.start(SoftTokens::environment()));
-    // The token shows no keys, so it may hide them; it turns out that it has none.
+    // The token shows no keys, so the client has to assume that they are hidden. There are none.
     const QStringList certs = client.certList();
     QCOMPARE(certs.size(), 1);
     QCOMPARE(client.validateCert(certs.constFirst(), pin), failed);
@@ -826,7 +826,7 @@ void TstClientToken::certificateWithoutId()
     QVERIFY(SoftTokens::putCert(one, {}, goodCert()));
     ClientFixture client;
     QVERIFY(client.start(SoftTokens::environment()));
-    // Nothing says which key is the certificate's.
+    // Nothing relates the certificate to a key.
     QCOMPARE(client.certList(), QStringList());
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:token=one;type=cert"), pin), failed);
     QCOMPARE(ClientFixture::attempts(), 0);
@@ -881,7 +881,7 @@ void TstClientToken::refusedCertDoesNotCount()
     QVERIFY(makeUnruly("none"));
     QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
     QCOMPARE(ClientFixture::attempts(), 0);
-    // Nor is one of the token's tries spent.
+    // This does not use up one of the token's tries.
     QVERIFY(!QFileInfo::exists(QStringLiteral("/home/alice/wrong-pins.one")));
 }
 
@@ -923,7 +923,7 @@ void TstClientToken::parallelPins()
         reply.waitForFinished();
         answers << reply.value();
     }
-    // However many at a time, the token sees no more than the limit allows.
+    // However many calls are pending, the token sees no more PINs than the limit allows.
     QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/wrong-pins.one")), QByteArray("2"));
     QCOMPARE(answers.count(failed), 1);
     QCOMPARE(answers.count(lock), replies.size() - 1);
@@ -944,7 +944,7 @@ void TstClientToken::passwordsMeanwhile()
     QTRY_COMPARE(helpers(client).size(), 1);
     QCOMPARE(client.checkPassword(QStringLiteral("wrong")), failed);
     QCOMPARE(client.checkPassword(QStringLiteral("wrong")), lock);
-    // What has been told is not taken back.
+    // The pending right PIN does not undo the lock.
     QVERIFY(makeUnruly("none"));
     QTRY_VERIFY(reply.isFinished());
     QCOMPARE(reply.value(), lock);
@@ -966,7 +966,7 @@ void TstClientToken::queuedForNobody()
         QVERIFY(another.reconnect());
         another.connection().asyncCall(
             ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), ::wrongPin}));
-        // What comes after it is answered, so it waits.
+        // The client has replied to a later call, so it has accepted this one.
         QCOMPARE(another.certList(), QStringList{cert});
         QVERIFY(openSockets(client) > before);
     }
@@ -987,14 +987,14 @@ void TstClientToken::pinBlocked()
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("none"));
     QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
-    // One try is one try for the token too.
+    // Each failed attempt uses exactly one of the token's tries.
     QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/wrong-pins.one")), QByteArray("1"));
     QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
-    // The last try blocks the PIN, and from then on the right one does not help.
+    // The last try blocks the PIN. After that, the right PIN fails too.
     QCOMPARE(client.validateCert(cert, ::wrongPin), lock);
     QCOMPARE(client.validateCert(cert, pin), lock);
     QCOMPARE(ClientFixture::attempts(), 2);
-    // Another token is none the worse for it.
+    // Another token is not affected.
     QVERIFY(SoftTokens::add(two));
     QVERIFY(SoftTokens::enroll(two, id1, goodCert()));
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:token=two;type=cert"), pin), success);
@@ -1007,7 +1007,7 @@ void TstClientToken::pinNotAskedFor()
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("keypad"));
-    // That the token signs says nothing about the PIN that came with the call.
+    // A successful signature does not prove that the PIN in the call was right.
     QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
     QVERIFY(makeUnruly("none"));
     QCOMPARE(client.validateCert(cert, pin), success);
@@ -1063,7 +1063,7 @@ void TstClientToken::twoTokens()
     QVERIFY(SoftTokens::add(one));
     QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
     QVERIFY(SoftTokens::add(two, otherPin));
-    // The same id as on the other.
+    // The same id as on the other token.
     const QString ec = SoftTokens::issue(QStringLiteral("ec"), SoftTokens::loginTemplate(), QStringLiteral("ec"));
     QVERIFY(SoftTokens::enroll(two, id1, ec, QStringLiteral("ec"), otherPin));
     ClientFixture client;
@@ -1093,7 +1093,7 @@ void TstClientToken::removedAndPutBack()
         QCOMPARE(client.certList(), QStringList{cert});
         QCOMPARE(client.validateCert(cert, pin), success);
     }
-    // Another token is not this one.
+    // Another token's certificate is unaffected.
     QVERIFY(SoftTokens::remove());
     QVERIFY(SoftTokens::add(one));
     QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
@@ -1163,14 +1163,14 @@ void TstClientToken::answersOthersMeanwhile()
     QCOMPARE(client.checkPassword(password), success);
     QCOMPARE(client.certList(), QStringList{cert});
     QVERIFY(!reply.isFinished());
-    // Another one waits for its turn, and no longer than if it had come at once.
+    // Another call is queued, and its timeout already runs.
     const QDBusPendingReply<QString> queued = client.connection().asyncCall(
         ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
     QCOMPARE(client.checkPassword(password), success);
     QVERIFY(makeUnruly("stall"));
     const QDBusPendingReply<QStringList> stalled =
         client.connection().asyncCall(ClientFixture::request(QStringLiteral("getCertList"), {}));
-    // In time for whoever asked.
+    // The replies arrive within the caller's timeout.
     QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished() && queued.isFinished() && stalled.isFinished(), 30000);
     QVERIFY2(reply.isValid(), qPrintable(reply.error().message()));
     QCOMPARE(reply.value(), moduleFailed);
@@ -1201,17 +1201,17 @@ void TstClientToken::floodOfCalls()
         replies << client.connection().asyncCall(
             ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
     QTRY_COMPARE(counts(replies, QDBusError::LimitsExceeded), calls - underWay);
-    // One after the other.
+    // Calls to the token run one at a time.
     QCOMPARE(helpers(client).size(), 1);
     QCOMPARE(client.checkPassword(password), success);
 
-    // Another peer has its own.
+    // Another peer has its own limit.
     ClientFixture another;
     QVERIFY(another.reconnect());
     QCOMPARE(another.certList(), QStringList{cert});
     QCOMPARE(another.checkPassword(password), success);
 
-    // And so has this one again.
+    // The first peer has its full limit again.
     QTRY_VERIFY(isHelper(helpers(client).value(0)));
     QVERIFY(makeUnruly("none"));
     kill(helpers(client).constFirst().toInt(), SIGKILL);
@@ -1276,7 +1276,7 @@ void TstClientToken::noSecrets()
     const QString helper = QStringLiteral("/proc/%1").arg(helpers(client).constFirst());
     QTRY_VERIFY(isHelper(helpers(client).value(0)));
     QTRY_VERIFY(ClientFixture::memoryHolds(helpers(client).constFirst().toInt(), part.toUtf8()));
-    // The client has no need of it any more.
+    // The client has already wiped it.
     QVERIFY(!ClientFixture::memoryHoldsText(client.process.processId(), part));
     const QByteArray open = TestDevice::readFile(helper + QStringLiteral("/cmdline"))
                             + TestDevice::readFile(helper + QStringLiteral("/environ"))
@@ -1311,7 +1311,7 @@ void TstClientToken::noSecretsWhateverTheEnd()
 {
     QFETCH(QByteArray, state);
     QFETCH(QString, answer);
-    // The token's own PIN where the outcome depends on it. Long, so that its memory is not soon used for other things.
+    // The token's own PIN if the test needs a right one. It is long, so that its freed memory is not reused soon.
     const QString secret = QStringLiteral("16180339887498948482").repeated(10);
     const bool isRight = answer != failed && answer != lock;
     const QString tokenPin = isRight ? secret : pin;
@@ -1350,7 +1350,7 @@ void TstClientToken::noSecretsWhateverTheEnd()
         ask(another, secret);
     if (state == "gone")
         QTRY_COMPARE(helpers(client).size(), 1);
-    // What comes after it is answered, so it has been taken on.
+    // The client has replied to a later call, so it has accepted this one.
     QVERIFY(!another.checkPassword(QStringLiteral("any")).isEmpty());
     if (state.startsWith("gone"))
         QVERIFY(another.reconnect());

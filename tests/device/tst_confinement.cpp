@@ -16,8 +16,8 @@
 #include <QProcess>
 #include <QTest>
 
-/// What the client can and cannot do in the real sandbox, with the device's own launcher and permission profiles. The
-/// client's place is taken by a program that tries things.
+/// What the client can and cannot do in the real sandbox, with the device's launcher and permission profiles. A probe
+/// program replaces the client.
 class TstConfinement : public QObject
 {
     Q_OBJECT
@@ -58,7 +58,7 @@ const QStringList ownFiles = {TestDevice::clientDirectory + QStringLiteral("/pro
                               QStringLiteral("/home/alice/.config/tarsk/kavet_client/probe"),
                               QStringLiteral("/home/alice/.cache/tarsk/kavet_client/probe"),
                               QStringLiteral("/home/alice/.local/share/tarsk/kavet_client/probe")};
-// World-writable on the device, so that nothing but the sandbox keeps the client off.
+// World-writable, so that only the sandbox keeps the client out.
 const QStringList otherDirectories = {QStringLiteral("/srv/shared/other"), QStringLiteral("/home/bob/open"),
                                       QStringLiteral("/home/alice/open"), QStringLiteral("/tmp/open"),
                                       QStringLiteral("/mnt/open")};
@@ -70,7 +70,7 @@ bool mayBeCalledOutside(const QString &service)
                  {QStringLiteral("--reuid=1000"), QStringLiteral("--clear-groups"), QStringLiteral("dbus-send"),
                   QStringLiteral("--system"), QStringLiteral("--print-reply"), QStringLiteral("--dest=") + service,
                   QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.Peer.Ping")});
-    // Answered by this process's own connection, so its events must go on.
+    // This process sends the reply, so it must process events.
     [&] {
         QTRY_COMPARE(caller.state(), QProcess::NotRunning);
     }();
@@ -162,7 +162,7 @@ void TstConfinement::seesItsOwnProgramOnly()
     QCOMPARE(m_report.value(QLatin1String("programs")).toArray(), (QJsonArray{ownName}));
     const QJsonArray arguments = m_report.value(QLatin1String("arguments")).toArray();
     QCOMPARE(arguments, (QJsonArray{QStringLiteral("/usr/bin/tarsk.kavet_client"), QStringLiteral("--no-gui")}));
-    // The launcher's own first process, and the client.
+    // The launcher's init process and the client.
     QVERIFY2(m_report.value(QLatin1String("processes")).toInt() <= 4,
              QByteArray::number(m_report.value(QLatin1String("processes")).toInt()).constData());
 }
@@ -172,7 +172,7 @@ void TstConfinement::cannotReadOthers()
     QVERIFY(!result("read", bobsFile));
     QVERIFY(!result("list", QStringLiteral("/home/bob")));
     QVERIFY(!result("list", QStringLiteral("/var/lib/authd")));
-    // Not even what belongs to its own user, outside of its folders.
+    // Not even its own user's files outside its folders.
     QVERIFY(!result("read", alicesFile));
     QVERIFY(result("read", QStringLiteral("/usr/share/tarsk.kavet_client/policy.conf")));
 }
@@ -183,7 +183,7 @@ void TstConfinement::cannotWriteOutside()
         QVERIFY2(result("write", file), qPrintable(file));
         QCOMPARE(TestDevice::readFile(file), QByteArray("probe"));
     }
-    // In the sandbox some of them may seem to succeed; none may reach the device.
+    // Some writes may succeed inside the sandbox, but none may reach the device.
     for (const QString &directory : otherDirectories)
         QVERIFY2(QDir(directory).isEmpty(), qPrintable(directory));
 }
@@ -219,7 +219,7 @@ void TstConfinement::endsWithTheLauncher()
         return count;
     };
     QCOMPARE(clients(), 1);
-    m_method.reset(); // So that it is not launched again.
+    m_method.reset(); // So that the method does not launch it again.
     m_method.handleUserSessionTriggered(TestDevice::alice, false, true);
     QTRY_COMPARE(m_private->child.state(), QProcess::NotRunning);
     QTRY_COMPARE(clients(), 0);

@@ -1,13 +1,12 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authd.h"
+#include "support/fakeservice.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
 #include <QDBusArgument>
-#include <QDBusConnectionInterface>
 #include <QDBusMetaType>
-#include <QDBusVirtualObject>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -37,7 +36,7 @@ QVariant variant(const QVariant &value)
     return QVariant::fromValue(QDBusVariant(value));
 }
 
-// The device's first process takes its time to bury those that ended without a parent.
+// Zombies do not count: the device's init process may take a while to reap orphans.
 bool isAlive(pid_t pid)
 {
     const QByteArray stat = TestDevice::readFile(QStringLiteral("/proc/%1/stat").arg(pid));
@@ -93,41 +92,32 @@ const QDBusArgument &operator>>(const QDBusArgument &argument, LoginSession &ses
     return argument;
 }
 
-/// Stands in for the login manager; knows of a session of each of `uids`.
-class FakeLoginManager : public QDBusVirtualObject
+/// A fake login manager that lists one session for each of `uids`.
+class FakeLoginManager : public FakeService
 {
 public:
     explicit FakeLoginManager(const QVector<uint> &uids)
-        : m_uids(uids)
-        , m_root(0)
+        : FakeService(loginManager, QStringLiteral("/org/freedesktop/login1"),
+                      [uids](const QDBusMessage &call, const QDBusConnection &bus) {
+                          bus.send(call.createReply(QVariant::fromValue(sessions(uids))));
+                      })
     {
         qDBusRegisterMetaType<LoginSession>();
         qDBusRegisterMetaType<QList<LoginSession>>();
-        QDBusConnection bus = m_root.connection();
-        isRunning = bus.registerVirtualObject(QStringLiteral("/org/freedesktop/login1"), this)
-                    && bus.interface()->registerService(loginManager) == QDBusConnectionInterface::ServiceRegistered;
-    }
-    ~FakeLoginManager() override { m_root.connection().unregisterObject(QStringLiteral("/org/freedesktop/login1")); }
-
-    bool isRunning = false;
-
-    QString introspect(const QString &) const override { return {}; }
-    bool handleMessage(const QDBusMessage &call, const QDBusConnection &bus) override
-    {
-        QList<LoginSession> sessions;
-        for (const uint uid : m_uids)
-            sessions << LoginSession{QString::number(uid), uid, QStringLiteral("user"), QStringLiteral("seat0"),
-                                     QDBusObjectPath(QStringLiteral("/org/freedesktop/login1/session/_%1").arg(uid))};
-        bus.send(call.createReply(QVariant::fromValue(sessions)));
-        return true;
     }
 
 private:
-    const QVector<uint> m_uids;
-    const BusUser m_root;
+    static QList<LoginSession> sessions(const QVector<uint> &uids)
+    {
+        QList<LoginSession> sessions;
+        for (const uint uid : uids)
+            sessions << LoginSession{QString::number(uid), uid, QStringLiteral("user"), QStringLiteral("seat0"),
+                                     QDBusObjectPath(QStringLiteral("/org/freedesktop/login1/session/_%1").arg(uid))};
+        return sessions;
+    }
 };
 
-/// What is left when the daemon has no time to put things in order.
+/// What a killed daemon leaves behind, and how its successor cleans up.
 class TstCrash : public QObject
 {
     Q_OBJECT
@@ -178,7 +168,7 @@ private:
         return reply.arguments().value(0).value<QDBusVariant>().variant().toStringList();
     }
 
-    /// Has the method fork a child that idles as user `uid`.
+    /// Makes the method fork a child that idles as user `uid`.
     pid_t forkChild(const BusUser &root, uint uid) const
     {
         const QVector<pid_t> before = childrenOf(pid_t(m_authd.pid()));
@@ -230,7 +220,8 @@ void TstCrash::unexecutedChildIsGone()
     const pid_t early = forkChild(root, 0);
     const pid_t late = forkChild(root, bob);
     m_authd.stop(SIGKILL);
-    // It waits for its parent, which is gone, and has everything open that this had.
+    // A child that still runs as root dies with its parent. One that already runs as the user survives until the next
+    // daemon ends it.
     QTRY_VERIFY(!isAlive(early));
     QVERIFY(isAlive(late));
     QVERIFY(m_authd.start(puppetOnly));
@@ -239,7 +230,7 @@ void TstCrash::unexecutedChildIsGone()
 
 void TstCrash::environmentDoesNotMatter()
 {
-    // A process can overwrite its own environment, and with one that it asks for is where root waits for the user.
+    // A process can overwrite its own environment, so the daemon must not rely on it to recognise its children.
     QVERIFY(TestDevice::writeFile(TestDevice::launcher, "#!/bin/sh\nexec env -i sh -c 'sleep 1000 & wait'\n"));
     QVERIFY(m_authd.start());
     BusUser(0).call(QStringLiteral("RequestChallenge"), {alice, kavetMethod});
@@ -263,7 +254,7 @@ void TstCrash::othersAreLeftAlone()
     const BusUser root(0);
     const pid_t ours = forkChild(root, bob);
     m_authd.stop(SIGKILL);
-    // Another process with the number of one that the daemon has started.
+    // A record whose pid now belongs to another process.
     const QByteArray record = TestDevice::readFile(childRecord);
     QByteArray forged = record;
     QVERIFY(forged.startsWith(QByteArray::number(ours) + ' '));
@@ -299,7 +290,7 @@ void TstCrash::nameIsWaitedFor()
     const QString service = QStringLiteral("qarv.AuthService");
     QDBusConnection bus = predecessor.connection();
     QVERIFY(bus.registerService(service));
-    // The moment does not matter, as long as the daemon has asked before.
+    // Late enough that the daemon has found the name taken. The exact time does not matter.
     QTimer::singleShot(1500, this, [&bus, service] { bus.unregisterService(service); });
     QVERIFY(m_authd.start());
     QCOMPARE(BusUser(0).error(QStringLiteral("GetMethods")), QString());
@@ -340,7 +331,7 @@ void TstCrash::sessionsAreKnownAgain()
 
 void TstCrash::sessionOfLockedUser()
 {
-    // A method may take the start of a managed session for the moment to remove what the user has; that is not now.
+    // A managed session start may make a method remove the user's data, which must not happen here.
     QVERIFY(m_authd.start(puppetOnly));
     {
         const BusUser root(0);
@@ -364,9 +355,9 @@ void TstCrash::loginManagerKnowsBetter()
         QCOMPARE(root.error(QStringLiteral("SessionStarted"), {bob, true}), QString());
     }
     m_authd.stop(SIGKILL);
-    // bob's has ended and carol's has begun while there was no daemon; a service account's does not matter.
+    // While no daemon ran, bob's session has ended and carol's has started. A service account's session does not count.
     const FakeLoginManager manager({alice, carol, 33});
-    QVERIFY(manager.isRunning);
+    QVERIFY(manager.isRunning());
     QVERIFY(m_authd.start(puppetOnly));
     QStringList sessions;
     QTRY_VERIFY(!(sessions = told()).isEmpty());
@@ -385,7 +376,7 @@ void TstCrash::anyMoment()
         return std::uniform_int_distribution<int>(0, limit - 1)(random);
     };
 
-    // What was last told of alice, who makes mistakes.
+    // The last signalled state of alice, who keeps failing.
     bool isLocked = false;
     QString attempts = QStringLiteral("0");
     int locks = 0;
@@ -414,7 +405,7 @@ void TstCrash::anyMoment()
         call("Authenticate", {alice, kavetMethod,
                               QVariantMap{{QStringLiteral("password"),
                                            isRight ? QStringLiteral("success") : QStringLiteral("failed")}}});
-        // The moment is what is random here.
+        // The moment is random on purpose.
         QTest::qWait(below(300));
         const auto isLockTold = [&reports] {
             return !reports.texts.filter(QStringLiteral("StateChanged(1000, locked")).isEmpty();
@@ -424,7 +415,7 @@ void TstCrash::anyMoment()
                    || !reports.texts.filter(QStringLiteral("AuthenticationFailed(1000")).isEmpty();
         };
         m_authd.stop(SIGKILL);
-        // What it has sent arrives before its name goes.
+        // The daemon's signals arrive before the news that its name is free.
         QTRY_VERIFY(!root.connection().interface()->isServiceRegistered(QStringLiteral("qarv.AuthService")));
         QCoreApplication::processEvents();
 
@@ -436,7 +427,7 @@ void TstCrash::anyMoment()
         isLocked = isLockTold();
         locks += isLocked;
         if (!hasEnded()) {
-            // It may have got further than it could tell.
+            // The daemon may have stored more than it had time to signal.
             ++unfinished;
             QVERIFY(m_authd.start());
             const BusUser later(0);

@@ -25,7 +25,7 @@ const QString kavetMethod = QStringLiteral("kavet");
 const uint alice = TestDevice::alice;
 const uint bob = TestDevice::bob;
 const uint wwwData = 33;
-const uint dave = 1003; // Has no shell to log in with.
+const uint dave = 1003; // Has no login shell.
 const QString serviceError = QStringLiteral("qarv.AuthService.Error.");
 const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
 constexpr char flood[] = "--flood";
@@ -54,7 +54,7 @@ QDBusMessage methodCall(const QString &member, const QVariantList &arguments)
     return call;
 }
 
-/// Calls without end and without waiting for answers, in one of the ways below.
+/// Sends calls endlessly, without waiting for replies, in one of the ways below.
 int floodService(uint uid, const QString &way)
 {
     const QDBusConnection bus = QDBusConnection::systemBus();
@@ -70,7 +70,7 @@ int floodService(uint uid, const QString &way)
                                        QStringLiteral("org.freedesktop.DBus.Introspectable"),
                                        QStringLiteral("Introspect")),
     };
-    // As many as the service is to stand.
+    // The rate that the service must withstand.
     int callsPerSecond = 10000;
     if (way == fastFlood) {
         callsPerSecond = 10000000;
@@ -106,7 +106,7 @@ int floodService(uint uid, const QString &way)
 
 } // namespace
 
-/// What a user could do to others and must not; with processes of that user.
+/// Attacks of a user on others, from processes of that user.
 class TstHostileUsers : public QObject
 {
     Q_OBJECT
@@ -190,7 +190,7 @@ void TstHostileUsers::factsOfOthers()
 {
     const BusUser user(bob);
     Reports all(*m_root);
-    // Whatever rules for messages a user has, these are sent to others.
+    // A user's match rules do not receive signals that are sent to others.
     const Reports ofBob(user);
     const BusUser unsubscribed(alice);
     int heard = 0;
@@ -239,7 +239,7 @@ void TstHostileUsers::certificatesOfOthers()
     const QDBusMessage all = ofBob.call(QStringLiteral("GetMethodOptions"), {kavetMethod});
     QCOMPARE(qdbus_cast<QVariantMap>(all.arguments().constFirst()).value(QStringLiteral("certs")).toStringList(),
              QStringList());
-    QCOMPARE(TestDevice::calls().size(), calls); // alice's client is not asked in vain.
+    QCOMPARE(TestDevice::calls().size(), calls); // The refused calls did not reach alice's client.
     for (const BusUser *reader : {&ofAlice, static_cast<const BusUser *>(m_root.data())}) {
         QCOMPARE(certs(*reader), QStringList{QStringLiteral(".")});
         QTRY_VERIFY(isTold(toAlice));
@@ -266,7 +266,7 @@ void TstHostileUsers::unpluggedTokenAtTheLimit()
 
 void TstHostileUsers::plantedDirectoryAtTheLimit()
 {
-    // alice's client has been there first, and alice writes the limit and takes the place of bob's file.
+    // alice's client was started first. alice writes the policy and plants a file at bob's path.
     QCOMPARE(authenticate(*m_root, alice, QStringLiteral("success")), QString());
     QTRY_COMPARE(state(alice), QStringLiteral("authenticated"));
     QCOMPARE(QProcess::execute(QStringLiteral("setpriv"),
@@ -349,14 +349,14 @@ void TstHostileUsers::tooManyCalls()
                 QStringLiteral("org.freedesktop.DBus.Introspectable"), QStringLiteral("Introspect")))
             .errorName();
     };
-    // Also those that the library answers, and those from another connection of the user.
+    // Calls that the D-Bus library answers count too, and so do calls on the user's other connections.
     int calls = 0;
     while (calls < 100000 && introspect().isEmpty())
         ++calls;
     QVERIFY2(calls >= 900 && calls < 100000, qPrintable(QString::number(calls)));
     QVERIFY(QTest::qWaitFor([&introspect] { return introspect() == limitsExceeded; }));
     const BusUser another(bob);
-    another.error(QStringLiteral("GetMethods")); // Tells the daemon whose the connection is.
+    another.error(QStringLiteral("GetMethods")); // Lets the daemon look up the owner of the connection.
     QVERIFY(QTest::qWaitFor([&] {
         introspect();
         return another.error(QStringLiteral("GetMethods")) == limitsExceeded;
@@ -383,7 +383,7 @@ void TstHostileUsers::tooManySubscribers()
     }
     const BusUser another(bob);
     QCOMPARE(another.error(QStringLiteral("Subscribe")), limitsExceeded);
-    // Others have their own, and those who have left are forgotten.
+    // Other users have their own limits, and the daemon forgets users who have left.
     QCOMPARE(BusUser(alice).error(QStringLiteral("Subscribe")), QString());
     QCOMPARE(users.front()->error(QStringLiteral("Unsubscribe")), QString());
     QCOMPARE(another.error(QStringLiteral("Subscribe")), QString());
@@ -428,18 +428,18 @@ void TstHostileUsers::tooMuchData()
 
 void TstHostileUsers::flooding_data()
 {
-    QTest::addColumn<int>("limit"); // For the beginning of another user's login, in milliseconds.
+    QTest::addColumn<int>("limit"); // Until another user's login begins, in milliseconds.
     QTest::newRow(qPrintable(callsFlood)) << 200;
     QTest::newRow(qPrintable(fastFlood)) << 200;
     QTest::newRow(qPrintable(hugeFlood)) << 200;
-    // Whoever has the turn may keep it for a while.
+    // A user may keep the turn for a while.
     QTest::newRow(qPrintable(attemptsFlood)) << 5000;
 }
 
 void TstHostileUsers::flooding()
 {
     QFETCH(int, limit);
-    // The client is there, so that the daemon is all that a login waits for.
+    // The client already runs, so a login waits for the daemon only.
     Reports reports(*m_root);
     const auto login = [&] {
         reports.texts.clear();
@@ -491,7 +491,7 @@ void TstHostileUsers::flooding()
     attacker.waitForFinished();
     qInfo("half of the calls took %lld ms, half of the logins began after %lld ms; %d KiB more", middle(answers),
           middle(logins), growth);
-    // What counts is what the daemon has others wait, and not what a machine does that has other work besides.
+    // Medians, because single values depend on the machine's other load.
     QVERIFY2(middle(answers) < 200, qPrintable(QString::number(middle(answers))));
     QVERIFY2(middle(logins) < limit, qPrintable(QString::number(middle(logins))));
     QVERIFY2(growth < 16 * 1024, qPrintable(QString::number(growth)));
@@ -541,7 +541,7 @@ void TstHostileUsers::randomCalls()
         const char *name;
         const char *types;
     };
-    // As the interface has them; the types are kept to in every other call.
+    // The interface's members. Every other call has arguments of the right types.
     const QVector<Member> members = {{"GetMethods", ""},
                                      {"GetMethodInfo", "s"},
                                      {"Subscribe", ""},
@@ -601,13 +601,13 @@ void TstHostileUsers::randomCalls()
                 arguments << pick(values);
         }
         user.connection().send(methodCall(QString::fromLatin1(member.name), arguments));
-        // Not more at once than the bus lets wait, nor than fits into the pipe that takes the log.
+        // Stay below the bus's limit of pending replies, and empty the log's pipe.
         if (i % 50 == 0) {
             m_authd.log();
             QCOMPARE(ofRoot.error(QStringLiteral("GetMethods")), QString());
         }
     }
-    // Signatures that do not fit are the library's to refuse; nothing ends the daemon, and it goes on serving.
+    // The D-Bus library refuses wrong signatures. Nothing may end the daemon or stop it from serving.
     QCOMPARE(ofRoot.error(QStringLiteral("GetMethods")), QString());
     QVERIFY(m_authd.isRunning());
     QCOMPARE(m_authd.log().count("event=ready"), 1);

@@ -49,13 +49,13 @@ struct stat statusOf(const QString &path)
     return status;
 }
 
-/// A process of alice's that does `deeds` and ends, or goes on until the object goes.
+/// A process of alice's that acts once, or repeatedly for the lifetime of the object.
 class Attacker
 {
 public:
     using Deeds = std::function<bool()>;
 
-    /// `turn` is called over and over; the number of turns taken is known from outside.
+    /// Calls `turn` repeatedly and counts the turns in shared memory.
     explicit Attacker(const Deeds &turn)
         : m_turns(static_cast<volatile int *>(
             mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
@@ -77,7 +77,7 @@ public:
     }
     int turns() const { return *m_turns; }
 
-    /// Does `deeds` once; whether all of them succeeded.
+    /// Runs `deeds` once; whether all succeeded.
     static bool once(const Deeds &deeds)
     {
         const pid_t process = fork();
@@ -92,7 +92,8 @@ public:
 private:
     static void becomeAlice()
     {
-        // Next in turn after those who wait for the daemon, and soon out of any lock that the daemon needs.
+        // The best ordinary priority: below the test's, but high enough to release kernel locks soon that the daemon
+        // needs.
         const sched_param ordinary{};
         constexpr int mostFavourable = -20;
         (void)sched_setscheduler(0, SCHED_OTHER, &ordinary);
@@ -128,7 +129,7 @@ bool listenAt(const char *path)
 
 } // namespace
 
-/// What a user leaves where another one's files belong, with real processes, against the running daemon.
+/// Files that a user plants where another user's files belong, by real processes, against the running daemon.
 class TstPlanted : public QObject
 {
     Q_OBJECT
@@ -156,8 +157,8 @@ private:
 
 void TstPlanted::initTestCase()
 {
-    // What is measured is how long the daemon takes, not for what else the machine is busy. An ordinary user may not
-    // ask for that.
+    // Measure the daemon's delays rather than the machine's load. An ordinary user's device does not permit this
+    // priority.
     const sched_param priority{1};
     (void)sched_setscheduler(0, SCHED_RR, &priority);
     QVERIFY(startSystemBus());
@@ -171,7 +172,7 @@ void TstPlanted::init()
     QVERIFY(m_authd->start());
     m_root = std::make_unique<BusUser>(0);
     m_reports = std::make_unique<Reports>(*m_root);
-    // From here on alice's client runs, and the directories are hers.
+    // From here on, alice's client runs and she owns the directories.
     QVERIFY(login(alice, QStringLiteral("success")));
 }
 
@@ -278,13 +279,13 @@ void TstPlanted::planted()
     }
     QVERIFY(!QFile::exists(currentPolicy));
     QCOMPARE(readFile(QStringLiteral("/var/lib/authd/methods/kavet/current.conf")), limit);
-    // Alice can get nothing in there now.
+    // Alice can no longer create files there.
     QVERIFY(Attacker::once([] {
         return !put("/srv/shared/tarsk/kavet_client/new", "") && rename(clients, "/tmp/gone") != 0
                && !put("/run/aux-auth/tarsk/kavet_client/new", "") && !put("/srv/shared/tarsk/new", "");
     }));
 
-    // And alice's own turn comes again, as long as she does not stand in her own way.
+    // Alice can log in again as long as she does not obstruct herself.
     endSession(bob);
     if (qstrcmp(QTest::currentDataTag(), "socket's place") != 0)
         QVERIFY(login(alice, QStringLiteral("success")));
@@ -293,14 +294,14 @@ void TstPlanted::planted()
 void TstPlanted::swapped()
 {
     endSession(alice);
-    // A file of root's, closed to her, has come to be in alice's directory.
+    // A file in alice's directory that belongs to root and that she cannot read.
     const QString rootsFile = sharedDirectory + QStringLiteral("/roots");
     QVERIFY(writeFile(rootsFile, secret));
     QCOMPARE(chmod(QFile::encodeName(rootsFile).constData(), 0600), 0);
     const ino_t rootsInode = statusOf(rootsFile).st_ino;
 
     for (int turn = 0; turn < 3; ++turn) {
-        // The directory is held open and is the working directory, whatever its path leads to.
+        // The attacker keeps the directory open as its working directory, whatever its path refers to.
         std::unique_ptr<Attacker> attacker;
         attacker = std::make_unique<Attacker>([] {
             static const int directory = [] {
@@ -328,7 +329,7 @@ void TstPlanted::swapped()
         const auto isDone = [&] {
             return attacker->turns() >= swaps / 3;
         };
-        // In her turn as well as in bob's.
+        // The attack runs during alice's session as well as bob's.
         QTRY_VERIFY_WITH_TIMEOUT(isDone(), 60000);
         QVERIFY(login(bob, QStringLiteral("success")));
         const struct stat made = statusOf(bobFile);
@@ -340,7 +341,7 @@ void TstPlanted::swapped()
         QCOMPARE(statusOf(bobFile).st_ino, made.st_ino);
         attacker.reset();
 
-        // Wherever the file of root's is now, it is root's.
+        // Wherever root's file is now, it still belongs to root.
         QString found;
         const QStringList directories = {sharedDirectory, QString(sharedDirectory + QStringLiteral(".1000"))};
         for (const QString &directory : directories) {
@@ -362,7 +363,7 @@ void TstPlanted::swapped()
     }
 }
 
-/// Microseconds that each of `count` calls of bob's waits for its answer, in order of size.
+/// The sorted times, in microseconds, that `count` calls of bob's wait for their replies.
 QVector<qint64> TstPlanted::latencies(int count)
 {
     QVector<qint64> times;
@@ -381,7 +382,7 @@ QVector<qint64> TstPlanted::latencies(int count)
         }
         done = true;
     });
-    // The daemon's log is read meanwhile: the daemon waits for its reader.
+    // The event loop reads the daemon's log meanwhile, because a full pipe would block the daemon.
     const bool measured = QTest::qWaitFor([&done] { return done.load(); }, 120000);
     measuring.join();
     if (!measured)
@@ -410,7 +411,7 @@ void TstPlanted::storm_data()
         return put(file, odd ? "[General]\nattempts=1\n" : "[General]\nattempts=2\n")
                && put(policy, odd ? "max-attempts=5\n" : "max-attempts=6\n");
     });
-    // Another value each time, as long as a file and a list of texts may be.
+    // A new value each time, at the maximum size of a file and of a string list.
     static int turn = 0;
     static const auto putBoth = [](const std::string &value) {
         return put(next, ("[General]\nattempts=" + value).c_str()) && rename(next, file) == 0
@@ -435,8 +436,7 @@ void TstPlanted::storm()
 {
     QFETCH(Attacker::Deeds, turn);
 
-    // 50 ms are to hold on a machine with two cores. A slower one has as much again, and what bob waits without a
-    // storm.
+    // The target is 50 ms on two cores. Slower machines get twice that, plus the delay without a storm.
     constexpr int bound = 100000;
     constexpr int calls = 300;
     const auto at99 = [](const QVector<qint64> &times) {

@@ -19,7 +19,7 @@ const QString readOption = QStringLiteral("--read-option");
 
 } // namespace
 
-/// The settings object in a process of its own, as a screen has it, on the running daemon.
+/// The settings object in its own process, as a settings screen uses it, with the running daemon.
 class TstSettingsObject : public QObject
 {
     Q_OBJECT
@@ -80,7 +80,7 @@ void TstSettingsObject::followsTheDaemon()
              QString());
     QTRY_COMPARE(maxChanged.size(), 1);
     QCOMPARE(settings.maxAttempts(), 3);
-    // Reading that had no effect on the list.
+    // Reading maxAttempts did not request the list.
     QVERIFY(!settings.certListIsUpdating());
     QCOMPARE(settings.certList().size(), 2);
 
@@ -117,7 +117,7 @@ void TstSettingsObject::changesStayInOrder()
     program.setProcessEnvironment(debuggedBus());
     program.start(QCoreApplication::applicationFilePath(), {readOption});
     QVERIFY(program.waitForFinished());
-    // Not by its exit code: a library that tells what it does may crash when the program has ended.
+    // Do not check the exit code: with QDBUS_DEBUG, the library may crash while the program exits.
     QVERIFY(!program.readAllStandardOutput().trimmed().isEmpty());
     QVERIFY(!heldSignalsBack(program.readAllStandardError()));
 }

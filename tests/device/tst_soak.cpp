@@ -15,8 +15,8 @@
 #include <memory>
 #include <random>
 
-/// Many logins one after another, while clients are killed at random moments, the policy is rewritten, sessions come
-/// and go, and the bus is restarted. KAVET_SOAK is the number of logins, KAVET_SEED the seed of the random moments.
+/// Many consecutive logins while clients are killed at random moments, the policy is rewritten, sessions start and
+/// stop, and the bus is restarted. KAVET_SOAK is the number of logins, KAVET_SEED the seed of the random moments.
 class TstSoak : public QObject
 {
     Q_OBJECT
@@ -38,8 +38,8 @@ private:
     std::unique_ptr<BusUser> m_root;
     std::unique_ptr<Reports> m_reports;
     std::mt19937 m_random;
-    QHash<QString, int> m_outcomes; // By certificate, which is another one in each login.
-    bool m_isSettled = false; // The last login was answered by a client that was then left alone.
+    QHash<QString, int> m_outcomes; // By certificate; each login has its own.
+    bool m_isSettled = false; // The client answered the last login and was not disturbed since.
     int m_succeeded = 0;
     int m_failed = 0;
     int m_backAtChallenge = 0;
@@ -55,7 +55,7 @@ constexpr int logTail = 4000;
 constexpr int outcomeLimit = 20000; // Milliseconds.
 constexpr qint64 memoryTolerance = 4096; // Kilobytes, for what the allocator keeps.
 
-/// What the daemon holds on to.
+/// The resources that the daemon holds.
 struct Holdings
 {
     int descriptors = 0;
@@ -88,7 +88,7 @@ void TstSoak::initTestCase()
 {
     QVERIFY(startSystemBus());
     TestDevice::reset();
-    // A client that starts as fast as this one may be there before the daemon knows that it runs.
+    // The scripted client may show its socket before the daemon knows that it has started.
     TestDevice::setScript({{QStringLiteral("announce"), true}});
     QVERIFY(m_authd.start());
     connectToBus();
@@ -127,21 +127,21 @@ void TstSoak::soak()
         const bool isLast = sinceRestart == loginsPerBus - 1 || number == logins - 1;
         if (sinceRestart != warmUp && !isLast)
             continue;
-        // An undisturbed login each, so that like is compared with like.
+        // Compare the same state each time: after an undisturbed login.
         QVERIFY(m_root->error(QStringLiteral("SessionStopped"), {TestDevice::alice, true}).isEmpty());
         QTRY_COMPARE_WITH_TIMEOUT(holdingsOf(m_authd.pid()).children, 0, outcomeLimit);
         m_isSettled = true;
         if (sinceRestart == warmUp) {
             before = holdingsOf(m_authd.pid());
         } else if (sinceRestart > warmUp) {
-            // The daemon may not have closed yet what belonged to the client that has just ended.
+            // The daemon may not have closed the last client's descriptors yet.
             Holdings after;
             const auto isSettled = [this, &after, &before] {
                 after = holdingsOf(m_authd.pid());
                 return after.descriptors <= before.descriptors + 2;
             };
             (void)!QTest::qWaitFor(isSettled, outcomeLimit);
-            // What grew with each login would be far more.
+            // A leak in each login would be far larger.
             QVERIFY2(
                 after.descriptors <= before.descriptors + 2,
                 qPrintable(QStringLiteral("%1 descriptors, then %2").arg(before.descriptors).arg(after.descriptors)));
@@ -152,7 +152,7 @@ void TstSoak::soak()
         }
     }
 
-    // What reached a client reached it once and ended in one outcome.
+    // Each request reached a client at most once and had one outcome.
     QHash<QString, int> forwarded;
     const QVector<QJsonArray> calls = TestDevice::calls();
     for (const QJsonArray &call : calls) {
@@ -190,11 +190,11 @@ void TstSoak::login(int number)
     QVERIFY2(error.isEmpty(), qPrintable(QStringLiteral("Login %1: %2").arg(number).arg(error)));
     const bool isKilled = random(10) == 0;
     if (isKilled) {
-        QTest::qWait(random(40)); // The moment is what is random here.
+        QTest::qWait(random(40)); // The moment is random on purpose.
         killClient();
     }
 
-    // The first of these that comes is the outcome; none may follow.
+    // The first of these signals is the outcome; no other may follow.
     QStringList outcomes;
     const auto look = [&] {
         outcomes.clear();
@@ -216,13 +216,13 @@ void TstSoak::login(int number)
     if (!hasEnded)
         qWarning("%s", m_authd.log().right(logTail).constData());
     QVERIFY2(hasEnded, qPrintable(QStringLiteral("Login %1 is stuck").arg(number)));
-    // What was signalled before the state was answered has arrived, but waits for the event loop.
+    // Signals sent before the reply with the state have arrived, but the event loop has not delivered them yet.
     QCoreApplication::processEvents();
     look();
     QVERIFY2(outcomes.size() <= 1, qPrintable(outcomes.join(QLatin1Char(' '))));
 
     if (outcomes.isEmpty()) {
-        // The client went away before it was asked, or nothing is left to be sent.
+        // The client exited before the request reached it.
         QVERIFY2(isKilled || isDisturbed || !m_isSettled,
                  qPrintable(QStringLiteral("Login %1 has no outcome").arg(number)));
         ++m_backAtChallenge;
@@ -231,7 +231,7 @@ void TstSoak::login(int number)
         ++m_outcomes[cert];
         ++(outcomes.first() == QLatin1String("success") ? m_succeeded : m_failed);
     }
-    // A client that still starts after what the last login went through cannot be connected to yet.
+    // After a disturbed login, the client may still be starting and not accept connections yet.
     const bool isAnswered = outcomes == QStringList{isRight ? QStringLiteral("success") : QStringLiteral("AuthFailed")};
     const bool isSettled = m_isSettled && !isKilled && !isDisturbed;
     QVERIFY2(isAnswered || !isSettled,

@@ -18,7 +18,7 @@
 
 namespace {
 
-/// A datagram socket, as the service manager and the journal have one.
+/// A datagram socket like those of the service manager and the journal.
 class Listener
 {
 public:
@@ -35,7 +35,7 @@ public:
     }
     ~Listener() { close(m_socket); }
 
-    /// What has come so far, each datagram on a line of its own.
+    /// The datagrams so far, one per line.
     QByteArray received()
     {
         char buffer[65536];
@@ -58,7 +58,7 @@ const QString journalSocket = QStringLiteral("/run/systemd/journal/socket");
 
 } // namespace
 
-/// What the daemon tells the service manager and the journal, and what it lets nobody else see.
+/// What the daemon sends to the service manager and the journal, and how it hides its memory.
 class TstSystemd : public QObject
 {
     Q_OBJECT
@@ -84,7 +84,7 @@ void TstSystemd::readiness()
     daemon.setProcessEnvironment(environment);
     daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods});
     QTRY_VERIFY(manager.received().contains("READY=1\n"));
-    // It is there when it says so.
+    // The service answers once it has reported READY.
     QCOMPARE(BusUser(0).error(QStringLiteral("GetMethods")), QString());
     QVERIFY(!manager.received().contains("WATCHDOG"));
     kill(pid_t(daemon.processId()), SIGTERM);
@@ -102,7 +102,7 @@ void TstSystemd::watchdog()
     daemon.setProcessEnvironment(environment);
     daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods});
     QTRY_VERIFY(manager.received().count("WATCHDOG=1\n") > 3);
-    // One that hangs tells nothing.
+    // A hanging daemon sends no watchdog messages.
     kill(pid_t(daemon.processId()), SIGSTOP);
     const int count = manager.received().count("WATCHDOG=1\n");
     QVERIFY(!QTest::qWaitFor([&] { return manager.received().count("WATCHDOG=1\n") > count + 1; }, 1000));
@@ -113,7 +113,8 @@ void TstSystemd::watchdog()
 
 void TstSystemd::journal()
 {
-    // Standard error is connected to it, by the device and inode that the variable names; here a file stands for that.
+    // JOURNAL_STREAM holds the device and inode of standard error; the test uses a file instead of the journal's
+    // stream.
     Listener listener(journalSocket);
     const QString file = QStringLiteral("/tmp/journal-stream");
     QProcess daemon;
@@ -152,7 +153,7 @@ void TstSystemd::unreadLog()
     daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods});
     QTRY_VERIFY(readLog().contains("event=ready"));
 
-    // Each of root's refused calls has its line. Together they are far more than the pipe takes.
+    // Each refused call of root is logged. The lines exceed the pipe's capacity by far.
     const BusUser root(0);
     const auto refused = [&root] {
         return root.error(QStringLiteral("Cancel"), {qulonglong(4711)});
@@ -176,7 +177,7 @@ void TstSystemd::unreadLog()
 
 void TstSystemd::notDumpable()
 {
-    // As a user: whoever may look into all processes learns nothing from being able to look into this one.
+    // Run as a user, because root can read every process anyway.
     QProcess daemon;
     daemon.setReadChannel(QProcess::StandardError);
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -219,7 +220,7 @@ void TstSystemd::secretsAreWiped()
             TestDevice::readFile(QStringLiteral("/proc/%1/maps").arg(daemon.pid())).split('\n');
         for (const QByteArray &map : maps) {
             const QList<QByteArray> bounds = map.split(' ').first().split('-');
-            // Where the daemon's own thread has its memory. What Qt's D-Bus thread frees is beyond the daemon's reach.
+            // The heap of the daemon's main thread. The daemon cannot wipe memory that Qt's D-Bus thread frees.
             if (bounds.size() != 2 || !map.endsWith("[heap]"))
                 continue;
             const qint64 start = bounds.first().toLongLong(nullptr, 16);
@@ -229,7 +230,7 @@ void TstSystemd::secretsAreWiped()
         return count;
     };
 
-    // Until the client is there to be asked, the secret is kept; else looking for it would tell nothing.
+    // While the request waits for the client, the secret is in memory. This shows that the search works.
     const QString open = QStringLiteral("never-open-secret");
     QCOMPARE(enter(root, kavet, open), QString());
     QTRY_COMPARE(TestDevice::launches().size(), 1);
@@ -246,7 +247,7 @@ void TstSystemd::secretsAreWiped()
     QTRY_COMPARE(root.call(QStringLiteral("GetState"), {TestDevice::alice}).arguments().value(1).toString(),
                  QStringLiteral("challenge"));
     QTRY_COMPARE(copies(answered), 0);
-    // Nor is it kept when the call is refused.
+    // A refused call's secret is wiped too.
     const QString refused = QStringLiteral("refused-secret");
     QVERIFY(!enter(root, QStringLiteral("other"), refused).isEmpty());
     QVERIFY(!enter(BusUser(TestDevice::bob), kavet, refused).isEmpty());

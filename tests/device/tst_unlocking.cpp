@@ -20,7 +20,7 @@ const uint bob = TestDevice::bob;
 
 } // namespace
 
-/// Root unlocks a user whom the reference client refuses by its own count of failed attempts.
+/// Root unlocks a user whom the reference client has locked by its own count of failed attempts.
 class TstUnlocking : public QObject
 {
     Q_OBJECT
@@ -80,7 +80,7 @@ void TstUnlocking::rootUnlocks()
     lockOut();
     unlock(alice);
     QCOMPARE(m_client->checkPassword(right), QStringLiteral("success"));
-    // And again, for one who goes on making mistakes.
+    // Unlocking works repeatedly.
     lockOut();
     unlock(alice);
     QCOMPARE(m_client->checkPassword(wrong), QStringLiteral("failed"));
@@ -93,16 +93,16 @@ void TstUnlocking::nothingElseUnlocks()
     lockOut();
     unlock(bob);
     restartDaemon();
-    QVERIFY(ClientFixture::setAttempts("0")); // As each launch does.
+    QVERIFY(ClientFixture::setAttempts("0")); // The plugin does this at each launch.
     m_client.reset(new ClientFixture);
     QVERIFY(m_client->start());
     QCOMPARE(m_client->checkPassword(right), lock);
-    // Nor while there is no service to ask.
+    // The user stays locked while the service is not running.
     unlock(alice);
     m_root.reset();
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     QCOMPARE(m_client->checkPassword(right), lock);
-    // It is not forgotten.
+    // The unlocking takes effect once the service is back.
     QVERIFY(m_authd.start());
     QCOMPARE(m_client->checkPassword(right), QStringLiteral("success"));
 }

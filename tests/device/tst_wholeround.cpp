@@ -34,7 +34,7 @@ Call stored(uint uid, const QString &option, const QVariant &value)
     return {QStringLiteral("optionChanged"), {uid, option, value, false}};
 }
 
-/// Sets `key` in `file` as the client does: with its identity, and no more rights than that.
+/// Sets `key` in `file` with the client's identity and rights.
 bool writeAsClient(const QString &file, const QString &key, int value)
 {
     return QProcess::execute(QStringLiteral("setpriv"),
@@ -79,9 +79,9 @@ private Q_SLOTS:
         method->handleUserSessionTriggered(alice, true, true);
         QCOMPARE(daemon.calls, Calls());
 
-        // Three failures. Each counts for the daemon by itself, since the count that the method compares with the limit
-        // is the one that it computes, and that is always 0. So 3 is a limit that it never sees reached: it is the
-        // client that counts them up, in its own file, and the daemon's option follows that.
+        // Three failures. The method compares the limit with its computed count, which is always 0, so it never reaches
+        // the limit of 3 itself. The client counts the failures in its own file, and the daemon's option follows that
+        // file.
         for (int failure = 1; failure <= 3; ++failure) {
             const bool last = failure == 3;
             daemon.calls.clear();
@@ -89,7 +89,7 @@ private Q_SLOTS:
             method->authenticate(
                 alice, {{QStringLiteral("password"), last ? QStringLiteral("remove") : QStringLiteral("failed")}});
             if (failure == 1) {
-                // The process is known to run before its socket comes.
+                // The method learns that the process runs before the socket appears.
                 QTRY_COMPARE(TestDevice::launches().size(), 1);
                 QCoreApplication::processEvents();
                 QVERIFY(TestDevice::writeFile(go, {}));
@@ -107,7 +107,7 @@ private Q_SLOTS:
         }
         QCOMPARE(TestDevice::launches().size(), 1);
 
-        // Having counted to three, the client leaves the daemon one failure and no more: the limit that is reached.
+        // After the third failure, the client lowers the limit to 1, so that the next failure reaches it.
         QVERIFY(writeAsClient(TestDevice::currentPolicy, maxAttempts, 1));
         QTRY_COMPARE(option(0, maxAttempts), QVariant(QStringLiteral("1")));
         QCOMPARE(method->getAttempts(alice), 1);
@@ -137,7 +137,7 @@ private Q_SLOTS:
         stopSession();
         QTRY_COMPARE(daemon.callsOf(QStringLiteral("restartAuth")).size(), 1);
 
-        // The wiper fails: the mark stays, also over a restart of the daemon.
+        // The wiper fails: the mark stays, even after a restart of the daemon.
         wiper.setScript({{QStringLiteral("alice"), QStringLiteral("error")}});
         log.clear();
         method->handleUserSessionTriggered(alice, true, true);
@@ -154,7 +154,7 @@ private Q_SLOTS:
         QCOMPARE(option(alice, delayedDeletion), QVariant(true));
         QCOMPARE(option(0, maxAttempts), QVariant(QStringLiteral("1")));
 
-        // The wiper is done: the mark goes, and nobody else's was ever set.
+        // The wiper succeeds: the mark is removed. No other user was ever marked.
         wiper.setScript({{QStringLiteral("alice"), QStringLiteral("success")}});
         daemon.calls.clear();
         method->handleUserSessionTriggered(alice, true, true);
@@ -164,7 +164,7 @@ private Q_SLOTS:
         QCOMPARE(option(TestDevice::bob, delayedDeletion), QVariant(false));
         stopSession();
 
-        // No more than once. What is sent before the answer to a later call has arrived with it.
+        // The wiper is called only once. The bus keeps messages in order, so a call would arrive before the ping.
         method->handleUserSessionTriggered(alice, true, true);
         const QDBusMessage ping =
             QDBusMessage::createMethodCall(QStringLiteral("qarv.userdata.wiper"), QStringLiteral("/"),

@@ -95,7 +95,7 @@ void TstWiper::emptiesTheHome()
     QVERIFY(QDir(aliceHome).exists());
     QCOMPARE(entries(aliceHome), QStringList());
     QCOMPARE(TestDevice::readFile(QStringLiteral("/home/bob/keep")), QByteArray("bob's"));
-    // An empty home is no error.
+    // An empty home directory is not an error.
     QCOMPARE(call(QStringLiteral("alice")).type(), QDBusMessage::ReplyMessage);
 }
 

@@ -110,19 +110,6 @@ void TestDevice::reset()
     chmod(QFile::encodeName(launcher).constData(), 0755);
 }
 
-bool TestDevice::writeFile(const QString &path, const QByteArray &content)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.flush();
-}
-
-QByteArray TestDevice::readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 bool TestDevice::setOwner(const QString &path, uint uid, uint gid)
 {
     return lchown(QFile::encodeName(path).constData(), uid, gid) == 0;

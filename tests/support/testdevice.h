@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "support/files.h"
+
 #include <QByteArray>
 #include <QJsonObject>
 #include <QString>
@@ -35,10 +37,6 @@ bool isOrdinaryUsers();
 /// launcher's place with an empty script. Ends scripted clients that still run.
 void reset();
 
-/// Writes a file, making its directory; false on failure.
-bool writeFile(const QString &path, const QByteArray &content);
-/// The content of a file; a null array when it cannot be read.
-QByteArray readFile(const QString &path);
 /// Gives a file, directory or link itself to a user and group; false on failure.
 bool setOwner(const QString &path, uint uid, uint gid);
 /// Leaves a socket at `path` that nobody serves, and gives it to `uid`; false on failure.

@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "support/files.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -31,19 +33,6 @@ inline void removeAll(const QString &path)
         QDir(path).removeRecursively();
     else
         QFile::remove(path);
-}
-
-inline bool writeFile(const QString &path, const QByteArray &content)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.flush();
-}
-
-inline QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 /// The mode bits of `path` itself, not of what it links to; -1 when there is nothing.

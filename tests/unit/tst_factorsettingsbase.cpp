@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "platformtest.h"
+#include "support/fakeservice.h"
 
 #include <authd/authservice.h>
 #include <authd/factorsettingsbase.h>
@@ -10,14 +11,12 @@
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
-#include <QDBusContext>
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <QElapsedTimer>
 #include <QMutex>
 #include <QProcess>
 #include <QTest>
-#include <QThread>
 
 #include <memory>
 
@@ -51,19 +50,21 @@ public:
     QVector<QVariantList> changes;
 };
 
-/// Stands in for the daemon on the bus: answers as it is told to and records what it is asked.
-class FakeService : public QObject, protected QDBusContext
+QVariant wrapped(const QVariant &value)
 {
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "qarv.AuthService")
+    return QVariant::fromValue(QDBusVariant(value));
+}
 
+/// A fake daemon that sends the reply it has been told to send, and records what it is asked.
+class RunningService
+{
 public:
-    enum Answer { Value, Error, NoValue, PlainValue, TwoValues, Silence };
+    enum Reply { Value, Error, NoValue, PlainValue, TwoValues, Silence };
 
-    void prepare(Answer answer, const QVariant &value = QVariant())
+    void prepare(Reply reply, const QVariant &value = QVariant())
     {
         const QMutexLocker locker(&m_mutex);
-        m_answer = answer;
+        m_reply = reply;
         m_value = value;
         m_asked.clear();
     }
@@ -73,97 +74,58 @@ public:
         const QMutexLocker locker(&m_mutex);
         return m_asked;
     }
+    bool isRunning() const { return m_service.isRunning(); }
 
-public Q_SLOTS:
-    void Subscribe() { ++m_subscriptions; }
-    QDBusVariant GetMethodOption(const QString &method, const QString &option) { return answer({method, option}); }
-    QDBusVariant GetUserMethodOption(uint uid, const QString &method, const QString &option)
-    {
-        return answer({uid, method, option});
-    }
-
-private:
-    QDBusVariant answer(const QVariantList &asked)
-    {
-        const QMutexLocker locker(&m_mutex);
-        m_asked << asked;
-        const QVariant wrapped = QVariant::fromValue(QDBusVariant(m_value));
-        switch (m_answer) {
-        case Value:
-            break;
-        case Error:
-            sendErrorReply(QStringLiteral("qarv.AuthService.Error.NoSuchOption"), QStringLiteral("No such option"));
-            break;
-        case NoValue:
-            reply({});
-            break;
-        case PlainValue:
-            reply({m_value});
-            break;
-        case TwoValues:
-            reply({wrapped, wrapped});
-            break;
-        case Silence:
-            setDelayedReply(true);
-            break;
-        }
-        return QDBusVariant(m_value.isValid() ? m_value : QVariant(0));
-    }
-    void reply(const QVariantList &values)
-    {
-        setDelayedReply(true);
-        connection().send(message().createReply(values));
-    }
-
-    mutable QMutex m_mutex;
-    Answer m_answer = Value;
-    QVariant m_value;
-    QVector<QVariantList> m_asked;
-    QAtomicInt m_subscriptions;
-};
-
-/// A fake service on the bus, in a thread and on a connection of its own, since a caller's thread waits for it.
-class RunningService
-{
-public:
-    RunningService()
-        : m_connection(QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("fake service")))
-    {
-        service.moveToThread(&m_thread);
-        m_thread.start();
-        isRunning = m_connection.registerObject(AuthService::ObjectPath, &service, QDBusConnection::ExportAllSlots)
-                    && m_connection.registerService(AuthService::Service);
-    }
-    ~RunningService()
-    {
-        m_connection.unregisterService(AuthService::Service);
-        m_connection.unregisterObject(AuthService::ObjectPath);
-        m_thread.quit();
-        m_thread.wait();
-        QDBusConnection::disconnectFromBus(m_connection.name());
-    }
-
-    void tell(const QString &signal, const QVariantList &arguments, const QString &path = AuthService::ObjectPath,
-              const QString &interface = AuthService::Interface)
+    void sendSignal(const QString &signal, const QVariantList &arguments, const QString &path = AuthService::ObjectPath,
+                    const QString &interface = AuthService::Interface)
     {
         QDBusMessage message = QDBusMessage::createSignal(path, interface, signal);
         message.setArguments(arguments);
-        m_connection.send(message);
+        m_service.send(message);
     }
 
-    FakeService service;
-    bool isRunning = false;
-
 private:
-    Q_DISABLE_COPY(RunningService)
-    QThread m_thread;
-    QDBusConnection m_connection;
-};
+    void handle(const QDBusMessage &call, const QDBusConnection &bus)
+    {
+        const QMutexLocker locker(&m_mutex);
+        if (call.member() == QLatin1String("Subscribe")) {
+            ++m_subscriptions;
+            bus.send(call.createReply());
+            return;
+        }
+        m_asked << call.arguments();
+        switch (m_reply) {
+        case Value:
+            bus.send(call.createReply(wrapped(m_value)));
+            break;
+        case Error:
+            bus.send(call.createErrorReply(QStringLiteral("qarv.AuthService.Error.NoSuchOption"),
+                                           QStringLiteral("No such option")));
+            break;
+        case NoValue:
+            bus.send(call.createReply());
+            break;
+        case PlainValue:
+            bus.send(call.createReply(m_value));
+            break;
+        case TwoValues:
+            bus.send(call.createReply({wrapped(m_value), wrapped(m_value)}));
+            break;
+        case Silence:
+            break;
+        }
+    }
 
-QVariant wrapped(const QVariant &value)
-{
-    return QVariant::fromValue(QDBusVariant(value));
-}
+    mutable QMutex m_mutex;
+    Reply m_reply = Value;
+    QVariant m_value = 0;
+    QVector<QVariantList> m_asked;
+    QAtomicInt m_subscriptions;
+    const FakeService m_service{AuthService::Service, AuthService::ObjectPath,
+                                [this](const QDBusMessage &call, const QDBusConnection &bus) {
+                                    handle(call, bus);
+                                }};
+};
 
 /// What a screen sees on a device without a system bus; the exit code of the program that tries.
 int tryWithoutBus()
@@ -179,7 +141,7 @@ int tryWithoutBus()
 
 } // namespace
 
-class TestFactorSettingsBase : public QObject
+class TstFactorSettingsBase : public QObject
 {
     Q_OBJECT
 
@@ -207,7 +169,7 @@ private:
     void subscribes();
 };
 
-void TestFactorSettingsBase::initTestCase()
+void TstFactorSettingsBase::initTestCase()
 {
     PlatformTest::requireDevice();
 
@@ -218,9 +180,8 @@ void TestFactorSettingsBase::initTestCase()
     QCOMPARE(program.exitCode(), 0);
 
     // The bus could start the service on demand, so that a call that asks for it would be seen.
-    QVERIFY(
-        PlatformTest::writeFile(activationFile, "[D-BUS Service]\nName=qarv.AuthService\nUser=root\nExec=/bin/touch "
-                                                    + QFile::encodeName(activationMark) + "\n"));
+    QVERIFY(TestDevice::writeFile(activationFile, "[D-BUS Service]\nName=qarv.AuthService\nUser=root\nExec=/bin/touch "
+                                                      + QFile::encodeName(activationMark) + "\n"));
     m_bus.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_bus.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--system"), QStringLiteral("--nofork"),
                                                 QStringLiteral("--nopidfile"), QStringLiteral("--print-address")});
@@ -230,14 +191,14 @@ void TestFactorSettingsBase::initTestCase()
     QVERIFY(QDBusConnection::systemBus().interface()->activatableServiceNames().value().contains(AuthService::Service));
 }
 
-void TestFactorSettingsBase::names()
+void TstFactorSettingsBase::names()
 {
     QCOMPARE(AuthService::Service, QLatin1String("qarv.AuthService"));
     QCOMPARE(AuthService::ObjectPath, QLatin1String("/qarv/AuthService"));
     QCOMPARE(AuthService::Interface, QLatin1String("qarv.AuthService"));
 }
 
-void TestFactorSettingsBase::values_data()
+void TstFactorSettingsBase::values_data()
 {
     QTest::addColumn<QVariant>("value");
     const auto row = [](const char *name, const QVariant &value) {
@@ -256,12 +217,12 @@ void TestFactorSettingsBase::values_data()
     row("bytes", QByteArray("a\0b", 3));
 }
 
-void TestFactorSettingsBase::values()
+void TstFactorSettingsBase::values()
 {
     QFETCH(QVariant, value);
     RunningService running;
-    QVERIFY(running.isRunning);
-    running.service.prepare(FakeService::Value, value);
+    QVERIFY(running.isRunning());
+    running.prepare(RunningService::Value, value);
     const Settings settings;
     const PlatformLog log;
     for (const uint uid : {0U, alice}) {
@@ -269,26 +230,26 @@ void TestFactorSettingsBase::values()
         QCOMPARE(answer.userType(), value.userType());
         QCOMPARE(answer, value);
     }
-    running.service.prepare(FakeService::Value, wrapped(value));
+    running.prepare(RunningService::Value, wrapped(value));
     QCOMPARE(settings.getOption(0, QStringLiteral("any")), value);
     QCOMPARE(log.lines(), QStringList());
 }
 
-void TestFactorSettingsBase::asksForWhat()
+void TstFactorSettingsBase::asksForWhat()
 {
     RunningService running;
-    QVERIFY(running.isRunning);
-    running.service.prepare(FakeService::Value, 1);
+    QVERIFY(running.isRunning());
+    running.prepare(RunningService::Value, 1);
     const Settings settings;
     settings.getOption(0, QStringLiteral("certs"));
     settings.getOption(alice, QStringLiteral("attempts"));
     settings.getOption(4294967295U, QStringLiteral("attempts"));
-    QCOMPARE(running.service.asked(), (QVector<QVariantList>{{own(), QStringLiteral("certs")},
-                                                             {alice, own(), QStringLiteral("attempts")},
-                                                             {4294967295U, own(), QStringLiteral("attempts")}}));
+    QCOMPARE(running.asked(), (QVector<QVariantList>{{own(), QStringLiteral("certs")},
+                                                     {alice, own(), QStringLiteral("attempts")},
+                                                     {4294967295U, own(), QStringLiteral("attempts")}}));
 }
 
-void TestFactorSettingsBase::noService()
+void TstFactorSettingsBase::noService()
 {
     const Settings settings;
     const PlatformLog log;
@@ -301,39 +262,39 @@ void TestFactorSettingsBase::noService()
     QVERIFY(!QFile::exists(activationMark));
 }
 
-void TestFactorSettingsBase::failures_data()
+void TstFactorSettingsBase::failures_data()
 {
     QTest::addColumn<int>("answer");
     QTest::addColumn<QString>("line");
     const QString line = QStringLiteral("getOption \"kavet\" 1000 \"attempts\" ");
-    QTest::newRow("error") << int(FakeService::Error)
+    QTest::newRow("error") << int(RunningService::Error)
                            << line + QStringLiteral("\"qarv.AuthService.Error.NoSuchOption\"");
-    QTest::newRow("no value") << int(FakeService::NoValue) << line + QStringLiteral("Unexpected answer \"\"");
-    QTest::newRow("plain value") << int(FakeService::PlainValue) << line + QStringLiteral("Unexpected answer \"i\"");
-    QTest::newRow("two values") << int(FakeService::TwoValues) << line + QStringLiteral("Unexpected answer \"vv\"");
+    QTest::newRow("no value") << int(RunningService::NoValue) << line + QStringLiteral("Unexpected answer \"\"");
+    QTest::newRow("plain value") << int(RunningService::PlainValue) << line + QStringLiteral("Unexpected answer \"i\"");
+    QTest::newRow("two values") << int(RunningService::TwoValues) << line + QStringLiteral("Unexpected answer \"vv\"");
 }
 
-void TestFactorSettingsBase::failures()
+void TstFactorSettingsBase::failures()
 {
     QFETCH(int, answer);
     QFETCH(QString, line);
     RunningService running;
-    QVERIFY(running.isRunning);
-    running.service.prepare(FakeService::Answer(answer), 5);
+    QVERIFY(running.isRunning());
+    running.prepare(RunningService::Reply(answer), 5);
     const Settings settings;
     const PlatformLog log;
     QVERIFY(!settings.getOption(alice, QStringLiteral("attempts")).isValid());
     QCOMPARE(log.lines(), QStringList{line});
     // The next question is answered again.
-    running.service.prepare(FakeService::Value, 5);
+    running.prepare(RunningService::Value, 5);
     QCOMPARE(settings.getOption(alice, QStringLiteral("attempts")), QVariant(5));
 }
 
-void TestFactorSettingsBase::silence()
+void TstFactorSettingsBase::silence()
 {
     RunningService running;
-    QVERIFY(running.isRunning);
-    running.service.prepare(FakeService::Silence);
+    QVERIFY(running.isRunning());
+    running.prepare(RunningService::Silence);
     const Settings settings;
     const PlatformLog log;
     QElapsedTimer timer;
@@ -345,33 +306,34 @@ void TestFactorSettingsBase::silence()
              QStringList{QStringLiteral("getOption \"kavet\" 0 \"certs\" \"org.freedesktop.DBus.Error.NoReply\"")});
 }
 
-void TestFactorSettingsBase::compound()
+void TstFactorSettingsBase::compound()
 {
     RunningService running;
-    QVERIFY(running.isRunning);
+    QVERIFY(running.isRunning());
     Settings settings;
     const QVariantMap map = {{QStringLiteral("a"), 1}};
-    running.service.prepare(FakeService::Value, map);
+    running.prepare(RunningService::Value, map);
     QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
-    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(map)});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(map)});
     QTRY_COMPARE(settings.changes.size(), 1);
     QCOMPARE(settings.changes.constFirst(), (QVariantList{0U, QStringLiteral("certs"), QVariant()}));
 }
 
-void TestFactorSettingsBase::changes()
+void TstFactorSettingsBase::changes()
 {
     RunningService running;
-    QVERIFY(running.isRunning);
+    QVERIFY(running.isRunning());
     Settings settings;
-    QTRY_COMPARE(running.service.subscriptions(), 1);
+    QTRY_COMPARE(running.subscriptions(), 1);
     const QStringList certs = {QStringLiteral("a"), QStringLiteral("b")};
-    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(certs)});
-    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(QStringList())});
-    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("max-attempts"), wrapped(3)});
-    running.tell(Vocabulary::UserMethodOptionChanged, {alice, own(), QStringLiteral("attempts"), wrapped(2)});
-    running.tell(Vocabulary::UserMethodOptionChanged,
-                 {4294967295U, own(), QStringLiteral("attempts"), wrapped(QStringLiteral("2"))});
-    running.tell(Vocabulary::UserMethodOptionChanged, {alice, own(), QStringLiteral("certs"), wrapped(wrapped(certs))});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(certs)});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(QStringList())});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("max-attempts"), wrapped(3)});
+    running.sendSignal(Vocabulary::UserMethodOptionChanged, {alice, own(), QStringLiteral("attempts"), wrapped(2)});
+    running.sendSignal(Vocabulary::UserMethodOptionChanged,
+                       {4294967295U, own(), QStringLiteral("attempts"), wrapped(QStringLiteral("2"))});
+    running.sendSignal(Vocabulary::UserMethodOptionChanged,
+                       {alice, own(), QStringLiteral("certs"), wrapped(wrapped(certs))});
     QTRY_COMPARE(settings.changes.size(), 6);
     QCOMPARE(settings.changes, (QVector<QVariantList>{{0U, QStringLiteral("certs"), certs},
                                                       {0U, QStringLiteral("certs"), QStringList()},
@@ -383,23 +345,23 @@ void TestFactorSettingsBase::changes()
     QCOMPARE(settings.changes.at(3).at(2).userType(), int(QMetaType::Int));
 }
 
-void TestFactorSettingsBase::ignoredChanges()
+void TstFactorSettingsBase::ignoredChanges()
 {
     RunningService running;
-    QVERIFY(running.isRunning);
+    QVERIFY(running.isRunning());
     Settings settings;
     const QString certs = QStringLiteral("certs");
     const QVariantList change = {own(), certs, wrapped(1)};
-    running.tell(Vocabulary::MethodOptionChanged, {QStringLiteral("other"), certs, wrapped(1)});
-    running.tell(Vocabulary::UserMethodOptionChanged, {alice, QStringLiteral("other"), certs, wrapped(1)});
-    running.tell(Vocabulary::MethodOptionChanged, {QString(), certs, wrapped(1)});
-    running.tell(Vocabulary::MethodOptionChanged, {own(), certs, 1});
-    running.tell(Vocabulary::MethodOptionChanged, {own(), certs});
-    running.tell(Vocabulary::MethodOptionChanged, {});
-    running.tell(Vocabulary::UserMethodOptionChanged, change);
-    running.tell(Vocabulary::OptionChanged, change);
-    running.tell(Vocabulary::MethodOptionChanged, change, QStringLiteral("/elsewhere"));
-    running.tell(Vocabulary::MethodOptionChanged, change, AuthService::ObjectPath, QStringLiteral("some.other"));
+    running.sendSignal(Vocabulary::MethodOptionChanged, {QStringLiteral("other"), certs, wrapped(1)});
+    running.sendSignal(Vocabulary::UserMethodOptionChanged, {alice, QStringLiteral("other"), certs, wrapped(1)});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {QString(), certs, wrapped(1)});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), certs, 1});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), certs});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {});
+    running.sendSignal(Vocabulary::UserMethodOptionChanged, change);
+    running.sendSignal(Vocabulary::OptionChanged, change);
+    running.sendSignal(Vocabulary::MethodOptionChanged, change, QStringLiteral("/elsewhere"));
+    running.sendSignal(Vocabulary::MethodOptionChanged, change, AuthService::ObjectPath, QStringLiteral("some.other"));
 
     // Somebody else on the bus pretends; what the bus has answered after that, it has passed on before.
     QDBusConnection stranger = QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("stranger"));
@@ -410,40 +372,40 @@ void TestFactorSettingsBase::ignoredChanges()
     QVERIFY(stranger.interface()->isServiceRegistered(AuthService::Service).isValid());
     QDBusConnection::disconnectFromBus(QStringLiteral("stranger"));
 
-    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("last"), wrapped(1)});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("last"), wrapped(1)});
     QTRY_VERIFY(!settings.changes.isEmpty());
     QCOMPARE(settings.changes, (QVector<QVariantList>{{0U, QStringLiteral("last"), 1}}));
 }
 
-void TestFactorSettingsBase::otherMethod()
+void TstFactorSettingsBase::otherMethod()
 {
     RunningService running;
-    QVERIFY(running.isRunning);
+    QVERIFY(running.isRunning());
     Settings settings(QStringLiteral("other"));
     Settings ours;
-    running.service.prepare(FakeService::Value, 1);
+    running.prepare(RunningService::Value, 1);
     QCOMPARE(settings.getOption(0, QStringLiteral("certs")), QVariant(1));
-    QCOMPARE(running.service.asked(), (QVector<QVariantList>{{QStringLiteral("other"), QStringLiteral("certs")}}));
-    running.tell(Vocabulary::MethodOptionChanged, {QStringLiteral("other"), QStringLiteral("certs"), wrapped(1)});
-    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(2)});
+    QCOMPARE(running.asked(), (QVector<QVariantList>{{QStringLiteral("other"), QStringLiteral("certs")}}));
+    running.sendSignal(Vocabulary::MethodOptionChanged, {QStringLiteral("other"), QStringLiteral("certs"), wrapped(1)});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(2)});
     QTRY_COMPARE(ours.changes.size(), 1);
     QTRY_COMPARE(settings.changes.size(), 1);
     QCOMPARE(settings.changes.constFirst(), (QVariantList{0U, QStringLiteral("certs"), 1}));
     QCOMPARE(ours.changes.constFirst(), (QVariantList{0U, QStringLiteral("certs"), 2}));
 }
 
-void TestFactorSettingsBase::serviceComesAndGoes()
+void TstFactorSettingsBase::serviceComesAndGoes()
 {
     Settings settings;
     for (int round = 1; round <= 2; ++round) {
         {
             RunningService running;
-            QVERIFY(running.isRunning);
+            QVERIFY(running.isRunning());
             // Each one must be asked anew to tell of changes.
-            QTRY_COMPARE(running.service.subscriptions(), 1);
-            running.service.prepare(FakeService::Value, round);
+            QTRY_COMPARE(running.subscriptions(), 1);
+            running.prepare(RunningService::Value, round);
             QCOMPARE(settings.getOption(0, QStringLiteral("certs")), QVariant(round));
-            running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(round)});
+            running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(round)});
             QTRY_COMPARE(settings.changes.size(), round);
         }
         const PlatformLog log;
@@ -451,30 +413,30 @@ void TestFactorSettingsBase::serviceComesAndGoes()
     }
 }
 
-void TestFactorSettingsBase::deletedBeforeChange()
+void TstFactorSettingsBase::deletedBeforeChange()
 {
     RunningService running;
-    QVERIFY(running.isRunning);
+    QVERIFY(running.isRunning());
     std::unique_ptr<Settings> gone(new Settings);
     Settings settings;
-    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(1)});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(1)});
     gone.reset();
     QTRY_COMPARE(settings.changes.size(), 1);
 }
 
-void TestFactorSettingsBase::base()
+void TstFactorSettingsBase::base()
 {
     RunningService running;
-    QVERIFY(running.isRunning);
+    QVERIFY(running.isRunning());
     QObject parent;
     auto *settings = new FactorSettingsBase(&parent, own());
     QCOMPARE(settings->parent(), &parent);
     Settings witness;
-    running.tell(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(1)});
+    running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(1)});
     QTRY_COMPARE(witness.changes.size(), 1);
 }
 
-void TestFactorSettingsBase::busDies()
+void TstFactorSettingsBase::busDies()
 {
     Settings settings;
     m_bus.kill();
@@ -487,20 +449,20 @@ void TestFactorSettingsBase::busDies()
     QCOMPARE(log.lines().size(), 3);
 }
 
-void TestFactorSettingsBase::subscribes()
+void TstFactorSettingsBase::subscribes()
 {
     const Settings early;
     {
         const RunningService running;
-        QVERIFY(running.isRunning);
+        QVERIFY(running.isRunning());
         // A daemon that comes later knows of nobody.
-        QTRY_VERIFY(running.service.subscriptions() > 0);
+        QTRY_VERIFY(running.subscriptions() > 0);
     }
     const RunningService running;
-    QTRY_VERIFY(running.service.subscriptions() > 0);
-    const int before = running.service.subscriptions();
+    QTRY_VERIFY(running.subscriptions() > 0);
+    const int before = running.subscriptions();
     const Settings late;
-    QTRY_VERIFY(running.service.subscriptions() > before);
+    QTRY_VERIFY(running.subscriptions() > before);
 }
 
 int main(int argc, char *argv[])
@@ -508,7 +470,7 @@ int main(int argc, char *argv[])
     QCoreApplication application(argc, argv);
     if (QCoreApplication::arguments().contains(QLatin1String("--without-bus")))
         return tryWithoutBus();
-    TestFactorSettingsBase test;
+    TstFactorSettingsBase test;
     return QTest::qExec(&test, argc, argv);
 }
 

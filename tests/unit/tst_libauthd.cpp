@@ -16,7 +16,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-class TestLibAuthd : public QObject
+class TstLibAuthd : public QObject
 {
     Q_OBJECT
 
@@ -53,30 +53,30 @@ private:
     QScopedPointer<QTemporaryDir> m_directory;
 };
 
-void TestLibAuthd::init()
+void TstLibAuthd::init()
 {
     m_directory.reset(new QTemporaryDir);
     QVERIFY(m_directory->isValid());
     umask(022);
 }
 
-void TestLibAuthd::userName()
+void TstLibAuthd::userName()
 {
     QCOMPARE(LibAuthd::userName(0), QStringLiteral("root"));
     QCOMPARE(LibAuthd::userName(1000), QStringLiteral("alice"));
     QVERIFY(LibAuthd::userName(4000000000U).isNull());
 
     // An entry larger than any buffer that one would begin with, in the device's own file.
-    const QByteArray users = PlatformTest::readFile(QStringLiteral("/etc/passwd"));
+    const QByteArray users = TestDevice::readFile(QStringLiteral("/etc/passwd"));
     const QByteArray entry = "long:x:3999:3999:" + QByteArray(20000, 'x') + ":/:/bin/false\n";
-    QVERIFY(PlatformTest::writeFile(QStringLiteral("/etc/passwd"), users + entry));
+    QVERIFY(TestDevice::writeFile(QStringLiteral("/etc/passwd"), users + entry));
     const QString name = LibAuthd::userName(3999);
-    QVERIFY(PlatformTest::writeFile(QStringLiteral("/etc/passwd"), users));
+    QVERIFY(TestDevice::writeFile(QStringLiteral("/etc/passwd"), users));
     QCOMPARE(name, QStringLiteral("long"));
     QVERIFY(LibAuthd::userName(3999).isNull());
 }
 
-void TestLibAuthd::params()
+void TstLibAuthd::params()
 {
     using Map = QMap<QString, QVariant>;
     QCOMPARE(LibAuthd::inputRequestParams(2), (Map{{QStringLiteral("input-request-type"), 2}}));
@@ -85,7 +85,7 @@ void TestLibAuthd::params()
     QCOMPARE(LibAuthd::resultCodeParams(0).values().constFirst().userType(), int(QMetaType::Int));
 }
 
-void TestLibAuthd::newFile_data()
+void TstLibAuthd::newFile_data()
 {
     QTest::addColumn<int>("mask");
     QTest::newRow("no mask") << 0;
@@ -93,7 +93,7 @@ void TestLibAuthd::newFile_data()
     QTest::newRow("mask of everything") << 0777;
 }
 
-void TestLibAuthd::newFile()
+void TstLibAuthd::newFile()
 {
     QFETCH(int, mask);
     umask(mode_t(mask));
@@ -105,24 +105,24 @@ void TestLibAuthd::newFile()
     QCOMPARE(QFileInfo(path("file")).size(), 0);
 }
 
-void TestLibAuthd::existingFile_data()
+void TstLibAuthd::existingFile_data()
 {
     QTest::addColumn<int>("mode");
     for (const int mode : {0666, 0644, 0601, 0700, 04600, 01600, 0400, 0})
         QTest::newRow(QByteArray::number(mode, 8).constData()) << mode;
 }
 
-void TestLibAuthd::existingFile()
+void TstLibAuthd::existingFile()
 {
     QFETCH(int, mode);
-    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    QVERIFY(TestDevice::writeFile(path("file"), "content"));
     QCOMPARE(chmod(QFile::encodeName(path("file")).constData(), mode_t(mode)), 0);
     QVERIFY(LibAuthd::restrictPermissions(path("file")));
     QCOMPARE(PlatformTest::mode(path("file")), 0600);
-    QCOMPARE(PlatformTest::readFile(path("file")), QByteArray("content"));
+    QCOMPARE(TestDevice::readFile(path("file")), QByteArray("content"));
 }
 
-void TestLibAuthd::alreadyRestricted()
+void TstLibAuthd::alreadyRestricted()
 {
     const QByteArray name = QFile::encodeName(path("file"));
     QVERIFY(LibAuthd::restrictPermissions(path("file")));
@@ -137,7 +137,7 @@ void TestLibAuthd::alreadyRestricted()
     QCOMPARE(after.st_ctim.tv_nsec, before.st_ctim.tv_nsec);
 }
 
-void TestLibAuthd::symbolicLinks_data()
+void TstLibAuthd::symbolicLinks_data()
 {
     QTest::addColumn<QString>("target");
     QTest::newRow("to a file") << "file";
@@ -146,10 +146,10 @@ void TestLibAuthd::symbolicLinks_data()
     QTest::newRow("to itself") << "link";
 }
 
-void TestLibAuthd::symbolicLinks()
+void TstLibAuthd::symbolicLinks()
 {
     QFETCH(QString, target);
-    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    QVERIFY(TestDevice::writeFile(path("file"), "content"));
     QVERIFY(QFile::link(target, path("link")));
     const int directoryMode = PlatformTest::mode(m_directory->path());
 
@@ -162,9 +162,9 @@ void TestLibAuthd::symbolicLinks()
     QVERIFY(QFileInfo(path("link")).isSymLink());
 }
 
-void TestLibAuthd::hardLink()
+void TstLibAuthd::hardLink()
 {
-    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    QVERIFY(TestDevice::writeFile(path("file"), "content"));
     QCOMPARE(link(QFile::encodeName(path("file")).constData(), QFile::encodeName(path("second")).constData()), 0);
     errno = 0;
     QVERIFY(!LibAuthd::restrictPermissions(path("second")));
@@ -176,7 +176,7 @@ void TestLibAuthd::hardLink()
     QCOMPARE(PlatformTest::mode(path("second")), 0600);
 }
 
-void TestLibAuthd::directory()
+void TstLibAuthd::directory()
 {
     QVERIFY(QDir().mkpath(path("directory")));
     errno = 0;
@@ -185,7 +185,7 @@ void TestLibAuthd::directory()
     QCOMPARE(PlatformTest::mode(path("directory")), 0755);
 }
 
-void TestLibAuthd::specialFiles()
+void TstLibAuthd::specialFiles()
 {
     // Opening it for reading would wait for a writer, opening it for writing would wake a reader.
     QCOMPARE(mkfifo(QFile::encodeName(path("fifo")).constData(), 0644), 0);
@@ -212,20 +212,20 @@ void TestLibAuthd::specialFiles()
     QCOMPARE(PlatformTest::mode(QStringLiteral("/dev/null")), mode);
 }
 
-void TestLibAuthd::missingParent()
+void TstLibAuthd::missingParent()
 {
     errno = 0;
     QVERIFY(!LibAuthd::restrictPermissions(path("missing/file")));
     QCOMPARE(errno, ENOENT);
     QVERIFY(!QFile::exists(path("missing")));
 
-    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    QVERIFY(TestDevice::writeFile(path("file"), "content"));
     errno = 0;
     QVERIFY(!LibAuthd::restrictPermissions(path("file/file")));
     QCOMPARE(errno, ENOTDIR);
 }
 
-void TestLibAuthd::oddPaths()
+void TstLibAuthd::oddPaths()
 {
     errno = 0;
     QVERIFY(!LibAuthd::restrictPermissions(QString()));
@@ -238,9 +238,9 @@ void TestLibAuthd::oddPaths()
     QCOMPARE(PlatformTest::mode(path("with space; and $(more)")), 0600);
 }
 
-void TestLibAuthd::foreignFile()
+void TstLibAuthd::foreignFile()
 {
-    QVERIFY(PlatformTest::writeFile(path("file"), "content"));
+    QVERIFY(TestDevice::writeFile(path("file"), "content"));
     QVERIFY(QFile::setPermissions(m_directory->path(), QFile::Permissions(0x7755)));
     const int error = PlatformTest::inChild([&] {
         if (setresuid(65534, 65534, 65534) != 0)
@@ -251,7 +251,7 @@ void TestLibAuthd::foreignFile()
     QCOMPARE(PlatformTest::mode(path("file")), 0644);
 }
 
-void TestLibAuthd::noDescriptorLeft()
+void TstLibAuthd::noDescriptorLeft()
 {
     const QDir descriptors(QStringLiteral("/proc/self/fd"));
     QVERIFY(QFile::link(QStringLiteral("nowhere"), path("link")));
@@ -263,7 +263,7 @@ void TestLibAuthd::noDescriptorLeft()
     QCOMPARE(descriptors.entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size(), before);
 }
 
-void TestLibAuthd::createdInBetween()
+void TstLibAuthd::createdInBetween()
 {
     // Another process makes the file before each of the steps in turn.
     const QByteArray name = QFile::encodeName(path("file"));
@@ -297,11 +297,11 @@ void TestLibAuthd::createdInBetween()
     QVERIFY(steps > 5);
 }
 
-void TestLibAuthd::race()
+void TstLibAuthd::race()
 {
     // Another process swaps the name between nothing, a file and a link all the time; the link's target is never
     // touched, and the answer is always one of the honest ones.
-    QVERIFY(PlatformTest::writeFile(path("target"), "content"));
+    QVERIFY(TestDevice::writeFile(path("target"), "content"));
     const QByteArray name = QFile::encodeName(path("swapped"));
     const QByteArray target = QFile::encodeName(path("target"));
     const pid_t child = fork();
@@ -334,10 +334,10 @@ void TestLibAuthd::race()
     QVERIFY(done > 0);
     QVERIFY(refused > 0);
     QCOMPARE(PlatformTest::mode(path("target")), 0644);
-    QCOMPARE(PlatformTest::readFile(path("target")), QByteArray("content"));
+    QCOMPARE(TestDevice::readFile(path("target")), QByteArray("content"));
 }
 
-void TestLibAuthd::emptyScope()
+void TstLibAuthd::emptyScope()
 {
     const ValidationScope scope;
     QVERIFY(scope.rules().isEmpty());
@@ -346,7 +346,7 @@ void TestLibAuthd::emptyScope()
     QCOMPARE(int(scope.rulesFor(QStringLiteral("certs"))), 0);
 }
 
-void TestLibAuthd::scope()
+void TstLibAuthd::scope()
 {
     QCOMPARE(int(RootOnly), 1);
     QCOMPARE(int(TypeOfDefault), 2);
@@ -375,6 +375,6 @@ void TestLibAuthd::scope()
     QCOMPARE(copy.rules(), rules);
 }
 
-QTEST_APPLESS_MAIN(TestLibAuthd)
+QTEST_APPLESS_MAIN(TstLibAuthd)
 
 #include "tst_libauthd.moc"

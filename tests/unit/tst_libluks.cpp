@@ -32,7 +32,7 @@ extern "C" Q_DECL_EXPORT crypt_status_info crypt_status(crypt_device *device, co
     return real(device, name);
 }
 
-class TestLibLuks : public QObject
+class TstLibLuks : public QObject
 {
     Q_OBJECT
 
@@ -50,7 +50,7 @@ private Q_SLOTS:
     void readAfresh();
 };
 
-void TestLibLuks::init()
+void TstLibLuks::init()
 {
     PlatformTest::removeAll(configuration);
     QDir().mkpath(QStringLiteral("/etc/authd"));
@@ -58,7 +58,7 @@ void TestLibLuks::init()
     asked.clear();
 }
 
-void TestLibLuks::noConfiguration()
+void TstLibLuks::noConfiguration()
 {
     QVERIFY(LibLuks::isDeviceActive());
     PlatformTest::removeAll(QStringLiteral("/etc/authd"));
@@ -66,7 +66,7 @@ void TestLibLuks::noConfiguration()
     QVERIFY(asked.isNull());
 }
 
-void TestLibLuks::states_data()
+void TstLibLuks::states_data()
 {
     QTest::addColumn<int>("status");
     QTest::addColumn<bool>("active");
@@ -76,19 +76,19 @@ void TestLibLuks::states_data()
     QTest::newRow("invalid") << int(CRYPT_INVALID) << false;
 }
 
-void TestLibLuks::states()
+void TstLibLuks::states()
 {
     QFETCH(int, status);
-    QVERIFY(PlatformTest::writeFile(configuration, "# ours\n[Partition]\nDevice=vault\n"));
+    QVERIFY(TestDevice::writeFile(configuration, "# ours\n[Partition]\nDevice=vault\n"));
     prepared = crypt_status_info(status);
     isPrepared = true;
     QTEST(LibLuks::isDeviceActive(), "active");
     QCOMPARE(asked, QByteArray("vault"));
 }
 
-void TestLibLuks::realMapping()
+void TstLibLuks::realMapping()
 {
-    QVERIFY(PlatformTest::writeFile(configuration, "[Partition]\nDevice=no-such-mapping\n"));
+    QVERIFY(TestDevice::writeFile(configuration, "[Partition]\nDevice=no-such-mapping\n"));
     // The library's own messages must not reach the streams of the process.
     const QString printed = QStringLiteral("/tmp/tst_libluks-printed");
     const int active = PlatformTest::inChild([&] {
@@ -99,10 +99,10 @@ void TestLibLuks::realMapping()
     });
     QCOMPARE(active, 0);
     QVERIFY(QFile::exists(printed));
-    QCOMPARE(PlatformTest::readFile(printed), QByteArray());
+    QCOMPARE(TestDevice::readFile(printed), QByteArray());
 }
 
-void TestLibLuks::broken_data()
+void TstLibLuks::broken_data()
 {
     QTest::addColumn<QByteArray>("content");
     QTest::newRow("empty") << QByteArray("");
@@ -119,17 +119,17 @@ void TestLibLuks::broken_data()
     QTest::newRow("too large") << QByteArray("[Partition]\nDevice=vault\n") + QByteArray("#\n").repeated(512 * 1024);
 }
 
-void TestLibLuks::broken()
+void TstLibLuks::broken()
 {
     QFETCH(QByteArray, content);
-    QVERIFY(PlatformTest::writeFile(configuration, content));
+    QVERIFY(TestDevice::writeFile(configuration, content));
     prepared = CRYPT_ACTIVE;
     isPrepared = true;
     QVERIFY(!LibLuks::isDeviceActive());
     QVERIFY(asked.isNull());
 }
 
-void TestLibLuks::specialFiles()
+void TstLibLuks::specialFiles()
 {
     prepared = CRYPT_ACTIVE;
     isPrepared = true;
@@ -144,15 +144,15 @@ void TestLibLuks::specialFiles()
 
     // A link is root's to make in this directory.
     PlatformTest::removeAll(configuration);
-    QVERIFY(PlatformTest::writeFile(QStringLiteral("/etc/authd/real.conf"), "[Partition]\nDevice=linked\n"));
+    QVERIFY(TestDevice::writeFile(QStringLiteral("/etc/authd/real.conf"), "[Partition]\nDevice=linked\n"));
     QVERIFY(QFile::link(QStringLiteral("real.conf"), configuration));
     QVERIFY(LibLuks::isDeviceActive());
     QCOMPARE(asked, QByteArray("linked"));
 }
 
-void TestLibLuks::unreadable()
+void TstLibLuks::unreadable()
 {
-    QVERIFY(PlatformTest::writeFile(configuration, "[Partition]\nDevice=vault\n"));
+    QVERIFY(TestDevice::writeFile(configuration, "[Partition]\nDevice=vault\n"));
     QCOMPARE(chmod(QFile::encodeName(configuration).constData(), 0), 0);
     prepared = CRYPT_ACTIVE;
     isPrepared = true;
@@ -166,17 +166,17 @@ void TestLibLuks::unreadable()
     QCOMPARE(active, 0);
 }
 
-void TestLibLuks::readAfresh()
+void TstLibLuks::readAfresh()
 {
     isPrepared = true;
     prepared = CRYPT_INACTIVE;
     QVERIFY(LibLuks::isDeviceActive());
-    QVERIFY(PlatformTest::writeFile(configuration, "[Partition]\nDevice=vault\n"));
+    QVERIFY(TestDevice::writeFile(configuration, "[Partition]\nDevice=vault\n"));
     QVERIFY(!LibLuks::isDeviceActive());
     prepared = CRYPT_ACTIVE;
     QVERIFY(LibLuks::isDeviceActive());
 }
 
-QTEST_APPLESS_MAIN(TestLibLuks)
+QTEST_APPLESS_MAIN(TstLibLuks)
 
 #include "tst_libluks.moc"

@@ -14,7 +14,7 @@
 
 using AppManifest::ManifestEntry;
 
-class TestManifestEntry : public QObject
+class TstManifestEntry : public QObject
 {
     Q_OBJECT
 
@@ -38,13 +38,13 @@ private:
     std::optional<ManifestEntry> read(const QByteArray &content)
     {
         const QString file = path("entry.desktop");
-        return PlatformTest::writeFile(file, content) ? ManifestEntry::fromFilename(file.toStdString()) : std::nullopt;
+        return TestDevice::writeFile(file, content) ? ManifestEntry::fromFilename(file.toStdString()) : std::nullopt;
     }
 
     QTemporaryDir m_directory;
 };
 
-void TestManifestEntry::complete()
+void TstManifestEntry::complete()
 {
     const auto entry = read("[Desktop Entry]\nName=Client\n\n# ours\n[X-Application]\nApplicationName=kavet_client\n"
                             "OrganizationName=tarsk\nExecCmd=/usr/bin/tarsk.kavet_client --name \"a b\" %u\n"
@@ -56,7 +56,7 @@ void TestManifestEntry::complete()
     QCOMPARE(entry->appPermissions(), (std::vector<std::string>{"Base", "Token", "Сеть"}));
 }
 
-void TestManifestEntry::missingKeys()
+void TstManifestEntry::missingKeys()
 {
     const auto entry = read("[X-Application]\n");
     QVERIFY(entry);
@@ -73,7 +73,7 @@ void TestManifestEntry::missingKeys()
     QCOMPARE(read("[X-Application]\n[Desktop Entry]\nExecCmd=e\n")->exec(), std::string());
 }
 
-void TestManifestEntry::texts_data()
+void TstManifestEntry::texts_data()
 {
     QTest::addColumn<QByteArray>("written");
     QTest::addColumn<QByteArray>("read");
@@ -87,7 +87,7 @@ void TestManifestEntry::texts_data()
     QTest::newRow("non-ASCII") << QByteArray("/opt/клиент") << QByteArray("/opt/клиент");
 }
 
-void TestManifestEntry::texts()
+void TstManifestEntry::texts()
 {
     QFETCH(QByteArray, written);
     QFETCH(QByteArray, read);
@@ -100,7 +100,7 @@ void TestManifestEntry::texts()
     QCOMPARE(entry->appPermissions(), std::vector<std::string>{"P"});
 }
 
-void TestManifestEntry::permissions_data()
+void TstManifestEntry::permissions_data()
 {
     QTest::addColumn<QByteArray>("written");
     QTest::addColumn<QStringList>("read");
@@ -121,7 +121,7 @@ void TestManifestEntry::permissions_data()
                           << QStringList(QVector<QString>(5000, QStringLiteral("p")).toList());
 }
 
-void TestManifestEntry::permissions()
+void TstManifestEntry::permissions()
 {
     QFETCH(QByteArray, written);
     const auto entry = read("[X-Application]\nPermissions=" + written + "\n");
@@ -132,7 +132,7 @@ void TestManifestEntry::permissions()
     QTEST(names, "read");
 }
 
-void TestManifestEntry::absent_data()
+void TstManifestEntry::absent_data()
 {
     QTest::addColumn<QByteArray>("content");
     QTest::newRow("empty") << QByteArray("");
@@ -154,13 +154,13 @@ void TestManifestEntry::absent_data()
     QTest::newRow("too large") << QByteArray("[X-Application]\n") + QByteArray("#\n").repeated(512 * 1024);
 }
 
-void TestManifestEntry::absent()
+void TstManifestEntry::absent()
 {
     QFETCH(QByteArray, content);
     QVERIFY(!read(content));
 }
 
-void TestManifestEntry::largest()
+void TstManifestEntry::largest()
 {
     QByteArray content("[X-Application]\nExecCmd=e\n#");
     content += QByteArray(1024 * 1024 - content.size(), 'x');
@@ -170,9 +170,9 @@ void TestManifestEntry::largest()
     QVERIFY(!read(content + 'x'));
 }
 
-void TestManifestEntry::links()
+void TstManifestEntry::links()
 {
-    QVERIFY(PlatformTest::writeFile(path("target"), "[X-Application]\nExecCmd=linked\n"));
+    QVERIFY(TestDevice::writeFile(path("target"), "[X-Application]\nExecCmd=linked\n"));
     QVERIFY(QFile::link(path("target"), path("link")));
     QVERIFY(QFile::link(path("nowhere"), path("dangling")));
     QVERIFY(QFile::link(path("circle"), path("circle")));
@@ -186,7 +186,7 @@ void TestManifestEntry::links()
     QVERIFY(!ManifestEntry::fromFilename(std::string()));
 }
 
-void TestManifestEntry::specialFiles()
+void TstManifestEntry::specialFiles()
 {
     QVERIFY(QDir().mkpath(path("directory")));
     QVERIFY(!ManifestEntry::fromFilename(path("directory").toStdString()));
@@ -214,10 +214,10 @@ void TestManifestEntry::specialFiles()
     close(fd);
 }
 
-void TestManifestEntry::unreadable()
+void TstManifestEntry::unreadable()
 {
     const QString file = path("unreadable");
-    QVERIFY(PlatformTest::writeFile(file, "[X-Application]\nExecCmd=e\n"));
+    QVERIFY(TestDevice::writeFile(file, "[X-Application]\nExecCmd=e\n"));
     QVERIFY(QFile::setPermissions(m_directory.path(), QFile::Permissions(0x7755)));
     QCOMPARE(chmod(QFile::encodeName(file).constData(), 0), 0);
     // Root reads every file, so that nobody has to try.
@@ -229,13 +229,13 @@ void TestManifestEntry::unreadable()
     QCOMPARE(found, 0);
 }
 
-void TestManifestEntry::pathWithZero()
+void TstManifestEntry::pathWithZero()
 {
-    QVERIFY(PlatformTest::writeFile(path("whole"), "[X-Application]\nExecCmd=e\n"));
+    QVERIFY(TestDevice::writeFile(path("whole"), "[X-Application]\nExecCmd=e\n"));
     QVERIFY(ManifestEntry::fromFilename(path("whole").toStdString()));
     QVERIFY(!ManifestEntry::fromFilename(path("whole").toStdString() + std::string("\0.desktop", 9)));
 }
 
-QTEST_APPLESS_MAIN(TestManifestEntry)
+QTEST_APPLESS_MAIN(TstManifestEntry)
 
 #include "tst_manifestentry.moc"

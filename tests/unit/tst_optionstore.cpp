@@ -25,8 +25,8 @@
 
 using PlatformTest::mode;
 using PlatformTest::PlatformLog;
-using PlatformTest::readFile;
-using PlatformTest::writeFile;
+using TestDevice::readFile;
+using TestDevice::writeFile;
 
 namespace {
 
@@ -171,7 +171,7 @@ bool becomeNobody()
 
 } // namespace
 
-class TestOptionStore : public QObject
+class TstOptionStore : public QObject
 {
     Q_OBJECT
 
@@ -222,13 +222,13 @@ private Q_SLOTS:
     void inherited();
 };
 
-void TestOptionStore::init()
+void TstOptionStore::init()
 {
     PlatformTest::removeAll(store);
     umask(022);
 }
 
-void TestOptionStore::types_data()
+void TstOptionStore::types_data()
 {
     QTest::addColumn<QVariant>("value");
     const auto row = [](const char *name, const QVariant &value) {
@@ -281,7 +281,7 @@ void TestOptionStore::types_data()
     row("bytes of every kind", all);
 }
 
-void TestOptionStore::types()
+void TstOptionStore::types()
 {
     QFETCH(QVariant, value);
     const PlatformLog log;
@@ -299,7 +299,7 @@ void TestOptionStore::types()
     QCOMPARE(log.lines(), QStringList());
 }
 
-void TestOptionStore::refusedValues_data()
+void TstOptionStore::refusedValues_data()
 {
     QTest::addColumn<QVariant>("value");
     QTest::addColumn<QString>("type");
@@ -319,7 +319,7 @@ void TestOptionStore::refusedValues_data()
                                << "QStringList";
 }
 
-void TestOptionStore::refusedValues()
+void TstOptionStore::refusedValues()
 {
     QFETCH(QVariant, value);
     QFETCH(QString, type);
@@ -338,7 +338,7 @@ void TestOptionStore::refusedValues()
     QVERIFY(daemon.calls.isEmpty());
 }
 
-void TestOptionStore::tooLong()
+void TstOptionStore::tooLong()
 {
     Handler handler;
     QVERIFY(handler.setOptionInternal(alice, text, 1));
@@ -352,7 +352,7 @@ void TestOptionStore::tooLong()
     QCOMPARE(log.lines(), QStringList());
 }
 
-void TestOptionStore::names_data()
+void TstOptionStore::names_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<bool>("legal");
@@ -365,7 +365,7 @@ void TestOptionStore::names_data()
     QTest::newRow("half a pair") << QString(QChar(0xd83d)) << false;
 }
 
-void TestOptionStore::names()
+void TstOptionStore::names()
 {
     QFETCH(QString, name);
     QFETCH(bool, legal);
@@ -384,7 +384,7 @@ void TestOptionStore::names()
         QVERIFY(log.lines().constFirst().startsWith(QLatin1String("Not a name for an option \"probe\" ")));
 }
 
-void TestOptionStore::methodNames_data()
+void TstOptionStore::methodNames_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<bool>("legal");
@@ -395,7 +395,7 @@ void TestOptionStore::methodNames_data()
             << QString::fromUtf8(name) << false;
 }
 
-void TestOptionStore::methodNames()
+void TstOptionStore::methodNames()
 {
     QFETCH(QString, name);
     QFETCH(bool, legal);
@@ -414,7 +414,7 @@ void TestOptionStore::methodNames()
         QVERIFY(line.startsWith(QLatin1String("Not a name for a method \"")));
 }
 
-void TestOptionStore::files()
+void TstOptionStore::files()
 {
     Handler probe;
     Handler other(QStringLiteral("other"));
@@ -437,7 +437,7 @@ void TestOptionStore::files()
     QCOMPARE(entries(store + QStringLiteral("/methods/probe")), QStringList{QStringLiteral("current.conf")});
 }
 
-void TestOptionStore::modes()
+void TstOptionStore::modes()
 {
     umask(0);
     Handler handler;
@@ -459,7 +459,7 @@ void TestOptionStore::modes()
     QCOMPARE(mode(userFile), 0600);
 }
 
-void TestOptionStore::defaults()
+void TstOptionStore::defaults()
 {
     Handler handler;
     const PlatformLog log;
@@ -478,7 +478,7 @@ void TestOptionStore::defaults()
     QVERIFY(QFileInfo::exists(methodFile));
 }
 
-void TestOptionStore::removal()
+void TstOptionStore::removal()
 {
     Handler handler;
     Handler other(QStringLiteral("other"));
@@ -501,7 +501,7 @@ void TestOptionStore::removal()
     QVERIFY(!QFileInfo::exists(userFile));
 }
 
-void TestOptionStore::userRemoved()
+void TstOptionStore::userRemoved()
 {
     Handler handler;
     Handler other(QStringLiteral("other"));
@@ -527,7 +527,7 @@ void TestOptionStore::userRemoved()
     QCOMPARE(log.lines(), QStringList());
 }
 
-void TestOptionStore::changedByOthers()
+void TstOptionStore::changedByOthers()
 {
     Handler handler;
     QVERIFY(handler.setOptionInternal(alice, number, 3));
@@ -553,7 +553,7 @@ void TestOptionStore::changedByOthers()
     QCOMPARE(log.lines(), QStringList());
 }
 
-void TestOptionStore::damagedFile_data()
+void TstOptionStore::damagedFile_data()
 {
     QTest::addColumn<QString>("kind");
     QTest::addColumn<QByteArray>("content");
@@ -572,7 +572,7 @@ void TestOptionStore::damagedFile_data()
         QTest::newRow(kind) << QString::fromLatin1(kind) << QByteArray();
 }
 
-void TestOptionStore::damagedFile()
+void TstOptionStore::damagedFile()
 {
     QFETCH(QString, kind);
     QFETCH(QByteArray, content);
@@ -614,7 +614,7 @@ void TestOptionStore::damagedFile()
     QCOMPARE(readFile(target), QByteArray("[probe]\nnumber=9\n"));
 }
 
-void TestOptionStore::damagedValues_data()
+void TstOptionStore::damagedValues_data()
 {
     QTest::addColumn<QByteArray>("damage");
     QTest::newRow("nothing") << QByteArray("");
@@ -629,7 +629,7 @@ void TestOptionStore::damagedValues_data()
     QTest::newRow("deep") << QByteArray("[").repeated(100000);
 }
 
-void TestOptionStore::damagedValues()
+void TstOptionStore::damagedValues()
 {
     QFETCH(QByteArray, damage);
     const QString damaged = userFile + QStringLiteral(".damaged");
@@ -657,7 +657,7 @@ void TestOptionStore::damagedValues()
     QCOMPARE(readFile(userFile), QByteArray("[probe]\nnumber=6\nflag=true\n\n[other]\nlist=['x']\n"));
 }
 
-void TestOptionStore::damagedTwice()
+void TstOptionStore::damagedTwice()
 {
     Handler handler;
     const PlatformLog log;
@@ -672,7 +672,7 @@ void TestOptionStore::damagedTwice()
     QCOMPARE(entries(store + QStringLiteral("/users")).size(), 4);
 }
 
-void TestOptionStore::cannotSetAside()
+void TstOptionStore::cannotSetAside()
 {
     for (const QByteArray &content : {QByteArray("no key file"), QByteArray("[probe]\nnumber=5\ntext=damage\n")}) {
         init();
@@ -702,7 +702,7 @@ void TestOptionStore::cannotSetAside()
     }
 }
 
-void TestOptionStore::unreadable()
+void TstOptionStore::unreadable()
 {
     const QByteArray content = "[probe]\nnumber=5\n";
     QVERIFY(writeFile(userFile, content));
@@ -735,7 +735,7 @@ void TestOptionStore::unreadable()
     QCOMPARE(entries(store + QStringLiteral("/users")), QStringList{QStringLiteral("1000.conf")});
 }
 
-void TestOptionStore::notADirectory()
+void TstOptionStore::notADirectory()
 {
     QVERIFY(writeFile(store + QStringLiteral("/users"), "a file"));
     Handler handler;
@@ -750,7 +750,7 @@ void TestOptionStore::notADirectory()
     QVERIFY(handler.setOptionInternal(alice, number, 6));
 }
 
-void TestOptionStore::danglingDirectory()
+void TstOptionStore::danglingDirectory()
 {
     QVERIFY(QFile::link(QStringLiteral("/tmp/nowhere"), store));
     Handler handler;
@@ -762,7 +762,7 @@ void TestOptionStore::danglingDirectory()
     QVERIFY(!QFileInfo::exists(QStringLiteral("/tmp/nowhere")));
 }
 
-void TestOptionStore::notWritable()
+void TstOptionStore::notWritable()
 {
     Handler handler;
     QVERIFY(handler.setOptionInternal(alice, number, 5));
@@ -796,7 +796,7 @@ void TestOptionStore::notWritable()
     QVERIFY(!QFileInfo::exists(store + QStringLiteral("/methods")));
 }
 
-void TestOptionStore::fullDisk()
+void TstOptionStore::fullDisk()
 {
     Handler handler;
     QVERIFY(handler.setOptionInternal(alice, number, 5));
@@ -816,7 +816,7 @@ void TestOptionStore::fullDisk()
     QCOMPARE(entries(store + QStringLiteral("/users")), QStringList{QStringLiteral("1000.conf")});
 }
 
-void TestOptionStore::durable()
+void TstOptionStore::durable()
 {
     const QString directory = QStringLiteral("mkdir");
     const QString sync = QStringLiteral("fsync");
@@ -836,7 +836,7 @@ void TestOptionStore::durable()
              (QStringList{QStringLiteral("unlink"), sync}));
 }
 
-void TestOptionStore::killedAtEveryStep_data()
+void TstOptionStore::killedAtEveryStep_data()
 {
     QTest::addColumn<QByteArray>("before");
     QTest::addColumn<QVariant>("old");
@@ -849,7 +849,7 @@ void TestOptionStore::killedAtEveryStep_data()
                                    << QVariant(5) << QVariant(6);
 }
 
-void TestOptionStore::killedAtEveryStep()
+void TstOptionStore::killedAtEveryStep()
 {
     QFETCH(QByteArray, before);
     QFETCH(QVariant, old);
@@ -888,7 +888,7 @@ void TestOptionStore::killedAtEveryStep()
     QCOMPARE(left > 0, value.isValid() || before.contains("other"));
 }
 
-void TestOptionStore::killedWriter()
+void TstOptionStore::killedWriter()
 {
     struct Progress
     {
@@ -941,7 +941,7 @@ void TestOptionStore::killedWriter()
     munmap(progress, sizeof(Progress));
 }
 
-void TestOptionStore::leftovers()
+void TstOptionStore::leftovers()
 {
     Handler handler;
     const QStringList kept = {QStringLiteral("1000.conf.damaged"), QStringLiteral("1000.conf.damaged.1"),
@@ -958,7 +958,7 @@ void TestOptionStore::leftovers()
     QCOMPARE(left.size(), kept.size() + 1);
 }
 
-void TestOptionStore::twoProcesses()
+void TstOptionStore::twoProcesses()
 {
     constexpr int Rounds = 200;
     const auto work = [](const QString &method) {
@@ -987,7 +987,7 @@ void TestOptionStore::twoProcesses()
     }
 }
 
-void TestOptionStore::noDescriptorLeft()
+void TstOptionStore::noDescriptorLeft()
 {
     Handler handler;
     const PlatformLog log;
@@ -1051,7 +1051,7 @@ bool isStorable(const QVariant &value)
 
 } // namespace
 
-void TestOptionStore::likeAMap()
+void TstOptionStore::likeAMap()
 {
     const bool held = rc::check("the store answers like a map", [this] {
         init();
@@ -1107,7 +1107,7 @@ void TestOptionStore::likeAMap()
     QVERIFY(held);
 }
 
-void TestOptionStore::setOption()
+void TstOptionStore::setOption()
 {
     Handler handler;
     RecordingDaemon daemon;
@@ -1142,7 +1142,7 @@ void TestOptionStore::setOption()
     QVERIFY(!QFileInfo::exists(userFile));
 }
 
-void TestOptionStore::notifications()
+void TstOptionStore::notifications()
 {
     using Call = RecordingDaemon::Call;
     Handler handler;
@@ -1198,7 +1198,7 @@ void TestOptionStore::notifications()
     QCOMPARE(second.calls.size(), 1);
 }
 
-void TestOptionStore::noNotificator()
+void TstOptionStore::noNotificator()
 {
     Handler handler;
     handler.logEvent(QString(), QString(), QString());
@@ -1213,7 +1213,7 @@ void TestOptionStore::noNotificator()
     QCOMPARE(handler.getOptionInternal(alice, number), QVariant(4));
 }
 
-void TestOptionStore::inherited()
+void TstOptionStore::inherited()
 {
     Handler handler;
     QVERIFY(handler.canSwitchToUser(alice));
@@ -1232,6 +1232,6 @@ void TestOptionStore::inherited()
     QVERIFY(!handler.parent());
 }
 
-QTEST_APPLESS_MAIN(TestOptionStore)
+QTEST_APPLESS_MAIN(TstOptionStore)
 
 #include "tst_optionstore.moc"

@@ -2,14 +2,15 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "methodfixture.h"
 #include "support/logcapture.h"
+#include "support/wiper.h"
 
-#include <QDBusConnection>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QTest>
 
 #include <csignal>
+#include <memory>
 
 #include <unistd.h>
 
@@ -66,19 +67,6 @@ private:
 
 } // namespace
 
-/// Stands in for the service that removes users' data.
-class Wiper : public QObject
-{
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "qarv.userdata.wiper")
-
-public:
-    QStringList users;
-
-public Q_SLOTS:
-    void ProcessTargetUser(const QString &user) { users << user; }
-};
-
 class TstSession : public QObject
 {
     Q_OBJECT
@@ -121,23 +109,24 @@ private Q_SLOTS:
 
 private:
     QByteArray m_passwords;
-    Wiper m_wiper;
+    std::unique_ptr<Wiper> m_wiper;
 };
 
 void TstSession::initTestCase()
 {
     m_passwords = readFile(passwdFile);
-    QCOMPARE(QProcess::execute(QStringLiteral(SYSTEM_BUS), {}), 0);
-    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("wiper"));
-    QVERIFY2(bus.isConnected(), qPrintable(bus.lastError().message()));
-    QVERIFY(bus.registerObject(QStringLiteral("/qarv/userdata/wiper"), &m_wiper, QDBusConnection::ExportAllSlots));
-    QVERIFY(bus.registerService(QStringLiteral("qarv.userdata.wiper")));
+    QVERIFY(startSystemBus());
 }
 
 void TstSession::init()
 {
     reset();
-    m_wiper.users.clear();
+    m_wiper = std::make_unique<Wiper>();
+    const QString success = QStringLiteral("success");
+    m_wiper->setScript({{QStringLiteral("alice"), success},
+                        {QStringLiteral("bob"), success},
+                        {QString::fromLatin1("b\xc3\xb6"), success}});
+    QVERIFY(m_wiper->start());
 }
 
 void TstSession::cleanup()
@@ -280,7 +269,7 @@ void TstSession::startWithoutManaging()
     f.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("success")));
     QTRY_COMPARE(f.daemon.outcomes(), QVector<RecordingDaemon::Call>{RecordingDaemon::succeeded()});
     QCOMPARE(f.d->child.processId(), pid);
-    QVERIFY(m_wiper.users.isEmpty());
+    QVERIFY(m_wiper->calls().isEmpty());
 }
 
 void TstSession::startKillsRunningClient_data()
@@ -387,7 +376,7 @@ void TstSession::databaseIsLatin1()
     f.method.handleUserSessionTriggered(carol, true, true);
     QCOMPARE(f.d->child.homeDirectory, QString::fromLatin1("/srv/homes/c\xc3\xa4rol"));
     f.method.handleUserSessionTriggered(bob, true, true);
-    QTRY_COMPARE(m_wiper.users, QStringList{QString::fromLatin1("b\xc3\xb6")});
+    QTRY_COMPARE(m_wiper->calls(), QVector<QJsonObject>{Wiper::callFor(QString::fromLatin1("b\xc3\xb6"))});
 }
 
 void TstSession::delayedDeletionCallsTheWiper()
@@ -406,9 +395,8 @@ void TstSession::delayedDeletionCallsTheWiper()
     f.daemon.calls.clear();
 
     f.method.handleUserSessionTriggered(alice, true, true);
-    QVERIFY(m_wiper.users.isEmpty());
     // Calls keep their order on the bus, so those above would have been seen too.
-    QTRY_COMPARE(m_wiper.users, QStringList{QStringLiteral("alice")});
+    QTRY_COMPARE(m_wiper->calls(), QVector<QJsonObject>{Wiper::callFor(QStringLiteral("alice"))});
     QTRY_COMPARE(f.daemon.calls, (QVector<RecordingDaemon::Call>{
                                      {QStringLiteral("optionChanged"), {alice, delayedDeletion, false, false}}}));
 
@@ -416,7 +404,8 @@ void TstSession::delayedDeletionCallsTheWiper()
     // Whatever converts to true is a mark.
     QVERIFY(f.method.setOptionInternal(bob, delayedDeletion, QStringLiteral("yes")));
     f.method.handleUserSessionTriggered(bob, true, true);
-    QTRY_COMPARE(m_wiper.users, (QStringList{QStringLiteral("alice"), QStringLiteral("bob")}));
+    QTRY_COMPARE(m_wiper->calls(), (QVector<QJsonObject>{Wiper::callFor(QStringLiteral("alice")),
+                                                         Wiper::callFor(QStringLiteral("bob"))}));
 }
 
 void TstSession::stopWithoutManifest()

@@ -2,12 +2,12 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "settings/settingskavet.h"
 #include "settings/userconfigpath.h"
+#include "support/fakeservice.h"
 
 #include <authd/authservice.h>
 #include <authd/vocabulary.h>
 
 #include <QDBusConnection>
-#include <QDBusContext>
 #include <QDBusMessage>
 #include <QDBusVariant>
 #include <QMap>
@@ -17,8 +17,8 @@
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
-#include <QThread>
 
+#include <memory>
 #include <utility>
 
 namespace AuthService = LibAuthd::AuthService;
@@ -43,22 +43,13 @@ struct Question
     }
 };
 
-/// Stands in for the authentication service: answers from a table and records what it was asked. It lives in a thread
-/// of its own, as whoever asks waits for the answer.
-class FakeService : public QObject, protected QDBusContext
+/// A fake authentication service that replies from a table and records the questions.
+class OptionService
 {
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "qarv.AuthService")
-
 public:
-    bool serve()
-    {
-        QDBusConnection bus = connection();
-        return bus.registerObject(AuthService::ObjectPath, this, QDBusConnection::ExportAllSlots)
-               && bus.registerService(AuthService::Service);
-    }
+    bool isRunning() const { return m_service.isRunning(); }
 
-    /// Starts anew with an empty table.
+    /// Starts again with an empty table.
     void clear()
     {
         const QMutexLocker locker(&m_mutex);
@@ -79,7 +70,7 @@ public:
         return std::exchange(m_questions, {});
     }
 
-    /// Tells everybody that an option has changed.
+    /// Sends the signal for a changed option.
     void announce(uint uid, const QString &method, const QString &option, const QVariant &value)
     {
         QDBusMessage signal = QDBusMessage::createSignal(AuthService::ObjectPath, AuthService::Interface,
@@ -88,35 +79,35 @@ public:
         if (uid != 0)
             signal << uid;
         signal << method << option << QVariant::fromValue(QDBusVariant(value));
-        connection().send(signal);
-    }
-
-public Q_SLOTS:
-    QDBusVariant GetMethodOption(const QString &method, const QString &option) { return answer(0, method, option); }
-    QDBusVariant GetUserMethodOption(uint uid, const QString &method, const QString &option)
-    {
-        return answer(uid, method, option);
+        m_service.send(signal);
     }
 
 private:
+    void handle(const QDBusMessage &call, const QDBusConnection &bus)
+    {
+        QVariantList arguments = call.arguments();
+        if (call.member() == QLatin1String("GetMethodOption"))
+            arguments.prepend(0U);
+        else if (call.member() != QLatin1String("GetUserMethodOption")) {
+            bus.send(call.createReply());
+            return;
+        }
+        const Question question = {arguments.at(0).toUInt(), arguments.at(1).toString(), arguments.at(2).toString()};
+        const QMutexLocker locker(&m_mutex);
+        m_questions << question;
+        const QVariant value = m_values.value({question.uid, question.option});
+        bus.send(value.isValid()
+                     ? call.createReply(QVariant::fromValue(QDBusVariant(value)))
+                     : call.createErrorReply(QStringLiteral("qarv.AuthService.Error.NoSuchOption"), question.option));
+    }
+
     QMutex m_mutex;
     QMap<QPair<uint, QString>, QVariant> m_values;
     QVector<Question> m_questions;
-
-    static QDBusConnection connection()
-    {
-        return QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("service"));
-    }
-
-    QDBusVariant answer(uint uid, const QString &method, const QString &option)
-    {
-        const QMutexLocker locker(&m_mutex);
-        m_questions << Question{uid, method, option};
-        const QVariant value = m_values.value({uid, option});
-        if (!value.isValid())
-            sendErrorReply(QStringLiteral("qarv.AuthService.Error.NoSuchOption"), option);
-        return QDBusVariant(value);
-    }
+    const FakeService m_service{AuthService::Service, AuthService::ObjectPath,
+                                [this](const QDBusMessage &call, const QDBusConnection &bus) {
+                                    handle(call, bus);
+                                }};
 };
 
 /// Records the names of the signals of a settings object, in their order.
@@ -157,22 +148,16 @@ private Q_SLOTS:
     void initTestCase()
     {
         QCOMPARE(QProcess::execute(QStringLiteral(SYSTEM_BUS), {}), 0);
-        m_service.moveToThread(&m_thread);
-        m_thread.start();
-        QVERIFY(m_service.serve());
+        m_service = std::make_unique<OptionService>();
+        QVERIFY(m_service->isRunning());
         // A connection holds signals back until the event loop has run once, and then lets later ones overtake them.
         QVERIFY(QDBusConnection::systemBus().isConnected());
         QCoreApplication::processEvents();
     }
 
-    void cleanupTestCase()
-    {
-        QDBusConnection::disconnectFromBus(QStringLiteral("service"));
-        m_thread.quit();
-        m_thread.wait();
-    }
+    void cleanupTestCase() { m_service.reset(); }
 
-    void init() { m_service.clear(); }
+    void init() { m_service->clear(); }
 
     void metaObjectMethods()
     {
@@ -252,20 +237,20 @@ private Q_SLOTS:
 
     void construction()
     {
-        m_service.setValue(0, certsOption, QStringList(QStringLiteral(".")));
+        m_service->setValue(0, certsOption, QStringList(QStringLiteral(".")));
         QObject parent;
         const auto *settings = new SettingsKavet(&parent);
         QCOMPARE(settings->parent(), &parent);
         QCOMPARE(settings->certList(), QStringList());
         QVERIFY(settings->certListIsUpdating());
         QCOMPARE(settings->uid(), 0U);
-        QCOMPARE(m_service.takeQuestions(), QVector<Question>({{0, kavetName, certsOption}}));
+        QCOMPARE(m_service->takeQuestions(), QVector<Question>({{0, kavetName, certsOption}}));
     }
 
     void constructionWithCerts()
     {
         const QStringList certs = {QStringLiteral("one"), QStringLiteral("two")};
-        m_service.setValue(0, certsOption, certs);
+        m_service->setValue(0, certsOption, certs);
         const SettingsKavet settings(nullptr);
         QCOMPARE(settings.certList(), certs);
         QVERIFY(!settings.certListIsUpdating());
@@ -331,12 +316,12 @@ private Q_SLOTS:
         QFETCH(QStringList, certs);
         QFETCH(bool, updating);
 
-        m_service.setValue(0, certsOption, QStringList(QStringLiteral("old")));
+        m_service->setValue(0, certsOption, QStringList(QStringLiteral("old")));
         SettingsKavet settings(nullptr);
         QCOMPARE(settings.certList(), QStringList(QStringLiteral("old")));
 
         // From the updating state, then from the other.
-        m_service.clear();
+        m_service->clear();
         settings.updateCertList();
         QVERIFY(settings.certListIsUpdating());
         Recorder recorder(&settings);
@@ -355,7 +340,7 @@ private Q_SLOTS:
 
     void stateChangesBeforeTheList()
     {
-        m_service.setValue(0, certsOption, QStringList(QStringLiteral("old")));
+        m_service->setValue(0, certsOption, QStringList(QStringLiteral("old")));
         SettingsKavet settings(nullptr);
         QStringList seen;
         connect(&settings, &SettingsKavet::certListIsUpdatingChanged, this, [&] { seen << settings.certList(); });
@@ -366,16 +351,16 @@ private Q_SLOTS:
 
     void updateCertList()
     {
-        m_service.setValue(0, certsOption, QStringList(QStringLiteral("a")));
+        m_service->setValue(0, certsOption, QStringList(QStringLiteral("a")));
         SettingsKavet settings(nullptr);
-        m_service.takeQuestions();
+        m_service->takeQuestions();
         Recorder recorder(&settings);
         settings.updateCertList();
         QCOMPARE(recorder.take(),
                  QStringList({QStringLiteral("updating"), QStringLiteral("updated"), QStringLiteral("certList:a")}));
-        QCOMPARE(m_service.takeQuestions(), QVector<Question>({{0, kavetName, certsOption}}));
+        QCOMPARE(m_service->takeQuestions(), QVector<Question>({{0, kavetName, certsOption}}));
 
-        m_service.setValue(0, certsOption, QStringList(QStringLiteral(".")));
+        m_service->setValue(0, certsOption, QStringList(QStringLiteral(".")));
         for (int i = 0; i < 2; ++i) {
             // The signal comes even if nothing changes by it; as a screen calls it, by name.
             QVERIFY(QMetaObject::invokeMethod(&settings, "updateCertList", Qt::DirectConnection));
@@ -386,9 +371,9 @@ private Q_SLOTS:
 
         // Method-wide, whatever user is set.
         settings.setUid(1000);
-        m_service.takeQuestions();
+        m_service->takeQuestions();
         settings.updateCertList();
-        QCOMPARE(m_service.takeQuestions(), QVector<Question>({{0, kavetName, certsOption}}));
+        QCOMPARE(m_service->takeQuestions(), QVector<Question>({{0, kavetName, certsOption}}));
     }
 
     void maxAttempts_data()
@@ -410,14 +395,14 @@ private Q_SLOTS:
         QFETCH(int, limit);
 
         SettingsKavet settings(nullptr);
-        m_service.setValue(0, maxAttemptsOption, stored);
-        m_service.setValue(1000, maxAttemptsOption, 99);
+        m_service->setValue(0, maxAttemptsOption, stored);
+        m_service->setValue(1000, maxAttemptsOption, 99);
         for (uint uid : {0U, 1000U}) {
             settings.setUid(uid);
-            m_service.takeQuestions();
+            m_service->takeQuestions();
             QCOMPARE(settings.maxAttempts(), limit);
             QCOMPARE(settings.property("maxAttempts"), QVariant(limit));
-            QCOMPARE(m_service.takeQuestions(),
+            QCOMPARE(m_service->takeQuestions(),
                      QVector<Question>({{0, kavetName, maxAttemptsOption}, {0, kavetName, maxAttemptsOption}}));
         }
     }
@@ -425,15 +410,15 @@ private Q_SLOTS:
     void currentAttempts()
     {
         SettingsKavet settings(nullptr);
-        m_service.setValue(0, attemptsOption, 1);
-        m_service.setValue(1000, attemptsOption, 2);
-        m_service.setValue(1001, attemptsOption, QStringLiteral("many"));
+        m_service->setValue(0, attemptsOption, 1);
+        m_service->setValue(1000, attemptsOption, 2);
+        m_service->setValue(1001, attemptsOption, QStringLiteral("many"));
         const QVector<QPair<uint, int>> expected = {{0, 1}, {1000, 2}, {1001, 0}, {4294967295, 0}, {1000, 2}};
         for (const auto &pair : expected) {
             settings.setUid(pair.first);
-            m_service.takeQuestions();
+            m_service->takeQuestions();
             QCOMPARE(settings.currentAttempts(), pair.second);
-            QCOMPARE(m_service.takeQuestions(), QVector<Question>({{pair.first, kavetName, attemptsOption}}));
+            QCOMPARE(m_service->takeQuestions(), QVector<Question>({{pair.first, kavetName, attemptsOption}}));
         }
         QCOMPARE(settings.property("currentAttempts"), QVariant(2));
     }
@@ -495,11 +480,11 @@ private Q_SLOTS:
 
         SettingsKavet settings(nullptr);
         settings.setUid(1000);
-        m_service.takeQuestions();
+        m_service->takeQuestions();
         Recorder recorder(&settings);
         settings.handleOptionChanged(uid, option, value);
         QCOMPARE(recorder.take(), signalNames);
-        QCOMPARE(m_service.takeQuestions(), QVector<Question>());
+        QCOMPARE(m_service->takeQuestions(), QVector<Question>());
     }
 
     void changesReachTheObject()
@@ -507,22 +492,22 @@ private Q_SLOTS:
         SettingsKavet settings(nullptr);
         settings.setUid(1000);
         Recorder recorder(&settings);
-        m_service.announce(0, QStringLiteral("other"), maxAttemptsOption, 5);
-        m_service.announce(1001, kavetName, attemptsOption, 1);
-        m_service.announce(0, kavetName, certsOption, QStringList(QStringLiteral("a")));
-        m_service.announce(0, kavetName, maxAttemptsOption, 5);
-        m_service.announce(1000, kavetName, attemptsOption, 1);
+        m_service->announce(0, QStringLiteral("other"), maxAttemptsOption, 5);
+        m_service->announce(1001, kavetName, attemptsOption, 1);
+        m_service->announce(0, kavetName, certsOption, QStringList(QStringLiteral("a")));
+        m_service->announce(0, kavetName, maxAttemptsOption, 5);
+        m_service->announce(1000, kavetName, attemptsOption, 1);
         QTRY_COMPARE(recorder.names(), QStringList({QStringLiteral("updated"), QStringLiteral("certList:a"),
                                                     QStringLiteral("maxAttempts"), QStringLiteral("currentAttempts")}));
     }
 
     void certListGoesFromUpdatingToCurrent()
     {
-        m_service.setValue(0, certsOption, QStringList(QStringLiteral(".")));
+        m_service->setValue(0, certsOption, QStringList(QStringLiteral(".")));
         SettingsKavet settings(nullptr);
         QVERIFY(settings.certListIsUpdating());
         QSignalSpy changed(&settings, &SettingsKavet::certListChanged);
-        m_service.announce(0, kavetName, certsOption, QStringList({QStringLiteral("a"), QStringLiteral("b")}));
+        m_service->announce(0, kavetName, certsOption, QStringList({QStringLiteral("a"), QStringLiteral("b")}));
         QVERIFY(changed.wait());
         QVERIFY(!settings.certListIsUpdating());
         QCOMPARE(settings.certList(), QStringList({QStringLiteral("a"), QStringLiteral("b")}));
@@ -557,8 +542,7 @@ private Q_SLOTS:
     }
 
 private:
-    FakeService m_service;
-    QThread m_thread;
+    std::unique_ptr<OptionService> m_service;
 
     static void verifyEnumeration(const QMetaEnum &enumeration, const char *name, const QVector<const char *> &keys)
     {

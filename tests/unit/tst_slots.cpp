@@ -101,7 +101,7 @@ using Map = QMap<QString, QVariant>;
 
 } // namespace
 
-class TestSlots : public QObject
+class TstSlots : public QObject
 {
     Q_OBJECT
 
@@ -113,7 +113,7 @@ private Q_SLOTS:
     void settings();
 };
 
-void TestSlots::operations_data()
+void TstSlots::operations_data()
 {
     QTest::addColumn<int>("slot");
     QTest::addColumn<int>("expected");
@@ -165,13 +165,13 @@ void TestSlots::operations_data()
 #undef ROW
 }
 
-void TestSlots::operations()
+void TstSlots::operations()
 {
     QFETCH(int, slot);
     QTEST(slot, "expected");
 }
 
-void TestSlots::destructors()
+void TstSlots::destructors()
 {
     // No pointer can be made to a destructor, so the table of an object is called at places 4 and 5.
     using Entry = void (*)(void *);
@@ -193,7 +193,7 @@ void TestSlots::destructors()
     QCOMPARE(Probe::freed, 1);
 }
 
-void TestSlots::nothingElse()
+void TstSlots::nothingElse()
 {
     QCOMPARE(slotOf(&Probe::oneMore), 45);
     QCOMPARE(slotOf(&AuthPluginInterface::succeed), 0);
@@ -208,13 +208,13 @@ void TestSlots::nothingElse()
     QCOMPARE(qobject_interface_iid<AuthPluginInterface *>(), "qarv.authplugin");
 }
 
-void TestSlots::settings()
+void TstSlots::settings()
 {
     QCOMPARE(slotOf(&SettingsProbe::handleOptionChanged), 13);
     QCOMPARE(slotOf(&SettingsProbe::oneMore), 14);
     QCOMPARE(slotOf(&FactorSettingsBase::getOption), 0);
 }
 
-QTEST_APPLESS_MAIN(TestSlots)
+QTEST_APPLESS_MAIN(TstSlots)
 
 #include "tst_slots.moc"

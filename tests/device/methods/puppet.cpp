@@ -11,7 +11,7 @@
 
 namespace {
 
-/// As a program that is being started, just before it is executed: already the user's, or not yet with 0.
+/// Forks a child in the state just before exec: it already runs as user `uid`, or still as root if `uid` is 0.
 void forkIdleChild(uint uid)
 {
     if (fork() != 0)

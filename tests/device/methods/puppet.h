@@ -4,14 +4,14 @@
 
 #include <authd/authplugininterface.h>
 
-/// A method that does what it is told: a script of words, separated by spaces, comes as the data's or the option's
-/// "do".
-///   succeed, finish (successfully), fail (without a code), fail:CODE, input    an outcome
-///   restart, restart:UID      asks for a new start
+/// A method that follows a script of words separated by spaces. The script is the value of "do" in the request's data
+/// or in an option.
+///   succeed, finish (successfully), fail (without a code), fail:CODE, input    reports an outcome
+///   restart, restart:UID      asks the daemon to restart the attempt
 ///   lock:SECONDS, unlock      locks or unlocks the user
 ///   lock0                     locks the user 0
 ///   event                     logs an event whose details try to break the line
-///   fork, fork:UID            forks a child that does nothing, as the user
+///   fork, fork:UID            forks an idle child that runs as the user
 ///   unknown                   reports an option change with a value that the bus cannot carry
 class Puppet : public AuthPluginInterface
 {
@@ -21,7 +21,7 @@ class Puppet : public AuthPluginInterface
 
 public:
     Puppet();
-    /// Tells of a success to the last.
+    /// Reports a success even while it is destroyed.
     ~Puppet() override;
 
     QString name() const override;

@@ -3,7 +3,7 @@
 #include <QObject>
 #include <QtPlugin>
 
-/// A Qt plugin that is no authentication method.
+/// A Qt plugin that is not an authentication method.
 class Stranger : public QObject
 {
     Q_OBJECT
