@@ -31,7 +31,7 @@ Call stored(uint uid, const QString &option, const QVariant &value)
     return {QStringLiteral("optionChanged"), {uid, option, value, false}};
 }
 
-/// What the daemon is told when `uid` reaches the limit.
+/// The calls to the daemon when `uid` reaches the limit.
 Calls lockout(uint uid)
 {
     return {{QStringLiteral("logEvent"),
@@ -46,8 +46,8 @@ QString warning(uint uid, int current, int max)
     return QStringLiteral("increaseAttempts Max attempts reached %1 %2 %3").arg(uid).arg(current).arg(max);
 }
 
-/// Lets alice authenticate and waits for the link to a client that answers getCertList with `list`. Its socket comes
-/// once the process is known to run; an earlier one would not be noticed.
+/// Lets alice authenticate and waits for the link to a client that replies to getCertList with `list`. The socket
+/// appears once the method knows that the process runs; the method ignores an earlier one.
 bool linkClient(MethodKavet &method, const QJsonArray &list)
 {
     const QString go = QStringLiteral("/tmp/scripted-client/go");
@@ -58,7 +58,7 @@ bool linkClient(MethodKavet &method, const QJsonArray &list)
            && QTest::qWaitFor([d] { return d->clientStage == MethodKavetPrivate::Linked; });
 }
 
-/// A method that computes its count of attempts, and that records in `daemon` which of its virtual operations it calls.
+/// A method that computes its count of attempts, and records calls of its virtual operations in `daemon`.
 class CountingMethod : public MethodKavet
 {
 public:
@@ -119,7 +119,7 @@ private Q_SLOTS:
         method.count = 100;
         if (max.isValid())
             QVERIFY(method.setOptionInternal(0, maxAttempts, max));
-        // A user's own limit, should there ever be one, does not count.
+        // A user's own limit is ignored, should there ever be one.
         QVERIFY(method.setOptionInternal(TestDevice::alice, maxAttempts, 1));
         daemon.calls.clear();
 
@@ -159,9 +159,9 @@ private Q_SLOTS:
         QVERIFY(method.setOptionInternal(0, maxAttempts, max));
         method.setNotificator(&daemon);
 
-        // However often: the count that the limit is compared with does not see what was stored.
+        // Repeated failures never reach the limit, because the computed count ignores the stored value.
         for (int failure = 1; failure <= 4; ++failure) {
-            // What is stored already would not be told again.
+            // Storing the same value again would not be reported.
             QVERIFY(method.setOptionInternal(TestDevice::alice, attempts, QStringLiteral("another")));
             QVERIFY(method.setOptionInternal(TestDevice::alice, delayedDeletion, QVariant()));
             daemon.calls.clear();
@@ -181,7 +181,7 @@ private Q_SLOTS:
                 QVERIFY(log.lines().isEmpty());
             }
             QCOMPARE(daemon.calls, expected);
-            // A value that compares equal may be of another type.
+            // Variants of different types may compare equal.
             for (const Call &call : qAsConst(daemon.calls)) {
                 if (call.operation == QLatin1String("optionChanged")) {
                     const bool isCount = call.arguments.at(1) == attempts;
@@ -201,7 +201,7 @@ private Q_SLOTS:
 
     void noEventWithoutLockout()
     {
-        // Nothing is written for a warning that the daemon's administrator has switched off; the lockout stays.
+        // The administrator may disable the warning; the lockout still happens.
         RecordingDaemon daemon;
         MethodKavet method;
         QVERIFY(method.setOptionInternal(0, maxAttempts, 1));
@@ -299,7 +299,7 @@ private Q_SLOTS:
         MethodKavet method;
         auto *d = method.findChild<MethodKavetPrivate *>();
 
-        // Without a limit nobody is asked.
+        // Without a limit, the client is not called.
         QCOMPARE(method.getAttempts(0), 1);
         QCOMPARE(method.increaseAttempts(0), badPassword);
         QVERIFY(!d->certListPending);
@@ -396,7 +396,7 @@ private Q_SLOTS:
         if (!content.isNull())
             QVERIFY(TestDevice::writeFile(file, content));
 
-        // No client, so no file.
+        // Without a client there is no file.
         QCOMPARE(d->getChildAttempts().userType(), int(QMetaType::Int));
         QCOMPARE(d->getChildAttempts(), QVariant(0));
 
@@ -406,7 +406,7 @@ private Q_SLOTS:
         QCOMPARE(TestDevice::readFile(file), content);
     }
 
-    /// The client's own count reaches the daemon by the file that it keeps.
+    /// The client reports its own count to the daemon through its file.
     void mirror()
     {
         RecordingDaemon daemon;
@@ -418,7 +418,7 @@ private Q_SLOTS:
         QCOMPARE(file, TestDevice::sharedDirectory + QStringLiteral("/1000.conf"));
         QVERIFY(d->watcher.files().contains(file));
 
-        // As read, which is a text.
+        // Values from the file are strings.
         QVERIFY(TestDevice::writeSetting(file, attempts, QStringLiteral("2")));
         QTRY_COMPARE(method.getOptionInternal(TestDevice::alice, attempts), QVariant(QStringLiteral("2")));
         QCOMPARE(method.getOptionInternal(TestDevice::alice, attempts).userType(), int(QMetaType::QString));
@@ -456,7 +456,7 @@ private Q_SLOTS:
         d->handleChildFileChanged(file);
         QCOMPARE(daemon.calls, Calls());
 
-        // The user whose file it is, not the one being authenticated.
+        // The count belongs to the file's owner, who need not be the user being authenticated.
         d->child.uid = TestDevice::bob;
         d->handleChildFileChanged(file);
         QCOMPARE(daemon.calls, Calls{stored(TestDevice::bob, attempts, QStringLiteral("6"))});
@@ -468,7 +468,7 @@ private Q_SLOTS:
         d->handleChildFileChanged(QString());
         QCOMPARE(daemon.calls, Calls());
 
-        // A file that is gone.
+        // A removed file.
         QVERIFY(QFile::remove(file));
         d->handleChildFileChanged(file);
         QCOMPARE(daemon.calls, Calls{stored(TestDevice::bob, attempts, 0)});

@@ -19,7 +19,7 @@ const QString cert = QStringLiteral("cert");
 const QString pin = QStringLiteral("pin");
 const QString success = QStringLiteral("success");
 
-// As a device whose encrypted partition nobody has unlocked.
+// Simulates a device whose encrypted partition is locked.
 bool lockPartition()
 {
     return TestDevice::writeFile(luksConfiguration, "[Partition]\nDevice=kavet-test-inactive\n");
@@ -117,7 +117,7 @@ void TstAuthFlow::partitionLockedWhileLaunching()
     fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(success));
     QCOMPARE(fixture.told(), QVector<Call>{askedWithoutConnection()});
 
-    // Unlocked, the request goes on with the data that it came with.
+    // Once the partition is unlocked, the request continues with its original data.
     QVERIFY(QFile::remove(luksConfiguration));
     fixture.d->child.clientStarting = false;
     fixture.d->makeAuth();
@@ -190,7 +190,7 @@ void TstAuthFlow::launch()
     MethodFixture fixture;
     fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(success));
 
-    // Goes on only when the process has started and its socket appears.
+    // The flow continues only when the process has started and its socket appears.
     QVERIFY(fixture.d->child.clientStarting);
     QCOMPARE(fixture.d->clientStage, 2);
     QCOMPARE(fixture.d->launchBudget, 10U);
@@ -264,7 +264,7 @@ void TstAuthFlow::wholeFlow()
     QCOMPARE(fixture.d->clientStage, 3);
     QCOMPARE(fixture.daemon.methods, QStringList{QStringLiteral("kavet")});
 
-    // The user's next one goes over the standing link.
+    // The user's next request uses the existing link.
     fixture.method.reset();
     fixture.method.authenticate(TestDevice::alice, {{cert, QStringLiteral("c")}, {pin, QStringLiteral("nousb")}});
     QTRY_COMPARE(fixture.told().size(), 2);
@@ -354,7 +354,7 @@ void TstAuthFlow::dataSentOnce()
     MethodFixture fixture;
     QVERIFY(fixture.link());
     fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(QStringLiteral("late")));
-    // Whatever resumes the flow meanwhile, the password is not sent again.
+    // Resuming the flow meanwhile does not send the password again.
     fixture.d->makeAuth();
     QCOMPARE(fixture.told(), QVector<Call>{asked()});
     QTRY_COMPARE(MethodFixture::calledMethods().size(), 1);

@@ -38,8 +38,8 @@ bool linkManifest(const QString &target)
     return removeManifest() && QFile::link(target, TestDevice::manifest);
 }
 
-/// Runs a program that tells the identity it was started with: the lines of /proc/self/status, by name, with the
-/// values in their order, and standard error as "stderr".
+/// Runs a program that prints its identity. Returns the lines of /proc/self/status by name, with their values in order,
+/// and standard error as "stderr".
 QMap<QString, QString> identityOfClient(ChildProcess &child)
 {
     child.start(QStringLiteral("/bin/cat"), {QStringLiteral("/proc/self/status")});
@@ -55,8 +55,8 @@ QMap<QString, QString> identityOfClient(ChildProcess &child)
     return identity;
 }
 
-/// Writes its real, effective and saved ids, of user and group, before the program starts; that makes the effective ids
-/// the saved ones too.
+/// Writes the child's real, effective and saved user and group ids before exec, which copies the effective ids to the
+/// saved ones.
 class IdWriter : public ChildProcess
 {
 public:
@@ -76,13 +76,13 @@ protected:
     }
 };
 
-/// An id as it stands four times in a status line: real, effective, saved, file system.
+/// The values of a status line in which the real, effective, saved and file-system ids are equal.
 QString four(uint id)
 {
     return QStringLiteral("%1 %1 %1 %1").arg(id);
 }
 
-/// Runs `work` in a forked process that has dropped root for good; returns what it writes.
+/// Runs `work` in a forked process that has dropped root permanently; returns its output.
 template <typename Work>
 QByteArray asOrdinaryUser(uint uid, Work work)
 {
@@ -107,7 +107,7 @@ QByteArray asOrdinaryUser(uint uid, Work work)
 
 } // namespace
 
-/// The client's process object: its manifest and the identity that it takes.
+/// The client's process object: its manifest and its identity.
 class TstChildProcess : public QObject
 {
     Q_OBJECT
@@ -226,7 +226,7 @@ private Q_SLOTS:
         QVERIFY(child.sharedDirectory.isEmpty());
         QVERIFY(log.lines().isEmpty());
 
-        // What it leads to appears, and is read once.
+        // Once the link's target appears, it is read once.
         QVERIFY(TestDevice::writeFile(linkTarget, validManifest));
         QVERIFY(child.tryToParseManifest());
         verifyParsed(child);
@@ -254,7 +254,7 @@ private Q_SLOTS:
 
     void linkToALink()
     {
-        // The link's own target counts, whatever that leads to.
+        // Only the link's direct target counts, even if that is a link itself.
         const QString second = QStringLiteral("/opt/manifests/second.desktop");
         QFile::remove(second);
         QVERIFY(TestDevice::writeFile(linkTarget, {}));
@@ -350,7 +350,7 @@ private Q_SLOTS:
         QCOMPARE(child.exec, QStringLiteral("/usr/bin/client"));
         QVERIFY(child.sharedDirectory.isEmpty());
 
-        // Names that were there before are replaced all the same, while the directory stays.
+        // Earlier names are replaced, but the directory stays.
         child.orgName = child.appName = child.exec = QStringLiteral("before");
         child.sharedDirectory = QStringLiteral("/srv/shared/before/before");
         QVERIFY(child.parseManifest());
@@ -422,7 +422,7 @@ private Q_SLOTS:
 
     void truncatedBehindTheNames()
     {
-        // What is there can be read, and no more can be known.
+        // The existing keys are read.
         QVERIFY(TestDevice::writeFile(TestDevice::manifest, validManifest.left(validManifest.indexOf("ExecCmd"))));
         ChildProcess child(nullptr);
         QVERIFY(child.detectManifest());
@@ -463,7 +463,7 @@ private Q_SLOTS:
 
     void noPermission()
     {
-        // Root may read anything, so this takes another user for a moment.
+        // Root can read any file, so switch to another user temporarily.
         QVERIFY(QFile::setPermissions(TestDevice::manifest, {}));
         QCOMPARE(seteuid(TestDevice::bob), 0);
         const auto restore = qScopeGuard([] { (void)!seteuid(0); });
@@ -510,7 +510,7 @@ private Q_SLOTS:
         QCOMPARE(identity.value(QStringLiteral("Groups")), QString::number(child.gid));
         QCOMPARE(identity.value(QStringLiteral("stderr")), QStringLiteral("authd.method.kavet: Cannot get GID.\n"));
 
-        // Nothing is written below the level that the category has.
+        // Messages below the category's level are not logged.
         QLoggingCategory::setFilterRules(QStringLiteral("authd.method.kavet.warning=false"));
         const auto restore = qScopeGuard([] { QLoggingCategory::setFilterRules(QString()); });
         identity = identityOfClient(child);
@@ -623,7 +623,7 @@ private:
         QCOMPARE(log.lines(),
                  QVector<LogCapture::Line>({{QtCriticalMsg, QStringLiteral("authd.method.kavet"), manifestFailure}}));
 
-        // It is given up for good, even if it becomes readable.
+        // The manifest is given up permanently, even if it becomes readable.
         QVERIFY(!child.tryToParseManifest());
         QCOMPARE(log.lines().size(), 1);
     }

@@ -47,7 +47,7 @@ Call certsChanged(const QStringList &list)
     return {QStringLiteral("optionChanged"), {0U, certs, list, true}};
 }
 
-// The changes of the certificate list that the daemon was told of.
+// The changes of the certificate list that were reported to the daemon.
 QVector<Call> certLists(const MethodFixture &fixture)
 {
     QVector<Call> lists;
@@ -59,7 +59,7 @@ QVector<Call> certLists(const MethodFixture &fixture)
     return lists;
 }
 
-// Puts a file that nobody can connect to in the socket's place, without a moment in which there is none.
+// Atomically replaces the socket with a file that accepts no connections.
 bool replaceSocket()
 {
     const QString substitute = TestDevice::clientDirectory + QStringLiteral("/substitute");
@@ -130,7 +130,7 @@ void TstClientLink::noClientOrNoSocket()
     QVERIFY(fixture.link());
     LogCapture log(true);
 
-    // Not even a link that stands counts.
+    // Not even an existing link counts.
     d->child.clientRunning = clientRunning;
     d->child.socketPresent = socketPresent;
     QVERIFY(!d->connectToChild());
@@ -320,7 +320,7 @@ void TstClientLink::reply()
 
     MethodFixture fixture;
     QVERIFY(fixture.link());
-    // A client that is launched again after it died is not to be met.
+    // The method must not connect to a client that is relaunched after it died.
     TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
     LogCapture log;
 
@@ -354,7 +354,7 @@ void TstClientLink::lateReply()
     fixture.d->checkPassword(QStringLiteral("late"));
     QTRY_COMPARE(MethodFixture::calledMethods().size(), 1);
 
-    // The newer request is the one that counts; the client's "success" comes too late.
+    // Only the newer request counts; the client's "success" for the older one comes too late.
     fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(QStringLiteral("failed")));
     const QVector<Call> first = {RecordingDaemon::failed(enterPasswordOrPin, authFailed)};
     QTRY_COMPARE(fixture.told(), first);
@@ -377,7 +377,7 @@ void TstClientLink::requestsInFlight()
     fixture.d->validateCert(QStringLiteral("a certificate"), QStringLiteral("never"));
     fixture.d->checkPassword(QStringLiteral("drop"));
 
-    // Only the newest is current.
+    // Only the newest request is current.
     const Call broken = RecordingDaemon::failed(enterPasswordOrPin, cannotCommunicateClient);
     QTRY_VERIFY(!fixture.isWaiting());
     QCOMPARE(fixture.told(), QVector<Call>{broken});
@@ -429,7 +429,7 @@ void TstClientLink::certListRequested()
     QCOMPARE(MethodFixture::calledMethods(), QStringList{QStringLiteral("getCertList")});
     QVERIFY(log.lines().isEmpty());
 
-    // And again.
+    // The same again.
     QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
     QTRY_COMPARE(fixture.told(), (QVector<Call>{certsChanged(list), certsChanged(list)}));
 }
@@ -479,7 +479,7 @@ void TstClientLink::certListFetchedOnceLinked()
     QTRY_COMPARE(certLists(fixture), QVector<Call>{certsChanged(list)});
     QVERIFY(!fixture.d->certListInFlight);
 
-    // Not with a later link.
+    // A later link does not fetch the list again.
     fixture.daemon.calls.clear();
     QVERIFY(fixture.dropLink());
     QVERIFY(fixture.d->connectToChild());
@@ -496,7 +496,7 @@ void TstClientLink::certListAskedInsteadOfPending()
     QVERIFY(fixture.link({{certs, QJsonArray()}}));
     QVERIFY(fixture.dropLink());
 
-    // Makes the link by itself.
+    // The call connects to the client itself.
     QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
     QVERIFY(fixture.d->connection.isConnected());
     QTRY_COMPARE(fixture.told(), QVector<Call>{certsChanged({})});
@@ -558,7 +558,7 @@ void TstClientLink::certListReply()
 
 void TstClientLink::certListAskedWhileReported()
 {
-    // A daemon that asks for the list as soon as it is told of it would ask for ever.
+    // Otherwise a daemon that requests the list on each change would do so forever.
     struct AskingDaemon : RecordingDaemon
     {
         MethodKavetPrivate *d = nullptr;
@@ -602,7 +602,7 @@ void TstClientLink::linkNeverMade()
     LogCapture log;
     fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(success));
     QTRY_COMPARE(fixture.daemon.outcomes(), QVector<Call>{RecordingDaemon::succeeded()});
-    // The link brings the certificates too.
+    // Connecting also fetches the certificates.
     QTRY_COMPARE(certLists(fixture), QVector<Call>{certsChanged({})});
     QVERIFY(d->connection.isConnected());
     QVERIFY(log.lines().isEmpty());
@@ -692,7 +692,8 @@ void TstClientLink::cannotLinkAgain()
     QCOMPARE(log.warnings(), warnings);
     QVERIFY(!fixture.isWaiting());
     QVERIFY(!fixture.d->pendingAuthData);
-    QCOMPARE(MethodFixture::calledMethods(), QStringList{QStringLiteral("checkPassword")}); // the one that dropped
+    QCOMPARE(MethodFixture::calledMethods(),
+             QStringList{QStringLiteral("checkPassword")}); // the call that dropped the link
 }
 
 QTEST_GUILESS_MAIN(TstClientLink)

@@ -5,8 +5,8 @@
 
 #include <QTest>
 
-/// A client that never answers. In a program of its own, since the D-Bus library gives a call up only after its default
-/// time-out of 25 s; the two calls share the wait.
+/// A client that never replies. A separate program, because the D-Bus library gives up a call only after its default
+/// timeout of 25 s. The two calls wait at the same time.
 class TstClientTimeout : public QObject
 {
     Q_OBJECT
@@ -49,7 +49,7 @@ void TstClientTimeout::neverAnswered()
         fixture.told().contains({QStringLiteral("optionChanged"), {0U, QStringLiteral("certs"), QStringList(), true}}));
     QVERIFY(!fixture.d->certListInFlight);
 
-    // The link stands, and the client can be asked again.
+    // The link is still up, and the client can be called again.
     fixture.daemon.calls.clear();
     fixture.d->checkPassword(QStringLiteral("success"));
     QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});

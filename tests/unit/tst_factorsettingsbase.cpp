@@ -35,7 +35,7 @@ QString own()
     return QStringLiteral("kavet");
 }
 
-/// The settings of a method's screen, recording what they are told.
+/// A settings object that records the changes it is notified of.
 class Settings : public FactorSettingsBase
 {
 public:
@@ -55,7 +55,7 @@ QVariant wrapped(const QVariant &value)
     return QVariant::fromValue(QDBusVariant(value));
 }
 
-/// A fake daemon that sends the reply it has been told to send, and records what it is asked.
+/// A fake daemon that sends the prepared reply and records the questions.
 class RunningService
 {
 public:
@@ -127,7 +127,7 @@ private:
                                 }};
 };
 
-/// What a screen sees on a device without a system bus; the exit code of the program that tries.
+/// What a screen sees on a device without a system bus; returns the exit code of the program.
 int tryWithoutBus()
 {
     Settings settings;
@@ -179,7 +179,7 @@ void TstFactorSettingsBase::initTestCase()
     QCOMPARE(program.exitStatus(), QProcess::NormalExit);
     QCOMPARE(program.exitCode(), 0);
 
-    // The bus could start the service on demand, so that a call that asks for it would be seen.
+    // Make the service activatable, so that a call that permits activation leaves a trace.
     QVERIFY(TestDevice::writeFile(activationFile, "[D-BUS Service]\nName=qarv.AuthService\nUser=root\nExec=/bin/touch "
                                                       + QFile::encodeName(activationMark) + "\n"));
     m_bus.setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -285,7 +285,7 @@ void TstFactorSettingsBase::failures()
     const PlatformLog log;
     QVERIFY(!settings.getOption(alice, QStringLiteral("attempts")).isValid());
     QCOMPARE(log.lines(), QStringList{line});
-    // The next question is answered again.
+    // The next call succeeds again.
     running.prepare(RunningService::Value, 5);
     QCOMPARE(settings.getOption(alice, QStringLiteral("attempts")), QVariant(5));
 }
@@ -300,7 +300,7 @@ void TstFactorSettingsBase::silence()
     QElapsedTimer timer;
     timer.start();
     QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
-    // Five seconds and a generous allowance, but less than what the bus library waits of itself.
+    // The limit is five seconds. Allow for load, but stay below the D-Bus library's default timeout.
     QVERIFY(timer.elapsed() < 20000);
     QCOMPARE(log.lines(),
              QStringList{QStringLiteral("getOption \"kavet\" 0 \"certs\" \"org.freedesktop.DBus.Error.NoReply\"")});
@@ -363,7 +363,8 @@ void TstFactorSettingsBase::ignoredChanges()
     running.sendSignal(Vocabulary::MethodOptionChanged, change, QStringLiteral("/elsewhere"));
     running.sendSignal(Vocabulary::MethodOptionChanged, change, AuthService::ObjectPath, QStringLiteral("some.other"));
 
-    // Somebody else on the bus pretends; what the bus has answered after that, it has passed on before.
+    // Another bus client forges the signal. The bus keeps messages in order, so after the next reply it has delivered
+    // the signal.
     QDBusConnection stranger = QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("stranger"));
     QDBusMessage pretence =
         QDBusMessage::createSignal(AuthService::ObjectPath, AuthService::Interface, Vocabulary::MethodOptionChanged);
@@ -401,7 +402,7 @@ void TstFactorSettingsBase::serviceComesAndGoes()
         {
             RunningService running;
             QVERIFY(running.isRunning());
-            // Each one must be asked anew to tell of changes.
+            // Each instance of the service needs a new subscription.
             QTRY_COMPARE(running.subscriptions(), 1);
             running.prepare(RunningService::Value, round);
             QCOMPARE(settings.getOption(0, QStringLiteral("certs")), QVariant(round));
@@ -455,7 +456,7 @@ void TstFactorSettingsBase::subscribes()
     {
         const RunningService running;
         QVERIFY(running.isRunning());
-        // A daemon that comes later knows of nobody.
+        // A daemon that starts later has no subscribers.
         QTRY_VERIFY(running.subscriptions() > 0);
     }
     const RunningService running;

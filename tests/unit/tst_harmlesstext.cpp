@@ -73,7 +73,7 @@ void TstHarmlessText::escapes()
 
 void TstHarmlessText::everyCharacter()
 {
-    // 65 control characters, 2 separators, 12 that turn the direction; all others stay what they are.
+    // There are 65 control characters, 2 separators and 12 direction characters. All others stay unchanged.
     int escaped = 0;
     for (int unit = 0; unit <= 0xffff; ++unit) {
         const QString one(QChar{ushort(unit)});
@@ -99,7 +99,7 @@ void TstHarmlessText::bytes_data()
 
 void TstHarmlessText::bytes()
 {
-    // On its way through a QString, invalid UTF-8 becomes replacement characters.
+    // QString converts invalid UTF-8 to replacement characters.
     QFETCH(QByteArray, outside);
     const QString shown = harmless(QString::fromUtf8(outside));
     QCOMPARE(shown.count(QChar(QChar::ReplacementCharacter)), shown.size() - 1);

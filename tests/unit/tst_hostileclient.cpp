@@ -40,7 +40,7 @@ const Call cannotCommunicate =
     RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::CannotCommunicateClient);
 const Call authFailed = RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::AuthFailed);
 
-/// The longest time for which the event loop could not turn to anything else.
+/// Measures the longest time for which the event loop was blocked.
 class LoopWatch : public QObject
 {
 public:
@@ -60,7 +60,7 @@ private:
     qint64 m_longest = 0;
 };
 
-// Each wait that was found was one of 25 s or without end; what a loaded machine adds is far less.
+// A blocking call waits for 25 s or forever. Load delays the loop far less.
 constexpr qint64 tolerableWait = 2000;
 
 qint64 residentPages()
@@ -82,15 +82,15 @@ QVector<pid_t> launchedProcesses()
     return pids;
 }
 
-// How a process ended; -1 when it cannot be told.
+// The wait status of a process; -1 if unknown.
 int endOf(pid_t process)
 {
     int status = -1;
-    while (waitpid(process, &status, 0) == -1 && errno == EINTR) { } // by the end of another process
+    while (waitpid(process, &status, 0) == -1 && errno == EINTR) { } // another process has ended
     return status;
 }
 
-// What was sent to the client of another user than the one whose secret it is.
+// The secrets that were sent to another user's client.
 QVector<QJsonArray> misled()
 {
     QVector<QJsonArray> found;
@@ -107,8 +107,8 @@ QVector<QJsonArray> misled()
 
 } // namespace
 
-/// Clients that are up to no good, each a process of its user: nothing that they do lets them in as another user, or
-/// keeps the daemon or another user waiting.
+/// Hostile clients, each a process of its user. Whatever they do, they must not log in as another user or block the
+/// daemon or other users.
 class TstHostileClient : public QObject
 {
     Q_OBJECT
@@ -154,7 +154,7 @@ private:
     bool bobSucceeds(MethodFixture &fixture);
 };
 
-// Alice's client runs and has shown its socket, by whatever it serves that.
+// Alice's client runs and has announced its socket, whoever serves it.
 bool TstHostileClient::startAlice(MethodFixture &fixture, const QJsonObject &script, const QString &password)
 {
     QJsonObject whole = script;
@@ -168,7 +168,7 @@ bool TstHostileClient::startAlice(MethodFixture &fixture, const QJsonObject &scr
            && QTest::qWaitFor([&fixture] { return fixture.d->child.socketPresent; }, 10000);
 }
 
-// Bob comes next, with a client that behaves.
+// Bob logs in next, with a well-behaved client.
 bool TstHostileClient::bobSucceeds(MethodFixture &fixture)
 {
     QFile::remove(goFile);
@@ -185,7 +185,7 @@ bool TstHostileClient::bobSucceeds(MethodFixture &fixture)
 
 void TstHostileClient::attack_data()
 {
-    // What the library answers to a flood may be what exceeds a limit first.
+    // The library's replies to a flood may exceed a limit first.
     const QString dropping = QStringLiteral("Dropping the link to the client: it ");
     QTest::addColumn<QString>("attack");
     QTest::addColumn<bool>("ends"); // without the request's own timeout
@@ -222,7 +222,7 @@ void TstHostileClient::attack()
     if (ends)
         QTRY_COMPARE(fixture.told(), QVector<Call>{outcome});
     else
-        QTest::qWait(1500); // long enough for a wait that nothing ends to show
+        QTest::qWait(1500); // long enough to detect a missing limit
     QCOMPARE(fixture.told().size(), ends ? 1 : 0);
     bool warned = warning.isEmpty();
     for (const QString &line : log.warnings())
@@ -244,7 +244,7 @@ void TstHostileClient::descriptors()
     fixture.method.reset();
     QFile::remove(goFile);
     QVERIFY(startAlice(fixture, {{QStringLiteral("hostile"), QStringLiteral("descriptors")}}, success));
-    // A message that lacks the descriptors it announces, or one that nobody asked for: neither brings any.
+    // A message without the descriptors that it announces, and an unexpected message; neither carries descriptors.
     QTest::qWait(500);
     QVERIFY(openDescriptors() <= before);
 }
@@ -286,7 +286,7 @@ void TstHostileClient::certListTooLong()
 
 void TstHostileClient::longErrorText()
 {
-    // 1024 bytes would end within the last character.
+    // A cut after 1024 bytes would split the last character.
     const QString text = QLatin1Char('x') + QString(5000, QChar(0xE4));
     MethodFixture fixture;
     QVERIFY(
@@ -320,7 +320,7 @@ void TstHostileClient::endlessOutput()
     const auto channel = stream == STDOUT_FILENO ? QProcess::StandardOutput : QProcess::StandardError;
     fixture.d->child.setReadChannel(channel);
     QTRY_COMPARE(fixture.d->child.bytesAvailable(), qint64(1024 * 1024));
-    QTest::qWait(1000); // some gigabytes, were they kept
+    QTest::qWait(1000); // enough for gigabytes, if they were kept
     fixture.d->child.setReadChannel(channel);
     QCOMPARE(fixture.d->child.bytesAvailable(), qint64(1024 * 1024));
     QVERIFY((residentPages() - pagesBefore) * sysconf(_SC_PAGESIZE) < 64 * 1024 * 1024);
@@ -350,7 +350,7 @@ void TstHostileClient::lateAnswer()
     if (after == QLatin1String("attempt"))
         fixture.method.authenticate(alice, MethodFixture::passwordData(never));
     if (after == QLatin1String("another")) {
-        // Bob's client shows no socket, so that his attempt stays open.
+        // Bob's client creates no socket, so his attempt stays open.
         setScript({{QStringLiteral("socket"), never}});
         fixture.method.authenticate(bob, MethodFixture::passwordData(never));
         QTRY_COMPARE(fixture.d->child.clientUid, bob);
@@ -363,7 +363,7 @@ void TstHostileClient::lateAnswer()
     QCOMPARE(fixture.daemon.outcomes(), QVector<Call>());
     QVERIFY(log.warnings().filter(QStringLiteral("checkPassword")).isEmpty());
 
-    // Each request that is current still has its outcome.
+    // Each current request still gets its outcome.
     fixture.method.reset();
     QVERIFY(startAlice(fixture, {}, QStringLiteral("failed")));
     QTRY_COMPARE_WITH_TIMEOUT(fixture.daemon.outcomes(), QVector<Call>{authFailed}, 10000);
@@ -378,7 +378,7 @@ void TstHostileClient::answerOfGivenUpClient()
     fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("late")));
     QTRY_COMPARE(calls().size(), 1);
 
-    // The answer is there already when the client is given up.
+    // The reply has already arrived when the client is given up.
     QCOMPARE(::kill(processes.constFirst(), SIGSTOP), 0);
     QVERIFY(writeFile(answerFile, {}));
     fixture.d->setChildUnavailable(true);
@@ -396,7 +396,7 @@ void TstHostileClient::answerOverClosedLink_data()
     QTest::newRow("list of certificates") << true;
 }
 
-// The library has the answer, and the plugin closes the link before it is told.
+// The library has received the reply, but the plugin closes the link before the reply is delivered.
 void TstHostileClient::answerOverClosedLink()
 {
     QFETCH(bool, certList);
@@ -409,7 +409,7 @@ void TstHostileClient::answerOverClosedLink()
         fixture.d->checkPassword(success);
     const auto *call = fixture.d->findChild<QDBusPendingCallWatcher *>();
     QVERIFY(call);
-    // The library's thread works on while this one sleeps.
+    // The library's thread continues while this one sleeps.
     QElapsedTimer timer;
     timer.start();
     while (!call->isFinished() && !timer.hasExpired(10000)) {
@@ -428,7 +428,7 @@ void TstHostileClient::answerOverClosedLink()
         (certList ? QStringLiteral("getCertList") : QStringLiteral("checkPassword")) + QStringLiteral(" failed:")));
 }
 
-// Alice kills the launcher, while her client lives on and answers at last.
+// Alice kills the launcher. Her client survives and replies later.
 void TstHostileClient::launcherKilled()
 {
     MethodFixture fixture;
@@ -448,7 +448,7 @@ void TstHostileClient::launcherKilled()
     QTRY_COMPARE(fixture.daemon.outcomes(), QVector<Call>{cannotCommunicate});
     QTRY_COMPARE(launches().size(), 2);
 
-    // Her next request waits for the answer of her next client.
+    // Her next request waits for her next client's reply.
     QTRY_VERIFY(fixture.d->child.clientRunning);
     QVERIFY(writeFile(goFile, {}));
     QTRY_COMPARE(fixture.d->clientStage, qint32(MethodKavetPrivate::Linked));
@@ -456,7 +456,7 @@ void TstHostileClient::launcherKilled()
     fixture.method.authenticate(alice, MethodFixture::passwordData(never));
     QTRY_COMPARE(calls().size(), 2);
     QVERIFY(writeFile(answerFile, {}));
-    QTest::qWait(500); // for an answer that must not count
+    QTest::qWait(500); // for a reply that must not count
     QCOMPARE(fixture.daemon.outcomes(), QVector<Call>());
     QVERIFY(bobSucceeds(fixture));
     QCOMPARE(misled(), QVector<QJsonArray>());
@@ -523,7 +523,7 @@ void TstHostileClient::clientStillStarting()
 
 void TstHostileClient::clientThatNeverStarts()
 {
-    // Bob's request comes before it is known that alice's client cannot be started.
+    // Bob's request arrives before the method knows that alice's client cannot be started.
     const QString kept = launcher + QStringLiteral(".kept");
     QFile::remove(kept);
     QVERIFY(QFile::rename(launcher, kept));
@@ -533,7 +533,7 @@ void TstHostileClient::clientThatNeverStarts()
     QCOMPARE(fixture.d->child.state(), QProcess::Starting);
     const pid_t process = pid_t(fixture.d->child.processId());
     siginfo_t status = {};
-    // The process object's signal handler may be the one to fetch it.
+    // QProcess's signal handler may reap the process first.
     QVERIFY(waitid(P_PID, id_t(process), &status, WEXITED | WNOWAIT) == 0 || errno == ECHILD);
     QVERIFY(QFile::remove(launcher));
     QVERIFY(QFile::rename(kept, launcher));
@@ -546,7 +546,7 @@ void TstHostileClient::clientThatNeverStarts()
 
 void TstHostileClient::launchedAgainWhileStarting()
 {
-    // A launch that was delayed comes due while alice's client is starting, and starts no other one.
+    // A delayed launch comes due while alice's client starts. It must not start a second client.
     MethodFixture fixture;
     setScript({{QStringLiteral("socket"), never}});
     fixture.method.authenticate(alice, MethodFixture::passwordData(success));
@@ -556,7 +556,7 @@ void TstHostileClient::launchedAgainWhileStarting()
     QCOMPARE(fixture.d->child.uid, bob);
     QCOMPARE(fixture.d->child.clientUid, alice);
 
-    // So bob's request does not wait for the socket of a client of his.
+    // So bob's request does not wait for a socket of his own client.
     QVERIFY(bobSucceeds(fixture));
     QCOMPARE(misled(), QVector<QJsonArray>());
 }
@@ -585,7 +585,7 @@ void TstHostileClient::tracedClient_data()
     QTest::newRow("daemon ends") << true;
 }
 
-// A tracer could keep the end of alice's client to itself for ever.
+// A tracer could hide the end of alice's client forever.
 void TstHostileClient::tracedClient()
 {
     QFETCH(bool, stopped);
@@ -599,7 +599,7 @@ void TstHostileClient::tracedClient()
     const pid_t tracer = fork();
     if (tracer == 0) {
         const gid_t groups[] = {groupId("inet")};
-        signal(SIGCHLD, SIG_DFL); // The handler of the process class would take note of the client's end.
+        signal(SIGCHLD, SIG_DFL); // QProcess's handler would notice the client's end.
         if (setgroups(1, groups) == 0 && setresgid(group, group, group) == 0 && setresuid(alice, alice, alice) == 0
             && ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0)
             (void)!write(ready[1], "x", 1);
@@ -625,7 +625,8 @@ void TstHostileClient::tracedClient()
 
 void TstHostileClient::loginAfterLogout()
 {
-    // Alice's client is asked to end, and bob's request comes before it has: it waits and succeeds.
+    // Bob's request arrives after alice's client was told to end but before it has ended. The request waits and
+    // succeeds.
     for (int i = 0; i < 5; ++i) {
         TestDevice::reset();
         MethodFixture fixture;
@@ -645,7 +646,7 @@ void TstHostileClient::loginOfTheSameUser_data()
     QTest::newRow("client that ignores SIGTERM") << true;
 }
 
-// Who logs out and in at once does not meet the client that is about to end.
+// A user who logs out and in at once does not reach the client that is ending.
 void TstHostileClient::loginOfTheSameUser()
 {
     QFETCH(bool, stubborn);
@@ -685,7 +686,7 @@ void TstHostileClient::delayedLaunchRecorded()
 
 void TstHostileClient::swappedSocket()
 {
-    // A symbolic link that leads now to a file of bob's, now to a socket of alice's, as fast as she can.
+    // Alice swaps a symbolic link between bob's file and her own socket as fast as she can.
     MethodFixture fixture;
     QVERIFY(startAlice(fixture, {}, success));
     QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
@@ -695,7 +696,7 @@ void TstHostileClient::swappedSocket()
     QVERIFY(setOwner(QStringLiteral("/tmp/of-bob"), bob, bob));
     QTRY_VERIFY(!fixture.d->child.socketPresent);
 
-    // The checks by themselves, as if bob's client ran while alice could still write here.
+    // Test the checks alone, as if alice could still write here while bob's client runs.
     fixture.d->setChildUnavailable(true);
     fixture.d->child.clientRunning = true;
     fixture.d->child.uid = bob;
@@ -749,7 +750,7 @@ void TstHostileClient::notASocket()
     QVERIFY(QFile::rename(socketPath, kept));
     QTRY_VERIFY(!fixture.d->child.socketPresent);
 
-    // What bears the name belongs to alice, and a link leads to the very socket that she serves.
+    // The file at the socket's path belongs to alice, or is a link to a socket that she serves.
     const QByteArray name = QFile::encodeName(socketPath);
     if (kind == QLatin1String("link"))
         QCOMPARE(symlink("kept", name.constData()), 0);
@@ -767,7 +768,7 @@ void TstHostileClient::notASocket()
     QVERIFY(!fixture.d->handleChildSocket(clientDirectory));
     QVERIFY(!fixture.d->child.socketPresent);
     QVERIFY(log.debugs().contains(QStringLiteral("handleChildSocket Not a socket")));
-    // Nor is one that has taken the socket's place since it was looked at.
+    // A socket that was replaced after the check is refused too.
     fixture.d->child.socketPresent = true;
     QVERIFY(!fixture.d->connectToChild());
     QVERIFY(!fixture.d->connection.isConnected());
@@ -777,11 +778,11 @@ void TstHostileClient::notASocket()
 
 void TstHostileClient::strangersSocket()
 {
-    // The name belongs to bob, but alice's process serves it.
+    // The socket file belongs to bob, but alice's process serves it.
     MethodFixture fixture;
     QVERIFY(startAlice(fixture, {}, success));
     QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
-    // setChildUnavailable() removes the name.
+    // setChildUnavailable() removes the socket file.
     const QString kept = clientDirectory + QStringLiteral("/kept");
     QVERIFY(QFile::rename(socketPath, kept));
     fixture.d->setChildUnavailable(true);

@@ -40,7 +40,7 @@ uint authFactor()
     return groupId("auth-factor");
 }
 
-/// Who owns what stands at `path`: "uid:gid"; "none" when nothing does.
+/// The owner of the file at `path` as "uid:gid"; "none" if there is none.
 QString owner(const QString &path)
 {
     struct stat status = {};
@@ -55,7 +55,7 @@ mode_t mode(const QString &path)
     return lstat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_mode & 07777 : mode_t(-1);
 }
 
-/// All that a launch may leave behind.
+/// Everything that a launch may change.
 struct Trace
 {
     uint budget = 11;
@@ -120,7 +120,7 @@ QString handedOver()
     return QStringLiteral("1000:%1").arg(authFactor());
 }
 
-/// A read-only mount over a directory, for as long as the object lives.
+/// A read-only mount over a directory, for the lifetime of the object.
 class ReadOnly
 {
 public:
@@ -146,7 +146,7 @@ private:
     Q_DISABLE_COPY(ReadOnly)
 };
 
-/// Notes what was watched, and what else had been done, when an option was changed.
+/// Records the watched paths and the rest of the state when an option changes.
 class Onlooker : public RecordingDaemon
 {
 public:
@@ -244,7 +244,7 @@ void TstLaunch::cleanup()
     QVERIFY(writeFile(passwdFile, m_passwords));
 }
 
-/// Puts `line` in the place of the one of the group "auth-factor".
+/// Replaces the line of the group "auth-factor" with `line`.
 bool TstLaunch::replaceGroup(const QByteArray &line)
 {
     QByteArray groups;
@@ -261,7 +261,7 @@ void TstLaunch::launches()
     MethodFixture f;
     f.d->currentUid = alice;
     QCOMPARE(Trace::of(f.d).texts(), Trace().texts());
-    // As left by a session whose user had a first start to finish.
+    // The state after a session start before the user's first start is finished.
     f.d->child.uid = carol;
     f.d->child.gid = carol;
     LogCapture log(true);
@@ -276,7 +276,7 @@ void TstLaunch::launches()
     expected.sharedDirectoryOwner = handedOver();
     expected.fileOwner = handedOver();
     expected.watched = QStringList{clientDirectory, sharedDirectory, aliceFile};
-    // Whether the program could be started is not known yet.
+    // The method does not know yet whether the program could be started.
     expected.process = QProcess::Starting;
     QCOMPARE(Trace::of(f.d).texts(), expected.texts());
 
@@ -331,7 +331,7 @@ void TstLaunch::environment()
     QVERIFY(f.d->launchChild());
     QTRY_COMPARE(TestDevice::launches().size(), 1);
     QCOMPARE(TestDevice::launches().constFirst().value(QLatin1String("environment")).toObject(), expected);
-    // The daemon's own is not touched.
+    // The daemon's own environment is unchanged.
     QCOMPARE(qgetenv("HOME"), QByteArray("/root/elsewhere"));
     QCOMPARE(qgetenv("DBUS_SESSION_BUS_ADDRESS"), QByteArray("unix:path=/tmp/other"));
 
@@ -379,7 +379,7 @@ void TstLaunch::attemptsAreTheDaemons()
     f.d->currentUid = alice;
     QVERIFY(f.d->launchChild());
     QCOMPARE(readFile(aliceFile), QByteArray("[General]\nattempts=7\n"));
-    // It is still the client's.
+    // The file still belongs to the client's user.
     QCOMPARE(owner(aliceFile), handedOver());
     QCOMPARE(mode(aliceFile), mode_t(0600));
 }
@@ -416,7 +416,7 @@ void TstLaunch::userFileIsWrittenAtTheEnd()
         }
     });
     QVERIFY(f.d->launchChild());
-    // By the time that the process is started all is prepared, but the file not yet written.
+    // When the process starts, everything is prepared, except that the file is not written yet.
     QCOMPARE(content, QByteArray(""));
     QCOMPARE(trace, Trace::of(f.d).texts());
     QCOMPARE(readFile(aliceFile), QByteArray("[General]\nattempts=0\n"));
@@ -426,10 +426,10 @@ void TstLaunch::policyIsReadBeforeItIsWatched()
 {
     QVERIFY(writeSetting(currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("4")));
     MethodFixture f;
-    // The constructor found the shared directory, as this policy lies in it.
+    // The constructor found the shared directory, because this policy is in it.
     QCOMPARE(f.d->watcher.directories(), (QStringList{clientDirectory, sharedDirectory}));
     f.d->watcher.removePath(sharedDirectory);
-    // The daemon's own limit gives way.
+    // The daemon's own limit is replaced.
     QVERIFY(f.method.setOptionInternal(0, QStringLiteral("max-attempts"), 8));
     Onlooker onlooker(f.d);
     f.method.setNotificator(&onlooker);
@@ -515,7 +515,7 @@ void TstLaunch::runningClient()
     LogCapture log(true);
     QVERIFY(f.d->launchChild());
     QCOMPARE(Trace::of(f.d).texts(), before);
-    // It counts before everything else that would keep it from being launched.
+    // This check comes before all others that prevent a launch.
     f.d->launchBudget = 0;
     f.d->currentUid = 0;
     QVERIFY(f.d->launchChild());
@@ -529,7 +529,7 @@ void TstLaunch::budget()
     setScript({{QStringLiteral("exit"), 0}});
     MethodFixture f;
     QCOMPARE(f.d->launchBudget, 11u);
-    // A client that ends is launched again for as long as there is a user and a budget.
+    // A client that ends is relaunched as long as there is a user and the budget lasts.
     f.method.authenticate(alice, {});
     QTRY_COMPARE(f.d->launchBudget, 0u);
     QTRY_VERIFY(!f.daemon.outcomes().isEmpty());
@@ -575,7 +575,7 @@ Q_DECLARE_METATYPE(LogCapture::Line)
 
 void TstLaunch::failures_data()
 {
-    // What is wrong, in the order in which it is noticed; each row adds what is noticed later, which must not matter.
+    // The errors, in the order of their checks. Each row also has all later errors, which must not matter.
     const Damage noManifest = [](MethodKavetPrivate *d) {
         d->child.manifestExists = false;
     };
@@ -686,7 +686,7 @@ void TstLaunch::failures()
 void TstLaunch::userFileCannotBeGiven()
 {
     QVERIFY(writeSetting(currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("2")));
-    // Nobody can put aside what another file system is mounted on.
+    // A mount point cannot be renamed.
     QVERIFY(QDir().mkdir(aliceFile));
     const QByteArray name = QFile::encodeName(aliceFile);
     QCOMPARE(mount("none", name.constData(), "tmpfs", 0, nullptr), 0);
@@ -703,7 +703,7 @@ void TstLaunch::userFileCannotBeGiven()
                                              .arg(EBUSY)});
     QCOMPARE(log.lines().size(), 1);
 
-    // What was done before stays done.
+    // The earlier steps are not undone.
     Trace expected = failedWithIdentity(alice, authFactor());
     expected.userConfigPath = aliceFile;
     expected.clientDirectoryOwner = handedOver();
@@ -719,8 +719,8 @@ void TstLaunch::userFileCannotBeGiven()
 
 void TstLaunch::userFileTakenAway()
 {
-    // Alice takes her file away again and again, also while it is being made. No file of root's gets into her hands: as
-    // current policy it would count for everybody.
+    // Alice moves her file away repeatedly, also while root creates it. She must never obtain a file of root's, because
+    // as the current policy it would apply to everybody.
     QVERIFY(QFile::remove(launcher));
     QVERIFY(QDir().mkpath(sharedDirectory));
     QVERIFY(setOwner(sharedDirectory, alice, authFactor()));
@@ -794,14 +794,14 @@ void TstLaunch::prepareEnvironmentAlone()
     QCOMPARE(owner(sharedDirectory), QStringLiteral("1001:1000"));
     QCOMPARE(owner(sharedParent), QStringLiteral("0:0"));
 
-    // Taken over again for the next user.
+    // The ownership changes again for the next user.
     f.d->child.uid = alice;
     QVERIFY(f.d->prepareEnvironment());
     QCOMPARE(owner(clientDirectory), QStringLiteral("1000:1000"));
     QCOMPARE(owner(sharedDirectory), QStringLiteral("1000:1000"));
 }
 
-/// What stands in a directory, hidden or not.
+/// The entries of a directory, including hidden ones.
 static QStringList entries(const QString &directory)
 {
     return QDir(directory).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
@@ -809,7 +809,7 @@ static QStringList entries(const QString &directory)
 
 void TstLaunch::leftByAnotherUser()
 {
-    // As after a session of alice's, who has left all that she could think of.
+    // The state after a session of alice's in which she planted various files.
     QVERIFY(QDir().mkpath(clientDirectory));
     QVERIFY(writeFile(aliceFile, "[General]\nattempts=3\nname=Ann\n"));
     QVERIFY(writeFile(sharedDirectory + QStringLiteral("/1001.conf/a/b/c"), "x"));
@@ -828,7 +828,7 @@ void TstLaunch::leftByAnotherUser()
     QVERIFY(setOwner(sharedDirectory + QStringLiteral("/bob"), bob, bob));
     QCOMPARE(chmod(QFile::encodeName(sharedDirectory).constData(), 07777), 0);
 
-    // A socket that appears before the process is known to run would not be noticed.
+    // The method ignores a socket that appears before it knows that the process runs.
     setScript({{QStringLiteral("announce"), true}});
     MethodFixture f;
     QVERIFY(f.method.setOptionInternal(0, QStringLiteral("max-attempts"), 8));
@@ -852,21 +852,21 @@ void TstLaunch::leftByAnotherUser()
     QCOMPARE(owner(sharedDirectory + QStringLiteral("/bob")), QStringLiteral("1001:1001"));
     for (const QString &directory : {clientDirectory, sharedDirectory}) {
         QCOMPARE(owner(directory), QStringLiteral("1001:") + group);
-        // Nobody else may write there, and bob may.
+        // Only bob may write there.
         QCOMPARE(mode(directory) & 0022, mode_t(0));
         QCOMPARE(mode(directory) & 0700, mode_t(0700));
     }
-    // What was put aside is out of everybody's reach but root's, and whole.
+    // The files that were put aside are complete and accessible to root only.
     QCOMPARE(owner(aside), QStringLiteral("0:0"));
     QCOMPARE(mode(aside) & 0022, mode_t(0));
     QCOMPARE(owner(aside + QStringLiteral("/1001.conf")), QStringLiteral("1000:") + group);
     QCOMPARE(readFile(aside + QStringLiteral("/1001.conf/a/b/c")), QByteArray("x"));
-    // Alice's policy is not even read, and no longer watched.
+    // Alice's policy is neither read nor watched any more.
     QVERIFY(f.daemon.calls.isEmpty());
     QVERIFY(!f.d->watcher.files().contains(currentPolicy));
     QTRY_VERIFY(f.d->child.clientRunning);
 
-    // The new directories are the ones that are watched.
+    // The new directories are watched.
     QVERIFY(writeFile(sharedDirectory + QStringLiteral("/next"), "[General]\nattempts=5\n"));
     QVERIFY(setOwner(sharedDirectory + QStringLiteral("/next"), bob, bob));
     QVERIFY(QFile::rename(sharedDirectory + QStringLiteral("/next"), sharedDirectory + QStringLiteral("/moved")));
@@ -874,7 +874,7 @@ void TstLaunch::leftByAnotherUser()
     QTRY_COMPARE(f.method.getOptionInternal(bob, QStringLiteral("attempts")), QVariant(QStringLiteral("5")));
     QTRY_VERIFY(f.d->child.socketPresent);
 
-    // Each user finds again what is their own.
+    // Each user gets their own files back.
     f.d->child.uid = alice;
     log.clear();
     QVERIFY(f.d->prepareEnvironment());
@@ -887,7 +887,7 @@ void TstLaunch::leftByAnotherUser()
     QVERIFY(f.d->prepareEnvironment());
     QCOMPARE(entries(sharedDirectory),
              (QStringList{QStringLiteral("1001.conf"), QStringLiteral("bob"), QStringLiteral("notes")}));
-    // However often, there is one place for each.
+    // There is only one such directory per user, however often they take turns.
     for (int i = 0; i < 5; ++i) {
         f.d->child.uid = alice;
         QVERIFY(f.d->prepareEnvironment());
@@ -901,7 +901,7 @@ void TstLaunch::leftByAnotherUser()
     f.d->child.uid = 0;
 }
 
-/// Launches for `user` and ends what was launched.
+/// Launches a client for `user` and ends it.
 static bool launchFor(MethodFixture &f, uint user)
 {
     f.d->currentUid = user;
@@ -911,7 +911,7 @@ static bool launchFor(MethodFixture &f, uint user)
     return launched && QTest::qWaitFor([&f] { return f.d->child.state() == QProcess::NotRunning; });
 }
 
-/// Puts a policy of `user`, whose turn it is, in place; a null limit gives one without.
+/// Installs a policy of `user`, whose turn it is; without a limit if `limit` is null.
 static bool putPolicy(MethodFixture &f, uint user, const QString &limit)
 {
     f.d->child.uid = user;
@@ -965,7 +965,7 @@ void TstLaunch::limitOfAnotherUser_data()
     }
 }
 
-// A limit that alice's client has set does not outlive her turn.
+// A limit set by alice's client does not outlive her turn.
 void TstLaunch::limitOfAnotherUser()
 {
     QFETCH(QString, packaged);
@@ -995,7 +995,7 @@ void TstLaunch::limitOfAnotherUser()
     QVERIFY(putPolicy(*f, alice, alices));
     QCOMPARE(max(), alices.isNull() ? QVariant(0) : QVariant(alices));
     if (removed) {
-        f->d->watcher.removePath(currentPolicy); // It would tell once more, and later.
+        f->d->watcher.removePath(currentPolicy); // Otherwise it would report another change later.
         QVERIFY(QFile::remove(currentPolicy));
         f->d->handleChildFileChanged(currentPolicy);
         QCOMPARE(max(), QVariant(0));
@@ -1006,7 +1006,7 @@ void TstLaunch::limitOfAnotherUser()
         QVERIFY(writeSetting(packagedPolicy, maxAttempts, later));
     if (restarted)
         f = std::make_unique<MethodFixture>();
-    // Alice's own next turn changes nothing, but that a policy of hers counts again.
+    // In alice's next turn, her policy applies again; nothing else changes.
     const QVariant present = max();
     QVERIFY(launchFor(*f, alice));
     QCOMPARE(max().toInt(), removed ? present.toInt() : alices.toInt());
@@ -1015,7 +1015,7 @@ void TstLaunch::limitOfAnotherUser()
 
     QVERIFY(launchFor(*f, bob));
     QCOMPARE(max().toInt(), limit);
-    // It is the system's from now on; and what bob has does not outlive his turn either.
+    // The limit is the system's from now on, and bob's does not outlive his turn either.
     QVERIFY(launchFor(*f, carol));
     QCOMPARE(max().toInt(), own.isNull() ? limit : 3);
 }
@@ -1027,14 +1027,14 @@ void TstLaunch::limitWhoseFileHasGone()
     MethodFixture f;
     QVERIFY(f.method.setOption(0, maxAttempts, 3));
 
-    // Root clears the directory away. What is told of it later is not about the next user.
+    // Root removes the directory. The late notification must not affect the next user.
     QVERIFY(putPolicy(f, alice, QStringLiteral("1")));
     QVERIFY(QDir(sharedDirectory).removeRecursively());
     QVERIFY(launchFor(f, bob));
     QCoreApplication::processEvents();
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
 
-    // The end of alice's policy is told in bob's session, before his client is launched.
+    // The removal of alice's policy is noticed in bob's session, before his client is launched.
     QVERIFY(putPolicy(f, alice, QStringLiteral("1")));
     QVERIFY(QFile::remove(currentPolicy));
     f.method.handleUserSessionTriggered(bob, true, false);
@@ -1055,7 +1055,7 @@ void TstLaunch::limitWhoseFileHasGone()
 
 void TstLaunch::limitIsRoots()
 {
-    // Nobody has ever had a policy; root's choice stays when another user comes.
+    // No user has ever had a policy, so root's limit stays when the user changes.
     const QString maxAttempts = QStringLiteral("max-attempts");
     setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
     QVERIFY(writeSetting(packagedPolicy, maxAttempts, QStringLiteral("5")));
@@ -1065,7 +1065,7 @@ void TstLaunch::limitIsRoots()
     QVERIFY(launchFor(f, bob));
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
 
-    // Nor does a policy count that lies where nobody else has had a turn.
+    // A policy in a directory where no other user has had a turn does not count either.
     QVERIFY(setOwner(sharedDirectory, 0, 0));
     QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("0")));
     QVERIFY(setOwner(currentPolicy, bob, bob));
@@ -1073,7 +1073,7 @@ void TstLaunch::limitIsRoots()
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
     QVERIFY(QFile::remove(currentPolicy));
 
-    // Once the packaged limit has followed a user's, the limit in force is no user's.
+    // Once the packaged limit has replaced a user's, the limit in force belongs to no user.
     f.d->handleChildFileChanged(currentPolicy);
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(0));
     f.d->syncPolicy(packagedPolicy, true);
@@ -1083,7 +1083,7 @@ void TstLaunch::limitIsRoots()
 
 void TstLaunch::modeIsNotTheFormerUsers()
 {
-    // Alice has opened or closed her directories in vain, whatever mask the daemon has.
+    // Neither the modes of alice's directories nor the daemon's umask matter.
     for (const mode_t mask : {mode_t(022), mode_t(077)}) {
         for (const mode_t alices : {mode_t(0), mode_t(0500), mode_t(07777)}) {
             reset();
@@ -1107,7 +1107,7 @@ void TstLaunch::modeIsNotTheFormerUsers()
 
 void TstLaunch::alreadyPutAside()
 {
-    // As left by a daemon that was cut short.
+    // The state that an interrupted daemon leaves.
     const QString parent = QStringLiteral("/srv/shared/tarsk");
     QVERIFY(writeFile(parent + QStringLiteral("/kavet_client.1000/first"), "1"));
     QVERIFY(writeFile(sharedDirectory + QStringLiteral("/second"), "2"));
@@ -1126,7 +1126,7 @@ void TstLaunch::alreadyPutAside()
 
 void TstLaunch::directoryCannotBePutAside()
 {
-    // Not as long as another file system is mounted there. What is in it is left as it was.
+    // This fails while another file system is mounted there. Its content stays unchanged.
     MethodFixture f;
     const QByteArray name = QFile::encodeName(clientDirectory);
     QCOMPARE(mount("none", name.constData(), "tmpfs", 0, nullptr), 0);
@@ -1150,7 +1150,7 @@ void TstLaunch::directoryCannotBePutAside()
 
 void TstLaunch::noRoomForADirectory()
 {
-    // Alice has filled the file system.
+    // Alice has filled up the file system.
     const QString parent = QStringLiteral("/run/aux-auth/tarsk");
     MethodFixture f;
     QCOMPARE(mount("none", QFile::encodeName(parent).constData(), "tmpfs", 0, "nr_inodes=20,mode=755"), 0);
@@ -1170,7 +1170,7 @@ void TstLaunch::noRoomForADirectory()
     QCOMPARE(owner(clientDirectory), QStringLiteral("1000:1000"));
     QCOMPARE(entries(clientDirectory), before);
 
-    // There is room again.
+    // There is free space again.
     for (int i = 0; i < 4; ++i)
         QVERIFY(QFile::remove(clientDirectory + QLatin1Char('/') + QString::number(i)));
     QVERIFY(f.d->launchChild());
@@ -1180,7 +1180,7 @@ void TstLaunch::noRoomForADirectory()
 
 void TstLaunch::linkInAPlaceOfADirectory()
 {
-    // Root's own, as nobody else can make one there. Both the directory and what is put aside are where it leads.
+    // Only root can create a link there. The directory and the files put aside are at its target.
     const QString elsewhere = QStringLiteral("/srv/shared/elsewhere");
     QVERIFY(QDir().mkpath(elsewhere));
     QVERIFY(QDir().mkpath(QFileInfo(sharedDirectory).path()));
@@ -1203,7 +1203,7 @@ void TstLaunch::linkInAPlaceOfADirectory()
 
 void TstLaunch::floodedDirectory()
 {
-    // The time that it takes does not depend on what was left: not all of it is looked at.
+    // The time does not depend on the number of files, because not all are examined.
     constexpr int count = 5000;
     for (int i = 0; i < count; ++i)
         QVERIFY(writeFile(sharedDirectory + QStringLiteral("/%1").arg(i), {}));
@@ -1212,7 +1212,7 @@ void TstLaunch::floodedDirectory()
     f.d->child.uid = bob;
     f.d->child.gid = authFactor();
     QVERIFY(f.d->prepareEnvironment());
-    // These are root's, so that each that is looked at comes along.
+    // These belong to root, so each examined file is moved.
     const int moved = entries(sharedDirectory).size();
     QCOMPARE(moved, 1000);
     QCOMPARE(entries(QStringLiteral("/srv/shared/tarsk/kavet_client.1000")).size(), count - moved);
@@ -1220,7 +1220,7 @@ void TstLaunch::floodedDirectory()
 
 void TstLaunch::descriptorsOfTheClient()
 {
-    // Whatever this program was started with.
+    // Independent of the test's own environment.
     for (int descriptor = 3; descriptor < 1024; ++descriptor)
         fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     MethodFixture f;
@@ -1235,7 +1235,7 @@ void TstLaunch::launcherMissing()
     QVERIFY(QFile::remove(launcher));
     MethodFixture f;
     f.d->currentUid = alice;
-    // That it does not start is learnt from the process.
+    // The failure to start is reported by QProcess.
     QVERIFY(f.d->launchChild());
     QCOMPARE(f.d->launchBudget, 10u);
     QTRY_COMPARE(f.d->child.state(), QProcess::NotRunning);

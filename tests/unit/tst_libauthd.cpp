@@ -66,7 +66,7 @@ void TstLibAuthd::userName()
     QCOMPARE(LibAuthd::userName(1000), QStringLiteral("alice"));
     QVERIFY(LibAuthd::userName(4000000000U).isNull());
 
-    // An entry larger than any buffer that one would begin with, in the device's own file.
+    // An entry in the device's own file that is larger than any initial buffer.
     const QByteArray users = TestDevice::readFile(QStringLiteral("/etc/passwd"));
     const QByteArray entry = "long:x:3999:3999:" + QByteArray(20000, 'x') + ":/:/bin/false\n";
     QVERIFY(TestDevice::writeFile(QStringLiteral("/etc/passwd"), users + entry));
@@ -128,7 +128,7 @@ void TstLibAuthd::alreadyRestricted()
     QVERIFY(LibAuthd::restrictPermissions(path("file")));
     struct stat before;
     QCOMPARE(stat(name.constData(), &before), 0);
-    QTest::qSleep(20); // Changing the mode would set a later time, if the clock has ticked.
+    QTest::qSleep(20); // Let the clock tick, so that a change of the mode would show in the file's time.
     QVERIFY(LibAuthd::restrictPermissions(path("file")));
     struct stat after;
     QCOMPARE(stat(name.constData(), &after), 0);
@@ -187,7 +187,7 @@ void TstLibAuthd::directory()
 
 void TstLibAuthd::specialFiles()
 {
-    // Opening it for reading would wait for a writer, opening it for writing would wake a reader.
+    // Opening a FIFO for reading would block, and opening it for writing would wake a reader.
     QCOMPARE(mkfifo(QFile::encodeName(path("fifo")).constData(), 0644), 0);
     errno = 0;
     QVERIFY(!LibAuthd::restrictPermissions(path("fifo")));
@@ -265,7 +265,7 @@ void TstLibAuthd::noDescriptorLeft()
 
 void TstLibAuthd::createdInBetween()
 {
-    // Another process makes the file before each of the steps in turn.
+    // Another process creates the file before each of the steps in turn.
     const QByteArray name = QFile::encodeName(path("file"));
     bool ended = false;
     int steps = 0;
@@ -299,8 +299,8 @@ void TstLibAuthd::createdInBetween()
 
 void TstLibAuthd::race()
 {
-    // Another process swaps the name between nothing, a file and a link all the time; the link's target is never
-    // touched, and the answer is always one of the honest ones.
+    // Another process keeps replacing the path by nothing, a file and a link. The link's target is never changed, and
+    // the result always matches one of these states.
     QVERIFY(TestDevice::writeFile(path("target"), "content"));
     const QByteArray name = QFile::encodeName(path("swapped"));
     const QByteArray target = QFile::encodeName(path("target"));
@@ -317,13 +317,13 @@ void TstLibAuthd::race()
     int done = 0;
     int refused = 0;
     int other = 0;
-    const QDeadlineTimer deadline(60000); // Until the other process has had its turns.
+    const QDeadlineTimer deadline(60000); // Wait until the other process has run often enough.
     for (int i = 0; i < 20000 || ((done == 0 || refused == 0) && !deadline.hasExpired()); ++i) {
         if (LibAuthd::restrictPermissions(path("swapped")))
             ++done;
         else if (errno == ELOOP)
             ++refused;
-        else if (errno != EMLINK) // Unlinked while it was looked at.
+        else if (errno != EMLINK) // The file was unlinked during the check.
             ++other;
     }
     QCOMPARE(kill(child, SIGKILL), 0);
@@ -371,7 +371,7 @@ void TstLibAuthd::scope()
         QVERIFY(scope.contains(option));
     QVERIFY(!scope.contains(QStringLiteral("Certs")));
 
-    const ValidationScope copy = scope; // NOLINT(performance-unnecessary-copy-initialization): it is what is tested
+    const ValidationScope copy = scope; // NOLINT(performance-unnecessary-copy-initialization): the copy is the test
     QCOMPARE(copy.rules(), rules);
 }
 

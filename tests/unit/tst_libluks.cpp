@@ -14,8 +14,8 @@ namespace {
 
 const QString configuration = QStringLiteral("/etc/authd/luks.conf");
 
-// What the library is told of a mapping; the real function answers where nothing is prepared. No device mapper is at
-// hand in the disposable device, so that no mapping could really be active.
+// The prepared status of a mapping; without one, the real function is called. The disposable device has no device
+// mapper, so no real mapping can be active.
 crypt_status_info prepared = CRYPT_INVALID;
 bool isPrepared = false;
 QByteArray asked;
@@ -142,7 +142,7 @@ void TstLibLuks::specialFiles()
     QCOMPARE(mkfifo(name.constData(), 0600), 0);
     QVERIFY(!LibLuks::isDeviceActive());
 
-    // A link is root's to make in this directory.
+    // Only root can create a link in this directory.
     PlatformTest::removeAll(configuration);
     QVERIFY(TestDevice::writeFile(QStringLiteral("/etc/authd/real.conf"), "[Partition]\nDevice=linked\n"));
     QVERIFY(QFile::link(QStringLiteral("real.conf"), configuration));
@@ -157,7 +157,7 @@ void TstLibLuks::unreadable()
     prepared = CRYPT_ACTIVE;
     isPrepared = true;
     QVERIFY(LibLuks::isDeviceActive());
-    // Root reads every file, so that nobody has to try.
+    // Root can read every file, so an ordinary user has to try.
     const int active = PlatformTest::inChild([] {
         if (setresuid(65534, 65534, 65534) != 0)
             return 2;

@@ -67,7 +67,7 @@ QByteArray libraryPath(const LinkGuard &guard)
     return guard.address().mid(int(std::strlen("unix:path="))).toLatin1();
 }
 
-/// A process of another identity, which ends with the object.
+/// A process of another user, ended on destruction.
 class Process
 {
 public:
@@ -97,7 +97,7 @@ private:
     Q_DISABLE_COPY(Process)
 };
 
-/// A guard with a link, and the sockets of both ends, which do not block.
+/// A guard with a link, and the non-blocking sockets of both ends.
 struct Link
 {
     const int listener = listenAt(path);
@@ -129,7 +129,7 @@ struct Link
     }
 };
 
-// All that can be read now; `ended` tells whether the other side has closed.
+// All data that can be read now; sets `ended` if the other side has closed.
 QByteArray readAll(int descriptor, bool *ended = nullptr)
 {
     QByteArray content;
@@ -149,7 +149,7 @@ bool hasEnded(int descriptor)
     return ended;
 }
 
-// Sends all of `data`, with the event loop running meanwhile; false when the other side closes first.
+// Sends all of `data` while the event loop runs; false if the other side closes first.
 bool sendAll(int descriptor, const QByteArray &data)
 {
     int sent = 0;
@@ -183,12 +183,12 @@ QByteArray number(quint32 value, bool bigEndian)
     return bytes;
 }
 
-// A reply of `size` bytes, with the body's type and with another field before that. It is not looked into.
+// A reply of `size` bytes whose signature field is preceded by `fields`. Nobody parses its body.
 QByteArray message(int size, const QByteArray &signature = "s", const QByteArray &fields = {}, bool bigEndian = false)
 {
     QByteArray header = number(0, bigEndian) + fields;
     const auto align = [&header] {
-        header += QByteArray((12 - header.size() % 8) % 8, 0); // it begins in the middle of eight bytes
+        header += QByteArray((12 - header.size() % 8) % 8, 0); // it starts off an 8-byte boundary
     };
     align();
     header += QByteArray("\x05\x01u\0", 4) + number(1, bigEndian);
@@ -276,7 +276,7 @@ void TstLinkGuard::slowReader_data()
     QTest::newRow("library") << false;
 }
 
-// What one side does not read at once waits, and goes on when it does.
+// Data that one side does not read yet is queued and sent when it reads.
 void TstLinkGuard::slowReader()
 {
     QFETCH(bool, toClient);
@@ -298,7 +298,7 @@ void TstLinkGuard::slowReader()
 
 void TstLinkGuard::clientSendsTooMuch_data()
 {
-    QTest::addColumn<QVector<int>>("replies"); // bytes, with a new request between two
+    QTest::addColumn<QVector<int>>("replies"); // sizes in bytes, with a new request after each
     QTest::addColumn<bool>("dropped");
     QTest::newRow("as much as may be") << QVector<int>{limit} << false;
     QTest::newRow("a byte too much") << QVector<int>{limit + 1} << true;
@@ -358,7 +358,7 @@ void TstLinkGuard::handshake()
     QCOMPARE(log.warnings(), dropped ? QStringList{hasNoEnd} : QStringList());
     if (dropped)
         return;
-    // What has come before counts no longer.
+    // Earlier replies no longer count.
     QVERIFY(link.begin());
     QVERIFY(sendAll(link.client, message(limit)));
     QTRY_COMPARE((arrived += readAll(link.library)).size(), size + limit);
@@ -370,7 +370,7 @@ void TstLinkGuard::messages_data()
     QTest::addColumn<QByteArray>("data");
     QTest::addColumn<bool>("dropped");
     const QByteArray none;
-    // Fields of other kinds, in which something may look like a field.
+    // Other header fields whose content looks like a field.
     const QByteArray bytes("\x0a\x02"
                            "ay\0\0\0\0\x10\0\0\0\0\0\0\0"
                            "\x08\x01g\0\1s\0\0"
@@ -416,7 +416,7 @@ void TstLinkGuard::messages()
     QCOMPARE(log.warnings(), dropped ? QStringList{isNoReply} : QStringList());
     if (dropped)
         return;
-    // With the next request come others.
+    // The next request has a new allowance.
     link.guard.allowReply();
     QVERIFY(sendAll(link.client, message(100).repeated(16)));
     QTRY_COMPARE((arrived += readAll(link.library)).size(), data.size() + 1600);
@@ -452,7 +452,7 @@ void TstLinkGuard::clientDoesNotRead()
     QVERIFY(hasEnded(link.client));
 }
 
-// The client cannot make it wait for more than the client may send.
+// The client cannot make the guard wait for more than the client may send.
 void TstLinkGuard::libraryDoesNotRead()
 {
     LogCapture log(true);
@@ -475,7 +475,7 @@ void TstLinkGuard::sideEnds_data()
     QTest::newRow("library") << false;
 }
 
-// What a side has sent before it closes still arrives.
+// Data that a side sent before it closed still arrives.
 void TstLinkGuard::sideEnds()
 {
     QFETCH(bool, client);
@@ -504,7 +504,7 @@ void TstLinkGuard::sideEndsUnread_data()
     sideEnds_data();
 }
 
-// A side that closes without reading what waits for it is no reason to be ended by a signal.
+// Survive SIGPIPE: a side may close without reading its pending data.
 void TstLinkGuard::sideEndsUnread()
 {
     QFETCH(bool, client);
@@ -524,7 +524,7 @@ void TstLinkGuard::closed()
     Link link;
     QVERIFY(link.make());
     const quint64 number = link.guard.link();
-    QVERIFY(sendAll(link.library, pattern(limit))); // some of which waits
+    QVERIFY(sendAll(link.library, pattern(limit))); // some of which is queued
     link.guard.close();
     QVERIFY(!link.guard.isOpen());
     QVERIFY(link.guard.link() != number);
@@ -565,7 +565,7 @@ void TstLinkGuard::linksAfterEachOther()
         QTRY_COMPARE((arrived += readAll(library)), QByteArray("before"));
         if (i == 0) {
             close(client);
-            QTRY_VERIFY(!guard.isOpen()); // the next one is not taken for ended, too
+            QTRY_VERIFY(!guard.isOpen()); // the next link is not taken for closed, too
         } else {
             close(client);
         }
@@ -623,7 +623,7 @@ void TstLinkGuard::peersUser_data()
     QTest::newRow("a user for root") << alice << 0u << false;
 }
 
-// Who listens counts, not whom the name belongs to.
+// The listening process counts, not the owner of the socket file.
 void TstLinkGuard::peersUser()
 {
     QFETCH(uint, peer);
@@ -681,7 +681,7 @@ void TstLinkGuard::noLibrary()
     close(listener);
 }
 
-// A connection that the library has made and given up before it was taken is not the one of the next link.
+// A connection that the library abandoned before it was accepted must not become the next link.
 void TstLinkGuard::givenUpByLibrary()
 {
     const int listener = listenAt(path);
@@ -710,7 +710,7 @@ void TstLinkGuard::runtimeDirectoryUnwritable()
     const bool connected = late.connectToClient(path, 0);
     QCOMPARE(umount("/run"), 0);
     QVERIFY(made);
-    // One that could not listen from the start tries again.
+    // A guard that could not listen at first tries again.
     QVERIFY(!connected);
     QVERIFY(late.connectToClient(path, 0));
 }

@@ -65,11 +65,11 @@ void TstManifestEntry::missingKeys()
     QCOMPARE(entry->exec(), std::string());
     QVERIFY(entry->appPermissions().empty());
 
-    // Each key is read for itself.
+    // Each key is read independently.
     QCOMPARE(read("[X-Application]\nApplicationName=a\n")->appName(), std::string("a"));
     QCOMPARE(read("[X-Application]\nOrganizationName=o\n")->appOrgname(), std::string("o"));
     QCOMPARE(read("[X-Application]\nExecCmd=e\n")->exec(), std::string("e"));
-    // Keys of another group are not ours.
+    // Keys of other groups are ignored.
     QCOMPARE(read("[X-Application]\n[Desktop Entry]\nExecCmd=e\n")->exec(), std::string());
 }
 
@@ -191,7 +191,7 @@ void TstManifestEntry::specialFiles()
     QVERIFY(QDir().mkpath(path("directory")));
     QVERIFY(!ManifestEntry::fromFilename(path("directory").toStdString()));
 
-    // A reader that opened it would wait here for a writer, or wake one.
+    // Opening a FIFO would block here until there is a writer, or wake one.
     const QByteArray fifo = QFile::encodeName(path("fifo"));
     QCOMPARE(mkfifo(fifo.constData(), 0600), 0);
     const int watch = inotify_init1(IN_NONBLOCK);
@@ -220,7 +220,7 @@ void TstManifestEntry::unreadable()
     QVERIFY(TestDevice::writeFile(file, "[X-Application]\nExecCmd=e\n"));
     QVERIFY(QFile::setPermissions(m_directory.path(), QFile::Permissions(0x7755)));
     QCOMPARE(chmod(QFile::encodeName(file).constData(), 0), 0);
-    // Root reads every file, so that nobody has to try.
+    // Root can read every file, so an ordinary user has to try.
     const int found = PlatformTest::inChild([&] {
         if (getuid() == 0 && setresuid(65534, 65534, 65534) != 0)
             return 2;

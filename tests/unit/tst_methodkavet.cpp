@@ -15,14 +15,14 @@
 
 namespace {
 
-/// The class that a member function was found in.
+/// The class that declares a member function.
 template <typename Class, typename Function>
 const std::type_info &provider(Function Class::*)
 {
     return typeid(Class);
 }
 
-/// Gives access to what is protected.
+/// Gives access to protected members.
 class Method : public MethodKavet
 {
 public:
@@ -107,7 +107,7 @@ private Q_SLOTS:
 
     void baseHasTheName()
     {
-        // The base stores the options under the name that it was given.
+        // The base class stores the options under the name it was given.
         MethodKavet method;
         QVERIFY(method.setOptionInternal(0, QStringLiteral("max-attempts"), 5));
         QVERIFY(QFile::exists(QStringLiteral("/var/lib/authd/methods/kavet/current.conf")));
@@ -131,7 +131,7 @@ private Q_SLOTS:
         QCOMPARE(found.size(), 1);
         QCOMPARE(found.first()->q, method);
 
-        // The private object goes while the method still is one.
+        // The private object is destroyed while the method still exists.
         QByteArray className;
         connect(found.first(), &QObject::destroyed, this, [&] { className = method->metaObject()->className(); });
         const QPointer<MethodKavetPrivate> d = found.first();
@@ -222,7 +222,7 @@ private Q_SLOTS:
         QTest::newRow("not there") << QStringLiteral("/opt/x/none") << 0755 << false;
         QTest::newRow("not there, arguments are") << QStringLiteral("/opt/x/none /opt/x/client") << 0755 << false;
         QTest::newRow("tab") << QStringLiteral("/opt/x/client\\t--flag") << 0755 << false;
-        // The parser leaves out white space before a value unless it is written like this.
+        // The parser skips white space before a value unless it is escaped.
         QTest::newRow("space first") << QStringLiteral("\\s/opt/x/client") << 0755 << false;
         QTest::newRow("two spaces") << QStringLiteral("/opt/x/client  --flag") << 0755 << true;
         QTest::newRow("empty") << QString::fromLatin1("") << 0755 << false;
@@ -332,7 +332,7 @@ private Q_SLOTS:
         MethodKavet method;
         method.setNotificator(&daemon);
         MethodKavetPrivate *const d = privateOf(method);
-        // The socket counts only once the process is known to run.
+        // The method ignores the socket until it knows that the process runs.
         const QString go = QStringLiteral("/tmp/scripted-client/go");
         TestDevice::setScript({{QStringLiteral("socket"), go}});
         method.authenticate(TestDevice::alice, {{QStringLiteral("password"), QStringLiteral("success")}});
@@ -352,7 +352,7 @@ private Q_SLOTS:
         MethodKavet method;
         method.setNotificator(&daemon);
         MethodKavetPrivate *const d = privateOf(method);
-        // With this the flow stops before it takes the request up.
+        // This stops the flow before it handles the request.
         d->child.clientStarting = true;
 
         Data data = {{QStringLiteral("password"), QStringLiteral("p")}, {QStringLiteral("other"), 7}};
@@ -363,7 +363,7 @@ private Q_SLOTS:
         QVERIFY(d->pendingAuthData.has_value());
         QCOMPARE(*d->pendingAuthData, original);
 
-        // The latest request replaces the earlier one, and an empty one is one.
+        // The latest request replaces the earlier one, even if it is empty.
         method.authenticate(TestDevice::bob, {});
         QCOMPARE(d->currentUid, TestDevice::bob);
         QVERIFY(d->pendingAuthData.has_value());
@@ -409,7 +409,7 @@ private Q_SLOTS:
         QFETCH(QStringList, warnings);
 
         MethodKavet method;
-        // What every start of a session takes up, whether the client is left alone or not.
+        // Every session start does this, with or without managing the client.
         QVERIFY(
             TestDevice::writeSetting(TestDevice::currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("4")));
         const LogCapture log;
@@ -421,7 +421,7 @@ private Q_SLOTS:
 private:
     static QFileDevice::Permissions permissions(int mode)
     {
-        // The flags are the mode's octal digits, moved apart.
+        // The flags are the mode's octal digits as hexadecimal digits.
         return QFileDevice::Permissions((mode & 0700) << 6 | (mode & 0070) << 1 | (mode & 0007));
     }
 };

@@ -29,7 +29,7 @@ MethodKavetPrivate *privateOf(const MethodKavet &method)
     return method.findChild<MethodKavetPrivate *>(QString(), Qt::FindDirectChildrenOnly);
 }
 
-/// What the daemon is told when the limit of attempts is taken over.
+/// The calls to the daemon when the limit of attempts is applied.
 RecordingDaemon::Call limitTaken(const QVariant &limit)
 {
     return {QStringLiteral("optionChanged"), {0U, maxAttempts, limit, false}};
@@ -40,14 +40,14 @@ bool removeManifest()
     return QFile::remove(TestDevice::manifest);
 }
 
-/// Runs a shell script in the client's process, until it has ended.
+/// Runs a shell script as the client's process until it ends.
 bool runInChild(ChildProcess &child, const QString &script)
 {
     child.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script});
     return QTest::qWaitFor([&child] { return child.state() == QProcess::NotRunning; });
 }
 
-/// Changes the client's directory, with a socket of alice's in it, and waits until the watcher tells.
+/// Changes the client's directory, which has a socket of alice's, and waits for the watcher's signal.
 bool placeSocket(MethodKavetPrivate &d)
 {
     QSignalSpy changed(&d.watcher, &QFileSystemWatcher::directoryChanged);
@@ -160,7 +160,7 @@ private Q_SLOTS:
         QVERIFY(!d->child.clientRunning);
         QVERIFY(log.lines().isEmpty());
 
-        // And no change of a directory or file reaches a handler, even if somebody watches it.
+        // Changes of watched directories and files reach no handler either.
         QVERIFY(QDir().mkpath(TestDevice::clientDirectory));
         QVERIFY(d->watcher.addPath(TestDevice::clientDirectory));
         d->child.clientRunning = true;
@@ -228,7 +228,7 @@ private Q_SLOTS:
         MethodKavet method;
         method.setNotificator(&daemon);
         MethodKavetPrivate *const d = privateOf(method);
-        // Connected later, so these are called after the private object's own.
+        // These are connected later, so they run after the private object's slots.
         const auto noteLine = [&] {
             lastLines << log.lines().constLast().text;
         };
@@ -338,7 +338,7 @@ private Q_SLOTS:
                      {{QtCriticalMsg, QStringLiteral("authd.method.kavet"),
                        QStringLiteral("Cannot create auxiliary directory \"/run/aux-auth/tarsk/kavet_client\"")}}));
 
-        // All else is as ever.
+        // Everything else is unchanged.
         QCOMPARE(d->watcher.directories(), QStringList(TestDevice::sharedDirectory));
         QCOMPARE(method.getOptionInternal(0, maxAttempts).toInt(), 5);
         QVERIFY(runInChild(d->child, QStringLiteral("exit 3")));
@@ -351,7 +351,7 @@ private Q_SLOTS:
 
     void clientDirectoryIsWatchedAllTheSame()
     {
-        // A file in its place cannot be made a directory, but can be watched.
+        // A file at this path prevents creating the directory, but can be watched.
         QVERIFY(TestDevice::writeFile(TestDevice::clientDirectory, {}));
         const LogCapture log;
         const MethodKavet method;
@@ -435,7 +435,7 @@ private Q_SLOTS:
         RecordingDaemon daemon;
         {
             MethodKavet method;
-            // From now on there are settings, which count more than a policy that is not forced.
+            // From now on there are settings, which take precedence over a policy that is not forced.
             QVERIFY(method.setOptionInternal(0, maxAttempts, 3));
             QVERIFY(TestDevice::writeSetting(TestDevice::packagedPolicy, maxAttempts, QStringLiteral("4")));
             QVERIFY(TestDevice::writeSetting(TestDevice::currentPolicy, maxAttempts, QStringLiteral("5")));
@@ -503,7 +503,7 @@ private Q_SLOTS:
         QCOMPARE(kill(pid_t(pid), 0), -1);
         QCOMPARE(errno, ESRCH);
 
-        // Nobody is left who could follow the client's end.
+        // Nothing remains that could react to the client's end.
         QVERIFY(daemon.calls.isEmpty());
         QVERIFY(log.lines().isEmpty());
         QVERIFY(QFile::exists(TestDevice::socketPath));
@@ -594,7 +594,7 @@ private Q_SLOTS:
         };
         for (int i = 0; i < lines.size(); ++i) {
             log.clear();
-            // A negative number tells that it has been dealt with.
+            // A negative index means that the call was handled.
             QVERIFY(d->qt_metacall(QMetaObject::InvokeMetaMethod, offset + i, arguments[i]) < 0);
             QCOMPARE(log.debugs() + log.warnings(), i < 4 ? lines[i] : QStringList({lines[i][1], lines[i][0]}));
         }
@@ -619,7 +619,7 @@ private Q_SLOTS:
     }
 
 private:
-    /// Has the client launched and alice authenticated.
+    /// Launches the client and authenticates alice.
     static bool logIn(MethodKavet &method, RecordingDaemon &daemon)
     {
         // The socket counts only once the process is known to run.

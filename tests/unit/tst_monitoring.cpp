@@ -41,7 +41,7 @@ Call restart(uint uid)
     return {restarted, {uid}};
 }
 
-// What monitoring keeps true.
+// The state that monitoring maintains.
 struct State
 {
     explicit State(const MethodKavetPrivate *d)
@@ -85,7 +85,7 @@ struct State
     const void *proxy;
 };
 
-// A daemon that looks around while it is told to restart the authentication.
+// A daemon that records the state when it is told to restart the authentication.
 struct LookingDaemon : RecordingDaemon
 {
     std::function<void()> look;
@@ -106,7 +106,7 @@ void handleLine(QtMsgType level, const QMessageLogContext &context, const QStrin
     nextHandler(level, context, text);
 }
 
-// The lines but for those about the socket, whose directory changes when a launch hands it over.
+// The log lines except those about the socket, whose directory changes owner at a launch.
 QStringList texts(const LogCapture &log)
 {
     QStringList texts;
@@ -123,7 +123,7 @@ bool kill(const MethodKavetPrivate *d, int signal)
     return d->child.processId() > 0 && ::kill(pid_t(d->child.processId()), signal) == 0;
 }
 
-// With both files that a client's launch watches.
+// Creates both files that a launch watches.
 bool linkWithPolicy(MethodFixture &fixture)
 {
     return TestDevice::writeSetting(TestDevice::currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("0"))
@@ -355,7 +355,7 @@ void TstMonitoring::running()
     LogCapture log(true);
     d->currentUid = TestDevice::alice;
     QVERIFY(d->launchChild());
-    // Neither stage nor socket are touched, and the request is not resumed: at this stage it would ask for input.
+    // Stage and socket stay unchanged, and the request is not resumed: at this stage it would ask for input.
     d->clientStage = 3;
     d->child.socketPresent = true;
     QTRY_VERIFY(d->child.clientRunning);
@@ -391,7 +391,7 @@ void TstMonitoring::exits()
     QTRY_VERIFY(d->child.clientRunning);
     QCOMPARE(daemon.callsOf(restarted), QVector<Call>{restart(TestDevice::alice)});
 
-    // All of it was done when the state was reported, before the end was.
+    // All of it had been done when the state change was reported, before finished().
     QVERIFY(seen);
     QCOMPARE(processState, QProcess::NotRunning);
     QVERIFY(!warnings.contains(terminated(0, 0)));
@@ -485,7 +485,7 @@ void TstMonitoring::cannotBeStarted()
     QVERIFY(!d->child.clientRunning);
     QVERIFY(!d->child.socketPresent);
     QCOMPARE(d->clientStage, 1);
-    // Nothing is torn down, and the request waits.
+    // Nothing is cleaned up, and the request waits.
     QCOMPARE(d->child.uid, TestDevice::alice);
     QVERIFY(d->child.gid != 0);
     QCOMPARE(d->child.userConfigPath, userConfig);
@@ -552,7 +552,7 @@ void TstMonitoring::finishedWhileRunning()
     LogCapture log(true);
     QVERIFY(finish(d, 1, QProcess::NormalExit));
 
-    // First the teardown, then the request.
+    // The cleanup comes before the request.
     QCOMPARE(fixture.told(),
              (QVector<Call>{restart(TestDevice::alice),
                             RecordingDaemon::failed(SettingsKavet::Connecting, SettingsKavet::CannotStartClient)}));
@@ -640,7 +640,7 @@ void TstMonitoring::unavailableInOrder()
     QVERIFY(linkWithPolicy(fixture));
     LogCapture log(true);
 
-    // The line is the last but one step, the daemon the last.
+    // Logging is the last step but one, the call to the daemon the last.
     QVector<State> atLine;
     int toldAtLine = -1;
     nextHandler = qInstallMessageHandler(handleLine);
@@ -667,7 +667,7 @@ void TstMonitoring::unavailableInOrder()
 
 void TstMonitoring::unavailableWithoutFiles()
 {
-    // Whatever is gone already does not matter.
+    // Files that are already gone do not matter.
     MethodFixture fixture;
     QVERIFY(fixture.link());
     QVERIFY(QFile::remove(TestDevice::socketPath));
@@ -706,7 +706,7 @@ void TstMonitoring::linkIsClosed_data()
 void TstMonitoring::linkIsClosed()
 {
     QFETCH(bool, certList);
-    // Even a client that lives on, as one does whose launcher was killed, is not spoken to again.
+    // A client that survives its launcher is not called again.
     MethodFixture fixture;
     auto *d = fixture.d;
     QVERIFY(fixture.link(
@@ -723,7 +723,7 @@ void TstMonitoring::linkIsClosed()
     QVERIFY(!d->connection.isConnected());
     QCOMPARE(fixture.told(), QVector<Call>{restart(TestDevice::alice)});
 
-    // What was asked before ends at once, and once, as an error.
+    // The pending call ends at once, with exactly one error.
     const Call certs = {QStringLiteral("optionChanged"), {0U, QStringLiteral("certs"), QStringList(), true}};
     const Call broken =
         RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::CannotCommunicateClient);
@@ -755,7 +755,7 @@ void TstMonitoring::relaunched()
     QTRY_VERIFY(d->child.clientRunning);
     QCOMPARE(fixture.told(), QVector<Call>{restart(TestDevice::alice)});
 
-    // And links again, with the new client.
+    // The method connects again, to the new client.
     QVERIFY(TestDevice::writeFile(goFile, {}));
     QTRY_COMPARE(fixture.told(), (QVector<Call>{restart(TestDevice::alice),
                                                 RecordingDaemon::asked(SettingsKavet::EnterPasswordOrPin)}));
@@ -789,7 +789,7 @@ void TstMonitoring::relaunchesAreBounded()
             warnings << terminated(1, 0);
         QCOMPARE(log.warnings(), warnings);
 
-        // Not before a reset.
+        // Without a reset, the client is not started again.
         fixture.method.authenticate(TestDevice::alice, {});
         QCOMPARE(fixture.daemon.outcomes(), (QVector<Call>{cannotStart, cannotStart}));
         QCOMPARE(fixture.d->child.state(), QProcess::NotRunning);

@@ -9,7 +9,7 @@
 #include <QDBusPendingCallWatcher>
 #include <QTest>
 
-// In a program of its own, since a process looks for the system bus only once.
+// A separate program, because a process looks for the system bus only once.
 class TstNoSystemBus : public QObject
 {
     Q_OBJECT
@@ -27,7 +27,7 @@ private Q_SLOTS:
         for (int attempt = 0; attempt < 2; ++attempt) {
             const LogCapture log;
             method.handleUserSessionTriggered(TestDevice::alice, true, true);
-            // As with any other call, the answer comes later.
+            // The reply is asynchronous, as with any other call.
             QVERIFY(log.lines().isEmpty());
             QTRY_COMPARE(log.warnings(),
                          QStringList{QStringLiteral("Call \"ProcessTargetUser\" to \"qarv.userdata.wiper\" failed: "

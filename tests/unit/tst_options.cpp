@@ -31,7 +31,7 @@ struct Text
     const char *text;
 };
 
-/// Spelt out once more, since whoever else uses them will not follow a change made here.
+/// Repeated here, because other programs rely on these values.
 const QVector<Text> &texts()
 {
     static const QVector<Text> texts = {
@@ -195,8 +195,8 @@ QStringList literals(const QByteArray &source)
     return literals;
 }
 
-/// Lets alice authenticate and waits for the link to a client that answers getCertList with `list`. Its socket comes
-/// once the process is known to run; an earlier one would not be noticed.
+/// Lets alice authenticate and waits for the link to a client that replies to getCertList with `list`. The socket
+/// appears once the method knows that the process runs; the method ignores an earlier one.
 bool linkClient(MethodKavet &method, const QJsonArray &list)
 {
     const QString go = QStringLiteral("/tmp/scripted-client/go");
@@ -221,7 +221,7 @@ private Q_SLOTS:
         MethodKavet method;
         const Options &defaults = method.defaultOptions(0);
         QCOMPARE(defaults.keys(), QStringList({certs, maxAttempts}));
-        // The types count too, and comparing variants may convert.
+        // Compare the types too, because comparing variants may convert them.
         QCOMPARE(defaults.value(certs).userType(), int(QMetaType::QStringList));
         QCOMPARE(defaults.value(certs).toStringList(), QStringList());
         QVERIFY(defaults.value(certs).isValid());
@@ -356,7 +356,7 @@ private Q_SLOTS:
             {0u, certs, QStringList{QStringLiteral("one"), QStringLiteral("two")}, true}};
         int asked = 0;
         for (const QString &name : {certs, maxAttempts, QStringLiteral("unknown")}) {
-            // Each time afresh, whatever the name.
+            // The result is computed each time, whatever the name.
             const QVariant option = method.getOption(0, name);
             QCOMPARE(option.userType(), int(QMetaType::QStringList));
             QCOMPARE(option.toStringList(), fetching);

@@ -102,8 +102,8 @@ QStringList entries(const QString &directory)
     return QDir(directory).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System | QDir::Hidden);
 }
 
-/// Runs `work` in a forked child and kills it after `steps` of its system calls have begun or ended. 1 when it was
-/// killed, 0 when it had ended before, -1 when that could not be done.
+/// Runs `work` in a forked child and kills it after `steps` entries and exits of system calls. Returns 1 if it was
+/// killed, 0 if it ended before, -1 on error.
 int killAfter(int steps, const std::function<void()> &work)
 {
     const pid_t child = fork();
@@ -126,7 +126,7 @@ int killAfter(int steps, const std::function<void()> &work)
     return kill(child, SIGKILL) == 0 && waitpid(child, &status, 0) == child && WIFSIGNALED(status) ? 1 : -1;
 }
 
-/// The system calls that change or write out directories and files, of `work` run in a forked child, in their order.
+/// Runs `work` in a forked child and returns its system calls that change or sync directories and files, in order.
 QStringList callsOf(const std::function<void()> &work)
 {
     static const QMap<long, QString> names = {
@@ -154,7 +154,7 @@ QStringList callsOf(const std::function<void()> &work)
     while (child > 0 && waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
         ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD);
         __ptrace_syscall_info info = {};
-        // The call takes a size in the place of an address.
+        // ptrace takes the size in the address argument.
         const auto place = reinterpret_cast<void *>(sizeof info); // NOLINT(performance-no-int-to-ptr)
         if (ptrace(PTRACE_GET_SYSCALL_INFO, child, place, &info) > 0 && info.op == PTRACE_SYSCALL_INFO_ENTRY
             && names.contains(long(info.entry.nr)))
@@ -292,7 +292,7 @@ void TstOptionStore::types()
         QCOMPARE(read.userType(), value.userType());
         QCOMPARE(read, value);
     }
-    // What stands beside it is not touched.
+    // Other files in the directory are unchanged.
     QVERIFY(handler.setOptionInternal(alice, number, 3));
     QCOMPARE(handler.getOptionInternal(alice, text), value);
     QCOMPARE(handler.getOptionInternal(alice, number), QVariant(3));
@@ -448,7 +448,7 @@ void TstOptionStore::modes()
     QCOMPARE(mode(methodFile), 0600);
     QCOMPARE(mode(userFile), 0600);
 
-    // A file that somebody has opened up is closed again when it is written.
+    // Writing restores the mode of a file that somebody made accessible.
     QCOMPARE(chmod(QFile::encodeName(userFile).constData(), 0666), 0);
     QVERIFY(handler.setOptionInternal(alice, number, 2));
     QCOMPARE(mode(userFile), 0600);
@@ -470,10 +470,10 @@ void TstOptionStore::defaults()
     QVERIFY(!handler.getOptionInternal(alice, list).isValid());
     QVERIFY(!handler.getOptionInternal(0, flag).isValid());
     QCOMPARE(log.lines(), QStringList());
-    // Reading makes nothing.
+    // Reading creates no files.
     QVERIFY(!QFileInfo::exists(store));
 
-    // A value that equals the default is stored all the same.
+    // A value that equals the default is stored too.
     QVERIFY(handler.setOptionInternal(0, number, 7));
     QVERIFY(QFileInfo::exists(methodFile));
 }
@@ -482,7 +482,7 @@ void TstOptionStore::removal()
 {
     Handler handler;
     Handler other(QStringLiteral("other"));
-    // Nothing there to be removed
+    // There is nothing to remove.
     QVERIFY(handler.setOptionInternal(alice, number, QVariant()));
     QVERIFY(!QFileInfo::exists(store));
 
@@ -545,7 +545,7 @@ void TstOptionStore::changedByOthers()
     QVERIFY(QFile::remove(userFile));
     QCOMPARE(handler.getOptionInternal(alice, number), QVariant(0));
 
-    // An empty file is one without values, not a damaged one.
+    // An empty file has no values; it is not damaged.
     QVERIFY(writeFile(userFile, ""));
     const PlatformLog log;
     QCOMPARE(handler.getOptionInternal(alice, number), QVariant(0));
@@ -607,7 +607,7 @@ void TstOptionStore::damagedFile()
     if (kind == QLatin1String("file"))
         QCOMPARE(readFile(damaged), content);
 
-    // A fresh file is begun, and nothing more is reported.
+    // The store starts a new file and reports nothing more.
     QVERIFY(handler.setOptionInternal(alice, flag, true));
     QCOMPARE(readFile(userFile), QByteArray("[probe]\nflag=true\n"));
     QCOMPARE(log.lines(), expected);
@@ -650,7 +650,7 @@ void TstOptionStore::damagedValues()
              QVariant(QStringList(QStringLiteral("x"))));
     QCOMPARE(log.lines(), expected);
 
-    // A write that finds the damage first ends the same way.
+    // The result is the same if a write finds the damage first.
     QVERIFY(writeFile(userFile, content));
     QVERIFY(handler.setOptionInternal(alice, number, 6));
     QCOMPARE(readFile(damaged + QStringLiteral(".1")), content);
@@ -684,7 +684,7 @@ void TstOptionStore::cannotSetAside()
             Handler handler;
             const PlatformLog log;
             int wrong = 0;
-            // What is good can still be read, but nothing is written over what could not be kept.
+            // Good files can still be read, but a damaged file that could not be put aside is not overwritten.
             if (handler.getOptionInternal(alice, number) != QVariant(content.startsWith('[') ? 5 : 0))
                 wrong |= 1;
             if (handler.setOptionInternal(alice, number, 6))
@@ -708,7 +708,7 @@ void TstOptionStore::unreadable()
     QVERIFY(writeFile(userFile, content));
     QCOMPARE(chmod(QFile::encodeName(userFile).constData(), 0600), 0);
     QCOMPARE(chown("/var/lib/authd/users", nobody, nobody), 0);
-    // The directory is the process's own to write, the file is not its to read.
+    // The process may write to the directory but not read the file.
     const int result = PlatformTest::inChild([] {
         if (!becomeNobody())
             return 255;
@@ -821,14 +821,14 @@ void TstOptionStore::durable()
     const QString directory = QStringLiteral("mkdir");
     const QString sync = QStringLiteral("fsync");
     const QString replaced = QStringLiteral("rename");
-    // What is written is on the disk before it takes the old one's place, and so is the place before the call returns.
+    // The new file is synced before it replaces the old one, and the directory before the call returns.
     QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, 5); }),
              (QStringList{directory, directory, sync, directory, sync, sync, replaced, sync}));
     Handler handler;
     QVERIFY(handler.setOptionInternal(alice, number, 5));
     QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, 6); }),
              (QStringList{directory, sync, replaced, sync}));
-    // What is stored already costs nothing.
+    // Storing the present value makes no system calls.
     QVERIFY(handler.setOptionInternal(alice, number, 6));
     QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, 6); }), QStringList{directory});
     QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, text, QVariant()); }), QStringList());
@@ -883,7 +883,7 @@ void TstOptionStore::killedAtEveryStep()
         QVERIFY(Handler().setOptionInternal(alice, flag, true));
         QCOMPARE(entries(users.path()).size(), 1 + damaged.size());
     }
-    // The steps have reached into the writing itself, where there is something to be left behind.
+    // Some steps must have interrupted the writing itself, when there is a temporary file.
     QVERIFY(steps > 10);
     QCOMPARE(left > 0, value.isValid() || before.contains("other"));
 }
@@ -899,7 +899,7 @@ void TstOptionStore::killedWriter()
         mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     QVERIFY(progress != MAP_FAILED);
 
-    // Of another method, so that there is much to write.
+    // A large value of another method makes the file large.
     const QByteArray ballast = "[other]\ntext='" + QByteArray(200000, 'b') + "'\n";
     Handler handler;
     const PlatformLog log;
@@ -921,7 +921,7 @@ void TstOptionStore::killedWriter()
         QCOMPARE(kill(child, SIGKILL), 0);
         QCOMPARE(waitpid(child, nullptr, 0), child);
 
-        // Nobody but its owner may read what it left behind, and that is one file at most.
+        // At most one temporary file is left, readable by its owner only.
         const QDir users(store + QStringLiteral("/users"));
         const QStringList left = entries(users.path());
         QVERIFY2(left.size() <= 2, qPrintable(left.join(QLatin1Char(' '))));
@@ -1122,7 +1122,7 @@ void TstOptionStore::setOption()
     QCOMPARE(handler.changes, (QVector<QVariantList>{{alice, number, 3}}));
     QCOMPARE(toldBefore, 1);
 
-    // Taken away, the default counts again.
+    // Once the value is removed, the default applies again.
     QVERIFY(handler.setOption(alice, number, QVariant()));
     QCOMPARE(handler.changes.size(), 2);
     QCOMPARE(handler.changes.constLast(), (QVariantList{alice, number, 0}));
@@ -1184,10 +1184,10 @@ void TstOptionStore::notifications()
     for (int i = 0; i < expected.size(); ++i)
         QCOMPARE(daemon.calls.at(i), expected.at(i));
     QCOMPARE(daemon.methods, QStringList{QStringLiteral("probe")});
-    // Telling of an option stores nothing.
+    // Reporting an option stores nothing.
     QCOMPARE(handler.getOptionInternal(0, list), QVariant(QStringList()));
 
-    // The one handler can be replaced.
+    // The handler can be replaced.
     RecordingDaemon second;
     handler.setNotificator(&second);
     handler.succeed();

@@ -29,7 +29,7 @@ private Q_SLOTS:
         const QJsonObject metadata = loader.metaData();
         QCOMPARE(metadata.value(QLatin1String("IID")).toString(), QStringLiteral("qarv.auth.kavet"));
         QCOMPARE(metadata.value(QLatin1String("className")).toString(), QStringLiteral("MethodKavet"));
-        // Newer releases leave out the patch level.
+        // Newer versions omit the patch level.
         QCOMPARE(metadata.value(QLatin1String("version")).toInt() >> 8, QT_VERSION >> 8);
         QCOMPARE(metadata.value(QLatin1String("debug")), QJsonValue(bool(DEBUG_BUILD)));
         const QJsonObject expected = {{QStringLiteral("Name"), QStringLiteral("kavet")},
@@ -56,8 +56,8 @@ private Q_SLOTS:
             const int end = line.indexOf(QRegularExpression(QStringLiteral(" [A-Za-z] [0-9a-f]")));
             const QString symbol = line.left(end);
             const bool ours = symbol.contains(QStringLiteral("SettingsKavet"));
-            // Neither what the compiler adds nor, without optimisation, other headers' inline functions and types are
-            // ours.
+            // Ignore symbols that the compiler adds and, without optimisation, inline functions and types from other
+            // headers.
             static const QRegularExpression instrumentation(
                 QStringLiteral("^(__asan|__odr_asan|__ubsan|__gcov|__llvm)"));
             static const QStringList weak{QStringLiteral(" W "), QStringLiteral(" V ")};
@@ -112,7 +112,7 @@ private Q_SLOTS:
         delete first;
         QVERIFY(first.isNull());
 
-        // It may well have the address of the first.
+        // The second object may have the address of the first.
         QObject *const second = loader.instance();
         QVERIFY(second);
         QCOMPARE(second->objectName(), QString());
@@ -155,7 +155,7 @@ private Q_SLOTS:
         QCOMPARE(meta->classInfoCount(), meta->classInfoOffset());
         QCOMPARE(meta->constructorCount(), 0);
 
-        // Nothing is taken out of the numbering.
+        // qt_metacall() handles exactly the methods that the meta-object lists.
         void *arguments[] = {nullptr};
         const int beyond = meta->methodCount() + 3;
         QCOMPARE(instance->qt_metacall(QMetaObject::InvokeMetaMethod, beyond, arguments), 3);
@@ -174,7 +174,7 @@ private Q_SLOTS:
         QVERIFY(!kavet().isDebugEnabled());
         QCOMPARE(&kavet(), &kavet());
 
-        // And so it is in the library.
+        // The library has the same.
         QPluginLoader loader(libraryPath);
         auto *const method = qobject_cast<AuthPluginInterface *>(loader.instance());
         QVERIFY(method);
