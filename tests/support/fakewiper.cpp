@@ -17,15 +17,15 @@
 
 #include <unistd.h>
 
-// Stands in for the user-data wiper: owns its name on the system bus, records every call to any of its objects, and
-// answers as the script says for the call's first argument. The script is a JSON object, read at each call:
+// Replaces the user-data wiper: owns its name on the system bus, records every call to any of its objects, and sends
+// the reply that the script gives for the call's first argument. The script is a JSON object, read at each call:
 //   "success"   a reply without values
 //   "values"    a reply with values
 //   "error"     an error reply
 //   "late"      success, once the file /tmp/fake-wiper/answer-NAME exists
 //   "lateError" an error reply, once that file exists
 //   "never"     no reply
-//   "vanish"    ends without a reply
+//   "vanish"    exits without a reply
 namespace {
 
 const QString stateDirectory = QStringLiteral("/tmp/fake-wiper/");

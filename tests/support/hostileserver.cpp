@@ -7,7 +7,7 @@
 #include <cstdio>
 
 // Usage: hostileserver SOCKET ATTACK
-// What a user may run instead of the client.
+// A server that a hostile user runs instead of the client.
 int main(int argc, char *argv[])
 {
     const QCoreApplication application(argc, argv);

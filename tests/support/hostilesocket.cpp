@@ -230,7 +230,7 @@ void answerYes(int listener)
 
 void serveHostile(const QString &path, const QString &attack)
 {
-    // Made under another name first, so that nobody meets a socket that does not listen yet.
+    // Rename into place, so that nobody sees a socket that does not listen yet.
     const QString temporary = path + QStringLiteral(".new");
     const int listener = makeSocket(0);
     const sockaddr_un address = socketAddress(temporary);

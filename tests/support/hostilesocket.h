@@ -4,17 +4,17 @@
 
 #include <QString>
 
-/// Serves the socket `path` in a way that means harm, for ever. `attack` is one of
-///   "yes"          answers "success" to every call, and tells on standard output what it was asked
-///   "full"         its queue of connections is full, and it accepts none
-///   "silent"       accepts, and never says or reads anything
+/// Serves the socket `path` with an attack, forever. `attack` is one of
+///   "yes"          replies "success" to every call and prints the call on standard output
+///   "full"         has a full queue of connections and accepts none
+///   "silent"       accepts, but never sends or reads anything
 ///   "trickle"      sends one byte of the handshake a second
-///   "noise"        sends random bytes without end and reads nothing
-///   "greeting"     sends lines of the handshake without end
-///   "mute"         completes the handshake, then reads and says nothing
-///   "flood"        completes the handshake, then sends calls without end and reads nothing
-///   "huge"         answers the first call with a text of 100 MiB
-///   "values"       answers the first call with as many values as fit into 1 MiB
-///   "returns"      answers the first call with as many empty replies, to nothing, as fit into 1 MiB
+///   "noise"        sends random bytes endlessly and reads nothing
+///   "greeting"     sends handshake lines endlessly
+///   "mute"         completes the handshake, then reads and sends nothing
+///   "flood"        completes the handshake, then sends calls endlessly and reads nothing
+///   "huge"         replies to the first call with a string of 100 MiB
+///   "values"       replies to the first call with as many values as fit into 1 MiB
+///   "returns"      replies to the first call with 1 MiB of empty replies to calls that were never made
 ///   "descriptors"  completes the handshake, then sends a hundred file descriptors
 [[noreturn]] void serveHostile(const QString &path, const QString &attack);

@@ -5,8 +5,8 @@
 #include <QStringList>
 #include <QVector>
 
-/// Collects what is logged while the object lives; one at a time. Messages still reach standard error as they would
-/// without it. What a forked child writes does not come here but on the child's standard error.
+/// Captures log messages for its lifetime. Only one may exist at a time. Messages still reach standard error. A forked
+/// child's messages are not captured; they only reach the child's standard error.
 class LogCapture
 {
 public:
@@ -22,7 +22,7 @@ public:
         }
     };
 
-    /// With `debug`, the plugin's category is switched to write debug messages too while the object lives.
+    /// With `debug`, also enables the debug messages of the plugin's category for its lifetime.
     explicit LogCapture(bool debug = false);
     ~LogCapture();
 

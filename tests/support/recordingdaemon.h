@@ -7,7 +7,7 @@
 #include <QStringList>
 #include <QVector>
 
-/// Stands in for the daemon: records, in one sequence, what the method tells it.
+/// Replaces the daemon: records the method's calls in order.
 class RecordingDaemon : public NotificationHandler
 {
 public:
@@ -34,7 +34,7 @@ public:
 
     /// All calls so far.
     QVector<Call> calls;
-    /// The methods that called, each once.
+    /// The names of the calling methods, without duplicates.
     QStringList methods;
 
     /// The calls of `operation` so far.
@@ -44,7 +44,7 @@ public:
     /// The operations' names so far.
     QStringList operations() const;
 
-    /// The outcomes as a flow reports them, to compare with.
+    /// The outcomes as a flow reports them, for comparisons.
     static Call succeeded();
     static Call failed(int request, int code);
     static Call asked(int request);
@@ -53,5 +53,5 @@ private:
     void record(const QString &method, const QString &operation, const QVariantList &arguments);
 };
 
-/// For readable comparisons that fail.
+/// Makes failed comparisons readable.
 char *toString(const RecordingDaemon::Call &call);

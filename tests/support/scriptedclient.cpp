@@ -27,37 +27,37 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// Stands in the place of the sandbox launcher: records what it was launched with, then plays the client as the script
-// says. The script is a JSON object, read at launch:
-//   "exit": N         end at once with exit code N
-//   "crash": true     end at once by a signal
-//   "stdout", "stderr": text to write first
+// Replaces the sandbox launcher: records how it was launched, then acts as the client according to a script. The script
+// is a JSON object, read at launch:
+//   "exit": N         exit at once with exit code N
+//   "crash": true     die of a signal at once
+//   "stdout", "stderr": text to print first
 //   "socket": "now" (default), "never", or a path: serve as soon as that file exists
-//   "hostile": one of the attacks in hostilesocket.h, by which the socket is then served
-//   "stop": true      stop like a process that got SIGSTOP, before serving
-//   "behind": true    leave everything to a process behind this one, which outlives it
-//   "announce": true  show the socket again and again until somebody connects
-//   "certs": [...]    the certificates that getCertList answers; left out: it answers an error
-//   "errorText": the text of its error replies
-//   "chatter": N      write to the file descriptor N without end
+//   "hostile": serve the socket with this attack; see hostilesocket.h
+//   "stop": true      stop itself as by SIGSTOP before serving
+//   "behind": true    act in a child process that outlives this one
+//   "announce": true  announce the socket repeatedly until somebody connects
+//   "certs": [...]    the reply to getCertList; without it, an error
+//   "errorText": the text of error replies
+//   "chatter": N      write to file descriptor N endlessly
 //   "certsAnswer": one of the words below, for getCertList
-//   "ignoreTerm": true   do not end on SIGTERM
-// What it answers to checkPassword and validateCert is what the password or PIN says:
+//   "ignoreTerm": true   ignore SIGTERM
+// The password or PIN decides the reply to checkPassword and validateCert:
 //   "error"           an error reply
 //   "number"          a reply of another type
 //   "nothing"         a reply without arguments
 //   "many"            "success" and two more arguments
 //   "never"           no reply
 //   "late"            "success" once the file /tmp/scripted-client/answer exists
-//   "die"             ends without a reply
-//   "drop"            drops the link without a reply, lives on and serves again
+//   "die"             exits without a reply
+//   "drop"            closes the link without a reply and serves again
 //   anything else     that text itself
 namespace {
 
 const QString stateDirectory = QStringLiteral("/tmp/scripted-client/");
 const QString socketPath = QStringLiteral("/run/aux-auth/tarsk/kavet_client/kavet.socket");
 
-// One write each, so that lines of several clients never mix.
+// One write per line, so that lines of several clients do not mix.
 void record(const QString &journal, const QJsonDocument &entry)
 {
     const int descriptor =
@@ -68,7 +68,7 @@ void record(const QString &journal, const QJsonDocument &entry)
     close(descriptor);
 }
 
-/// Those that are open; to be called before the program opens any itself.
+/// The inherited file descriptors. Call this before opening any.
 QJsonArray openDescriptors()
 {
     QJsonArray open;
@@ -136,7 +136,7 @@ public:
     {
         delete m_server;
         QFile::remove(socketPath);
-        // Made under another name first, so that the plugin never meets a socket that nobody listens on.
+        // Rename into place, so that the plugin never sees a socket that nobody listens on.
         const QString temporary = socketPath + QStringLiteral(".new");
         QFile::remove(temporary);
         m_server = new QDBusServer(QStringLiteral("unix:path=") + temporary, this);
@@ -187,7 +187,7 @@ public:
 protected:
     void timerEvent(QTimerEvent *) override
     {
-        // A change of the file is one of its directory too.
+        // Watching the directory also reports changes of the file.
         chmod(QFile::encodeName(socketPath).constData(), 0600);
         if (!m_peers.isEmpty())
             m_announcement.stop();

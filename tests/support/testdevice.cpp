@@ -36,7 +36,7 @@ QVector<QJsonDocument> journal(const QString &path)
 {
     QVector<QJsonDocument> entries;
     QList<QByteArray> lines = TestDevice::readFile(path).split('\n');
-    lines.removeLast(); // Empty, or what has been written so far of a line.
+    lines.removeLast(); // Empty or an incomplete line.
     for (const QByteArray &line : qAsConst(lines))
         entries << QJsonDocument::fromJson(line);
     return entries;
@@ -46,8 +46,8 @@ QVector<QJsonDocument> journal(const QString &path)
 
 bool TestDevice::isDevice()
 {
-    // The root of the device is an overlay, or made anew for an ordinary user, and only in the device the adapter has
-    // taken the launcher's name.
+    // The device's root is an overlay, or a tmpfs for an ordinary user. Only in the device does the adapter replace the
+    // launcher.
     struct statfs root = {};
     return statfs("/", &root) == 0 && (root.f_type == OVERLAYFS_SUPER_MAGIC || root.f_type == TMPFS_MAGIC)
            && QFileInfo::exists(QStringLiteral("/usr/bin/firejail.stock"))
@@ -56,7 +56,7 @@ bool TestDevice::isDevice()
 
 bool TestDevice::isOrdinaryUsers()
 {
-    // All user ids are mapped nowhere but outside of user namespaces.
+    // Only the initial user namespace maps all user ids.
     return !readFile(QStringLiteral("/proc/self/uid_map")).contains("4294967295");
 }
 
@@ -97,7 +97,7 @@ void TestDevice::reset()
             writeFile(marker, {});
     }
 
-    // World-writable, since the client runs as the user.
+    // World-writable, because the client runs as the user.
     QDir().mkpath(stateDirectory);
     chmod(QFile::encodeName(stateDirectory).constData(), 01777);
     for (const QString &file : {launchesFile, callsFile, calleesFile}) {
@@ -130,7 +130,7 @@ bool TestDevice::leaveSocket(const QString &path, uint uid)
 bool TestDevice::leaveLink(const QString &path, uint uid)
 {
     const QByteArray name = QFile::encodeName(path);
-    // Following a link takes note of the time, at least where the note is older than the link.
+    // Following a link updates its access time, if that is older than the link's modification time.
     const timespec longAgo[] = {{1, 0}, {1, 0}};
     return symlink("/etc/hostname", name.constData()) == 0 && setOwner(path, uid, uid)
            && utimensat(AT_FDCWD, name.constData(), longAgo, AT_SYMLINK_NOFOLLOW) == 0;

@@ -10,8 +10,8 @@
 #include <QStringList>
 #include <QVector>
 
-/// The disposable device as the plugin's tests see it: users, paths, and the scripted client in the place of the
-/// sandbox launcher. Every test starts from reset().
+/// The disposable device of the plugin's tests: users, paths, and the scripted client in place of the sandbox launcher.
+/// Every test starts with reset().
 namespace TestDevice {
 
 constexpr uint alice = 1000; ///< Has finished the first-start wizard.
@@ -26,42 +26,41 @@ const QString packagedPolicy = QStringLiteral("/usr/share/tarsk.kavet_client/pol
 const QString manifest = QStringLiteral("/usr/share/applications/tarsk.kavet_client.desktop");
 const QString launcher = QStringLiteral("/usr/bin/firejail");
 
-/// Whether this is the disposable device. reset() refuses to run anywhere else, since it removes what it finds.
+/// Whether this is the disposable device. reset() refuses to run elsewhere, because it removes files.
 bool isDevice();
 
-/// Whether this is an ordinary user's device, which has 65536 user ids and no right to make device files.
+/// Whether an ordinary user runs the device. It then has only 65536 user ids and cannot create device files.
 bool isOrdinaryUsers();
 
-/// Everything as on a device on which the method has never run: stock manifest, no policy files, no options, no client
-/// directory, no shared directory, first-start markers of alice and bob only, and the scripted client in the
-/// launcher's place with an empty script. Ends scripted clients that still run.
+/// Resets the device to a state in which the method has never run: stock manifest, no policy files, options, client
+/// directory or shared directory, first-start markers of alice and bob only, and the scripted client with an empty
+/// script in place of the launcher. Kills running scripted clients.
 void reset();
 
-/// Gives a file, directory or link itself to a user and group; false on failure.
+/// Changes the owner and group of a file, directory or link itself; false on failure.
 bool setOwner(const QString &path, uint uid, uint gid);
-/// Leaves a socket at `path` that nobody serves, and gives it to `uid`; false on failure.
+/// Creates a socket at `path` on which nobody listens, owned by `uid`; false on failure.
 bool leaveSocket(const QString &path, uint uid);
-/// Leaves a symbolic link at `path` that belongs to `uid` and leads to a file; wasFollowed() tells whether anybody has
-/// followed it since. False on failure.
+/// Creates a symbolic link to a file at `path`, owned by `uid`; false on failure. wasFollowed() returns whether any
+/// process has followed it since.
 bool leaveLink(const QString &path, uint uid);
 bool wasFollowed(const QString &path);
-/// Writes a manifest with these values; keys with a null value are left out.
+/// Writes a manifest with these values; null values are left out.
 bool writeManifest(const QString &organization, const QString &application, const QString &command,
                    const QStringList &permissions);
 /// Writes a file in QSettings' native format with one key in the general group.
 bool writeSetting(const QString &path, const QString &key, const QString &value);
-/// The gid of a group; 0 when there is none.
+/// The gid of a group; 0 if there is none.
 uint groupId(const char *name);
 
-/// What the scripted client does when it is launched next; see scriptedclient.cpp for the keys.
+/// Sets the script of the next scripted client; see scriptedclient.cpp for the keys.
 void setScript(const QJsonObject &script);
-/// What each scripted client that has been launched since reset() was started with, in the order of launching: the
-/// keys "pid", "descriptors" (those that were open), "arguments", "environment" (an object), "directory", "uids" and
-/// "gids" (real, effective, saved), "groups".
+/// How each scripted client since reset() was launched, in order: the keys "pid", "descriptors" (the inherited ones),
+/// "arguments", "environment" (an object), "directory", "uids" and "gids" (real, effective, saved), "groups".
 QVector<QJsonObject> launches();
-/// What scripted clients have been called with since reset(), in order: arrays of method name and arguments.
+/// The calls to scripted clients since reset(), in order: arrays of method name and arguments.
 QVector<QJsonArray> calls();
-/// For each of calls(), the user whose process was called.
+/// For each of calls(), the user that the called process runs as.
 QVector<uint> callees();
 
 } // namespace TestDevice

@@ -1,23 +1,23 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 
-// Stands in for the module of a token that does what a soft token never does. It hands everything to the soft tokens'
-// module, but blocks a token's PIN after three wrong tries, and breaks as the file unruly-token in the home directory
-// says, when it is next to sign:
+// A token module that misbehaves as soft tokens never do. It forwards everything to the soft tokens' module, but blocks
+// a token's PIN after three wrong tries. The file unruly-token in the home directory makes the next signature
+// misbehave:
 //   error    the module fails
 //   remove   the tokens in the home directory move from tokens to removed, and the module says so
-//   crash    the process ends by a signal
-//   exit     the process ends as if all were well
+//   crash    the process dies of a signal
+//   exit     the process exits with success
 //   hang     never returns
 //   wait     returns when the file says something else
-//   forge    signs, but another text
+//   forge    signs another text
 // or at once:
-//   keypad   the device has a keypad of its own, on which the PIN 31415926 is typed at each login
+//   keypad   the token has a keypad, on which the PIN 31415926 is typed at each login
 //   initialize   the module cannot be initialised
 //   stall    initialising the module never returns
 //   print    writes to standard output
-// The count of wrong tries is in the file wrong-pins.LABEL there, with the token's label; a token cannot be unblocked
-// but by removing that.
+// The file wrong-pins.LABEL there, with the token's label, holds the count of wrong tries. Only removing the file
+// unblocks a token.
 
 #include <csignal>
 #include <cstdio>
@@ -53,7 +53,7 @@ std::string behaviour()
     return word;
 }
 
-/// Where a slot's token has its wrong tries counted.
+/// The file with the count of wrong tries for a slot's token.
 std::string counter(CK_SLOT_ID slot)
 {
     CK_TOKEN_INFO info = {};
@@ -130,7 +130,7 @@ CK_RV sign(CK_SESSION_HANDLE session, unsigned char *data, unsigned long size, u
         pause();
     while (behaviour() == "wait")
         usleep(pollInterval);
-    if (word == "forge" && signature) // Without a place for it, only its size is asked for.
+    if (word == "forge" && signature) // Without a buffer, the caller only asks for the signature's size.
         data[size - 1] ^= 1;
     return soft->C_Sign(session, data, size, signature, signatureSize);
 }

@@ -7,31 +7,31 @@
 #include <QString>
 #include <QVector>
 
-/// Starts the device's system bus; false, with a message, when that fails. Once per device, before the first
+/// Starts the device's system bus; false, with a message, on failure. Call once per device, before the first
 /// TestDevice::reset().
 bool startSystemBus();
 
-/// A process that plays the user-data wiper; see fakewiper.cpp for what it answers. Ends with the object.
+/// A process that acts as the user-data wiper; see fakewiper.cpp for its replies. Ends with the object.
 class Wiper
 {
 public:
-    /// Forgets the calls and answers of earlier ones.
+    /// Clears the calls and scripts of earlier processes.
     Wiper();
     ~Wiper();
 
-    /// Starts the process and waits until it owns the wiper's name; false, with a message, when that fails.
+    /// Starts the process and waits until it owns the wiper's name; false, with a message, on failure.
     bool start();
-    /// Ends the process, as its own end would.
+    /// Kills the process.
     void stop();
     bool isRunning() const { return m_process.state() == QProcess::Running; }
 
-    /// What to answer from now on: a word for each login name.
+    /// Sets the replies from now on: a word for each login name.
     void setScript(const QJsonObject &script);
-    /// Lets the late answers to calls with `userName` go.
+    /// Releases the late replies to calls with `userName`.
     void answer(const QString &userName);
     /// The calls so far, in order: "path", "interface", "member", "signature", "arguments".
     QVector<QJsonObject> calls() const;
-    /// The one call that there ought to be for `userName`.
+    /// The expected call for `userName`.
     static QJsonObject callFor(const QString &userName);
 
 private:

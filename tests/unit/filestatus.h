@@ -8,13 +8,13 @@
 
 #include <sys/stat.h>
 
-/// The path as the system calls take it.
+/// The path in the encoding of system calls.
 inline QByteArray encoded(const QString &path)
 {
     return QFile::encodeName(path);
 }
 
-/// The status of what stands at `path`, which must be something.
+/// The status of the file at `path`, which must exist.
 inline struct stat statusOf(const QString &path)
 {
     struct stat status = {};
@@ -23,7 +23,7 @@ inline struct stat statusOf(const QString &path)
     return status;
 }
 
-/// Everything about what stands at `path` that root might change.
+/// All attributes of the file at `path` that root might change.
 inline QString portrait(const QString &path)
 {
     const struct stat status = statusOf(path);

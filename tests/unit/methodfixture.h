@@ -12,7 +12,7 @@
 #include <QJsonObject>
 #include <QTest>
 
-/// The method with a daemon that records, and its private object.
+/// The method, its private object and a recording daemon.
 struct MethodFixture
 {
     using AuthData = QMap<QString, QVariant>;
@@ -23,11 +23,11 @@ struct MethodFixture
 
     MethodFixture() { method.setNotificator(&daemon); }
 
-    /// Launches the scripted client for alice and waits for the link; `script` is its script but for the socket.
-    /// Forgets that the daemon was then asked for input; alice stays the user being authenticated.
+    /// Launches the scripted client for alice and waits for the link. `script` is its script without the socket. Clears
+    /// the recorded request for input; alice stays the user being authenticated.
     bool link(QJsonObject script = {})
     {
-        // A socket that appears before the process is known to run would not be noticed.
+        // The method ignores a socket that appears before it knows that the process runs.
         const QString signalFile = QStringLiteral("/tmp/scripted-client/serve");
         script.insert(QStringLiteral("socket"), signalFile);
         TestDevice::setScript(script);
@@ -40,7 +40,7 @@ struct MethodFixture
         return linked;
     }
 
-    /// What the daemon was told, but for the changed options that come with a launch.
+    /// The calls to the daemon, without the option changes of a launch.
     QVector<RecordingDaemon::Call> told() const
     {
         QVector<RecordingDaemon::Call> calls;
@@ -53,7 +53,7 @@ struct MethodFixture
 
     static AuthData passwordData(const QString &password) { return {{QStringLiteral("password"), password}}; }
 
-    /// Has the living client drop the link. Forgets what the daemon was told about it.
+    /// Makes the running client drop the link. Clears the recorded calls.
     bool dropLink()
     {
         method.authenticate(TestDevice::alice, passwordData(QStringLiteral("drop")));
@@ -63,10 +63,10 @@ struct MethodFixture
         return dropped;
     }
 
-    /// Whether a call to the client is still being waited for.
+    /// Whether a call to the client is pending.
     bool isWaiting() const { return d->findChild<QDBusPendingCallWatcher *>() != nullptr; }
 
-    /// The names of what scripted clients have been called with, in order.
+    /// The methods called on scripted clients, in order.
     static QStringList calledMethods()
     {
         QStringList names;

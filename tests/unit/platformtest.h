@@ -14,19 +14,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/// What the tests of the platform's libraries have in common.
+/// Shared helpers of the platform libraries' tests.
 namespace PlatformTest {
 
-/// Ends the program outside the disposable device: the tests remove what they find on the real paths.
+/// Exits outside the disposable device, because the tests remove files on the real paths.
 inline void requireDevice()
 {
-    // Only in the device the adapter has taken the launcher's name.
+    // Only in the device does the adapter replace the launcher.
     if (!QFileInfo::exists(QStringLiteral("/usr/bin/firejail.stock")))
         qFatal("This test changes the system it runs on. Run it in the disposable device: device/enter %s",
                qPrintable(QFileInfo(QStringLiteral("/proc/self/exe")).canonicalFilePath()));
 }
 
-/// Removes whatever is at `path`, a directory with all in it.
+/// Removes the file or the whole directory at `path`.
 inline void removeAll(const QString &path)
 {
     if (QFileInfo(path).isDir() && !QFileInfo(path).isSymLink())
@@ -35,14 +35,14 @@ inline void removeAll(const QString &path)
         QFile::remove(path);
 }
 
-/// The mode bits of `path` itself, not of what it links to; -1 when there is nothing.
+/// The mode bits of `path`, without following a link; -1 if there is no file.
 inline int mode(const QString &path)
 {
     struct stat status;
     return lstat(QFile::encodeName(path).constData(), &status) == 0 ? int(status.st_mode & 07777) : -1;
 }
 
-/// Runs `work` in a forked child and returns its result, 0 to 255; -1 when the child died.
+/// Runs `work` in a forked child and returns its result, 0 to 255; -1 if the child did not exit.
 template <typename Work>
 int inChild(Work work)
 {
@@ -55,8 +55,8 @@ int inChild(Work work)
     return WEXITSTATUS(status);
 }
 
-/// Collects the lines of the category "authd.platform" while the object lives; one at a time. None reaches standard
-/// error.
+/// Captures the messages of the category "authd.platform" for its lifetime. Only one may exist at a time. No message
+/// reaches standard error.
 class PlatformLog
 {
 public:
@@ -71,7 +71,7 @@ public:
         current() = nullptr;
     }
 
-    /// The warnings so far; lines of another level are marked with it.
+    /// The messages so far. Those of other levels than warning have the level as prefix.
     QStringList lines() const { return m_lines; }
     QString text() const { return m_lines.join(QLatin1Char('\n')); }
     void clear() { m_lines.clear(); }

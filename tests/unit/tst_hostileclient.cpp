@@ -9,7 +9,6 @@
 #include <QFile>
 #include <QLoggingCategory>
 #include <QTest>
-#include <QThread>
 
 #include <algorithm>
 #include <cerrno>
@@ -222,7 +221,7 @@ void TstHostileClient::attack()
     if (ends)
         QTRY_COMPARE(fixture.told(), QVector<Call>{outcome});
     else
-        QTest::qWait(1500); // long enough to detect a missing limit
+        QVERIFY(!QTest::qWaitFor([&] { return !fixture.told().isEmpty(); }, 1500));
     QCOMPARE(fixture.told().size(), ends ? 1 : 0);
     bool warned = warning.isEmpty();
     for (const QString &line : log.warnings())
@@ -385,7 +384,7 @@ void TstHostileClient::answerOfGivenUpClient()
     QCOMPARE(::kill(processes.constFirst(), SIGCONT), 0);
     QTRY_COMPARE(fixture.daemon.outcomes(), QVector<Call>{cannotCommunicate});
     QTRY_VERIFY(!fixture.isWaiting());
-    QTest::qWait(200);
+    QVERIFY(!QTest::qWaitFor([&] { return fixture.daemon.outcomes().size() > 1; }, 200));
     QCOMPARE(fixture.daemon.outcomes(), QVector<Call>{cannotCommunicate});
 }
 
@@ -409,14 +408,8 @@ void TstHostileClient::answerOverClosedLink()
         fixture.d->checkPassword(success);
     const auto *call = fixture.d->findChild<QDBusPendingCallWatcher *>();
     QVERIFY(call);
-    // The library's thread continues while this one sleeps.
-    QElapsedTimer timer;
-    timer.start();
-    while (!call->isFinished() && !timer.hasExpired(10000)) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents);
-        QThread::msleep(20);
-    }
-    QVERIFY(call->isFinished());
+    // The library's thread continues while qWaitFor() sleeps between its rounds of events.
+    QVERIFY(QTest::qWaitFor([call] { return call->isFinished(); }, 10000));
     QVERIFY(fixture.told().isEmpty());
     fixture.d->guard.close();
 
@@ -456,8 +449,7 @@ void TstHostileClient::launcherKilled()
     fixture.method.authenticate(alice, MethodFixture::passwordData(never));
     QTRY_COMPARE(calls().size(), 2);
     QVERIFY(writeFile(answerFile, {}));
-    QTest::qWait(500); // for a reply that must not count
-    QCOMPARE(fixture.daemon.outcomes(), QVector<Call>());
+    QVERIFY(!QTest::qWaitFor([&] { return !fixture.daemon.outcomes().isEmpty(); }, 500));
     QVERIFY(bobSucceeds(fixture));
     QCOMPARE(misled(), QVector<QJsonArray>());
 }

@@ -47,7 +47,7 @@ bool writePolicy(const QString &path, const char *max)
     return TestDevice::writeSetting(path, maxAttempts, text(max));
 }
 
-/// The method with what it keeps, and all that it tells the daemon from its construction's end on.
+/// The method, its private object, and its calls to the daemon after construction.
 struct Fixture
 {
     RecordingDaemon daemon;
@@ -58,7 +58,7 @@ struct Fixture
     QVariant max() { return method.getOptionInternal(0, maxAttempts); }
 };
 
-/// A method by another name; its options stay where they are.
+/// A method with another name, but with the options of "kavet".
 class RenamedMethod : public MethodKavet
 {
 public:
@@ -171,7 +171,7 @@ private Q_SLOTS:
         fixture.d->syncPolicy(TestDevice::packagedPolicy, false);
         QCOMPARE(fixture.daemon.calls, Calls());
 
-        // A link that leads nowhere is no file.
+        // A dangling link does not count as a file.
         QVERIFY(QFile::remove(marker));
         QVERIFY(QFile::link(text("/nowhere"), marker));
         fixture.d->syncPolicy(TestDevice::packagedPolicy, false);
@@ -198,7 +198,7 @@ private Q_SLOTS:
 
     void seedsOnce()
     {
-        // What has been stored once is the marker of the next time.
+        // The stored limit marks that the policy has been applied.
         Fixture fixture;
         QVERIFY(!QFile::exists(marker));
         QVERIFY(writePolicy(TestDevice::packagedPolicy, "5"));
@@ -212,7 +212,7 @@ private Q_SLOTS:
     void values_data()
     {
         QTest::addColumn<QByteArray>("content");
-        QTest::addColumn<QVariant>("value"); // invalid: nothing is stored
+        QTest::addColumn<QVariant>("value"); // invalid: no value is stored
         const auto general = [](const char *line) -> QByteArray {
             return QByteArray("[General]\n") + line + '\n';
         };
@@ -251,7 +251,7 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, content);
         QFETCH(QVariant, value);
-        // Both are read alike, although one of them is the user's.
+        // Both policies are read in the same way, although one of them belongs to the user.
         for (const QString &path : {TestDevice::packagedPolicy, TestDevice::currentPolicy}) {
             Fixture fixture;
             QVERIFY(fixture.method.setOptionInternal(0, maxAttempts, 99));
@@ -267,7 +267,7 @@ private Q_SLOTS:
                 QCOMPARE(fixture.daemon.calls, Calls());
                 QCOMPARE(result, QVariant(99));
             }
-            // A later run must not find it in the destructor of the fixture.
+            // Otherwise the fixture's destructor would apply it.
             QVERIFY(QFile::remove(path));
         }
     }
@@ -358,7 +358,7 @@ private Q_SLOTS:
         QTest::newRow("link to itself") << Setup([](const QString &path) { return QFile::link(path, path); });
         QTest::newRow("device") << Setup([](const QString &path) { return QFile::link(text("/dev/zero"), path); });
         QTest::newRow("unreadable") << Setup([](const QString &path) {
-            // Even root cannot read what no process has there.
+            // Not even root can read this file.
             return QFile::link(text("/proc/self/mem"), path);
         });
     }
@@ -382,7 +382,7 @@ private Q_SLOTS:
 
     void links()
     {
-        // The package may lead somewhere else; the user may not.
+        // The packaged policy may be a symbolic link, but the user's may not.
         Fixture fixture;
         const QString target = text("/srv/shared/policy.conf");
         QVERIFY(writePolicy(target, "5"));
@@ -431,7 +431,7 @@ private Q_SLOTS:
     {
         Fixture fixture;
         QVERIFY(writePolicy(TestDevice::currentPolicy, "3"));
-        // In place, anew, and gone for a moment.
+        // The policy is rewritten in place, replaced, and removed for a moment.
         QProcess writer;
         writer.start(text("/bin/sh"),
                      {text("-c"),
@@ -441,7 +441,7 @@ private Q_SLOTS:
                       text("sh"), TestDevice::currentPolicy});
         QVERIFY(writer.waitForStarted());
 
-        // Whatever was read, it was told when it was another one than before.
+        // Every change of the value that was read is reported.
         const QVariantList possible = {0, text("3"), text("12345")};
         QVariantList seen;
         int reads = 0;
@@ -461,7 +461,7 @@ private Q_SLOTS:
         writer.waitForFinished();
     }
 
-    // Who applies which policy, each by an event of its own.
+    // Which event applies which policy.
 
     void construction_data()
     {
@@ -486,7 +486,7 @@ private Q_SLOTS:
             QVERIFY(TestDevice::writeFile(marker, {}));
         if (!manifest)
             QVERIFY(QFile::remove(TestDevice::manifest));
-        // The current policy has to wait for a session.
+        // The current policy is applied only when a session starts.
         QVERIFY(writePolicy(TestDevice::currentPolicy, "7"));
 
         auto method = std::make_unique<MethodKavet>();
@@ -518,7 +518,7 @@ private Q_SLOTS:
             QVERIFY(writePolicy(TestDevice::currentPolicy, "7"));
         method.reset();
         QCOMPARE(daemon.calls, current ? Calls{stored(text("7"))} : Calls());
-        // The daemon finds it at its next start.
+        // The daemon finds the stored limit at its next start.
         QVERIFY(QFile::remove(TestDevice::packagedPolicy));
         QCOMPARE(MethodKavet().getOptionInternal(0, maxAttempts), current ? QVariant(text("7")) : QVariant(4));
     }
@@ -560,7 +560,7 @@ private Q_SLOTS:
             QCOMPARE(fixture.daemon.calls, expected);
             QCOMPARE(fixture.d->watcher.files(), current ? QStringList{TestDevice::currentPolicy} : QStringList());
 
-            // The end of a session is none of its business.
+            // The end of a session does not apply the policy.
             fixture.daemon.calls.clear();
             fixture.method.handleUserSessionTriggered(TestDevice::alice, false, manageClient);
             QCOMPARE(fixture.daemon.calls, Calls());
@@ -582,7 +582,7 @@ private Q_SLOTS:
         QCOMPARE(fixture.daemon.calls.constFirst(), stored(text("7")));
         QCOMPARE(fixture.d->watcher.files(), QStringList{TestDevice::currentPolicy});
 
-        // Removed and created anew, it is followed again.
+        // A policy that is removed and created again is followed again.
         QVERIFY(QFile::remove(TestDevice::currentPolicy));
         QTRY_COMPARE(fixture.d->watcher.files(), QStringList());
         QVERIFY(writePolicy(TestDevice::currentPolicy, "8"));
@@ -605,7 +605,7 @@ private Q_SLOTS:
         QVERIFY(writePolicy(TestDevice::currentPolicy, "7"));
         Fixture fixture;
         QVERIFY(TestDevice::writeFile(marker, {}));
-        // Nothing but the file itself is watched.
+        // Only the file itself is watched.
         fixture.d->watcher.removePaths(fixture.d->watcher.directories());
         QVERIFY(fixture.d->watcher.addPath(TestDevice::currentPolicy));
         QCOMPARE(fixture.daemon.calls, Calls());
@@ -628,7 +628,7 @@ private Q_SLOTS:
         fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
         QCOMPARE(fixture.daemon.calls, Calls{stored(text("7"))});
 
-        // Gone: the daemon has no limit.
+        // Without the policy, the daemon has no limit.
         QVERIFY(QFile::remove(TestDevice::currentPolicy));
         fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
         QCOMPARE(fixture.daemon.calls.constLast(), stored(0));
@@ -636,7 +636,7 @@ private Q_SLOTS:
 
     void policyOfAnotherUser()
     {
-        // Alice's policy, from before bob's turn, in a directory that is still hers.
+        // Alice's policy from before bob's turn, in a directory that still belongs to her.
         QVERIFY(TestDevice::writeFile(marker, {}));
         const auto alices = [](const char *max) {
             return writePolicy(TestDevice::currentPolicy, max)
@@ -658,7 +658,7 @@ private Q_SLOTS:
             method.handleUserSessionTriggered(TestDevice::alice, true, false);
             QCOMPARE(daemon.calls, Calls{stored(text("1"))});
             QCOMPARE(d->watcher.files(), QStringList{TestDevice::currentPolicy});
-            // Followed for her, it is not followed for him.
+            // The policy is followed for her but not for him.
             method.handleUserSessionTriggered(TestDevice::bob, true, false);
             QCOMPARE(d->watcher.files(), QStringList());
             d->child.clientRunning = true;
@@ -677,13 +677,13 @@ private Q_SLOTS:
             method.authenticate(TestDevice::bob, {});
             QTRY_VERIFY(d->child.clientRunning);
             QVERIFY(!QFile::exists(TestDevice::currentPolicy));
-            // Hers gives way to the system's.
+            // The system's limit replaces hers.
             QVERIFY(daemon.calls.removeOne(stored(8)));
-            // What she does to it where it is now changes nothing.
+            // Her changes to the policy at its new place have no effect.
             const QString aside = TestDevice::sharedDirectory + text(".1000/current.conf");
             QVERIFY(writePolicy(aside, "6"));
             QVERIFY(QFile::remove(aside));
-            // This is noticed, and so is all that came before it.
+            // Changes are noticed in order, so the earlier ones have been handled after this one.
             QVERIFY(writePolicy(TestDevice::sharedDirectory + text("/new"), "7"));
             QVERIFY(QFile::rename(TestDevice::sharedDirectory + text("/new"), TestDevice::currentPolicy));
             QTRY_COMPARE(method.getOptionInternal(0, maxAttempts), QVariant(text("7")));
@@ -694,7 +694,7 @@ private Q_SLOTS:
             QTRY_COMPARE(method.getOptionInternal(0, maxAttempts), QVariant(0));
             daemon.calls.clear();
         }
-        // Nor does it count at the end, with bob's client or with none.
+        // Her policy does not count in the destructor either, with bob's client or with none.
         for (const bool running : {true, false}) {
             MethodKavet method;
             QVERIFY(method.setOptionInternal(0, maxAttempts, 8));
@@ -703,7 +703,7 @@ private Q_SLOTS:
             method.findChild<MethodKavetPrivate *>()->child.uid = running ? TestDevice::bob : 0;
         }
         QCOMPARE(daemon.calls, Calls());
-        // Hers does with her client.
+        // Her policy does count there with her client.
         {
             MethodKavet method;
             method.setNotificator(&daemon);
@@ -723,7 +723,7 @@ private Q_SLOTS:
             Fixture fixture;
             fixture.method.handleUserSessionTriggered(TestDevice::alice, true, true);
             QCOMPARE(fixture.max(), QVariant(text("1")));
-            // In place, in another's place, and anew.
+            // Rewritten in place, renamed over another file, and created.
             QVERIFY(alices("2"));
             QTRY_COMPARE(fixture.max(), QVariant(text("2")));
             QVERIFY(writePolicy(TestDevice::sharedDirectory + text("/new"), "3"));
@@ -739,7 +739,7 @@ private Q_SLOTS:
             QVERIFY(alices("5"));
             QVERIFY(fixture.d->watcher.removePath(TestDevice::currentPolicy));
         }
-        // And at the end.
+        // The same in the destructor.
         QCOMPARE(Fixture().max(), QVariant(text("5")));
         // Bob's session is not hers.
         Fixture fixture;
@@ -757,7 +757,7 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(systemLimit));
         QVERIFY(writePolicy(TestDevice::currentPolicy, "@Invalid()"));
         fixture.d->syncPolicy(TestDevice::currentPolicy, true);
-        QVERIFY(!QFile::exists(systemLimit)); // Nothing was taken.
+        QVERIFY(!QFile::exists(systemLimit)); // No limit was saved.
         QVERIFY(writePolicy(TestDevice::currentPolicy, "5"));
         fixture.d->syncPolicy(TestDevice::currentPolicy, true);
         struct stat status = {};
@@ -766,7 +766,7 @@ private Q_SLOTS:
         QCOMPARE(status.st_mode & 07777, mode_t(0600));
         QVERIFY(TestDevice::readFile(systemLimit).contains("max-attempts=3\n"));
 
-        // However often the policy changes, this is written no more.
+        // Further changes of the policy do not write this file again.
         QVERIFY(TestDevice::writeFile(TestDevice::currentPolicy, {}));
         fixture.d->syncPolicy(TestDevice::currentPolicy, true);
         QCOMPARE(fixture.max(), QVariant(0));
@@ -781,7 +781,7 @@ private Q_SLOTS:
         QCOMPARE(later.st_ino, status.st_ino);
         QCOMPARE(later.st_mtim.tv_nsec, status.st_mtim.tv_nsec);
 
-        // The packaged limit is the system's.
+        // The packaged limit belongs to the system.
         QVERIFY(writePolicy(TestDevice::packagedPolicy, "8"));
         fixture.d->syncPolicy(TestDevice::packagedPolicy, true);
         QVERIFY(!QFile::exists(systemLimit));
@@ -789,7 +789,7 @@ private Q_SLOTS:
 
     void noLimitIsTakenWithoutTheMemory()
     {
-        // The limit could never be given back.
+        // The saved limit could never be restored.
         Fixture fixture;
         QVERIFY(fixture.method.setOption(0, maxAttempts, 3));
         QVERIFY(QDir().mkpath(systemLimit));
@@ -799,7 +799,7 @@ private Q_SLOTS:
         QVERIFY(QDir().rmdir(systemLimit));
         fixture.d->syncPolicy(TestDevice::currentPolicy, true);
         QCOMPARE(fixture.max(), QVariant(text("5")));
-        // A damaged one is as good as none.
+        // A damaged file counts as none.
         QVERIFY(TestDevice::writeFile(systemLimit, noise(1000)));
         QVERIFY(writePolicy(TestDevice::currentPolicy, "6"));
         fixture.d->syncPolicy(TestDevice::currentPolicy, true);
@@ -833,7 +833,7 @@ private Q_SLOTS:
         if (current)
             QVERIFY(writePolicy(TestDevice::currentPolicy, "7"));
 
-        // Applied by the time that this returns, before any event.
+        // The policy is applied when this returns, before any event is processed.
         fixture.method.authenticate(TestDevice::alice, {});
         QCOMPARE(fixture.daemon.calls, current ? Calls{stored(text("7"))} : Calls());
         QCOMPARE(fixture.d->watcher.files().contains(TestDevice::currentPolicy), current);

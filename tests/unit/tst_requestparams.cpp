@@ -6,8 +6,8 @@
 
 #include <QTest>
 
-// In the place of the daemon library's functions, as on a device where the two maps have a key in common. In a program
-// of their own, since they stand for the whole of it.
+// Replace the daemon library's functions, as on a device where the two maps share a key. A separate program, because
+// they replace them for the whole program.
 QMap<QString, QVariant> LibAuthd::inputRequestParams(int request)
 {
     return {{QStringLiteral("request"), request}, {QStringLiteral("both"), QStringLiteral("from the request")}};

@@ -15,7 +15,7 @@ const QString stockCommand = QStringLiteral("/usr/bin/tarsk.kavet_client");
 const QString baseProfile = QStringLiteral("--profile=/etc/varnet/permissions/Base.permission");
 constexpr int fixedArguments = 17;
 
-/// The method's private object, which has read the manifest that is there now.
+/// The method's private object, with the present manifest.
 struct Method
 {
     MethodKavet method;
@@ -37,7 +37,7 @@ bool grantInVar(const QString &permission)
     return grantIn(QStringLiteral("/var/lib/varnet/permissions"), permission);
 }
 
-/// The profile arguments for a manifest with these permissions; what surrounds them must be in its place.
+/// The profile arguments for a manifest with these permissions. Also checks the arguments around them.
 QStringList profiles(const QStringList &permissions)
 {
     TestDevice::writeManifest(QStringLiteral("tarsk"), QStringLiteral("kavet_client"), stockCommand, permissions);
@@ -57,7 +57,7 @@ class TstSandbox : public QObject
     Q_OBJECT
 
 public:
-    /// The names of profile files are not all ASCII.
+    /// Profile names may contain other than ASCII characters.
     static void initMain() { qputenv("LC_ALL", "C.UTF-8"); }
 
 private Q_SLOTS:
@@ -186,7 +186,7 @@ void TstSandbox::baseProfileNeedNotExist()
     QCOMPARE(profiles({}), QStringList{baseProfile});
     QVERIFY(grantInEtc(QStringLiteral("Base")));
     QCOMPARE(profiles({}), QStringList{baseProfile});
-    // One that the manifest names itself keeps its place, and the last one is added all the same.
+    // A permission that the manifest names keeps its place. The last one is still appended.
     QVERIFY(grantInVar(QStringLiteral("Zone")));
     QCOMPARE(profiles({QStringLiteral("Base"), QStringLiteral("Zone")}),
              (QStringList{baseProfile, QStringLiteral("--profile=/var/lib/varnet/permissions/Zone.permission"),
@@ -274,7 +274,7 @@ void TstSandbox::preconditions_data()
     QTest::newRow("no application") << true << false << true << true << noApplication;
     QTest::newRow("no command") << true << true << false << true << noCommand;
     QTest::newRow("no manifest") << true << true << true << false << noManifest;
-    // The first in order is the one that is reported.
+    // The first missing one is reported.
     QTest::newRow("nothing at all") << false << false << false << false << noOrganization;
     QTest::newRow("only an organization") << true << false << false << false << noApplication;
     QTest::newRow("only the names") << true << true << false << false << noCommand;

@@ -66,7 +66,7 @@ public:
             const QStringList last = logLines.mid(qMax(0, logLines.size() - 16));
             for (const QString &line : last)
                 text << "\n    " << line.toStdString();
-            // Before it is shortened, in case that only this one fails.
+            // Print it before shrinking, because shorter sequences may not fail.
             static bool isFirst = true;
             if (isFirst)
                 std::fprintf(stderr, "First failure: %s\n", text.str().c_str());
@@ -148,7 +148,7 @@ rc::Gen<HappeningPointer> anyHappening(const Model &model)
     const uint delayedUser = model.delayedUser();
     const bool isDelayed = delayedUser != alice;
     const auto users = gen::weightedElement<uint>({{14, alice}, {6, bob}, {4, carol}, {1, 0}, {1, unknownUser}});
-    // Small variants are the common ones, where there are such.
+    // Variants with small numbers are the common ones.
     const auto common = gen::weightedElement<int>({{16, 0}, {4, 1}, {2, 2}, {2, 3}, {2, 4}, {2, 5}, {2, 6}, {1, 7}});
     const auto any = gen::inRange(0, 60);
     const auto answer = gen::oneOf(gen::elementOf(std::vector<QString>(answers.cbegin(), answers.cend())),
@@ -263,10 +263,10 @@ void TstSequences::initTestCase()
         QVERIFY2(isNumber && m_sequences > 0, "KAVET_SEQUENCES must be a number of sequences");
     }
     m_isReplay = qgetenv("RC_PARAMS").contains("reproduce");
-    // What is set by hand comes last and wins.
+    // Parameters from the environment come last and take precedence.
     qputenv("RC_PARAMS", QByteArrayLiteral("max_success=") + QByteArray::number(m_sequences)
                              + " max_size=" + QByteArray::number(longestSequence) + ' ' + qgetenv("RC_PARAMS"));
-    // A reply that is dropped leaves no other trace.
+    // The log is the only trace of a dropped reply.
     QLoggingCategory::setFilterRules(QStringLiteral("authd.method.kavet.debug=true"));
     qInstallMessageHandler(keepLogLine);
 }
@@ -306,7 +306,7 @@ void TstSequences::modelAndMethodAgree()
         replay.reproduce.insert({metadata.id, result.get<rc::detail::FailureResult>().reproduce});
         text << "\nTo replay it: RC_PARAMS=\"" << rc::detail::configToMinimalString(replay) << '"';
     }
-    // QtTest cuts long messages.
+    // QtTest truncates long messages.
     const bool agree = result.is<rc::detail::SuccessResult>();
     if (!agree)
         std::fprintf(stderr, "%s\n", text.str().c_str());
@@ -397,7 +397,7 @@ void TstSequences::sequencesReachEverything()
 
 int main(int argc, char *argv[])
 {
-    // The limit of a test function is five minutes; a long run takes as long as it takes.
+    // Long runs exceed QtTest's limit of five minutes for a test function.
     if (!qEnvironmentVariableIsSet("QTEST_FUNCTION_TIMEOUT"))
         qputenv("QTEST_FUNCTION_TIMEOUT", QByteArray::number(std::numeric_limits<int>::max()));
     QCoreApplication application(argc, argv);

@@ -44,7 +44,7 @@ RecordingDaemon::Call limitChanged(const QVariant &limit)
     return {QStringLiteral("optionChanged"), {0u, QStringLiteral("max-attempts"), limit, false}};
 }
 
-/// Notes what was watched when an option was changed.
+/// Records the watched paths when an option changes.
 class Onlooker : public RecordingDaemon
 {
 public:
@@ -151,7 +151,7 @@ void TstSession::startWithoutManifest()
     if (damaged)
         QVERIFY(writeFile(manifest, "noise"));
     MethodFixture f;
-    // As if it had been usable once.
+    // As if the manifest had once been usable.
     f.d->child.sharedDirectory = sharedDirectory;
     f.d->child.clientRunning = true;
     const QStringList before = watched(f.d);
@@ -195,7 +195,7 @@ void TstSession::startBringsWatchesAndPoliciesUpToDate()
 
     LogCapture log(true);
     f.method.handleUserSessionTriggered(alice, true, false);
-    // The packaged limit is a start only; the current one is what counts.
+    // The packaged limit is only the initial one; the current policy takes precedence.
     QCOMPARE(onlooker.calls,
              (QVector<RecordingDaemon::Call>{limitChanged(QStringLiteral("5")), limitChanged(QStringLiteral("3"))}));
     const QStringList shared = sorted({clientDirectory, sharedDirectory});
@@ -220,7 +220,7 @@ void TstSession::startKeepsTheDaemonsLimit()
 
     f.method.handleUserSessionTriggered(alice, true, true);
     QVERIFY(f.daemon.calls.isEmpty());
-    // Never so the current one.
+    // The current policy is always applied.
     QVERIFY(writeSetting(currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("3")));
     f.method.handleUserSessionTriggered(alice, true, true);
     QCOMPARE(f.daemon.calls, QVector<RecordingDaemon::Call>{limitChanged(QStringLiteral("3"))});
@@ -229,7 +229,7 @@ void TstSession::startKeepsTheDaemonsLimit()
 void TstSession::startWithoutPolicies()
 {
     MethodFixture f;
-    // The shared directory is tried without a look, and may be missing.
+    // The method watches the shared directory without checking whether it exists.
     LogCapture log(true);
     f.method.handleUserSessionTriggered(alice, true, true);
     QCOMPARE(watched(f.d), QStringList{clientDirectory});
@@ -239,7 +239,7 @@ void TstSession::startWithoutPolicies()
     QVERIFY(f.daemon.calls.isEmpty());
     QVERIFY(log.lines().isEmpty());
 
-    // Nor is there one without a name for it.
+    // Without a name, the shared directory is not watched either.
     f.d->watcher.removePath(sharedDirectory);
     f.d->child.sharedDirectory.clear();
     f.method.handleUserSessionTriggered(alice, true, true);
@@ -265,7 +265,7 @@ void TstSession::startWithoutManaging()
     QCOMPARE(f.d->child.uid, alice);
     QCOMPARE(f.d->child.homeDirectory, QString());
 
-    // The client lives, and the wiper was not called.
+    // The client is still running, and the wiper was not called.
     f.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("success")));
     QTRY_COMPARE(f.daemon.outcomes(), QVector<RecordingDaemon::Call>{RecordingDaemon::succeeded()});
     QCOMPARE(f.d->child.processId(), pid);
@@ -294,7 +294,7 @@ void TstSession::startKillsRunningClient()
 
     LogCapture log;
     f.method.handleUserSessionTriggered(user, true, true);
-    // It is not waited for; the rest of the session's start goes on at once.
+    // The method does not wait for the client's end; the session start continues at once.
     QCOMPARE(f.d->child.state(), QProcess::Running);
     QVERIFY(f.d->child.clientRunning);
     QStringList atOnce = {QStringLiteral("handleUserSessionStarted Kavet client is already running, terminate...")};
@@ -355,7 +355,7 @@ void TstSession::homeIsTheDatabases()
     const QString home = QStringLiteral("/srv/homes/carol");
     QVERIFY(writeFile(passwdFile, QByteArray(m_passwords).replace(":/home/carol:", ":/srv/homes/carol:")));
     QVERIFY(QDir().mkpath(home));
-    // This is not the home any more.
+    // The directory is no longer the home.
     QVERIFY(writeFile(carolMarker, {}));
 
     MethodFixture f;
@@ -386,7 +386,8 @@ void TstSession::delayedDeletionCallsTheWiper()
     QVERIFY(f.method.setOptionInternal(carol, delayedDeletion, true));
     f.daemon.calls.clear();
 
-    // Without a mark, with one taken back, before the first start, and without managing, nobody's data is removed.
+    // No data is removed without a mark, after the mark is cleared, before the first start, or without managing the
+    // client.
     f.method.handleUserSessionTriggered(bob, true, true);
     QVERIFY(f.method.setOptionInternal(bob, delayedDeletion, false));
     f.method.handleUserSessionTriggered(bob, true, true);
@@ -395,13 +396,13 @@ void TstSession::delayedDeletionCallsTheWiper()
     f.daemon.calls.clear();
 
     f.method.handleUserSessionTriggered(alice, true, true);
-    // Calls keep their order on the bus, so those above would have been seen too.
+    // The bus keeps calls in order, so earlier calls would be listed too.
     QTRY_COMPARE(m_wiper->calls(), QVector<QJsonObject>{Wiper::callFor(QStringLiteral("alice"))});
     QTRY_COMPARE(f.daemon.calls, (QVector<RecordingDaemon::Call>{
                                      {QStringLiteral("optionChanged"), {alice, delayedDeletion, false, false}}}));
 
     f.method.handleUserSessionTriggered(alice, true, true);
-    // Whatever converts to true is a mark.
+    // Any value that converts to true is a mark.
     QVERIFY(f.method.setOptionInternal(bob, delayedDeletion, QStringLiteral("yes")));
     f.method.handleUserSessionTriggered(bob, true, true);
     QTRY_COMPARE(m_wiper->calls(), (QVector<QJsonObject>{Wiper::callFor(QStringLiteral("alice")),
@@ -449,7 +450,7 @@ void TstSession::stopWithoutClient()
     QCOMPARE(log.warnings(), (QStringList{QStringLiteral("handleUserSessionStopped Kavet client is not launched"),
                                           QStringLiteral("handleUserSessionStopped Kavet client is not running")}));
     QCOMPARE(log.lines().size(), 2);
-    // An empty path is not handed to the watcher.
+    // An empty path is not passed to the watcher.
     QVERIFY(log.otherLines().isEmpty());
 
     log.clear();
@@ -467,7 +468,7 @@ void TstSession::stopTerminates()
     f.method.handleUserSessionTriggered(alice, false, true);
     QCOMPARE(f.d->watcher.files(), QStringList());
     QCOMPARE(f.d->child.userConfigPath, aliceFile);
-    // It is not waited for.
+    // The method does not wait for the client's end.
     QCOMPARE(f.d->child.state(), QProcess::Running);
     QTRY_COMPARE(f.d->child.state(), QProcess::NotRunning);
     QTRY_COMPARE(log.warnings(),
@@ -483,7 +484,7 @@ void TstSession::stopNeverKills()
     LogCapture log(true);
     f.method.handleUserSessionTriggered(alice, false, true);
     QVERIFY(log.lines().isEmpty());
-    // It still answers what it is asked over the link.
+    // The client still replies to calls.
     QCOMPARE(f.d->getCertList(), QStringList{QStringLiteral(".")});
     QTRY_VERIFY(!f.d->certListInFlight);
     QVERIFY(MethodFixture::calledMethods().contains(QLatin1String("getCertList")));
@@ -521,7 +522,7 @@ void TstSession::homeChangedForNobody()
     f.d->child.homeDirectory = carolHome;
     QVERIFY(f.d->watcher.addPath(carolHome));
     LogCapture log(true);
-    // Even with the marker nothing is launched.
+    // Even with the marker, no client is launched.
     QVERIFY(writeFile(carolMarker, {}));
     QTRY_COMPARE(log.lines().size(), 1);
     QCOMPARE(log.warnings(),
@@ -530,7 +531,7 @@ void TstSession::homeChangedForNobody()
     QCOMPARE(f.d->child.homeDirectory, carolHome);
     QCOMPARE(f.d->launchBudget, 11u);
 
-    // What is named is the directory that has changed, what is given up the one that is recorded.
+    // The warning names the changed directory, but the method stops watching the recorded one.
     QVERIFY(f.d->watcher.addPath(carolHome));
     f.d->handleHomeDirectory(QStringLiteral("/else where"));
     QCOMPARE(log.warnings().constLast(),
@@ -554,7 +555,7 @@ void TstSession::homeChangedWithoutMarker()
     QVERIFY(QFile::remove(carolHome + QStringLiteral("/.qarv-startupwizard")));
 }
 
-// What stands there is the marker, wherever it leads.
+// Any file at this path is the marker, even a dangling link.
 void TstSession::markerIsNotFollowed()
 {
     MethodFixture f;
@@ -602,7 +603,7 @@ void TstSession::delayedLaunchWithoutAuthentication()
     QCOMPARE(f.d->child.state(), QProcess::NotRunning);
     QVERIFY(TestDevice::launches().isEmpty());
 
-    // The next authentication launches it.
+    // The next authentication launches the client.
     f.method.authenticate(carol, {});
     QTRY_COMPARE(TestDevice::launches().size(), 1);
     QCOMPARE(f.d->child.uid, carol);
@@ -614,7 +615,7 @@ void TstSession::homeOfClientThatIsGone()
     QVERIFY(f.link());
     f.method.reset();
     f.method.handleUserSessionTriggered(carol, true, true);
-    // The killed client takes the record of the user with it.
+    // Killing the client also clears the recorded user.
     QTRY_COMPARE(f.d->child.state(), QProcess::NotRunning);
     QTRY_COMPARE(f.d->child.uid, 0u);
     LogCapture log;

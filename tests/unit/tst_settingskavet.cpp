@@ -30,7 +30,7 @@ const QString certsOption = QStringLiteral("certs");
 const QString maxAttemptsOption = QStringLiteral("max-attempts");
 const QString attemptsOption = QStringLiteral("attempts");
 
-/// One question for an option: user (0: the method as a whole), method and option.
+/// One call for an option: user (0 for the whole method), method and option.
 struct Question
 {
     uint uid;
@@ -110,7 +110,7 @@ private:
                                 }};
 };
 
-/// Records the names of the signals of a settings object, in their order.
+/// Records the signals of a settings object in order.
 class Recorder : public QObject
 {
     Q_OBJECT
@@ -139,7 +139,7 @@ private:
 
 } // namespace
 
-/// The settings object as the method's screens use it: in a program that links the library.
+/// The settings object in a program that links the library, as the method's screens use it.
 class TstSettingsKavet : public QObject
 {
     Q_OBJECT
@@ -150,7 +150,7 @@ private Q_SLOTS:
         QCOMPARE(QProcess::execute(QStringLiteral(SYSTEM_BUS), {}), 0);
         m_service = std::make_unique<OptionService>();
         QVERIFY(m_service->isRunning());
-        // A connection holds signals back until the event loop has run once, and then lets later ones overtake them.
+        // Run the event loop once: a new connection holds signals back until then, and later ones may overtake them.
         QVERIFY(QDBusConnection::systemBus().isConnected());
         QCoreApplication::processEvents();
     }
@@ -270,7 +270,7 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("certs");
         QTest::addColumn<bool>("updating");
 
-        // A list of "old" is there before.
+        // The list was ["old"] before.
         const QStringList old(QStringLiteral("old"));
         const QStringList marker(QStringLiteral("."));
         const QStringList none;
@@ -320,7 +320,7 @@ private Q_SLOTS:
         SettingsKavet settings(nullptr);
         QCOMPARE(settings.certList(), QStringList(QStringLiteral("old")));
 
-        // From the updating state, then from the other.
+        // First while the list is updating, then while it is not.
         m_service->clear();
         settings.updateCertList();
         QVERIFY(settings.certListIsUpdating());
@@ -362,14 +362,14 @@ private Q_SLOTS:
 
         m_service->setValue(0, certsOption, QStringList(QStringLiteral(".")));
         for (int i = 0; i < 2; ++i) {
-            // The signal comes even if nothing changes by it; as a screen calls it, by name.
+            // The signal is sent even if nothing changes. Call by name, as a screen does.
             QVERIFY(QMetaObject::invokeMethod(&settings, "updateCertList", Qt::DirectConnection));
             QCOMPARE(recorder.take(), QStringList(QStringLiteral("updating")));
             QVERIFY(settings.certListIsUpdating());
             QCOMPARE(settings.certList(), QStringList(QStringLiteral("a")));
         }
 
-        // Method-wide, whatever user is set.
+        // The list is method-wide and does not depend on the user.
         settings.setUid(1000);
         m_service->takeQuestions();
         settings.updateCertList();

@@ -9,11 +9,11 @@
 #include <cstring>
 #include <new>
 
-// The virtual tables of the platform's classes are what methods and daemon, which are built apart, agree on.
+// Methods and the daemon are built separately, so the virtual tables of the platform's classes are their ABI.
 
 namespace {
 
-/// The place of a virtual function in the virtual table, from 1; 0 for one that is not virtual.
+/// The position of a virtual function in the virtual table, from 1; 0 if the function is not virtual.
 template <typename Function>
 int slotOf(Function function)
 {
@@ -117,8 +117,8 @@ void TstSlots::operations_data()
 {
     QTest::addColumn<int>("slot");
     QTest::addColumn<int>("expected");
-    // The cast holds the signature, the row the place. With parentheses it would be no pointer to a member.
-    // NOLINTNEXTLINE(bugprone-macro-parentheses)
+    // The cast checks the signature, the row the position. In parentheses, the expression would not be a pointer to
+    // member. NOLINTNEXTLINE(bugprone-macro-parentheses)
 #define ROW(expected, type, function) QTest::newRow(#function) << slotOf(static_cast<type>(&function)) << expected
     ROW(1, const QMetaObject *(Plugin::*)() const, Plugin::metaObject);
     ROW(2, void *(Plugin::*)(const char *), Plugin::qt_metacast);
@@ -173,7 +173,7 @@ void TstSlots::operations()
 
 void TstSlots::destructors()
 {
-    // No pointer can be made to a destructor, so the table of an object is called at places 4 and 5.
+    // There are no pointers to destructors, so call the functions at positions 4 and 5 of an object's table.
     using Entry = void (*)(void *);
     const auto entry = [](const QObject *object, int place) {
         const Entry *table = nullptr;

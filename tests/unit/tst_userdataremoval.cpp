@@ -77,7 +77,7 @@ private Q_SLOTS:
         QVERIFY(wiper.start());
         wiper.setScript({{alice, word}});
         Fixture fixture;
-        // Whose session it is does not matter.
+        // The session's user does not matter.
         fixture.d->currentUid = TestDevice::bob;
         fixture.d->child.uid = TestDevice::carol;
 
@@ -143,7 +143,7 @@ private Q_SLOTS:
         QCOMPARE(fixture.daemon.calls, Calls());
         QVERIFY(fixture.isMarked(TestDevice::alice));
 
-        // The next time may be better.
+        // The next call may succeed.
         wiper.stop();
         QVERIFY(wiper.start());
         wiper.setScript({{alice, QStringLiteral("success")}});
@@ -234,7 +234,7 @@ private Q_SLOTS:
         fixture.method.reset();
         wiper.answer(alice);
 
-        // An answer that comes later on the same connection proves that the first has passed.
+        // A later reply on the same connection proves that the first has been delivered.
         Fixture other;
         other.d->removeUserDataInternal(TestDevice::bob, bob);
         QTRY_COMPARE(other.daemon.calls, Calls{cleared(TestDevice::bob)});
@@ -246,7 +246,7 @@ private Q_SLOTS:
     void sessionStart_data()
     {
         QTest::addColumn<uint>("uid");
-        QTest::addColumn<QString>("name"); // of the user; null: no call
+        QTest::addColumn<QString>("name"); // the user's name; null: no call
         QTest::addColumn<QVariant>("mark");
         QTest::addColumn<bool>("started");
         QTest::addColumn<bool>("manageClient");
@@ -283,7 +283,7 @@ private Q_SLOTS:
         }
     }
 
-    /// The last one, since this process has no bus from then on.
+    /// This test must be the last, because it ends the process's bus.
     void busGoesAway()
     {
         Wiper wiper;

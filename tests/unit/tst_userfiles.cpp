@@ -32,7 +32,7 @@ namespace {
 
 const QString aliceFile = sharedDirectory + QStringLiteral("/1000.conf");
 const QString file = sharedDirectory + QStringLiteral("/file.conf");
-/// What the user must not reach through root.
+/// The content that the user must not obtain through root.
 const QString outside = QStringLiteral("/srv/outside");
 const QString secret = outside + QStringLiteral("/secret");
 const QString attempts = QStringLiteral("attempts");
@@ -50,7 +50,7 @@ QStringList portraits()
     return portraits;
 }
 
-/// The identities and groups of this process, the file-system ones included, and what it may do.
+/// The user and group ids of this process, including the file-system ids, and its capabilities.
 QByteArray identity()
 {
     QByteArray found;
@@ -64,7 +64,7 @@ QByteArray identity()
     return found;
 }
 
-/// Plants something at `path`; false when that failed.
+/// Plants a file of the given kind at `path`; false on failure.
 bool plant(const QString &kind, const QString &path)
 {
     const QByteArray name = encoded(path);
@@ -176,7 +176,7 @@ void TstUserFiles::init()
     QVERIFY(writeFile(secret, "[General]\nattempts=77\nmax-attempts=88\n"));
     QCOMPARE(chmod(encoded(secret).constData(), 0640), 0);
     QCOMPARE(chmod(encoded(outside).constData(), 0750), 0);
-    // Whatever waits, waits no longer than this.
+    // An upper bound for calls that block.
     alarm(60);
 }
 
@@ -245,7 +245,7 @@ void TstUserFiles::plantedAsUserFile()
     } else {
         QVERIFY(plant(kind, aliceFile));
     }
-    // The directory may be alice's already, or be given to her now.
+    // The directory may already belong to alice or be given to her now.
     for (const bool first : {true, false}) {
         QVERIFY(setOwner(sharedDirectory, first ? 0 : alice, clientGroup));
         const struct stat before = statusOf(aliceFile);
@@ -285,7 +285,7 @@ void TstUserFiles::plantedAsUserFile()
         QCOMPARE(statusOf(secret).st_uid, secretBefore.st_uid);
         QCOMPARE(statusOf(secret).st_mode, secretBefore.st_mode);
 
-        // The next launch finds all as it should be.
+        // The next launch finds everything in order.
         log.clear();
         const ino_t inode = made.st_ino;
         MethodFixture next;
@@ -319,7 +319,7 @@ void TstUserFiles::plantedWhileItIsWatched()
     const QString itself = portrait(aliceFile);
     f.daemon.calls.clear();
     LogCapture log;
-    // The count is unknown. It is told once a launch.
+    // The count is unknown. This is logged once per launch.
     f.d->handleChildSharedDirectory(sharedDirectory);
     f.d->handleChildSharedDirectory(sharedDirectory);
     f.d->handleChildFileChanged(aliceFile);
@@ -357,7 +357,7 @@ void TstUserFiles::plantedAsPolicy()
         QVERIFY(f.d->launchChild());
         QCOMPARE(f.daemon.calls.size(), 1);
         f.d->handleChildFileChanged(currentPolicy);
-        // Where no limit can be read there is none.
+        // An unreadable limit counts as no limit.
         const RecordingDaemon::Call unlimited = {QStringLiteral("optionChanged"), {0u, maxAttempts, 0, false}};
         QCOMPARE(f.daemon.calls, QVector<RecordingDaemon::Call>{unlimited});
         QVERIFY(log.lines().isEmpty());
@@ -369,7 +369,7 @@ void TstUserFiles::plantedAsPolicy()
 
 void TstUserFiles::linkAbove()
 {
-    // Only the last element is the user's to choose; those above are root's.
+    // The user controls only the last path element; root controls those above.
     QVERIFY(QFile::link(sharedDirectory, outside + QStringLiteral("/way")));
     QVERIFY(writeFile(file, "x"));
     QByteArray content;
@@ -440,7 +440,7 @@ void TstUserFiles::changeGroupTouchesNothingInVain()
     QVERIFY(setOwner(file, alice, clientGroup));
     const QString before = portrait(file);
     QVERIFY(PinnedFile(file).changeGroup(alice, clientGroup));
-    // The time of its last change is part of this.
+    // This includes the time of the last change.
     QCOMPARE(portrait(file), before);
 }
 
@@ -525,7 +525,7 @@ void TstUserFiles::readSizeLimit()
     QByteArray content;
     QVERIFY(pinned.read(content));
     QCOMPARE(content.size(), sizeLimit);
-    // Also when it has grown since.
+    // Also if the file has grown since.
     QCOMPARE(truncate(encoded(file).constData(), sizeLimit + 1), 0);
     errno = 0;
     QVERIFY(!pinned.read(content));
@@ -537,7 +537,7 @@ void TstUserFiles::readSizeLimit()
 
 void TstUserFiles::readFails()
 {
-    // A regular file that can be opened and not read: nothing is mapped at this process's first address.
+    // A regular file that can be opened but not read: this process has no mapping at address 0.
     QByteArray content;
     errno = 0;
     QVERIFY(!PinnedFile(QStringLiteral("/proc/self/mem")).read(content));
@@ -546,11 +546,11 @@ void TstUserFiles::readFails()
 
 void TstUserFiles::readWaitsForNoLease()
 {
-    // A file system that has leases.
+    // This file system supports leases.
     const QString leased = QStringLiteral("/run/leased.conf");
     QVERIFY(writeFile(leased, "[General]\nattempts=3\n"));
     const auto remove = qScopeGuard([&leased] { QFile::remove(leased); });
-    // Told that the lease is in somebody's way, the holder does nothing about it.
+    // The holder ignores the signal that asks it to release the lease.
     const auto handler = signal(SIGIO, SIG_IGN);
     const int holder = open(encoded(leased).constData(), O_RDONLY | O_CLOEXEC);
     QVERIFY(holder != -1);
@@ -595,7 +595,7 @@ void TstUserFiles::writeReplaces()
     const PinnedFile pinned(file);
     QVERIFY(pinned.write(content));
     QCOMPARE(readFile(file), content);
-    // Whoever has opened the old one keeps its content.
+    // Processes that have the old file open keep its content.
     QByteArray old;
     QVERIFY(pinned.read(old));
     QCOMPARE(old, QByteArray("content"));
@@ -630,7 +630,7 @@ void TstUserFiles::writeFails()
     QFETCH(QString, how);
     QFETCH(int, error);
 
-    // Two pages and five inodes: the directory, the file, and what is planted beside it.
+    // Two pages and five inodes: for the directory, the file, and the planted files.
     const QString small = QStringLiteral("/run/small");
     const QString target = small + QStringLiteral("/file.conf");
     const QByteArray content(5000, 'o');
@@ -672,7 +672,7 @@ void TstUserFiles::writeFails()
 
 void TstUserFiles::writeIsInterrupted()
 {
-    // A writer is killed at any point, again and again; the file is the old one or the new one.
+    // A writer is repeatedly killed at random points. The file always has the old or the new content.
     const QByteArray one(sizeLimit, '1');
     const QByteArray other(sizeLimit, '2');
     QVERIFY(writeFile(file, one));
@@ -694,7 +694,7 @@ void TstUserFiles::writeIsInterrupted()
         replaced += statusOf(file).st_ino != inode ? 1 : 0;
     }
     QVERIFY(replaced > 0);
-    // So does one that dies of the signal for a file that gets too large.
+    // The same holds for a writer that dies of SIGXFSZ.
     const QString before = portrait(file);
     const pid_t writer = fork();
     if (writer == 0) {
@@ -711,7 +711,7 @@ void TstUserFiles::writeIsInterrupted()
 
 void TstUserFiles::neverTorn()
 {
-    // While the file is written again and again, every reader finds one content or the other.
+    // While the file is rewritten repeatedly, every reader finds the old or the new content.
     const QByteArray one(sizeLimit, '1');
     const QByteArray other(100, '2');
     QVERIFY(writeFile(file, one));
@@ -791,7 +791,7 @@ void TstUserFiles::identityIsRestored()
     QVERIFY(!PinnedFile(file).write("newer"));
     QCOMPARE(identity(), before);
 
-    // Root's rights are back too, and what is made is root's.
+    // Root's rights are restored too, and new files belong to root.
     const QString made = outside + QStringLiteral("/made");
     QVERIFY(writeFile(made, "x"));
     QCOMPARE(statusOf(made).st_uid, 0u);
@@ -806,7 +806,7 @@ void TstUserFiles::identityCannotBeTaken()
     QCOMPARE(chmod(encoded(file).constData(), 0666), 0);
     const PinnedFile pinned(file);
 
-    // Another user than root cannot act as the owner, and does not act as anybody else.
+    // A process of another user than root cannot act as the owner, and keeps its own identity.
     QCOMPARE(seteuid(alice), 0);
     const QByteArray before = identity();
     QByteArray content;

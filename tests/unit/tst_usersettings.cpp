@@ -33,7 +33,7 @@ const QString maxAttempts = QStringLiteral("max-attempts");
 constexpr int sizeLimit = 64 * 1024;
 constexpr uint clientGroup = 960;
 const QVariant missing = 7;
-// Nanoseconds. Builds that are made to be looked into are slower.
+// Nanoseconds. Instrumented builds are slower.
 #if defined(__OPTIMIZE__) && !defined(__SANITIZE_ADDRESS__)
 constexpr qint64 timeLimit = 5000000;
 #else
@@ -45,7 +45,7 @@ constexpr char filesVariable[] = "SETTINGS_FILES"; ///< Tries more than by defau
 constexpr uint filesByDefault = 100000;
 constexpr uint filesPerWrite = 4;
 
-/// A value, and what is read when it has been written.
+/// A value, and the value that is read after it was written.
 struct Written
 {
     QVariant value;
@@ -84,8 +84,8 @@ const QVector<Written> writtenValues = {
     {QDateTime::fromMSecsSinceEpoch(0, Qt::UTC), text("1970-01-01T00:00:00.000Z")},
 };
 
-/// What settings files are made of, honest and otherwise. Nothing here adds up to an object that QSettings would read
-/// from a stream: that may end the process.
+/// The pieces of valid and hostile settings files. They never form an object that QSettings would read from a stream,
+/// because that could crash the process.
 const QVector<QByteArray> pieces = {
     "attempts=\"a\", b , c ",
     "attempts",
@@ -191,7 +191,7 @@ const QVector<QByteArray> pieces = {
     "attempts\v=1\n",
 };
 
-/// A settings file of any kind; the same for the same seed.
+/// A random settings file, determined by the seed.
 QByteArray anyFile(uint seed)
 {
     std::mt19937 random(seed);
@@ -224,7 +224,7 @@ QByteArray anyFile(uint seed)
     return content;
 }
 
-/// Whether there is an object, of those that QSettings may be let build, in `value`.
+/// Whether `value` contains an object of a type that QSettings may safely build.
 bool hasObject(const QVariant &value)
 {
     if (value.userType() == QMetaType::QVariantList) {
@@ -235,7 +235,7 @@ bool hasObject(const QVariant &value)
            || value.userType() == QMetaType::QPoint;
 }
 
-/// QVariant's own comparison converts.
+/// Compares types too, because QVariant's comparison converts.
 bool isSame(const QVariant &one, const QVariant &other)
 {
     if (one.userType() != other.userType())
@@ -259,7 +259,7 @@ QByteArray shown(const QVariant &value)
     return text.toUtf8();
 }
 
-/// A path where no QSettings of this process has looked yet: it keeps what it has read.
+/// A path that no QSettings of this process has read yet, because QSettings caches files.
 QString freshPath()
 {
     static int count = 0;
@@ -275,7 +275,7 @@ QVariantMap otherKeys(const QByteArray &content)
     QVariantMap found;
     const QStringList keys = settings.allKeys();
     for (const QString &key : keys) {
-        // Asked for "/attempts", QSettings answers for "attempts".
+        // QSettings treats "/attempts" as "attempts".
         const QStringList parts = key.split(QLatin1Char('/'), Qt::SkipEmptyParts);
         if (!parts.isEmpty() && parts != QStringList{attempts})
             found.insert(key, settings.value(key));
@@ -284,7 +284,7 @@ QVariantMap otherKeys(const QByteArray &content)
     return found;
 }
 
-/// What QSettings finds.
+/// The value that QSettings reads.
 QVariant oracle(const QByteArray &content, const QVariant &defaultValue)
 {
     const QString path = freshPath();
@@ -304,14 +304,14 @@ bool isSet(const QByteArray &content)
     return found;
 }
 
-/// Whether `now` is `before` with something put in at one place.
+/// Whether `now` is `before` with one insertion.
 bool isInserted(const QByteArray &before, const QByteArray &now)
 {
     const auto different = std::mismatch(before.cbegin(), before.cend(), now.cbegin(), now.cend());
     return now.endsWith(before.mid(int(different.first - before.cbegin())));
 }
 
-/// Nanoseconds that this thread has had the processor.
+/// The CPU time of this thread in nanoseconds.
 qint64 processorTime()
 {
     timespec time = {};
@@ -360,7 +360,7 @@ void TstUserSettings::init()
     QVERIFY(setOwner(sharedDirectory, alice, clientGroup));
     QVERIFY(QDir().mkpath(outside));
     QVERIFY(QDir().mkpath(freshDirectory));
-    // Whatever waits, waits no longer than this.
+    // An upper bound for calls that block.
     alarm(60);
 }
 
@@ -396,7 +396,7 @@ void TstUserSettings::written()
         UserSettings settings(file);
         settings.setValue(attempts, 4);
         settings.setValue(QStringLiteral("fresh"), QStringLiteral("c, d"));
-        // Not before it is destroyed.
+        // The destructor writes the file.
         QVERIFY(readFile(file).contains("attempts=3"));
         QVERIFY(!readFile(file).contains("fresh"));
     }
@@ -413,7 +413,7 @@ void TstUserSettings::written()
     QCOMPARE(statusOf(file).st_uid, alice);
     QCOMPARE(statusOf(file).st_gid, clientGroup);
 
-    // A file without settings gets them.
+    // Settings are added to a file without any.
     QVERIFY(writeFile(file, ""));
     UserSettings(file).setValue(attempts, 9);
     QCOMPARE(readFile(file), QByteArray("[General]\nattempts=9\n"));
@@ -451,7 +451,7 @@ void TstUserSettings::unchangedText()
 
 void TstUserSettings::ofUnreadableFile()
 {
-    // What is not known cannot be kept, so nothing is written.
+    // The other keys are unknown and could not be kept, so nothing is written.
     QVERIFY(writeFile(file, "[General]\nattempts=3\nother=1\n"));
     QVERIFY(setOwner(file, alice, clientGroup));
     QCOMPARE(chmod(encoded(file).constData(), 0200), 0);
@@ -463,7 +463,7 @@ void TstUserSettings::ofUnreadableFile()
     }
     QCOMPARE(portrait(file), before);
 
-    // The other way round the failure comes last.
+    // In the opposite case, the write fails last.
     QCOMPARE(chmod(encoded(file).constData(), 0400), 0);
     UserSettings(file).setValue(attempts, 8);
     QCOMPARE(readFile(file), QByteArray("[General]\nattempts=3\nother=1\n"));
@@ -506,7 +506,7 @@ void TstUserSettings::sameAsQSettings()
         if (i % filesPerWrite != 0)
             continue;
 
-        // A new value is there for both, and nothing else has changed.
+        // Both readers see the new value, and nothing else has changed.
         const Written &fresh = writtenValues.at(int(i / filesPerWrite) % writtenValues.size());
         UserSettings(file).setValue(attempts, fresh.value);
         const QByteArray now = readFile(file);
@@ -519,13 +519,13 @@ void TstUserSettings::sameAsQSettings()
         UserSettings(file).setValue(attempts, fresh.value);
         QCOMPARE(portrait(file), before);
     }
-    // The files are about what is tested.
+    // Enough files must contain the key.
     QVERIFY2(isReplay || found > files / 3, qPrintable(QString::number(found)));
 }
 
 void TstUserSettings::objects_data()
 {
-    // A serialized list of 2^31 elements, a number, and what is no object at all.
+    // A serialized list of 2^31 elements, a number, and a value that is not an object.
     const QByteArray stream = "\\0\\0\\0\\t\\x7f\\xff\\xff\\xff)";
     QTest::addColumn<QByteArray>("value");
     QTest::addColumn<QVariant>("expected");
@@ -570,7 +570,7 @@ void TstUserSettings::objects()
     QFETCH(QByteArray, value);
     QFETCH(QVariant, expected);
 
-    // An object counts as missing also where it hides an earlier value, and hides none that comes later.
+    // An object counts as missing even if it overrides an earlier value, and does not override a later one.
     for (const QByteArray &before : {QByteArray(), QByteArray("attempts=3\n"), QByteArray("[General]\nattempts=3\n")}) {
         QVERIFY(writeFile(file, before + "attempts=" + value + "\nother=" + value + '\n'));
         QCOMPARE(UserSettings(file).value(attempts, missing), expected);
@@ -586,7 +586,7 @@ void TstUserSettings::objects()
 
 void TstUserSettings::deepObject()
 {
-    // Lists in lists, as deep as the file's size allows.
+    // Nested lists, as deep as the file's size allows.
     const QByteArray deep =
         "attempts=@Variant(" + QByteArray("\0\0\0\t\0\0\0\1", 8).repeated(sizeLimit / 8 - 4) + ")\n";
     QVERIFY(writeFile(file, deep));
@@ -608,7 +608,7 @@ void TstUserSettings::longLists()
 
 void TstUserSettings::leadingBlanks()
 {
-    // More than once, since what is read must not change what is kept.
+    // Read repeatedly, because reading must not change the kept content.
     QVERIFY(writeFile(file, " attempts=5\n  max-attempts=5\n \t [Other]\n attempts=6\n"));
     UserSettings settings(file);
     for (int i = 0; i < 3; ++i) {
@@ -723,7 +723,7 @@ void TstUserSettings::sizeIsBounded()
     UserSettings(file).setValue(attempts, 4);
     QCOMPARE(readFile(file), QByteArray(full + 'x'));
 
-    // What could not be read again is not written.
+    // A value that could not be read back is not written.
     QVERIFY(writeFile(file, full));
     UserSettings(file).setValue(attempts, 10);
     QCOMPARE(readFile(file), full);

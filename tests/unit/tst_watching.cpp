@@ -44,13 +44,13 @@ RecordingDaemon::Call changed(uint uid, const QString &option, const QVariant &v
 
 using Calls = QVector<RecordingDaemon::Call>;
 
-/// Gives the file that stands at `path` new content without making it another file.
+/// Rewrites the file at `path` in place.
 bool rewrite(const QString &path, const QString &key, const QString &value)
 {
     return writeSetting(path, key, value);
 }
 
-/// Puts a new file in the place of `path`, as the client does.
+/// Replaces the file at `path` with a new one, as the client does.
 bool replace(const QString &path, const QString &key, const QString &value)
 {
     const QString next = QStringLiteral("/srv/shared/tarsk/next");
@@ -58,7 +58,7 @@ bool replace(const QString &path, const QString &key, const QString &value)
            && rename(QFile::encodeName(next).constData(), QFile::encodeName(path).constData()) == 0;
 }
 
-/// A client that runs as alice, without a process.
+/// A client that seems to run as alice, without a process.
 struct WatchingFixture : MethodFixture
 {
     WatchingFixture()
@@ -71,7 +71,7 @@ struct WatchingFixture : MethodFixture
     }
 };
 
-/// Notes which files were watched, and whose alice's was, when an option was changed.
+/// Records the watched files and the owner of alice's file when an option changes.
 class Onlooker : public RecordingDaemon
 {
 public:
@@ -236,11 +236,11 @@ void TstWatching::socketRemoved()
     QVERIFY(!f.d->child.socketPresent);
     QCOMPARE(log.debugs(), QStringList{QStringLiteral("handleChildSocket kavet client socket removed")});
     QCOMPARE(log.lines().size(), 1);
-    // The link is left to fail on use.
+    // The link stays until its next use fails.
     QCOMPARE(f.d->clientStage, 3);
     QVERIFY(f.daemon.calls.isEmpty());
 
-    // The directory is the one that is named.
+    // The method checks the directory in the argument.
     QVERIFY(QDir().mkpath(QStringLiteral("/srv/shared/else")));
     QVERIFY(leaveSocket(QStringLiteral("/srv/shared/else/kavet.socket"), alice));
     f.d->currentUid = 0;
@@ -300,7 +300,7 @@ void TstWatching::socketAppeared()
     QCOMPARE(f.d->clientStage, 1);
     QVERIFY(f.daemon.calls.isEmpty());
 
-    // Seen to be gone, it can appear again.
+    // Once the method has seen the socket disappear, the socket can appear again.
     f.d->currentUid = 0;
     QVERIFY(QFile::remove(socketPath));
     QVERIFY(!f.d->handleChildSocket(clientDirectory));
@@ -314,7 +314,7 @@ void TstWatching::socketAppearedDuringAuthentication()
     QVERIFY(leaveSocket(socketPath, alice));
     f.d->currentUid = alice;
     f.d->clientStage = 3;
-    // Nobody listens, so that the flow gets as far as the second stage.
+    // Nobody listens, so the flow stops at the second stage.
     QVERIFY(f.d->handleChildSocket(clientDirectory));
     QVERIFY(f.d->child.socketPresent);
     QCOMPARE(f.d->clientStage, 2);
@@ -374,7 +374,7 @@ void TstWatching::sharedDirectoryWithoutUser()
     QCOMPARE(f.d->watcher.files(), QStringList());
     QCOMPARE(owner(aliceFile), exists ? QStringLiteral("0:0") : QStringLiteral("none"));
 
-    // The policy is taken up all the same.
+    // The policy is still applied.
     QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("4")));
     f.d->handleChildSharedDirectory(sharedDirectory);
     QCOMPARE(f.daemon.calls, Calls{changed(0, maxAttempts, QStringLiteral("4"))});
@@ -391,14 +391,14 @@ void TstWatching::userFileIsTakenUp()
     LogCapture log(true);
     f.d->handleChildSharedDirectory(QStringLiteral("/whatever"));
     QCOMPARE(owner(aliceFile), QStringLiteral("1000:960"));
-    // Given and watched before it is read, so that no change goes by unseen.
+    // The file changes owner and is watched before it is read, so that no change is missed.
     QCOMPARE(onlooker.calls, Calls{changed(alice, attempts, QStringLiteral("2"))});
     QCOMPARE(onlooker.watched, QVector<QStringList>{QStringList{aliceFile}});
     QCOMPARE(onlooker.owners, QStringList{QStringLiteral("1000:960")});
     QCOMPARE(f.d->watcher.files(), QStringList{aliceFile});
     QVERIFY(log.lines().isEmpty());
 
-    // The user is the client's, whoever is being authenticated.
+    // The user is the client's, not the one being authenticated.
     f.d->currentUid = bob;
     f.d->child.uid = carol;
     f.d->child.userConfigPath = sharedDirectory + QStringLiteral("/1002.conf");
@@ -414,7 +414,7 @@ void TstWatching::userFileCannotBeGiven_data()
 {
     QTest::addColumn<uint>("user");
     QTest::addColumn<QVariant>("count");
-    // Root's counts, but not even that becomes the user's.
+    // Root's file counts, but does not change owner either.
     QTest::newRow("another user's") << bob << QVariant(0);
     QTest::newRow("root's") << 0u << QVariant(QStringLiteral("2"));
 }
@@ -434,11 +434,11 @@ void TstWatching::userFileCannotBeGiven()
                  "Failed to change owner for \"/srv/shared/tarsk/kavet_client/1000.conf\" to 1000 960")});
     QCOMPARE(log.lines().size(), 1);
     QCOMPARE(owner(aliceFile), QStringLiteral("%1:%1").arg(user));
-    // It is followed all the same.
+    // The file is still watched.
     QCOMPARE(f.d->watcher.files(), QStringList{aliceFile});
     QCOMPARE(f.daemon.calls, Calls{changed(alice, attempts, count)});
 
-    // Told once a launch, as the user could have it told without end.
+    // Logged once per launch, because the user could trigger it endlessly.
     for (int i = 0; i < 5; ++i)
         f.d->handleChildSharedDirectory(sharedDirectory);
     QCOMPARE(log.lines().size(), 1);
@@ -484,7 +484,7 @@ void TstWatching::attemptsAsRead()
 
 void TstWatching::countIsOfTheFilesUser()
 {
-    // Bob's launch has been delayed while alice's client still runs.
+    // Bob's launch is delayed while alice's client still runs.
     WatchingFixture f;
     QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("2")));
     QVERIFY(setOwner(aliceFile, alice, group));
@@ -497,7 +497,7 @@ void TstWatching::countIsOfTheFilesUser()
     QCOMPARE(f.method.getOptionInternal(alice, attempts), QVariant(QStringLiteral("4")));
     QCOMPARE(f.method.getOptionInternal(bob, attempts), QVariant(0));
     QVERIFY(log.lines().isEmpty());
-    // Bob's file is nobody's but his.
+    // Bob's file applies to him only.
     QVERIFY(setOwner(aliceFile, bob, group));
     f.d->handleChildFileChanged(aliceFile);
     QCOMPARE(f.method.getOptionInternal(alice, attempts), QVariant(0));
@@ -512,7 +512,7 @@ void TstWatching::policyIsTakenUp()
     QVERIFY(f.daemon.calls.isEmpty());
     QCOMPARE(f.d->watcher.files(), QStringList());
 
-    // The daemon's own limit gives way.
+    // The policy replaces the daemon's own limit.
     QVERIFY(f.method.setOptionInternal(0, maxAttempts, 8));
     QVERIFY(writeSetting(currentPolicy, maxAttempts, QStringLiteral("4")));
     Onlooker onlooker(f.d);
@@ -563,7 +563,7 @@ void TstWatching::fileChanged()
     f.d->handleChildFileChanged(aliceFile);
     QVERIFY(f.daemon.calls.isEmpty());
 
-    // A file that has gone counts as empty; neither is owned or watched anew from here.
+    // A missing file counts as empty. This handler neither changes the owner nor watches again.
     f.d->child.uid = alice;
     QCOMPARE(owner(aliceFile), QStringLiteral("0:0"));
     QVERIFY(QFile::remove(aliceFile));
@@ -591,7 +591,7 @@ void TstWatching::fileThatIsBoth()
 
 void TstWatching::filesAreFollowed_data()
 {
-    // The watcher tells of what has happened at once in the order of a hash, which the seed decides.
+    // The watcher reports simultaneous changes in the order of a hash, which depends on the seed.
     QTest::addColumn<int>("seed");
     for (const int seed : {0, 1, 2, 3, 4, 7, 8, 15})
         QTest::newRow(qPrintable(QStringLiteral("seed %1").arg(seed))) << seed;
@@ -674,8 +674,8 @@ void TstWatching::linksAreNotFollowed()
 
 void TstWatching::swappedForLinks()
 {
-    // Links to each other, each by a long way: a chain that takes tens of milliseconds to follow. Alice swaps it for
-    // her file as fast as she can, so that sooner or later it stands there when the watcher comes.
+    // A chain of links with long paths, which takes tens of milliseconds to resolve. Alice swaps it with her file as
+    // fast as she can, so that the watcher meets it sooner or later.
     MethodFixture f;
     QVERIFY(f.link());
     const QDir directory(sharedDirectory);
@@ -742,7 +742,7 @@ void TstWatching::noStorm()
     QTRY_COMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("100")));
     QVERIFY(QFile::remove(aliceFile));
     QTRY_VERIFY(!f.d->watcher.files().contains(aliceFile));
-    // What stays the same would not be told.
+    // An unchanged value would not be reported.
     QVERIFY(f.method.setOptionInternal(alice, attempts, QStringLiteral("another")));
     f.daemon.calls.clear();
 
@@ -763,7 +763,7 @@ void TstWatching::noStorm()
             QVERIFY(setOwner(aliceFile, bob, bob));
     }
 
-    // Each change of the policy lets the event loop run, and with it whatever goes on by itself.
+    // Each change of the policy runs the event loop, which handles pending events.
     for (int limit = 101; limit <= 125; ++limit) {
         QVERIFY(rewrite(currentPolicy, maxAttempts, QString::number(limit)));
         QTRY_COMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QString::number(limit)));
@@ -785,7 +785,7 @@ void TstWatching::nothingIsWatchedTwice()
         f.d->handleChildSharedDirectory(sharedDirectory);
         f.method.handleUserSessionTriggered(alice, true, false);
         f.d->child.clientRunning = false;
-        // The process runs already and says so; all that comes before starting it is done again.
+        // The process already runs, so only the steps before its start are repeated.
         QVERIFY(f.d->launchChild());
         f.d->child.clientRunning = true;
     }

@@ -10,7 +10,7 @@
 #include <QElapsedTimer>
 #include <QTest>
 
-// In a program of its own for the time that the bus library waits.
+// A separate program, because it waits for the D-Bus library's timeout.
 class TstWiperTimeout : public QObject
 {
     Q_OBJECT
@@ -37,7 +37,7 @@ private Q_SLOTS:
         QVERIFY2(text.startsWith(QStringLiteral("Call \"ProcessTargetUser\" to \"qarv.userdata.wiper\" failed: \""
                                                 "Did not receive a reply.")),
                  qPrintable(text));
-        // No time-out but the library's own.
+        // Only the library's own timeout applies.
         QVERIFY(elapsed.elapsed() > 20000);
         QCOMPARE(wiper.calls(), QVector<QJsonObject>{Wiper::callFor(QStringLiteral("alice"))});
         QCOMPARE(daemon.calls, QVector<RecordingDaemon::Call>());

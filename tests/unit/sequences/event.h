@@ -8,7 +8,7 @@
 
 #include <iosfwd>
 
-/// What the stateful test of the private object can do, in words that the model and the real system share.
+/// The events of the stateful test of the private object, shared by the model and the real system.
 namespace Sequences {
 
 constexpr uint alice = 1000;
@@ -20,7 +20,7 @@ enum class Kind {
     Authenticate, // user, variant = AuthData, answer
     Reset,
     EndClient, // variant = how
-    StopClient, // by SIGSTOP, and on again
+    StopClient, // by SIGSTOP, and continues
     PutSocket, // variant = SocketChoice
     RemoveSocket,
     ChangeSocketOwner, // variant = SocketChoice
@@ -61,14 +61,14 @@ enum class Kind {
     SetManifest, // variant = Manifest
     SetWiper, // variant = Wiper
     ReplyWiper, // flag = success
-    Repair, // all that keeps a client from being launched
+    Repair, // everything that prevents a launch
     Restart, // the plugin
     Count
 };
 
 enum AuthData { Password, CertAndPin, PasswordAndPin, CertOnly, EmptyMap, AuthDataCount };
-/// What stands in the place of the client's socket. Whose it is and who listens are the same user up to NobodyListens;
-/// after that it is the right owner's, and another user or root listens, or it is no socket.
+/// The file at the path of the client's socket. Up to NobodyListens, the owner is also the listener. After that, the
+/// owner is right, but another user or root listens, or the file is not a socket.
 enum SocketChoice {
     RightOwner,
     OtherUser,
@@ -93,15 +93,15 @@ enum CertsAnswer {
     HoldCerts,
     CertsAnswerCount
 };
-constexpr int mostCerts = 1000; ///< Longer lists do not count,
-constexpr int largestCerts = 256 * 1024; ///< nor do those of more bytes.
+constexpr int mostCerts = 1000; ///< Longer lists are ignored,
+constexpr int largestCerts = 256 * 1024; ///< and so are larger ones.
 enum Launcher { Works, IsMissing, ExitsAtOnce, FailsAtOnce, IgnoresTerm, LauncherCount };
 enum Group { Normal, NoGroup, GroupOfRoot, GroupCount };
 enum Manifest { Stock, NoManifest, Damaged, NoOrganization, NoCommand, ManifestCount };
 enum Wiper { WiperSucceeds, WiperFails, WiperHolds, NoWiper, WiperCount };
 enum Plant { SymbolicLink, HardLink, Fifo, Directory, FileOfOther, PlantCount };
 
-/// What the client answers to a credential; the part of the credential before the "#".
+/// The client's replies to a credential: the part of the credential before the "#".
 const QStringList answers = {QStringLiteral("success"),
                              QStringLiteral("failed"),
                              QStringLiteral("lock"),
@@ -122,10 +122,10 @@ const QStringList answers = {QStringLiteral("success"),
                              QStringLiteral("<flood>"),
                              QStringLiteral("<die>")};
 
-/// The answer that `answer` stands for where a call is answered that has been held.
+/// The reply that `answer` means for a held call.
 QString lateAnswer(const QString &answer);
 
-/// What is written as a value into settings files; a null string stands for a file without the key.
+/// Values in settings files; a null string means a file without the key.
 const QStringList limits = {QStringLiteral("1"),
                             QStringLiteral("3"),
                             QStringLiteral("0"),
@@ -136,7 +136,7 @@ const QStringList limits = {QStringLiteral("1"),
 const QStringList counts = {QStringLiteral("2"), QStringLiteral("0"), QStringLiteral("17"), QStringLiteral("many"),
                             QString()};
 
-/// How a sequence starts.
+/// The initial state of a sequence.
 struct Setup
 {
     int manifest = Stock;
@@ -146,7 +146,7 @@ struct Setup
     bool currentPolicy = false; ///< Only with sharedDirectory.
 };
 
-/// One thing that happens.
+/// One event.
 struct Event
 {
     Kind kind = Kind::Reset;
@@ -154,11 +154,11 @@ struct Event
     int variant = 0;
     QString answer;
     bool flag = false;
-    /// The next event happens before the event loop has run.
+    /// The next event happens before the event loop runs.
     bool hurried = false;
 };
 
-/// What can be seen of the private object and its surroundings, by name.
+/// The observable state of the private object and its environment, by name.
 using Observation = QMap<QString, QString>;
 
 QString nameOf(Kind kind);

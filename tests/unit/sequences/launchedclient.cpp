@@ -7,10 +7,9 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
-// Stands in for the sandbox launcher and the client in it where what counts is only that a process lives, and how it
-// ends: small, so that thousands of launches take seconds. Writes the ids it has to the FIFO launches; then, as the
-// first character of the file mode says, lives (r), lives and ignores SIGTERM (i), or exits with that digit as the
-// code.
+// Replaces the sandbox launcher and its client where only the process's life and end matter. It is small, so that
+// thousands of launches take seconds. Writes its ids to the FIFO "launches". Then the first character of the file
+// "mode" decides: run (r), run and ignore SIGTERM (i), or exit with that digit as the code.
 int main()
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);

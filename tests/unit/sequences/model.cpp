@@ -64,7 +64,7 @@ bool Model::allows(const Event &event) const
         case Kind::ChangeSocketOwner:
             return !m_clientDirectoryAway && m_socket.exists;
         case Kind::DropLink:
-            // The end of the link reaches the object in its turn, and so does all else.
+            // The end of the link is delivered in order with all other events.
             return m_connected && !event.hurried && !m_dying && m_process != Starting && m_changedDirectories.isEmpty()
                    && m_changedFiles.isEmpty();
         case Kind::Reply:
@@ -72,7 +72,7 @@ bool Model::allows(const Event &event) const
         case Kind::ReplyCerts:
             return m_certsHeld > 0 && event.variant != HoldCerts;
         case Kind::ReplyWiper:
-            // When there is no mark to clear, nothing tells that a success has arrived.
+            // Without a mark to clear, a success leaves no trace.
             return !m_heldWipes.isEmpty() && (!event.flag || option(m_heldWipes.first(), deletion).toBool());
         case Kind::WritePolicy:
         case Kind::PlantPolicy:
@@ -98,7 +98,7 @@ bool Model::allows(const Event &event) const
             return isKnown(event.user);
         case Kind::SetLauncher:
         case Kind::Repair:
-            return m_process != Starting || m_processKind != IsMissing; // It might be found just in time.
+            return m_process != Starting || m_processKind != IsMissing; // The launcher might be found just in time.
         case Kind::Restart:
             return !m_clientDirectoryAway;
         default:
@@ -118,8 +118,8 @@ bool Model::allows(const Event &event) const
     return !after.m_ambiguous;
 }
 
-/// Changes that are told together are told in any order. A change of the home directory may launch a client, and that
-/// writes the user's file and ends another user's turn.
+/// Simultaneous changes are reported in any order. A change of the home directory may launch a client, which writes the
+/// user's file and ends another user's turn.
 bool Model::orderMatters() const
 {
     return m_changedDirectories.contains(m_homeDirectory)
@@ -209,7 +209,7 @@ void Model::act(const Event &event)
     m_loopNeeded = false;
     switch (event.kind) {
     case Kind::Authenticate:
-        // The outcome of one user's request would be taken for the other's.
+        // One user's outcome would be taken for another's.
         if (event.user != m_currentUid)
             m_current.clear();
         m_currentUid = event.user;
@@ -463,7 +463,7 @@ void Model::construct()
         const auto told = m_optionsTold;
         if (!methodSettingsStored())
             takePackagedLimit();
-        m_optionsTold = told; // There is no daemon yet that could be told.
+        m_optionsTold = told; // No daemon is connected yet.
     }
 }
 
@@ -683,7 +683,7 @@ void Model::handleCerts(int answer)
     m_certsInFlight = false;
 }
 
-/// The link is down at once, while the end of its calls is yet to arrive.
+/// The link is closed at once; its calls end later.
 void Model::loseLink()
 {
     m_connected = false;
@@ -871,7 +871,7 @@ void Model::terminate()
         m_dying = true;
 }
 
-/// Closes the link too, and that ends its calls at once, before the process has ended.
+/// Also closes the link, which ends its calls at once, before the process ends.
 void Model::kill()
 {
     if (m_process == Starting && m_processKind == IsMissing)
@@ -884,7 +884,7 @@ void Model::kill()
     loseLink();
     if (m_arrivals.isEmpty())
         return;
-    // One that was asked to end before may have ended already, and that may be told first.
+    // A process that was told to end earlier may already have ended, and its end may be reported first.
     if (wasDying)
         m_ambiguous = true;
     const Arrival lost = m_arrivals.takeLast();
@@ -1061,12 +1061,12 @@ void Model::watch(const QString &path)
 void Model::unwatch(const QString &path)
 {
     m_watches.remove(path);
-    // What a watch that is given up has noted goes with it.
+    // Removing a watch discards its pending changes.
     m_changedFiles.remove(path);
     m_changedDirectories.remove(path);
 }
 
-/// Whatever stood there when it was watched before. What is no file is not watched.
+/// The earlier watch does not matter. Only regular files are watched.
 void Model::watchAnew(const QString &path)
 {
     unwatch(path);
@@ -1076,8 +1076,8 @@ void Model::watchAnew(const QString &path)
 
 // --- Passing from user to user --------------------------------------------------------------------------------------
 
-/// What a former user has left goes aside as a whole and comes back in that user's next turn. What is root's or the
-/// next user's stays in place, unless the next user's directory comes back with something of that name.
+/// A former user's files are put aside together and restored in that user's next turn. Files of root and the next user
+/// stay, unless the next user's restored directory has a file of the same name.
 void Model::passClientDirectory()
 {
     const uint former = m_clientDirectory.owner;
@@ -1120,7 +1120,7 @@ void Model::passSharedDirectory()
             aside.insert(left.key(), file);
             continue;
         }
-        // The watch of a file ends when that is moved.
+        // Moving a file ends its watch.
         m_goneInodes << file.inode;
         if (m_watches.value(left.key(), -1) == file.inode)
             m_changedFiles << left.key();
@@ -1132,7 +1132,7 @@ void Model::passSharedDirectory()
     unwatch(policy);
 }
 
-/// All sockets at which the same process listens are one.
+/// All sockets of one listening process are equivalent.
 void Model::giveSockets(uint peer, uint owner)
 {
     for (Socket &socket : m_socketsAside) {
@@ -1162,7 +1162,7 @@ void Model::setOption(uint user, const QString &name, const Value &value)
     m_atOnce << QStringLiteral("optionChanged %1 %2 %3").arg(user).arg(name, value.rendered());
 }
 
-/// Whose file the client's is, whoever's session has started since.
+/// The user of the client's file, regardless of later session starts.
 uint Model::userOfFile() const
 {
     for (const uint user : {1000U, 1001U, 1002U}) {
@@ -1179,14 +1179,14 @@ Model::Value Model::childAttempts() const
     return exists(m_userConfigPath) && doesCount && !file.value.isNull() ? text(file.value) : integer(0);
 }
 
-/// It may be the user's or root's.
+/// The file may belong to the user or root.
 bool Model::policyCounts(uint user) const
 {
     const uint owner = m_files.value(policy).owner;
     return exists(policy) && (owner == 0 || owner == user);
 }
 
-/// False when there is one and it does not count; it is not watched from then on.
+/// False if there is a file that does not count; it is no longer watched.
 bool Model::followPolicy(uint user)
 {
     if (!exists(policy))
@@ -1202,13 +1202,13 @@ bool Model::followPolicy(uint user)
     return true;
 }
 
-/// Of the client or, while there is none, of the session.
+/// The client's user or, without a client, the session's.
 uint Model::policyUser() const
 {
     return m_uid != 0 ? m_uid : m_sessionUser;
 }
 
-/// From the current policy; one that is gone or cannot be read sets none.
+/// Applies the current policy. A missing or unreadable one sets no limit.
 void Model::takeLimit(uint user)
 {
     const File file = m_files.value(policy);
@@ -1221,7 +1221,7 @@ void Model::takeLimit(uint user)
     setOption(0, maxAttempts, isReadable ? text(file.value) : integer(0));
 }
 
-/// What root has set since is root's, except that nothing tells one limit of none from another.
+/// A limit that root has set since belongs to root, except that two missing limits cannot be told apart.
 bool Model::limitIsUsers() const
 {
     if (!m_system || !methodSettingsStored())
@@ -1230,7 +1230,7 @@ bool Model::limitIsUsers() const
     return limit.type != integer(0).type || (limit.toInt() == 0 && m_system->wasNone);
 }
 
-/// The limit is another user's, and `user` has no policy.
+/// The limit comes from another user, and `user` has no policy.
 void Model::giveLimitBack(uint user)
 {
     if (!m_system || m_system->user == user)
@@ -1261,7 +1261,7 @@ void Model::takePackagedLimit()
 
 bool Model::methodSettingsStored() const
 {
-    // What belongs to no user comes first.
+    // Options that belong to no user come first.
     return !m_options.isEmpty() && m_options.firstKey().first == 0;
 }
 
@@ -1338,7 +1338,7 @@ void Model::writeFile(const QString &path, const QString &value)
     noteFile(path);
 }
 
-/// Of a file of `owner`; that of anybody else would be given away.
+/// Only for a file that belongs to `owner`.
 bool Model::changeGroup(const QString &path, uint owner, uint group)
 {
     File &file = m_files[path];
@@ -1450,7 +1450,7 @@ Observation Model::observation() const
     return seen;
 }
 
-/// What there is below the directories that pass from user to user.
+/// The files below the directories that change users.
 QStringList Model::files() const
 {
     QStringList seen;

@@ -13,44 +13,44 @@ namespace Sequences {
 
 constexpr uint nobody = uint(-1);
 
-/// What the private object should do, as tables and rules over plain values; shares no code with it. Besides its state
-/// it keeps that of the surroundings which it sees: files, processes, the other end of the link.
+/// Predicts what the private object does, by tables and rules over plain values. Shares no code with it. Also models
+/// the object's environment: files, processes, the other end of the link.
 class Model
 {
 public:
     explicit Model(const Setup &setup);
 
-    /// Whether `event` can happen now, and leads to one certain result whatever the order in which independent parts of
-    /// the system get to run.
+    /// Whether `event` can happen now and its result does not depend on the scheduling of independent parts of the
+    /// system.
     bool allows(const Event &event) const;
-    /// What happens at once, and, unless the event is hurried, all that follows from it.
+    /// Applies the event at once and, unless it is hurried, all its consequences.
     void apply(const Event &event);
 
     Observation observation() const;
-    /// The stored options, which take longer to look at.
+    /// The stored options. Reading them takes longer.
     Observation options() const;
 
-    /// Credentials so far, each of which has the next number.
+    /// The number of credentials so far; each has the next number.
     int credentials() const { return m_credentials; }
-    /// Calls to the client and to the wiper so far.
+    /// The numbers of calls to the client and to the wiper so far.
     int calls() const { return m_calls.size(); }
     int wipes() const { return m_wipes.size(); }
-    /// Credentials in calls that no client has answered yet, among them those whose link has ended since.
+    /// Credentials in calls without a reply, including calls whose link has ended since.
     QStringList heldCalls() const { return m_heldCalls; }
     /// Whether the client's process has been stopped by a signal.
     bool isStopped() const { return m_stopped; }
-    /// Whether the outcome of a request is awaited that a client has been sent.
+    /// Whether a request that was sent to a client still has no outcome.
     bool hasCurrentRequest() const { return !m_current.isNull(); }
-    /// What leads on from here, which pure chance would seldom find; each as often as it should be drawn.
+    /// Events that make progress from here and that random choice would seldom find, each repeated by its weight.
     QVector<Kind> next() const;
-    /// The user whose first start is waited for; the first user when there is none.
+    /// The user whose first start is pending; the first user if there is none.
     uint delayedUser() const;
-    /// The remarkable situations that the sequence has come to.
+    /// The notable situations that the sequence has reached.
     const QSet<QString> &situations() const { return m_situations; }
 
-    /// The user that a choice of socket makes the owner.
+    /// The owner of the socket in a choice of socket.
     uint socketOwner(int choice) const;
-    /// The user who listens at a choice of socket; nobody when there is none.
+    /// The listening user in a choice of socket; nobody if there is none.
     uint socketPeer(int choice) const;
     QString userFile(uint user) const;
 
@@ -80,7 +80,7 @@ private:
         uint group = 0;
         QString value; ///< Null without the key.
     };
-    /// What has the name of the client's socket.
+    /// The file at the path of the client's socket.
     struct Socket
     {
         bool exists = false;
@@ -88,7 +88,7 @@ private:
         uint owner = 0;
         uint peer = nobody;
     };
-    /// Of a directory that passes from user to user.
+    /// Of a directory that changes users.
     struct Ownership
     {
         uint owner = 0;
@@ -102,7 +102,7 @@ private:
         int toInt() const { return text.toInt(); }
         bool toBool() const { return text == QLatin1String("true"); }
     };
-    /// What arrives over a bus when the event loop runs.
+    /// A message that arrives over a bus when the event loop runs.
     struct Arrival
     {
         enum Type { Answer, Certs, LinkGone } type;
@@ -218,42 +218,42 @@ private:
     int m_lastInode = 0;
     QSet<int> m_goneInodes;
     QMap<OptionKey, Value> m_options;
-    /// What users' policies stand in for; kept over restarts.
+    /// The limit that users' policies replace; kept over restarts.
     struct SystemLimit
     {
-        std::optional<int> limit; ///< None when there were no settings of the method.
-        uint user; ///< Whose policy was the last.
-        bool wasNone; ///< A policy has set no limit meanwhile.
+        std::optional<int> limit; ///< None if the method had no settings.
+        uint user; ///< The user of the last policy.
+        bool wasNone; ///< Whether a policy without a limit has been applied meanwhile.
     };
     std::optional<SystemLimit> m_system;
 
     // Client process and link
     Process m_process = NotRunning;
     int m_processKind = Works;
-    uint m_clientUid = 0; ///< User that the process was launched for; nobody's once it is to end.
+    uint m_clientUid = 0; ///< The user that the process was launched for; 0 once it is to end.
     bool m_dying = false;
     bool m_stopped = false;
     bool m_termPending = false;
     bool m_connected = false;
-    QStringList m_outstanding; ///< On the link that stands.
+    QStringList m_outstanding; ///< On the present link.
     QStringList m_heldCalls;
     int m_certsHeld = 0;
     QVector<uint> m_heldWipes;
 
-    // On their way
+    // In transit
     QSet<QString> m_changedDirectories;
     QSet<QString> m_changedFiles;
     QVector<Arrival> m_arrivals;
     QVector<uint> m_wiped;
     bool m_ambiguous = false;
-    bool m_loopNeeded = false; ///< What has happened only comes about when the event loop runs.
+    bool m_loopNeeded = false; ///< The event takes effect only when the event loop runs.
 
     // The private object
     bool m_wired = false;
     int m_stage = MustLaunch;
     uint m_currentUid = 0;
     std::optional<Data> m_pending;
-    QString m_current; ///< Credential in the request whose reply counts; null for none.
+    QString m_current; ///< The credential in the current request; null if there is none.
     uint m_budget = 11;
     bool m_certsInFlight = false;
     bool m_certsPending = false;
@@ -265,26 +265,26 @@ private:
     QString m_sharedDirectory;
     QString m_userConfigPath;
     QString m_homeDirectory;
-    uint m_sessionUser = 0; ///< Of the last session that has started.
+    uint m_sessionUser = 0; ///< The user of the last session start.
     bool m_refusalTold = false;
     bool m_organizationKnown = false;
     bool m_commandKnown = false;
     bool m_manifestExists = false;
     bool m_manifestParsed = false;
     bool m_isSymLink = false;
-    QMap<QString, int> m_watches; ///< Path and the inode that is watched.
+    QMap<QString, int> m_watches; ///< Path and watched inode.
 
-    // What has been seen of it
+    // Counts of its log messages and calls
     int m_credentials = 0;
     QStringList m_told;
     int m_dropped = 0; ///< Replies.
-    int m_refused = 0; ///< Warnings that the user's file is somebody else's.
+    int m_refused = 0; ///< Warnings that the user's file belongs to another user.
     QStringList m_certsTold;
     QMap<OptionKey, QStringList> m_optionsTold;
     QStringList m_calls;
     QStringList m_launches;
     QStringList m_wipes;
-    QStringList m_atOnce; ///< What the daemon is told while an event happens.
+    QStringList m_atOnce; ///< The calls to the daemon during an event.
     QString m_returned;
     QSet<QString> m_situations;
 };

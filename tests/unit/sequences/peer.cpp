@@ -22,7 +22,7 @@
 
 namespace Sequences {
 
-// On the file system of the client's directory, as a socket gets its place there by a hard link.
+// On the file system of the client's directory, because sockets are put there by hard links.
 const QString Peer::directory = QStringLiteral("/run/aux-auth/kavet-sequences");
 
 namespace {
@@ -150,7 +150,7 @@ void Peer::closeAll()
 {
     commandAll({QStringLiteral("forget")});
     inThread([this] {
-        // The bus lets only so many calls wait for their answers.
+        // The bus limits the number of pending replies.
         for (const QDBusMessage &call : qAsConst(m_heldWipes))
             QDBusConnection(busName).send(errorReply(call));
         m_heldWipes.clear();
@@ -238,12 +238,12 @@ bool Peer::handleMessage(const QDBusMessage &message, const QDBusConnection &con
     return true;
 }
 
-/// Has a process do something and waits until it is done.
+/// Sends a command to a process and waits until it is done.
 void Peer::command(const Process &process, const QStringList &words)
 {
     const QByteArray text = words.join(QLatin1Char('\t')).toUtf8();
     char done[8];
-    // The end of a client interrupts.
+    // SIGCHLD interrupts the call.
     need(TEMP_FAILURE_RETRY(send(process.commands, text.constData(), size_t(text.size()), MSG_NOSIGNAL)) == text.size()
              && TEMP_FAILURE_RETRY(recv(process.commands, done, sizeof done, 0)) > 0,
          "command a client's other end");

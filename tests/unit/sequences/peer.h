@@ -14,13 +14,13 @@
 
 namespace Sequences {
 
-/// The other ends of the private object's D-Bus links. There is a process for each user that serves as the user's
-/// client, whatever has been launched, so that the kernel tells the truth about who listens. The wiper is served in a
-/// thread. All functions are called from the main thread.
+/// The other ends of the private object's D-Bus links. Each user has a process that acts as the user's client,
+/// independently of launches, so that the kernel reports the real listener. The wiper runs in a thread. Call all
+/// functions from the main thread.
 class Peer : public QDBusVirtualObject
 {
 public:
-    /// What a client has been called with.
+    /// A call to a client.
     struct Call
     {
         uint peer; ///< The user that the client runs as.
@@ -29,38 +29,38 @@ public:
 
         /// As in the source.
         QString text() const;
-        /// User named and credential; null for the list of certificates.
+        /// The user name and the credential; null for the list of certificates.
         QString user() const;
         QString credential() const;
     };
 
-    /// Serves clients, for which `program` is run as each user, and the wiper on the system bus.
+    /// Runs `program` as each user's client, and the wiper on the system bus.
     explicit Peer(const QString &program);
     ~Peer() override;
 
     /// Directory for the peers' sockets.
     static const QString directory;
-    /// The socket at which the client of `user` is served.
+    /// The socket of the client of `user`.
     static QString socketOf(uint user);
 
     /// The calls to the clients since forget().
     const QVector<Call> &calls();
-    /// Users that the wiper has been called for since forget().
+    /// The users in calls to the wiper since forget().
     QStringList wipes() const;
 
     /// Closes all links.
     void drop();
-    /// Closes all links, and gives up all that is held; for when nobody waits for it any more.
+    /// Closes all links and drops all held calls, when no caller waits for them any more.
     void closeAll();
-    /// Closes all links and forgets what has been called.
+    /// Closes all links and clears the recorded calls.
     void forget();
-    /// Answers the call that has `credential` and is held, whether or not its link still stands.
+    /// Replies to the held call with `credential`, even if its link is closed.
     void reply(const QString &credential, const QString &answer);
-    /// Answers the last certificate call that is held.
+    /// Replies to the last held certificate call.
     void replyCerts(int answer);
     void setCertsAnswer(int answer);
     void setWiper(int wiper);
-    /// Answers the first wiper call that is held.
+    /// Replies to the first held wiper call.
     void replyWiper(bool success);
 
     QString introspect(const QString &path) const override;

@@ -33,7 +33,7 @@ const QString System::peerProgram = QStringLiteral("/usr/bin/kavet-sequences-pee
 
 namespace {
 
-// Where the peers' sockets are, too.
+// Also the directory of the peers' sockets.
 const QString deadSocket = Peer::directory + QStringLiteral("/dead");
 const QString stateDirectory = QStringLiteral("/tmp/kavet-sequences");
 const QString program = QStringLiteral("/usr/bin/kavet-sequences-client");
@@ -43,8 +43,8 @@ const QString groupFile = QStringLiteral("/etc/group");
 const QString partitionFile = QStringLiteral("/etc/authd/luks.conf");
 const QString awaySuffix = QStringLiteral(".away");
 
-constexpr int patience = 20000; // Only for what never comes.
-constexpr int impatience = 1000; // Once a sequence has failed and is being shortened.
+constexpr int patience = 20000; // Reached only if the condition never holds.
+constexpr int impatience = 1000; // While a failed sequence is shrunk.
 bool hasFailed = false;
 
 int launchesDescriptor = -1;
@@ -96,7 +96,7 @@ void remove(const QString &path)
     need(unlink(file) == 0 || (errno == EISDIR && rmdir(file) == 0) || errno == ENOENT, "remove a file");
 }
 
-/// What must not change about a file that is none of the private object's.
+/// The attributes of other users' files, which the private object must not change.
 QString stateOf(const QString &path)
 {
     struct stat status;
@@ -183,7 +183,7 @@ void System::prepareDevice()
     launchesDescriptor = open(launches, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     need(launchesDescriptor != -1, "open a FIFO");
 
-    // A socket that was bound and on which nobody listens any more.
+    // A bound socket on which nobody listens any more.
     const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -246,11 +246,11 @@ void System::start()
     m_method = std::make_unique<MethodKavet>();
     m_private = m_method->findChild<MethodKavetPrivate *>();
     m_method->setNotificator(&m_daemon);
-    // The directory is the method's to make, but one that supervises nothing makes none.
+    // The method creates the directory, unless it supervises no client.
     if (!m_private->child.manifestExists)
         QDir().mkpath(TestDevice::clientDirectory);
 
-    // The watcher is read when the test says so, before anything else gets to run.
+    // The test reads the watcher explicitly, before anything else runs.
     m_watcherNotifier = m_private->watcher.findChild<QSocketNotifier *>();
     need(m_watcherNotifier, "find the watcher's notifier");
     m_watcherNotifier->setEnabled(false);
@@ -361,7 +361,7 @@ void System::act(const Event &event, const Model &before)
     case Kind::StopClient:
         need(kill(m_pid, before.isStopped() ? SIGCONT : SIGSTOP) == 0, "stop the client");
         if (!before.isStopped()) {
-            // A signal that comes before it has stopped would still reach it.
+            // A signal sent before the process has stopped would still be handled.
             siginfo_t status = {};
             need(TEMP_FAILURE_RETRY(waitid(P_PID, id_t(m_pid), &status, WSTOPPED | WNOWAIT)) == 0, "see it stop");
         }
@@ -379,7 +379,7 @@ void System::act(const Event &event, const Model &before)
         touchDirectory(TestDevice::clientDirectory);
         break;
     case Kind::DropLink: {
-        // A new link may still be on its way to the other end, which only then can close it.
+        // The other end may not have accepted a new link yet, and can close it only after that.
         QElapsedTimer waiting;
         waiting.start();
         do {
@@ -496,7 +496,7 @@ void System::act(const Event &event, const Model &before)
         putManifest(event.variant);
         break;
     case Kind::SetWiper:
-        // So that the bus has seen all calls to the wiper before.
+        // A round trip, so that the bus has delivered all earlier calls to the wiper.
         QDBusConnection::systemBus().call(
             QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/"),
                                            QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId")));
@@ -527,7 +527,7 @@ void System::act(const Event &event, const Model &before)
 
 // --- Waiting --------------------------------------------------------------------------------------------------------
 
-/// Has the watcher read until there is nothing left to read, which includes what its handlers bring about.
+/// Reads the watcher until it is empty, including changes that its handlers make.
 void System::runWatcher()
 {
     pollfd watcher = {int(m_watcherNotifier->socket()), POLLIN, 0};
@@ -537,7 +537,7 @@ void System::runWatcher()
     }
 }
 
-/// Waits until every client that has been started is ready to be ended.
+/// Waits until every started client can be ended.
 void System::awaitLaunches()
 {
     readLaunches();
@@ -545,14 +545,14 @@ void System::awaitLaunches()
     waiting.start();
     while (m_launches.size() < m_started) {
         pollfd launches = {launchesDescriptor, POLLIN, 0};
-        // The end of another client interrupts.
+        // SIGCHLD of another client interrupts the call.
         if (poll(&launches, 1, patience) == 0 || waiting.elapsed() > patience)
             qFatal("A client was started and never came up");
         readLaunches();
     }
 }
 
-/// Waits until that many calls to the wiper have arrived, so that none is lost or meets with what is changed after it.
+/// Waits for that many calls to the wiper, so that none is lost or handled after later changes.
 void System::awaitWipes(int wipes)
 {
     QElapsedTimer waiting;
@@ -561,8 +561,8 @@ void System::awaitWipes(int wipes)
         QThread::yieldCurrentThread();
 }
 
-/// Waits for the outcome of a request whose link has been closed. It comes at once, that is, without anything else that
-/// the event loop brings, such as the end of the client.
+/// Waits for the outcome of a request whose link has been closed. It must come before other events, such as the end of
+/// the client.
 void System::awaitOutcome()
 {
     const int outcomes = m_daemon.outcomes().size();
@@ -574,7 +574,7 @@ void System::awaitOutcome()
     }
 }
 
-/// From here on, no request made before counts.
+/// From here on, earlier requests no longer count.
 void System::startOver(uint user)
 {
     m_user = user;
@@ -609,7 +609,7 @@ QString System::settle(const Model &model)
     QElapsedTimer waiting;
     waiting.start();
     for (;;) {
-        // Once more after all agrees, for what must not come.
+        // Compare once more after they agree, to detect unexpected events.
         QString difference;
         for (int round = 0; round < 2; ++round) {
             runWatcher();
@@ -666,7 +666,7 @@ QString System::differences(const Model &model, bool arrivals)
     return text;
 }
 
-/// What must never be and is.
+/// The violated invariants.
 QString System::broken()
 {
     QString text;
@@ -919,7 +919,7 @@ void System::plantSocket(int choice, uint owner, uint peer)
 
 void System::writePackagedPolicy(const QString &value)
 {
-    // Of a new size each time: settings are cached for as long as size and time stamp of their file stay.
+    // Use a new size each time, because QSettings caches a file while its size and time stay the same.
     remove(TestDevice::packagedPolicy);
     write(TestDevice::packagedPolicy,
           settings(QStringLiteral("max-attempts"), value) + QByteArray(1, ';') + QByteArray(++m_policyNumber * 10, '-')

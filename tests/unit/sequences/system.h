@@ -21,31 +21,31 @@ class QSocketNotifier;
 
 namespace Sequences {
 
-/// The real private object on the real paths, with a small program in the launcher's place, and the other ends of its
-/// links in a thread of this process.
+/// The real private object on the real paths, with a small program in place of the launcher, and the other ends of its
+/// links in other processes.
 class System
 {
 public:
-    /// What the method tells of nothing but its log.
+    /// Facts that only the method's log shows.
     struct Logged
     {
         std::atomic<int> repliesDropped{0};
         std::atomic<int> filesRefused{0};
     };
 
-    /// Lays out the device and makes the method.
+    /// Prepares the device and creates the method.
     System(const Setup &setup, Peer &peer, const Logged &logged);
     ~System();
 
-    /// To be called once before the first object is made.
+    /// Call once before creating the first object.
     static void prepareDevice();
-    /// The program of the clients' other ends, once the device is prepared.
+    /// The program that acts as the users' clients; valid once the device is prepared.
     static const QString peerProgram;
 
-    /// Has `event` happen, where the model was in state `before` and is expected in state `after`. Returns in what the
-    /// two differ, an empty text when they agree.
+    /// Performs `event` and compares the result with the model, which `event` takes from `before` to `after`. Returns
+    /// the differences; empty if there are none.
     QString perform(const Event &event, const Model &before, const Model &after);
-    /// In what the new object differs from the model's.
+    /// The differences between the new object and the model.
     QString compareStart(const Model &model);
 
 private:
@@ -75,11 +75,11 @@ private:
     static void setGroup(int group);
     static void setPartitionLocked(bool locked);
 
-    /// A request that has been made.
+    /// A request.
     struct Attempt
     {
         uint user = 0;
-        QString answer; ///< What the client says to it.
+        QString answer; ///< The client's reply.
         int turn = -1;
     };
 
@@ -103,19 +103,19 @@ private:
     QString m_returned;
     int m_policyNumber = 0;
 
-    // For what must never be, whatever the model says.
+    // State for checking invariants, independent of the model.
     int m_launchesSinceReset = 0;
     bool m_rightOwnerSeen = false; ///< Since the last launch.
-    bool m_rightOwnerSeenBefore = false; ///< At the start of the event; what it led to may include a launch.
+    bool m_rightOwnerSeenBefore = false; ///< At the start of the event, because the event may include a launch.
     int m_callsChecked = 0;
     int m_outcomesChecked = 0;
     QMap<QString, Attempt> m_attempts; ///< By credential.
     QStringList m_sent; ///< Credentials that have reached a client.
-    uint m_user = 0; ///< Whose turn it is, which ends with a reset or another user's request.
+    uint m_user = 0; ///< The user of the present turn. A reset or another user's request ends the turn.
     int m_turn = 0;
-    int m_outcomesDue = 0; ///< Requests of this turn that can still have one.
-    QString m_broken; ///< By what has been checked so far.
-    QVector<QPair<QString, QString>> m_outside; ///< Planted files' targets and what they must stay.
+    int m_outcomesDue = 0; ///< The requests of this turn that still may have an outcome.
+    QString m_broken; ///< The first violated invariant; empty if there is none.
+    QVector<QPair<QString, QString>> m_outside; ///< The targets of planted files and their original attributes.
 
     int m_toldRead = 0;
     QStringList m_told;

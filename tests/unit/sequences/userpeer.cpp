@@ -20,9 +20,8 @@
 
 using namespace Sequences;
 
-// Answers the method's calls as a client of the user it runs as. Started with the path of the socket to serve, and with
-// two descriptors: a socket for commands, each of which is answered when it is done, and a pipe for what has been
-// called.
+// Replies to the method's calls as the client of the user it runs as. The arguments are the path of the socket to serve
+// and two file descriptors: a socket for commands, each acknowledged when done, and a pipe to which calls are reported.
 
 namespace {
 
@@ -84,7 +83,7 @@ public:
             if (pid <= 0 || kill(pid, SIGKILL) != 0)
                 qFatal("Cannot kill the client");
         } else if (answer == QLatin1String("<drop>")) {
-            // Not from within a function of the connection's own.
+            // Delayed, because a connection must not be closed from within its own functions.
             QMetaObject::invokeMethod(this, &UserPeer::closeLinks, Qt::QueuedConnection);
         } else {
             send(call, answer);
@@ -132,7 +131,7 @@ private:
         } else if (command == QLatin1String("reply")) {
             send(m_held.take(words.at(1)), words.at(2));
         } else if (command == QLatin1String("reply-certs")) {
-            // Those held before belong to links that have ended.
+            // Earlier held calls belong to closed links.
             sendCerts(m_heldCerts.takeLast(), words.at(1).toInt());
         }
         if (::send(int(m_commands.socket()), "done", 4, MSG_NOSIGNAL) != 4)
@@ -180,7 +179,7 @@ private:
             connection.send(call.message.createReply(42));
             break;
         case MostCerts:
-            // In all as large as a list may be, too.
+            // The total size is also the largest permitted.
             connection.send(list(mostCerts, largestCerts / mostCerts));
             break;
         case TooManyCerts:
@@ -202,7 +201,7 @@ private:
         m_links.clear();
     }
 
-    static constexpr int flood = 1024 * 1024; ///< With what is around it, more than a reply may have.
+    static constexpr int flood = 1024 * 1024; ///< Together with the message's header, larger than a reply may be.
 
     QDBusServer m_server;
     QSocketNotifier m_commands;
