@@ -19,8 +19,8 @@ void MethodKavetPrivate::makeAuth()
         }
         if (currentUid == 0)
             return;
-        // A client of another user must not see this user's secret, and one that is to end serves nobody. The flow goes
-        // on when it has ended.
+        // A client of another user must not see this user's secret, and one that has been told to end serves nobody.
+        // The flow continues when that client has ended.
         if (child.state() != QProcess::NotRunning && child.clientUid != currentUid) {
             killChild();
             return;

@@ -15,21 +15,21 @@
 
 namespace {
 
-constexpr int maximumErrorText = 1024; ///< Bytes of a client's error text that are logged.
+constexpr int maximumErrorText = 1024; ///< Bytes of the client's error text to log.
 constexpr int maximumCertificates = 1000;
 constexpr int maximumCertListSize = 256 * 1024; ///< Bytes.
 const QString notConnected = QStringLiteral("No link to the client");
 const QString cannotReachSocket = QStringLiteral("Failed to connect to socket %1: %2"); ///< %1 = path, %2 = reason.
 const QString certListTooLong = QStringLiteral("The list of certificates is too long");
 
-/// The longest part of `text`, which a client has chosen, that is fit for the log.
+/// The beginning of `text`, which the client has chosen, up to a length that fits the log.
 QString shortened(const QString &text)
 {
     const QByteArray bytes = text.toUtf8();
     if (bytes.size() <= maximumErrorText)
         return text;
     int size = maximumErrorText;
-    while (size > 0 && (bytes.at(size) & 0xC0) == 0x80) // within a character
+    while (size > 0 && (bytes.at(size) & 0xC0) == 0x80) // inside a character
         --size;
     return QString::fromUtf8(bytes.constData(), size);
 }
@@ -55,24 +55,24 @@ bool MethodKavetPrivate::connectToChild()
 {
     if (!child.clientRunning || !child.socketPresent)
         return false;
-    if (guard.isOpen() && connection.isConnected())
+    if (m_guard.isOpen() && connection.isConnected())
         return true;
-    // A client that is being killed serves nobody, whatever it still does.
+    // A client that has been told to end serves nobody.
     if (child.state() != QProcess::NotRunning && child.clientUid == 0)
         return false;
 
     closeLink();
     const QString path = Constants::Link::socketPath;
     QDBusError error;
-    if (guard.connectToClient(path, currentUid == 0 ? child.clientUid : currentUid)) {
-        connection = QDBusConnection::connectToPeer(guard.address(), Constants::Link::connectionName);
+    if (m_guard.connectToClient(path, currentUid == 0 ? child.clientUid : currentUid)) {
+        connection = QDBusConnection::connectToPeer(m_guard.address(), Constants::Link::connectionName);
         error = connection.lastError();
     } else {
-        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, guard.errorString()));
+        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, m_guard.errorString()));
     }
-    if (connection.isConnected() && !guard.acceptLibrary())
-        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, guard.errorString()));
-    if (!guard.isOpen()) {
+    if (connection.isConnected() && !m_guard.acceptLibrary())
+        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, m_guard.errorString()));
+    if (!m_guard.isOpen()) {
         qCWarning(kavet) << "Cannot connect to the Kavet client socket" << Constants::Link::address << error;
         closeLink();
         return false;
@@ -88,8 +88,8 @@ bool MethodKavetPrivate::connectToChild()
 
 void MethodKavetPrivate::closeLink()
 {
-    // The library would keep the connection open for as long as anything refers to it.
-    guard.close();
+    // The D-Bus library keeps the connection open while anything refers to it.
+    m_guard.close();
     QDBusConnection::disconnectFromPeer(Constants::Link::connectionName);
     connection = QDBusConnection(QString());
 }
@@ -109,12 +109,12 @@ void MethodKavetPrivate::validateCert(const QString &cert, const QString &pin)
 bool MethodKavetPrivate::prepareRequest(const char *method)
 {
     currentRequest = nullptr;
-    // A reset sets the last stage for a client whose link was never made or has been dropped since.
-    if (!(guard.isOpen() && connection.isConnected()) && !connectToChild()) {
+    // After a reset the stage says "linked" if there is a socket, even if there is no link.
+    if (!(m_guard.isOpen() && connection.isConnected()) && !connectToChild()) {
         failRequest(method, QDBusError(QDBusError::Disconnected, notConnected));
         return false;
     }
-    guard.allowReply();
+    m_guard.allowReply();
     return true;
 }
 
@@ -122,9 +122,10 @@ void MethodKavetPrivate::awaitAnswer(const char *method, const QDBusPendingCall 
 {
     auto *pending = new QDBusPendingCallWatcher(call, this);
     currentRequest = pending;
-    // The handler holds on to the connection: the library fails when it closes one on which a call is outstanding.
+    // The handler keeps a reference to the connection: the D-Bus library fails when it closes a connection with an
+    // outstanding call.
     const auto handleReply = [this, method, usedConnection = connection,
-                              usedLink = guard.link()](QDBusPendingCallWatcher *finished) {
+                              usedLink = m_guard.link()](QDBusPendingCallWatcher *finished) {
         const QDBusPendingReply<QString> reply = *finished;
         finished->deleteLater();
         if (finished != currentRequest) {
@@ -134,7 +135,7 @@ void MethodKavetPrivate::awaitAnswer(const char *method, const QDBusPendingCall 
         currentRequest = nullptr;
         if (reply.isError())
             failRequest(method, reply.error());
-        else if (usedLink != guard.link())
+        else if (usedLink != m_guard.link())
             failRequest(method, QDBusError(QDBusError::Disconnected, notConnected));
         else
             handleResult(reply.value());
@@ -160,18 +161,18 @@ QStringList MethodKavetPrivate::getCertList()
     }
 
     certListPending = false;
-    guard.allowReply();
+    m_guard.allowReply();
     auto *pending = new QDBusPendingCallWatcher(clientInterface->getCertList(), this);
     certListInFlight = true;
-    // Holds on to the connection as awaitAnswer() does.
+    // Keeps a reference to the connection, as in awaitAnswer().
     const char *const method = __func__;
     const auto handleReply = [this, method, usedConnection = connection,
-                              usedLink = guard.link()](QDBusPendingCallWatcher *finished) {
+                              usedLink = m_guard.link()](QDBusPendingCallWatcher *finished) {
         const QDBusPendingReply<QStringList> reply = *finished;
         QStringList certList;
         if (reply.isError())
             qCWarning(kavet) << method << "failed:" << shortened(reply.error().message());
-        else if (usedLink != guard.link())
+        else if (usedLink != m_guard.link())
             qCWarning(kavet) << method << "failed:" << notConnected;
         else if (isTooLong(reply.value()))
             qCWarning(kavet) << method << "failed:" << certListTooLong;

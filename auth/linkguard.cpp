@@ -23,10 +23,10 @@ namespace {
 constexpr int maximumWaiting = 1024 * 1024; ///< Bytes that one side may leave unread.
 constexpr int maximumReceived = 1024 * 1024; ///< Bytes that the client may send for one request.
 constexpr int maximumHandshake = 4 * 1024; ///< Bytes that the client may send before the first message.
-constexpr int chunkSize = 64 * 1024; ///< Bytes carried before the event loop turns to others.
+constexpr int chunkSize = 64 * 1024; ///< Bytes to copy before control returns to the event loop.
 const QString listenerDirectory = QStringLiteral("/run/kavet-XXXXXX");
 const QString listenerName = QStringLiteral("/link");
-constexpr char handshakeEnd[] = "BEGIN\r\n"; ///< The library's; from there on messages flow.
+constexpr char handshakeEnd[] = "BEGIN\r\n"; ///< Sent by the library; messages follow it.
 
 int makeSocket()
 {
@@ -41,8 +41,7 @@ sockaddr_un socketAddress(const QByteArray &path)
     return address;
 }
 
-/// The credentials of the process at the other end: for a connection that was accepted those of the process that
-/// connected, else those of the process that listens.
+/// The credentials of the peer: of the process that connected if this side accepted, else of the process that listens.
 ucred peerCredentials(int descriptor)
 {
     ucred credentials = {-1, uid_t(-1), gid_t(-1)};
@@ -51,7 +50,7 @@ ucred peerCredentials(int descriptor)
     return credentials;
 }
 
-/// Empties `bytes`, which may hold a secret.
+/// Overwrites and clears `bytes`, which may hold a secret.
 void wipe(QByteArray &bytes)
 {
     explicit_bzero(bytes.data(), size_t(bytes.size()));
@@ -60,7 +59,7 @@ void wipe(QByteArray &bytes)
 
 } // namespace
 
-// Listening from the start, so that nobody can keep the link from being made later by filling the file system.
+// Listens from the start: later, a user could prevent it by filling the file system.
 LinkGuard::LinkGuard()
 {
     listen();
@@ -71,8 +70,8 @@ LinkGuard::~LinkGuard()
     end();
 }
 
-// The socket loses its name at once. A descriptor of the name remains, and the path to that leads through this
-// process's entries in /proc, which are closed to others.
+// QTemporaryDir deletes the socket's name at once. Only an O_PATH descriptor of it remains. The path to that descriptor
+// leads through this process's directory in /proc, to which others have no access.
 bool LinkGuard::listen()
 {
     if (m_name.isValid())
@@ -96,10 +95,11 @@ bool LinkGuard::connectToClient(const QString &path, uid_t uid)
     close();
     if (!listen())
         return fail(errno);
-    // What waits there, given up by the library or opened by root, must not be taken for the library's next connection.
+    // Discard pending connections: one that the library has given up, or one of root's, must not be accepted in place
+    // of the library's next connection.
     while (Descriptor(accept4(m_listener.get(), nullptr, nullptr, SOCK_CLOEXEC)).isValid()) { }
 
-    // Through a descriptor, a symbolic link is not followed but is a file like any other to which nobody listens.
+    // connect() would follow a symbolic link in a path. On a descriptor of the link itself it fails.
     const Descriptor name(open(QFile::encodeName(path).constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     if (!name.isValid())
         return fail(errno);
@@ -183,16 +183,16 @@ void LinkGuard::read(Flow &flow, Descriptor &from, Descriptor &to)
     write(flow, to);
 }
 
-// Drops the link when what has come from the client must not be passed on.
+// Drops the link when the client's bytes must not be passed on.
 bool LinkGuard::admits(const char *bytes, int size)
 {
     m_received += size;
     if (!m_handshakeOver && m_received > maximumHandshake)
-        drop("its handshake has no end");
+        drop("its handshake is too long");
     else if (m_received > maximumReceived)
-        drop("it sends more than a reply needs");
+        drop("it has sent more than a reply needs");
     else if (m_handshakeOver && !m_messages.admits(bytes, size))
-        drop("it sends what is no reply");
+        drop("it has sent a message that is no valid reply");
     else
         return true;
     return false;
@@ -211,7 +211,7 @@ void LinkGuard::write(Flow &flow, Descriptor &to)
         else
             flow.waiting.remove(0, int(std::max<ssize_t>(size, 0)));
         if (flow.waiting.size() > maximumWaiting) {
-            drop(&flow == &m_toClient ? "it does not read what it is sent" : "what it sends is not read");
+            drop(&flow == &m_toClient ? "it does not read its messages" : "its messages are not read fast enough");
             return;
         }
     }
@@ -231,7 +231,7 @@ void LinkGuard::end()
     for (Flow *flow : {&m_toClient, &m_toLibrary}) {
         for (auto *notifier : {&flow->readable, &flow->writable}) {
             if (*notifier) {
-                // At once: the descriptors are closed below, and the plugin may be unloaded before the deletion.
+                // The descriptors are closed below, and the plugin may be unloaded before the notifiers are deleted.
                 (*notifier)->setEnabled(false);
                 (*notifier)->disconnect();
             }

@@ -12,51 +12,51 @@
 
 #include <sys/types.h>
 
-/// Stands between the client's socket and the D-Bus library, since the client is not to be trusted and the library
-/// trusts its peers. Opening a link never waits, the peer's user is known before a byte is sent, what either side
-/// leaves unread is bounded, and closing the link ends it for both sides at once, whoever still refers to the library's
+/// A relay between the client's socket and the D-Bus library, because the library trusts its peer and the client cannot
+/// be trusted. Opening a link never blocks. The guard checks the peer's user before it sends a byte, bounds the buffers
+/// for unread data, and closes the link for both sides at once, even if somebody still refers to the library's
 /// connection.
 ///
-/// The guard connects to the client itself. The library connects to a socket of the guard's, which no other process can
-/// reach, and the guard carries the bytes both ways on the event loop. File descriptors do not pass.
+/// The guard connects to the client itself. The library connects to the guard's own socket, which no other process can
+/// reach, and the guard copies bytes in both directions on the event loop. It passes no file descriptors.
 class LinkGuard
 {
 public:
-    /// A guard without a link, which listens for the library from now on.
+    /// Creates a guard without a link and starts to listen for the library.
     LinkGuard();
-    /// Ends the link, if there is one, as close() does.
+    /// Closes the link, if there is one.
     ~LinkGuard();
 
-    /// Connects to the client's socket, which must stand at `path` itself, not behind a link, and whose server must be
-    /// a process of user `uid` or of root. False when that fails; errorString() says why.
+    /// Connects to the client's socket at `path`, which must not be a symbolic link. The process that serves it must
+    /// run as user `uid` or as root. False on failure; errorString() says why.
     bool connectToClient(const QString &path, uid_t uid);
     /// The D-Bus address at which the library reaches the guard.
     QString address() const;
-    /// Takes the connection that the library has made to address() and starts to carry bytes. False, with the link
-    /// closed, when there is none.
+    /// Accepts the library's connection to address() and starts to copy bytes. False when there is none; the link is
+    /// then closed.
     bool acceptLibrary();
-    /// Allows the client to send the reply to one more request; without that it may not go on sending for ever.
+    /// Allows the client to send the reply to one more request. The limits on what it sends start again.
     void allowReply();
 
-    /// Whether bytes are carried. Both sides may end the link at any time; the guard ends it, with a warning, when a
-    /// limit is exceeded.
+    /// Whether the link is open. Either side may close it at any time. The guard closes it, with a warning, when the
+    /// client exceeds a limit.
     bool isOpen() const { return m_toLibrary.readable; }
-    /// Ends the link for both sides at once. What has been carried before may still reach the library's user.
+    /// Closes the link for both sides at once. The library may still deliver messages that it has already received.
     void close();
-    /// Identifies the link: changes with every close(), so that what came over a link that has been given up can be
-    /// told from the rest.
+    /// Identifies the link. Every close() changes the number, so that the caller can recognise replies that came over
+    /// an earlier link.
     quint64 link() const { return m_link; }
     /// Why connectToClient() failed.
     QString errorString() const { return m_errorString; }
 
 private:
     enum class End { Client, Library };
-    /// What flows one way.
+    /// The data that flow in one direction.
     struct Flow
     {
-        QByteArray waiting; ///< Read from one side, not yet taken by the other.
-        bool ended = false; ///< The sending side has closed; what is waiting still goes out.
-        // Deleted later, as one of them may be the caller.
+        QByteArray waiting; ///< Read from the sender, not yet written to the receiver.
+        bool ended = false; ///< The sender has closed its side; the waiting data are still written.
+        // Deleted later: a notifier's own signal may lead here.
         QScopedPointer<QSocketNotifier, QScopedPointerDeleteLater> readable;
         QScopedPointer<QSocketNotifier, QScopedPointerDeleteLater> writable;
     };
@@ -70,15 +70,15 @@ private:
     void drop(const char *reason);
     void end();
 
-    Descriptor m_listener; ///< Where the library connects.
-    Descriptor m_name; ///< Keeps the listener's name reachable through /proc, and only there.
+    Descriptor m_listener; ///< The library connects to it.
+    Descriptor m_name; ///< The listener's deleted name, which can be reached only through this descriptor.
     Descriptor m_client;
     Descriptor m_library;
     Flow m_toClient;
     Flow m_toLibrary;
     bool m_handshakeOver = false;
-    int m_received = 0; ///< Bytes from the client in the handshake; after it, since the last request.
-    MessageGate m_messages; ///< From the client.
+    int m_received = 0; ///< Bytes from the client during the handshake or, after it, since the last request.
+    MessageGate m_messages; ///< Checks the client's messages.
     quint64 m_link = 0;
     QString m_errorString;
 

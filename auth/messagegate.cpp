@@ -10,11 +10,11 @@
 namespace {
 
 constexpr int maximumMessages = 16; ///< For one request, which has one reply.
-constexpr int maximumShort = 4 * 1024; ///< Bytes of a message that may hold any values, and of any message's header.
-constexpr int maximumText = std::numeric_limits<int>::max(); ///< What counts for it is the limit of the link.
-constexpr int maximumTextList = 272 * 1024; ///< Enough for the longest list of certificates.
+constexpr int maximumShort = 4 * 1024; ///< Bytes of a message of any type, and of any message's header.
+constexpr int maximumText = std::numeric_limits<int>::max(); ///< LinkGuard's limit applies.
+constexpr int maximumTextList = 272 * 1024; ///< Bytes; enough for the longest list of certificates.
 
-// A message's header: a fixed part, then the fields, each of which begins at a multiple of eight bytes.
+// A header has a fixed part and then fields, each aligned to eight bytes.
 constexpr int bodySizeAt = 4;
 constexpr int fieldsSizeAt = 12;
 constexpr int fixedSize = 16;
@@ -24,7 +24,7 @@ const QByteArray signatureField("\x08\x01g\0", 4);
 const QByteArray textSignature("\1s\0", 3);
 const QByteArray textListSignature("\2as\0", 4);
 
-/// How many bytes the message may have, by the type of its body.
+/// The number of bytes that the message may have, by the type of its body.
 int maximumSize(const QByteArray &header)
 {
     int maximum = 0;
@@ -38,7 +38,7 @@ int maximumSize(const QByteArray &header)
             allowed = maximumText;
         else if (signature.startsWith(textListSignature))
             allowed = maximumTextList;
-        // What only looks like this field, in the middle of another, allows no more.
+        // Another field's value may look like a signature field, so the lowest limit found applies.
         maximum = maximum == 0 ? allowed : std::min(maximum, allowed);
     }
     return std::max(maximum, maximumShort);

@@ -4,17 +4,18 @@
 
 #include <QByteArray>
 
-/// Follows the D-Bus messages that the client sends. The D-Bus library reads every message into values, whatever it is,
-/// in the one thread that serves the system bus too: a megabyte of small values keeps everybody waiting. So the client
-/// may send only a few messages for each request, and none that is long, save a text or, less long, a list of texts.
+/// Limits the D-Bus messages that the client may send. The D-Bus library decodes every message, of any type, in the
+/// thread that also serves the system bus: a megabyte of small values delays everybody. The client may therefore send
+/// only a few messages for each request, and they must be short. Only a string and, with a lower limit, a list of
+/// strings may be longer.
 class MessageGate
 {
 public:
-    /// A message begins with the next byte.
+    /// Starts again: the next byte begins a message.
     void reset();
-    /// Allows the messages that one more request may bring.
+    /// Allows the messages for one more request.
     void allowReply() { m_messages = 0; }
-    /// Whether the next `size` bytes may be passed on. Once they may not, nothing may.
+    /// Whether the next `size` bytes may be passed on. After the first refusal the link must be closed.
     bool admits(const char *bytes, int size);
 
 private:
@@ -22,7 +23,7 @@ private:
     bool admitsMessage() const;
     quint32 numberAt(int position) const;
 
-    QByteArray m_header; ///< What has come of it.
-    quint32 m_bodyLeft = 0; ///< Bytes of the present message that are still to come.
-    int m_messages = 0; ///< Since the last request.
+    QByteArray m_header; ///< The part of the current message's header received so far.
+    quint32 m_bodyLeft = 0; ///< Bytes of the current message's body not received yet.
+    int m_messages = 0; ///< Messages since the last request.
 };

@@ -16,32 +16,32 @@
 #include <iterator>
 
 #include <grp.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
 
 constexpr char tracerField[] = "\nTracerPid:";
 
-// For the forked child: a message handler may need locks that another thread held at the moment of the fork, and what
-// it collects ends with the child. Standard error needs no lock and reaches the parent.
-void warnFromChild(const char *text)
+// Runs in the forked child, so it makes only async-signal-safe calls. A message handler could need a lock that another
+// thread held at the fork, and anything it stored would die with the child. The parent reads standard error.
+void warnFromChild(const QLoggingCategory &category, const char *text)
 {
-    if (!kavet().isWarningEnabled())
+    if (!category.isWarningEnabled())
         return;
 
-    const char *const pieces[] = {kavet().categoryName(), ": ", text, "\n"};
-    iovec line[std::size(pieces)];
-    for (size_t i = 0; i < std::size(pieces); ++i)
-        line[i] = {const_cast<char *>(pieces[i]), std::strlen(pieces[i])};
-    // Nobody is left to be told when this fails.
-    (void)!writev(STDERR_FILENO, line, int(std::size(line)));
+    char line[128];
+    char *end = line;
+    for (const char *piece : {category.categoryName(), ": ", text, "\n"})
+        end = stpncpy(end, piece, size_t(std::end(line) - end));
+    // There is nowhere left to report an error.
+    (void)!write(STDERR_FILENO, line, size_t(end - line));
 }
 
 } // namespace
 
 ChildProcess::ChildProcess(QObject *parent)
     : QProcess(parent)
+    , m_log(kavet())
 {
 }
 
@@ -95,7 +95,7 @@ bool ChildProcess::parseManifest()
     return true;
 }
 
-// The kernel tells a traced process's end to the tracer first, and to the parent only when the tracer has taken note.
+// The kernel reports the end of a traced process to the tracer, and to the parent only after the tracer has reaped it.
 void ChildProcess::killForGood()
 {
     kill();
@@ -110,23 +110,23 @@ void ChildProcess::killForGood()
         ::kill(tracer, SIGKILL);
 }
 
-// The process class forks with fork(2) for its subclasses, so that the C library's own locks are in order here; nothing
-// of Qt is used.
+// QProcess starts a subclass with fork(2), so the C library has reset its allocator's locks for getgrnam(). Qt may hold
+// locks of its own; all that is used of it here is the logging category, which the constructor has made.
 void ChildProcess::setupChildProcess()
 {
     gid_t groups[std::size(Constants::Process::supplementaryGroups)];
     for (size_t i = 0; i < std::size(groups); ++i) {
         const struct group *entry = getgrnam(Constants::Process::supplementaryGroups[i]);
         if (!entry)
-            warnFromChild("Cannot get GID.");
+            warnFromChild(m_log, "Cannot get GID.");
         groups[i] = entry ? entry->gr_gid : gid;
     }
 
     // The user comes last: the group calls need root.
     if (setgroups(std::size(groups), groups) != 0)
-        warnFromChild("setgroups() failed.");
+        warnFromChild(m_log, "setgroups() failed.");
     if (setresgid(gid, gid, gid) != 0)
-        warnFromChild("setresgid() failed.");
+        warnFromChild(m_log, "setresgid() failed.");
     if (setresuid(uid, uid, uid) != 0)
-        warnFromChild("setresuid() failed.");
+        warnFromChild(m_log, "setresuid() failed.");
 }

@@ -70,7 +70,7 @@ bool MethodKavetPrivate::launchChild()
                          << error;
         return false;
     }
-    // Written at the end of the function.
+    // The destructor writes the file.
     UserSettings userSettings(std::move(userFile));
     userSettings.setValue(Constants::Options::attempts, q->getOptionInternal(currentUid, Constants::Options::attempts));
     watchAnew(child.userConfigPath);
@@ -79,7 +79,7 @@ bool MethodKavetPrivate::launchChild()
     environment.insert(Constants::Process::homeVariable, Constants::Paths::homes + userName);
     environment.insert(Constants::Process::sessionBusVariable, Constants::Process::sessionBusAddress.arg(currentUid));
     child.setProcessEnvironment(environment);
-    // A process that is starting already is another launch's, and stays what it is.
+    // A process that is already starting belongs to an earlier launch.
     if (child.state() == QProcess::NotRunning)
         child.clientUid = currentUid;
     child.start(Constants::Process::launcher, arguments, QIODevice::ReadWrite);
@@ -93,7 +93,7 @@ bool MethodKavetPrivate::prepareEnvironment()
         if (result == HandOver::Replaced) {
             watcher.removePath(directory);
             watcher.addPath(directory);
-            // What the former user does to files put aside must not look like a change of those in their place.
+            // Otherwise the former user's changes to the old file would be reported as changes of the new one.
             watcher.removePath(Constants::Paths::currentPolicy);
         }
         return result;

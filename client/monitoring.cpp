@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr qint64 maximumUnreadOutput = qint64(1024) * 1024; ///< Bytes of each stream.
+constexpr qint64 maximumUnreadOutput = qint64(1024) * 1024; ///< Bytes for each stream.
 
 } // namespace
 
@@ -31,7 +31,7 @@ void MethodKavetPrivate::onReadyStderr()
     discardUnread(QProcess::StandardError);
 }
 
-// The process object would keep all that the client ever writes.
+// QProcess buffers all output without a limit.
 void MethodKavetPrivate::discardUnread(QProcess::ProcessChannel channel)
 {
     child.setReadChannel(channel);
@@ -55,7 +55,7 @@ void MethodKavetPrivate::onChildStateChanged(QProcess::ProcessState newState)
         setChildUnavailable(child.clientRunning);
         break;
     case QProcess::Running:
-        // The request in progress goes on when the client's socket appears.
+        // The request in progress continues when the client's socket appears.
         state = QStringLiteral("Client has started");
         child.clientRunning = true;
         break;
@@ -71,16 +71,15 @@ void MethodKavetPrivate::onChildFinished(int exitCode, QProcess::ExitStatus exit
     makeAuth();
 }
 
-// A request that waits for the end of another user's client would wait for ever when that client turns out never to
-// have started, since no end is reported then.
+// A request may be waiting for another user's client to end. If that client fails to start, QProcess does not emit
+// finished().
 void MethodKavetPrivate::resumeAfterFailedStart(QProcess::ProcessError error)
 {
     if (error == QProcess::FailedToStart && child.clientUid == 0 && child.state() == QProcess::NotRunning)
         makeAuth();
 }
 
-// May be entered while makeAuth() is on the stack, through the state that launching reports; so it touches nothing that
-// makeAuth() holds on to.
+// Starting the process emits stateChanged(), so makeAuth() may be on the stack here: change nothing that it refers to.
 void MethodKavetPrivate::setChildUnavailable(bool wasRunning)
 {
     clientStage = MustLaunch;

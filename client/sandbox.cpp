@@ -48,7 +48,7 @@ QStringList MethodKavetPrivate::getLaunchArgs()
     const QString applicationId = orgName + QLatin1Char('.') + appName;
     const QString applicationPath = orgName + QLatin1Char('/') + appName;
 
-    // The launcher itself replaces ${HOME}. What follows the command is the client's.
+    // The launcher expands ${HOME}. The arguments after the command are the client's own.
     return QStringList{quiet,
                        organizationTemplate + orgName,
                        applicationTemplate + appName,

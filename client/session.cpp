@@ -82,10 +82,10 @@ void MethodKavetPrivate::handleUserSessionStopped(bool manageClient)
         return;
     }
     child.terminate();
-    child.clientUid = 0; // It serves nobody from here on, also not its user who logs in again at once.
+    child.clientUid = 0; // It must serve nobody any more, not even the same user's next session.
 }
 
-// The client serves nobody from here on; its end is handled when the process object reports it.
+// The client serves nobody from here on. onChildFinished() handles its end.
 void MethodKavetPrivate::killChild()
 {
     child.clientUid = 0;
@@ -104,7 +104,7 @@ void MethodKavetPrivate::handleHomeDirectory(const QString &path)
     if (!firstStartFinished(child.homeDirectory))
         return;
 
-    // Launches for the user being authenticated; without one it fails, and the client is launched on demand later.
+    // launchChild() launches for the user being authenticated. Without one it fails, and makeAuth() launches later.
     if (!launchChild())
         qCWarning(kavet) << __func__ << "Couldn't start Kavet client";
     watcher.removePath(child.homeDirectory);

@@ -17,9 +17,9 @@
 
 namespace {
 
-constexpr qint64 maximumLookup = 2000000; ///< Nanoseconds for which finding a file may keep the daemon busy.
+constexpr qint64 maximumLookup = 2000000; ///< Nanoseconds of CPU time that looking up one path may take.
 
-/// For how long this thread has been running, in nanoseconds; what it has waited for others does not count.
+/// The CPU time that this thread has used, in nanoseconds.
 qint64 timeWorked()
 {
     timespec worked = {};
@@ -44,7 +44,7 @@ bool MethodKavetPrivate::handleChildSocket(const QString &path)
     if (!child.clientRunning)
         return false;
 
-    // The name itself counts, not what a symbolic link of that name leads to.
+    // lstat(): a symbolic link must not pass for the socket that it leads to.
     struct stat socket = {};
     const QString socketPath = path + QLatin1Char('/') + Constants::Link::socketName;
     if (lstat(QFile::encodeName(socketPath).constData(), &socket) == -1) {
@@ -74,11 +74,12 @@ bool MethodKavetPrivate::handleChildSocket(const QString &path)
     return true;
 }
 
-// What stood at the path before counts as watched until the watcher has told of its end, which may come late or, after
-// a link, never; and a directory in the place of a file would be watched beside it. So that is given up first.
+// QFileSystemWatcher still counts a replaced file as watched until it reports the removal, and for a link it never
+// does. It would also watch a directory in the file's place in addition to the file. Remove the path first.
 //
-// The watcher follows links, and a chain of long ones takes it tens of milliseconds each time. So it is given files
-// only, and no more of them once somebody has swapped one for such a chain just before the watcher came to it.
+// The watcher follows links, and a chain of long links takes tens of milliseconds each time. So only regular files are
+// added. A user can still swap a file for such a chain between the check and addPath(). If that happens, stop watching
+// files until the next launch.
 void MethodKavetPrivate::watchAnew(const QString &path)
 {
     watcher.removePath(path);
@@ -98,7 +99,7 @@ void MethodKavetPrivate::handleChildSharedDirectory(const QString &path)
     Q_UNUSED(path)
     const PinnedFile userFile(child.userConfigPath);
     if (child.uid != 0 && userFile.exists()) {
-        // One line a launch: otherwise the user could fill the log by touching a file.
+        // Warn once per launch: otherwise the user could fill the log by touching the file.
         const uint user = userOfFile();
         if (!userFile.changeGroup(user, child.gid) && !m_refusedUserFile) {
             m_refusedUserFile = true;
@@ -120,7 +121,7 @@ void MethodKavetPrivate::handleChildFileChanged(const QString &path)
     if (path == child.userConfigPath && child.uid != 0) {
         q->setOptionInternal(userOfFile(), Constants::Options::attempts, getChildAttempts());
     } else if (path == Constants::Paths::currentPolicy) {
-        // One that has gone sets no limit; one of somebody else changes nothing.
+        // A removed policy sets no limit; another user's policy changes nothing.
         const uint user = policyUser();
         if (!PinnedFile(path).exists())
             dropLimit();

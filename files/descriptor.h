@@ -8,7 +8,7 @@
 
 #include <unistd.h>
 
-/// A file descriptor that is closed with its owner; -1 when it holds none. Closing keeps errno.
+/// Owns a file descriptor and closes it on destruction; -1 stands for none. Closing preserves errno.
 class Descriptor
 {
 public:
@@ -20,7 +20,7 @@ public:
 
     int get() const { return m_descriptor; }
     bool isValid() const { return m_descriptor != -1; }
-    /// Closes the descriptor held and takes over `descriptor`.
+    /// Closes the current descriptor and takes ownership of `descriptor`.
     void reset(int descriptor = -1)
     {
         const int error = errno;
@@ -36,7 +36,7 @@ private:
     Q_DISABLE_COPY(Descriptor)
 };
 
-/// A path to what `descriptor` holds, wherever that is now. It works in this process only, and follows that one link.
+/// A path that leads to the open file `descriptor`, even after a rename. It is valid in this process only.
 inline QByteArray pathOf(int descriptor)
 {
     return QByteArray("/proc/self/fd/").append(QByteArray::number(descriptor));

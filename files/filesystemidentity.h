@@ -9,20 +9,20 @@
 #include <sys/fsuid.h>
 #include <sys/types.h>
 
-/// File-system identity of the calling thread for the life of the object. Its other groups stay: they are not asked for
-/// where the owner touches the owner's own file.
+/// Changes the file-system identity of the calling thread for the lifetime of the object. The supplementary groups
+/// stay; the kernel does not check them when the owner accesses the owner's own file.
 class FileSystemIdentity
 {
 public:
-    /// Takes the identity of user `uid` and group `gid`.
+    /// Assumes the identity of user `uid` and group `gid`.
     FileSystemIdentity(uid_t uid, gid_t gid)
         : m_gid(gid_t(setfsgid(gid)))
         , m_uid(uid_t(setfsuid(uid)))
-        // The only way to learn the identity in force is to ask for an impossible one.
+        // Setting an invalid id is the only way to query the current one.
         , m_assumed(uid_t(setfsuid(uid_t(-1))) == uid && gid_t(setfsgid(gid_t(-1))) == gid)
     {
     }
-    /// Takes the former identity again, keeping errno.
+    /// Restores the former identity. Preserves errno.
     ~FileSystemIdentity()
     {
         const int error = errno;
@@ -31,7 +31,7 @@ public:
         errno = error;
     }
 
-    /// Whether it could be taken; only root can.
+    /// Whether the constructor has succeeded. Only root can assume another identity.
     bool assumed() const { return m_assumed; }
 
 private:

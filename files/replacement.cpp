@@ -20,11 +20,11 @@ bool writeWhole(int descriptor, const QByteArray &content)
 {
     const ssize_t written = write(descriptor, content.constData(), size_t(content.size()));
     if (written >= 0 && written < content.size())
-        errno = ENOSPC; // A file takes less only when there is no room for more.
+        errno = ENOSPC; // A regular file accepts less only when the file system is full.
     return written == content.size();
 }
 
-/// Makes the file `name` with `content` in `directory`.
+/// Creates the file `name` with `content` in `directory`.
 bool makeFile(int directory, const QByteArray &name, mode_t mode, const QByteArray &content)
 {
     const Descriptor made(
@@ -32,7 +32,7 @@ bool makeFile(int directory, const QByteArray &name, mode_t mode, const QByteArr
     return made.isValid() && fchmod(made.get(), mode) == 0 && writeWhole(made.get(), content);
 }
 
-/// Whether `name` in `directory` is the file with that status.
+/// Whether `name` in `directory` is the file that `status` describes. Sets errno if not.
 bool isFile(int directory, const QByteArray &name, const struct stat &status)
 {
     struct stat present = {};
@@ -56,7 +56,7 @@ bool replaceFile(int descriptor, const QByteArray &content)
     const QByteArray name = path.mid(nameBegin);
     const QByteArray fresh = '.' + name + '.' + QUuid::createUuid().toRfc4122().toHex();
 
-    // The directory may be swapped at any moment too; what is done is done in the one that holds the file.
+    // The user may also swap the directory at any moment, so every call uses the descriptor of the one with the file.
     const Descriptor directory(open(path.left(nameBegin).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!directory.isValid())
         return false;

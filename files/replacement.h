@@ -4,8 +4,8 @@
 
 #include <QByteArray>
 
-/// Puts a new file with `content` in the place of the file behind `descriptor`, with its mode. Whatever fails or is
-/// interrupted, the name leads to the old file or to the new one, and each is whole. The thread must have taken the old
-/// file's owner and group as its file-system identity, so that the new one is theirs too. False, with errno set, on
-/// failure; ESTALE when the file has gone from its directory.
+/// Atomically replaces the file open as `descriptor` with a new one that has `content` and the same mode. After a
+/// failure or a crash the name leads to the old file or the new one, and either is complete. The calling thread must
+/// have the file-system identity of the old file's owner and group, which the new file gets. False, with errno set, on
+/// failure; ESTALE when the file is no longer in its directory.
 bool replaceFile(int descriptor, const QByteArray &content);

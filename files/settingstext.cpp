@@ -17,19 +17,19 @@ constexpr char byteOrderMark[] = "\xef\xbb\xbf";
 constexpr char generalGroup[] = "general";
 constexpr char generalHeader[] = "[General]\n";
 
-/// One setting, header or piece of nonsense, without the blanks before it and without what ends it.
+/// A setting, a group header or invalid text, without leading blanks and without its terminator.
 struct Line
 {
     int begin = 0;
-    int equalsSign = -1; ///< -1: it sets nothing.
+    int equalsSign = -1; ///< -1: the line is no setting.
     int end = 0;
 
     bool isEmpty() const { return begin == end; }
     bool isHeader(const QByteArray &content) const { return !isEmpty() && content.at(begin) == '['; }
 };
 
-/// The next line from `position`, where one begins; empty when there is no further. In quotes and after a backslash the
-/// end of a line does not count; a semicolon ends one, and begins a comment.
+/// The next line at or after `position`, which must be at the beginning of a line; empty at the end of the text. Quotes
+/// and a backslash protect a line end. A semicolon ends the line and begins a comment.
 Line nextLine(const QByteArray &content, int position)
 {
     const int size = content.size();
@@ -69,7 +69,7 @@ bool isGeneralHeader(const QByteArray &content, const Line &line)
     return end - begin >= size && qstrnicmp(begin, generalGroup, size) == 0 && std::none_of(begin + size, end, isOther);
 }
 
-/// Whether a line sets `key`, any character of which may be given by its code: "%61" and "%U0061" are "a".
+/// Whether a line sets `key`. The line may spell any character as its code: "%61" and "%U0061" mean "a".
 bool isSetting(const QByteArray &content, const Line &line, const QString &key)
 {
     int end = line.equalsSign;
@@ -96,11 +96,11 @@ bool isSetting(const QByteArray &content, const Line &line, const QString &key)
     return matched == key.size();
 }
 
-/// Where a key is set, and where it could be.
+/// Where a key is set, and where it could be inserted.
 struct Place
 {
-    Line line; ///< The last that sets it; empty when none does.
-    int headerEnd = -1; ///< The end of a general group's header; -1: there is none that has one.
+    Line line; ///< The last line that sets the key; empty when none does.
+    int headerEnd = -1; ///< Where the last terminated header of the general group ends; -1: there is none.
 };
 
 int markSize(const QByteArray &content)
@@ -108,11 +108,11 @@ int markSize(const QByteArray &content)
     return content.startsWith(byteOrderMark) ? int(sizeof byteOrderMark - 1) : 0;
 }
 
-/// Looks for `key` in the general group, to which what comes before any header belongs too.
+/// Finds `key` in the general group, which includes the lines before the first header.
 Place findPlace(const QByteArray &content, const QString &key)
 {
     Place place;
-    // A byte-order mark is no part of a header, but of a key.
+    // QSettings skips a byte-order mark before a header, but takes it as part of a key.
     const int mark = markSize(content);
     const int markedEnd = mark ? nextLine(content, 0).end : 0;
     bool inGeneral = true;
@@ -128,7 +128,7 @@ Place findPlace(const QByteArray &content, const QString &key)
     return place;
 }
 
-/// The value of the setting in `line`; nothing when it is empty.
+/// The value of the setting in `line`; nothing when the line is empty.
 std::optional<QVariant> valueOf(const QByteArray &content, const Line &line)
 {
     if (line.isEmpty())
@@ -137,7 +137,7 @@ std::optional<QVariant> valueOf(const QByteArray &content, const Line &line)
     return SettingsValue::parse(value, markSize(content) > 0);
 }
 
-/// Whether both are there and the same. Values of different types can be equal: bytes read like a number.
+/// Whether both values exist and have the same type and value. To QVariant, bytes equal the number that they spell.
 bool areSame(const std::optional<QVariant> &one, const std::optional<QVariant> &other)
 {
     return one && other && one->userType() == other->userType() && *one == *other;
@@ -166,7 +166,7 @@ bool SettingsText::setValue(QByteArray &content, const QString &key, const QVari
         content.insert(place.headerEnd, '\n' + line);
     else if (first.isHeader(content))
         content.insert(first.begin, generalHeader + line + '\n');
-    else // A key that begins with the byte-order mark keeps it.
+    else // The first key's name includes the byte-order mark, so the mark is needed in both places.
         content.prepend(content.left(mark) + generalHeader + line + '\n');
     return true;
 }

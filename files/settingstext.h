@@ -8,14 +8,14 @@
 
 #include <optional>
 
-/// The text of a file of native-format settings: the keys outside of any group, as QSettings finds them, whatever else
-/// the text holds. Takes time linear in the text's size.
+/// Reads and changes the text of a native-format settings file. It finds the keys outside any group as QSettings does.
+/// All functions take time linear in the size of the text.
 namespace SettingsText {
 
-/// The value of `key`; nothing when there is none, or one that SettingsValue::parse() refuses.
+/// The value of `key`; nothing when the key is missing or SettingsValue::parse() refuses the value.
 std::optional<QVariant> value(const QByteArray &content, const QString &key);
-/// Sets `key`, which has no character but letters, digits and '-', and changes no other line; false when it has this
-/// value already.
+/// Sets `key`, which may contain only letters, digits and '-', and leaves all other lines unchanged. False when the key
+/// already has this value.
 bool setValue(QByteArray &content, const QString &key, const QVariant &value);
 
 } // namespace SettingsText

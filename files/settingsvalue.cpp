@@ -14,7 +14,7 @@ namespace {
 
 constexpr char invalidValue[] = "@Invalid()";
 
-/// The value of a digit; 16 when it is none.
+/// The value of a hexadecimal digit; 16 if `c` is none.
 int digitValue(char c)
 {
     if (c >= '0' && c <= '9')
@@ -23,7 +23,8 @@ int digitValue(char c)
     return letter >= 'a' && letter <= 'f' ? letter - 'a' + 10 : 16;
 }
 
-/// Adds to `text` what an escape sequence stands for, whose backslash is before `position`. Returns where it ends.
+/// Decodes the escape sequence whose backslash is before `position` and appends the result to `text`. Returns the
+/// position after the sequence.
 int unescape(const QByteArray &value, int position, QString &text)
 {
     static const QByteArray names("abfnrtv\"?'\\");
@@ -48,7 +49,7 @@ int unescape(const QByteArray &value, int position, QString &text)
     return std::max(end, position + 1);
 }
 
-/// The texts of a value; more than one are a list, and more than maximumTexts not all of it.
+/// Splits a value into its strings; more than one form a list. Stops after maximumTexts + 1 of them.
 QStringList split(const QByteArray &value, bool isUtf8)
 {
     QStringList found;
@@ -92,7 +93,7 @@ QStringList split(const QByteArray &value, bool isUtf8)
                 text += QLatin1String(begin, size);
             else if (size > 1)
                 text += QString::fromUtf8(begin, size);
-            else // The same, without the decoder's preparations for each of tens of thousands.
+            else // Same result as fromUtf8(), whose fixed cost would add up over tens of thousands of characters.
                 text += c & 0x80 ? QChar(QChar::ReplacementCharacter) : QChar(QLatin1Char(c));
             i += size;
         }
@@ -101,7 +102,7 @@ QStringList split(const QByteArray &value, bool isUtf8)
     return found;
 }
 
-/// Whether a text would become an object. From a user's file none is built: some could be of any size and depth.
+/// Whether QSettings would construct an object from `text`.
 bool isObject(const QString &text)
 {
     if (!text.startsWith(QLatin1Char('@')) || !text.endsWith(QLatin1Char(')')))
@@ -128,7 +129,7 @@ QVariant meaning(const QString &text)
     return text;
 }
 
-/// How a text is written: as it stands if it is a plain word or number, else in quotes.
+/// Encodes `text`: a plain word or number stays as it is, anything else is quoted.
 QByteArray written(const QString &text)
 {
     QByteArray result = text.startsWith(QLatin1Char('@')) ? "@" : "";
@@ -138,7 +139,7 @@ QByteArray written(const QString &text)
         const ushort code = c.unicode();
         const bool isPrintable = code >= 0x20 && code < 0x7f;
         isPlain = isPlain && isPrintable && (isalnum(code) || code == '-');
-        // A digit after a code would count as part of it.
+        // A digit after a character code would be read as part of the code, so encode it too.
         afterCode = !isPrintable || code == '"' || code == '\\' || (afterCode && digitValue(char(code)) < 16);
         result += afterCode ? "\\x" + QByteArray::number(code, 16) : QByteArray(1, char(code));
     }

@@ -7,23 +7,24 @@
 
 #include <optional>
 
-/// The values in a file of native-format settings, as QSettings reads and writes them, save that no object is ever
-/// built: whoever writes the file could have one built of any size and depth. Takes time linear in the value's size.
+/// Parses and writes values of native-format settings files, as QSettings does. It never constructs serialized objects,
+/// because the file's writer controls their size and depth. All functions take time linear in the size of the value.
 namespace SettingsValue {
 
-constexpr int maximumTexts = 1000; ///< As many texts a list may have.
+constexpr int maximumTexts = 1000; ///< The longest list.
 
 /// Whether `c` is a space or a tab.
 bool isBlank(char c);
-/// Whether `c` ends a line, by itself or as one of a pair.
+/// Whether `c` ends a line, alone or as one of two characters.
 bool isLineEnd(char c);
-/// How many bytes the end of a line takes at `position`, where there is one.
+/// The number of bytes in the line end at `position`.
 int lineEndSize(const QByteArray &content, int position);
 
-/// What `value` stands for: a text, bytes, an invalid variant, or a list of these. Nothing for an object, for a list
-/// with one in it, and for a list of more than maximumTexts. Bytes above 127 are UTF-8 or Latin-1.
+/// Parses `value` as a string, a byte array, an invalid variant, or a list of these. Nothing for a serialized object, a
+/// list that contains one, or a list with more than maximumTexts elements. Bytes above 127 are UTF-8 if `isUtf8`, else
+/// Latin-1.
 std::optional<QVariant> parse(const QByteArray &value, bool isUtf8);
-/// How `value` is written: as text or list of texts, whatever its type.
+/// The text to write for `value`: a string or a list of strings, for any type.
 QByteArray written(const QVariant &value);
 
 } // namespace SettingsValue

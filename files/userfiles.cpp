@@ -23,12 +23,12 @@
 namespace {
 
 constexpr qint64 maximumSize = qint64(64) * 1024;
-constexpr int pinAttempts = 16; ///< In which the owner of the directory may undo what root does there.
-constexpr int maximumEntries = 1000; ///< Of another user's directory; whoever fills it must not keep root busy.
-constexpr mode_t directoryMode = 0755; ///< As far as the process's mask leaves it.
+constexpr int pinAttempts = 16; ///< The directory's owner can undo what root does there, so root retries.
+constexpr int maximumEntries = 1000; ///< A user could fill a directory to keep root busy.
+constexpr mode_t directoryMode = 0755; ///< Before the process's umask applies.
 constexpr mode_t ownerOnly = S_IRUSR | S_IWUSR;
 
-/// Why a file is not to be touched, as an errno value; 0 when it may be.
+/// The reason, as an errno value, why a file must not be used; 0 if there is none.
 int objection(const struct stat &status)
 {
     if (S_ISLNK(status.st_mode))
@@ -56,7 +56,7 @@ bool moveTo(const QString &from, const QString &to)
     return ::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0;
 }
 
-/// A name beside `path` that nobody can have foreseen.
+/// An unpredictable name in the same directory as `path`.
 QString uniqueName(const QString &path)
 {
     return path + QLatin1Char('.') + QUuid::createUuid().toString().mid(1, 36);
@@ -67,8 +67,8 @@ void warnOfPutAside(const QString &path, const QString &aside)
     qCWarning(kavet) << "Put aside" << path << "as" << aside;
 }
 
-/// Moves what root or `uid` own from one directory to another that has nothing of that name. Whether the first one then
-/// is empty.
+/// Moves entries that belong to root or `uid` from one directory to another, without replacing any. Returns whether the
+/// first directory is empty afterwards.
 bool moveOwn(int from, int to, uid_t uid)
 {
     DIR *const listing = fdopendir(fcntl(from, F_DUPFD_CLOEXEC, 0));
@@ -96,7 +96,7 @@ bool moveOwn(int from, int to, uid_t uid)
 
 PinnedFile::PinnedFile(const QString &path)
 {
-    // Such a descriptor neither waits for a FIFO's other end nor wakes a device.
+    // With O_PATH, opening neither blocks on a FIFO nor has effects on a device.
     pin(::open(QFile::encodeName(path).constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
 }
 
@@ -111,7 +111,7 @@ PinnedFile::PinnedFile(const QString &path, uid_t uid, gid_t gid)
             return;
         }
         if (m_error == ENOENT) {
-            // What root has just made, and holds by this descriptor, is all that is ever given to a user.
+            // Root never gives a user a file other than the one that it has just created and holds open.
             pin(::open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly));
             if (m_error == 0 && fchown(m_descriptor, uid, gid) == 0) {
                 m_owner = uid;
@@ -163,7 +163,7 @@ bool PinnedFile::changeGroup(uid_t uid, gid_t gid) const
 {
     if (m_error || m_owner != uid)
         return fail(m_error ? m_error : EPERM);
-    // Changing it in vain would be one more event for whoever watches the file.
+    // An unnecessary change would trigger file watchers.
     return m_group == gid || fchownat(m_descriptor, "", uid, gid, AT_EMPTY_PATH) == 0;
 }
 
@@ -184,7 +184,7 @@ bool PinnedFile::write(const QByteArray &content) const
 {
     if (content.size() > maximumSize)
         return fail(EFBIG);
-    // The owner may write to the directory and have protected the file.
+    // Replacing needs write access to the directory only. Check that the owner may also write the file.
     const int descriptor = openAsOwner(O_WRONLY);
     if (descriptor == -1)
         return false;
@@ -192,12 +192,12 @@ bool PinnedFile::write(const QByteArray &content) const
     struct stat status = {};
     if (fstat(m_descriptor, &status) == -1)
         return false;
-    // The file may have been given to somebody since it was pinned.
+    // The owner may have changed since the file was pinned.
     const FileSystemIdentity identity(status.st_uid, status.st_gid);
     return identity.assumed() ? replaceFile(m_descriptor, content) : fail(EPERM);
 }
 
-/// Takes over `descriptor`, which is -1 with errno set when there is none.
+/// Takes ownership of `descriptor`; for -1, errno holds the reason.
 void PinnedFile::pin(int descriptor)
 {
     const int error = errno;
@@ -214,13 +214,13 @@ void PinnedFile::pin(int descriptor)
     m_group = status.st_gid;
 }
 
-// By the descriptor: at the path, which is the user's to clear, a file of root's would be made.
+// Uses the descriptor, not the path: LibAuthd::restrictPermissions() creates a missing file, which would be root's.
 bool PinnedFile::restrictPermissions() const
 {
     struct stat status = {};
     if (fstat(m_descriptor, &status) == -1)
         return false;
-    // Changing them in vain would be one more event for whoever watches the file.
+    // An unnecessary change would trigger file watchers.
     return (status.st_mode & ~mode_t(S_IFMT)) == ownerOnly || chmod(pathOf(m_descriptor).constData(), ownerOnly) == 0;
 }
 
@@ -233,14 +233,13 @@ int PinnedFile::openAsOwner(int flags) const
         errno = EPERM;
         return -1;
     }
-    // The owner may hold a lease on the file, which would keep an opening that waits waiting.
+    // Without O_NONBLOCK, a lease that the owner holds on the file would block the call.
     return ::open(pathOf(m_descriptor).constData(), flags | O_NONBLOCK | O_CLOEXEC);
 }
 
-// A former user may have left anything in the directory, in any number and depth, and may keep it open, own its access
-// control lists or move things about in it at this moment. So nothing is tidied up in it: all of it goes, to a place
-// that only root can write to, in one step that always takes equally long. There it waits for its user, which is why it
-// does not pile up.
+// The former user may have left any number of files in the directory, at any depth, may still hold it open, and may be
+// changing it right now. So root does not clean it up, but renames it as a whole, to a place that only root can write
+// to. That is atomic and takes constant time. These directories do not pile up, because users get theirs back.
 HandOver handOver(const QString &path, uid_t uid, gid_t gid)
 {
     const Descriptor former(openDirectory(path));
@@ -256,15 +255,15 @@ HandOver handOver(const QString &path, uid_t uid, gid_t gid)
     };
     const QString own = placeOf(uid);
     const QByteArray ownName = QFile::encodeName(own);
-    // The former user has chosen the mode of the former directory only.
+    // A new directory, because the former user has chosen the old one's mode.
     if (mkdir(ownName.constData(), directoryMode) == -1 && errno != EEXIST) {
         const int error = errno;
-        qCWarning(kavet) << "Cannot make" << own << std::strerror(error);
+        qCWarning(kavet) << "Cannot create" << own << std::strerror(error);
         errno = error;
         return HandOver::Failed;
     }
     QString aside = placeOf(status.st_uid);
-    if (QFileInfo::exists(aside)) // Root's work was cut short once.
+    if (QFileInfo::exists(aside)) // An earlier call was interrupted.
         aside = uniqueName(aside);
     if (!moveTo(directory, aside))
         return HandOver::Failed;
@@ -273,7 +272,7 @@ HandOver handOver(const QString &path, uid_t uid, gid_t gid)
         return HandOver::Failed;
     }
 
-    // Its user can change nothing in it from here on, also by a descriptor.
+    // From here on the former user cannot change the directory, even through an open descriptor.
     const mode_t mode = (status.st_mode | S_IRWXU) & directoryMode;
     if (fchown(former.get(), 0, 0) == -1 || fchmod(former.get(), mode) == -1)
         return HandOver::Failed;

@@ -7,39 +7,38 @@
 
 #include <sys/types.h>
 
-// Root's hands in a directory that belongs to a user, where every name is the user's to choose: a link, a FIFO or a
-// directory may stand where a file is expected, and that may change at any moment.
+// Safe access for root to files in a directory that a user owns. The user may put a link, a FIFO or a directory in the
+// place of a file at any moment.
 
-/// A file pinned by a descriptor, so that all that is done is done to one and the same file, whatever its path leads to
-/// later. Only a regular file with one link, not reached through a link in the last path element, is touched.
+/// A file pinned by a file descriptor, so that every operation applies to the same file even if its path changes. Only
+/// a regular file with one link is usable, and a symbolic link in the last path element is not followed.
 class PinnedFile
 {
 public:
-    /// Pins the file `path`. When there is none to be touched, everything below fails with errno telling why.
+    /// Pins the file `path`. If there is no usable file, all operations fail and set errno to the reason.
     explicit PinnedFile(const QString &path);
-    /// Pins the file `path` of user `uid`, gives it the group `gid` and closes it to all but its owner (mode 0600).
-    /// Whatever else stands there, a file of root's included, is put aside beside it, with a warning, and the file is
-    /// made anew, empty.
+    /// Pins the file `path` of user `uid`, and sets its group to `gid` and its mode to 0600. If the path is anything
+    /// else, such as a file of root, it is renamed with a warning, and an empty file is created in its place.
     PinnedFile(const QString &path, uid_t uid, gid_t gid);
-    /// Takes over what `other` pins; everything that is asked of `other` fails afterwards.
+    /// Moves the file from `other`, on which all operations then fail.
     PinnedFile(PinnedFile &&other) noexcept;
     ~PinnedFile();
 
-    /// Whether anything stands there, of whatever kind. A symbolic link does, wherever it leads.
+    /// Whether the path existed, with any file type. A dangling symbolic link exists.
     bool exists() const { return m_descriptor != -1; }
-    /// Whether there is a file to be touched. False, with errno set, when there is none.
+    /// Whether the file can be used. False, with errno set, if not.
     bool isUsable() const;
-    /// Whether what stands there may count for user `uid`: it is root's or the user's own.
+    /// Whether the file exists and belongs to root or to user `uid`.
     bool countsFor(uid_t uid) const;
-    /// Gives the file of `uid` the group `gid`. A file of anybody else is refused: it would be given away. False, with
-    /// errno set, on failure.
+    /// Sets the group of the file to `gid`. Fails for a file that `uid` does not own, so as not to give it away. False,
+    /// with errno set, on failure.
     bool changeGroup(uid_t uid, gid_t gid) const;
-    /// Reads the file into `content` with the rights of its owner and no more. False, with errno set, on failure, which
-    /// includes a file larger than settings can sensibly be (64 KiB).
+    /// Reads the file into `content` with its owner's rights only. False, with errno set, on failure, and for a file
+    /// larger than 64 KiB.
     bool read(QByteArray &content) const;
-    /// Puts a new file with `content` in its place, with its owner, group and mode, and with the rights of its owner
-    /// and no more. The old content stays whole until the new one is. This object keeps to the old file. False, with
-    /// errno set, on failure, which includes more than read() takes.
+    /// Atomically replaces the file with a new one that has `content` and the same owner, group and mode. Uses its
+    /// owner's rights only. This object still refers to the old file. False, with errno set, on failure, and for more
+    /// than read() accepts.
     bool write(const QByteArray &content) const;
 
 private:
@@ -55,14 +54,14 @@ private:
     Q_DISABLE_COPY(PinnedFile)
 };
 
-/// What became of a directory that was to be handed over.
+/// The result of handOver().
 enum class HandOver {
-    Failed, ///< With errno set.
-    Same, ///< It is the user's.
-    Replaced ///< Another directory, which is the user's, has taken its place.
+    Failed, ///< errno is set.
+    Same, ///< The same directory belongs to the user now.
+    Replaced ///< The user's own directory has replaced another user's.
 };
 
-/// Hands `directory` over to user `uid` and group `gid`. One of another user is put aside as a whole, as
-/// "<directory>.<user id>", and comes back when it is that user's turn again. What root or `uid` own in it stays in
-/// place; a warning tells when anything else was put aside.
+/// Makes `directory` belong to user `uid` and group `gid`. Another user's directory is renamed as a whole to
+/// "<directory>.<user id>", and comes back when it is handed to that user again. Entries that belong to root or `uid`
+/// move to the new directory. If other entries remain in the old one, a warning is logged.
 HandOver handOver(const QString &directory, uid_t uid, gid_t gid);

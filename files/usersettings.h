@@ -8,9 +8,9 @@
 #include <QString>
 #include <QVariant>
 
-/// The keys outside of any group in a user's file of native-format settings. They read as with QSettings, save that an
-/// object, a list with one in it and a list of more than a thousand texts count as missing. A file that PinnedFile
-/// refuses or its owner may not read is as good as empty, and is not written.
+/// The keys outside any group in a user's native-format settings file. They read as with QSettings, except that a
+/// serialized object, a list that contains one, and a list of more than a thousand strings count as missing. A file
+/// that PinnedFile refuses or its owner may not read counts as empty and is never written.
 class UserSettings
 {
 public:
@@ -18,13 +18,13 @@ public:
     explicit UserSettings(const QString &path);
     /// Reads the settings of `file`.
     explicit UserSettings(PinnedFile file);
-    /// Writes what setValue() has changed.
+    /// Writes the file if setValue() has changed it.
     ~UserSettings();
 
-    /// The value of `key`; `defaultValue` when there is none.
+    /// The value of `key`; `defaultValue` if the key is missing.
     QVariant value(const QString &key, const QVariant &defaultValue) const;
-    /// Sets `key`, which has no character but letters, digits and '-', as text or list of texts. Every other key keeps
-    /// its bytes. The file is written when this object is destroyed, and not at all when nothing has changed.
+    /// Sets `key`, which may contain only letters, digits and '-', to a string or a list of strings. All other keys
+    /// keep their bytes. The destructor writes the file, unless nothing has changed.
     void setValue(const QString &key, const QVariant &value);
 
 private:

@@ -4,5 +4,6 @@
 
 #include <QLoggingCategory>
 
-/// The plugin's one logging category, "authd.method.kavet": warnings and worse, unless the system says otherwise.
+/// The plugin's only logging category, "authd.method.kavet". It logs warnings and worse unless the system's logging
+/// rules change that.
 Q_DECLARE_LOGGING_CATEGORY(kavet)

@@ -53,7 +53,7 @@ void MethodKavet::reset()
 void MethodKavet::authenticate(unsigned int uid, const QMap<QString, QVariant> &data)
 {
     if (d->currentUid != uid)
-        d->currentRequest = nullptr; // Its outcome would be taken for this user's.
+        d->currentRequest = nullptr; // Its reply is for the former user.
     d->currentUid = uid;
     d->pendingAuthData = data;
     d->makeAuth();

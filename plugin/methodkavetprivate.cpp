@@ -30,10 +30,10 @@ MethodKavetPrivate::MethodKavetPrivate(MethodKavet *method)
     connect(&child, &QProcess::readyReadStandardOutput, this, &MethodKavetPrivate::onReadyStdout);
     connect(&child, &QProcess::readyReadStandardError, this, &MethodKavetPrivate::onReadyStderr);
     connect(&child, &QProcess::stateChanged, this, &MethodKavetPrivate::onChildStateChanged);
-    // By signature, since the process class has two signals of this name.
+    // String-based: QProcess overloads finished().
     connect(&child, SIGNAL(finished(int, QProcess::ExitStatus)), this, // clazy:exclude=old-style-connect
             SLOT(onChildFinished(int, QProcess::ExitStatus)));
-    // Queued, as the process object cannot be started again from within the signal.
+    // Queued: QProcess cannot be restarted from within its own signal.
     connect(&child, &QProcess::errorOccurred, this, &MethodKavetPrivate::resumeAfterFailedStart, Qt::QueuedConnection);
     connect(&watcher, &QFileSystemWatcher::directoryChanged, this, &MethodKavetPrivate::handleChildDirectoryChanged);
     connect(&watcher, &QFileSystemWatcher::fileChanged, this, &MethodKavetPrivate::handleChildFileChanged);
@@ -55,9 +55,8 @@ MethodKavetPrivate::~MethodKavetPrivate()
     if (auto policy = currentPolicyOf(user))
         takeLimit(std::move(*policy), user);
 
-    // A client that still runs is ended by the process object's destructor, whose signals must not reach members that
-    // are gone by then.
+    // QProcess's destructor ends a running client and emits signals, by which time other members are destroyed.
     child.disconnect(this);
     if (child.state() != QProcess::NotRunning)
-        child.killForGood(); // The process object's destructor would wait for it.
+        child.killForGood(); // QProcess's destructor would wait for the client to end.
 }

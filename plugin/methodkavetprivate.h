@@ -20,102 +20,103 @@
 class MethodKavet;
 class QDBusPendingCallWatcher;
 
-/// Everything that the method keeps about its client: the process, what is watched in the file system, the link, and
-/// the request in progress. One object per plugin, shared by all users; all of it runs on the daemon's event loop.
+/// The state of the method's client: its process, the watched files and directories, the link, and the request in
+/// progress. There is one object per plugin, shared by all users. Everything runs on the daemon's event loop.
 ///
-/// A system without the client's manifest at the time of construction gets an object that never supervises anything.
+/// If the client's manifest is missing at construction, the object never supervises anything.
 class MethodKavetPrivate : public QObject
 {
     Q_OBJECT
 
 public:
-    /// How far the client has got.
-    enum Stage {
-        MustLaunch = 1, ///< It must be launched.
-        MustConnect = 2, ///< It has been launched; the link is still to be made.
+    /// The stage that the client has reached.
+    enum Stage : qint32 {
+        MustLaunch = 1, ///< The client must be launched.
+        MustConnect = 2, ///< The client has been launched; the link must be made.
         Linked = 3 ///< The link has been made.
     };
 
-    /// The private object of `method`, which is also its parent.
+    /// Creates the private object of `method`, which becomes its parent.
     explicit MethodKavetPrivate(MethodKavet *method);
     ~MethodKavetPrivate() override;
 
-    /// The session of user `uid` has started: watches and policies are brought up to date and, with `manageClient`, a
-    /// client left from before is killed, a user marked for it loses the data, and the client's launch waits for a
-    /// user's first-start wizard. Does nothing without a usable manifest.
+    /// Handles the start of user `uid`'s session: updates watches and policies. With `manageClient` it also kills a
+    /// client that still runs, removes the data of a user marked for it, and delays the launch until the user's
+    /// first-start wizard has finished. Does nothing without a usable manifest.
     void handleUserSessionStarted(uint uid, bool manageClient);
-    /// The session has stopped: the user's file is no longer watched and, with `manageClient`, the client is asked to
-    /// end.
+    /// Handles the end of the session: stops watching the user's settings file and, with `manageClient`, sends SIGTERM
+    /// to the client.
     void handleUserSessionStopped(bool manageClient);
 
-    /// A watched directory has changed; passes it on to the one of the next three that it concerns.
+    /// Passes the change of a watched directory to one of the next three functions.
     void handleChildDirectoryChanged(const QString &path);
-    /// A watched file has changed: the client's count of attempts or the current policy.
+    /// Handles the change of a watched file: the client's settings file or the current policy.
     void handleChildFileChanged(const QString &path);
-    /// The client's directory has changed. True when the client's socket has newly appeared with the right owner; an
-    /// authentication in progress then goes on.
+    /// Handles a change of the client's directory. True when the client's socket has newly appeared with the right
+    /// owner; an authentication in progress then continues.
     bool handleChildSocket(const QString &path);
-    /// The shared directory has changed: the client's file and the current policy are taken up again.
+    /// Handles a change of the shared directory: reads and watches the client's settings file and the current policy
+    /// again.
     void handleChildSharedDirectory(const QString &path);
-    /// The home directory of a user whose first start was pending has changed: launches once the wizard has finished.
+    /// Handles a change of the home directory: launches the client once the user's first-start wizard has finished.
     void handleHomeDirectory(const QString &path);
 
-    /// Declares the client unavailable. Of a client that `wasRunning`, also removes the link, the watches and the
-    /// socket, and asks the daemon to restart the user's authentication.
+    /// Declares the client unavailable. If it `wasRunning`, also removes the link, the file watches and the socket, and
+    /// asks the daemon to restart the user's authentication.
     void setChildUnavailable(bool wasRunning);
 
-    /// Launches the client for currentUid. True when it runs already or is being started; whether it does start is
-    /// learnt from the process later. Each attempt uses up one of launchBudget. A limit of attempts that another user's
-    /// policy has set gives way to currentUid's policy or, when there is none, to the system's limit.
+    /// Launches the client for currentUid. True when it runs already or is being started; the process's signals report
+    /// whether it has started. Each call that has to launch uses one of launchBudget. If another user's policy has set
+    /// the limit of attempts, currentUid's policy replaces it or, without one, the system's limit.
     bool launchChild();
-    /// Hands the client's directories to its user, making the shared one, and puts aside what another user has left in
-    /// them. False, with a message, when a directory cannot be handed over.
+    /// Creates the shared directory, and makes the user the owner of it and of the client's directory. Another user's
+    /// directory is put aside. False, with a message, on failure.
     bool prepareEnvironment();
-    /// The sandbox launcher's arguments; empty, with a critical message, when the manifest does not give all of them.
+    /// The sandbox launcher's arguments. Empty, with a critical message, when the manifest is incomplete.
     QStringList getLaunchArgs();
 
-    /// Makes the link to the client unless it stands. False when there is no client or no socket, and, with a warning,
-    /// when it cannot be made.
+    /// Makes the link to the client unless it is open already. False when there is no client or no socket and, with a
+    /// warning, when connecting fails.
     bool connectToChild();
-    /// Has the client check the password of currentUid; the outcome is reported later.
+    /// Asks the client to check the password of currentUid. The outcome is reported later.
     void checkPassword(const QString &password);
-    /// Has the client check the certificate and PIN of currentUid; the outcome is reported later.
+    /// Asks the client to check the certificate and PIN of currentUid. The outcome is reported later.
     void validateCert(const QString &cert, const QString &pin);
-    /// Fetches the client's certificates, which are reported later as a change of the option "certs". Answers a list of
-    /// a single "." when the fetch has begun; an empty one when one is under way, or must wait for the link.
+    /// Fetches the client's certificates. They are reported later as a change of the option "certs". Returns a list
+    /// with the single element "." when it has sent the request, and an empty list when another request is in flight or
+    /// there is no link yet.
     QStringList getCertList();
 
-    /// Takes the authentication in progress as far as it gets now; an event takes it on from there.
+    /// Advances the authentication in progress as far as possible. A later event calls it again.
     void makeAuth();
     /// Reports the client's `answer` to the daemon.
     void handleResult(const QString &answer);
     /// Asks the daemon for input, or ends the attempt as failed when `code` is not Success.
     void requestInput(SettingsKavet::InputRequest request, SettingsKavet::ResultCode code);
 
-    /// The failed attempts in the client's file for its user, as read; int 0 when there are none or the file cannot be
-    /// read.
+    /// The number of failed attempts in the client's settings file, with the type that it was read with; int 0 when the
+    /// file has none or cannot be read.
     QVariant getChildAttempts();
-    /// Takes over the limit of attempts from the policy file `path`; 0 when that does not give one. Without `force`
-    /// only as long as the daemon has no settings of this method.
+    /// Sets the limit of attempts to that of the policy file `path`, or to 0 if the file has none. Without `force` it
+    /// does so only while the daemon has no settings for this method.
     void syncPolicy(const QString &path, bool force);
-    /// Asks the wiper to remove the data of user `userName` and, once it has answered without error, clears the mark of
-    /// user `uid`.
+    /// Asks the wiper service to remove the data of user `userName`. Clears the mark of user `uid` once the service has
+    /// replied without error.
     void removeUserDataInternal(unsigned int uid, const QString &userName);
 
-    // Initialised in this order, destroyed in the reverse.
+    // The order matters: the client's process is destroyed before the watcher and the connection.
     QDBusConnection connection;
     QScopedPointer<KavetAuthInterface> clientInterface;
-    qint32 clientStage;
-    uint currentUid; ///< User being authenticated; 0 for none.
+    Stage clientStage;
+    uint currentUid; ///< The user being authenticated; 0 for none.
     std::optional<QMap<QString, QVariant>> pendingAuthData; ///< Not yet sent to the client.
     QFileSystemWatcher watcher;
     ChildProcess child;
     uint launchBudget; ///< Launches left until the next reset.
-    bool certListInFlight; ///< The client has been asked for its certificates.
-    bool certListPending; ///< The certificates are to be asked for once the link is made.
+    bool certListInFlight; ///< A request for the certificates is in flight.
+    bool certListPending; ///< The certificates must be requested once the link is made.
     MethodKavet *const q;
-    LinkGuard guard; ///< Between the client's socket and `connection`.
-    /// The request whose reply counts; null for none. Only compared, never used.
+    /// The request whose reply counts; null for none. Only compared, never dereferenced.
     const QDBusPendingCallWatcher *currentRequest = nullptr;
 
 private Q_SLOTS:
@@ -146,10 +147,11 @@ private:
     bool setLimit(const QVariant &value);
     QString settingsPath(const QString &name) const;
 
-    bool m_refusedUserFile = false; ///< Since the last launch.
-    bool m_lookupWasSlow = false; ///< Since the last launch.
-    QPair<quint64, qint64> m_settingsOfUsersLimit; ///< The version of the method's settings with a user's limit.
-    uint m_sessionUser = 0; ///< Whose session has started last; 0 for nobody's.
+    LinkGuard m_guard; ///< Between the client's socket and `connection`.
+    bool m_refusedUserFile = false; ///< A foreign settings file has been reported since the last launch.
+    bool m_lookupWasSlow = false; ///< Watching a file has taken too long since the last launch.
+    QPair<quint64, qint64> m_settingsOfUsersLimit; ///< Version of the method's settings that holds a user's limit.
+    uint m_sessionUser = 0; ///< The user whose session started last; 0 for none.
 
     Q_DISABLE_COPY(MethodKavetPrivate)
 };

@@ -49,7 +49,7 @@ void MethodKavet::resetAttempts(unsigned int uid)
     setOptionInternal(uid, Constants::Options::attempts, 0);
 }
 
-/// Whose file the client's file is. It outlasts that user's turn when a launch for another user is delayed.
+/// The user of the client's settings file. While a launch for another user is delayed, child.uid is the other user.
 uint MethodKavetPrivate::userOfFile() const
 {
     bool isNamed = false;

@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "settings/constants.h"
 
-#include <authd/vocabulary.h>
-
 // clazy:excludeall=non-pod-global-static
 
 namespace Constants {
@@ -51,7 +49,7 @@ const QString objectPath = QStringLiteral("/kavetauth");
 } // namespace Link
 
 namespace Paths {
-const QString methods = LibAuthd::Vocabulary::MethodsDirectory;
+const QString methods = QStringLiteral("/var/lib/authd/methods/");
 const QString methodSettings = QStringLiteral("%1/%2/current.conf");
 const QString systemLimit = QStringLiteral("%1/%2/system-limit.conf");
 const QString userOptions = QStringLiteral("/var/lib/authd/users/%1.conf");

@@ -6,11 +6,11 @@
 
 #include <limits>
 
-/// Names, paths and texts that the method has agreed on with the rest of the device. A constant of a single file stands
-/// in that file, unless somebody outside relies on it.
+/// Names, paths and texts that the method shares with the rest of the device, and constants that several source files
+/// use. A constant that only one file uses is in that file, unless another program relies on it.
 namespace Constants {
 
-/// What the daemon knows about the method.
+/// The method's description for the daemon.
 namespace Method {
 extern const QString name;
 extern const QString page;
@@ -19,16 +19,16 @@ extern const QString infoPage;
 constexpr int types = 20; ///< The daemon's method-type bits 2 and 4.
 } // namespace Method
 
-/// Keys of the options, of the policies and of the file that the plugin shares with the client.
+/// Keys of the options, the policies and the settings file that the plugin shares with the client.
 namespace Options {
 extern const QString certs;
 extern const QString maxAttempts;
 extern const QString delayedDeletion;
 extern const QString attempts;
-extern const QString updatingCerts; ///< The only element of a certificate list that is being fetched.
+extern const QString updatingCerts; ///< The only element of the certificate list during an update.
 } // namespace Options
 
-/// Keys of the data that a request for authentication carries.
+/// Keys of the data in an authentication request.
 namespace Request {
 extern const QString password;
 extern const QString cert;
@@ -49,7 +49,7 @@ extern const QString unknownRequest;
 
 /// The link to the client.
 namespace Link {
-extern const QString directory; ///< Of the socket.
+extern const QString directory; ///< Contains the socket.
 extern const QString socketName;
 extern const QString socketPath;
 extern const QString address;
@@ -60,9 +60,9 @@ extern const QString objectPath;
 
 /// Files and directories.
 namespace Paths {
-extern const QString methods; ///< Of the daemon's settings for methods. Ends in a slash.
-extern const QString methodSettings; ///< %1 = methods, %2 = the method's name.
-extern const QString systemLimit; ///< The same. Keeps the system's limit while a user's policy is in force.
+extern const QString methods; ///< The daemon's directory of method settings. Ends in a slash.
+extern const QString methodSettings; ///< %1 = methods, %2 = method name.
+extern const QString systemLimit; ///< Stores the system's limit during a user's policy. Arguments as above.
 extern const QString userOptions; ///< %1 = user id.
 extern const QString manifest;
 extern const QString shared;
@@ -70,7 +70,7 @@ extern const QString userSettings; ///< %1 = the client's shared directory, %2 =
 extern const QString packagedPolicy;
 extern const QString currentPolicy;
 extern const QString firstStartMarker; ///< In the user's home directory.
-extern const QString homes; ///< Ends in a slash.
+extern const QString homes; ///< Contains the home directories. Ends in a slash.
 } // namespace Paths
 
 /// The client's process.
@@ -85,7 +85,7 @@ constexpr const char *supplementaryGroups[] = {"inet"};
 constexpr uint unknownOwner = std::numeric_limits<uint>::max() - 1; ///< No client runs as this user.
 } // namespace Process
 
-/// The sandbox's command line and the permission profiles it refers to.
+/// The sandbox's command line and its permission profiles.
 namespace Sandbox {
 extern const QString quiet;
 extern const QString organizationTemplate;
@@ -108,7 +108,7 @@ extern const QString permissionSuffix;
 extern const QString basePermission;
 } // namespace Sandbox
 
-/// The lock of a user who has used up the attempts.
+/// The lock of a user who has no attempts left.
 namespace Lockout {
 extern const QString eventLevel;
 extern const QString event;

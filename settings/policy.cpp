@@ -18,11 +18,11 @@
 
 namespace {
 
-// Beside the system's limit, which has the option's own key and is missing when none was ever set.
-constexpr QLatin1String limitUser("user"); ///< Whose policy stands in for it.
-constexpr QLatin1String noLimitTaken("no-limit-taken"); ///< A policy has set none meanwhile.
+// Keys of the file that stores the system's limit. The limit has the option's key, which is missing if none was set.
+constexpr QLatin1String limitUser("user"); ///< The user whose policy is in force instead.
+constexpr QLatin1String noLimitTaken("no-limit-taken"); ///< That policy has set the limit to 0 at some time.
 
-/// Tells the file at `path` from the one that replaces it.
+/// Identifies the current version of the file at `path`, which is replaced at every change.
 QPair<quint64, qint64> versionOf(const QString &path)
 {
     struct stat status = {};
@@ -39,25 +39,25 @@ void MethodKavetPrivate::syncPolicy(const QString &path, bool force)
     if (!force && QFileInfo::exists(settingsPath(Constants::Paths::methodSettings)))
         return;
 
-    // The current policy lies where the user may put anything in its place; any other is the system's own.
+    // A user can put anything in place of the current policy. Only root can write the other policies.
     if (path == Constants::Paths::currentPolicy) {
         takeLimit(PinnedFile(path), policyUser());
         return;
     }
     QVariant value = 0;
-    if (QFileInfo(path).isFile()) // Opening a FIFO would wait for its other end.
+    if (QFileInfo(path).isFile()) // Opening a FIFO would block.
         value = QSettings(path, QSettings::NativeFormat).value(Constants::Options::maxAttempts, value);
     if (setLimit(value))
         QFile::remove(settingsPath(Constants::Paths::systemLimit));
 }
 
-/// Whose current policy counts: the client's user's or, while there is no client, the user's whose session has started.
+/// The user whose current policy applies: the client's user or, without a client, the user of the last session started.
 uint MethodKavetPrivate::policyUser() const
 {
     return child.uid != 0 ? child.uid : m_sessionUser;
 }
 
-// The current policy is the client's, and so its user's; what anybody else has left there sets no limit.
+// The client writes the current policy as its user. A file that another user has left there does not apply.
 std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
 {
     PinnedFile policy(Constants::Paths::currentPolicy);
@@ -66,7 +66,7 @@ std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
     return policy;
 }
 
-// One that was followed before may be, or have become, somebody else's. The end of one is still to be told.
+// Stops watching a policy of another user. Keeps watching a removed one, so that the watcher reports the removal.
 std::optional<PinnedFile> MethodKavetPrivate::policyToFollow(uint user)
 {
     auto policy = currentPolicyOf(user);
@@ -75,7 +75,7 @@ std::optional<PinnedFile> MethodKavetPrivate::policyToFollow(uint user)
     return policy;
 }
 
-/// Puts the limit of a policy of `user` in force, or of none that can be read, for as long as it is that user's turn.
+/// Applies the limit of `user`'s policy until a launch for another user. It is 0 if the policy cannot be read.
 void MethodKavetPrivate::takeLimit(PinnedFile policy, uint user)
 {
     const QVariant value = UserSettings(std::move(policy)).value(Constants::Options::maxAttempts, 0);
@@ -85,21 +85,21 @@ void MethodKavetPrivate::takeLimit(PinnedFile policy, uint user)
     m_settingsOfUsersLimit = versionOf(settingsPath(Constants::Paths::methodSettings));
 }
 
-/// The current policy has gone, and with it the limit of whoever set it.
+/// Handles the removal of the current policy: its user has no limit now.
 void MethodKavetPrivate::dropLimit()
 {
     const QSettings memory(settingsPath(Constants::Paths::systemLimit), QSettings::NativeFormat);
     takeLimit(PinnedFile(Constants::Paths::currentPolicy), memory.value(limitUser, policyUser()).toUInt());
 }
 
-/// Puts the system's limit back in force for `user`, who has no policy, after another user's policy. It would lock this
-/// user out or leave this user unprotected.
+/// Restores the system's limit for `user`, who has no policy. The limit of another user's policy could lock this user
+/// out or leave the account unprotected.
 void MethodKavetPrivate::giveLimitBack(uint user)
 {
     const QSettings memory(settingsPath(Constants::Paths::systemLimit), QSettings::NativeFormat);
     if (!memory.contains(limitUser) || memory.value(limitUser) == user)
         return;
-    // Nor is the end of that policy this user's.
+    // The removal of that policy must not affect this user.
     watcher.removePath(Constants::Paths::currentPolicy);
     if (limitIsUsers()) {
         if (!memory.contains(Constants::Options::maxAttempts))
@@ -110,25 +110,25 @@ void MethodKavetPrivate::giveLimitBack(uint user)
     QFile::remove(settingsPath(Constants::Paths::systemLimit));
 }
 
-/// Whether the limit in force comes from a user's policy. One that root has set since is an int, as the option is; a
-/// policy gives text, and 0 when it has none to give.
+/// Whether a user's policy has set the current limit. Root sets an int, which is the option's type. A policy sets a
+/// string, or int 0 if it has no value.
 bool MethodKavetPrivate::limitIsUsers() const
 {
     const QSettings memory(settingsPath(Constants::Paths::systemLimit), QSettings::NativeFormat);
     if (!memory.contains(limitUser) || !QFileInfo::exists(settingsPath(Constants::Paths::methodSettings)))
         return false;
-    // A policy may be changed all the time, and hold a value that takes long to read.
+    // Avoid reading the option: a user can change the policy very often and give it a value that is slow to read.
     if (versionOf(settingsPath(Constants::Paths::methodSettings)) == m_settingsOfUsersLimit)
         return true;
     const QVariant limit = q->getOptionInternal(0, Constants::Options::maxAttempts);
     return limit.type() != QVariant::Int || (limit == 0 && memory.contains(noLimitTaken));
 }
 
-/// Keeps on disk, before a policy of `user` takes its place, what limit the system has. False when that fails.
+/// Stores the system's limit on disk before `user`'s policy replaces it. False on failure.
 bool MethodKavetPrivate::rememberSystemLimit(uint user, bool noLimit)
 {
     QSettings memory(settingsPath(Constants::Paths::systemLimit), QSettings::NativeFormat);
-    // A storm of changes must not cost a write each.
+    // A user can change the policy very often, so write only a changed value.
     const auto keep = [&memory](const QString &key, const QVariant &value) {
         if (memory.value(key).toString() != value.toString())
             memory.setValue(key, value);

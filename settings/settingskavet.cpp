@@ -68,7 +68,7 @@ void SettingsKavet::updateCerts(const QVariant &value)
 
     if (m_certList != certList)
         m_certList = certList;
-    // Also for an equal list: whoever asked for one waits for this signal.
+    // Emitted for an unchanged list too: the requester waits for this signal.
     Q_EMIT certListChanged();
 }
 

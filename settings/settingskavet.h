@@ -6,8 +6,8 @@
 
 #include <QStringList>
 
-/// The method's settings as its screens see them: the certificates to choose from, the limit of failed attempts, and
-/// how many of them one user has used up. Also the home of the codes that method, daemon and screens exchange.
+/// The method's settings for its screens: the available certificates, the limit of failed attempts, and one user's
+/// count of them. It also defines the codes that method, daemon and screens exchange.
 class Q_DECL_EXPORT SettingsKavet : public FactorSettingsBase
 {
     Q_OBJECT
@@ -18,15 +18,15 @@ class Q_DECL_EXPORT SettingsKavet : public FactorSettingsBase
     Q_PROPERTY(int currentAttempts READ currentAttempts NOTIFY currentAttemptsChanged)
 
 public:
-    /// What the method asks the user for. The numbers travel to the daemon as plain integers.
+    /// The input that the method asks for. The daemon receives the numbers as plain integers.
     enum InputRequest {
-        EnterPasswordOrPinWithoutConnection = 0, ///< A password or PIN, while the client cannot be reached yet.
-        Connecting = 1, ///< Nothing: the client could not be reached.
+        EnterPasswordOrPinWithoutConnection = 0, ///< A password or PIN, although there is no connection to the client.
+        Connecting = 1, ///< No input: the client could not be reached.
         EnterPasswordOrPin = 2 ///< A password, or a certificate and its PIN.
     };
     Q_ENUM(InputRequest)
 
-    /// Outcome of an authentication step. The numbers travel to the daemon as plain integers.
+    /// The outcome of an authentication step. The daemon receives the numbers as plain integers.
     enum ResultCode {
         Success = 0,
         BadPassword = 1,
@@ -46,45 +46,45 @@ public:
     };
     Q_ENUM(ResultCode)
 
-    /// Settings owned by `parent`; asks for the certificate list at once.
+    /// Creates settings owned by `parent` and requests the certificate list.
     explicit SettingsKavet(QObject *parent);
     ~SettingsKavet() override;
 
-    /// The certificates last known; empty until the first list has arrived.
+    /// The last certificate list received; empty before the first one.
     QStringList certList() const;
-    /// Whether a certificate list is being fetched, so that certList() is not current yet.
+    /// Whether a request for the certificate list is pending, so that certList() may be out of date.
     bool certListIsUpdating() const;
-    /// The limit of failed attempts, the same for all users; 0 when there is none.
+    /// The limit of failed attempts for all users; 0 for no limit.
     int maxAttempts() const;
-    /// The failed attempts of the user uid(); 0 when none are known.
+    /// The number of failed attempts of user uid(); 0 if it is unknown.
     int currentAttempts() const;
-    /// The user whom currentAttempts() reports on; 0 until one is set.
+    /// The user whose attempts currentAttempts() returns; 0 until setUid() is called.
     unsigned int uid() const;
-    /// Sets the user whom currentAttempts() reports on.
+    /// Sets the user whose attempts currentAttempts() returns.
     void setUid(unsigned int uid);
 
-    /// Asks for the certificate list again. certListIsUpdating() is true until a list has arrived.
+    /// Requests the certificate list again. certListIsUpdating() is true until it has arrived.
     Q_INVOKABLE void updateCertList();
 
-    /// Takes `value` as the certificate list. A value that is no list of strings, or the list of a single "." that
-    /// stands for one still being fetched, changes nothing.
+    /// Sets the certificate list to `value`. Ignores a value that cannot be converted to a list of strings, and the
+    /// list with the single element ".", which means that an update is pending.
     void updateCerts(const QVariant &value);
 
-    /// Takes notice that `option` of user `uid` (0: of the method as a whole) has changed: takes "certs" as
-    /// updateCerts() does, and tells of "max-attempts" and of "attempts" of the user uid() by their signals. `value` is
-    /// looked at for "certs" alone.
+    /// Handles a change of `option` of user `uid` (0: of the whole method). Passes the value of "certs" to
+    /// updateCerts(). Emits the signals for "max-attempts" and, if `uid` is uid(), for "attempts". Ignores `value` for
+    /// both.
     void handleOptionChanged(unsigned int uid, const QString &option, const QVariant &value) override;
 
 Q_SIGNALS:
-    /// A certificate list has arrived; it may be the same as before.
+    /// A certificate list has arrived, possibly without a change.
     void certListChanged();
-    /// A certificate list has been asked for or has arrived.
+    /// A certificate list has been requested or has arrived.
     void certListIsUpdatingChanged();
     /// The limit of failed attempts may have changed.
     void maxAttemptsChanged();
-    /// The failed attempts of the user uid() may have changed.
+    /// The number of failed attempts of user uid() may have changed.
     void currentAttemptsChanged();
-    /// Another user has been set.
+    /// setUid() has set another user.
     void uidChanged();
 
 private:

@@ -6,7 +6,7 @@
 
 namespace Authd {
 
-/// Path of the file in which the daemon keeps the options of user `uid`.
+/// The path of the file in which the daemon stores the options of user `uid`.
 Q_DECL_EXPORT QString getUserConfigFilePath(unsigned int uid);
 
 } // namespace Authd

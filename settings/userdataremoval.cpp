@@ -23,7 +23,7 @@ void MethodKavetPrivate::removeUserDataInternal(unsigned int uid, const QString 
     call.setArguments({userName});
 
     const QDBusConnection bus = QDBusConnection::systemBus();
-    // Without a bus the library makes a call that never finishes.
+    // Without a connection to the bus, the call would never finish.
     const QDBusPendingCall sent = bus.isConnected()
                                       ? bus.asyncCall(call)
                                       : QDBusPendingCall::fromError(QDBusError(QDBusError::Disconnected, noSystemBus));

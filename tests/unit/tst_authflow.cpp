@@ -97,7 +97,7 @@ void TstAuthFlow::partitionLocked()
     MethodFixture fixture;
     QVERIFY(lockPartition());
     LogCapture log(true);
-    fixture.d->clientStage = stage;
+    fixture.d->clientStage = MethodKavetPrivate::Stage(stage);
 
     fixture.method.authenticate(uid, MethodFixture::passwordData(success));
     QCOMPARE(fixture.daemon.calls, QVector<Call>{askedWithoutConnection()});
@@ -137,7 +137,7 @@ void TstAuthFlow::noUser()
     QFETCH(int, stage);
     MethodFixture fixture;
     QVERIFY(fixture.link());
-    fixture.d->clientStage = stage;
+    fixture.d->clientStage = MethodKavetPrivate::Stage(stage);
     fixture.method.authenticate(0, MethodFixture::passwordData(success));
     QVERIFY(fixture.told().isEmpty());
     QVERIFY(!fixture.isWaiting());
@@ -155,7 +155,7 @@ void TstAuthFlow::clientStarting()
     QFETCH(int, stage);
     MethodFixture fixture;
     QVERIFY(fixture.link());
-    fixture.d->clientStage = stage;
+    fixture.d->clientStage = MethodKavetPrivate::Stage(stage);
     fixture.d->child.clientStarting = true;
     fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(success));
     QVERIFY(fixture.told().isEmpty());
@@ -176,7 +176,7 @@ void TstAuthFlow::unknownStage()
     QFETCH(int, stage);
     MethodFixture fixture;
     QVERIFY(fixture.link());
-    fixture.d->clientStage = stage;
+    fixture.d->clientStage = MethodKavetPrivate::Stage(stage);
     fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(success));
     QVERIFY(fixture.told().isEmpty());
     QVERIFY(!fixture.isWaiting());
@@ -205,7 +205,7 @@ void TstAuthFlow::launchedAlready()
 {
     MethodFixture fixture;
     QVERIFY(fixture.link());
-    fixture.d->clientStage = 1;
+    fixture.d->clientStage = MethodKavetPrivate::MustLaunch;
     fixture.method.authenticate(TestDevice::alice, {});
     QCOMPARE(fixture.told(), QVector<Call>{asked()});
     QCOMPARE(fixture.d->clientStage, 3);

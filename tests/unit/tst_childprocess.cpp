@@ -4,6 +4,7 @@
 #include "support/logcapture.h"
 #include "support/testdevice.h"
 
+#include <QByteArrayList>
 #include <QFile>
 #include <QLoggingCategory>
 #include <QRandomGenerator>
@@ -105,6 +106,8 @@ QByteArray asOrdinaryUser(uint uid, Work work)
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? result : QByteArray();
 }
 
+const QByteArray pluginCategory = QByteArrayLiteral("authd.method.kavet");
+
 } // namespace
 
 /// The client's process object: its manifest and its identity.
@@ -119,6 +122,14 @@ private Q_SLOTS:
         m_groups = TestDevice::readFile(groupFile);
         QVERIFY(TestDevice::groupId("auth-factor") != 0);
         QVERIFY(TestDevice::groupId("inet") != 0);
+
+        // First of all, while nothing else has made the category.
+        s_categories.clear();
+        s_otherFilter = QLoggingCategory::installFilter(noteCategory);
+        const bool madeBefore = s_categories.contains(pluginCategory);
+        const ChildProcess child(nullptr);
+        m_madeByConstructor = !madeBefore && s_categories.contains(pluginCategory);
+        QLoggingCategory::installFilter(s_otherFilter);
     }
 
     void init()
@@ -129,6 +140,9 @@ private Q_SLOTS:
     }
 
     void cleanup() { QVERIFY(TestDevice::writeFile(groupFile, m_groups)); }
+
+    // Made in the forked child, the category could wait for ever for a lock that another thread held at the fork.
+    void categoryIsMadeBeforeTheFork() { QVERIFY(m_madeByConstructor); }
 
     void construction()
     {
@@ -569,6 +583,15 @@ private Q_SLOTS:
     }
 
 private:
+    static void noteCategory(QLoggingCategory *category)
+    {
+        s_categories << category->categoryName();
+        s_otherFilter(category);
+    }
+
+    static QByteArrayList s_categories;
+    static QLoggingCategory::CategoryFilter s_otherFilter;
+    bool m_madeByConstructor = false;
     QByteArray m_groups;
 
     bool removeGroup(const QByteArray &name)
@@ -628,6 +651,9 @@ private:
         QCOMPARE(log.lines().size(), 1);
     }
 };
+
+QByteArrayList TstChildProcess::s_categories;
+QLoggingCategory::CategoryFilter TstChildProcess::s_otherFilter = nullptr;
 
 QTEST_GUILESS_MAIN(TstChildProcess)
 #include "tst_childprocess.moc"

@@ -1165,7 +1165,7 @@ void TstLaunch::noRoomForADirectory()
     LogCapture log;
     QVERIFY(!f.d->launchChild());
     QCOMPARE(log.warnings(),
-             QStringList{QStringLiteral("Cannot make \"%1.1001\" No space left on device").arg(clientDirectory)});
+             QStringList{QStringLiteral("Cannot create \"%1.1001\" No space left on device").arg(clientDirectory)});
     QCOMPARE(log.criticals(), QStringList{QStringLiteral("Cannot change owner of directory")});
     QCOMPARE(owner(clientDirectory), QStringLiteral("1000:1000"));
     QCOMPARE(entries(clientDirectory), before);

@@ -27,11 +27,12 @@ namespace {
 
 constexpr int limit = 1024 * 1024;
 const QString path = QStringLiteral("/tmp/client.socket");
-const QString sendsTooMuch = QStringLiteral("Dropping the link to the client: it sends more than a reply needs");
-const QString doesNotRead = QStringLiteral("Dropping the link to the client: it does not read what it is sent");
-const QString hasNoEnd = QStringLiteral("Dropping the link to the client: its handshake has no end");
-const QString isNoReply = QStringLiteral("Dropping the link to the client: it sends what is no reply");
-const QString isNotRead = QStringLiteral("Dropping the link to the client: what it sends is not read");
+const QString sendsTooMuch = QStringLiteral("Dropping the link to the client: it has sent more than a reply needs");
+const QString doesNotRead = QStringLiteral("Dropping the link to the client: it does not read its messages");
+const QString hasNoEnd = QStringLiteral("Dropping the link to the client: its handshake is too long");
+const QString isNoReply =
+    QStringLiteral("Dropping the link to the client: it has sent a message that is no valid reply");
+const QString isNotRead = QStringLiteral("Dropping the link to the client: its messages are not read fast enough");
 
 sockaddr_un socketAddress(const QByteArray &name)
 {

@@ -303,7 +303,8 @@ private Q_SLOTS:
         MethodKavet method;
         method.setNotificator(&daemon);
         MethodKavetPrivate *const d = privateOf(method);
-        for (int before : {1, 2, 3}) {
+        for (const auto before :
+             {MethodKavetPrivate::MustLaunch, MethodKavetPrivate::MustConnect, MethodKavetPrivate::Linked}) {
             d->clientStage = before;
             d->child.clientRunning = running;
             d->child.socketPresent = socket;

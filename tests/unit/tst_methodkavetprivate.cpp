@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <csignal>
 #include <memory>
+#include <type_traits>
 
 namespace {
 
@@ -117,6 +118,7 @@ private Q_SLOTS:
 
     void stages()
     {
+        QVERIFY((std::is_same_v<std::underlying_type_t<MethodKavetPrivate::Stage>, qint32>));
         QCOMPARE(int(MethodKavetPrivate::MustLaunch), 1);
         QCOMPARE(int(MethodKavetPrivate::MustConnect), 2);
         QCOMPARE(int(MethodKavetPrivate::Linked), 3);

@@ -309,7 +309,7 @@ void TstMonitoring::starting()
     auto *d = fixture.d;
     LogCapture log(true);
     d->currentUid = TestDevice::alice;
-    d->clientStage = 3;
+    d->clientStage = MethodKavetPrivate::Linked;
     d->child.socketPresent = true;
     QVERIFY(TestDevice::writeFile(TestDevice::socketPath, {}));
 
@@ -356,7 +356,7 @@ void TstMonitoring::running()
     d->currentUid = TestDevice::alice;
     QVERIFY(d->launchChild());
     // Stage and socket stay unchanged, and the request is not resumed: at this stage it would ask for input.
-    d->clientStage = 3;
+    d->clientStage = MethodKavetPrivate::Linked;
     d->child.socketPresent = true;
     QTRY_VERIFY(d->child.clientRunning);
     QVERIFY(!d->child.clientStarting);
@@ -533,7 +533,7 @@ void TstMonitoring::notRunningWithoutClient()
     auto *d = fixture.d;
     d->child.clientStarting = true;
     d->child.socketPresent = true;
-    d->clientStage = 3;
+    d->clientStage = MethodKavetPrivate::Linked;
     LogCapture log(true);
     QVERIFY(changeState(d, QProcess::NotRunning));
     QVERIFY(!d->child.clientStarting);
@@ -574,7 +574,7 @@ void TstMonitoring::finishedWithoutClient()
     QVERIFY(TestDevice::writeFile(TestDevice::socketPath, {}));
     d->child.clientStarting = true;
     d->child.socketPresent = true;
-    d->clientStage = 3;
+    d->clientStage = MethodKavetPrivate::Linked;
     d->currentUid = TestDevice::alice;
     LogCapture log(true);
     QVERIFY(finish(d, -7, QProcess::CrashExit));
@@ -591,7 +591,7 @@ void TstMonitoring::finishedResumesRequest()
 {
     TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
     MethodFixture fixture;
-    fixture.d->clientStage = 3;
+    fixture.d->clientStage = MethodKavetPrivate::Linked;
     fixture.d->currentUid = TestDevice::alice;
     QVERIFY(finish(fixture.d, 0, QProcess::NormalExit));
     QVERIFY(fixture.d->child.clientStarting);

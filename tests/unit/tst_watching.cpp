@@ -229,7 +229,7 @@ void TstWatching::socketRemoved()
 {
     WatchingFixture f;
     f.d->child.socketPresent = true;
-    f.d->clientStage = 3;
+    f.d->clientStage = MethodKavetPrivate::Linked;
     f.d->currentUid = alice;
     LogCapture log(true);
     QVERIFY(!f.d->handleChildSocket(clientDirectory));
@@ -313,7 +313,7 @@ void TstWatching::socketAppearedDuringAuthentication()
     WatchingFixture f;
     QVERIFY(leaveSocket(socketPath, alice));
     f.d->currentUid = alice;
-    f.d->clientStage = 3;
+    f.d->clientStage = MethodKavetPrivate::Linked;
     // Nobody listens, so the flow stops at the second stage.
     QVERIFY(f.d->handleChildSocket(clientDirectory));
     QVERIFY(f.d->child.socketPresent);
