@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "lockstore.h"
 
+#include "keyfile.h"
 #include "log.h"
 #include "regularfile.h"
 #include "rundirectory.h"
@@ -18,7 +19,7 @@
 namespace {
 
 constexpr char LockFile[] = "/var/lib/authd/locks.conf";
-/// After how many milliseconds to try again what could not be written.
+/// How long to wait before retrying a failed write, in milliseconds.
 constexpr int RetryInterval = 2000;
 constexpr std::size_t SizeLimit = std::size_t(16) * 1024 * 1024;
 constexpr char Method[] = "method";
@@ -58,7 +59,7 @@ LockStore::LockStore()
 
 bool LockStore::load()
 {
-    // What could not be saved is newer.
+    // The copy in the run directory is newer, if there is one.
     if (access(RunDirectory::UnsavedLocksFile, F_OK) != 0)
         return load(LockFile);
     if (!load(RunDirectory::UnsavedLocksFile))
@@ -77,9 +78,15 @@ bool LockStore::load(const char *path)
         return false;
     }
 
-    g_autoptr(GKeyFile) keys = g_key_file_new();
+    KeyFile file(path);
+    QString parseError;
+    if (!file.parse(*content, G_KEY_FILE_NONE, &parseError)) {
+        report("locks-damaged", path, parseError);
+        return false;
+    }
+    GKeyFile *const keys = file.keys();
     g_autoptr(GError) error = nullptr;
-    bool good = g_key_file_load_from_data(keys, content->data(), content->size(), G_KEY_FILE_NONE, &error);
+    bool good = true;
     g_auto(GStrv) groups = g_key_file_get_groups(keys, nullptr);
     for (char **group = groups; good && *group; ++group) {
         const uint uid = QByteArray(*group).toUInt(&good);
@@ -140,7 +147,8 @@ void LockStore::countUnlock(uint uid)
 
 void LockStore::save()
 {
-    g_autoptr(GKeyFile) keys = g_key_file_new();
+    const KeyFile file(LockFile);
+    GKeyFile *const keys = file.keys();
     for (auto unlocks = m_unlocks.cbegin(); unlocks != m_unlocks.cend(); ++unlocks)
         g_key_file_set_uint64(keys, QByteArray::number(unlocks.key()).constData(), Unlocks, unlocks.value());
     for (auto lock = m_locks.cbegin(); lock != m_locks.cend(); ++lock) {
@@ -151,18 +159,15 @@ void LockStore::save()
         g_key_file_set_string(keys, group.constData(), Reason, lock->reason.toUtf8().constData());
         g_key_file_set_int64(keys, group.constData(), Until, lock->until);
     }
-    gsize size = 0;
-    g_autofree char *content = g_key_file_to_data(keys, &size, nullptr);
-    constexpr auto flags = GFileSetContentsFlags(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
-    g_autoptr(GError) error = nullptr;
+    QString error;
     QDir().mkpath(QFileInfo(QString::fromLatin1(LockFile)).path());
-    if (g_file_set_contents_full(LockFile, content, static_cast<gssize>(size), flags, S_IRUSR | S_IWUSR, &error)) {
+    if (file.write(&error)) {
         m_retry.stop();
         unlink(RunDirectory::UnsavedLocksFile);
         return;
     }
     if (!m_retry.isActive())
-        report("locks-not-saved", LockFile, QString::fromUtf8(error->message));
-    RunDirectory::write(RunDirectory::UnsavedLocksFile, QByteArray(content, int(size)));
+        report("locks-not-saved", LockFile, error);
+    RunDirectory::write(RunDirectory::UnsavedLocksFile, file.content());
     m_retry.start(RetryInterval);
 }

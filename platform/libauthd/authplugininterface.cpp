@@ -3,7 +3,7 @@
 #include <authd/authplugininterface.h>
 #include <authd/notificationhandler.h>
 
-// By value, as methods that were built apart call it.
+// Passed by value because methods that are built separately rely on this signature.
 AuthPluginInterface::AuthPluginInterface(QString name) // NOLINT(performance-unnecessary-value-param)
     : BaseHandler(name)
 {

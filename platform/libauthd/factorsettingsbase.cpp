@@ -17,14 +17,14 @@ namespace Vocabulary = LibAuthd::Vocabulary;
 
 namespace {
 
-/// How long getOption() waits for the daemon, in milliseconds.
-constexpr int AnswerTimeout = 5000;
+/// How long getOption() waits for the daemon's reply, in milliseconds.
+constexpr int ReplyTimeout = 5000;
 
-// The connection that the library shares within a process holds signals back until the event loop runs, and the next
-// one to come may then overtake them: an older value would be the last.
+// Qt delivers the signals of its shared connection late, only once the event loop runs, so later ones may overtake them
+// and an old value would arrive last. A private connection keeps them in order.
 const QString connectionName = QStringLiteral("authd settings");
 
-/// The plain value in a D-Bus variant; an invalid variant for the compound types, which no option has.
+/// Returns the plain value in a D-Bus variant, or an invalid variant for compound types, which no option has.
 QVariant unwrapped(const QDBusVariant &value)
 {
     QVariant inner = value.variant();
@@ -53,7 +53,7 @@ public:
         bus.connect(AuthService::Service, AuthService::ObjectPath, AuthService::Interface,
                     Vocabulary::UserMethodOptionChanged, this,
                     SLOT(handleUserMethodOptionChanged(uint, QString, QString, QDBusVariant)));
-        // A daemon that starts later knows of no subscriber.
+        // A restarted daemon has no subscribers, so subscribe again.
         m_daemon.setConnection(bus);
         m_daemon.setWatchMode(QDBusServiceWatcher::WatchForRegistration);
         m_daemon.addWatchedService(AuthService::Service);
@@ -77,7 +77,7 @@ private Q_SLOTS:
     }
 
 private:
-    /// Has the daemon tell this connection of changes. A daemon that is not there is not started for it.
+    /// Subscribes this connection to changes. Does not start a daemon that is not running.
     void subscribe()
     {
         QDBusMessage call = QDBusMessage::createMethodCall(AuthService::Service, AuthService::ObjectPath,
@@ -108,13 +108,13 @@ QVariant FactorSettingsBase::getOption(uint uid, const QString &option) const
         call << uid;
     call << d->method << option;
 
-    const QDBusMessage reply = d->bus.call(call, QDBus::Block, AnswerTimeout);
+    const QDBusMessage reply = d->bus.call(call, QDBus::Block, ReplyTimeout);
     if (reply.type() != QDBusMessage::ReplyMessage) {
         qCWarning(authdPlatform) << "getOption" << d->method << uid << option << reply.errorName();
         return QVariant();
     }
     if (reply.signature() != QLatin1String("v")) {
-        qCWarning(authdPlatform) << "getOption" << d->method << uid << option << "Unexpected answer"
+        qCWarning(authdPlatform) << "getOption" << d->method << uid << option << "Unexpected reply"
                                  << reply.signature();
         return QVariant();
     }

@@ -24,8 +24,8 @@ namespace {
 constexpr mode_t OwnerOnly = S_IRUSR | S_IWUSR;
 constexpr mode_t AllModeBits = 07777;
 
-/// What keeps a file from being restricted, as an errno value; 0 when nothing does.
-int objection(const struct stat &status)
+/// The errno value that says why a file must not be restricted; 0 if it may be.
+int restrictionError(const struct stat &status)
 {
     if (S_ISLNK(status.st_mode))
         return ELOOP;
@@ -50,7 +50,7 @@ QString userName(uint uid)
 
 bool restrictPermissions(const QString &path)
 {
-    // Another process may remove or create the file between the two looks; each then gives way to the other's answer.
+    // Another process may create or remove the file between the two calls to open(), so try both again.
     constexpr int Attempts = 16;
 
     const QByteArray name = QFile::encodeName(path);
@@ -60,7 +60,7 @@ bool restrictPermissions(const QString &path)
     }
     int fd = -1;
     for (int attempt = 0; fd < 0 && attempt < Attempts; ++attempt) {
-        // Only a look: whatever stands there is neither opened nor followed.
+        // O_PATH neither opens the file nor follows a link.
         fd = open(name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
         if (fd < 0 && errno == ENOENT)
             fd = open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, OwnerOnly);
@@ -74,7 +74,7 @@ bool restrictPermissions(const QString &path)
     struct stat status;
     if (fstat(fd, &status) != 0)
         return false;
-    if (const int error = objection(status)) {
+    if (const int error = restrictionError(status)) {
         errno = error;
         return false;
     }

@@ -40,7 +40,7 @@ OptionStore::Outcome OptionStore::write(uint uid, const QString &option, const Q
     if (!isLegal(option))
         return Failed;
     if (isTooLong(value)) {
-        // No warning: a user's files can bring such a value as often as the user likes.
+        // Not a warning: a user's files can supply such a value as often as the user likes.
         qCDebug(authdPlatform) << "The value of option" << m_method << uid << option << "is too long";
         return Failed;
     }
@@ -94,7 +94,7 @@ bool OptionStore::isMethodLegal() const
 {
     if (!isKeyFileName(m_method) || m_method.contains(QLatin1Char('/')) || m_method == QLatin1String(".")
         || m_method == QLatin1String("..")) {
-        qCWarning(authdPlatform) << "Not a name for a method" << m_method;
+        qCWarning(authdPlatform) << "Invalid method name" << m_method;
         return false;
     }
     return true;
@@ -105,7 +105,7 @@ bool OptionStore::isLegal(const QString &option) const
     if (!isMethodLegal())
         return false;
     if (!isKeyFileName(option)) {
-        qCWarning(authdPlatform) << "Not a name for an option" << m_method << option;
+        qCWarning(authdPlatform) << "Invalid option name" << m_method << option;
         return false;
     }
     return true;

@@ -5,32 +5,33 @@
 #include <QString>
 #include <QVariant>
 
-/// The options of one method as they stand on disk: the method-wide ones (user id 0) in
-/// "/var/lib/authd/methods/<name>/current.conf", those of a user in "/var/lib/authd/users/<uid>.conf". Both are key
-/// files with one group per method and values in GVariant's text form.
+/// The stored options of one method: the method-wide ones (user id 0) in "/var/lib/authd/methods/<name>/current.conf",
+/// those of a user in "/var/lib/authd/users/<uid>.conf". Both are key files with one group per method and values in
+/// GVariant's text form.
 ///
-/// Nothing is kept in memory: each call reads the file afresh, under a lock that holds other processes off. A file is
-/// replaced whole, so that a crash leaves the old or the new one. A damaged file is set aside as "<file>.damaged" and
-/// what is good in it is kept.
+///
+/// Nothing is cached: each call reads the file again, under a lock that excludes other processes. A file is replaced as
+/// a whole, so a crash leaves either the old or the new one. A damaged file is kept as "<file>.damaged", and its
+/// undamaged values stay in use.
 class OptionStore
 {
 public:
     enum Outcome {
-        Failed, ///< With a warning and nothing changed.
-        Unchanged, ///< The store has it so already; nothing was written.
-        Stored ///< Durably.
+        Failed, ///< Nothing was changed, and a warning was logged.
+        Unchanged, ///< The store already has this value; nothing was written.
+        Stored ///< Written durably.
     };
 
     explicit OptionStore(const QString &method);
 
     /// The stored value; an invalid variant when there is none.
     QVariant read(uint uid, const QString &option) const;
-    /// Stores a value.
+    /// Stores a value. Fails without a warning when the value is too long, see StoredValue::isTooLong().
     Outcome write(uint uid, const QString &option, const QVariant &value) const;
-    /// Forgets a value.
+    /// Removes a stored value.
     Outcome remove(uint uid, const QString &option) const;
-    /// Forgets all values of user `uid`; false, with a warning and nothing changed, when that fails. The method-wide
-    /// options belong to no user and stay.
+    /// Removes all stored values of user `uid`. Returns false, with a warning and nothing changed, on failure. Does
+    /// nothing for user id 0: the method-wide options belong to no user.
     bool removeUser(uint uid) const;
 
 private:

@@ -4,5 +4,5 @@
 
 #include <QLoggingCategory>
 
-/// What the platform library itself has to say: "authd.platform", warnings and above by default.
+/// The platform library's own log category: "authd.platform", warnings and above by default.
 Q_DECLARE_LOGGING_CATEGORY(authdPlatform)

@@ -14,7 +14,7 @@ namespace {
 
 constexpr int MaximumSize = 4096;
 
-/// The value as a floating reference; null when there is no form for it.
+/// Returns a floating reference, or null when the type cannot be stored.
 GVariant *toGVariant(const QVariant &value)
 {
     switch (value.userType()) {
@@ -95,7 +95,7 @@ std::optional<std::string> StoredValue::toStored(const QVariant &value)
         return std::nullopt;
     g_autoptr(GVariant) owned = g_variant_ref_sink(variant);
     g_autofree char *text = g_variant_print(owned, TRUE);
-    // The parser takes no subnormal number.
+    // GVariant's parser rejects subnormal numbers.
     g_autoptr(GVariant) back = g_variant_parse(nullptr, text, nullptr, nullptr, nullptr);
     if (!back || !g_variant_equal(owned, back))
         return std::nullopt;

@@ -8,23 +8,24 @@
 #include <optional>
 #include <string>
 
-/// Texts and values as the option store's files have them.
+/// Conversion of strings and values to and from the option store's file format.
 namespace StoredValue {
 
-/// The text in UTF-8; absent when it cannot be written so (a zero character, half a surrogate pair).
+/// Returns the text in UTF-8, or nothing when it holds a null character or a lone surrogate.
 std::optional<std::string> toUtf8(const QString &text);
-/// The text as it is; QString's own conversion would take a leading byte order mark away.
+/// Converts exactly; QString::fromUtf8() would drop a leading byte order mark.
 QString fromUtf8(const char *utf8);
 
-/// Whether the value takes so much room that storing it again and again would keep everybody waiting: more than 4096
-/// characters, texts or bytes in all.
+/// Whether storing the value repeatedly would take too long: more than 4096 characters, bytes or, in a list, strings
+/// and characters together.
 bool isTooLong(const QVariant &value);
-/// The value in the store's form; absent when it has none from which the same value would come back.
+/// Returns the value in the store's format, or nothing when it would not read back as the same value.
 std::optional<std::string> toStored(const QVariant &value);
-/// The value of a text in the store's form; an invalid variant when it is none of those that toStored() takes.
+/// Reads a value in the store's format. Returns an invalid variant when it is malformed or of a type that toStored()
+/// does not write.
 QVariant fromStored(const char *text);
 
-/// Whether `name` can stand as a key or a group in a key file and come back unchanged.
+/// Whether a key file can hold `name` as a key or a group and read it back unchanged.
 bool isKeyFileName(const QString &name);
 
 } // namespace StoredValue

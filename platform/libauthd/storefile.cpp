@@ -26,9 +26,8 @@ using StoredValue::fromUtf8;
 
 namespace {
 
-constexpr int FileMode = S_IRUSR | S_IWUSR;
 constexpr mode_t DirectoryMode = S_IRWXU;
-// As the library that writes the file names its temporary ones.
+// The suffix that GLib gives to its temporary files
 constexpr QLatin1String TemporarySuffix = LibAuthd::Vocabulary::word(".??????");
 constexpr char DamagedSuffix[] = ".damaged";
 
@@ -37,7 +36,7 @@ int openDirectory(const QString &path)
     return open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-/// Makes the directory `path` and those above it that are missing, each on disk before the next.
+/// Creates the directory `path` and its missing parents, each synced to disk before the next.
 bool makeDirectory(const QString &path)
 {
     const QByteArray name = QFile::encodeName(path);
@@ -55,8 +54,7 @@ bool makeDirectory(const QString &path)
 
 StoreFile::StoreFile(const QString &path, Missing missing)
     : m_path(path)
-    , m_name(QFile::encodeName(path))
-    , m_keys(g_key_file_new(), g_key_file_free)
+    , m_file(QFile::encodeName(path))
     , m_directory(open(QFileInfo(path).path(), missing))
 {
     if (m_directory.isOpen())
@@ -71,7 +69,9 @@ bool StoreFile::save() const
 {
     gsize groups = 0;
     [[maybe_unused]] g_auto(GStrv) names = g_key_file_get_groups(keys(), &groups);
-    if (groups == 0 ? removeFile() : replace())
+    if (groups > 0)
+        removeLeftovers();
+    if (groups > 0 ? m_file.write() : removeFile())
         return true;
     warn("Cannot write");
     return false;
@@ -84,7 +84,7 @@ int StoreFile::open(const QString &directory, Missing missing)
     return openDirectory(directory);
 }
 
-// The reason is the system's, never the parser's: a parser quotes what it stumbles over.
+// Logs errno's message. Never log a parser's message: it quotes the file's content.
 void StoreFile::warn(const char *what) const
 {
     qCWarning(authdPlatform) << what << m_path << std::strerror(errno);
@@ -102,18 +102,18 @@ void StoreFile::load()
     }
 
     const std::optional<std::string> content =
-        readRegularFile(m_name.toStdString(), O_NOFOLLOW, std::numeric_limits<std::size_t>::max());
+        readRegularFile(m_file.path().toStdString(), O_NOFOLLOW, std::numeric_limits<std::size_t>::max());
     if (!content && errno == ENOENT) {
         m_usable = true;
     } else if (!content && errno != EINVAL) {
         warn("Cannot read");
     } else if (!content || !parse(*content)) {
         qCWarning(authdPlatform) << "Not a key file" << m_path;
-        m_keys.reset(g_key_file_new());
+        m_file.clear();
         m_usable = setAside(
             [](const char *from, const char *to) { return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE); });
     } else {
-        // The damaged file gets a second name before it is replaced, so that no crash loses what is good in it.
+        // Give the damaged file a second name before replacing it, so that a crash cannot lose its undamaged values.
         m_usable = !dropDamagedValues() || (setAside(link) && save());
     }
 }
@@ -121,12 +121,10 @@ void StoreFile::load()
 bool StoreFile::parse(const std::string &content)
 {
     return g_utf8_validate_len(content.data(), content.size(), nullptr)
-           && g_key_file_load_from_data(keys(), content.data(), content.size(),
-                                        GKeyFileFlags(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS),
-                                        nullptr);
+           && m_file.parse(content, GKeyFileFlags(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS));
 }
 
-// Whether there were any.
+// Returns whether there were any.
 bool StoreFile::dropDamagedValues()
 {
     bool found = false;
@@ -145,16 +143,16 @@ bool StoreFile::dropDamagedValues()
     return found;
 }
 
-// Gives the file the first free name "<file>.damaged", "<file>.damaged.1", ... with `give`.
+// Gives the file the first free name of "<file>.damaged", "<file>.damaged.1", ... by calling `give`.
 bool StoreFile::setAside(int (*give)(const char *from, const char *to)) const
 {
-    QByteArray name = m_name + DamagedSuffix;
-    for (int number = 1; give(m_name.constData(), name.constData()) != 0; ++number) {
+    QByteArray name = m_file.path() + DamagedSuffix;
+    for (int number = 1; give(m_file.path().constData(), name.constData()) != 0; ++number) {
         if (errno != EEXIST) {
             warn("Cannot set aside");
             return false;
         }
-        name = m_name + DamagedSuffix + '.' + QByteArray::number(number);
+        name = m_file.path() + DamagedSuffix + '.' + QByteArray::number(number);
     }
     qCWarning(authdPlatform) << "Set aside as" << QFile::decodeName(name);
     return true;
@@ -162,19 +160,10 @@ bool StoreFile::setAside(int (*give)(const char *from, const char *to)) const
 
 bool StoreFile::removeFile() const
 {
-    return (unlink(m_name.constData()) == 0 || errno == ENOENT) && fsync(m_directory) == 0;
+    return (unlink(m_file.path().constData()) == 0 || errno == ENOENT) && fsync(m_directory) == 0;
 }
 
-bool StoreFile::replace() const
-{
-    removeLeftovers();
-    gsize size = 0;
-    g_autofree char *content = g_key_file_to_data(keys(), &size, nullptr);
-    constexpr auto flags = GFileSetContentsFlags(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE);
-    return g_file_set_contents_full(m_name.constData(), content, static_cast<gssize>(size), flags, FileMode, nullptr);
-}
-
-// A writer that was killed leaves its temporary file behind; no living one has any while the lock is held.
+// A writer that was killed leaves its temporary file behind. While we hold the lock, no other writer is at work.
 void StoreFile::removeLeftovers() const
 {
     const QFileInfo file(m_path);

@@ -2,15 +2,14 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include <QByteArray>
+#include "keyfile.h"
+
 #include <QString>
 
-#include <glib.h>
-#include <memory>
 #include <string>
 #include <unistd.h>
 
-/// A descriptor that is closed at the end of its scope.
+/// Closes its descriptor on destruction.
 class DirectoryDescriptor
 {
 public:
@@ -31,7 +30,7 @@ private:
     const int m_fd;
 };
 
-/// One file of the store, locked against other processes and read, for as long as the object lives.
+/// One file of the option store: locked against other processes and loaded for the lifetime of the object.
 class StoreFile
 {
 public:
@@ -39,11 +38,12 @@ public:
 
     StoreFile(const QString &path, Missing missing);
 
-    /// False, after a warning, when what the file holds is not known, so that writing it would lose that.
+    /// False when the file's content is unknown, so that writing the file would lose data. A warning has been logged.
     bool isUsable() const { return m_usable; }
-    GKeyFile *keys() const { return m_keys.get(); }
+    GKeyFile *keys() const { return m_file.keys(); }
 
-    /// Replaces the file by what keys() holds now, or removes it when that is nothing. Durable once this returns true.
+    /// Replaces the file with the content of keys(), or removes it when there is none. The change is durable when this
+    /// returns true.
     bool save() const;
 
 private:
@@ -56,12 +56,10 @@ private:
     bool dropDamagedValues();
     bool setAside(int (*give)(const char *from, const char *to)) const;
     bool removeFile() const;
-    bool replace() const;
     void removeLeftovers() const;
 
     const QString m_path;
-    const QByteArray m_name;
-    std::unique_ptr<GKeyFile, void (*)(GKeyFile *)> m_keys;
+    KeyFile m_file;
     const DirectoryDescriptor m_directory;
     bool m_usable = false;
 };

@@ -269,9 +269,9 @@ void TstFactorSettingsBase::failures_data()
     const QString line = QStringLiteral("getOption \"kavet\" 1000 \"attempts\" ");
     QTest::newRow("error") << int(RunningService::Error)
                            << line + QStringLiteral("\"qarv.AuthService.Error.NoSuchOption\"");
-    QTest::newRow("no value") << int(RunningService::NoValue) << line + QStringLiteral("Unexpected answer \"\"");
-    QTest::newRow("plain value") << int(RunningService::PlainValue) << line + QStringLiteral("Unexpected answer \"i\"");
-    QTest::newRow("two values") << int(RunningService::TwoValues) << line + QStringLiteral("Unexpected answer \"vv\"");
+    QTest::newRow("no value") << int(RunningService::NoValue) << line + QStringLiteral("Unexpected reply \"\"");
+    QTest::newRow("plain value") << int(RunningService::PlainValue) << line + QStringLiteral("Unexpected reply \"i\"");
+    QTest::newRow("two values") << int(RunningService::TwoValues) << line + QStringLiteral("Unexpected reply \"vv\"");
 }
 
 void TstFactorSettingsBase::failures()

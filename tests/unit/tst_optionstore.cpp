@@ -381,7 +381,7 @@ void TstOptionStore::names()
     QCOMPARE(readFile(userFile), before);
     QCOMPARE(log.lines().size(), legal ? 0 : 3);
     if (!legal)
-        QVERIFY(log.lines().constFirst().startsWith(QLatin1String("Not a name for an option \"probe\" ")));
+        QVERIFY(log.lines().constFirst().startsWith(QLatin1String("Invalid option name \"probe\" ")));
 }
 
 void TstOptionStore::methodNames_data()
@@ -411,7 +411,7 @@ void TstOptionStore::methodNames()
     QCOMPARE(log.lines().size(), legal ? 0 : 5);
     const QStringList lines = log.lines();
     for (const QString &line : lines)
-        QVERIFY(line.startsWith(QLatin1String("Not a name for a method \"")));
+        QVERIFY(line.startsWith(QLatin1String("Invalid method name \"")));
 }
 
 void TstOptionStore::files()

@@ -9,67 +9,68 @@
 #include <QtPlugin>
 
 /// An authentication method, as the daemon sees it. The daemon loads one object per method from a Qt plugin and calls
-/// it on its own thread; no call may block. The outcome of a request is reported later through succeed(), finish() or
-/// inputRequested().
+/// it on its own thread. No call may block. A method reports the outcome of a request later, through succeed(),
+/// finish() or inputRequested().
 ///
-/// The order of the virtual functions is binary interface, see LibAuthd::BaseHandler.
+///
+/// The order of the virtual functions is part of the binary interface, see LibAuthd::BaseHandler.
 class AUTHD_EXPORT AuthPluginInterface : public LibAuthd::BaseHandler
 {
     Q_OBJECT
 
 public:
-    /// A method named `name`; its options are stored under that name.
+    /// Creates a method named `name`. Its options are stored under that name.
     explicit AuthPluginInterface(QString name);
     ~AuthPluginInterface() override;
 
-    /// Sets the daemon's handler, which must outlive this object or be replaced; null stops notifications.
+    /// Sets the daemon's handler. It must outlive this object or be replaced. Null stops notifications.
     virtual void setNotificator(NotificationHandler *notificator);
-    /// The method's screens. The object belongs to the method.
+    /// The method's screens. The method owns the object.
     virtual const AuthUiPages &pages() const = 0;
-    /// What kinds of secret the method works with, as the daemon's method-type bits.
+    /// The kinds of secret that the method accepts, as the daemon's method-type bits.
     virtual int types() const = 0;
     /// The name of result code `code`; a null string when there is no such code.
     virtual QString getErrorMessage(int code) const = 0;
-    /// Whether the device may be handed to user `uid` by this method. The base says true.
+    /// Whether this method allows switching the device to user `uid`. The base returns true.
     virtual bool canSwitchToUser(uint uid);
-    /// Forgets the request in progress.
+    /// Drops the request in progress.
     virtual void reset() = 0;
-    /// Starts authenticating user `uid` with what the user has entered: values by the method's own keys, among them the
-    /// secret; empty when nothing has been entered yet.
+    /// Starts authenticating user `uid`. `data` is the user's input under the method's own keys, including the secret;
+    /// it is empty if the user has not entered anything yet.
     virtual void authenticate(uint uid, const QMap<QString, QVariant> &data) = 0;
-    /// Whether the method can be offered to user `uid`.
+    /// Whether user `uid` can use the method.
     virtual bool isAvailable(uint uid) = 0;
-    /// Changes the user's secret; false when the method cannot. The base cannot.
+    /// Changes the user's secret. Returns false when the method cannot, as the base does.
     virtual bool changeAuthData(uint uid, const QMap<QString, QVariant> &data);
-    /// The session of user `uid` has started or stopped. `manageClient` false: only what the method keeps about the
-    /// session is to be refreshed, programs that run for the user are left alone.
+    /// Called when a session of user `uid` has started or stopped. If `manageClient` is false, the method only
+    /// refreshes its own record of the session and leaves the user's client alone.
     virtual void handleUserSessionTriggered(uint uid, bool started, bool manageClient) = 0;
-    /// User `uid` has been locked or unlocked, for the `reason` and the `duration` (in seconds) that lockUser() takes.
-    /// The base does nothing.
+    /// Called when user `uid` has been locked or unlocked, with the `reason` and the `duration` (in seconds) of
+    /// lockUser(). The base does nothing.
     virtual void handleUserLocked(uint uid, bool locked, const QString &reason, uint duration);
-    /// The system time has moved by `seconds`. The base does nothing.
+    /// Called when the system time has moved by `seconds`. The base does nothing.
     virtual void handleTimeSettingsChanged(long seconds);
-    /// The method has been switched on or off for user `uid`. The base does nothing.
+    /// Called when the method has been enabled or disabled for user `uid`. The base does nothing.
     virtual void handleSetEnabled(uint uid, bool enabled);
-    /// Whether user `uid` has a secret with this method. The base says true.
+    /// Whether user `uid` has a secret for this method. The base returns true.
     virtual bool hasAuthData(uint uid) const;
-    /// The secret in what the user has entered; a null string when there is none.
+    /// Returns the secret in the user's input, or a null string when there is none.
     virtual QString getAuthData(const QMap<QString, QVariant> &data) = 0;
-    /// Counts a failed attempt of user `uid`; returns the method's result code for it.
+    /// Counts a failed attempt of user `uid`. Returns the method's result code for it.
     virtual int increaseAttempts(uint uid) = 0;
-    /// How many failed attempts the method allows; 0 means no limit, which the base says.
+    /// The number of failed attempts that the method allows. 0 means no limit, which the base returns.
     virtual int getMaxAttempts();
-    /// How many attempts user `uid` has left; not above 0 when they are used up.
+    /// The number of attempts that user `uid` has left; 0 or less when none are left.
     virtual int getAttempts(uint uid) = 0;
-    /// Forgets the failed attempts of user `uid`.
+    /// Resets the count of failed attempts of user `uid`.
     virtual void resetAttempts(uint uid) = 0;
-    /// Whether user `uid` must change the secret at the next opportunity. The base says false.
+    /// Whether user `uid` must change the secret at the next opportunity. The base returns false.
     virtual bool needChangeNextTime(uint uid);
-    /// Whether user `uid` has chosen this method. The base says false.
+    /// Whether user `uid` has chosen this method. The base returns false.
     virtual bool wasChosen(uint uid) const;
-    /// Whether what the method relies on works for user `uid`. The base says true.
+    /// Whether the method's backend works for user `uid`. The base returns true.
     virtual bool checkBackend(uint uid);
-    /// The device's main screen has appeared or gone. The base does nothing.
+    /// Called when the device's main screen has been shown or hidden. The base does nothing.
     virtual void onMainPageVisibleChanged();
 
     /// Reports that the attempt in progress has succeeded.
@@ -78,7 +79,7 @@ public:
     void finish(bool success, const QMap<QString, QVariant> &params);
     /// Asks for input from the user, see NotificationHandler::inputRequested().
     void inputRequested(const QMap<QString, QVariant> &params);
-    /// Asks the daemon to start the authentication of user `uid` afresh.
+    /// Asks the daemon to restart the authentication of user `uid`.
     void restartAuth(uint uid);
     /// Asks the daemon to lock or unlock user `uid`, see NotificationHandler::lockUser().
     void lockUser(uint uid, bool lock, const QString &reason, uint duration);

@@ -4,7 +4,7 @@
 
 #include <authd/vocabulary.h>
 
-/// Where the authentication service stands on the system bus. Its messages are named in LibAuthd::Vocabulary.
+/// The address of the authentication service on the system bus. LibAuthd::Vocabulary has the names of its messages.
 namespace LibAuthd {
 namespace AuthService {
 

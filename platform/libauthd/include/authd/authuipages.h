@@ -4,14 +4,14 @@
 
 #include <QString>
 
-/// Names of the screens with which the system's user interface presents an authentication method. An empty name means
-/// that the method has no such screen.
+/// Names of the screens that the user interface shows for an authentication method. An empty name means that the method
+/// has no such screen.
 struct AuthUiPages
 {
     /// Screen on which the user authenticates.
     QString authPage;
     /// Screen shown before the authentication screen.
     QString prePage;
-    /// Screen that tells about the method.
+    /// Screen with information about the method.
     QString infoPage;
 };

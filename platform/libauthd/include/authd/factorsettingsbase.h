@@ -8,20 +8,20 @@
 #include <QScopedPointer>
 #include <QVariant>
 
-/// Base of the settings object that a method's screens use in a process of their own. Reads the method's options over
-/// the authentication service "qarv.AuthService" on the system bus and follows their changes.
+/// Base class of the settings object that a method's screens use in their own process. It reads the method's options
+/// from the authentication service "qarv.AuthService" on the system bus and follows their changes.
 class AUTHD_EXPORT FactorSettingsBase : public QObject
 {
     Q_OBJECT
 
 public:
-    /// Settings of the method `name`, owned by `parent`. Changes are followed from the start. Without a system bus the
-    /// object works, but every option is absent.
+    /// Creates the settings of the method `name`, owned by `parent`, and starts to follow changes. Without a system bus
+    /// every option is absent.
     FactorSettingsBase(QObject *parent, const QString &name);
     ~FactorSettingsBase() override;
 
-    /// The value of `option` of user `uid` (0: of the method as a whole) in the daemon's option store, or as the method
-    /// computes it. Waits for the daemon's answer. An invalid variant when the daemon does not answer, refuses, or
+    /// The value of `option` of user `uid` (0: of the method as a whole), stored by the daemon or computed by the
+    /// method. Blocks until the daemon replies. Returns an invalid variant when the daemon does not reply, refuses, or
     /// knows no such option.
     QVariant getOption(uint uid, const QString &option) const;
 

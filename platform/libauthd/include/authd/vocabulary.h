@@ -4,11 +4,11 @@
 
 #include <QLatin1String>
 
-/// The words that daemon, methods and screens share: option names, directories and message names of the service.
+/// The names that the daemon, the methods and their screens share: options, directories and messages of the service.
 namespace LibAuthd {
 namespace Vocabulary {
 
-/// Not every compiler can count a text's characters at compile time in QLatin1String's own constructor.
+/// Wraps a string literal. QLatin1String's own constructor is not constexpr on every supported compiler.
 template <int size>
 constexpr QLatin1String word(const char (&text)[size])
 {
@@ -79,7 +79,7 @@ constexpr QLatin1String UserMethodOptionChanged = word("UserMethodOptionChanged"
 constexpr QLatin1String UserMethodActionCompleted = word("UserMethodActionCompleted");
 constexpr QLatin1String StateChanged = word("StateChanged");
 
-// Who asks for an authentication
+// Callers that ask for an authentication
 constexpr QLatin1String Worker = word("worker");
 constexpr QLatin1String Unlock = word("unlock");
 constexpr QLatin1String Login = word("login");
