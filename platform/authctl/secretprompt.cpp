@@ -71,7 +71,7 @@ bool readCharacter(char &character, int signals)
     for (;;) {
         pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
         if (poll(sources, std::size(sources), -1) < 0)
-            continue; // Interrupted.
+            continue; // interrupted
         if (sources[1].revents != 0)
             throw nothingEntered();
         const ssize_t count = read(STDIN_FILENO, &character, 1);

@@ -23,7 +23,7 @@ constexpr char Shells[] = "/etc/shells";
 
 using Stamp = std::tuple<dev_t, ino_t, off_t, time_t, long, time_t, long>;
 
-/// What another content of the file has another of.
+/// Changes whenever the content of the file changes.
 Stamp stampOf(const char *path)
 {
     struct stat status = {};
@@ -33,7 +33,7 @@ Stamp stampOf(const char *path)
             status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 
-/// What `read` makes of the file, as long as that does not change: it is asked for with each call.
+/// Returns what `read` makes of the file. Caches it until the file changes, because each call needs it.
 template <typename Content>
 const Content &contentOf(const char *path, Content (*read)())
 {
@@ -47,7 +47,7 @@ const Content &contentOf(const char *path, Content (*read)())
     return content;
 }
 
-/// The user ids that the system gives to people; what shadow's programs assume when the file does not say.
+/// The user ids of people. The defaults are those that shadow's programs use when the file does not say.
 struct UidRange
 {
     uint first = 1000;
@@ -104,6 +104,6 @@ bool Accounts::isUser(uint uid) const
 Reply Accounts::check(uint uid) const
 {
     if (!isUser(uid))
-        return Reply(Errors::NoSuchUser, QStringLiteral("There is no user %1 to authenticate").arg(uid));
+        return Reply(Errors::NoSuchUser, QStringLiteral("No user with the id %1 can be authenticated").arg(uid));
     return Reply();
 }

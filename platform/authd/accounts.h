@@ -4,15 +4,15 @@
 
 #include "reply.h"
 
-/// Which accounts the service knows as users: those that people log in with. Service accounts have a user id and could
-/// otherwise ask for a client of their own.
+/// Decides which accounts the service accepts as users: those that people log in with. Service accounts have user ids
+/// too, and must not be able to request a client of their own.
 class Accounts
 {
 public:
     enum Rule {
-        /// A user id from UID_MIN to UID_MAX of /etc/login.defs, and a shell that /etc/shells lists.
+        /// The user id is between UID_MIN and UID_MAX of /etc/login.defs, and /etc/shells lists the shell.
         ForPeople,
-        /// Every account but root's.
+        /// Every account except root.
         All
     };
 
@@ -21,9 +21,9 @@ public:
     {
     }
 
-    /// Whether `uid` is a user; asks the system anew each time.
+    /// Whether `uid` is a user. Queries the system on every call.
     bool isUser(uint uid) const;
-    /// An error for one that is not; none for a user.
+    /// Returns an error if `uid` is not a user.
     Reply check(uint uid) const;
 
 private:

@@ -12,7 +12,7 @@ using AttemptId = quint64;
 
 constexpr AttemptId NoAttempt = 0;
 
-/// Who calls: a connection to the bus by its unique name, and the user it belongs to.
+/// A caller: the unique name of its bus connection, and the user that the connection belongs to.
 struct Caller
 {
     QString name;
@@ -21,26 +21,26 @@ struct Caller
     bool isRoot() const { return uid == 0; }
 };
 
-/// An attempt as far as others know it: its number, and the connection that it belongs to. No attempt by default.
+/// Identifies an attempt to others: its number, and the connection that it belongs to. By default, no attempt.
 struct AttemptName
 {
     AttemptId id = NoAttempt;
     QString caller;
 };
 
-/// An attempt to authenticate a user that has no outcome yet.
+/// An attempt to authenticate a user, until it has an outcome.
 struct Attempt
 {
     enum Phase {
         /// Waits for its turn.
         Queued,
-        /// The method works on it.
+        /// The method is working on it.
         Active,
-        /// Active, but the method has had to start again; the user may enter anew.
+        /// Active, but the method restarted its client. The user may send the input again.
         Restarted,
-        /// Active, with an outcome that is about to be told.
+        /// Active, with an outcome that has not been reported yet.
         Answered,
-        /// Waits for the user to enter something.
+        /// Waits for input from the user.
         AwaitingInput
     };
 
@@ -48,15 +48,15 @@ struct Attempt
     uint uid = 0;
     QString method;
     Caller caller;
-    /// What the user has entered; empty when only the method is to get ready.
+    /// The user's input; empty if the method only has to prepare.
     QVariantMap data;
     Phase phase = Queued;
-    /// When it is given up.
+    /// When the attempt times out.
     QDeadlineTimer deadline;
-    /// Since when it waits for its turn.
+    /// Measures how long the attempt has been queued.
     QElapsedTimer waiting;
-    /// Whether it has been told that it waits.
-    bool isToldToWait = false;
+    /// Whether mustWait() has been emitted for the attempt.
+    bool hasReportedWait = false;
 
     AttemptName name() const { return {id, caller.name}; }
 };

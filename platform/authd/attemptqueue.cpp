@@ -36,7 +36,7 @@ void AttemptQueue::renew(AttemptId id, const QVariantMap &data)
     attempt.phase = Attempt::Queued;
     attempt.deadline = QDeadlineTimer(m_timeLimit);
     attempt.waiting.start();
-    attempt.isToldToWait = false;
+    attempt.hasReportedWait = false;
     if (m_active == id)
         m_active = NoAttempt;
     schedule();
@@ -103,8 +103,8 @@ void AttemptQueue::work()
 
     auto wait = milliseconds::max();
     for (auto &[id, attempt] : m_attempts) {
-        if (attempt.phase == Attempt::Queued && !attempt.isToldToWait) {
-            attempt.isToldToWait = true;
+        if (attempt.phase == Attempt::Queued && !attempt.hasReportedWait) {
+            attempt.hasReportedWait = true;
             Q_EMIT mustWait(id);
         }
         if (attempt.phase != Attempt::Answered)
@@ -119,8 +119,8 @@ void AttemptQueue::work()
 
 void AttemptQueue::begin(Attempt &attempt)
 {
-    // The turn's time goes on while the same user follows and another one waits: else a user could keep the turn by
-    // opening one attempt after the other.
+    // Keep the turn's clock running if the same user continues while another waits. Otherwise a user could hold the
+    // turn by opening one attempt after another.
     if (attempt.uid != m_turnUid || !nextWaiting(attempt.uid)) {
         m_turnUid = attempt.uid;
         m_turn.start();
@@ -160,7 +160,7 @@ milliseconds AttemptQueue::untilCut()
     const milliseconds turn{m_turn.elapsed()};
     if (next->caller.isRoot() && !current->caller.isRoot())
         return std::max(TurnLimitForRoot - turn, 0ms);
-    // Whoever has just come waits as long as the one who has just begun.
+    // A new arrival must not cut the turn short at once: what counts is the shorter of the turn and the longest wait.
     milliseconds longest{0};
     for (const auto &entry : m_attempts) {
         if (entry.second.phase == Attempt::Queued && entry.second.uid != current->uid)

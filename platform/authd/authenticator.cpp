@@ -48,7 +48,7 @@ Reply Authenticator::authenticate(const Caller &caller, uint uid, const QString 
     if (const Attempt *present = m_queue.ofUser(uid)) {
         const bool isOwn = present->caller.name == caller.name;
         if (!isOwn && !caller.isRoot())
-            return Reply(Errors::Busy, QStringLiteral("Another program has an attempt of the user open"));
+            return Reply(Errors::Busy, QStringLiteral("Another program has an open attempt for this user"));
         const bool mayEnter = present->phase == Attempt::AwaitingInput || present->phase == Attempt::Restarted;
         if (isOwn && mayEnter && present->method == method && !data.isEmpty()) {
             const AttemptId id = present->id;
@@ -61,10 +61,11 @@ Reply Authenticator::authenticate(const Caller &caller, uint uid, const QString 
         giveUp(present->id, Reasons::Replaced);
     }
     if (m_queue.ofCaller(caller.name).size() >= Limits::AttemptsPerConnection)
-        return Reply(Errors::LimitsExceeded, QStringLiteral("The caller has too many attempts open"));
+        return Reply(Errors::LimitsExceeded, QStringLiteral("The caller has too many open attempts"));
 
     const AttemptId id = m_queue.open(uid, method, caller, data);
-    // Told of when the caller has its number, as pending unless it has to wait.
+    // The state is reported from the event loop, after the reply with the attempt's number: as pending, or as queued if
+    // the attempt has to wait.
     m_states.prepare(uid, {id, caller.name}, States::Queued, {{States::Method, method}});
     Log::write(
         Log::Info, "attempt-opened",
@@ -77,7 +78,7 @@ Reply Authenticator::cancel(const Caller &caller, AttemptId id)
     catchUp();
     const Attempt *attempt = m_queue.find(id);
     if (!attempt || (!caller.isRoot() && attempt->caller.name != caller.name))
-        return Reply(Errors::NoAttempt, QStringLiteral("The caller has no such attempt open"));
+        return Reply(Errors::NoAttempt, QStringLiteral("The caller has no such open attempt"));
     giveUp(id, Reasons::Cancelled);
     return Reply();
 }
@@ -100,7 +101,7 @@ Reply Authenticator::unlock(uint uid)
     if (m_locks->unlock(uid)) {
         Log::write(Log::Notice, "user-unlocked", {{"uid", uid}});
         m_states.set(uid, {}, States::Idle);
-        tellMethodsOfLock(uid, false, QString(), 0);
+        notifyMethodsOfLock(uid, false, QString(), 0);
     }
     return Reply();
 }
@@ -131,7 +132,7 @@ Reply Authenticator::stopSession(uint uid, bool manageClient)
         return Reply();
     if (!giveUpOf(uid, Reasons::SessionStopped))
         m_states.set(uid, {}, States::Idle);
-    // With the request still in mind, a method would start the client again as soon as it has ended.
+    // Reset the methods: a method that still has a request would restart the client as soon as it exits.
     for (const Method &method : *m_methods) {
         if (m_requests.value(method.name) == uid && m_requests.remove(method.name))
             method.plugin->reset();
@@ -201,7 +202,7 @@ void Authenticator::forgetRequest(const QString &method, QVariantMap &data)
     RequestData::wipe(data);
 }
 
-void Authenticator::tellMethodsOfLock(uint uid, bool locked, const QString &reason, uint duration)
+void Authenticator::notifyMethodsOfLock(uint uid, bool locked, const QString &reason, uint duration)
 {
     for (const Method &method : *m_methods)
         method.plugin->handleUserLocked(uid, locked, reason, duration);

@@ -21,46 +21,47 @@
 
 class LockStore;
 
-/// Drives the methods: opens attempts, has each take its turn with its method, takes the outcomes, counts and locks.
-/// Which calls a caller may make about which user is for AuthService to check.
+/// Drives the methods: opens attempts, gives each its turn with its method, handles the outcomes, counts failures and
+/// locks users. AuthService checks which calls a caller may make.
 ///
-/// A method knows one request at a time and names no user in its outcomes, so what it tells is about the active
+///
+/// A method handles one request at a time and names no user in its outcomes, so an outcome applies to the active
 /// attempt.
 class Authenticator : public QObject, private NotificationHandler
 {
     Q_OBJECT
 
 public:
-    /// All must outlive this object. The methods tell it what happens from now on.
+    /// Starts to receive the methods' notifications. All arguments must outlive this object.
     Authenticator(const Methods *methods, const Accounts *accounts, LockStore *locks, Sessions *sessions,
                   std::chrono::milliseconds timeLimit);
     ~Authenticator() override;
 
-    /// Goes on with the caller's attempt of user `uid` that awaits input, or opens one; the answer holds its number.
-    /// Without data the method only gets ready.
+    /// Continues the caller's attempt for user `uid` if it waits for input, otherwise opens one. The reply holds the
+    /// attempt's number. Without data the method only prepares.
     Reply authenticate(const Caller &caller, uint uid, const QString &method, const QVariantMap &data);
-    /// Gives up an attempt on behalf of `caller`, whose it must be unless root calls.
+    /// Cancels an attempt on behalf of `caller`. Only root may cancel an attempt of another caller.
     Reply cancel(const Caller &caller, AttemptId id);
-    /// Gives up the attempts of a connection that has gone.
+    /// Gives up the attempts of a connection that left the bus.
     void forgetCaller(const QString &name);
     Reply unlock(uint uid);
     Reply startSession(uint uid, bool manageClient);
     Reply stopSession(uint uid, bool manageClient);
-    /// Tells the methods of sessions that have gone on since the daemon before.
+    /// Reports sessions to the methods that began under a previous daemon and still exist.
     void resumeSessions(const Sessions::Map &sessions);
-    /// The state of `uid`: attempt, name and details.
+    /// Returns the state of `uid`: attempt, name and details.
     Reply state(uint uid) const;
-    /// How often root has unlocked `uid`.
+    /// Returns how often root has unlocked `uid`.
     Reply unlocks(uint uid) const;
 
 Q_SIGNALS:
     void authenticated(const AttemptName &attempt, uint uid, const QString &method);
-    /// `code` is ResultCodes::None when the method gave none.
+    /// `code` is ResultCodes::None when the method did not report one.
     void authenticationFailed(const AttemptName &attempt, uint uid, const QString &method, int code,
                               const QString &name, bool isCounted, int attemptsLeft);
     void attemptGivenUp(const AttemptName &attempt, uint uid, const QString &method, const QString &reason);
     void stateChanged(uint uid, const UserStates::State &state);
-    /// The option of `uid`, 0 for the method as a whole.
+    /// An option of `uid` has changed; 0 stands for the method as a whole.
     void optionHasChanged(uint uid, const QString &method, const QString &option, const QVariant &value);
 
 private:
@@ -74,22 +75,23 @@ private:
     void optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
                        bool computed) override;
 
-    /// Later, when no method is on the stack, since it is for calling methods; in the order in which it was told.
+    /// Queues an action that calls into methods, until no method is on the stack. Actions run in the order of their
+    /// notifications.
     void postpone(std::function<void()> action);
-    /// Does what has been postponed.
+    /// Runs the postponed actions.
     void catchUp();
-    /// Postpones `handle` for the active attempt, when that still lacks an outcome.
+    /// Postpones `handle` for the active attempt, unless that already has an outcome.
     void takeOutcome(const char *outcome, const QString &method, const std::function<void(Attempt &)> &handle);
     void handleSuccess(Attempt attempt);
     void handleFailure(Attempt attempt, const QMap<QString, QVariant> &params);
     void handleInputRequest(Attempt &attempt, const QMap<QString, QVariant> &params);
     void begin(AttemptId id);
     void giveUp(AttemptId id, const QString &reason);
-    /// The same for the user's open attempt; false when there is none without an outcome.
+    /// Gives up the user's open attempt. Returns false when the user has none, or one with an outcome.
     bool giveUpOf(uint uid, const QString &reason);
-    /// Has the method forget its request, and wipes the data that it may share.
+    /// Resets the method, and wipes the data, which the method may share.
     void forgetRequest(const QString &method, QVariantMap &data);
-    void tellMethodsOfLock(uint uid, bool locked, const QString &reason, uint duration);
+    void notifyMethodsOfLock(uint uid, bool locked, const QString &reason, uint duration);
 
     const Methods *const m_methods;
     const Accounts *const m_accounts;
@@ -97,9 +99,9 @@ private:
     Sessions *const m_sessions;
     UserStates m_states;
     AttemptQueue m_queue;
-    /// Whose request each method has in mind.
+    /// The user of each method's current request.
     QHash<QString, uint> m_requests;
-    /// Lines in the log about options, by whose they are.
+    /// Limits the log lines about option changes, per user.
     std::map<uint, LogLimit> m_changes;
     std::deque<std::function<void()>> m_postponed;
 };

@@ -62,7 +62,7 @@ AuthService::~AuthService()
     sd_bus_slot_unref(m_filter);
 }
 
-// Comes before everything that the library does with a message, and so must be quick.
+// Runs before the library processes a message, so it must be quick.
 int AuthService::filter(sd_bus_message *message, void *service, sd_bus_error *)
 {
     auto *const self = static_cast<AuthService *>(service);
@@ -70,7 +70,7 @@ int AuthService::filter(sd_bus_message *message, void *service, sd_bus_error *)
     if (!sender || sd_bus_message_is_method_call(message, nullptr, nullptr) <= 0)
         return 0;
     const std::optional<Caller> caller = self->m_callers.find(sender);
-    // Also those that the library answers by itself count, so that it must be known whose they are.
+    // Calls that the library answers itself count too, so identify every caller.
     const bool isWithinLimits =
         caller ? self->mayCall(*caller)
                : self->m_callers.identify(sender, [self](const Caller &known) { self->mayCall(known); });
@@ -87,7 +87,7 @@ int AuthService::answer(sd_bus_message *call, void *service, sd_bus_error *)
     QVariantList arguments;
     const int result = BusValues::read(call, arguments);
     if (!sender || (result < 0 && result != -E2BIG))
-        return sd_bus_reply_method_errorf(call, Errors::InvalidArgs.data(), "The call is not well-formed");
+        return sd_bus_reply_method_errorf(call, Errors::InvalidArgs.data(), "Malformed call");
     const Handler handler =
         result == -E2BIG
             ? [](const Caller &) { return Reply(Errors::LimitsExceeded, QStringLiteral("The call has too much data")); }
@@ -116,7 +116,7 @@ void AuthService::respond(sd_bus_message *call, const Caller &caller, const Hand
     if (sd_bus_message_new_method_return(call, &message) >= 0 && BusValues::append(message, reply.values) >= 0)
         sd_bus_send(nullptr, message, nullptr);
     else
-        sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "The answer cannot be sent");
+        sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "The reply cannot be sent");
     sd_bus_message_unref(message);
 }
 

@@ -16,26 +16,26 @@ class Authenticator;
 class MethodOptions;
 class Methods;
 
-/// The authentication service's object on the bus. Finds out who calls, lets root do everything and a user what
-/// concerns that user, keeps everybody within the limits, and leaves the rest to others. What each call does stands in
-/// the interface's description.
+/// The authentication service's object on the bus. It identifies callers, checks their rights (root may call
+/// everything, a user what concerns that user), enforces the limits, and delegates the rest. The D-Bus interface file
+/// describes each call.
 class AuthService : public QObject
 {
     Q_OBJECT
 
 public:
-    /// A service on `bus`. All must outlive this object.
+    /// Creates the service on `bus`. All arguments must outlive this object.
     AuthService(const SystemBus *bus, const Methods *methods, const MethodOptions *options,
                 Authenticator *authenticator);
     ~AuthService() override;
 
 private:
-    /// What to answer to a caller.
+    /// Produces the reply for a caller.
     using Handler = std::function<Reply(const Caller &caller)>;
-    /// The same for a call with arguments, which are of the types that the interface's description has.
+    /// Creates the handler of a call from its arguments, which have the types that the interface file gives.
     using Call = std::function<Handler(const QVariantList &arguments)>;
 
-    /// What a user's calls may still do.
+    /// A user's remaining allowance.
     struct Allowance
     {
         RateLimit calls;

@@ -11,7 +11,7 @@
 
 #include <memory>
 
-// What each call does, by the arguments that the interface's description has.
+// The handlers of the calls in the D-Bus interface file.
 
 namespace {
 
@@ -21,9 +21,9 @@ Handler forUser(const QVariantList &arguments, const Handler &handler)
 {
     return [uid = arguments.at(0).toUInt(), handler](const Caller &caller) {
         if (!caller.isRoot() && caller.uid != uid)
-            return Reply(Errors::AccessDenied, QStringLiteral("This is for the user and for root"));
+            return Reply(Errors::AccessDenied, QStringLiteral("Only the user and root may do this"));
         if (uid == 0)
-            return Reply(Errors::NoSuchUser, QStringLiteral("The user id 0 stands for no user"));
+            return Reply(Errors::NoSuchUser, QStringLiteral("User id 0 is not a user"));
         return handler(caller);
     };
 }
@@ -31,7 +31,7 @@ Handler forUser(const QVariantList &arguments, const Handler &handler)
 Handler forRoot(const Handler &handler)
 {
     return [handler](const Caller &caller) {
-        return caller.isRoot() ? handler(caller) : Reply(Errors::AccessDenied, QStringLiteral("This is for root"));
+        return caller.isRoot() ? handler(caller) : Reply(Errors::AccessDenied, QStringLiteral("Only root may do this"));
     };
 }
 
@@ -76,7 +76,7 @@ void AuthService::addCalls()
         return forUser(a, [this, uid = a.at(0).toUInt(), method = a.at(1).toString(), entered](const Caller &caller) {
             Reply reply = openAttempt(caller, uid, method, entered->data);
             if (!reply.isError())
-                entered->data.clear(); // The attempt has it now.
+                entered->data.clear(); // The attempt owns it now.
             return reply;
         });
     };

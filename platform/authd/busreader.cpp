@@ -16,7 +16,7 @@ constexpr char TextList[] = "s";
 constexpr char Bytes[] = "y";
 constexpr char Map[] = "{sv}";
 
-/// Bytes that no text within the limit has, however many a character takes.
+/// A length in bytes that no text within the limit reaches, however many bytes a character takes.
 constexpr std::size_t TooManyBytes = std::size_t(RequestData::TextLimit) * 4 + 1;
 
 template <typename Type>
@@ -87,7 +87,7 @@ int readMap(sd_bus_message *message, QVariant &value)
 
 int skip(sd_bus_message *message, char type, const char *contents, QVariant &value)
 {
-    value = QVariant::fromValue(OddValue());
+    value = QVariant::fromValue(UnsupportedValue());
     const QByteArray types = QByteArray(1, type) + contents;
     switch (type) {
     case SD_BUS_TYPE_STRUCT:
@@ -108,7 +108,7 @@ int readVariant(sd_bus_message *message, const char *contents, QVariant &value)
     if (result >= 0)
         result = sd_bus_message_exit_container(message);
     if (inner.userType() == qMetaTypeId<QDBusVariant>())
-        inner = QVariant::fromValue(OddValue());
+        inner = QVariant::fromValue(UnsupportedValue());
     value = QVariant::fromValue(QDBusVariant(inner));
     return result;
 }
@@ -122,7 +122,7 @@ int readValue(sd_bus_message *message, QVariant &value)
         return result;
     switch (type) {
     case SD_BUS_TYPE_BOOLEAN: {
-        int truth = 0; // As the library has it.
+        int truth = 0; // sd-bus stores booleans as int.
         const int read = sd_bus_message_read_basic(message, type, &truth);
         value = truth != 0;
         return read;

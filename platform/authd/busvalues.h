@@ -6,23 +6,23 @@
 
 #include <systemd/sd-bus.h>
 
-/// What stands in a value from the bus for one of a kind that no call has use for.
-struct OddValue
+/// Placeholder for a value of a type that no call accepts.
+struct UnsupportedValue
 {
 };
-Q_DECLARE_METATYPE(OddValue)
+Q_DECLARE_METATYPE(UnsupportedValue)
 
-/// Values in messages: truth values, numbers, texts, lists of texts, byte arrays (QByteArray), dictionaries of texts to
-/// values (QVariantMap) and variants (QDBusVariant).
+/// Reads and writes values in messages: booleans, numbers, strings, lists of strings, byte arrays (QByteArray),
+/// dictionaries of strings to values (QVariantMap) and variants (QDBusVariant).
 namespace BusValues {
 
-/// Reads the arguments of a message. Negative on failure: -E2BIG as soon as something is beyond the limits, so that a
+/// Reads the arguments of a message. Returns a negative error. Returns -E2BIG as soon as a limit is exceeded, so that a
 /// huge message takes no longer than others.
 int read(sd_bus_message *message, QVariantList &arguments);
 
-/// Whether values of this kind can be written; one inside a QDBusVariant cannot.
+/// Whether a value of this type can be written. A QDBusVariant inside a QDBusVariant cannot.
 bool isWritable(const QVariant &value);
-/// Appends values that can be written; negative on failure.
+/// Appends writable values. Returns a negative error.
 int append(sd_bus_message *message, const QVariantList &values);
 
 } // namespace BusValues

@@ -12,7 +12,7 @@ namespace {
 constexpr char TextList[] = "s";
 constexpr char Map[] = "{sv}";
 
-/// The text in UTF-8 as the library takes it: without Unicode's noncharacters.
+/// The text in UTF-8. Replaces Unicode noncharacters, which sd-bus rejects.
 QByteArray toUtf8(QString value)
 {
     for (int i = 0; i < value.size(); ++i) {
@@ -57,7 +57,7 @@ int appendTextList(sd_bus_message *message, const QStringList &list)
     return result < 0 ? result : sd_bus_message_close_container(message);
 }
 
-/// The type's signature; null for a kind that cannot be written.
+/// The type's D-Bus signature, or null for a type that cannot be written.
 const char *signatureOf(const QVariant &value)
 {
     switch (value.userType()) {

@@ -8,7 +8,7 @@ namespace {
 
 constexpr char Bus[] = "org.freedesktop.DBus";
 constexpr char BusPath[] = "/org/freedesktop/DBus";
-// One rule for all connections that end, as the number of rules is limited and that of callers is not.
+// One match rule covers all callers, because the bus limits the number of rules per connection.
 constexpr char EndOfOwner[] = "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
                               "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg2=''";
 
@@ -23,7 +23,7 @@ Callers::Callers(sd_bus *bus)
 Callers::~Callers()
 {
     for (const auto &entry : m_waiting)
-        sd_bus_slot_unref(entry.second.question);
+        sd_bus_slot_unref(entry.second.query);
     sd_bus_slot_unref(m_ownerChanges);
 }
 
@@ -41,11 +41,11 @@ bool Callers::identify(const char *name, const Handler &handler)
     if (waiting.handlers.size() >= Limits::WaitingCallsPerConnection)
         return false;
     waiting.handlers << handler;
-    if (waiting.question)
+    if (waiting.query)
         return true;
     waiting.callers = this;
     waiting.name = name;
-    if (sd_bus_call_method_async(m_bus, &waiting.question, Bus, BusPath, Bus, "GetConnectionUnixUser", handleAnswer,
+    if (sd_bus_call_method_async(m_bus, &waiting.query, Bus, BusPath, Bus, "GetConnectionUnixUser", handleAnswer,
                                  &waiting, "s", name)
         < 0)
         m_waiting.erase(name);
@@ -60,9 +60,9 @@ int Callers::handleAnswer(sd_bus_message *answer, void *waiting, sd_bus_error *)
     Caller caller{QString::fromLatin1(object->name), none.uid};
     const QByteArray name = object->name;
     const QVector<Handler> handlers = object->handlers;
-    sd_bus_slot_unref(object->question);
+    sd_bus_slot_unref(object->query);
     self->m_waiting.erase(name);
-    // An error means that the caller has gone.
+    // An error means that the caller has left the bus.
     if (sd_bus_message_is_method_error(answer, nullptr) > 0 || sd_bus_message_read(answer, "u", &caller.uid) <= 0)
         return 0;
     self->m_callers.insert(name, caller);
@@ -83,7 +83,7 @@ void Callers::forget(const QByteArray &name)
 {
     const auto waiting = m_waiting.find(name);
     if (waiting != m_waiting.end()) {
-        sd_bus_slot_unref(waiting->second.question);
+        sd_bus_slot_unref(waiting->second.query);
         m_waiting.erase(waiting);
     }
     if (m_callers.remove(name) > 0)

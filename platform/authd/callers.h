@@ -14,7 +14,7 @@
 
 #include <systemd/sd-bus.h>
 
-/// Who the service's callers are, and when they leave.
+/// Identifies the service's callers and reports when they leave the bus.
 class Callers : public QObject
 {
     Q_OBJECT
@@ -22,14 +22,14 @@ class Callers : public QObject
 public:
     using Handler = std::function<void(const Caller &)>;
 
-    /// On `bus`, which must outlive this object.
+    /// `bus` must outlive this object.
     explicit Callers(sd_bus *bus);
     ~Callers() override;
 
-    /// Whose the connection `name` is, when that is known.
+    /// The caller behind the connection `name`, if it is already known.
     std::optional<Caller> find(const char *name) const;
-    /// Has `handler` called as soon as it is known whose the connection `name` is, never when it has gone. False when
-    /// too many calls of the connection wait for that.
+    /// Calls `handler` as soon as the owner of the connection `name` is known; never if the connection has left.
+    /// Returns false when too many calls of the connection are already waiting.
     bool identify(const char *name, const Handler &handler);
 
 Q_SIGNALS:
@@ -40,19 +40,19 @@ private:
     static int handleAnswer(sd_bus_message *answer, void *waiting, sd_bus_error *);
     static int handleOwnerChange(sd_bus_message *signal, void *callers, sd_bus_error *);
 
-    /// Calls that wait for the bus to say whose the connection is.
+    /// Calls that wait until the bus reports the owner of their connection.
     struct Waiting
     {
         Callers *callers = nullptr;
         QByteArray name;
         QVector<Handler> handlers;
-        sd_bus_slot *question = nullptr;
+        sd_bus_slot *query = nullptr;
     };
     void forget(const QByteArray &name);
 
     sd_bus *const m_bus;
     sd_bus_slot *m_ownerChanges = nullptr;
-    /// The connections that have called.
+    /// The connections that have been identified.
     QHash<QByteArray, Caller> m_callers;
     std::map<QByteArray, Waiting> m_waiting;
 };

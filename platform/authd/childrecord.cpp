@@ -26,18 +26,18 @@
 namespace {
 
 constexpr std::size_t SizeLimit = std::size_t(1024) * 1024;
-constexpr std::chrono::seconds Patience{5};
-constexpr unsigned long LookInterval = 20; // Milliseconds.
-/// After how many children those that have ended are taken out of the record.
+constexpr std::chrono::seconds KillTimeout{5};
+constexpr unsigned long PollInterval = 20; // milliseconds
+/// Ended processes are removed from the record after this many forks.
 constexpr int TidyInterval = 64;
 
-/// A process as the kernel describes it in its file "stat".
+/// A process, as described by /proc/<pid>/stat.
 struct Process
 {
     pid_t pid = 0;
     char state = 0;
     pid_t parent = 0;
-    /// Since the machine was started, in clock ticks. With the process id it names one process and no later one.
+    /// Start time in clock ticks since boot. Together with the process id it identifies a process uniquely.
     quint64 start = 0;
 
     bool isSame(const Process &other) const { return pid == other.pid && start == other.start; }
@@ -50,10 +50,10 @@ int recordFile = -1;
 pid_t forker = 0;
 int forks = 0;
 
-/// Process 0, which there is not, for a line that is none of the kernel's.
+/// Parses a line of /proc/<pid>/stat. Returns process id 0, which no process has, for any other line.
 Process parse(const QByteArray &line)
 {
-    // The program's name, in parentheses, may hold anything.
+    // The program's name, in parentheses, may contain spaces and parentheses.
     const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 1).simplified().split(' ');
     constexpr int StateField = 0;
     constexpr int ParentField = 1;
@@ -97,7 +97,7 @@ Processes running()
     return processes;
 }
 
-/// Adds the processes that those in `found` have started, as far as they are among `present`.
+/// Adds those of the `present` processes that are descendants of processes in `found`.
 void addDescendants(Processes &found, const Processes &present)
 {
     for (int before = -1; before != found.size();) {
@@ -117,7 +117,7 @@ void open()
     recordFile = ::open(RunDirectory::ChildrenFile, O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC);
 }
 
-/// Takes those that have ended out of the record, which else would grow as long as the daemon runs.
+/// Removes ended processes from the record. Otherwise it would grow for as long as the daemon runs.
 void tidy()
 {
     QByteArray content;
@@ -139,10 +139,11 @@ void prepareFork()
         tidy();
 }
 
-/// In the child, with calls that are safe there.
+/// Runs in the forked child: async-signal-safe calls only.
 void recordItself()
 {
-    // Until it changes its user. A child waits for its parent before it is executed, for ever when that has gone.
+    // Die with the parent, until the child changes its user. A child waits for its parent before exec, and would wait
+    // forever if the parent had exited.
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != forker)
         _exit(EXIT_FAILURE);
@@ -160,7 +161,7 @@ void ChildRecord::endLeftovers()
 {
     Processes found = recorded();
     int killed = 0;
-    const QDeadlineTimer deadline(Patience);
+    const QDeadlineTimer deadline(KillTimeout);
     for (;;) {
         const Processes present = running();
         addDescendants(found, present);
@@ -178,9 +179,9 @@ void ChildRecord::endLeftovers()
             Log::write(Log::Warning, "leftovers-remain", {{"processes", alive}});
             break;
         }
-        QThread::msleep(LookInterval);
+        QThread::msleep(PollInterval);
     }
-    // A daemon that has started anew in its own place is still their parent.
+    // After an exec of itself, the daemon is still the parent of these processes.
     while (waitpid(-1, nullptr, WNOHANG) > 0) { }
     if (killed > 0)
         Log::write(Log::Notice, "leftovers-ended", {{"signals", killed}});

@@ -2,15 +2,15 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-/// The processes that the methods start, in the run directory, each by its process id and start time. A user can change
-/// neither of the two, nor have root wait who reads them, as with what a process shows of its own memory.
+/// Records the processes that the methods start in the run directory, each by process id and start time. Unlike the
+/// memory-backed files in /proc, neither value is under the user's control, and reading it never blocks.
 namespace ChildRecord {
 
-/// Kills the processes that the daemon before has left running, with all that they have started, and waits until they
-/// are gone, but not for ever.
+/// Kills the processes that a previous daemon left behind, with all their descendants, and waits until they are gone or
+/// a timeout expires.
 void endLeftovers();
-/// Begins a record of this daemon's own. From now on each forked child writes itself down before it does anything else,
-/// so that no moment is too early for the daemon to be killed. One that the daemon does not outlive until then ends.
+/// Starts this daemon's own record. From now on each forked child records itself before it does anything else, so the
+/// daemon may be killed at any moment. A child that loses its parent before that exits.
 void begin();
 
 } // namespace ChildRecord

@@ -18,7 +18,7 @@ QSet<uint> ClientProcesses::users()
         QFile status(QStringLiteral("/proc/%1/status").arg(QString::fromLatin1(child)));
         if (child.isEmpty() || !status.open(QIODevice::ReadOnly))
             continue;
-        // The real user id: the sandbox launcher around the client has root's as its effective one.
+        // Use the real user id: the sandbox launcher's effective one is root's.
         const QByteArray text = status.readAll();
         const int at = text.indexOf("\nUid:");
         if (at >= 0)

@@ -4,10 +4,10 @@
 
 #include <QSet>
 
-/// The processes that the methods have started.
+/// The processes that the methods started.
 namespace ClientProcesses {
 
-/// The users for whom the daemon's child processes run.
+/// The users that the daemon's child processes run for.
 QSet<uint> users();
 
 } // namespace ClientProcesses

@@ -14,36 +14,36 @@ struct Lock
     /// The method that asked for it.
     QString method;
     QString reason;
-    /// When it ends, in seconds since the epoch; 0 when only root ends it.
+    /// When it ends, in seconds since the epoch; 0 if it lasts until root unlocks the user.
     qint64 until = 0;
 
-    /// Seconds left, rounded up; States::UntilUnlocked when only root ends it.
+    /// The seconds left; States::UntilUnlocked if it lasts until root unlocks the user.
     uint duration() const;
 };
 
-/// Who is locked, kept in the file "/var/lib/authd/locks.conf", which only root may read. Each change is written at
-/// once and survives a crash. One that cannot be written is reported in the log and tried again; meanwhile it is kept
-/// in the run directory, for a daemon that follows this one.
+/// The locked users, stored in the file "/var/lib/authd/locks.conf", which only root may read. Every change is written
+/// durably at once. A failed write is logged and retried; until it succeeds, the run directory holds a copy for a
+/// restarted daemon.
 class LockStore
 {
 public:
     LockStore();
 
-    /// Reads the file; false, with a line in the log, when there is one that cannot be read or understood whole: then
-    /// nobody knows who is locked.
+    /// Reads the file. Returns false, with a log entry, when the file exists but cannot be read or fully parsed, so
+    /// that it is unknown who is locked.
     bool load();
 
-    /// The lock that stands on user `uid` now.
+    /// The user's current lock, if any.
     std::optional<Lock> find(uint uid) const;
-    /// Locks user `uid` for `duration` seconds, States::UntilUnlocked for as long as root likes. A lock that lasts
+    /// Locks user `uid` for `duration` seconds, or indefinitely for States::UntilUnlocked. An existing lock that lasts
     /// longer stays.
     void lock(uint uid, const QString &method, const QString &reason, uint duration);
-    /// Takes the lock away; false when there was none.
+    /// Removes the lock. Returns false when there was none.
     bool unlock(uint uid);
-    /// Counts one more time that root has unlocked the user, locked or not.
+    /// Counts an unlock by root, whether or not the user was locked.
     void countUnlock(uint uid);
-    /// How often root has unlocked the user. The number outlives the machine: who keeps a count of failed attempts of
-    /// its own forgets it when the number is another one, and at no other time.
+    /// How often root has unlocked the user. The number survives reboots. A client that keeps its own count of failed
+    /// attempts resets it when this number has changed, and only then.
     uint unlocks(uint uid) const { return m_unlocks.value(uid); }
 
 private:

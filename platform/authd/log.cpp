@@ -20,8 +20,8 @@ namespace {
 
 constexpr char JournalSocket[] = "/run/systemd/journal/socket";
 
-/// How long a reader of the log may take to make room for a line, in milliseconds.
-constexpr int PatienceWithReader = 100;
+/// How long to wait for a log reader to make room for a line, in milliseconds.
+constexpr int ReaderTimeout = 100;
 
 bool isJournalForm = false;
 bool isJournal = false;
@@ -65,15 +65,15 @@ QByteArray quoted(const QString &value)
     return '"' + harmless(result).toUtf8() + '"';
 }
 
-/// Standard error, without waiting for its reader for long: who stops reading the log must not stop the daemon. Until
-/// there is room again, lines are only counted.
+/// Standard error with a bounded wait: a reader that stops reading must not block the daemon. Lines that do not fit are
+/// dropped and counted.
 class StandardError
 {
 public:
-    /// Writes `before`, which stands before each line, and `text`.
+    /// Writes one line: `before` and `text`. `before` also prefixes the report about lost lines.
     void write(const QByteArray &before, const QByteArray &text)
     {
-        const std::lock_guard<std::mutex> lock(m_mutex); // The D-Bus library's thread has messages, too.
+        const std::lock_guard<std::mutex> lock(m_mutex); // Qt's D-Bus thread logs too.
         if (m_lost > 0) {
             const int lost = m_lost;
             if (!put(before + "event=lines-lost lines=" + QByteArray::number(lost) + '\n')) {
@@ -87,23 +87,23 @@ public:
     }
 
 private:
-    /// False when the line did not get through whole.
+    /// Returns false when only part of the line, or none, was written.
     bool put(QByteArray line)
     {
         if (m_isCut)
             line.prepend('\n');
-        // Past the stream buffers, which a forked child shares with the daemon.
+        // Bypass the stdio buffers, which a forked child shares with the daemon.
         const char *rest = line.constData();
         for (auto size = static_cast<size_t>(line.size()); size > 0;) {
             pollfd stream = {STDERR_FILENO, POLLOUT, 0};
-            if (poll(&stream, 1, m_lost > 0 ? 0 : PatienceWithReader) == 0)
+            if (poll(&stream, 1, m_lost > 0 ? 0 : ReaderTimeout) == 0)
                 return false;
-            // What has room for anything has it for this much.
+            // A pipe that polls as writable has room for PIPE_BUF bytes.
             const ssize_t written = ::write(STDERR_FILENO, rest, std::min<size_t>(size, PIPE_BUF));
             if (written < 0 && errno == EINTR)
                 continue;
             if (written <= 0)
-                return true; // Nobody will ever read it.
+                return true; // There is no reader any more.
             rest += written;
             size -= static_cast<size_t>(written);
             m_isCut = size > 0;
@@ -127,10 +127,11 @@ bool isConnectedToJournal()
                          + QByteArray::number(qulonglong(status.st_ino));
 }
 
-/// Sends the line to the journal by its own call, with the event and each value as a field; false when that fails.
+/// Sends the line to the journal with sd_journal_sendv(), with the event and each value as a field. Returns false on
+/// failure.
 bool sendToJournal(Log::Priority priority, const char *event, const Log::Fields &fields, const QByteArray &line)
 {
-    // The call reports no error for a journal that is not there.
+    // sd_journal_sendv() reports success even without a journal.
     if (access(JournalSocket, F_OK) != 0)
         return false;
     QVector<QByteArray> entries = {"MESSAGE=" + line, "PRIORITY=" + QByteArray::number(priority),

@@ -7,21 +7,24 @@
 #include <QVariant>
 #include <QVector>
 
-/// The daemon's log: one line per event, "event=NAME key=value ...". A value that is not plain is quoted, and what
-/// could break the line or do harm on a terminal is escaped. It goes to the journal where standard error is connected
-/// to it, with the event and its values as fields of their own besides. Elsewhere it goes to standard error; before it
-/// stands "level=NAME", or in the journal's form the priority, "<N>".
+/// The daemon's log: one line per event, "event=NAME key=value ...". Values are quoted if needed, and characters that
+/// could break the line or harm a terminal are escaped.
+///
+///
+/// If standard error is connected to the journal, the line goes to the journal, with the event and each value as
+/// separate fields too. Otherwise it goes to standard error, prefixed with "level=NAME" or, in the journal's format,
+/// with the priority "<N>".
 namespace Log {
 
-/// syslog's priorities.
+/// The priorities of syslog.
 enum Priority { Critical = 2, Error = 3, Warning = 4, Notice = 5, Info = 6, Debug = 7 };
 
 using Fields = QVector<QPair<const char *, QVariant>>;
 
-/// Begins to log; in the journal's form with `journal` and where standard error is connected to the journal. Qt's
-/// messages are written as the event "message".
+/// Starts logging. Uses the journal's format if `journal` is true or standard error is connected to the journal. Logs
+/// Qt's messages as the event "message".
 void start(bool journal);
-/// Writes a line. Values are texts, numbers and truth values; never anything secret.
+/// Writes a line. Values are strings, numbers and booleans, and must never be secret.
 void write(Priority priority, const char *event, const Fields &fields = {});
 
 } // namespace Log

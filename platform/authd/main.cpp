@@ -28,14 +28,14 @@ namespace {
 
 enum ExitCode { Stopped = 0, Failed = 1, WrongUsage = 2, NoBus = 3, NoName = 4 };
 
-/// The end of the event loop that asks for a new start.
+/// The event loop's exit code that requests a restart.
 constexpr int Restart = -1;
 constexpr std::chrono::seconds DefaultAttemptTimeout{60};
 constexpr std::chrono::hours LongestAttemptTimeout{24};
-/// How often to look for a bus that is not there, in milliseconds.
+/// How often to retry the connection to an absent bus, in milliseconds.
 constexpr int BusInterval = 250;
 
-/// What the command line asks for.
+/// The parsed command line.
 struct Settings
 {
     QString methods;
@@ -60,7 +60,7 @@ int run(const Settings &settings)
         Log::write(Log::Error, "name-taken", {{"by", QStringLiteral("another daemon")}});
         return NoName;
     case Succession::Unavailable:
-        break; // Nobody is kept out for that.
+        break; // Better to run without the lock than not at all.
     }
     LockStore locks;
     if (!locks.load())
@@ -107,10 +107,10 @@ int run(const Settings &settings)
     authenticator.resumeSessions(sessions.resume(QDBusConnection::systemBus()));
     bus.start();
     Log::write(Log::Info, "ready", {{"version", QCoreApplication::applicationVersion()}});
-    Systemd::tellReady();
+    Systemd::notifyReady();
     const int result = QCoreApplication::exec();
     Log::write(Log::Info, "stopping");
-    Systemd::tellStopping();
+    Systemd::notifyStopping();
     return result;
 }
 
@@ -126,22 +126,22 @@ int main(int argc, char *argv[])
                                      QStringLiteral("Load the authentication methods in <directory>."),
                                      QStringLiteral("directory"), QStringLiteral(KAVET_METHODS_DIR));
     const QCommandLineOption journal(QStringLiteral("journal"),
-                                     QStringLiteral("Log in the journal's form also where standard error is not "
+                                     QStringLiteral("Log in the journal's format even if standard error is not "
                                                     "connected to the journal."));
     const QCommandLineOption waitForBus(QStringLiteral("wait-for-bus"),
-                                        QStringLiteral("Wait for the system bus when it is not there."));
+                                        QStringLiteral("Wait for the system bus if it is not available."));
     const QCommandLineOption anyAccount(
         QStringLiteral("any-account"),
-        QStringLiteral("Serve every account but root's, not only those that people log in with."));
+        QStringLiteral("Serve every account except root, not only those that people log in with."));
     const QCommandLineOption attemptTimeout(QStringLiteral("attempt-timeout"),
-                                            QStringLiteral("Give up attempts without an outcome after <seconds>."),
+                                            QStringLiteral("Give up an attempt that has no outcome after <seconds>."),
                                             QStringLiteral("seconds"), QString::number(DefaultAttemptTimeout.count()));
     const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help."));
     QCommandLineParser parser;
     parser.setApplicationDescription(
-        QStringLiteral("Authenticates users with the methods that it loads, and offers that on the system bus as\n"
-                       "qarv.AuthService. Ends on SIGTERM, SIGINT and SIGHUP.\n\n"
-                       "Exit codes: 0 ended as told, 1 cannot start, 2 wrong usage, 3 no system bus,\n"
+        QStringLiteral("Loads authentication methods and offers them on the system bus as the service\n"
+                       "qarv.AuthService. Exits on SIGTERM, SIGINT and SIGHUP.\n\n"
+                       "Exit codes: 0 stopped by a signal, 1 cannot start, 2 usage error, 3 no system bus,\n"
                        "4 the service's name is taken or not allowed."));
     parser.addOptions({methods, journal, waitForBus, anyAccount, attemptTimeout, help});
     const QCommandLineOption version = parser.addVersionOption();
@@ -158,7 +158,7 @@ int main(int argc, char *argv[])
     settings.attemptTimeout = std::chrono::seconds(parser.value(attemptTimeout).toUInt(&isNumber));
     if (error.isEmpty()
         && (!isNumber || settings.attemptTimeout.count() == 0 || settings.attemptTimeout > LongestAttemptTimeout))
-        error = QStringLiteral("--attempt-timeout wants a number of seconds, up to a day.");
+        error = QStringLiteral("--attempt-timeout must be between 1 and 86400 seconds.");
     if (!error.isEmpty()) {
         std::fprintf(stderr, "authd: %s\nSee authd --help.\n", qUtf8Printable(error));
         return WrongUsage;
@@ -169,7 +169,7 @@ int main(int argc, char *argv[])
         parser.showVersion();
 
     Log::start(parser.isSet(journal));
-    // Secrets pass through its memory.
+    // Secrets pass through this process: leave no core file, and let no other process trace it.
     prctl(PR_SET_DUMPABLE, 0);
     if (!Signals::endEventLoop(Stopped)) {
         Log::write(Log::Error, "no-signals", {{"error", qt_error_string(errno)}});

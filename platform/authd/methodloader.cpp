@@ -92,7 +92,7 @@ std::vector<Method> loadMethods(const QString &directory)
             refuse(candidate.file, "name differs from the metadata", plugin->name());
             continue;
         }
-        (void)object.release(); // Owned as the method from here on.
+        (void)object.release(); // The method owns it from here on.
         methods.push_back({candidate.name, candidate.description.value(QLatin1String("Descr")).toString(),
                            candidate.description.value(QLatin1String("Version")).toString(), candidate.priority(),
                            std::unique_ptr<AuthPluginInterface>(plugin)});

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-/// A loaded authentication method, with what its metadata say about it.
+/// A loaded authentication method and its metadata.
 struct Method
 {
     QString name;
@@ -19,6 +19,6 @@ struct Method
     std::unique_ptr<AuthPluginInterface> plugin;
 };
 
-/// Loads the methods among the files of `directory`, the highest priority first, equal ones by name. A file that is no
-/// method is refused with a line in the log and left out; so is a method whose name is taken by one loaded before it.
+/// Loads the methods in `directory`, sorted by descending priority and then by name. Skips, with a log entry, each file
+/// that is not a method, and each method whose name is already taken.
 std::vector<Method> loadMethods(const QString &directory);

@@ -14,8 +14,8 @@
 
 namespace {
 
-/// The value as one of the type of `model`; an invalid variant when that loses something. What has been lost shows in
-/// the text, also where converting back brings an overflow back.
+/// Converts the value to the type of `model`. Returns an invalid variant if that loses information. Comparing the texts
+/// detects a loss even where converting back would undo an overflow.
 QVariant converted(const QVariant &value, const QVariant &model)
 {
     if (value.userType() == model.userType())
@@ -80,7 +80,7 @@ Reply MethodOptions::setOption(uint writer, uint uid, const QString &method, con
     const ValidationScope &scope = plugin.getOptionsValidations(uid);
     const ValidationOptions rules = scope.rulesFor(option);
     if (!scope.contains(option) || rules.testFlag(MethodOnly))
-        return Reply(Errors::AccessDenied, QStringLiteral("Only the method itself writes this option"));
+        return Reply(Errors::AccessDenied, QStringLiteral("Only the method itself may write this option"));
     if (rules.testFlag(RootOnly) && writer != 0)
         return Reply(Errors::AccessDenied, QStringLiteral("Only root may write this option"));
 
@@ -90,7 +90,7 @@ Reply MethodOptions::setOption(uint writer, uint uid, const QString &method, con
         written = converted(value, model);
         if (!written.isValid())
             return Reply(Errors::InvalidArgs,
-                         QStringLiteral("The option's values are of type ") + QString::fromLatin1(model.typeName()));
+                         QStringLiteral("The option's type is ") + QString::fromLatin1(model.typeName()));
     }
     if (!plugin.setOption(uid, option, written))
         return Reply(Errors::StoreFailed, QStringLiteral("The value cannot be stored"));

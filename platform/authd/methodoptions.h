@@ -7,24 +7,24 @@
 
 #include <QSet>
 
-/// Answers for the methods' options.
+/// Reads and writes the methods' options for callers.
 class MethodOptions
 {
 public:
     /// Both must outlive this object.
     MethodOptions(const Methods *methods, const Accounts *accounts);
 
-    /// The value of an option of `uid`, 0 for the method as a whole, for the user `reader`. Only an option that nobody
-    /// outside may write can be one that the method computes: such a one is asked of the method, and counts when it is
-    /// of the type of the default. Any other is read from the store, and asking costs the method nothing.
+    /// Returns the value of an option of `uid` (0: of the method as a whole) for the user `reader`. Only options that
+    /// nobody outside may write can be computed: for those the method is asked first, and its value is used if it has
+    /// the type of the default. All others come straight from the store.
     Reply option(uint reader, uint uid, const QString &method, const QString &option) const;
-    /// All options of `uid`, likewise.
+    /// Returns all options of `uid`, likewise.
     Reply options(uint reader, uint uid, const QString &method) const;
-    /// Writes an option on behalf of the user `writer`, as the method's rules allow it.
+    /// Writes an option on behalf of the user `writer`, if the method's rules allow it.
     Reply setOption(uint writer, uint uid, const QString &method, const QString &option, const QVariant &value) const;
 
-    /// Whether `reader` may know a method-wide option. What only the method writes comes from its client, and is for
-    /// root and for the user whom the client serves.
+    /// Whether `reader` may read a method-wide option. Options that only the method writes come from its client, so
+    /// only root and the user that the client runs for may read them.
     bool mayKnow(uint reader, const QString &method, const QString &option) const;
 
 private:
@@ -33,6 +33,6 @@ private:
 
     const Methods *const m_methods;
     const Accounts *const m_accounts;
-    /// The method-wide options that only the method writes, as method and option.
+    /// The method-wide options that only the method writes, as pairs of method and option.
     QSet<QPair<QString, QString>> m_clients;
 };

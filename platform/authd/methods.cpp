@@ -32,7 +32,7 @@ AuthPluginInterface *Methods::find(const QString &name) const
 
 Reply Methods::check(const QString &name) const
 {
-    return find(name) ? Reply() : Reply(Errors::NoSuchMethod, QStringLiteral("There is no such method"));
+    return find(name) ? Reply() : Reply(Errors::NoSuchMethod, QStringLiteral("No such method"));
 }
 
 Reply Methods::info(const QString &name) const

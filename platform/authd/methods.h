@@ -7,18 +7,18 @@
 
 #include <QStringList>
 
-/// The loaded methods, in the order in which they are to be offered.
+/// The loaded methods, in the order in which they are offered.
 class Methods
 {
 public:
     explicit Methods(std::vector<Method> methods);
 
     QStringList names() const;
-    /// The method's plugin; null when there is no such method.
+    /// The method's plugin, or null when there is no such method.
     AuthPluginInterface *find(const QString &name) const;
-    /// An error for a method that does not exist; none when it does.
+    /// Returns an error when there is no such method.
     Reply check(const QString &name) const;
-    /// What there is to know about a method.
+    /// Returns a description of the method.
     Reply info(const QString &name) const;
 
     std::vector<Method>::const_iterator begin() const { return m_methods.cbegin(); }

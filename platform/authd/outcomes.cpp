@@ -14,13 +14,11 @@
 
 namespace Vocabulary = LibAuthd::Vocabulary;
 
-// What the methods tell.
-
 namespace {
 
 constexpr QLatin1String WarningLevel = Vocabulary::word("WARN_LEVEL");
 
-/// What concerns the user among the parameters of an outcome.
+/// The parameters of an outcome that the user needs.
 QVariantMap challengeDetails(const QString &method, const QVariantMap &params)
 {
     QVariantMap details = {{States::Method, method}};
@@ -92,7 +90,7 @@ void Authenticator::handleFailure(Attempt attempt, const QMap<QString, QVariant>
         RequestData::wipe(attempt.data);
         plugin.increaseAttempts(attempt.uid);
     } else {
-        // The method may not have made use of the data yet, and must not do so later.
+        // The method may not have used the data yet, and must not use it later.
         forgetRequest(attempt.method, attempt.data);
     }
     const int left = plugin.getAttempts(attempt.uid);
@@ -120,7 +118,7 @@ void Authenticator::handleInputRequest(Attempt &attempt, const QMap<QString, QVa
 
 void Authenticator::restartAuth(const QString &method, uint uid)
 {
-    // In turn with the outcomes, so that the last one told is the one that counts.
+    // Postponed like the outcomes, so that the last notification takes effect last.
     postpone([this, method, uid] {
         Log::write(Log::Notice, "restart", {{"method", method}, {"uid", uid}});
         if (uid == 0)
@@ -134,7 +132,7 @@ void Authenticator::restartAuth(const QString &method, uint uid)
             if (attempt->phase == Attempt::Active)
                 attempt->phase = Attempt::Restarted;
         } else if (m_queue.ofUser(uid)) {
-            // The user's attempt waits, and what it waits for has not changed.
+            // The user's attempt is still queued, so nothing changes for the user.
             return;
         }
         m_states.set(uid, name, States::Challenge, details);
@@ -145,7 +143,7 @@ void Authenticator::lockUser(const QString &method, uint uid, bool lock, const Q
 {
     if (uid == 0)
         return;
-    // The lock holds at once; only telling of it must wait.
+    // The lock takes effect at once. Only the reports about it are postponed.
     if (lock) {
         Log::write(Log::Warning, "user-locked",
                    {{"method", method}, {"uid", uid}, {"reason", reason}, {"duration", duration}});
@@ -160,7 +158,7 @@ void Authenticator::lockUser(const QString &method, uint uid, bool lock, const Q
         if (lock)
             giveUpOf(uid, Reasons::Locked);
         m_states.handleLock(uid);
-        tellMethodsOfLock(uid, lock, reason, duration);
+        notifyMethodsOfLock(uid, lock, reason, duration);
     });
 }
 
@@ -173,7 +171,7 @@ void Authenticator::logEvent(const QString &method, const QString &level, const 
 void Authenticator::optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
                                   bool computed)
 {
-    // A user's files set some options, and the user may rewrite them without end.
+    // Limit the log lines: a user's files set some options, and the user may rewrite those files without end.
     LogLimit &limit = m_changes.try_emplace(uid, Limits::ChangesPerSecond, Limits::ChangeBurst).first->second;
     if (const std::optional<int> unlogged = limit.pass()) {
         Log::Fields fields = {{"method", method}, {"uid", uid}, {"option", option}, {"computed", computed}};

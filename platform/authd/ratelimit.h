@@ -6,13 +6,13 @@
 
 #include <optional>
 
-/// Lets through so many events a second, and after a pause so many at once.
+/// A token bucket: allows a number of events per second, and a burst after a pause.
 class RateLimit
 {
 public:
     RateLimit(int perSecond, int burst);
 
-    /// Whether another event may pass now; it counts as having passed.
+    /// Whether another event may pass now. Counts it if so.
     bool pass();
 
 private:
@@ -22,14 +22,14 @@ private:
     QElapsedTimer m_since;
 };
 
-/// Keeps the lines of one kind in the log within a rate.
+/// Limits the rate of one kind of log line.
 class LogLimit
 {
 public:
     LogLimit(int perSecond, int burst);
 
-    /// Of one more event: how many have gone unlogged since the last that was logged; nothing when this one goes
-    /// unlogged too.
+    /// Asks to log one more event. Returns nothing if the event must not be logged, otherwise the number of events that
+    /// were not logged since the last one that was.
     std::optional<int> pass();
 
 private:

@@ -5,7 +5,7 @@
 #include <QString>
 #include <QVariant>
 
-/// What a call of the service comes to: values, or an error with its name on the bus and a text for people.
+/// The result of a call: values, or an error with its D-Bus name and a message for people.
 struct Reply
 {
     QVariantList values;

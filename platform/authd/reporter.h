@@ -15,22 +15,22 @@ class Authenticator;
 class MethodOptions;
 class SystemBus;
 
-/// Tells the service's callers what happens: each those things that concern it, by signals to it alone. What is about a
-/// user goes to the subscribers that are the user's or root's, and what is about an attempt also to its caller.
+/// Sends the service's signals, each to the connections that it concerns and to no others. Signals about a user go to
+/// subscribers of that user and of root. Signals about an attempt also go to its caller.
 class Reporter : public QObject
 {
     Q_OBJECT
 
 public:
-    /// Reports what `authenticator` tells. All must outlive this object.
+    /// Sends a signal for each notification of `authenticator`. All arguments must outlive this object.
     Reporter(const SystemBus *bus, const Authenticator *authenticator, const MethodOptions *options);
 
-    /// Has the caller told of what concerns its user.
+    /// Subscribes the caller to the signals that concern its user.
     Reply subscribe(const Caller &caller);
     void unsubscribe(const QString &name) { m_subscribers.remove(name); }
 
 private:
-    /// Whether a subscriber of the user `reader` is to be told.
+    /// Whether subscribers of the user `reader` receive the signal.
     using Audience = std::function<bool(uint reader)>;
 
     void send(const QString &member, const QVariantList &arguments, const Audience &audience,
@@ -40,6 +40,6 @@ private:
 
     const SystemBus *const m_bus;
     const MethodOptions *const m_options;
-    /// The subscribed connections with their users.
+    /// The subscribed connections and their users.
     QHash<QString, uint> m_subscribers;
 };

@@ -3,10 +3,9 @@
 #include "requestdata.h"
 
 #include "errors.h"
+#include "wipe.h"
 
 #include <QStringList>
-
-#include <cstring>
 
 namespace {
 
@@ -54,16 +53,6 @@ Reply tooLarge()
     return Reply(Errors::LimitsExceeded, QStringLiteral("The call has too much data"));
 }
 
-void overwrite(const void *data, int size)
-{
-    explicit_bzero(const_cast<void *>(data), static_cast<size_t>(size));
-}
-
-void wipe(const QString &text)
-{
-    overwrite(text.constData(), text.size() * int(sizeof(QChar)));
-}
-
 } // namespace
 
 Reply RequestData::checkName(const QString &name)
@@ -77,7 +66,7 @@ Reply RequestData::checkData(const QVariantMap &data)
         return tooLarge();
     for (auto entry = data.cbegin(); entry != data.cend(); ++entry) {
         if (!isPlain(entry.value()))
-            return Reply(Errors::InvalidArgs, QStringLiteral("The data may hold plain values only"));
+            return Reply(Errors::InvalidArgs, QStringLiteral("The data may only hold plain values"));
         if (entry.key().size() > NameLimit || isTooLarge(entry.value()))
             return tooLarge();
     }
@@ -91,16 +80,14 @@ Reply RequestData::checkValue(const QVariant &value)
 
 void RequestData::wipe(QVariantMap &data)
 {
-    // Past implicit sharing: a copy that another part still holds is to go, too.
     for (const QVariant &value : qAsConst(data)) {
         if (value.userType() == QMetaType::QString) {
-            ::wipe(*static_cast<const QString *>(value.constData()));
+            Wipe::text(*static_cast<const QString *>(value.constData()));
         } else if (value.userType() == QMetaType::QByteArray) {
-            const auto &bytes = *static_cast<const QByteArray *>(value.constData());
-            overwrite(bytes.constData(), bytes.size());
+            Wipe::bytes(*static_cast<const QByteArray *>(value.constData()));
         } else if (value.userType() == QMetaType::QStringList) {
             for (const QString &text : *static_cast<const QStringList *>(value.constData()))
-                ::wipe(text);
+                Wipe::text(text);
         }
     }
     data.clear();

@@ -4,28 +4,28 @@
 
 #include "reply.h"
 
-/// Checks and keeps what callers send. All limits are far above what an honest caller needs.
+/// Checks and stores the data that callers send. All limits are far above what a legitimate caller needs.
 namespace RequestData {
 
-/// The longest name of a method or an option, in characters.
+/// The maximum length of the name of a method or an option, in characters.
 constexpr int NameLimit = 255;
-/// The longest text among the data of an attempt and the values of options, in characters; bytes for byte arrays.
+/// The maximum length of a string in an attempt's data or an option's value, in characters; in bytes for byte arrays.
 constexpr int TextLimit = 16 * 1024;
-/// The most entries of the data of an attempt and of a list.
+/// The maximum number of entries in an attempt's data or in a list.
 constexpr int EntryLimit = 64;
 
-/// An error for a name that is too long.
+/// Returns an error for a name that is too long.
 Reply checkName(const QString &name);
-/// An error for data that are too large or hold something else than plain values: truth values, numbers, texts, lists
-/// of texts and byte arrays.
+/// Returns an error for data that is too large or holds anything but plain values: booleans, numbers, strings, lists of
+/// strings and byte arrays.
 Reply checkData(const QVariantMap &data);
-/// An error for an option's value that is too large; what it is, is for the option's rules to say.
+/// Returns an error for an option's value that is too large. The option's rules check everything else.
 Reply checkValue(const QVariant &value);
 
-/// Overwrites the texts and byte arrays in the data, also for all who share them.
+/// Overwrites the strings and byte arrays in the data, including copies that share them, and clears it.
 void wipe(QVariantMap &data);
 
-/// What came with a call, until an attempt takes it over; wiped with the object.
+/// The data of a call, until an attempt takes it over. The destructor wipes it.
 struct Entered
 {
     explicit Entered(const QVariantMap &entered)

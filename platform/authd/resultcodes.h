@@ -2,9 +2,9 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-/// Which failures count as failed attempts of the user: those in which the client has judged what the user entered, and
-/// no others. What keeps the client from judging is not the user's doing, or can be brought about by somebody else, and
-/// a user who is locked by it loses the data.
+/// Decides which failures count as failed attempts of the user: those in which the client judged the user's input, and
+/// no others. Anything else is not the user's fault, or somebody else could cause it to lock the user and have the
+/// user's data removed.
 namespace ResultCodes {
 
 constexpr int None = -1;
@@ -16,24 +16,24 @@ struct Rule
     const char *reason;
 };
 
-/// The codes by the numbers that methods use. A code that is not here is not counted.
+/// The codes that methods use. Any other code is not counted.
 constexpr Rule Rules[] = {
-    {None, true, "the method only says that it refuses what was entered"},
+    {None, true, "the method rejected the input without giving a code"},
     {0, false, "no failure"},
     {1, true, "wrong password"},
-    {2, false, "the encrypted partition is locked, nothing was checked"},
+    {2, false, "the encrypted partition is locked, so nothing was checked"},
     {3, false, "the client could not start"},
     {4, false, "the client could not be reached"},
-    {5, false, "the client did not answer, or not in time"},
-    {6, false, "the client or the token is locked and refuses whatever is entered"},
-    {7, true, "what was entered was wrong, and it was the last attempt that the client allows"},
-    {8, true, "the same, where nothing is removed for it"},
+    {5, false, "the client did not reply in time"},
+    {6, false, "the client or the token is locked and rejects any input"},
+    {7, true, "wrong input on the last attempt that the client allows"},
+    {8, true, "the same, but no data is removed"},
     {9, false, "the token is not plugged in"},
-    {10, false, "the token could not be talked to"},
+    {10, false, "the token could not be reached"},
     {11, true, "wrong password, PIN or certificate"},
-    {12, false, "the certificate to use by default is no good, whatever the PIN"},
-    {13, false, "another user may not unlock, whatever is entered"},
-    {14, false, "the client does not take this kind of secret"},
+    {12, false, "the default certificate is unusable, whatever the PIN"},
+    {13, false, "another user may not unlock, whatever the input"},
+    {14, false, "the client does not accept this kind of secret"},
 };
 
 constexpr bool isCounted(int code)

@@ -4,8 +4,7 @@
 
 #include <QByteArray>
 
-/// Where the daemon keeps what the next one has to know should it crash, and nobody after a restart of the machine.
-/// Only root may read it.
+/// The run directory: state that survives a crash of the daemon but not a reboot. Only root may read it.
 namespace RunDirectory {
 
 constexpr char Path[] = "/run/authd";
@@ -14,9 +13,9 @@ constexpr char ChildrenFile[] = "/run/authd/children";
 constexpr char SessionsFile[] = "/run/authd/sessions";
 constexpr char UnsavedLocksFile[] = "/run/authd/locks.conf";
 
-/// Makes the directory; false, with errno set, when it cannot be made or is somebody else's.
+/// Creates the directory. Returns false, with errno set, when that fails or the directory belongs to somebody else.
 bool make();
-/// Writes a file there whole or not at all; false, with a line in the log, when it cannot.
+/// Replaces a file in the directory atomically. Returns false, with a log entry, on failure.
 bool write(const char *path, const QByteArray &content);
 
 } // namespace RunDirectory

@@ -2,25 +2,25 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-/// What one caller or user may take of the service, far above what honest ones need.
+/// Limits per caller or user, far above what legitimate ones need.
 namespace Limits {
 
-/// Attempts that a connection may have open.
+/// Open attempts per connection.
 constexpr int AttemptsPerConnection = 16;
-/// Calls of a connection that may wait until the bus has told whose it is.
+/// Calls per connection that may wait until the bus reports the connection's owner.
 constexpr int WaitingCallsPerConnection = 16;
-/// Subscribed connections of an ordinary user.
+/// Subscribed connections per ordinary user.
 constexpr int SubscribersPerUser = 16;
-/// Calls that an ordinary user may make in a second, and at once after a pause.
+/// Calls per second of an ordinary user, and the burst after a pause.
 constexpr int CallsPerSecond = 200;
 constexpr int CallBurst = 1000;
-/// Attempts that an ordinary user may open in a second, and at once after a pause.
+/// Attempts that an ordinary user may open per second, and the burst after a pause.
 constexpr int AttemptsPerSecond = 5;
 constexpr int AttemptBurst = 50;
-/// Refusals of calls by an ordinary user that are logged in a second, and at once after a pause.
+/// Logged refusals per second of an ordinary user's calls, and the burst after a pause.
 constexpr int RefusalsPerSecond = 5;
 constexpr int RefusalBurst = 100;
-/// Changes of one user's options, or of the method-wide ones, that are logged in a second, and at once after a pause.
+/// Logged changes per second of one user's options, or of the method-wide ones, and the burst after a pause.
 constexpr int ChangesPerSecond = 5;
 constexpr int ChangeBurst = 100;
 

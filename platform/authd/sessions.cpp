@@ -17,8 +17,8 @@ const QString loginManager = QStringLiteral("org.freedesktop.login1");
 const QString managerPath = QStringLiteral("/org/freedesktop/login1");
 const QString managerInterface = QStringLiteral("org.freedesktop.login1.Manager");
 const QString listSessions = QStringLiteral("ListSessions");
-/// How long the login manager may take to answer, in milliseconds.
-constexpr int AnswerTimeout = 5000;
+/// How long to wait for the login manager's reply, in milliseconds.
+constexpr int ReplyTimeout = 5000;
 
 } // namespace
 
@@ -43,7 +43,7 @@ Sessions::Map Sessions::resume(const QDBusConnection &bus)
         return m_sessions;
     QDBusMessage call = QDBusMessage::createMethodCall(loginManager, managerPath, managerInterface, listSessions);
     call.setAutoStartService(false);
-    const QDBusMessage reply = bus.call(call, QDBus::Block, AnswerTimeout);
+    const QDBusMessage reply = bus.call(call, QDBus::Block, ReplyTimeout);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.signature() != QLatin1String("a(susso)")) {
         Log::write(Log::Warning, "no-sessions-from-login-manager", {{"error", reply.errorName()}});
         return m_sessions;
@@ -60,7 +60,7 @@ Sessions::Map Sessions::resume(const QDBusConnection &bus)
         list.beginStructure();
         list >> id >> uid >> user >> seat >> path;
         list.endStructure();
-        // One that the daemon before has not been told of begins now.
+        // A session without a record is new to the methods.
         present.insert(uid, m_sessions.value(uid, true));
     }
     list.endArray();

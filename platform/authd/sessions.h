@@ -5,26 +5,27 @@
 #include <QDBusConnection>
 #include <QMap>
 
-/// The users' sessions that have started and not stopped, kept in the run directory, so that a daemon that follows a
-/// crashed one can tell its methods of them.
+/// The users' running sessions, recorded in the run directory so that a restarted daemon can report them to its
+/// methods.
 class Sessions
 {
 public:
-    /// By user; whether the programs that run for the user are managed.
+    /// Maps each user to whether the user's client is managed.
     using Map = QMap<uint, bool>;
 
-    /// Reads what the daemon before has recorded.
+    /// Reads the record of the previous daemon.
     Sessions();
 
-    /// Answers the sessions that go on, and forgets all others: those that the login manager on `bus` knows of, where
-    /// there is one, else the recorded ones.
+    /// Returns the sessions that still exist, and drops all others. Asks the login manager on `bus` if there is one;
+    /// otherwise trusts the record.
     Map resume(const QDBusConnection &bus);
 
-    /// A session that is managed stays so.
+    /// Records a session. A managed session stays managed.
     void start(uint uid, bool manageClient);
     void stop(uint uid);
-    /// The user has been locked. What a method does at a managed session's start, such as removing the data of a user
-    /// who used up all attempts, is not for a session in which that has happened: told of it again, it is unmanaged.
+    /// Marks the user's session as unmanaged after a lock. At the start of a managed session a method may remove the
+    /// data of a user without attempts left; a restarted daemon must not trigger that for a session that is already
+    /// running.
     void handleLock(uint uid);
 
 private:

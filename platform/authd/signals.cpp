@@ -19,8 +19,8 @@ pid_t ownPid;
 
 void handleSignal(int number)
 {
-    // A program that a method is just starting shares handler and pipe with the daemon until it is executed; what ends
-    // it is not meant for the daemon.
+    // Between fork and exec, a child shares this handler and the pipe with the daemon. A signal for the child must not
+    // end the daemon.
     if (getpid() != ownPid) {
         signal(number, SIG_DFL);
         raise(number);
@@ -32,9 +32,9 @@ void handleSignal(int number)
     errno = error;
 }
 
-/// Whoever reads the log must not end the daemon by going away. The signal is not ignored, since the programs that
-/// methods start would inherit that.
-void survive(int) { }
+/// Survive SIGPIPE: the log's reader may exit at any time. Do not ignore the signal, because programs that methods
+/// start would inherit that.
+void doNothing(int) { }
 
 sigset_t terminationSignals()
 {
@@ -68,12 +68,12 @@ bool Signals::endEventLoop(int exitCode)
     action.sa_handler = handleSignal;
     action.sa_flags = SA_RESTART;
     struct sigaction survival = {};
-    survival.sa_handler = survive;
+    survival.sa_handler = doNothing;
     survival.sa_flags = SA_RESTART;
     const sigset_t set = terminationSignals();
     return sigaction(SIGTERM, &action, nullptr) == 0
            && sigaction(SIGINT, &action, nullptr) == 0
-           // Whoever started the daemon may want it to outlive the terminal.
+           // Respect an ignored SIGHUP: the daemon may have been started to outlive its terminal.
            && (isIgnored(SIGHUP) || sigaction(SIGHUP, &action, nullptr) == 0)
            && sigaction(SIGPIPE, &survival, nullptr) == 0 && sigprocmask(SIG_UNBLOCK, &set, nullptr) == 0;
 }

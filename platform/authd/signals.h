@@ -4,14 +4,14 @@
 
 #include <QStringList>
 
-/// The signals that end the daemon, and its new start in its own place.
+/// Handles the signals that end the daemon, and restarts the daemon in place.
 namespace Signals {
 
-/// Has SIGTERM, SIGINT and SIGHUP end the event loop with `exitCode`; false, with errno set, when that fails. They are
-/// not blocked, since the programs that methods start would inherit that.
+/// Makes SIGTERM, SIGINT and SIGHUP end the event loop with `exitCode`. Returns false, with errno set, on failure. The
+/// signals are not blocked, because programs that methods start would inherit that.
 bool endEventLoop(int exitCode);
-/// Puts a fresh daemon into this one's place: what the Qt library shares in a process, the methods' own connection to
-/// the bus among it, does not come back once the bus has been away. Returns only on failure, with errno set.
+/// Replaces this process by a new daemon. Connections that Qt shares within a process, including the methods' own, do
+/// not recover after the bus has been away. Returns only on failure, with errno set.
 void startAnew(const QStringList &arguments);
 
 } // namespace Signals

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr unsigned long LookInterval = 20; // Milliseconds.
+constexpr unsigned long PollInterval = 20; // milliseconds
 
 } // namespace
 
@@ -32,9 +32,9 @@ Succession::Result Succession::acquire()
                    {{"directory", QString::fromLatin1(RunDirectory::Path)}, {"error", qt_error_string(errno)}});
         return Unavailable;
     }
-    const QDeadlineTimer deadline(Patience);
+    const QDeadlineTimer deadline(ExitTimeout);
     for (;;) {
-        // The lock is one that a child does not inherit.
+        // A child does not inherit a record lock.
         const int file = open(RunDirectory::LockFile, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
         struct flock lock = {};
         lock.l_type = F_WRLCK;
@@ -51,6 +51,6 @@ Succession::Result Succession::acquire()
         close(file);
         if (deadline.hasExpired())
             return Taken;
-        QThread::msleep(LookInterval);
+        QThread::msleep(PollInterval);
     }
 }

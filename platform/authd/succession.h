@@ -4,26 +4,26 @@
 
 #include <chrono>
 
-/// The daemon's place in the row of daemons on this machine: one runs at a time.
+/// A lock that lets only one daemon run at a time.
 class Succession
 {
 public:
     enum Result {
         /// No other daemon runs.
         Acquired,
-        /// Another daemon runs, and did not end in time.
+        /// Another daemon is still running after the timeout.
         Taken,
         /// The run directory cannot be used.
         Unavailable
     };
 
-    /// How long a daemon may take to end after another one has been started.
-    static constexpr std::chrono::seconds Patience{5};
+    /// How long to wait for a previous daemon to exit.
+    static constexpr std::chrono::seconds ExitTimeout{5};
 
     Succession() = default;
     ~Succession();
 
-    /// Waits until no other daemon runs, no longer than Patience.
+    /// Waits until no other daemon runs, at most for ExitTimeout.
     Result acquire();
 
 private:

@@ -19,13 +19,13 @@ namespace AuthService = LibAuthd::AuthService;
 
 namespace {
 
-constexpr std::chrono::seconds Patience{5};
-/// How often to try for the name, in milliseconds.
+constexpr std::chrono::seconds ClaimTimeout{5};
+/// How often to retry acquiring the name, in milliseconds.
 constexpr unsigned long ClaimInterval = 50;
-/// How many messages to work on before others have their turn in the event loop.
+/// How many messages to process before returning to the event loop.
 constexpr int MessagesAtOnce = 32;
 
-/// Microseconds on the clock by which the library counts.
+/// The current time in microseconds, on the clock that sd-bus uses for timeouts.
 uint64_t now()
 {
     constexpr uint64_t microsecondsPerSecond = 1000000;
@@ -45,7 +45,7 @@ SystemBus::~SystemBus()
 bool SystemBus::open()
 {
     const int result = sd_bus_open_system(&m_bus);
-    // The handshake is waited for here.
+    // A call completes the handshake.
     sd_bus_message *reply = nullptr;
     sd_bus_error error = SD_BUS_ERROR_NULL;
     const int answer = result < 0 ? result
@@ -62,7 +62,7 @@ bool SystemBus::open()
 
 SystemBus::Claim SystemBus::claim()
 {
-    const QDeadlineTimer deadline(Patience);
+    const QDeadlineTimer deadline(ClaimTimeout);
     for (;;) {
         const int result = sd_bus_request_name(m_bus, AuthService::Service.data(), 0);
         if (result >= 0 || result == -EALREADY)
@@ -85,7 +85,7 @@ void SystemBus::start()
     m_writable.reset(new QSocketNotifier(sd_bus_get_fd(m_bus), QSocketNotifier::Write));
     connect(m_readable.data(), &QSocketNotifier::activated, this, &SystemBus::work);
     connect(m_writable.data(), &QSocketNotifier::activated, this, &SystemBus::work);
-    // What others send may leave something to be written.
+    // Other code may have queued messages to write.
     connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, this, &SystemBus::watch);
     m_timer.start(0);
 }

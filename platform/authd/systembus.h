@@ -11,8 +11,8 @@
 
 #include <systemd/sd-bus.h>
 
-/// The daemon's own connection to the system bus. It takes messages in one by one and no faster than they are worked
-/// on: what a caller sends in haste waits with that caller, where it keeps nobody else waiting, and not in the daemon.
+/// The daemon's own connection to the system bus. It reads messages one by one, no faster than they are handled. A
+/// flood of calls therefore queues up at its sender, where it delays nobody else, and not in the daemon.
 class SystemBus : public QObject
 {
     Q_OBJECT
@@ -23,22 +23,22 @@ public:
     SystemBus() = default;
     ~SystemBus() override;
 
-    /// Whether there is a connection now, after trying; a failure may be tried again.
+    /// Connects to the bus. Returns false on failure; may be called again.
     bool open();
-    /// The connection, once it is open.
+    /// The connection, after a successful open().
     sd_bus *handle() const { return m_bus; }
-    /// Takes the service's name. Waits some seconds for one that is about to give it up.
+    /// Acquires the service's name. Waits a few seconds for a previous owner to release it.
     Claim claim();
-    /// Begins to take messages in.
+    /// Starts to process messages.
     void start();
-    /// What the bus said to the last failure.
+    /// The error message of the last failure.
     QString error() const { return m_error; }
 
     /// Sends a signal of the service to the connection `name` alone.
     void sendSignal(const QString &name, const QString &member, const QVariantList &arguments) const;
 
 Q_SIGNALS:
-    /// The bus has gone.
+    /// The connection to the bus was lost.
     void lost();
 
 private:

@@ -14,10 +14,10 @@ constexpr int KeepEnvironment = 0;
 
 } // namespace
 
-void Systemd::tellReady()
+void Systemd::notifyReady()
 {
     sd_notify(KeepEnvironment, "READY=1");
-    uint64_t limit = 0; // Microseconds.
+    uint64_t limit = 0; // microseconds
     if (sd_watchdog_enabled(KeepEnvironment, &limit) <= 0)
         return;
     auto *timer = new QTimer(qApp);
@@ -25,7 +25,7 @@ void Systemd::tellReady()
     timer->start(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::microseconds(limit / 2)));
 }
 
-void Systemd::tellStopping()
+void Systemd::notifyStopping()
 {
     sd_notify(KeepEnvironment, "STOPPING=1");
 }

@@ -2,12 +2,12 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-/// What the daemon tells the service manager. Without one, nothing happens.
+/// Notifications to the service manager. They do nothing without one.
 namespace Systemd {
 
-/// The service is there. From now on, as long as the event loop runs, the watchdog is told so as often as it wants.
-void tellReady();
-/// The service ends.
-void tellStopping();
+/// Reports that the service is ready, and from then on sends watchdog notifications while the event loop runs.
+void notifyReady();
+/// Reports that the service is stopping.
+void notifyStopping();
 
 } // namespace Systemd

@@ -29,12 +29,12 @@ void UserStates::set(uint uid, const AttemptName &attempt, const QString &name, 
     if (isLocked && attempt.id == NoAttempt)
         return;
     if (isLocked)
-        m_untold.remove(uid);
+        m_unreported.remove(uid);
     Q_EMIT changed(uid, state);
 }
 
 void UserStates::handleLock(uint uid)
 {
-    if (m_untold.remove(uid))
+    if (m_unreported.remove(uid))
         Q_EMIT changed(uid, find(uid));
 }

@@ -10,7 +10,7 @@
 
 class LockStore;
 
-/// In which state each user is, as the service's callers see it.
+/// The state of each user, as the service reports it.
 class UserStates : public QObject
 {
     Q_OBJECT
@@ -26,20 +26,20 @@ public:
     /// `locks` must outlive this object.
     explicit UserStates(const LockStore *locks);
 
-    /// The user's state; locked whatever else there is, as long as the user is.
+    /// The user's state; locked while the user has a lock, whatever else applies.
     State find(uint uid) const;
-    /// Sets the user's state without telling of it yet.
+    /// Sets the user's state without reporting it yet.
     void prepare(uint uid, const AttemptName &attempt, const QString &name, const QVariantMap &details)
     {
         m_states.insert(uid, {attempt, name, details});
     }
-    /// Sets the user's state. That of a locked user shows only afterwards: for now, whoever waits for what becomes of
-    /// `attempt` is told of the lock.
+    /// Sets the user's state and reports it. For a locked user, reports the lock instead, to whoever waits for the
+    /// outcome of `attempt`; the new state shows only after the lock.
     void set(uint uid, const AttemptName &attempt, const QString &name, const QVariantMap &details = {});
-    /// Tells of a lock that has come or gone, unless that has been told by set().
+    /// Reports a lock or an unlock, unless set() has already reported it.
     void handleLock(uint uid);
-    /// Has the next handleLock() tell of the user's lock.
-    void expectLock(uint uid) { m_untold.insert(uid); }
+    /// Makes the next handleLock() report the user's lock.
+    void expectLock(uint uid) { m_unreported.insert(uid); }
 
 Q_SIGNALS:
     void changed(uint uid, const UserStates::State &state);
@@ -47,6 +47,6 @@ Q_SIGNALS:
 private:
     const LockStore *const m_locks;
     QHash<uint, State> m_states;
-    /// Whose locks have not been told of.
-    QSet<uint> m_untold;
+    /// The users with an unreported lock or unlock.
+    QSet<uint> m_unreported;
 };

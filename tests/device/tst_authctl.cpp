@@ -145,7 +145,7 @@ void TstAuthctl::options()
 
     const Result wrong = run(QStringLiteral("options max-attempts many"));
     QCOMPARE(wrong.exitCode, int(Refused));
-    QCOMPARE(wrong.errors, QStringLiteral("authctl: The option's values are of type int\n"));
+    QCOMPARE(wrong.errors, QStringLiteral("authctl: The option's type is int\n"));
     QCOMPARE(runAs(TestDevice::alice, QStringLiteral("options max-attempts 3")).exitCode, int(Refused));
     QCOMPARE(run(QStringLiteral("options --user alice attempts 0")).exitCode, int(Refused));
     QCOMPARE(runAs(TestDevice::bob, QStringLiteral("options --user alice")).exitCode, int(Refused));
