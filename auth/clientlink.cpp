@@ -55,7 +55,7 @@ bool MethodKavetPrivate::connectToChild()
 {
     if (!child.clientRunning || !child.socketPresent)
         return false;
-    if (m_guard.isOpen() && connection.isConnected())
+    if (guard.isOpen() && connection.isConnected())
         return true;
     // A client that has been told to end serves nobody.
     if (child.state() != QProcess::NotRunning && child.clientUid == 0)
@@ -64,15 +64,15 @@ bool MethodKavetPrivate::connectToChild()
     closeLink();
     const QString path = Constants::Link::socketPath;
     QDBusError error;
-    if (m_guard.connectToClient(path, currentUid == 0 ? child.clientUid : currentUid)) {
-        connection = QDBusConnection::connectToPeer(m_guard.address(), Constants::Link::connectionName);
+    if (guard.connectToClient(path, currentUid == 0 ? child.clientUid : currentUid)) {
+        connection = QDBusConnection::connectToPeer(guard.address(), Constants::Link::connectionName);
         error = connection.lastError();
     } else {
-        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, m_guard.errorString()));
+        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, guard.errorString()));
     }
-    if (connection.isConnected() && !m_guard.acceptLibrary())
-        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, m_guard.errorString()));
-    if (!m_guard.isOpen()) {
+    if (connection.isConnected() && !guard.acceptLibrary())
+        error = QDBusError(QDBusError::NoServer, cannotReachSocket.arg(path, guard.errorString()));
+    if (!guard.isOpen()) {
         qCWarning(kavet) << "Cannot connect to the Kavet client socket" << Constants::Link::address << error;
         closeLink();
         return false;
@@ -89,7 +89,7 @@ bool MethodKavetPrivate::connectToChild()
 void MethodKavetPrivate::closeLink()
 {
     // The D-Bus library keeps the connection open while anything refers to it.
-    m_guard.close();
+    guard.close();
     QDBusConnection::disconnectFromPeer(Constants::Link::connectionName);
     connection = QDBusConnection(QString());
 }
@@ -110,11 +110,11 @@ bool MethodKavetPrivate::prepareRequest(const char *method)
 {
     currentRequest = nullptr;
     // After a reset the stage says "linked" if there is a socket, even if there is no link.
-    if (!(m_guard.isOpen() && connection.isConnected()) && !connectToChild()) {
+    if (!(guard.isOpen() && connection.isConnected()) && !connectToChild()) {
         failRequest(method, QDBusError(QDBusError::Disconnected, notConnected));
         return false;
     }
-    m_guard.allowReply();
+    guard.allowReply();
     return true;
 }
 
@@ -125,7 +125,7 @@ void MethodKavetPrivate::awaitAnswer(const char *method, const QDBusPendingCall 
     // The handler keeps a reference to the connection: the D-Bus library fails when it closes a connection with an
     // outstanding call.
     const auto handleReply = [this, method, usedConnection = connection,
-                              usedLink = m_guard.link()](QDBusPendingCallWatcher *finished) {
+                              usedLink = guard.link()](QDBusPendingCallWatcher *finished) {
         const QDBusPendingReply<QString> reply = *finished;
         finished->deleteLater();
         if (finished != currentRequest) {
@@ -135,7 +135,7 @@ void MethodKavetPrivate::awaitAnswer(const char *method, const QDBusPendingCall 
         currentRequest = nullptr;
         if (reply.isError())
             failRequest(method, reply.error());
-        else if (usedLink != m_guard.link())
+        else if (usedLink != guard.link())
             failRequest(method, QDBusError(QDBusError::Disconnected, notConnected));
         else
             handleResult(reply.value());
@@ -161,18 +161,18 @@ QStringList MethodKavetPrivate::getCertList()
     }
 
     certListPending = false;
-    m_guard.allowReply();
+    guard.allowReply();
     auto *pending = new QDBusPendingCallWatcher(clientInterface->getCertList(), this);
     certListInFlight = true;
     // Keeps a reference to the connection, as in awaitAnswer().
     const char *const method = __func__;
     const auto handleReply = [this, method, usedConnection = connection,
-                              usedLink = m_guard.link()](QDBusPendingCallWatcher *finished) {
+                              usedLink = guard.link()](QDBusPendingCallWatcher *finished) {
         const QDBusPendingReply<QStringList> reply = *finished;
         QStringList certList;
         if (reply.isError())
             qCWarning(kavet) << method << "failed:" << shortened(reply.error().message());
-        else if (usedLink != m_guard.link())
+        else if (usedLink != guard.link())
             qCWarning(kavet) << method << "failed:" << notConnected;
         else if (isTooLong(reply.value()))
             qCWarning(kavet) << method << "failed:" << certListTooLong;

@@ -116,6 +116,7 @@ public:
     bool certListInFlight; ///< A request for the certificates is in flight.
     bool certListPending; ///< The certificates must be requested once the link is made.
     MethodKavet *const q;
+    LinkGuard guard; ///< Between the client's socket and `connection`.
     /// The request whose reply counts; null for none. Only compared, never dereferenced.
     const QDBusPendingCallWatcher *currentRequest = nullptr;
 
@@ -147,7 +148,6 @@ private:
     bool setLimit(const QVariant &value);
     QString settingsPath(const QString &name) const;
 
-    LinkGuard m_guard; ///< Between the client's socket and `connection`.
     bool m_refusedUserFile = false; ///< A foreign settings file has been reported since the last launch.
     bool m_lookupWasSlow = false; ///< Watching a file has taken too long since the last launch.
     QPair<quint64, qint64> m_settingsOfUsersLimit; ///< Version of the method's settings that holds a user's limit.

@@ -412,8 +412,7 @@ void TstHostileClient::answerOverClosedLink()
     // The library's thread continues while qWaitFor() sleeps between its rounds of events.
     QVERIFY(QTest::qWaitFor([call] { return call->isFinished(); }, 10000));
     QVERIFY(fixture.told().isEmpty());
-    fixture.d->setChildUnavailable(true);
-    fixture.daemon.calls.clear();
+    fixture.d->guard.close();
 
     QTRY_COMPARE(fixture.told().size(), 1);
     const Call noList = {QStringLiteral("optionChanged"), {0U, QStringLiteral("certs"), QStringList(), true}};
