@@ -25,13 +25,13 @@ namespace {
 const QString sharedFile = QStringLiteral("/srv/shared/tarsk/kavet_client/%1.conf");
 const QString attemptsKey = QStringLiteral("attempts");
 
-// Below the home directory and whatever the environment says, since it is this directory that the sandbox opens.
+// Relative to the home directory, regardless of XDG variables, because the sandbox opens this directory.
 const QString ownFile = QStringLiteral(".local/share/tarsk/kavet_client/attempts");
 
-/// More than any number has, in bytes.
+/// Larger than any valid content, in bytes.
 constexpr int maximumSize = 32;
 
-/// The count that neither file takes, so that at least this process goes by it.
+/// The count that could not be written to either file; it still applies in this process.
 int unstored = 0;
 
 QString sharedPath()
@@ -53,7 +53,7 @@ int sharedCount()
 struct Own
 {
     int count = 0;
-    /// How often root had unlocked the user by then; absent when that could not be asked.
+    /// How often root had unlocked the user when the count was written; absent if that was unknown.
     std::optional<uint> unlocks;
 };
 
@@ -74,7 +74,7 @@ Own readOwn()
     return own;
 }
 
-/// Has the new name of a file, not only its content, reach the disk.
+/// Syncs the directory, so that a renamed file survives a crash.
 bool sync(const QString &directory)
 {
     const int descriptor = open(QFile::encodeName(directory).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -90,11 +90,11 @@ bool replaceOwn(const QByteArray &content)
     const QString directory = QFileInfo(ownPath()).path();
     QSaveFile file(ownPath());
     return QDir().mkpath(directory) && file.open(QIODevice::WriteOnly) && file.write(content) == content.size()
-           && file.flush() // Whose failure commit() would not notice.
+           && file.flush() // commit() does not report a failed flush.
            && file.commit() && sync(directory);
 }
 
-/// Needs no room on the disk, unlike a new file.
+/// Overwrites the file in place, which also works on a full disk.
 bool overwriteOwn(const QByteArray &content)
 {
     QFile file(ownPath());
@@ -124,7 +124,7 @@ void store(const Own &own)
     unstored = isOwnStored || isSharedStored ? 0 : own.count;
 }
 
-/// The largest count there is.
+/// The largest of all counts.
 Own largest()
 {
     Own own = readOwn();
@@ -132,7 +132,7 @@ Own largest()
     return own;
 }
 
-/// The same, after what root has done since.
+/// The largest count, reset if root has unlocked the user since it was written.
 Own current()
 {
     Own own = largest();

@@ -16,7 +16,7 @@ using TrustList = std::unique_ptr<gnutls_x509_trust_list_st, void (*)(gnutls_x50
 constexpr char smartCardLogon[] = "1.3.6.1.4.1.311.20.2.2";
 constexpr int maximumDepth = 8;
 constexpr unsigned verifyFlags = GNUTLS_PROFILE_TO_VFLAGS(GNUTLS_PROFILE_MEDIUM);
-/// A list of revoked certificates that proves nothing is an error, since ignoring it would let them pass.
+/// An invalid revocation list is an error: ignoring it would let revoked certificates pass.
 constexpr unsigned crlFlags = GNUTLS_TL_VERIFY_CRL | GNUTLS_TL_FAIL_ON_INVALID_CRL;
 
 bool addAnchors(gnutls_x509_trust_list_t list, const QString &path)
@@ -41,7 +41,7 @@ bool addCrls(gnutls_x509_trust_list_t list, const QString &path)
     return count > 0;
 }
 
-/// Null when the settings name something unusable.
+/// Returns null when the settings name no usable trust anchors or revocation lists.
 TrustList makeTrustList(const ClientSettings &settings)
 {
     const auto deinit = [](gnutls_x509_trust_list_t list) {
@@ -67,7 +67,7 @@ bool maySign(const Certificate &certificate)
            && usage & GNUTLS_KEY_DIGITAL_SIGNATURE;
 }
 
-/// Whether the certificate itself says so; one that says nothing serves no purpose.
+/// Whether the certificate lists this key purpose. A certificate without any purpose has none.
 bool hasPurpose(const Certificate &certificate, const char *purpose)
 {
     char oid[128];
@@ -81,7 +81,7 @@ bool hasPurpose(const Certificate &certificate, const char *purpose)
     }
 }
 
-/// The certificate and the authorities above it, as far as they are found.
+/// The certificate followed by its issuers, as far as they are known.
 std::vector<gnutls_x509_crt_t> chain(const Certificate &certificate, const std::vector<Certificate> &others)
 {
     std::vector<gnutls_x509_crt_t> path = {certificate.get()};
@@ -98,7 +98,7 @@ std::vector<gnutls_x509_crt_t> chain(const Certificate &certificate, const std::
     return path;
 }
 
-/// Values of an attribute of the subject's name.
+/// The values of an attribute of the subject's name.
 QStringList subjectValues(const Certificate &certificate, const char *attribute)
 {
     QStringList values;
@@ -107,14 +107,14 @@ QStringList subjectValues(const Certificate &certificate, const char *attribute)
         size_t size = sizeof(buffer);
         const int result = gnutls_x509_crt_get_dn_by_oid(certificate.get(), attribute, i, 0, buffer, &size);
         if (result == GNUTLS_E_SHORT_MEMORY_BUFFER)
-            continue; // Too long for a login name.
+            continue; // Too long for a login name
         if (result != GNUTLS_E_SUCCESS)
             return values;
         values << QString::fromUtf8(buffer, int(size));
     }
 }
 
-/// Alternative names of the subject of one kind; virtual kinds count too.
+/// The subject's alternative names of one kind, including GnuTLS's virtual kinds.
 QStringList alternativeNames(const Certificate &certificate, unsigned kind)
 {
     QStringList names;
@@ -125,7 +125,7 @@ QStringList alternativeNames(const Certificate &certificate, unsigned kind)
     if (gnutls_x509_crt_get_extension_by_oid2(certificate.get(), "2.5.29.17", 0, &extension, nullptr)
         != GNUTLS_E_SUCCESS)
         return names;
-    const QByteArray encoded = takeBytes(extension);
+    QByteArray encoded = takeBytes(extension);
     const gnutls_datum_t encodedDatum = asDatum(encoded);
     if (gnutls_x509_ext_import_subject_alt_names(&encodedDatum, raw, 0) != GNUTLS_E_SUCCESS)
         return names;
@@ -149,7 +149,7 @@ QStringList alternativeNames(const Certificate &certificate, unsigned kind)
     return names;
 }
 
-/// The user's part of addresses, those of other domains left out.
+/// The local parts of the addresses in `domain`, or of all addresses if `domain` is empty.
 QStringList localParts(const QStringList &addresses, const QString &domain)
 {
     QStringList parts;
@@ -163,7 +163,7 @@ QStringList localParts(const QStringList &addresses, const QString &domain)
 
 } // namespace
 
-Certificate parseCertificate(const QByteArray &der)
+Certificate parseCertificate(QByteArray der)
 {
     gnutls_x509_crt_t raw = nullptr;
     gnutls_x509_crt_init(&raw);
@@ -188,12 +188,12 @@ bool isTrusted(const Certificate &certificate, const std::vector<Certificate> &o
         return false;
 
     std::vector<gnutls_x509_crt_t> path = chain(certificate, others);
-    for (const char *purpose : {GNUTLS_KP_TLS_WWW_CLIENT, smartCardLogon}) {
+    for (QByteArray purpose : {GNUTLS_KP_TLS_WWW_CLIENT, smartCardLogon}) {
         gnutls_typed_vdata_st data = {};
         data.type = GNUTLS_DT_KEY_PURPOSE_OID;
-        data.data = reinterpret_cast<unsigned char *>(const_cast<char *>(purpose));
+        data.data = reinterpret_cast<unsigned char *>(purpose.data());
         unsigned status = 0;
-        if (hasPurpose(certificate, purpose)
+        if (hasPurpose(certificate, purpose.constData())
             && gnutls_x509_trust_list_verify_crt2(list.get(), path.data(), unsigned(path.size()), &data, 1, verifyFlags,
                                                   &status, nullptr)
                    == GNUTLS_E_SUCCESS

@@ -14,15 +14,15 @@ class ClientSettings;
 
 using Certificate = GnutlsHandle<gnutls_x509_crt_t, gnutls_x509_crt_deinit>;
 
-/// A certificate from its encoded form; null when it is none.
-Certificate parseCertificate(const QByteArray &der);
+/// Parses a DER-encoded certificate. Returns null on error.
+Certificate parseCertificate(QByteArray der);
 
-/// Whether a certificate is that of a certificate authority.
+/// Whether this is the certificate of a certificate authority.
 bool isAuthority(const Certificate &certificate);
 
-/// Whether a certificate is valid now, may be used to log in, and leads to a configured trust anchor without a revoked
-/// certificate on the way. Authorities in between are looked for among `others`.
+/// Whether a certificate is currently valid, may be used to log in, and chains to a configured trust anchor without a
+/// revoked certificate in the chain. Looks for intermediate authorities among `others`.
 bool isTrusted(const Certificate &certificate, const std::vector<Certificate> &others, const ClientSettings &settings);
 
-/// Whether a certificate names the user in one of the configured ways.
+/// Whether a certificate names the user through one of the configured mappings.
 bool belongsTo(const Certificate &certificate, const QString &user, const ClientSettings &settings);

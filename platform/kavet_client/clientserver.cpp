@@ -20,21 +20,22 @@ namespace {
 constexpr char socketPath[] = "/run/aux-auth/tarsk/kavet_client/kavet.socket";
 constexpr char temporaryPath[] = "/run/aux-auth/tarsk/kavet_client/kavet.socket.new";
 
-/// More than anybody needs, and few enough to leave file descriptors for the client's own work.
+/// More than any plugin needs, and few enough to leave file descriptors for other work.
 constexpr int maximumPeers = 64;
 
-/// When to show the socket again to a plugin that has not taken notice, in milliseconds; each time twice as late.
+/// Intervals at which to announce the socket to a plugin that has not connected yet, in milliseconds. The interval
+/// doubles each time.
 constexpr int firstAnnouncement = 100;
 constexpr int lastAnnouncement = 60000;
 
-/// 0 when there is no such file.
+/// Returns 0 when there is no such file.
 quint64 inode(const char *path)
 {
     struct stat status = {};
     return lstat(path, &status) == 0 ? status.st_ino : 0;
 }
 
-/// Binds and listens under a name that nobody looks for.
+/// Binds and listens under a temporary name.
 bool listenOn(int socket)
 {
     struct sockaddr_un address = {};
@@ -75,7 +76,7 @@ QString ClientServer::listen()
     if (m_socket == -1 || !listenOn(m_socket))
         return qt_error_string(errno);
     m_inode = inode(temporaryPath);
-    // Only now, so that nobody meets a socket that is not listened on or open to others.
+    // Rename last, so that the socket appears only once it is listening and its mode is set.
     if (std::rename(temporaryPath, socketPath) != 0) {
         QString message = qt_error_string(errno);
         unlink(temporaryPath);
@@ -88,8 +89,9 @@ QString ClientServer::listen()
     return {};
 }
 
-// The plugin looks at the socket when something in its directory changes, and only once it knows that the client runs.
-// A client that starts faster than the plugin learns of it would never be connected to.
+// The plugin checks for the socket when its directory changes, but only after it has learned that the client is
+// running. If the client is faster than that, the plugin misses the change. Repeat the change until the plugin
+// connects.
 void ClientServer::timerEvent(QTimerEvent *)
 {
     if (inode(socketPath) == m_inode)
@@ -122,7 +124,7 @@ bool ClientServer::makeRoom()
 {
     if (m_peers.size() < maximumPeers)
         return true;
-    // Whoever says nothing gives way to who may have something to say.
+    // A peer that has not completed its handshake makes room for a new one.
     const auto silent =
         std::find_if(m_peers.cbegin(), m_peers.cend(), [](const Peer *peer) { return !peer->isReady(); });
     if (silent == m_peers.cend())

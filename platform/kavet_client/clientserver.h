@@ -12,19 +12,19 @@
 class KavetAuth;
 class Peer;
 
-/// Serves D-Bus peers on the client's socket. Only root and the user that the client runs as get through: the socket's
-/// mode lets nobody else connect, and the server looks at the credentials that the kernel has of each peer.
+/// Serves D-Bus peers on the client's socket. Accepts only root and the client's own user: the socket's mode keeps
+/// others out, and the server checks the credentials that the kernel reports for each peer.
 class ClientServer : public QObject
 {
     Q_OBJECT
 
 public:
-    /// `auth` is what peers call; it must outlive the server.
+    /// Peers call `auth`, which must outlive the server.
     explicit ClientServer(KavetAuth &auth);
-    /// Drops the peers and removes the socket, unless another client has put its own there.
+    /// Disconnects all peers and removes the socket, unless another client has replaced it.
     ~ClientServer() override;
 
-    /// Opens the socket. Returns what went wrong, or an empty string.
+    /// Opens the socket. Returns an error message, or an empty string on success.
     QString listen();
 
 protected:
@@ -32,15 +32,15 @@ protected:
 
 private:
     void accept();
-    /// Sees to it that one more peer may come; false when it may not.
+    /// Makes room for another peer. Returns false when there is none.
     bool makeRoom();
     void drop(Peer *peer);
 
     KavetAuth &m_auth;
     int m_socket = -1;
     std::unique_ptr<QSocketNotifier> m_notifier;
-    QVector<Peer *> m_peers; // The oldest first.
+    QVector<Peer *> m_peers; // oldest first
     quint64 m_inode = 0;
     QBasicTimer m_announcement;
-    int m_interval = 0; // Milliseconds.
+    int m_interval = 0; // milliseconds
 };

@@ -12,7 +12,7 @@
 
 namespace {
 
-// Below the home directory and whatever the environment says, since it is this directory that the sandbox opens.
+// Relative to the home directory, regardless of XDG variables, because the sandbox opens this directory.
 const QString settingsFile = QStringLiteral(".config/tarsk/kavet_client/client.conf");
 
 const QString passwordHashKey = QStringLiteral("password-hash");
@@ -40,7 +40,7 @@ int limit(const QSettings &settings, const QString &key, int defaultValue)
     const int value = settings.value(key, defaultValue).toInt(&isNumber);
     if (isNumber && value >= 0)
         return value;
-    qWarning("%s is not a number of attempts; %d it is", qUtf8Printable(key), defaultValue);
+    qWarning("%s is not a valid number of attempts; using %d", qUtf8Printable(key), defaultValue);
     return defaultValue;
 }
 
@@ -52,7 +52,7 @@ ClientSettings::AuthType readAuthType(const QSettings &settings)
     if (type == authTypeCert)
         return ClientSettings::AuthType::Cert;
     if (type != authTypeAny)
-        qWarning("%s is not one of password, cert and any; any it is", qUtf8Printable(authTypeKey));
+        qWarning("%s is not one of password, cert and any; using any", qUtf8Printable(authTypeKey));
     return ClientSettings::AuthType::Any;
 }
 
@@ -69,7 +69,7 @@ ClientSettings::Mappings readMappings(const QSettings &settings)
         if (known.contains(name))
             mappings |= known.value(name);
         else
-            qWarning("%s holds something else than uid, upn, email and cn", qUtf8Printable(mappingKey));
+            qWarning("%s contains a value other than uid, upn, email and cn", qUtf8Printable(mappingKey));
     }
     return mappings;
 }

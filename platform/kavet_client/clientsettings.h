@@ -6,50 +6,49 @@
 #include <QFlags>
 #include <QString>
 
-/// The settings that the client's user has made, in the client's own configuration directory. Each object reads the
-/// file anew.
+/// The user's settings for the client, from the client's own configuration directory. Each object reads the file again.
 class ClientSettings
 {
 public:
-    /// What the user authenticates with.
+    /// The accepted kinds of credentials.
     enum class AuthType { Any, Password, Cert };
-    /// What in a certificate may name its user.
+    /// The certificate fields that may name the user.
     enum class Mapping {
-        UserId = 1, ///< The subject's user id.
-        PrincipalName = 2, ///< The user's part of the alternative name that is a principal name.
-        Email = 4, ///< The user's part of the alternative name that is a mail address.
-        CommonName = 8, ///< The subject's common name.
+        UserId = 1, ///< The subject's user id
+        PrincipalName = 2, ///< The local part of a principal name among the alternative names
+        Email = 4, ///< The local part of an email address among the alternative names
+        CommonName = 8, ///< The subject's common name
     };
     Q_DECLARE_FLAGS(Mappings, Mapping)
 
     ClientSettings();
 
-    /// Where the settings are, readable by their user alone.
+    /// The settings file. Only its user may read it.
     static QString path();
 
-    /// The password's hash; empty when no password has been set.
+    /// The password's hash; empty when no password is set.
     QByteArray passwordHash() const { return m_passwordHash; }
-    /// Stores the password's hash; false when it could not be stored.
+    /// Stores the password's hash. Returns false on failure.
     static bool setPasswordHash(const QByteArray &hash);
 
-    /// The number of failed attempts from which on the user is locked; 0: never.
+    /// The number of failed attempts that locks the user; 0 means never.
     int lockAfter() const { return m_lockAfter; }
-    /// The number of failed attempts from which on the user's data is to be removed; 0: never.
+    /// The number of failed attempts after which the user's data is to be removed; 0 means never.
     int removeAfter() const { return m_removeAfter; }
-    /// What the user may authenticate with.
+    /// The kind of credentials that the client accepts.
     AuthType authType() const { return m_authType; }
 
-    /// The PKCS#11 module's path; empty: those that the system has registered.
+    /// The path of the PKCS#11 module; empty for the modules registered in the system.
     QString module() const { return m_module; }
-    /// The file or directory of certificates that are trusted; empty: none are.
+    /// The file or directory with the trusted certificates; empty if there are none.
     QString trustAnchors() const { return m_trustAnchors; }
-    /// The file or directory of certificate revocation lists; empty: there are none.
+    /// The file or directory with certificate revocation lists; empty if there are none.
     QString crls() const { return m_crls; }
-    /// Any of these will do.
+    /// The accepted mappings. One match suffices.
     Mappings mappings() const { return m_mappings; }
-    /// The domain that principal names and mail addresses must have; empty: any.
+    /// The required domain of principal names and email addresses; empty for any.
     QString mappingDomain() const { return m_mappingDomain; }
-    /// The URI of the certificate to take when none is named; empty: there is none.
+    /// The URI of the certificate to use when a call names none; empty if there is no default.
     QByteArray defaultCert() const { return m_defaultCert; }
 
 private:

@@ -8,13 +8,13 @@
 #include <memory>
 #include <type_traits>
 
-/// Frees what the library allocated.
+/// Frees memory that GnuTLS allocated.
 struct GnutlsFree
 {
     void operator()(void *memory) const { gnutls_free(memory); }
 };
 
-/// An object of the library with the function that ends its life.
+/// Owns a GnuTLS object and releases it with its own function.
 template <auto deinit>
 struct GnutlsDeinit
 {
@@ -27,7 +27,7 @@ struct GnutlsDeinit
 template <typename T, auto deinit>
 using GnutlsHandle = std::unique_ptr<std::remove_pointer_t<T>, GnutlsDeinit<deinit>>;
 
-/// Copies what the library allocated, and frees it.
+/// Copies memory that GnuTLS allocated, and frees it.
 inline QByteArray takeBytes(gnutls_datum_t &datum)
 {
     QByteArray bytes(reinterpret_cast<const char *>(datum.data), int(datum.size));
@@ -36,7 +36,8 @@ inline QByteArray takeBytes(gnutls_datum_t &datum)
     return bytes;
 }
 
-inline gnutls_datum_t asDatum(const QByteArray &bytes)
+/// A view of `bytes`. GnuTLS only reads its inputs, but its type has no const.
+inline gnutls_datum_t asDatum(QByteArray &bytes)
 {
-    return {reinterpret_cast<unsigned char *>(const_cast<char *>(bytes.constData())), unsigned(bytes.size())};
+    return {reinterpret_cast<unsigned char *>(bytes.data()), unsigned(bytes.size())};
 }

@@ -13,7 +13,7 @@ namespace {
 constexpr char objectPath[] = "/kavetauth";
 constexpr char interfaceName[] = "tarsk.kavet_auth";
 
-/// The calls about tokens that one peer may have under way. Each is a process.
+/// The maximum number of pending token calls per peer. Each is a process.
 constexpr int maximumTokenCalls = 4;
 
 const QByteArray success = QByteArrayLiteral("success");
@@ -25,7 +25,7 @@ const QByteArray moduleFailed = QByteArrayLiteral("connerr");
 const QByteArray badDefaultCert = QByteArrayLiteral("firstcererr");
 const QByteArray wrongAuthType = QByteArrayLiteral("errauthtype");
 
-/// The answer that so many failed attempts bring by themselves.
+/// The result for this number of failed attempts.
 QByteArray answerAt(int attempts, const ClientSettings &settings)
 {
     if (settings.removeAfter() != 0 && attempts >= settings.removeAfter())
@@ -40,12 +40,12 @@ bool isPastLimit(const ClientSettings &settings)
     return answerAt(AttemptCounter::count(), settings) != failed;
 }
 
-/// The answer that a token's outcome brings; only a wrong PIN is a guess at a secret, and so counts.
+/// The result for a token's outcome. Only a wrong PIN counts as a failed attempt: it is a guess at a secret.
 QByteArray answerTo(Tokens::Outcome outcome, const ClientSettings &settings)
 {
     switch (outcome) {
     case Tokens::Success:
-        // Passwords may have been tried meanwhile.
+        // Password attempts may have reached the limit in the meantime.
         if (isPastLimit(settings))
             return answerAt(AttemptCounter::increase(), settings);
         AttemptCounter::reset();
@@ -81,7 +81,7 @@ KavetAuth::KavetAuth(const QByteArray &user)
 bool KavetAuth::serveOn(sd_bus *peer)
 {
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wpedantic" // The library's macros are written for C.
+#pragma GCC diagnostic ignored "-Wpedantic" // sd-bus's macros are written for C.
     static const sd_bus_vtable methods[] = {
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD_WITH_NAMES("checkPassword", "ss", SD_BUS_PARAM(user) SD_BUS_PARAM(password), "s",
@@ -109,7 +109,7 @@ int KavetAuth::checkPassword(sd_bus_message *call, void *object, sd_bus_error *)
         return reply(call, failed);
     if (settings.authType() == ClientSettings::AuthType::Cert || settings.passwordHash().isEmpty())
         return reply(call, wrongAuthType);
-    // Past a limit the password is not even looked at, so that nobody goes on guessing by what happens to the counter.
+    // Past a limit, do not even check the password. Otherwise the counter would reveal whether a guess was right.
     if (isPastLimit(settings) || !PasswordHash::matches(password, settings.passwordHash()))
         return reply(call, answerAt(AttemptCounter::increase(), settings));
     AttemptCounter::reset();
@@ -191,7 +191,7 @@ KavetAuth::Message KavetAuth::begin(sd_bus_message *call, sd_bus_error *error)
 {
     sd_bus *const peer = sd_bus_message_get_bus(call);
     if (m_tokenCalls.count(peer) >= maximumTokenCalls) {
-        sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "Too many calls that concern tokens are under way");
+        sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "Too many token calls are pending");
         return {};
     }
     sd_bus_message *later = nullptr;
@@ -208,6 +208,6 @@ void KavetAuth::send(const Message &reply)
 {
     sd_bus *const peer = sd_bus_message_get_bus(reply.get());
     m_tokenCalls.removeOne(peer);
-    sd_bus_send(peer, reply.get(), nullptr); // Fails when the peer has gone.
+    sd_bus_send(peer, reply.get(), nullptr); // Fails if the peer has disconnected.
     Q_EMIT answered();
 }

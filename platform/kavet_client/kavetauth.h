@@ -13,26 +13,26 @@
 
 #include <systemd/sd-bus.h>
 
-/// The authentication of the user that the client runs as, as the interface that peers call. Answers are those of the
-/// protocol: success, failed, lock, remove, nousb, connerr, firstcererr, errauthtype. What concerns tokens is answered
-/// later, when it is known. PINs are checked one after the other, so that the outcome of each is counted before the
-/// next is tried.
+/// Authenticates the client's user: the interface that peers call. Its results are those of the protocol: success,
+/// failed, lock, remove, nousb, connerr, firstcererr, errauthtype. Calls that need a token are answered asynchronously.
+/// PINs are checked one at a time, so that each outcome is counted before the next check starts.
 ///
-/// Passwords and PINs stay in the library's message, which it erases when the call has been handled.
+///
+/// Passwords and PINs stay in the library's message, which the library erases when the call has been handled.
 class KavetAuth : public QObject
 {
     Q_OBJECT
 
 public:
-    /// `user` is the login name of the only user who can be authenticated.
+    /// `user` is the login name of the only user that can be authenticated.
     explicit KavetAuth(const QByteArray &user);
 
-    /// Serves the interface on a connection that has not been started yet; false when it cannot. The object must
+    /// Serves the interface on a connection that has not been started yet. Returns false on failure. The object must
     /// outlive the connection.
     bool serveOn(sd_bus *peer);
 
 Q_SIGNALS:
-    /// An answer that was given later has been handed to its connection.
+    /// An asynchronous reply has been passed to its connection.
     void answered();
 
 private:
@@ -42,8 +42,8 @@ private:
     static int validateCert(sd_bus_message *call, void *object, sd_bus_error *error);
     static int getCertList(sd_bus_message *call, void *object, sd_bus_error *error);
 
-    /// Takes on a call that concerns tokens; the reply to fill in and send, or none with `error` set. It holds nothing
-    /// of the call, whose message goes when the handler returns.
+    /// Starts an asynchronous token call. Returns the reply to fill in and send, or null with `error` set. The reply
+    /// does not keep the call's message alive, which holds secrets.
     Message begin(sd_bus_message *call, sd_bus_error *error);
     void send(const Message &reply);
 
@@ -52,12 +52,12 @@ private:
         Message reply;
         TokenProcess::Request request;
     };
-    /// Begins the first check in the queue for which a token is needed, and answers those before it.
+    /// Starts the next check in the queue that needs a token. Replies at once to the checks before it.
     void nextPinCheck();
-    /// Answers the first check in the queue and takes it off.
+    /// Replies to the first check in the queue and removes it.
     void finishPinCheck(const QByteArray &answer);
 
     const QByteArray m_user;
-    QVector<sd_bus *> m_tokenCalls; // The connection of each call under way.
-    std::deque<PinCheck> m_pinChecks; // The first one is under way.
+    QVector<sd_bus *> m_tokenCalls; // the connection of each pending call
+    std::deque<PinCheck> m_pinChecks; // the first is running
 };

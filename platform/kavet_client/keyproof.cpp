@@ -9,9 +9,9 @@
 
 namespace {
 
-constexpr int challengeSize = 32; // Bytes.
+constexpr int challengeSize = 32; // bytes
 
-/// What the library is to ask for the PIN.
+/// The data of the PIN callback.
 struct PinSource
 {
     const QByteArray &pin;
@@ -21,7 +21,7 @@ struct PinSource
 int givePin(void *data, int attempt, const char *, const char *, unsigned, char *pin, size_t size)
 {
     auto *source = static_cast<PinSource *>(data);
-    // A second try with the same PIN would only bring the token nearer to blocking it.
+    // Retrying a wrong PIN would bring the token closer to blocking it.
     if (attempt > 0 || size_t(source->pin.size()) >= size)
         return GNUTLS_E_PKCS11_PIN_ERROR;
     source->wasAsked = true;
@@ -62,7 +62,7 @@ int proveKey(const QByteArray &token, const QByteArray &keyId, const Certificate
         return error;
     const int keyKind = gnutls_privkey_get_pk_algorithm(privateKey, nullptr);
     const int certifiedKind = gnutls_pubkey_get_pk_algorithm(publicKey, nullptr);
-    // For a token, an RSA key is not bound to either kind of padding.
+    // A token does not bind an RSA key to either padding scheme.
     if (keyKind != certifiedKind && !(keyKind == GNUTLS_PK_RSA && certifiedKind == GNUTLS_PK_RSA_PSS))
         return GNUTLS_E_PK_SIG_VERIFY_FAILED;
     gnutls_datum_t signature = {};
@@ -70,7 +70,7 @@ int proveKey(const QByteArray &token, const QByteArray &keyId, const Certificate
     if (error != GNUTLS_E_SUCCESS)
         return error;
     const std::unique_ptr<unsigned char, GnutlsFree> signatureOwner(signature.data);
-    // A token that signs for anybody who holds it proves nothing about the PIN.
+    // A token that signs without the PIN proves nothing about the PIN.
     if (!source.wasAsked)
         return GNUTLS_E_PKCS11_PIN_ERROR;
     return gnutls_pubkey_verify_data2(publicKey, algorithm, 0, &challengeDatum, &signature);

@@ -37,7 +37,7 @@ void handleSignal(int)
     errno = error;
 }
 
-/// Has the signals that ask for an end finish the event loop.
+/// Makes the termination signals end the event loop.
 bool catchSignals()
 {
     if (pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
@@ -65,8 +65,8 @@ int setPassword()
         return fail(problem);
     const QByteArray hash = PasswordHash::make(password.bytes());
     if (hash.isEmpty())
-        return fail(
-            QStringLiteral("A password has 1 to %1 bytes; nothing was changed").arg(PasswordHash::maximumLength));
+        return fail(QStringLiteral("A password must have 1 to %1 bytes; the password was not changed")
+                        .arg(PasswordHash::maximumLength));
     if (!ClientSettings::setPasswordHash(hash))
         return fail(QStringLiteral("Cannot write %1").arg(ClientSettings::path()));
     return Success;
@@ -92,7 +92,7 @@ int serve()
 
 int main(int argc, char *argv[])
 {
-    // No crash dump, and no other process of the user's reading this one's memory.
+    // Secrets pass through this process: leave no core file, and let no other process of the user trace it.
     prctl(PR_SET_DUMPABLE, 0);
     umask(S_IRWXG | S_IRWXO);
     qSetMessagePattern(QStringLiteral("tarsk.kavet_client: %{message}"));
@@ -106,12 +106,12 @@ int main(int argc, char *argv[])
     const QCommandLineOption help = parser.addHelpOption();
     const QCommandLineOption version = parser.addVersionOption();
     const QCommandLineOption noGui(QStringLiteral("no-gui"),
-                                   QStringLiteral("Serve without windows; there are none anyway."));
+                                   QStringLiteral("Serve without windows. This client never shows any."));
     const QCommandLineOption setPasswordOption(
         QStringLiteral("set-password"),
-        QStringLiteral("Ask for a new password, or read one line of standard input, store its hash, and end."));
+        QStringLiteral("Prompt for a new password, or read one line from standard input, store its hash, and exit."));
     const QCommandLineOption certs(TokenProcess::listOption,
-                                   QStringLiteral("List the certificates on the tokens, as the settings want them."));
+                                   QStringLiteral("List the certificates on the tokens, the default first, and exit."));
     QCommandLineOption validateCert(TokenProcess::validateOption);
     validateCert.setFlags(QCommandLineOption::HiddenFromHelp);
     QCommandLineOption unlocks(Unlocks::option);

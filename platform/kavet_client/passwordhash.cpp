@@ -9,10 +9,10 @@
 
 namespace {
 
-/// Empty when the password cannot be hashed that way.
+/// Returns an empty array when the password cannot be hashed with this setting.
 QByteArray hashed(const char *password, const char *setting)
 {
-    const auto data = std::make_unique<struct crypt_data>(); // Too large for a stack.
+    const auto data = std::make_unique<struct crypt_data>(); // too large for the stack
     const char *hash = crypt_rn(password, setting, data.get(), int(sizeof(*data)));
     QByteArray result(hash);
     explicit_bzero(data.get(), sizeof(*data));
@@ -26,7 +26,7 @@ const int PasswordHash::maximumLength = CRYPT_MAX_PASSPHRASE_SIZE - 1;
 QByteArray PasswordHash::make(const QByteArray &password)
 {
     char setting[CRYPT_GENSALT_OUTPUT_SIZE];
-    // A password that ends early for C would be another one.
+    // crypt() would ignore everything after a null character.
     if (password.isEmpty() || password.size() > maximumLength || password.contains('\0')
         || !crypt_gensalt_rn(nullptr, 0, nullptr, 0, setting, int(sizeof(setting))))
         return {};

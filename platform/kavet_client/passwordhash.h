@@ -8,15 +8,14 @@
 /// Salted password hashes in the format of the system's crypt(3).
 namespace PasswordHash {
 
-/// The longest password, in bytes.
+/// The maximum length of a password, in bytes.
 extern const int maximumLength;
 
-/// The hash of a password by the system's preferred method with a fresh salt; empty when the password is empty, longer
-/// than maximumLength, or the system has no randomness.
+/// Hashes a password with the system's preferred method and a fresh salt. Returns an empty array when the password is
+/// empty or longer than maximumLength, or when the system provides no random bytes.
 QByteArray make(const QByteArray &password);
 
-/// Whether a password has this hash; keeps no copy of it. The time it takes tells nothing about where two hashes
-/// differ.
+/// Whether a password matches a hash. Keeps no copy of the password. Compares in constant time.
 bool matches(const char *password, const QByteArray &hash);
 
 } // namespace PasswordHash

@@ -14,13 +14,12 @@
 
 namespace {
 
-/// Far more than any password.
+/// Far longer than any password.
 constexpr int maximumLine = 4096;
 
 constexpr int noSignals = -1;
 
-/// Keeps what is typed off the screen for its life. Meanwhile no key stops the program, which would leave the terminal
-/// so.
+/// Turns echo off for its lifetime. Also disables the suspend key, which would leave the terminal without echo.
 class HiddenInput
 {
 public:
@@ -48,15 +47,15 @@ private:
     Q_DISABLE_COPY(HiddenInput)
 };
 
-/// One line without its end, straight from the descriptor, so that no copy stays in a stream's buffer. False also when
-/// `signals` becomes readable first.
+/// Reads one line without its end, unbuffered, so that no copy stays in a stream's buffer. Returns false on error, when
+/// the line is too long, or when `signals` becomes readable first.
 bool readLine(QByteArray &line, int signals)
 {
-    line.reserve(maximumLine); // Growing would leave copies behind.
+    line.reserve(maximumLine); // Reallocation would leave copies behind.
     while (line.size() < maximumLine) {
         struct pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
         if (poll(sources, std::size(sources), -1) == -1)
-            continue; // Interrupted.
+            continue; // interrupted
         if (sources[1].revents != 0)
             return false;
         char character = 0;
@@ -74,7 +73,7 @@ bool readLine(QByteArray &line, int signals)
 
 bool ask(const char *prompt, QByteArray &line)
 {
-    const HeldSignals held; // Until the terminal is as before.
+    const HeldSignals held; // Destroyed last, after the terminal is restored.
     const HiddenInput hidden;
     std::fputs(prompt, stderr);
     return readLine(line, held.descriptor());
@@ -89,7 +88,8 @@ QString readNewPassword(SecretBytes &password)
         return readLine(password.bytes(), noSignals) ? QString() : unreadable;
 
     SecretBytes again;
-    if (!ask("New password: ", password.bytes()) || !ask("The same again: ", again.bytes()))
+    if (!ask("New password: ", password.bytes()) || !ask("Repeat new password: ", again.bytes()))
         return unreadable;
-    return password.bytes() == again.bytes() ? QString() : QStringLiteral("The two differ; nothing was changed");
+    return password.bytes() == again.bytes() ? QString()
+                                             : QStringLiteral("The passwords differ; the password was not changed");
 }

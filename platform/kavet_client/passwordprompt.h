@@ -6,6 +6,6 @@
 
 #include <QString>
 
-/// Reads a new password from standard input: asks for it twice without echo where that is a terminal, else takes one
-/// line. Returns what went wrong, or an empty string.
+/// Reads a new password from standard input: prompts twice without echo on a terminal, otherwise reads one line.
+/// Returns an error message, or an empty string on success.
 QString readNewPassword(SecretBytes &password);

@@ -18,19 +18,19 @@
 
 namespace {
 
-/// Several times what any D-Bus library sends before its first message, in bytes.
+/// Several times the size of any D-Bus library's handshake, in bytes.
 constexpr int maximumHandshake = 4096;
 
-/// The mechanism by which a peer says that it is nobody in particular.
+/// The authentication mechanism that proves no identity.
 constexpr char anonymous[] = "ANONYMOUS";
 
-/// Whatever a peer sends may hold a secret, even if there is no such method.
+/// Any message may hold a secret, even a call of an unknown method.
 int markAsSensitive(sd_bus_message *message, void *, sd_bus_error *)
 {
     return qMin(sd_bus_message_sensitive(message), 0);
 }
 
-/// Milliseconds until a point in time on the library's clock, in microseconds.
+/// The milliseconds until `time`, which is in microseconds on the library's clock.
 int millisecondsUntil(uint64_t time)
 {
     using namespace std::chrono;
@@ -50,7 +50,7 @@ Peer::Peer(int socket, KavetAuth &auth, QObject *parent)
     m_writable.setEnabled(false);
     connect(&m_readable, &QSocketNotifier::activated, this, &Peer::receive);
     connect(&m_writable, &QSocketNotifier::activated, this, &Peer::process);
-    // An answer that was long in coming may be waiting to be written.
+    // An asynchronous reply may have to be written.
     connect(&auth, &KavetAuth::answered, this, &Peer::watch);
 }
 
@@ -73,7 +73,8 @@ bool Peer::start()
     }
     m_input = handshake[0];
     m_handshake = handshake[1];
-    // The kernel has said who the peer is; a pipe cannot. So the library takes any name that the peer gives itself.
+    // The kernel has already identified the peer, and the library cannot read credentials from a pipe. So let the
+    // library accept any identity.
     const bool started = sd_bus_new(&m_bus) >= 0 && sd_bus_set_fd(m_bus, m_input, m_socket) >= 0
                          && sd_id128_randomize(&id) >= 0 && sd_bus_set_server(m_bus, true, id) >= 0
                          && sd_bus_set_anonymous(m_bus, true) >= 0 && sd_bus_set_trusted(m_bus, true) >= 0
@@ -93,9 +94,9 @@ void Peer::receive()
         shakeHands();
 }
 
-// The library reads the handshake in blocks. A block may already hold the first call, of which the library then leaves
-// pieces in memory that it does not erase. So it gets the handshake line by line through a pipe, and the socket when
-// that is over.
+// The library reads the handshake in blocks. A block may include the first call, and the library would leave parts of
+// it in memory without erasing them. So feed it the handshake line by line through a pipe, and switch to the socket
+// afterwards.
 void Peer::shakeHands()
 {
     char byte = 0;
@@ -136,7 +137,7 @@ bool Peer::passLine()
 
 int Peer::process()
 {
-    // One step for each event, so that every peer has its turn.
+    // One step per event, so that all peers get their turn.
     const int progress = sd_bus_process(m_bus, nullptr);
     wipeStack();
     if (progress < 0 || sd_bus_is_open(m_bus) <= 0) {

@@ -10,24 +10,26 @@
 
 class KavetAuth;
 
-/// The D-Bus connection of one peer, served on Qt's event loop. A peer that does not read its replies is not read from.
+/// A D-Bus connection to one peer, served on Qt's event loop. While a peer does not read its replies, no more calls are
+/// read from it.
 class Peer : public QObject
 {
     Q_OBJECT
 
 public:
-    /// Takes over a connected socket that does not block. `auth` is what the peer calls; it must outlive the object.
+    /// Takes ownership of a connected, non-blocking socket. The peer calls `auth`, which must outlive the object.
     Peer(int socket, KavetAuth &auth, QObject *parent);
     /// Closes the connection.
     ~Peer() override;
 
-    /// Begins the handshake; false when the connection cannot be served.
+    /// Starts the handshake. Returns false when the connection cannot be served.
     bool start();
-    /// Whether the handshake is over.
+    /// Whether the handshake is complete.
     bool isReady() const { return m_handshake == -1; }
 
 Q_SIGNALS:
-    /// The peer has left, broken the protocol, or taken too long for the handshake. Nothing is served after that.
+    /// The peer has disconnected, violated the protocol, or taken too long for the handshake. It is not served any
+    /// more.
     void gone();
 
 protected:
@@ -36,20 +38,20 @@ protected:
 private:
     void receive();
     void shakeHands();
-    /// Has the library answer a line of the handshake. False when the peer is gone.
+    /// Passes one line of the handshake to the library. Returns false when the peer is gone.
     bool passLine();
-    /// One step of the library's, as reading and answering one call. Positive when there may be more to do at once,
-    /// negative when the peer is gone.
+    /// Lets the library do one step, such as handling one call. Returns a positive number when there may be more to do
+    /// at once, a negative one when the peer is gone.
     int process();
-    /// Waits for what the library waits for.
+    /// Waits for the events that the library needs.
     void watch();
     void end();
 
     KavetAuth &m_auth;
     sd_bus *m_bus = nullptr;
-    const int m_socket; // Closed by the library, as is m_input.
+    const int m_socket; // closed by the library, like m_input
     int m_input = -1;
-    int m_handshake = -1; // The pipe's end from which m_input reads; -1 when m_input is the socket.
+    int m_handshake = -1; // write end of the pipe behind m_input; -1 once m_input is the socket
     int m_handshakeSize = 0;
     QByteArray m_handshakeLine;
     QSocketNotifier m_readable;

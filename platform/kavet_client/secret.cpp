@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "secret.h"
 
+#include "wipe.h"
+
 #include <cstring>
 
 namespace {
@@ -17,8 +19,7 @@ SecretBytes::SecretBytes(QByteArray bytes)
 
 SecretBytes::~SecretBytes()
 {
-    // Overwrites also what is shared; data() would give a copy of it.
-    explicit_bzero(const_cast<char *>(m_bytes.constData()), size_t(m_bytes.size()));
+    Wipe::bytes(m_bytes);
 }
 
 __attribute__((noinline)) void wipeStack()

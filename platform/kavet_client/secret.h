@@ -4,8 +4,8 @@
 
 #include <QByteArray>
 
-/// A secret as bytes, overwritten with zeros at the end of its life. Reserve its size before adding to it: growing
-/// would leave copies behind.
+/// A secret. The destructor overwrites it with zeros. Reserve its size before adding to it, because reallocation would
+/// leave copies behind.
 class SecretBytes
 {
 public:
@@ -21,6 +21,6 @@ private:
     Q_DISABLE_COPY(SecretBytes)
 };
 
-/// Overwrites what functions that have returned left on the stack below, as far down as any library goes. Registers
-/// that held part of a secret are saved there for signal handlers and by the dynamic linker.
+/// Overwrites the stack below the caller, deeper than any library goes. Signal handlers and the dynamic linker save
+/// registers there, which may hold parts of a secret.
 void wipeStack();

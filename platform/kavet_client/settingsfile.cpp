@@ -8,7 +8,7 @@
 
 #include <cstdio>
 
-// On a full disk QSettings puts an empty file in place of the old one, and reports no error.
+// Works on a copy: on a full disk QSettings replaces the file by an empty one and reports no error.
 bool writeSetting(const QString &path, const QString &key, const QVariant &value)
 {
     const QString draft = path + QStringLiteral(".new");

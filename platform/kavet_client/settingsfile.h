@@ -5,6 +5,6 @@
 #include <QString>
 #include <QVariant>
 
-/// Sets a key in a settings file, which is made if there is none. The file is replaced as a whole, by one that only its
-/// user can read; when that cannot be done, as on a full disk, it stays as it is, and the function returns false.
+/// Sets a key in a settings file, creating the file if necessary. Replaces the file as a whole, readable by its user
+/// alone. Returns false and leaves the file unchanged on failure, such as a full disk.
 bool writeSetting(const QString &path, const QString &key, const QVariant &value);

@@ -27,7 +27,7 @@ QByteArray info(const TokenObjects::Object &object, gnutls_pkcs11_obj_info_t typ
 
 TokenObjects::Modules::Modules(const ClientSettings &settings)
 {
-    // Without a path, those that the system has registered.
+    // Without a path, load the modules registered in the system.
     m_error =
         gnutls_pkcs11_init(settings.module().isEmpty() ? GNUTLS_PKCS11_FLAG_AUTO : GNUTLS_PKCS11_FLAG_MANUAL, nullptr);
     if (m_error == GNUTLS_E_SUCCESS && !settings.module().isEmpty())

@@ -13,17 +13,17 @@
 
 class ClientSettings;
 
-/// What is on the tokens, by URI (RFC 7512). Functions that return int return the library's error code.
+/// The objects on the tokens, by URI (RFC 7512). Functions that return int return GnuTLS's error code.
 namespace TokenObjects {
 
-/// The modules that the settings name, loaded for the life of the object. Everything below needs them.
+/// Loads the modules that the settings name, for its lifetime. All other functions need them.
 class Modules
 {
 public:
     explicit Modules(const ClientSettings &settings);
     ~Modules();
 
-    /// False when a module cannot be loaded; the reason has been logged.
+    /// Returns false when a module could not be loaded. The reason has been logged.
     bool loaded() const { return m_error == GNUTLS_E_SUCCESS; }
 
 private:
@@ -35,25 +35,25 @@ private:
 using Object = GnutlsHandle<gnutls_pkcs11_obj_t, gnutls_pkcs11_obj_deinit>;
 using Objects = std::vector<Object>;
 
-/// Adds what a URI stands for on the present tokens, limited by `flags` (GNUTLS_PKCS11_OBJ_FLAG_...).
+/// Adds the objects on the present tokens that match a URI, filtered by `flags` (GNUTLS_PKCS11_OBJ_FLAG_...).
 int find(const QByteArray &uri, unsigned flags, Objects &objects);
 
-/// An object's CKA_ID; empty when it has none.
+/// An object's CKA_ID; empty if it has none.
 QByteArray id(const Object &object);
 /// An object's URI.
 QByteArray uri(const Object &object);
-/// The certificate that an object is; null when it is none.
+/// Returns the object as a certificate, or null when it is none.
 Certificate certificateOf(const Object &object);
 
-/// Adds the URIs of the tokens that are present and ask for a PIN. Others prove nothing about who holds them; the
-/// system's trusted certificates come as such a token.
+/// Adds the URIs of the present tokens that require a PIN. Other tokens, such as the system's trust store, prove
+/// nothing about their holder.
 int presentTokens(QByteArrayList &tokens);
-/// Whether the token that a URI names is present, and there are `tokens` at all.
+/// Whether the token of a URI is present. Returns false if `tokens` is empty.
 bool isPresent(const QByteArray &uri, const QByteArrayList &tokens);
 
-/// What a URI says, one by one; within each, what would separate them is encoded.
+/// The attributes of a URI. Separators within an attribute are percent-encoded.
 QByteArrayList attributes(const QByteArray &uri);
-/// The URI without what tells a token's objects apart.
+/// The part of a URI that identifies the token rather than an object on it.
 QByteArray tokenPart(const QByteArray &uri);
 
 } // namespace TokenObjects

@@ -21,10 +21,10 @@ const QString notAProgram = QStringLiteral("/");
 const QString descriptorPath = QStringLiteral("/proc/self/fd/%1");
 const QString optionPrefix = QStringLiteral("--");
 
-/// Shorter than a caller waits, who then gets an answer from a module that hangs.
-constexpr int timeout = 20000; // ms
+/// Shorter than the caller's timeout, so that the caller gets a reply even if a module hangs.
+constexpr int timeout = 20000; // milliseconds
 
-/// Does not outlive the client.
+/// A process that dies with the client.
 class Helper : public QProcess
 {
 public:
@@ -34,7 +34,7 @@ protected:
     void setupChildProcess() override
     {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != m_client) // It has gone before that.
+        if (getppid() != m_client) // The client exited before prctl().
             _exit(Tokens::ModuleFailed);
     }
 
@@ -45,11 +45,11 @@ private:
 TokenProcess::Request makeRequest(const QByteArray &content)
 {
     auto file = std::make_unique<QFile>();
-    // Not by the process's own channel, which would keep what is written in memory.
+    // Not through QProcess's write channel, which would keep the data in memory.
     const int descriptor = memfd_create("request", MFD_CLOEXEC);
     if (descriptor == -1 || !file->open(descriptor, QIODevice::ReadWrite, QFileDevice::AutoCloseHandle)
         || write(descriptor, content.constData(), size_t(content.size())) != content.size())
-        qWarning("Cannot hand a request over: %s", qUtf8Printable(qt_error_string()));
+        qWarning("Cannot pass a request to the helper: %s", qUtf8Printable(qt_error_string()));
     return {std::move(file), QDeadlineTimer(timeout)};
 }
 
@@ -78,7 +78,7 @@ void start(QObject *context, const QString &option, const TokenProcess::Request 
     process->start(ownProgram, {optionPrefix + option});
 }
 
-/// Modules are free to print; what they print is not for the caller. The real standard output.
+/// Redirects standard output to standard error, because modules may print. Returns the original standard output.
 int setUp()
 {
     const int output = dup(STDOUT_FILENO);
@@ -86,7 +86,7 @@ int setUp()
     return output;
 }
 
-/// Takes the text up to the next zero byte, which no D-Bus string has, off the request.
+/// Removes and returns the text up to the next null byte. D-Bus strings contain none.
 QByteArray takeField(QByteArray &request)
 {
     const int end = request.indexOf('\0');
@@ -100,8 +100,8 @@ QByteArray takeField(QByteArray &request)
 const QString TokenProcess::listOption = QStringLiteral("certs");
 const QString TokenProcess::validateOption = QStringLiteral("validate-cert");
 
-// With its first process Qt stores the signal action that was there before, and with it whatever lies on the stack,
-// which the C library does not clear. From then on it stays, so this must not be when a PIN has just been handled.
+// When Qt starts its first process, it saves the previous signal action, including uninitialized stack memory, and
+// keeps it. That memory must not hold a PIN, so start a process early.
 void TokenProcess::prepare()
 {
     QProcess process;

@@ -12,37 +12,38 @@
 
 class QObject;
 
-/// Token work in a short-lived process of its own: the client goes on answering meanwhile, a module that crashes or
-/// hangs takes only that process with it, and what it learnt of the PIN goes with the process.
+/// Runs token operations in short-lived helper processes. The client keeps serving calls meanwhile, a module that
+/// crashes or hangs takes down only the helper, and copies of the PIN in memory disappear with it.
 namespace TokenProcess {
 
-/// The options by which the client's program becomes such a process. It writes certificates to standard output, one a
-/// line; what is to be validated it reads from standard input.
+/// The options that start the client's program as a helper. The helper writes certificates to standard output, one per
+/// line, and reads the validation request from standard input.
 extern const QString listOption;
 extern const QString validateOption;
 
-/// Called with how it ended and what it wrote.
+/// Called with the helper's outcome and its output.
 using Callback = std::function<void(Tokens::Outcome, const QByteArray &)>;
 
-/// To be called before there is any secret.
+/// Must be called before the process handles any secret.
 void prepare();
 
-/// What such a process is asked, in an anonymous file, so that nothing of the PIN stays in memory.
+/// A helper's request, in an anonymous file, so that no PIN stays in the client's memory.
 struct Request
 {
     std::unique_ptr<QFile> file;
-    QDeadlineTimer deadline; ///< When whoever asked must have an answer.
+    QDeadlineTimer deadline; ///< When the caller must have a reply
 };
 
-/// A request of Tokens::validate, which may wait for its turn.
+/// Creates a request for Tokens::validate(). It may wait in a queue.
 Request validationRequest(const char *cert, const char *user, const char *pin);
 
-/// Starts Tokens::list; what it writes is the list, empty on failure. The callback does not outlive `context`.
+/// Runs Tokens::list() in a helper, whose output is the list, empty on failure. The callback is not called after
+/// `context` is destroyed.
 void list(QObject *context, const Callback &done);
-/// Starts Tokens::validate. The callback does not outlive `context`.
+/// Runs Tokens::validate() in a helper. The callback is not called after `context` is destroyed.
 void validate(QObject *context, const Request &request, const Callback &done);
 
-/// The process's own part; the exit code.
+/// The helper's main functions. They return the exit code.
 int runList();
 int runValidate();
 

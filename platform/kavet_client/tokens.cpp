@@ -16,12 +16,11 @@ using namespace TokenObjects;
 
 namespace {
 
-/// What the protocol allows a list to have; a token may hold more.
+/// The protocol's limits for a list. A token may hold more.
 constexpr int maximumCerts = 1000;
-constexpr int maximumListSize = 256 * 1024; // Bytes.
+constexpr int maximumListSize = 256 * 1024; // bytes
 
-/// Why a call went wrong that should not have: the token may have gone meanwhile, which only modules loaded anew are
-/// sure to notice.
+/// Explains an unexpected failure: the token may have been removed, which only reloaded modules reliably notice.
 Tokens::Outcome failure(const QByteArray &uri, int error, const ClientSettings &settings)
 {
     qWarning("The token module failed: %s", gnutls_strerror(error));
@@ -32,7 +31,7 @@ Tokens::Outcome failure(const QByteArray &uri, int error, const ClientSettings &
                : Tokens::NoToken;
 }
 
-/// The URIs of a token's certificates with a private key, which may be invisible without the PIN.
+/// Adds the URIs of a token's certificates with a private key. The key may be invisible without the PIN.
 int certsWithKey(const QByteArray &token, QByteArrayList &certs)
 {
     Objects certificates;
@@ -52,10 +51,10 @@ int certsWithKey(const QByteArray &token, QByteArrayList &certs)
         const Certificate certificate = certificateOf(object);
         if (!certificate || id(object).isEmpty())
             continue;
-        // A token that shows no key at all hides them, and then any certificate but an authority's may have one.
+        // A token without visible keys hides them. Then any certificate except an authority's may have a key.
         const bool hasKey = keys.empty() ? !isAuthority(certificate) : keyIds.contains(id(object));
         const QByteArray cert = uri(object);
-        // Certificates for one key may have one label too.
+        // Several certificates for one key may share a label, and thus a URI.
         if (hasKey && !known.contains(cert))
             certs << cert;
         known << cert;
@@ -63,7 +62,7 @@ int certsWithKey(const QByteArray &token, QByteArrayList &certs)
     return GNUTLS_E_SUCCESS;
 }
 
-/// Whether a URI may stand for a certificate, and brings nothing else, as the PIN or the place of one.
+/// Whether a URI may identify a certificate and contains nothing else, such as a PIN or the location of one.
 bool isAcceptable(const QByteArray &cert)
 {
     const QByteArrayList said = attributes(cert);
@@ -72,7 +71,7 @@ bool isAcceptable(const QByteArray &cert)
     });
 }
 
-/// How a certificate is listed for which a URI stands that may say less; the URI as it is, if it stands for none or for
+/// Returns the full URI under which a certificate is listed. Returns the URI unchanged if it matches no certificate or
 /// several.
 QByteArray listed(const QByteArray &cert)
 {
@@ -82,7 +81,7 @@ QByteArray listed(const QByteArray &cert)
                : cert;
 }
 
-/// Leaves out the last of a list that is too long.
+/// Truncates a list that is too long.
 void limit(QByteArrayList &certs)
 {
     int count = 0;
@@ -90,14 +89,14 @@ void limit(QByteArrayList &certs)
     while (count < qMin(certs.size(), maximumCerts) && (size += certs.at(count).size()) <= maximumListSize)
         ++count;
     if (count < certs.size())
-        qWarning("Of %d certificates %d are listed; more would not be taken", certs.size(), count);
+        qWarning("The list of %d certificates is too long; listing only %d", certs.size(), count);
     certs.erase(certs.begin() + count, certs.end());
 }
 
-/// Besides the library's error codes, which are negative.
+/// Results besides GnuTLS's error codes, which are negative.
 enum Obstacle { Refused = 1, Absent };
 
-/// Checks the certificate, and only then tries the PIN. The library's error code, or an Obstacle.
+/// Checks the certificate before trying the PIN. Returns GnuTLS's error code or an Obstacle.
 int validateOn(const QByteArray &cert, const QString &user, const QByteArray &pin, const ClientSettings &settings)
 {
     QByteArrayList tokens;
@@ -113,8 +112,8 @@ int validateOn(const QByteArray &cert, const QString &user, const QByteArray &pi
     if (found.empty())
         return isPresent(cert, tokens) ? Refused : Absent;
 
-    // A URI of certificates for several keys leaves open which is meant. Those for one key are as good as each other,
-    // as a certificate and its successor.
+    // A URI that matches certificates for different keys is ambiguous. Certificates for the same key are
+    // interchangeable, such as a certificate and its renewal.
     const QByteArray token = tokenPart(uri(found.front()));
     const QByteArray keyId = id(found.front());
     if (keyId.isEmpty() || !std::all_of(found.begin(), found.end(), [&](const Object &object) {
@@ -142,7 +141,7 @@ int validateOn(const QByteArray &cert, const QString &user, const QByteArray &pi
 
     error = proveKey(token, keyId, certificate, pin);
     unsigned flags = 0;
-    // The try just made may have been the last.
+    // This attempt may have blocked the PIN.
     if (error == GNUTLS_E_PKCS11_PIN_ERROR
         && gnutls_pkcs11_token_get_flags(token.constData(), &flags) == GNUTLS_E_SUCCESS
         && flags & GNUTLS_PKCS11_TOKEN_USER_PIN_LOCKED)
@@ -191,9 +190,9 @@ Tokens::Outcome Tokens::validate(const QByteArray &cert, const QString &user, co
     case GNUTLS_E_SUCCESS:
         return Success;
     case Refused:
-    case GNUTLS_E_PARSING_ERROR: // No such URI.
+    case GNUTLS_E_PARSING_ERROR: // invalid URI
     case GNUTLS_E_PKCS11_PIN_EXPIRED:
-    case GNUTLS_E_REQUESTED_DATA_NOT_AVAILABLE: // No such key.
+    case GNUTLS_E_REQUESTED_DATA_NOT_AVAILABLE: // no such key
     case GNUTLS_E_PK_SIG_VERIFY_FAILED:
         return refused;
     case Absent:

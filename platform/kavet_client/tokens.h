@@ -5,26 +5,27 @@
 #include <QByteArrayList>
 #include <QString>
 
-/// PKCS#11 tokens. Each call loads the modules anew, so that it sees the tokens that are there now, and blocks as long
-/// as the modules take; the client makes each call in a process of its own.
+/// PKCS#11 tokens. Each call reloads the modules to see the tokens that are currently present, and blocks until the
+/// modules return. The client makes each call in a helper process.
 namespace Tokens {
 
-/// How a call ended. The values are exit codes of that process, none of which it would end with by accident.
+/// The outcome of a call. The values are the helper's exit codes, chosen so that no crash or library produces them by
+/// accident.
 enum Outcome {
     Success = 64,
-    CertRefused, ///< Expired, revoked, untrusted, unusable for logging in, somebody else's, or without its key.
-    DefaultCertRefused, ///< Likewise, and it is the one that the settings name as the default.
+    CertRefused, ///< Expired, revoked, untrusted, not usable for login, of another user, or without a key
+    DefaultCertRefused, ///< The same, for the default certificate of the settings
     WrongPin,
     PinBlocked,
-    NoToken, ///< Absent, or removed meanwhile.
+    NoToken, ///< Absent, or removed during the call
     ModuleFailed,
 };
 
-/// The certificates of all present tokens that have a private key beside them, as PKCS#11 URIs, the default first.
+/// Lists the certificates with a private key on all present tokens, as PKCS#11 URIs, the default first.
 Outcome list(QByteArrayList &certs);
 
-/// Whether the token signs for the user with the certificate's key. `cert` is a PKCS#11 URI; empty, it is the default
-/// certificate.
+/// Checks that the token signs for the user with the certificate's key. `cert` is a PKCS#11 URI; if empty, the default
+/// certificate is used.
 Outcome validate(const QByteArray &cert, const QString &user, const QByteArray &pin);
 
 } // namespace Tokens

@@ -16,7 +16,7 @@ const QString ownProgram = QStringLiteral("/proc/self/exe");
 const QString service = QStringLiteral("qarv.AuthService");
 const QString object = QStringLiteral("/qarv/AuthService");
 const QString method = QStringLiteral("GetUnlocks");
-constexpr int patience = 1000; // Milliseconds.
+constexpr int timeout = 1000; // milliseconds
 
 } // namespace
 
@@ -27,7 +27,7 @@ std::optional<uint> Unlocks::byRoot()
     QProcess process;
     process.setStandardErrorFile(QProcess::nullDevice());
     process.start(ownProgram, {QStringLiteral("--") + option}, QIODevice::ReadOnly);
-    if (!process.waitForFinished(patience) || process.exitStatus() != QProcess::NormalExit
+    if (!process.waitForFinished(timeout) || process.exitStatus() != QProcess::NormalExit
         || process.exitCode() != EXIT_SUCCESS) {
         process.kill();
         process.waitForFinished();
@@ -42,7 +42,7 @@ int Unlocks::run()
 {
     QDBusMessage call = QDBusMessage::createMethodCall(service, object, service, method);
     call.setArguments({uint(getuid())});
-    const QDBusMessage answer = QDBusConnection::systemBus().call(call, QDBus::Block, patience);
+    const QDBusMessage answer = QDBusConnection::systemBus().call(call, QDBus::Block, timeout);
     if (answer.type() != QDBusMessage::ReplyMessage || answer.signature() != QLatin1String("u"))
         return EXIT_FAILURE;
     std::printf("%u\n", answer.arguments().constFirst().toUInt());

@@ -6,17 +6,17 @@
 
 #include <optional>
 
-/// How often root has unlocked the user in the authentication service. It is asked in a short-lived process of its own:
-/// the sandbox's proxy for the bus does not get on with sd-bus, and Qt's D-Bus library would bring a thread into the
-/// process that handles passwords.
+/// Asks the authentication service how often root has unlocked the user. A short-lived helper process makes the call:
+/// sd-bus does not work with the sandbox's bus proxy, and Qt's D-Bus library would add a thread to the process that
+/// handles passwords.
 namespace Unlocks {
 
-/// The option by which the program is such a process.
+/// The option that starts the program as the helper.
 extern const QString option;
 
-/// The number; absent when it cannot be asked, or is not told within a second.
+/// Returns the number, or nothing if the service does not reply within a second.
 std::optional<uint> byRoot();
-/// Prints the number; the exit code.
+/// The helper's main function: prints the number and returns the exit code.
 int run();
 
 } // namespace Unlocks

@@ -195,7 +195,7 @@ void TstClient::setPasswordRefuses_data()
     QTest::addColumn<QByteArray>("input");
     QTest::addColumn<QByteArray>("message");
 
-    const QByteArray wrongLength("A password has 1 to 511 bytes; nothing was changed\n");
+    const QByteArray wrongLength("A password must have 1 to 511 bytes; the password was not changed\n");
     QTest::newRow("nothing") << QByteArray() << wrongLength;
     QTest::newRow("empty line") << QByteArray("\n") << wrongLength;
     QTest::newRow("too long for the hash") << QByteArray(512, 'a') << wrongLength;
@@ -249,13 +249,13 @@ void TstClient::setPasswordOnTerminal()
     terminal.start();
     QVERIFY(shows("New password: "));
     terminal.write(first + '\n');
-    QVERIFY(shows("The same again: "));
+    QVERIFY(shows("Repeat new password: "));
     terminal.write(second + '\n');
     QVERIFY(terminal.state() == QProcess::NotRunning || terminal.waitForFinished());
     shown += terminal.readAllStandardOutput();
 
     QCOMPARE(terminal.exitCode(), stored ? 0 : 1);
-    QCOMPARE(shown.contains("The two differ; nothing was changed"), !stored);
+    QCOMPARE(shown.contains("The passwords differ; the password was not changed"), !stored);
     QVERIFY2(!shown.contains("open"), shown.constData());
     QCOMPARE(QFileInfo::exists(ClientFixture::settingsPath), stored);
     if (stored) {
