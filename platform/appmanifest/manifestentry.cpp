@@ -19,7 +19,7 @@ constexpr std::size_t LargestFile = std::size_t(1024) * 1024;
 
 std::string text(GKeyFile *file, const char *key)
 {
-    // A value with an unknown escape is returned besides the error.
+    // GLib returns a value with an unknown escape and sets the error.
     g_autoptr(GError) error = nullptr;
     g_autofree char *value = g_key_file_get_string(file, GroupName, key, &error);
     return value && !error ? value : std::string();

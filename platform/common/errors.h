@@ -4,7 +4,7 @@
 
 #include <authd/vocabulary.h>
 
-/// The service's errors as they go over the bus; what each means stands in the interface's description.
+/// The D-Bus error names of the service. The D-Bus interface file describes each of them.
 namespace Errors {
 
 constexpr QLatin1String AccessDenied = LibAuthd::Vocabulary::word("org.freedesktop.DBus.Error.AccessDenied");

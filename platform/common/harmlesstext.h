@@ -6,8 +6,8 @@
 
 #include <algorithm>
 
-/// Whether a character may do more on a terminal than appear where it stands: control characters (C0, DEL and C1), line
-/// and paragraph separators, and those that turn the direction of the text around them.
+/// Whether a terminal may interpret a character instead of displaying it: control characters (C0, DEL and C1), line and
+/// paragraph separators, and bidirectional formatting characters.
 inline bool isHarmful(QChar character)
 {
     switch (character.category()) {
@@ -24,9 +24,9 @@ inline bool isHarmful(QChar character)
            || (code >= 0x2066 && code <= 0x2069);
 }
 
-/// A text from outside as it may go to a terminal or into a log, on one line: each harmful character is replaced by its
-/// escape, as "\u001b". That is JSON's own form, so a compact JSON document keeps its value. Invalid UTF-8 is replaced
-/// when bytes become a QString, and half a surrogate pair when the QString becomes bytes again.
+/// Makes untrusted text safe to show on one line of a terminal or a log: replaces each harmful character by its escape,
+/// such as "\u001b". JSON uses the same form, so a compact JSON document keeps its meaning. Invalid UTF-8 and lone
+/// surrogates need no care here: the conversions to and from QString replace them.
 inline QString harmless(const QString &text)
 {
     if (std::none_of(text.cbegin(), text.cend(), isHarmful))

@@ -9,8 +9,9 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-/// Holds back, while it lives, the signals by which the program is ended; those that came take effect at the end of its
-/// life. It does so for the calling thread and for the threads started meanwhile, which go on without these signals.
+/// Blocks the signals that terminate the program for the lifetime of the object. Signals that arrive meanwhile take
+/// effect when the object is destroyed. Applies to the calling thread. A thread started meanwhile inherits the blocked
+/// signals and keeps them blocked.
 class HeldSignals
 {
 public:
@@ -29,7 +30,7 @@ public:
         pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
 
-    /// Becomes readable when one of the signals has come.
+    /// A descriptor that becomes readable when one of the signals arrives.
     int descriptor() const { return m_descriptor; }
 
 private:

@@ -10,10 +10,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/// Reads the regular file `path` whole. `nofollow` is O_NOFOLLOW to take a symbolic link for what it is, or 0 to follow
-/// it. The file is pinned before it is opened for reading, so a FIFO or a device in its place neither blocks nor
-/// notices. Absent, with errno set, when it cannot be read: EINVAL when it is not a regular file, EFBIG when it is
-/// larger than `limit` bytes.
+/// Reads all of the regular file `path`. `nofollow` is O_NOFOLLOW to reject a symbolic link, or 0 to follow it. The
+/// function first pins the file with O_PATH, so a FIFO or a device in its place cannot block and is never opened.
+///
+///
+/// Returns nothing on error, with errno set: EINVAL when the path is not a regular file, EFBIG when the file is larger
+/// than `limit` bytes.
 inline std::optional<std::string> readRegularFile(const std::string &path, int nofollow, std::size_t limit)
 {
     struct Descriptor

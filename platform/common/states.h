@@ -6,7 +6,7 @@
 
 #include <limits>
 
-/// The words in which the service speaks of a user's state.
+/// The names of a user's states, as the service reports them.
 namespace States {
 
 constexpr QLatin1String Idle = LibAuthd::Vocabulary::word("idle");
@@ -16,18 +16,18 @@ constexpr QLatin1String Challenge = LibAuthd::Vocabulary::word("challenge");
 constexpr QLatin1String Authenticated = LibAuthd::Vocabulary::word("authenticated");
 constexpr QLatin1String Locked = LibAuthd::Vocabulary::word("locked");
 
-// Details
+// Keys of a state's details
 constexpr QLatin1String Method = LibAuthd::Vocabulary::word("method");
 constexpr QLatin1String Restarted = LibAuthd::Vocabulary::word("restarted");
 constexpr QLatin1String Reason = LibAuthd::Vocabulary::word("reason");
 constexpr QLatin1String Duration = LibAuthd::Vocabulary::word("duration");
 
-/// The duration of a lock that only root ends.
+/// The duration of a lock that lasts until root unlocks the user.
 constexpr unsigned int UntilUnlocked = std::numeric_limits<unsigned int>::max();
 
 } // namespace States
 
-/// Why an attempt has ended without success or failure.
+/// Why an attempt ended with neither success nor failure.
 namespace Reasons {
 
 constexpr QLatin1String Cancelled = LibAuthd::Vocabulary::word("cancelled");

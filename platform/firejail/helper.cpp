@@ -1,9 +1,9 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 
-// Stands in for the launcher's helpers in an ordinary user's device, by their names. The launcher runs no helper that
-// is not root's, and the stock ones belong to nobody in a user namespace; there they can be run, but neither read nor
-// copied.
+// Replaces the launcher's helpers, under the same names, in a device that an ordinary user entered. The launcher runs
+// only helpers that root owns, but in a user namespace the stock ones appear to be owned by nobody. There they can be
+// executed, but neither read nor copied.
 
 #include <cstdio>
 #include <cstring>
@@ -17,9 +17,10 @@ int main(int argc, char *argv[])
     const std::string name = slash ? slash + 1 : "";
     std::string program;
     if (name == "fcopy" && argc == 3) {
-        // The stock one looks itself up in /proc, which is denied to a program that cannot be read.
+        // The stock fcopy looks itself up in /proc, which fails for a program that cannot be read.
         program = "/usr/bin/cp";
-        char *const arguments[] = {argv[0], const_cast<char *>("--preserve=mode"), argv[1], argv[2], nullptr};
+        char preserveMode[] = "--preserve=mode";
+        char *const arguments[] = {argv[0], preserveMode, argv[1], argv[2], nullptr};
         execv(program.c_str(), arguments);
     } else {
         program = "/usr/libexec/firejail.stock/" + name;

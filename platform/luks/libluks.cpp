@@ -28,13 +28,13 @@ bool isDeviceActive()
     g_autoptr(GKeyFile) file = g_key_file_new();
     if (!g_key_file_load_from_data(file, content->data(), content->size(), G_KEY_FILE_NONE, nullptr))
         return false;
-    // A value with an unknown escape is returned besides the error.
+    // GLib returns a value with an unknown escape and sets the error.
     g_autoptr(GError) error = nullptr;
     g_autofree char *device = g_key_file_get_string(file, GroupName, DeviceKey, &error);
     if (error || !device || !*device)
         return false;
 
-    // The library prints to the standard streams of the process unless it is given somewhere else to write to.
+    // Without a log callback, libcryptsetup prints to the standard streams of the process.
     crypt_set_log_callback(nullptr, dropLog, nullptr);
     const crypt_status_info status = crypt_status(nullptr, device);
     return status == CRYPT_ACTIVE || status == CRYPT_BUSY;

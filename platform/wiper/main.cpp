@@ -12,7 +12,7 @@
 
 int main(int argc, char *argv[])
 {
-    // Nothing is lost when it ends at once, so SIGTERM may do what it does by itself.
+    // The default action for SIGTERM is good enough: the program keeps no state.
     QCoreApplication application(argc, argv);
 
     Wiper wiper;

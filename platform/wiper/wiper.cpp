@@ -14,7 +14,7 @@ namespace {
 
 const QString errorPrefix = QStringLiteral("qarv.userdata.wiper.Error.");
 
-/// Whether `directory` itself, not what it may lead to, is a directory of user `uid`.
+/// Whether `directory` is a directory owned by user `uid`, and not a symbolic link to one.
 bool isHomeOf(const QByteArray &directory, uid_t uid)
 {
     struct stat status = {};
@@ -28,15 +28,15 @@ void Wiper::ProcessTargetUser(const QString &user)
 {
     const struct passwd *entry = user.isEmpty() ? nullptr : getpwnam(user.toUtf8().constData());
     if (!entry)
-        return refuse("NoSuchUser", QStringLiteral("There is no user of this name"));
+        return refuse("NoSuchUser", QStringLiteral("No such user"));
     if (entry->pw_uid == 0)
-        return refuse("SystemUser", QStringLiteral("The data of root are not removed"));
+        return refuse("SystemUser", QStringLiteral("The data of root cannot be removed"));
     const QByteArray home(entry->pw_dir);
     if (!isHomeOf(home, entry->pw_uid))
-        return refuse("NoHome", QStringLiteral("The home directory does not belong to the user"));
+        return refuse("NoHome", QStringLiteral("The user does not own the home directory"));
 
     setDelayedReply(true);
-    // find follows no links on its way, however the user moves directories about meanwhile.
+    // find does not follow links, even if the user moves directories while it runs.
     auto *find = new QProcess(this);
     const auto answer = [find, call = message(), bus = connection()](bool done) {
         const QDBusMessage reply =

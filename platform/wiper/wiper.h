@@ -5,8 +5,8 @@
 #include <QDBusContext>
 #include <QObject>
 
-/// The user-data wiper: empties the home directory of a user whom root names. What lies on other file systems mounted
-/// below it is left alone.
+/// The user-data wiper: empties the home directory of the user that root names. It does not descend into other file
+/// systems mounted below that directory.
 class Wiper : public QObject, protected QDBusContext
 {
     Q_OBJECT
@@ -15,9 +15,9 @@ public:
     using QObject::QObject;
 
 public Q_SLOTS:
-    /// Removes the data of the user with this login name. The call is answered when that is done; with an error when
-    /// there is no such user, the user is the system's own, the home directory is not that user's, or something in it
-    /// could not be removed.
+    /// Removes the data of the user with this login name. Replies when the removal is complete. Replies with an error
+    /// when there is no such user, when the user is root, when the user does not own the home directory, or when
+    /// something in it cannot be removed.
     void ProcessTargetUser(const QString &user);
 
 private:

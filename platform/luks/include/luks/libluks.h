@@ -4,8 +4,8 @@
 
 namespace LibLuks {
 
-/// Whether the encrypted partition is unlocked. The device's configuration "/etc/authd/luks.conf" names the mapping in
-/// its group "Partition", key "Device"; a device without that file has no encrypted partition, which counts as
+/// Whether the encrypted partition is unlocked. The configuration file "/etc/authd/luks.conf" names its device mapping
+/// under the key "Device" in the group "Partition". Without that file there is no encrypted partition, which counts as
 /// unlocked. A configuration that cannot be read or names no device counts as locked.
 __attribute__((visibility("default"))) bool isDeviceActive();
 
