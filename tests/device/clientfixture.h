@@ -3,6 +3,7 @@
 #pragma once
 
 #include "device/installed.h"
+#include "device/processmemory.h"
 #include "support/testdevice.h"
 
 #include <QDBusConnection>
@@ -12,8 +13,6 @@
 #include <QProcess>
 #include <QSettings>
 #include <QTest>
-
-#include <limits>
 
 #include <sys/stat.h>
 
@@ -91,22 +90,10 @@ public:
     /// Whether the writable memory of a process holds these bytes.
     static bool memoryHolds(qint64 pid, const QByteArray &bytes)
     {
-        QFile maps(QStringLiteral("/proc/%1/maps").arg(pid));
-        QFile memory(QStringLiteral("/proc/%1/mem").arg(pid));
-        if (!maps.open(QIODevice::ReadOnly) || !memory.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        const QByteArray memory = processMemory(pid);
+        if (memory.isNull())
             qFatal("Cannot read the memory of process %lld", pid);
-        const QList<QByteArray> lines = maps.readAll().split('\n');
-        for (const QByteArray &line : lines) {
-            const QList<QByteArray> range = line.left(line.indexOf(' ')).split('-');
-            if (!line.contains(" rw") || range.size() != 2)
-                continue;
-            const qint64 begin = range.at(0).toLongLong(nullptr, 16);
-            const qint64 size = range.at(1).toLongLong(nullptr, 16) - begin;
-            // Larger mappings are only reserved, by a sanitizer.
-            if (size < std::numeric_limits<int>::max() && memory.seek(begin) && memory.read(size).contains(bytes))
-                return true;
-        }
-        return false;
+        return memory.contains(bytes);
     }
 
     /// Whether the writable memory of a process holds a text, in UTF-16 as QString stores it or in UTF-8 as the bus

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authctl.h"
 #include "device/authd.h"
+#include "device/processmemory.h"
 #include "support/fakeservice.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
@@ -78,28 +79,6 @@ bool isReadableFor(uint uid, pid_t pid)
     if (file != -1)
         close(file);
     return file != -1;
-}
-
-/// The writable memory of process `pid`.
-QByteArray memory(pid_t pid)
-{
-    const QString process = QStringLiteral("/proc/%1/").arg(pid);
-    QFile memory(process + QStringLiteral("mem"));
-    if (!memory.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return {};
-    QByteArray content;
-    const QList<QByteArray> areas = TestDevice::readFile(process + QStringLiteral("maps")).split('\n');
-    for (const QByteArray &area : areas) {
-        // As "7f1c08000000-7f1c08021000 rw-p ..."
-        const QList<QByteArray> words = area.split(' ');
-        const QList<QByteArray> range = words.constFirst().split('-');
-        if (range.size() != 2 || !words.at(1).startsWith("rw"))
-            continue;
-        const qint64 begin = range.at(0).toLongLong(nullptr, 16);
-        if (memory.seek(begin))
-            content += memory.read(range.at(1).toLongLong(nullptr, 16) - begin);
-    }
-    return content;
 }
 
 } // namespace
@@ -517,8 +496,8 @@ void TstAuthctlLogin::secretIsWiped()
     QTRY_VERIFY(isAsked);
     // The text is wiped as soon as the library has copied it into a message.
     const QByteArray text(reinterpret_cast<const char *>(secret.utf16()), secret.size() * int(sizeof(QChar)));
-    QTRY_VERIFY(!memory(login.pid()).contains(text));
-    QVERIFY(memory(login.pid()).contains("--method=kavet"));
+    QTRY_VERIFY(!processMemory(login.pid()).contains(text));
+    QVERIFY(processMemory(login.pid()).contains("--method=kavet"));
 }
 
 void TstAuthctlLogin::daemonGoesAway()

@@ -492,8 +492,13 @@ void TstHostileUsers::flooding()
     qInfo("half of the calls took %lld ms, half of the logins began after %lld ms; %d KiB more", middle(answers),
           middle(logins), growth);
     // Medians, because single values depend on the machine's other load.
-    QVERIFY2(middle(answers) < 200, qPrintable(QString::number(middle(answers))));
-    QVERIFY2(middle(logins) < limit, qPrintable(QString::number(middle(logins))));
+#ifdef __SANITIZE_ADDRESS__ // It makes the daemon several times slower.
+    constexpr int answerLimit = 800;
+#else
+    constexpr int answerLimit = 200;
+#endif
+    QVERIFY2(middle(answers) < answerLimit, qPrintable(QString::number(middle(answers))));
+    QVERIFY2(middle(logins) < qMax(limit, answerLimit), qPrintable(QString::number(middle(logins))));
     QVERIFY2(growth < 16 * 1024, qPrintable(QString::number(growth)));
     QVERIFY2(m_authd.log().size() < 1024 * 1024, "The log has been flooded, too");
 }

@@ -439,6 +439,8 @@ void TstPlanted::storm()
     // The target is 50 ms on two cores. Slower machines get twice that, plus the delay without a storm.
     constexpr int bound = 100000;
     constexpr int calls = 300;
+    // A turn with a long value takes the attacker a while.
+    constexpr int leastTurns = 20;
     const auto at99 = [](const QVector<qint64> &times) {
         return times.value(times.size() * 99 / 100, -1);
     };
@@ -452,7 +454,7 @@ void TstPlanted::storm()
     QCOMPARE(stormy.size(), calls);
     qInfo("99 of 100 calls: %lld us, with the storm %lld us; longest %lld us, %lld us; %d turns", at99(quiet),
           at99(stormy), quiet.constLast(), stormy.constLast(), taken);
-    QVERIFY2(taken > 100, "there was no storm");
+    QVERIFY2(taken > leastTurns, "there was no storm");
     QVERIFY2(at99(stormy) <= bound + at99(quiet), qPrintable(QString::number(at99(stormy))));
 }
 
