@@ -107,6 +107,11 @@ private:
                 m_links.removeOne(link);
             }
         }
+        // The library names a link after its address, which may have been that of a closed link.
+        for (Held &call : m_held) {
+            if (call.connection == connection.name())
+                call.connection.clear();
+        }
         m_links << connection.name();
         QDBusConnection(connection).registerVirtualObject(QStringLiteral("/kavetauth"), this);
     }
