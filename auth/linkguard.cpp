@@ -53,7 +53,8 @@ ucred peerCredentials(int descriptor)
 /// Overwrites and clears `bytes`, which may hold a secret.
 void wipe(QByteArray &bytes)
 {
-    explicit_bzero(bytes.data(), size_t(bytes.size()));
+    // What has been sent remains behind the end.
+    explicit_bzero(bytes.data(), size_t(bytes.capacity()));
     bytes.clear();
 }
 
@@ -123,6 +124,7 @@ bool LinkGuard::acceptLibrary()
         return fail(EPERM);
 
     m_handshakeOver = false;
+    m_lastByte = 0;
     m_received = 0;
     m_messages.reset();
     start(m_toClient, m_library, m_client);
@@ -154,9 +156,11 @@ void LinkGuard::start(Flow &flow, Descriptor &from, Descriptor &to)
     flow.readable.reset(new QSocketNotifier(from.get(), QSocketNotifier::Read));
     flow.writable.reset(new QSocketNotifier(to.get(), QSocketNotifier::Write));
     flow.writable->setEnabled(false);
-    QObject::connect(flow.readable.data(), &QSocketNotifier::activated,
+    QSocketNotifier *const readable = flow.readable.data();
+    QSocketNotifier *const writable = flow.writable.data();
+    QObject::connect(readable, &QSocketNotifier::activated, readable,
                      [this, &flow, &from, &to] { read(flow, from, to); });
-    QObject::connect(flow.writable.data(), &QSocketNotifier::activated, [this, &flow, &to] { write(flow, to); });
+    QObject::connect(writable, &QSocketNotifier::activated, writable, [this, &flow, &to] { write(flow, to); });
 }
 
 void LinkGuard::read(Flow &flow, Descriptor &from, Descriptor &to)
@@ -189,12 +193,26 @@ bool LinkGuard::admits(const char *bytes, int size)
     m_received += size;
     if (!m_handshakeOver && m_received > maximumHandshake)
         drop("its handshake is too long");
+    else if (!m_handshakeOver && hasMessageInHandshake(bytes, size))
+        drop("it has sent a message during the handshake");
     else if (m_received > maximumReceived)
         drop("it has sent more than a reply needs");
     else if (m_handshakeOver && !m_messages.admits(bytes, size))
         drop("it has sent a message that is no valid reply");
     else
         return true;
+    return false;
+}
+
+// A message has to wait for the end of the handshake. If its beginning was passed on before, the library and the gate
+// would not agree where the next one begins. No line of the handshake begins with a letter for a byte order.
+bool LinkGuard::hasMessageInHandshake(const char *bytes, int size)
+{
+    for (const char *byte = bytes; byte < bytes + size; ++byte) {
+        if (m_lastByte == '\n' && (*byte == 'l' || *byte == 'B'))
+            return true;
+        m_lastByte = *byte;
+    }
     return false;
 }
 

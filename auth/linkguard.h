@@ -50,7 +50,6 @@ public:
     QString errorString() const { return m_errorString; }
 
 private:
-    enum class End { Client, Library };
     /// The data that flow in one direction.
     struct Flow
     {
@@ -66,6 +65,7 @@ private:
     void start(Flow &flow, Descriptor &from, Descriptor &to);
     void read(Flow &flow, Descriptor &from, Descriptor &to);
     bool admits(const char *bytes, int size);
+    bool hasMessageInHandshake(const char *bytes, int size);
     void write(Flow &flow, Descriptor &to);
     void drop(const char *reason);
     void end();
@@ -77,6 +77,7 @@ private:
     Flow m_toClient;
     Flow m_toLibrary;
     bool m_handshakeOver = false;
+    char m_lastByte = 0; ///< From the client during the handshake.
     int m_received = 0; ///< Bytes from the client during the handshake or, after it, since the last request.
     MessageGate m_messages; ///< Checks the client's messages.
     quint64 m_link = 0;

@@ -20,13 +20,13 @@ constexpr int fieldsSizeAt = 12;
 constexpr int fixedSize = 16;
 constexpr int alignment = 8;
 constexpr char littleEndian = 'l';
-const QByteArray signatureField("\x08\x01g\0", 4);
-const QByteArray textSignature("\1s\0", 3);
-const QByteArray textListSignature("\2as\0", 4);
 
 /// The number of bytes that the message may have, by the type of its body.
 int maximumSize(const QByteArray &header)
 {
+    static const QByteArray signatureField("\x08\x01g\0", 4);
+    static const QByteArray textSignature("\1s\0", 3);
+    static const QByteArray textListSignature("\2as\0", 4);
     int maximum = 0;
     for (int position = fixedSize; position < header.size(); position += alignment) {
         const QByteArray field = header.mid(position);

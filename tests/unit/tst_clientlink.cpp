@@ -4,11 +4,24 @@
 #include "support/logcapture.h"
 
 #include <QDBusConnection>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QPointer>
+#include <QScopeGuard>
 #include <QTest>
+#include <QThread>
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 Q_DECLARE_METATYPE(RecordingDaemon::Call)
 
@@ -68,6 +81,39 @@ bool replaceSocket()
                   == 0;
 }
 
+// The connection between the guard and the library is the only one whose both ends are in this process.
+std::vector<int> endsOfInnerConnection()
+{
+    std::vector<int> ends;
+    for (int fd = 0; fd < 1024; ++fd) {
+        ucred peer = {};
+        socklen_t size = sizeof peer;
+        sockaddr_storage address = {};
+        socklen_t addressSize = sizeof address;
+        if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid == getpid()
+            && getpeername(fd, reinterpret_cast<sockaddr *>(&address), &addressSize) == 0)
+            ends.push_back(fd);
+    }
+    return ends;
+}
+
+/// Keeps the connection between the guard and the library open although the guard closes its end.
+class OpenInnerConnection
+{
+public:
+    OpenInnerConnection()
+    {
+        for (const int end : endsOfInnerConnection())
+            m_copies.push_back(fcntl(end, F_DUPFD_CLOEXEC, 0));
+    }
+    ~OpenInnerConnection() { std::for_each(m_copies.begin(), m_copies.end(), close); }
+
+private:
+    std::vector<int> m_copies;
+
+    Q_DISABLE_COPY(OpenInnerConnection)
+};
+
 } // namespace
 
 class TstClientLink : public QObject
@@ -82,15 +128,26 @@ private Q_SLOTS:
     void firstLink();
     void standingLink();
     void newLinkAfterDrop();
+    void newLinkAfterHalfAnEnd_data();
+    void newLinkAfterHalfAnEnd();
     void cannotConnect_data();
     void cannotConnect();
+    void cannotAcceptLibrary();
+    void userOfTheServer_data();
+    void userOfTheServer();
 
     void arguments();
     void userWithoutName();
     void reply_data();
     void reply();
     void lateReply();
+    void replyAfterAskingAgain();
     void requestsInFlight();
+    void requestBehindOneThatFailed();
+    void newLinkWhileInFlight_data();
+    void newLinkWhileInFlight();
+    void manyRequests_data();
+    void manyRequests();
     void destroyedWhileInFlight_data();
     void destroyedWhileInFlight();
 
@@ -203,6 +260,39 @@ void TstClientLink::newLinkAfterDrop()
     QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
 }
 
+void TstClientLink::newLinkAfterHalfAnEnd_data()
+{
+    QTest::addColumn<bool>("guardHasNoticed");
+    QTest::newRow("only the guard has noticed") << true;
+    QTest::newRow("only the library has noticed") << false;
+}
+
+// The library runs in its own thread, so either may notice the end of the link first.
+void TstClientLink::newLinkAfterHalfAnEnd()
+{
+    QFETCH(bool, guardHasNoticed);
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    QVERIFY(fixture.link());
+    std::optional<OpenInnerConnection> open;
+    if (guardHasNoticed) {
+        open.emplace();
+        d->guard.close();
+    } else {
+        const std::vector<int> ends = endsOfInnerConnection();
+        QCOMPARE(ends.size(), size_t(2));
+        QCOMPARE(shutdown(ends.front(), SHUT_RDWR), 0);
+        QDeadlineTimer deadline(5000);
+        while (d->connection.isConnected() && !deadline.hasExpired())
+            QThread::msleep(1); // without the event loop, which would tell the guard
+    }
+    QCOMPARE(d->guard.isOpen(), !guardHasNoticed);
+    QCOMPARE(d->connection.isConnected(), guardHasNoticed);
+
+    fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+}
+
 void TstClientLink::cannotConnect_data()
 {
     QTest::addColumn<bool>("isSocket");
@@ -237,6 +327,53 @@ void TstClientLink::cannotConnect()
     QCOMPARE(fixture.told(), QVector<Call>{RecordingDaemon::failed(connecting, cannotConnectClient)});
     QCOMPARE(log.warnings(), QStringList({::cannotConnect, ::cannotConnect}));
     QCOMPARE(d->clientStage, int(MethodKavetPrivate::MustConnect));
+}
+
+void TstClientLink::cannotAcceptLibrary()
+{
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    QVERIFY(fixture.link());
+    QVERIFY(fixture.dropLink());
+
+    // Leave two descriptors: for the connection to the client, and for the library's end of its own.
+    std::array<int, 3> next = {};
+    for (int &fd : next)
+        fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (const int fd : next)
+        QCOMPARE(close(fd), 0);
+    rlimit former = {};
+    QCOMPARE(getrlimit(RLIMIT_NOFILE, &former), 0);
+    const auto restore = qScopeGuard([&] { setrlimit(RLIMIT_NOFILE, &former); });
+    const rlimit limit = {rlim_t(next.back()), former.rlim_max};
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
+
+    QVERIFY(!d->connectToChild());
+    QVERIFY(!d->guard.isOpen());
+    QVERIFY(!d->connection.isConnected());
+}
+
+void TstClientLink::userOfTheServer_data()
+{
+    QTest::addColumn<uint>("user");
+    QTest::addColumn<bool>("linked");
+    QTest::newRow("the user being authenticated") << TestDevice::alice << true;
+    QTest::newRow("nobody is being authenticated") << 0u << true;
+    QTest::newRow("another user is being authenticated") << TestDevice::bob << false;
+}
+
+void TstClientLink::userOfTheServer()
+{
+    QFETCH(uint, user);
+    QFETCH(bool, linked);
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    QVERIFY(fixture.dropLink());
+    fixture.d->currentUid = user;
+    LogCapture log;
+    QCOMPARE(fixture.d->connectToChild(), linked);
+    QCOMPARE(fixture.d->guard.isOpen(), linked);
+    QCOMPARE(log.warnings().isEmpty(), linked);
 }
 
 void TstClientLink::arguments()
@@ -368,6 +505,20 @@ void TstClientLink::lateReply()
     QVERIFY(log.warnings().isEmpty());
 }
 
+// Without a password or certificate there is no newer request, so the reply still counts.
+void TstClientLink::replyAfterAskingAgain()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(QStringLiteral("late")));
+    QTRY_COMPARE(MethodFixture::calledMethods().size(), 1);
+    fixture.method.authenticate(TestDevice::alice, {});
+    const Call asked = RecordingDaemon::asked(SettingsKavet::EnterPasswordOrPin);
+    QCOMPARE(fixture.told(), QVector<Call>{asked});
+    QVERIFY(TestDevice::writeFile(answerFile, {}));
+    QTRY_COMPARE(fixture.told(), (QVector<Call>{asked, RecordingDaemon::succeeded()}));
+}
+
 void TstClientLink::requestsInFlight()
 {
     MethodFixture fixture;
@@ -382,6 +533,74 @@ void TstClientLink::requestsInFlight()
     QTRY_VERIFY(!fixture.isWaiting());
     QCOMPARE(fixture.told(), QVector<Call>{broken});
     QCOMPARE(log.warnings().size(), 1);
+}
+
+// The failure of an earlier request is not reported as well.
+void TstClientLink::requestBehindOneThatFailed()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    fixture.d->checkPassword(QStringLiteral("never"));
+    fixture.d->guard.close();
+    fixture.d->child.socketPresent = false;
+    fixture.d->checkPassword(success);
+    QTRY_VERIFY(!fixture.isWaiting());
+    QCOMPARE(fixture.told(), QVector<Call>{RecordingDaemon::failed(enterPasswordOrPin, cannotCommunicateClient)});
+}
+
+void TstClientLink::newLinkWhileInFlight_data()
+{
+    QTest::addColumn<bool>("forCerts");
+    QTest::newRow("checkPassword") << false;
+    QTest::newRow("getCertList") << true;
+}
+
+// The earlier link is given up while the library, which has not noticed its end, waits for a reply over it. The call
+// fails once the library notices.
+void TstClientLink::newLinkWhileInFlight()
+{
+    QFETCH(bool, forCerts);
+    MethodFixture fixture;
+    QVERIFY(fixture.link({{QStringLiteral("certsAnswer"), QStringLiteral("never")}}));
+    if (forCerts)
+        fixture.d->getCertList();
+    else
+        fixture.d->checkPassword(QStringLiteral("never"));
+    QTRY_COMPARE(MethodFixture::calledMethods().size(), 1);
+    {
+        const OpenInnerConnection open;
+        fixture.d->guard.close();
+        QVERIFY(fixture.d->connectToChild());
+        QVERIFY(fixture.isWaiting());
+    }
+    QTRY_VERIFY(!fixture.isWaiting());
+    QVERIFY(!fixture.d->certListInFlight);
+}
+
+void TstClientLink::manyRequests_data()
+{
+    QTest::addColumn<bool>("forCerts");
+    QTest::newRow("checkPassword") << false;
+    QTest::newRow("getCertList") << true;
+}
+
+// The limits on what the client sends hold for each request, not for the link.
+void TstClientLink::manyRequests()
+{
+    QFETCH(bool, forCerts);
+    MethodFixture fixture;
+    QVERIFY(fixture.link({{certs, QJsonArray{QStringLiteral("one")}}}));
+    const quint64 link = fixture.d->guard.link();
+    for (int request = 1; request <= 20; ++request) {
+        if (forCerts)
+            fixture.d->getCertList();
+        else
+            fixture.d->checkPassword(success);
+        QTRY_COMPARE(fixture.told().size(), request);
+        QCOMPARE(fixture.told().constLast(),
+                 forCerts ? certsChanged({QStringLiteral("one")}) : RecordingDaemon::succeeded());
+    }
+    QCOMPARE(fixture.d->guard.link(), link);
 }
 
 void TstClientLink::destroyedWhileInFlight_data()

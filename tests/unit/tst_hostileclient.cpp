@@ -130,6 +130,7 @@ private Q_SLOTS:
     void answerOverClosedLink_data();
     void answerOverClosedLink();
     void launcherKilled();
+    void launchFailsAfterKill();
 
     void secretOfAnotherUser_data();
     void secretOfAnotherUser();
@@ -268,8 +269,9 @@ void TstHostileClient::certListTooLong()
     QFETCH(bool, accepted);
     MethodFixture fixture;
     QJsonArray list;
+    const QString entry = QString(size / 2, QChar(0xE4)) + QString(size % 2, QLatin1Char('x')); // of `size` bytes
     for (int i = 0; i < entries; ++i)
-        list << QString(size, QLatin1Char('x'));
+        list << entry;
     QVERIFY(fixture.link({{QStringLiteral("certs"), list}}));
     LogCapture log;
     QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
@@ -317,12 +319,16 @@ void TstHostileClient::endlessOutput()
     LoopWatch watch;
     QVERIFY(startAlice(fixture, {{QStringLiteral("chatter"), stream}}, success));
     QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
-    const auto channel = stream == STDOUT_FILENO ? QProcess::StandardOutput : QProcess::StandardError;
-    fixture.d->child.setReadChannel(channel);
-    QTRY_COMPARE(fixture.d->child.bytesAvailable(), qint64(1024 * 1024));
+    const auto unread = [&fixture, stream] {
+        auto &child = fixture.d->child;
+        child.setReadChannel(stream == STDOUT_FILENO ? QProcess::StandardOutput : QProcess::StandardError);
+        const qint64 bytes = child.bytesAvailable();
+        child.setReadChannel(stream == STDOUT_FILENO ? QProcess::StandardError : QProcess::StandardOutput);
+        return bytes;
+    };
+    QTRY_COMPARE(unread(), qint64(1024 * 1024));
     QTest::qWait(1000); // enough for gigabytes, if they were kept
-    fixture.d->child.setReadChannel(channel);
-    QCOMPARE(fixture.d->child.bytesAvailable(), qint64(1024 * 1024));
+    QCOMPARE(unread(), qint64(1024 * 1024));
     QVERIFY((residentPages() - pagesBefore) * sysconf(_SC_PAGESIZE) < 64 * 1024 * 1024);
     QVERIFY(bobSucceeds(fixture));
     QVERIFY2(watch.longestWait() < tolerableWait, qPrintable(QString::number(watch.longestWait())));
@@ -453,6 +459,22 @@ void TstHostileClient::launcherKilled()
     QVERIFY(!QTest::qWaitFor([&] { return !fixture.daemon.outcomes().isEmpty(); }, 500));
     QVERIFY(bobSucceeds(fixture));
     QCOMPARE(misled(), QVector<QJsonArray>());
+}
+
+// Bob's request waits for the end of alice's client. The failure of his own launch is reported once.
+void TstHostileClient::launchFailsAfterKill()
+{
+    MethodFixture fixture;
+    QVERIFY(startAlice(fixture, {}, success));
+    QTRY_COMPARE(fixture.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    fixture.method.reset();
+    fixture.daemon.calls.clear();
+    fixture.d->launchBudget = 0;
+    fixture.method.authenticate(bob, MethodFixture::passwordData(success));
+    QTRY_VERIFY(!fixture.daemon.outcomes().isEmpty());
+    QCoreApplication::processEvents();
+    QCOMPARE(fixture.daemon.outcomes(),
+             QVector<Call>{RecordingDaemon::failed(SettingsKavet::Connecting, SettingsKavet::CannotStartClient)});
 }
 
 void TstHostileClient::secretOfAnotherUser_data()

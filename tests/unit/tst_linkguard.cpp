@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -30,6 +31,8 @@ const QString path = QStringLiteral("/tmp/client.socket");
 const QString sendsTooMuch = QStringLiteral("Dropping the link to the client: it has sent more than a reply needs");
 const QString doesNotRead = QStringLiteral("Dropping the link to the client: it does not read its messages");
 const QString hasNoEnd = QStringLiteral("Dropping the link to the client: its handshake is too long");
+const QString isTooEarly =
+    QStringLiteral("Dropping the link to the client: it has sent a message during the handshake");
 const QString isNoReply =
     QStringLiteral("Dropping the link to the client: it has sent a message that is no valid reply");
 const QString isNotRead = QStringLiteral("Dropping the link to the client: its messages are not read fast enough");
@@ -218,6 +221,8 @@ private Q_SLOTS:
     void clientSendsTooMuch();
     void handshake_data();
     void handshake();
+    void messageDuringHandshake_data();
+    void messageDuringHandshake();
     void messages_data();
     void messages();
     void messageInPieces();
@@ -230,6 +235,8 @@ private Q_SLOTS:
     void closed();
     void destroyed();
     void linksAfterEachOther();
+    void linkAfterMessages_data();
+    void linkAfterMessages();
 
     void cannotConnect_data();
     void cannotConnect();
@@ -240,6 +247,7 @@ private Q_SLOTS:
     void givenUpByLibrary();
     void runtimeDirectoryUnwritable();
     void leavesNothingBehind();
+    void passesNoDescriptorOn();
 };
 
 void TstLinkGuard::init()
@@ -364,6 +372,40 @@ void TstLinkGuard::handshake()
     QVERIFY(sendAll(link.client, message(limit)));
     QTRY_COMPARE((arrived += readAll(link.library)).size(), size + limit);
     QVERIFY(link.guard.isOpen());
+    // The handshake ends only once.
+    QVERIFY(link.begin());
+    QVERIFY(sendAll(link.client, message(100)));
+    QTRY_VERIFY(!link.guard.isOpen());
+    QCOMPARE(log.warnings(), QStringList{sendsTooMuch});
+}
+
+void TstLinkGuard::messageDuringHandshake_data()
+{
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("data");
+    const QByteArray lines = "OK 0123456789abcdef\r\nAGREE_UNIX_FD\r\n";
+    QTest::newRow("header") << QByteArray() << lines + message(100).left(16);
+    QTest::newRow("first byte") << lines << QByteArray("l");
+    QTest::newRow("big-endian") << QByteArray() << lines + "B\r\n";
+    QTest::newRow("after an end of its own") << QByteArray("BEGIN\r\n") << QByteArray("l");
+}
+
+void TstLinkGuard::messageDuringHandshake()
+{
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, data);
+    LogCapture log(true);
+    Link link;
+    QVERIFY(link.make());
+    QVERIFY(sendAll(link.library, "BEGIN")); // the line is not complete
+    QByteArray sent;
+    QTRY_COMPARE(sent += readAll(link.client), QByteArray("BEGIN"));
+    QVERIFY(sendAll(link.client, before));
+    QByteArray arrived;
+    QTRY_COMPARE(arrived += readAll(link.library), before);
+    QVERIFY(sendAll(link.client, data));
+    QTRY_VERIFY(!link.guard.isOpen());
+    QCOMPARE(log.warnings(), QStringList{isTooEarly});
 }
 
 void TstLinkGuard::messages_data()
@@ -379,6 +421,7 @@ void TstLinkGuard::messages_data()
                            32);
     const QByteArray sender("\x07\x01s\0\6\0\0\0sender\0\0", 16);
     QTest::newRow("text") << message(500000) << false;
+    QTest::newRow("lines") << message(100).replace(98, 2, "\nl") << false;
     QTest::newRow("texts") << message(272 * 1024, "as") << false;
     QTest::newRow("too many texts") << message(272 * 1024 + 1, "as") << true;
     QTest::newRow("big-endian texts") << message(200000, "as", none, true) << false;
@@ -390,12 +433,17 @@ void TstLinkGuard::messages_data()
     QTest::newRow("text and values") << message(4097, "sav") << true;
     QTest::newRow("texts and values") << message(4097, "asav") << true;
     QTest::newRow("long nothing") << message(4097, none) << true;
-    QTest::newRow("values that look like text") << message(4097, "av", bytes) << true;
+    QTest::newRow("text-like, values") << message(4097, "av", bytes) << true;
+    QTest::newRow("values, text-like") << message(4097, none, QByteArray("\x08\x01g\0\2av\0", 8) + bytes) << true;
     QTest::newRow("values after a text") << message(500000) + message(4097, "av") << true;
     QTest::newRow("as many as may be") << message(100).repeated(16) << false;
     QTest::newRow("one too many") << message(100).repeated(17) << true;
     QTest::newRow("a line") << QByteArray("AGREE_UNIX_FD\r\n").repeated(2) << true;
+    QTest::newRow("longest header") << message(10000, "as", sender.repeated(254)) << false;
+    QTest::newRow("too long header") << message(10000, "s", sender.repeated(254) + QByteArray("\x09\x01u\0\0\0\0\0", 8))
+                                     << true;
     QTest::newRow("long header") << message(10000, "s", sender.repeated(300)) << true;
+    QTest::newRow("body without end") << message(100).replace(4, 4, "\xff\xff\xff\xff") << true;
     QTest::newRow("header without end") << QByteArray("l\2\1\1\0\0\0\0\1\0\0\0\xff\xff\xff\xff", 16) << true;
 }
 
@@ -561,9 +609,9 @@ void TstLinkGuard::linksAfterEachOther()
         QVERIFY(guard.acceptLibrary());
         QVERIFY(!numbers.contains(guard.link()));
         numbers << guard.link();
-        QVERIFY(sendAll(client, "before"));
+        QVERIFY(sendAll(client, "line\n"));
         QByteArray arrived;
-        QTRY_COMPARE((arrived += readAll(library)), QByteArray("before"));
+        QTRY_COMPARE((arrived += readAll(library)), QByteArray("line\n"));
         if (i == 0) {
             close(client);
             QTRY_VERIFY(!guard.isOpen()); // the next link is not taken for closed, too
@@ -573,6 +621,44 @@ void TstLinkGuard::linksAfterEachOther()
         close(library);
     }
     close(listener);
+}
+
+void TstLinkGuard::linkAfterMessages_data()
+{
+    QTest::addColumn<QByteArray>("data");
+    QTest::newRow("part of a fixed header") << message(100).left(10);
+    QTest::newRow("part of a header") << message(100).left(30);
+    QTest::newRow("part of a body") << message(100).left(90);
+    QTest::newRow("as many as may be") << message(100).repeated(16);
+}
+
+// A link's messages do not count for the next link.
+void TstLinkGuard::linkAfterMessages()
+{
+    QFETCH(QByteArray, data);
+    Link link;
+    QVERIFY(link.make());
+    QVERIFY(link.begin());
+    QVERIFY(sendAll(link.client, data));
+    QByteArray arrived;
+    QTRY_COMPARE(arrived += readAll(link.library), data);
+    QCOMPARE(close(link.client), 0);
+    QCOMPARE(close(link.library), 0);
+    QTRY_VERIFY(!link.guard.isOpen());
+
+    QVERIFY(link.make());
+    const QByteArray handshake = pattern(4096);
+    QVERIFY(sendAll(link.client, handshake));
+    arrived.clear();
+    QTRY_COMPARE(arrived += readAll(link.library), handshake);
+    QVERIFY(link.begin());
+    const QByteArray next = message(100).repeated(16);
+    QVERIFY(sendAll(link.client, next));
+    arrived.clear();
+    QTRY_COMPARE(arrived += readAll(link.library), next);
+    QVERIFY(link.guard.isOpen());
+    QVERIFY(sendAll(link.client, message(100)));
+    QTRY_VERIFY(!link.guard.isOpen());
 }
 
 void TstLinkGuard::cannotConnect_data()
@@ -723,6 +809,21 @@ void TstLinkGuard::leavesNothingBehind()
     Link link;
     QVERIFY(link.make());
     QCOMPARE(run.entryList(), before);
+}
+
+void TstLinkGuard::passesNoDescriptorOn()
+{
+    constexpr int first = 3;
+    constexpr int end = 1024;
+    // Independent of the test's own environment.
+    for (int descriptor = first; descriptor < end; ++descriptor)
+        fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+    Link link;
+    QVERIFY(link.make());
+    for (int descriptor = first; descriptor < end; ++descriptor) {
+        const int flags = fcntl(descriptor, F_GETFD);
+        QVERIFY(flags == -1 || flags & FD_CLOEXEC);
+    }
 }
 
 QTEST_GUILESS_MAIN(TstLinkGuard)
