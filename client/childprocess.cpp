@@ -105,8 +105,7 @@ void ChildProcess::killForGood()
     const QByteArray status = file.readAll();
     const int begin = status.indexOf(tracerField) + int(std::strlen(tracerField));
     const pid_t tracer = status.mid(begin, status.indexOf('\n', begin) - begin).trimmed().toInt();
-    const QFileInfo process(QStringLiteral("/proc/%1").arg(tracer));
-    if (tracer > 0 && process.exists() && process.ownerId() != 0)
+    if (tracer > 0 && QFileInfo(QStringLiteral("/proc/%1").arg(tracer)).ownerId() != 0)
         ::kill(tracer, SIGKILL);
 }
 

@@ -13,8 +13,11 @@
 #include <QTest>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 
 #include <grp.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -580,6 +583,54 @@ private Q_SLOTS:
             child.uid = uid;
             QCOMPARE(identityOfClient(child).value(QStringLiteral("Uid")), four(uid));
         }
+    }
+
+    // --- The client's end
+
+    void killSpares_data()
+    {
+        QTest::addColumn<bool>("traces");
+        QTest::newRow("root's tracer") << true;
+        QTest::newRow("tracer according to the client's name") << false;
+    }
+
+    void killSpares()
+    {
+        QFETCH(bool, traces);
+        ChildProcess child(nullptr);
+        child.uid = TestDevice::alice;
+        child.gid = TestDevice::groupId("auth-factor");
+        child.start(QStringLiteral("/bin/bash"),
+                    {QStringLiteral("-c"), QStringLiteral("read name; printf %s $name >/proc/$$/comm; echo; read")});
+        QVERIFY(child.waitForStarted());
+        int ready[2] = {};
+        QCOMPARE(pipe(ready), 0);
+        const pid_t process = pid_t(child.processId());
+        const pid_t spared = fork();
+        if (spared == 0) {
+            signal(SIGCHLD, SIG_DFL);
+            signal(SIGTERM, SIG_DFL); // the test framework handles it
+            if (traces ? ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0
+                       : setresuid(TestDevice::bob, TestDevice::bob, TestDevice::bob) == 0)
+                (void)!write(ready[1], "x", 1);
+            close(ready[1]);
+            for (;;)
+                pause();
+        }
+        close(ready[1]);
+        char byte = 0;
+        QCOMPARE(read(ready[0], &byte, 1), ssize_t(1));
+        close(ready[0]);
+        child.write((traces ? QByteArray("name") : "TracerPid:" + QByteArray::number(spared)) + '\n');
+        QVERIFY(child.waitForReadyRead());
+
+        child.killForGood();
+        QCOMPARE(::kill(spared, SIGTERM), 0); // SIGKILL would come first
+        int status = 0;
+        while (waitpid(spared, &status, 0) == -1 && errno == EINTR) { }
+        QVERIFY(WIFSIGNALED(status));
+        QCOMPARE(WTERMSIG(status), SIGTERM);
+        QVERIFY(child.waitForFinished());
     }
 
 private:

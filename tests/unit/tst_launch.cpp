@@ -207,9 +207,13 @@ private Q_SLOTS:
     void limitOfAnotherUser();
     void limitWhoseFileHasGone();
     void limitIsRoots();
+    void versionsOfSettings_data();
+    void versionsOfSettings();
     void modeIsNotTheFormerUsers();
     void alreadyPutAside();
+    void filesOfTheSameName();
     void directoryCannotBePutAside();
+    void ownDirectoryCannotBeMoved();
     void noRoomForADirectory();
     void linkInAPlaceOfADirectory();
     void floodedDirectory();
@@ -833,6 +837,7 @@ void TstLaunch::leftByAnotherUser()
     MethodFixture f;
     QVERIFY(f.method.setOptionInternal(0, QStringLiteral("max-attempts"), 8));
     f.daemon.calls.clear();
+    QVERIFY(f.d->watcher.addPath(currentPolicy)); // as at her login
     f.d->currentUid = bob;
     LogCapture log;
     QVERIFY(f.d->launchChild());
@@ -1030,15 +1035,36 @@ void TstLaunch::limitWhoseFileHasGone()
     // Root removes the directory. The late notification must not affect the next user.
     QVERIFY(putPolicy(f, alice, QStringLiteral("1")));
     QVERIFY(QDir(sharedDirectory).removeRecursively());
-    QVERIFY(launchFor(f, bob));
-    QCoreApplication::processEvents();
+    QVERIFY(setOwner(clientDirectory, bob, bob)); // No directory is replaced, which would end the watch too.
+    // As after a restart, QSettings reads the file instead of remembering the value that it has written.
+    const QString systemLimit = QStringLiteral("/var/lib/authd/methods/kavet/system-limit.conf");
+    QVERIFY(writeFile(systemLimit, readFile(systemLimit) + '\n'));
+    f.d->currentUid = bob;
+    QVERIFY(f.d->launchChild());
+    QVERIFY(!f.d->watcher.files().contains(currentPolicy));
+    QTRY_VERIFY(f.d->child.clientRunning);
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts).type(), QVariant::Int);
+    f.d->currentUid = 0;
+    f.d->child.kill();
+    QTRY_COMPARE(f.d->child.state(), QProcess::NotRunning);
 
     // The removal of alice's policy is noticed in bob's session, before his client is launched.
     QVERIFY(putPolicy(f, alice, QStringLiteral("1")));
     QVERIFY(QFile::remove(currentPolicy));
     f.method.handleUserSessionTriggered(bob, true, false);
     f.d->handleChildFileChanged(currentPolicy);
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(0));
+    QVERIFY(launchFor(f, bob));
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
+
+    // Alice removes a policy whose limit has not been taken. She has no limit, but the next user has the system's.
+    f.method.handleUserSessionTriggered(alice, true, false);
+    QVERIFY(putPolicy(f, alice, QStringLiteral("@Invalid()")));
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
+    QVERIFY(QFile::remove(currentPolicy));
+    f.d->handleChildFileChanged(currentPolicy);
+    QVERIFY(launchFor(f, alice));
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(0));
     QVERIFY(launchFor(f, bob));
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(3));
@@ -1079,6 +1105,43 @@ void TstLaunch::limitIsRoots()
     f.d->syncPolicy(packagedPolicy, true);
     QVERIFY(launchFor(f, bob));
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("5")));
+}
+
+void TstLaunch::versionsOfSettings_data()
+{
+    QTest::addColumn<bool>("inPlace");
+    QTest::addColumn<int>("seconds");
+    QTest::addColumn<int>("nanoseconds"); // 1: the last bit differs
+    QTest::addColumn<int>("limit");
+    QTest::newRow("another file") << false << 0 << 0 << 4;
+    QTest::newRow("another second") << true << 1 << 0 << 4;
+    QTest::newRow("another nanosecond") << true << 0 << 1 << 4;
+    // A policy can make the limit slow to read, so nothing reads it again without need.
+    QTest::newRow("nothing else") << true << 0 << 0 << 3;
+}
+
+// Root's limit replaces alice's. The plugin notices however little the file shows of the change.
+void TstLaunch::versionsOfSettings()
+{
+    QFETCH(bool, inPlace);
+    QFETCH(int, seconds);
+    QFETCH(int, nanoseconds);
+    QFETCH(int, limit);
+    const QString maxAttempts = QStringLiteral("max-attempts");
+    const QByteArray name = QFile::encodeName(methodSettings);
+    setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
+    MethodFixture f;
+    QVERIFY(f.method.setOption(0, maxAttempts, 4));
+    const QByteArray roots = readFile(methodSettings);
+    QVERIFY(f.method.setOption(0, maxAttempts, 3));
+    QVERIFY(putPolicy(f, alice, QStringLiteral("1")));
+    struct stat status = {};
+    QCOMPARE(stat(name.constData(), &status), 0);
+    QVERIFY(inPlace ? writeFile(methodSettings, roots) : f.method.setOption(0, maxAttempts, 4));
+    const timespec times[] = {status.st_atim, {status.st_mtim.tv_sec + seconds, status.st_mtim.tv_nsec ^ nanoseconds}};
+    QCOMPARE(utimensat(AT_FDCWD, name.constData(), times, 0), 0);
+    QVERIFY(launchFor(f, bob));
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(limit));
 }
 
 void TstLaunch::modeIsNotTheFormerUsers()
@@ -1124,6 +1187,25 @@ void TstLaunch::alreadyPutAside()
     QCOMPARE(readFile(parent + QLatin1Char('/') + others.first() + QStringLiteral("/second")), QByteArray("2"));
 }
 
+void TstLaunch::filesOfTheSameName()
+{
+    // Bob's file in alice's directory does not replace the one in his own.
+    const QString bobs = QStringLiteral("/bob");
+    const QString aside = sharedDirectory + QStringLiteral(".1000");
+    QVERIFY(writeFile(sharedDirectory + bobs, "second"));
+    QVERIFY(setOwner(sharedDirectory + bobs, bob, bob));
+    QVERIFY(setOwner(sharedDirectory, alice, alice));
+    QVERIFY(writeFile(sharedDirectory + QStringLiteral(".1001") + bobs, "first"));
+    MethodFixture f;
+    f.d->child.uid = bob;
+    f.d->child.gid = authFactor();
+    const LogCapture log;
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(readFile(sharedDirectory + bobs), QByteArray("first"));
+    QCOMPARE(readFile(aside + bobs), QByteArray("second"));
+    QCOMPARE(log.warnings(), QStringList{QStringLiteral("Put aside \"%1\" as \"%2\"").arg(sharedDirectory, aside)});
+}
+
 void TstLaunch::directoryCannotBePutAside()
 {
     // This fails while another file system is mounted there. Its content stays unchanged.
@@ -1146,6 +1228,25 @@ void TstLaunch::directoryCannotBePutAside()
         QCOMPARE(owner(clientDirectory), QStringLiteral("1000:1000"));
     }
     umount2(name.constData(), MNT_DETACH);
+}
+
+void TstLaunch::ownDirectoryCannotBeMoved()
+{
+    // Bob's directory is a mount point. Alice's is back in its place afterwards.
+    QVERIFY(writeFile(sharedDirectory + QStringLiteral("/file"), "alice's"));
+    QVERIFY(setOwner(sharedDirectory, alice, alice));
+    const QString bobs = sharedDirectory + QStringLiteral(".1001");
+    QVERIFY(QDir().mkdir(bobs));
+    const QByteArray name = QFile::encodeName(bobs);
+    QCOMPARE(mount("none", name.constData(), "tmpfs", 0, nullptr), 0);
+    MethodFixture f;
+    f.d->child.uid = bob;
+    f.d->child.gid = authFactor();
+    const bool prepared = f.d->prepareEnvironment();
+    umount2(name.constData(), MNT_DETACH);
+    QVERIFY(!prepared);
+    QCOMPARE(owner(sharedDirectory), QStringLiteral("1000:1000"));
+    QCOMPARE(readFile(sharedDirectory + QStringLiteral("/file")), QByteArray("alice's"));
 }
 
 void TstLaunch::noRoomForADirectory()
@@ -1211,7 +1312,9 @@ void TstLaunch::floodedDirectory()
     MethodFixture f;
     f.d->child.uid = bob;
     f.d->child.gid = authFactor();
+    const LogCapture log;
     QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(log.warnings(), QStringList{QStringLiteral("Put aside \"%1\" as \"%1.1000\"").arg(sharedDirectory)});
     // These belong to root, so each examined file is moved.
     const int moved = entries(sharedDirectory).size();
     QCOMPARE(moved, 1000);

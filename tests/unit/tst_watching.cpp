@@ -563,8 +563,16 @@ void TstWatching::fileChanged()
     f.d->handleChildFileChanged(aliceFile);
     QVERIFY(f.daemon.calls.isEmpty());
 
-    // A missing file counts as empty. This handler neither changes the owner nor watches again.
+    // Nor does another user's link in the policy's place change anything.
     f.d->child.uid = alice;
+    const QString aside = currentPolicy + QStringLiteral(".aside");
+    QVERIFY(QFile::rename(currentPolicy, aside));
+    QVERIFY(QFile::link(aside, currentPolicy));
+    QVERIFY(setOwner(currentPolicy, bob, bob));
+    f.d->handleChildFileChanged(currentPolicy);
+    QVERIFY(f.daemon.calls.isEmpty());
+
+    // A missing file counts as empty. This handler neither changes the owner nor watches again.
     QCOMPARE(owner(aliceFile), QStringLiteral("0:0"));
     QVERIFY(QFile::remove(aliceFile));
     QVERIFY(QFile::remove(currentPolicy));
@@ -710,6 +718,8 @@ void TstWatching::swappedForLinks()
     ::kill(swapper, SIGKILL);
     waitpid(swapper, nullptr, 0);
     QCOMPARE(log.warnings().count(warning), 1);
+    QVERIFY(!f.d->watcher.files().contains(aliceFile));
+    QVERIFY(!f.d->watcher.directories().contains(aliceFile)); // where the chain leads
     QVERIFY(QFileInfo(aliceFile).isSymLink() ? swap() : true);
     f.d->handleChildSharedDirectory(sharedDirectory);
     QCOMPARE(f.d->watcher.files(), QStringList());
