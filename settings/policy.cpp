@@ -19,8 +19,9 @@
 namespace {
 
 // Keys of the file that stores the system's limit. The limit has the option's key, which is missing if none was set.
-constexpr QLatin1String limitUser("user"); ///< The user whose policy is in force instead.
-constexpr QLatin1String noLimitTaken("no-limit-taken"); ///< That policy has set the limit to 0 at some time.
+const QString limitUser = QStringLiteral("user"); ///< The user whose policy is in force instead.
+/// That policy has set the limit to 0 at some time.
+const QString noLimitTaken = QStringLiteral("no-limit-taken");
 
 /// Identifies the current version of the file at `path`, which is replaced at every change.
 QPair<quint64, qint64> versionOf(const QString &path)

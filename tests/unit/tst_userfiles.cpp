@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <memory>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -139,6 +140,7 @@ private Q_SLOTS:
     void plantedWhileItIsWatched();
     void plantedAsPolicy_data();
     void plantedAsPolicy();
+    void filledWhileItIsCreated();
     void linkAbove();
 
     void changeGroup_data();
@@ -147,6 +149,8 @@ private Q_SLOTS:
     void changeGroupTouchesNothingInVain();
     void changeGroupNeedsRoot();
 
+    void movedFrom();
+    void descriptorsAreClosed();
     void read();
     void readWithOwnersRights_data();
     void readWithOwnersRights();
@@ -160,6 +164,7 @@ private Q_SLOTS:
     void writeIsInterrupted();
     void neverTorn();
     void swappedAfterPinning();
+    void deletedAfterPinning();
     void identityIsRestored();
     void identityCannotBeTaken();
 
@@ -332,6 +337,15 @@ void TstUserFiles::plantedWhileItIsWatched()
     QCOMPARE(f.d->getChildAttempts(), QVariant(0));
     QCOMPARE(portraits(), before);
     QCOMPARE(portrait(aliceFile), itself);
+
+    f.d->child.clientRunning = false;
+    QVERIFY(f.d->launchChild());
+    f.d->child.clientRunning = true;
+    QVERIFY(QFile::remove(aliceFile));
+    QVERIFY(plant(kind, aliceFile));
+    log.clear();
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(log.warnings(), warning);
 }
 
 void TstUserFiles::plantedAsPolicy_data()
@@ -365,6 +379,39 @@ void TstUserFiles::plantedAsPolicy()
     }
     QCOMPARE(portraits(), before);
     QCOMPARE(portrait(currentPolicy), itself);
+}
+
+void TstUserFiles::filledWhileItIsCreated()
+{
+    // A file of root's comes and goes while root creates alice's. Root must never give her the wrong one.
+    const pid_t mover = fork();
+    if (mover == 0) {
+        const QByteArray name = encoded(file);
+        const QByteArray spare = encoded(outside + QStringLiteral("/spare"));
+        for (;;) {
+            const int descriptor = open(spare.constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+            (void)!write(descriptor, "x", 1);
+            close(descriptor);
+            rename(spare.constData(), name.constData());
+            unlink(name.constData());
+        }
+    }
+    const auto end = qScopeGuard([mover] {
+        kill(mover, SIGKILL);
+        waitpid(mover, nullptr, 0);
+    });
+    const LogCapture log;
+    for (int made = 0; made < 200 || log.warnings().size() < 10;) {
+        const PinnedFile pinned(file, alice, clientGroup);
+        if (!pinned.isUsable()) {
+            QVERIFY(errno == EAGAIN || errno == EMLINK); // Her file had no link any more.
+            continue;
+        }
+        QByteArray content;
+        QVERIFY(pinned.read(content));
+        QCOMPARE(content, QByteArray());
+        ++made;
+    }
 }
 
 void TstUserFiles::linkAbove()
@@ -432,6 +479,12 @@ void TstUserFiles::changeGroupFails()
     errno = 0;
     QVERIFY(!PinnedFile(file).changeGroup(alice, clientGroup));
     QCOMPARE(errno, EROFS);
+    errno = 0;
+    QVERIFY(!PinnedFile(file, alice, clientGroup).isUsable()); // its group
+    QCOMPARE(errno, EROFS);
+    errno = 0;
+    QVERIFY(!PinnedFile(file, alice, alice).isUsable()); // its mode
+    QCOMPARE(errno, EROFS);
 }
 
 void TstUserFiles::changeGroupTouchesNothingInVain()
@@ -442,6 +495,15 @@ void TstUserFiles::changeGroupTouchesNothingInVain()
     QVERIFY(PinnedFile(file).changeGroup(alice, clientGroup));
     // This includes the time of the last change.
     QCOMPARE(portrait(file), before);
+
+    // The same for a file just created.
+    const QString another = sharedDirectory + QStringLiteral("/another.conf");
+    const PinnedFile created(another, alice, clientGroup);
+    const QString fresh = portrait(another);
+    QVERIFY(created.changeGroup(alice, clientGroup));
+    QCOMPARE(portrait(another), fresh);
+    QVERIFY(created.countsFor(alice));
+    QVERIFY(!created.countsFor(bob));
 }
 
 void TstUserFiles::changeGroupNeedsRoot()
@@ -457,6 +519,46 @@ void TstUserFiles::changeGroupNeedsRoot()
     QVERIFY(!changed);
     QCOMPARE(error, EPERM);
     QCOMPARE(statusOf(file).st_gid, alice);
+}
+
+void TstUserFiles::movedFrom()
+{
+    QVERIFY(writeFile(file, "content"));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    const auto from = std::make_unique<PinnedFile>(file);
+    const PinnedFile to(std::move(*from));
+    QByteArray content;
+    QVERIFY(!from->exists());
+    QVERIFY(!from->countsFor(alice));
+    errno = 0;
+    QVERIFY(!from->isUsable());
+    QCOMPARE(errno, EBADF);
+    QVERIFY(!from->changeGroup(alice, clientGroup));
+    QVERIFY(!from->read(content));
+    QVERIFY(!from->write("new"));
+    QVERIFY(to.read(content));
+    QCOMPARE(content, QByteArray("content"));
+}
+
+void TstUserFiles::descriptorsAreClosed()
+{
+    const auto count = [] {
+        return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::AllEntries | QDir::System).size();
+    };
+    const int before = count();
+    const LogCapture log;
+    QVERIFY(writeFile(file, {}));
+    QVERIFY(setOwner(file, bob, bob));
+    {
+        const PinnedFile pinned(file, alice, clientGroup); // after bob's file has been put aside
+        QByteArray content;
+        QVERIFY(pinned.read(content));
+        QVERIFY(pinned.write("content"));
+    }
+    QCOMPARE(handOver(sharedDirectory, bob, clientGroup), HandOver::Replaced);
+    QCOMPARE(handOver(sharedDirectory, bob, clientGroup), HandOver::Same);
+    QCOMPARE(count(), before);
+    QVERIFY(QDir(sharedDirectory + QStringLiteral(".1000")).removeRecursively());
 }
 
 void TstUserFiles::read()
@@ -763,6 +865,22 @@ void TstUserFiles::swappedAfterPinning()
         else
             QVERIFY(QFile::remove(file));
     }
+}
+
+void TstUserFiles::deletedAfterPinning()
+{
+    // The kernel's name of a deleted file is one that another file can have.
+    const QString another = file + QStringLiteral(" (deleted)");
+    for (const QString &path : {file, another}) {
+        QVERIFY(writeFile(path, "old"));
+        QVERIFY(setOwner(path, alice, clientGroup));
+    }
+    const PinnedFile pinned(file);
+    QVERIFY(QFile::remove(file));
+    errno = 0;
+    QVERIFY(!pinned.write("new"));
+    QCOMPARE(errno, ESTALE);
+    QCOMPARE(readFile(another), QByteArray("old"));
 }
 
 void TstUserFiles::identityIsRestored()
