@@ -7,6 +7,7 @@
 #include "busvalues.h"
 #include "errors.h"
 #include "log.h"
+#include "requestdata.h"
 #include "servicelimits.h"
 #include "systembus.h"
 
@@ -22,11 +23,6 @@ using Message = std::shared_ptr<sd_bus_message>;
 void replyWithError(sd_bus_message *call, const QString &name, const QString &text)
 {
     sd_bus_reply_method_errorf(call, name.toUtf8().constData(), "%s", text.toUtf8().constData());
-}
-
-void refuseTooManyCalls(sd_bus_message *call)
-{
-    sd_bus_reply_method_errorf(call, Errors::LimitsExceeded.data(), "The caller makes too many calls");
 }
 
 } // namespace
@@ -76,7 +72,7 @@ int AuthService::filter(sd_bus_message *message, void *service, sd_bus_error *)
                : self->m_callers.identify(sender, [self](const Caller &known) { self->mayCall(known); });
     if (isWithinLimits)
         return 0;
-    refuseTooManyCalls(message);
+    sd_bus_reply_method_errorf(message, Errors::LimitsExceeded.data(), "The caller makes too many calls");
     return 1;
 }
 
@@ -86,21 +82,25 @@ int AuthService::answer(sd_bus_message *call, void *service, sd_bus_error *)
     const char *const sender = sd_bus_message_get_sender(call);
     QVariantList arguments;
     const int result = BusValues::read(call, arguments);
-    if (!sender || (result < 0 && result != -E2BIG))
-        return sd_bus_reply_method_errorf(call, Errors::InvalidArgs.data(), "Malformed call");
-    const Handler handler =
-        result == -E2BIG
-            ? [](const Caller &) { return Reply(Errors::LimitsExceeded, QStringLiteral("The call has too much data")); }
-            : self->m_calls.at(sd_bus_message_get_member(call))(arguments);
-
+    Handler handler;
+    if (result >= 0) {
+        handler = self->m_calls.at(sd_bus_message_get_member(call))(arguments);
+    } else {
+        for (const QVariant &argument : qAsConst(arguments))
+            RequestData::wipe(argument);
+        Reply refusal = result == -E2BIG ? Reply(Errors::LimitsExceeded, QStringLiteral("The call has too much data"))
+                                         : Reply(Errors::InvalidArgs, QStringLiteral("No call takes such a value"));
+        handler = [refusal](const Caller &) {
+            return refusal;
+        };
+    }
     if (const std::optional<Caller> caller = self->m_callers.find(sender)) {
         self->respond(call, *caller, handler);
         return 1;
     }
     const Message kept(sd_bus_message_ref(call), sd_bus_message_unref);
-    if (!self->m_callers.identify(
-            sender, [self, kept, handler](const Caller &caller) { self->respond(kept.get(), caller, handler); }))
-        refuseTooManyCalls(call);
+    self->m_callers.await(sender,
+                          [self, kept, handler](const Caller &caller) { self->respond(kept.get(), caller, handler); });
     return 1;
 }
 

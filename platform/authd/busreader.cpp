@@ -45,9 +45,9 @@ int readTextList(sd_bus_message *message, QVariant &value)
     QStringList list;
     int result = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, TextList);
     for (QVariant text; result >= 0 && (result = readText(message, text)) > 0;) {
-        if (list.size() >= RequestData::EntryLimit)
-            return -E2BIG;
         list << text.toString();
+        if (list.size() > RequestData::EntryLimit)
+            result = -E2BIG;
     }
     value = list;
     return result < 0 ? result : sd_bus_message_exit_container(message);
@@ -71,44 +71,34 @@ int readMap(sd_bus_message *message, QVariant &value)
     QVariantMap map;
     int result = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, Map);
     while (result >= 0 && (result = sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
-        if (map.size() >= RequestData::EntryLimit)
-            return -E2BIG;
         QVariant key;
         QVariant entry;
         if ((result = readText(message, key)) >= 0 && (result = readValue(message, entry)) >= 0)
             result = sd_bus_message_exit_container(message);
         if (entry.userType() == qMetaTypeId<QDBusVariant>())
             entry = qvariant_cast<QDBusVariant>(entry).variant();
+        // Nothing stops a caller from repeating a key endlessly.
+        if (result >= 0 && map.contains(key.toString()))
+            result = -EINVAL;
         map.insert(key.toString(), entry);
+        if (map.size() > RequestData::EntryLimit)
+            result = -E2BIG;
     }
     value = map;
     return result < 0 ? result : sd_bus_message_exit_container(message);
 }
 
-int skip(sd_bus_message *message, char type, const char *contents, QVariant &value)
-{
-    value = QVariant::fromValue(UnsupportedValue());
-    const QByteArray types = QByteArray(1, type) + contents;
-    switch (type) {
-    case SD_BUS_TYPE_STRUCT:
-        return sd_bus_message_skip(message, QByteArray('(' + QByteArray(contents) + ')').constData());
-    case SD_BUS_TYPE_VARIANT:
-        return sd_bus_message_skip(message, "v");
-    default:
-        return sd_bus_message_skip(message, types.constData());
-    }
-}
-
 int readVariant(sd_bus_message *message, const char *contents, QVariant &value)
 {
+    // No call takes these, and dictionaries in dictionaries could have any number of entries.
+    if (std::strcmp(contents, "v") == 0 || std::strcmp(contents, "a{sv}") == 0)
+        return -EINVAL;
     int result = sd_bus_message_enter_container(message, SD_BUS_TYPE_VARIANT, contents);
     QVariant inner;
     if (result >= 0)
         result = readValue(message, inner);
     if (result >= 0)
         result = sd_bus_message_exit_container(message);
-    if (inner.userType() == qMetaTypeId<QDBusVariant>())
-        inner = QVariant::fromValue(UnsupportedValue());
     value = QVariant::fromValue(QDBusVariant(inner));
     return result;
 }
@@ -158,7 +148,7 @@ int readValue(sd_bus_message *message, QVariant &value)
     default:
         break;
     }
-    return skip(message, type, contents, value);
+    return -EINVAL;
 }
 
 } // namespace
@@ -169,9 +159,9 @@ int BusValues::read(sd_bus_message *message, QVariantList &arguments)
     while ((result = sd_bus_message_at_end(message, true)) == 0) {
         QVariant value;
         result = readValue(message, value);
+        arguments << value;
         if (result < 0)
             return result;
-        arguments << value;
     }
     return result < 0 ? result : 0;
 }

@@ -6,18 +6,13 @@
 
 #include <systemd/sd-bus.h>
 
-/// Placeholder for a value of a type that no call accepts.
-struct UnsupportedValue
-{
-};
-Q_DECLARE_METATYPE(UnsupportedValue)
-
 /// Reads and writes values in messages: booleans, numbers, strings, lists of strings, byte arrays (QByteArray),
 /// dictionaries of strings to values (QVariantMap) and variants (QDBusVariant).
 namespace BusValues {
 
-/// Reads the arguments of a message. Returns a negative error. Returns -E2BIG as soon as a limit is exceeded, so that a
-/// huge message takes no longer than others.
+/// Reads the arguments of a message. Returns a negative error as soon as something cannot be read, so that a huge
+/// message takes no longer than others: -E2BIG for a value beyond the limits, -EINVAL for a value of another type. Then
+/// `arguments` holds what has been read.
 int read(sd_bus_message *message, QVariantList &arguments);
 
 /// Whether a value of this type can be written. A QDBusVariant inside a QDBusVariant cannot.

@@ -38,8 +38,9 @@ std::optional<Caller> Callers::find(const char *name) const
 bool Callers::identify(const char *name, const Handler &handler)
 {
     Waiting &waiting = m_waiting[name];
-    if (waiting.handlers.size() >= Limits::WaitingCallsPerConnection)
+    if (waiting.calls >= Limits::WaitingCallsPerConnection)
         return false;
+    ++waiting.calls;
     waiting.handlers << handler;
     if (waiting.query)
         return true;
@@ -50,6 +51,13 @@ bool Callers::identify(const char *name, const Handler &handler)
         < 0)
         m_waiting.erase(name);
     return true;
+}
+
+void Callers::await(const char *name, const Handler &handler)
+{
+    const auto waiting = m_waiting.find(name);
+    if (waiting != m_waiting.end())
+        waiting->second.handlers << handler;
 }
 
 int Callers::handleAnswer(sd_bus_message *answer, void *waiting, sd_bus_error *)

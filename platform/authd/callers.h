@@ -28,9 +28,12 @@ public:
 
     /// The caller behind the connection `name`, if it is already known.
     std::optional<Caller> find(const char *name) const;
-    /// Calls `handler` as soon as the owner of the connection `name` is known; never if the connection has left.
-    /// Returns false when too many calls of the connection are already waiting.
+    /// Counts a call of the connection `name` as waiting, and calls `handler` as soon as the owner of the connection is
+    /// known; never if the connection has left. Returns false when too many calls of the connection are already
+    /// waiting.
     bool identify(const char *name, const Handler &handler);
+    /// Calls `handler` after those that wait for the owner of the connection `name` already.
+    void await(const char *name, const Handler &handler);
 
 Q_SIGNALS:
     /// The connection has left the bus.
@@ -45,6 +48,7 @@ private:
     {
         Callers *callers = nullptr;
         QByteArray name;
+        int calls = 0;
         QVector<Handler> handlers;
         sd_bus_slot *query = nullptr;
     };

@@ -66,6 +66,7 @@ int run(const Settings &settings)
     if (!locks.load())
         return Failed;
 
+    Systemd::startWatchdog();
     SystemBus bus;
     if (!bus.open()) {
         Log::write(settings.waitForBus ? Log::Notice : Log::Error, "no-bus",

@@ -91,6 +91,9 @@ Reply MethodOptions::setOption(uint writer, uint uid, const QString &method, con
         if (!written.isValid())
             return Reply(Errors::InvalidArgs,
                          QStringLiteral("The option's type is ") + QString::fromLatin1(model.typeName()));
+        Reply tooLong = RequestData::checkValue(written); // A text of the maximum size is too long as a list.
+        if (tooLong.isError())
+            return tooLong;
     }
     if (!plugin.setOption(uid, option, written))
         return Reply(Errors::StoreFailed, QStringLiteral("The value cannot be stored"));

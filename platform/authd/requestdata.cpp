@@ -3,6 +3,7 @@
 #include "requestdata.h"
 
 #include "errors.h"
+#include "optionsize.h"
 #include "wipe.h"
 
 #include <QStringList>
@@ -75,20 +76,29 @@ Reply RequestData::checkData(const QVariantMap &data)
 
 Reply RequestData::checkValue(const QVariant &value)
 {
-    return isTooLarge(value) ? tooLarge() : Reply();
+    if (OptionSize::isTooLong(value))
+        return Reply(Errors::LimitsExceeded, QStringLiteral("The value is too long"));
+    return Reply();
+}
+
+void RequestData::wipe(const QVariant &value)
+{
+    if (value.userType() == QMetaType::QString) {
+        Wipe::text(*static_cast<const QString *>(value.constData()));
+    } else if (value.userType() == QMetaType::QByteArray) {
+        Wipe::bytes(*static_cast<const QByteArray *>(value.constData()));
+    } else if (value.userType() == QMetaType::QStringList) {
+        for (const QString &text : *static_cast<const QStringList *>(value.constData()))
+            Wipe::text(text);
+    } else if (value.userType() == QMetaType::QVariantMap) {
+        for (const QVariant &entry : *static_cast<const QVariantMap *>(value.constData()))
+            wipe(entry);
+    }
 }
 
 void RequestData::wipe(QVariantMap &data)
 {
-    for (const QVariant &value : qAsConst(data)) {
-        if (value.userType() == QMetaType::QString) {
-            Wipe::text(*static_cast<const QString *>(value.constData()));
-        } else if (value.userType() == QMetaType::QByteArray) {
-            Wipe::bytes(*static_cast<const QByteArray *>(value.constData()));
-        } else if (value.userType() == QMetaType::QStringList) {
-            for (const QString &text : *static_cast<const QStringList *>(value.constData()))
-                Wipe::text(text);
-        }
-    }
+    for (const QVariant &value : qAsConst(data))
+        wipe(value);
     data.clear();
 }

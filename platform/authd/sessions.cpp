@@ -39,7 +39,8 @@ Sessions::Sessions()
 
 Sessions::Map Sessions::resume(const QDBusConnection &bus)
 {
-    if (!bus.interface()->isServiceRegistered(loginManager))
+    QDBusConnectionInterface *const names = bus.interface(); // null after the connection has been lost
+    if (!names || !names->isServiceRegistered(loginManager))
         return m_sessions;
     QDBusMessage call = QDBusMessage::createMethodCall(loginManager, managerPath, managerInterface, listSessions);
     call.setAutoStartService(false);

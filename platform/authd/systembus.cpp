@@ -47,7 +47,7 @@ bool SystemBus::open()
     const int result = sd_bus_open_system(&m_bus);
     // A call completes the handshake.
     sd_bus_message *reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error = {};
     const int answer = result < 0 ? result
                                   : sd_bus_call_method(m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                                        "org.freedesktop.DBus", "GetId", &error, &reply, "");

@@ -14,15 +14,19 @@ constexpr int KeepEnvironment = 0;
 
 } // namespace
 
-void Systemd::notifyReady()
+void Systemd::startWatchdog()
 {
-    sd_notify(KeepEnvironment, "READY=1");
     uint64_t limit = 0; // microseconds
     if (sd_watchdog_enabled(KeepEnvironment, &limit) <= 0)
         return;
     auto *timer = new QTimer(qApp);
     QObject::connect(timer, &QTimer::timeout, [] { sd_notify(KeepEnvironment, "WATCHDOG=1"); });
     timer->start(std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::microseconds(limit / 2)));
+}
+
+void Systemd::notifyReady()
+{
+    sd_notify(KeepEnvironment, "READY=1");
 }
 
 void Systemd::notifyStopping()

@@ -5,7 +5,10 @@
 /// Notifications to the service manager. They do nothing without one.
 namespace Systemd {
 
-/// Reports that the service is ready, and from then on sends watchdog notifications while the event loop runs.
+/// Sends watchdog notifications from now on while the event loop runs. The service manager may already expect them
+/// while a restarted daemon waits for the bus.
+void startWatchdog();
+/// Reports that the service is ready.
 void notifyReady();
 /// Reports that the service is stopping.
 void notifyStopping();

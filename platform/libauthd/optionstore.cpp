@@ -4,6 +4,7 @@
 
 #include <authd/vocabulary.h>
 
+#include "optionsize.h"
 #include "platformlog.h"
 #include "storedvalue.h"
 #include "storefile.h"
@@ -39,7 +40,7 @@ OptionStore::Outcome OptionStore::write(uint uid, const QString &option, const Q
 {
     if (!isLegal(option))
         return Failed;
-    if (isTooLong(value)) {
+    if (OptionSize::isTooLong(value)) {
         // Not a warning: a user's files can supply such a value as often as the user likes.
         qCDebug(authdPlatform) << "The value of option" << m_method << uid << option << "is too long";
         return Failed;

@@ -26,7 +26,7 @@ public:
 
     /// The stored value; an invalid variant when there is none.
     QVariant read(uint uid, const QString &option) const;
-    /// Stores a value. Fails without a warning when the value is too long, see StoredValue::isTooLong().
+    /// Stores a value. Fails without a warning when the value is too long, see OptionSize::isTooLong().
     Outcome write(uint uid, const QString &option, const QVariant &value) const;
     /// Removes a stored value.
     Outcome remove(uint uid, const QString &option) const;

@@ -7,12 +7,9 @@
 #include <algorithm>
 #include <glib.h>
 
-using StoredValue::fromUtf8;
 using StoredValue::toUtf8;
 
 namespace {
-
-constexpr int MaximumSize = 4096;
 
 /// Returns a floating reference, or null when the type cannot be stored.
 GVariant *toGVariant(const QVariant &value)
@@ -71,21 +68,6 @@ QString StoredValue::fromUtf8(const char *utf8)
     glong size = 0;
     g_autofree gunichar2 *utf16 = g_utf8_to_utf16(utf8, -1, nullptr, &size, nullptr);
     return QString(reinterpret_cast<const QChar *>(utf16), static_cast<int>(size));
-}
-
-bool StoredValue::isTooLong(const QVariant &value)
-{
-    if (value.userType() == QMetaType::QByteArray)
-        return value.toByteArray().size() > MaximumSize;
-    if (value.userType() == QMetaType::QString)
-        return value.toString().size() > MaximumSize;
-    if (value.userType() != QMetaType::QStringList)
-        return false;
-    int size = 0;
-    const QStringList list = value.toStringList();
-    for (const QString &item : list)
-        size += 1 + item.size();
-    return size > MaximumSize;
 }
 
 std::optional<std::string> StoredValue::toStored(const QVariant &value)

@@ -16,9 +16,6 @@ std::optional<std::string> toUtf8(const QString &text);
 /// Converts exactly; QString::fromUtf8() would drop a leading byte order mark.
 QString fromUtf8(const char *utf8);
 
-/// Whether storing the value repeatedly would take too long: more than 4096 characters, bytes or, in a list, strings
-/// and characters together.
-bool isTooLong(const QVariant &value);
 /// Returns the value in the store's format, or nothing when it would not read back as the same value.
 std::optional<std::string> toStored(const QVariant &value);
 /// Reads a value in the store's format. Returns an invalid variant when it is malformed or of a type that toStored()

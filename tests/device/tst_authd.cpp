@@ -144,7 +144,7 @@ private Q_SLOTS:
     void optionsOfTheMethod();
     void certificateList();
 
-    // --- Who may what ---
+    // --- Access rights ---
 
     void access_data();
     void access();

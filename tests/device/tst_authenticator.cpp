@@ -19,6 +19,7 @@ const uint alice = TestDevice::alice;
 const uint bob = TestDevice::bob;
 const QString accessDenied = QStringLiteral("org.freedesktop.DBus.Error.AccessDenied");
 const QString invalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
+const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
 const QString storeFailed = QStringLiteral("qarv.AuthService.Error.StoreFailed");
 const QString locksFile = QStringLiteral("/var/lib/authd/locks.conf");
 
@@ -338,6 +339,7 @@ void TstAuthenticator::sessions()
 
     // Another user's attempt continues when a session stops.
     QCOMPARE(attempt(bob, QString()), QString());
+    QTRY_COMPARE(state(bob), QStringLiteral("pending"));
     QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {alice, true}), QString());
     QCOMPARE(state(bob), QStringLiteral("pending"));
     QCOMPARE(told().count(QStringLiteral("reset")), 1);
@@ -419,12 +421,22 @@ void TstAuthenticator::rules_data()
     wrong("int as bool", "switch", 2, false);
     good("text", "text", QStringLiteral("a\nb"), QStringLiteral("a\nb"));
     good("int as text", "text", 7, QStringLiteral("7"));
+    const QString longest(4096, QLatin1Char('x'));
+    good("longest text", "text", longest, longest);
+    const auto tooLong = [row](const char *title, const char *name, const QVariant &value, const QVariant &present) {
+        row(title, name, value, limitsExceeded, limitsExceeded, present);
+    };
+    tooLong("too long text", "text", QString(longest + QLatin1Char('x')), QString());
+    tooLong("too long bytes", "anything", QByteArray(4097, 'x'), 0);
+    tooLong("too long list", "list", QStringList{longest.left(2047), longest.left(2048)}, QStringList());
+    tooLong("too long text as list", "list", longest, QStringList());
     good("list", "list", QStringList{QStringLiteral("a"), QStringLiteral("b")},
          QStringList{QStringLiteral("a"), QStringLiteral("b")});
     good("text as list", "list", QStringLiteral("a"), QStringList{QStringLiteral("a")});
     wrong("int as list", "list", 7, QStringList());
     good("no rule", "anything", QStringLiteral("text"), QStringLiteral("text"));
-    row("no rule, not to be stored", "anything", QVariantMap(), storeFailed, storeFailed, 0);
+    row("no rule, not to be stored", "anything", QVariant::fromValue(short(7)), storeFailed, storeFailed, 0);
+    wrong("no rule, map", "anything", QVariantMap(), 0);
     row("root only", "root", 7, accessDenied, {}, 7);
     row("root only, wrong type", "root", QStringLiteral("x"), accessDenied, invalidArgs, 1);
     row("method only", "computed", 7, accessDenied, accessDenied, 42);

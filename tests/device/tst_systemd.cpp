@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authd.h"
+#include "device/processmemory.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
@@ -68,6 +69,7 @@ private Q_SLOTS:
     void init() { TestDevice::reset(); }
 
     void readiness();
+    void watchdog_data();
     void watchdog();
     void journal();
     void unreadLog();
@@ -92,15 +94,25 @@ void TstSystemd::readiness()
     QVERIFY(manager.received().endsWith("STOPPING=1\n"));
 }
 
+void TstSystemd::watchdog_data()
+{
+    QTest::addColumn<QString>("bus");
+    QTest::newRow("ready") << QString();
+    QTest::newRow("waiting for the bus") << QStringLiteral("unix:path=/nowhere");
+}
+
 void TstSystemd::watchdog()
 {
+    QFETCH(QString, bus);
     Listener manager(notifySocket);
     QProcess daemon;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("NOTIFY_SOCKET"), notifySocket);
     environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("200000"));
+    if (!bus.isEmpty())
+        environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), bus);
     daemon.setProcessEnvironment(environment);
-    daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods});
+    daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods, QStringLiteral("--wait-for-bus")});
     QTRY_VERIFY(manager.received().count("WATCHDOG=1\n") > 3);
     // A hanging daemon sends no watchdog messages.
     kill(pid_t(daemon.processId()), SIGSTOP);
@@ -199,9 +211,6 @@ void TstSystemd::notDumpable()
 
 void TstSystemd::secretsAreWiped()
 {
-#ifdef __SANITIZE_ADDRESS__
-    QSKIP("The sanitizer does not keep the memory of the daemon's own thread apart from that of Qt's D-Bus thread");
-#endif
     const QString go = QStringLiteral("/tmp/scripted-client/go");
     setClientScript({{QStringLiteral("socket"), go}});
     Authd daemon;
@@ -237,10 +246,37 @@ void TstSystemd::secretsAreWiped()
     const QString open = QStringLiteral("never-open-secret");
     QCOMPARE(enter(root, kavet, open), QString());
     QTRY_COMPARE(TestDevice::launches().size(), 1);
-    const int before = copies(open);
-    if (before < 0)
+    const auto holds = [&daemon](const QString &text) {
+        const QByteArray inQt(reinterpret_cast<const char *>(text.utf16()), text.size() * int(sizeof(ushort)));
+        const QByteArray memory = processMemory(daemon.pid());
+        return memory.contains(text.toUtf8()) || memory.contains(inQt);
+    };
+    if (processMemory(daemon.pid()).isNull())
         QSKIP("An ordinary user's device cannot look into a process that must not be dumped");
-    QVERIFY(before > 0);
+    QVERIFY(holds(open));
+
+    // Nothing is left of a refused call, wherever its secret stood.
+    const auto password = [](const char *secret) {
+        return QVariantMap{{QStringLiteral("password"), QString::fromLatin1(secret)}};
+    };
+    const auto refuse = [&](const BusUser &caller, const QString &method, const QVariantMap &data) {
+        return !caller.error(QStringLiteral("Authenticate"), {TestDevice::alice, method, data}).isEmpty();
+    };
+    QVariantMap tooMuch = password("too-much-secret");
+    for (int i = 0; i < 64; ++i)
+        tooMuch.insert(QStringLiteral("z%1").arg(i), i);
+    QVERIFY(refuse(root, kavet, tooMuch));
+    QVERIFY(refuse(root, kavet, {{QStringLiteral("nested"), password("nested-secret")}}));
+    QVERIFY(refuse(root, QStringLiteral("other"), password("misdirected-secret")));
+    QVERIFY(refuse(BusUser(TestDevice::bob), kavet, password("denied-secret")));
+    for (const char *secret : {"too-much-secret", "nested-secret", "misdirected-secret", "denied-secret"})
+        QTRY_VERIFY2(!holds(QString::fromLatin1(secret)), secret);
+
+#ifdef __SANITIZE_ADDRESS__
+    // Seen: the D-Bus library's copies remain, and the sanitizer's heap does not tell whose they are.
+    QSKIP("With the sanitizer, the rest cannot be told apart from the copies of Qt's D-Bus thread");
+#endif
+    QVERIFY(copies(open) > 0);
     QVERIFY(TestDevice::writeFile(go, {}));
     QTRY_COMPARE(TestDevice::calls().size(), 1);
 
@@ -250,11 +286,6 @@ void TstSystemd::secretsAreWiped()
     QTRY_COMPARE(root.call(QStringLiteral("GetState"), {TestDevice::alice}).arguments().value(1).toString(),
                  QStringLiteral("challenge"));
     QTRY_COMPARE(copies(answered), 0);
-    // A refused call's secret is wiped too.
-    const QString refused = QStringLiteral("refused-secret");
-    QVERIFY(!enter(root, QStringLiteral("other"), refused).isEmpty());
-    QVERIFY(!enter(BusUser(TestDevice::bob), kavet, refused).isEmpty());
-    QTRY_COMPARE(copies(refused), 0);
     QCOMPARE(daemon.stop(SIGTERM), 0);
 }
 

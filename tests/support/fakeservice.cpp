@@ -10,10 +10,13 @@ FakeService::FakeService(const QString &service, const QString &path, const Hand
     , m_handler(handler)
     , m_connection(QDBusConnection::connectToBus(QDBusConnection::SystemBus, QStringLiteral("fake ") + service))
 {
+    // Registering gives the object a child, which must belong to the same thread.
+    const bool isRegistered =
+        m_connection.isConnected() && m_connection.registerVirtualObject(m_path, this, QDBusConnection::SubPath);
     moveToThread(&m_thread);
     m_thread.start();
     m_isRunning =
-        m_connection.isConnected() && m_connection.registerVirtualObject(m_path, this)
+        isRegistered
         && m_connection.interface()->registerService(m_service) == QDBusConnectionInterface::ServiceRegistered;
 }
 

@@ -14,7 +14,7 @@
 class FakeService : public QDBusVirtualObject
 {
 public:
-    /// Called in the service's thread for each call to the object; sends the reply itself.
+    /// Called in the service's thread for each call to the object or one below it; sends the reply itself.
     using Handler = std::function<void(const QDBusMessage &call, const QDBusConnection &bus)>;
 
     FakeService(const QString &service, const QString &path, const Handler &handler);
