@@ -155,7 +155,7 @@ QStringList localParts(const QStringList &addresses, const QString &domain)
     QStringList parts;
     for (const QString &address : addresses) {
         const int at = address.lastIndexOf(QLatin1Char('@'));
-        if (at != -1 && (domain.isEmpty() || address.mid(at + 1).compare(domain, Qt::CaseInsensitive) == 0))
+        if (at != -1 && (domain.isEmpty() || address.midRef(at + 1).compare(domain, Qt::CaseInsensitive) == 0))
             parts << address.left(at);
     }
     return parts;

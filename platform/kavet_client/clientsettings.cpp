@@ -30,7 +30,6 @@ const QString authTypeAny = QStringLiteral("any");
 const QString authTypePassword = QStringLiteral("password");
 const QString authTypeCert = QStringLiteral("cert");
 
-const QStringList defaultMapping = {QStringLiteral("uid"), QStringLiteral("upn"), QStringLiteral("email")};
 constexpr int defaultLockAfter = 5;
 constexpr int defaultRemoveAfter = 10;
 
@@ -64,6 +63,7 @@ ClientSettings::Mappings readMappings(const QSettings &settings)
                                                   {QStringLiteral("email"), Mapping::Email},
                                                   {QStringLiteral("cn"), Mapping::CommonName}};
     ClientSettings::Mappings mappings;
+    const QStringList defaultMapping = {QStringLiteral("uid"), QStringLiteral("upn"), QStringLiteral("email")};
     const QStringList names = settings.value(mappingKey, defaultMapping).toStringList();
     for (const QString &name : names) {
         if (known.contains(name))

@@ -17,7 +17,6 @@
 /// failed, lock, remove, nousb, connerr, firstcererr, errauthtype. Calls that need a token are answered asynchronously.
 /// PINs are checked one at a time, so that each outcome is counted before the next check starts.
 ///
-///
 /// Passwords and PINs stay in the library's message, which the library erases when the call has been handled.
 class KavetAuth : public QObject
 {

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -24,6 +25,17 @@ const QString optionPrefix = QStringLiteral("--");
 /// Shorter than the caller's timeout, so that the caller gets a reply even if a module hangs.
 constexpr int timeout = 20000; // milliseconds
 
+/// The client's process id.
+pid_t client = 0;
+
+/// Makes a forked child die with the client.
+void dieWithClient()
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != client) // The client exited before prctl().
+        _exit(Tokens::ModuleFailed);
+}
+
 /// A process that dies with the client.
 class Helper : public QProcess
 {
@@ -31,15 +43,7 @@ public:
     using QProcess::QProcess;
 
 protected:
-    void setupChildProcess() override
-    {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != m_client) // The client exited before prctl().
-            _exit(Tokens::ModuleFailed);
-    }
-
-private:
-    const pid_t m_client = getpid();
+    void setupChildProcess() override { dieWithClient(); }
 };
 
 TokenProcess::Request makeRequest(const QByteArray &content)
@@ -100,10 +104,15 @@ QByteArray takeField(QByteArray &request)
 const QString TokenProcess::listOption = QStringLiteral("certs");
 const QString TokenProcess::validateOption = QStringLiteral("validate-cert");
 
-// When Qt starts its first process, it saves the previous signal action, including uninitialized stack memory, and
-// keeps it. That memory must not hold a PIN, so start a process early.
 void TokenProcess::prepare()
 {
+    // After a fork, Qt's child waits for a message from the client before it calls setupChildProcess(). If the client
+    // is killed before it sends the message, the child waits forever. So act in the fork itself.
+    client = getpid();
+    pthread_atfork(nullptr, nullptr, dieWithClient);
+
+    // When Qt starts its first process, it saves the previous signal action, including uninitialized stack memory, and
+    // keeps it. That memory must not hold a PIN, so start a process early.
     QProcess process;
     process.start(notAProgram, {});
     process.waitForStarted();

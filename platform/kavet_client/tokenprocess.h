@@ -24,7 +24,7 @@ extern const QString validateOption;
 /// Called with the helper's outcome and its output.
 using Callback = std::function<void(Tokens::Outcome, const QByteArray &)>;
 
-/// Must be called before the process handles any secret.
+/// Must be called in the client before the other functions, and before it handles any secret.
 void prepare();
 
 /// A helper's request, in an anonymous file, so that no PIN stays in the client's memory.

@@ -9,6 +9,7 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
+#include <QDBusPendingReply>
 #include <QDir>
 #include <QProcess>
 #include <QSettings>
@@ -185,7 +186,11 @@ public:
         return m_connection.isConnected();
     }
 
-    QDBusMessage call(const QDBusMessage &message) const { return m_connection.call(message); }
+    QDBusMessage call(const QDBusMessage &message) const
+    {
+        constexpr int timeout = 120 * 1000; // A huge message takes long on a busy machine.
+        return m_connection.call(message, QDBus::Block, timeout);
+    }
 
     /// Calls a protocol method. Returns the reply's word, an error's name, or "(...)" for any other reply.
     QString ask(const QString &method, const QVariantList &arguments) const
@@ -205,6 +210,12 @@ public:
     QString validateCert(const QString &cert, const QString &pin, const QString &user = QStringLiteral("alice")) const
     {
         return ask(QStringLiteral("validateCert"), {cert, user, pin});
+    }
+
+    /// Calls validateCert without waiting for the reply.
+    QDBusPendingReply<QString> sendPin(const QString &cert, const QString &pin) const
+    {
+        return m_connection.asyncCall(request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
     }
 
     /// The list of certificates, or one entry with an error's name.

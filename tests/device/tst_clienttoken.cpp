@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <csignal>
 
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -154,6 +156,7 @@ private Q_SLOTS:
     void modulePrints();
     void answersOthersMeanwhile();
     void floodOfCalls();
+    void helperEndsWithClient_data();
     void helperEndsWithClient();
     void peerVanishesMeanwhile();
 
@@ -915,8 +918,7 @@ void TstClientToken::parallelPins()
     QVector<QDBusPendingReply<QString>> replies;
     for (int i = 0; i < 4; ++i) {
         for (ClientFixture *peer : {&client, &second, &third})
-            replies << peer->connection().asyncCall(
-                ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), ::wrongPin}));
+            replies << peer->sendPin(cert, ::wrongPin);
     }
     QStringList answers;
     for (QDBusPendingReply<QString> &reply : replies) {
@@ -939,8 +941,7 @@ void TstClientToken::passwordsMeanwhile()
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("wait"));
-    const QDBusPendingReply<QString> reply = client.connection().asyncCall(
-        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
     QTRY_COMPARE(helpers(client).size(), 1);
     QCOMPARE(client.checkPassword(QStringLiteral("wrong")), failed);
     QCOMPARE(client.checkPassword(QStringLiteral("wrong")), lock);
@@ -957,15 +958,13 @@ void TstClientToken::queuedForNobody()
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("wait"));
-    const QDBusPendingReply<QString> reply = client.connection().asyncCall(
-        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
     QTRY_COMPARE(helpers(client).size(), 1);
     const int before = openSockets(client);
     {
         ClientFixture another;
         QVERIFY(another.reconnect());
-        another.connection().asyncCall(
-            ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), ::wrongPin}));
+        another.sendPin(cert, ::wrongPin);
         // The client has replied to a later call, so it has accepted this one.
         QCOMPARE(another.certList(), QStringList{cert});
         QVERIFY(openSockets(client) > before);
@@ -1157,15 +1156,13 @@ void TstClientToken::answersOthersMeanwhile()
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("hang"));
-    const QDBusPendingReply<QString> reply = client.connection().asyncCall(
-        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
     QTRY_COMPARE(helpers(client).size(), 1);
     QCOMPARE(client.checkPassword(password), success);
     QCOMPARE(client.certList(), QStringList{cert});
     QVERIFY(!reply.isFinished());
     // Another call is queued, and its timeout already runs.
-    const QDBusPendingReply<QString> queued = client.connection().asyncCall(
-        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    const QDBusPendingReply<QString> queued = client.sendPin(cert, pin);
     QCOMPARE(client.checkPassword(password), success);
     QVERIFY(makeUnruly("stall"));
     const QDBusPendingReply<QStringList> stalled =
@@ -1198,8 +1195,7 @@ void TstClientToken::floodOfCalls()
     QVERIFY(makeUnruly("hang"));
     QVector<QDBusPendingReply<QString>> replies;
     for (int i = 0; i < calls; ++i)
-        replies << client.connection().asyncCall(
-            ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+        replies << client.sendPin(cert, pin);
     QTRY_COMPARE(counts(replies, QDBusError::LimitsExceeded), calls - underWay);
     // Calls to the token run one at a time.
     QCOMPARE(helpers(client).size(), 1);
@@ -1219,25 +1215,48 @@ void TstClientToken::floodOfCalls()
     QCOMPARE(client.validateCert(cert, pin), success);
 }
 
+void TstClientToken::helperEndsWithClient_data()
+{
+    QTest::addColumn<bool>("atFork");
+    QTest::addColumn<bool>("clientFirst");
+    QTest::newRow("killed while the helper runs") << false << false;
+    QTest::newRow("killed after the fork") << true << false;
+    QTest::newRow("killed before the forked helper runs") << true << true;
+}
+
 void TstClientToken::helperEndsWithClient()
 {
+    QFETCH(bool, atFork);
+    QFETCH(bool, clientFirst);
     ClientFixture client;
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("hang"));
-    for (const int signal : {SIGKILL}) {
-        client.connection().asyncCall(
-            ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
-        QTRY_COMPARE(helpers(client).size(), 1);
-        const QString helper = QStringLiteral("/proc/%1").arg(helpers(client).constFirst());
-        kill(pid_t(client.process.processId()), signal);
-        QVERIFY(client.process.waitForFinished());
-        const auto hasEnded = [&helper] {
-            return !QFileInfo::exists(helper) || TestDevice::readFile(helper + QStringLiteral("/cmdline")).isEmpty();
-        };
-        QVERIFY2(QTest::qWaitFor(hasEnded, 30000),
-                 TestDevice::readFile(helper + QStringLiteral("/status")).constData());
+    const auto pid = pid_t(client.process.processId());
+    if (atFork)
+        QCOMPARE(ptrace(PTRACE_SEIZE, pid, nullptr, PTRACE_O_TRACEFORK | PTRACE_O_TRACECLONE), 0L);
+    client.sendPin(cert, pin);
+    QTRY_COMPARE(helpers(client).size(), 1);
+    const QString helper = helpers(client).constFirst();
+    const QString directory = QStringLiteral("/proc/") + helper;
+    if (atFork) {
+        // The fork stops both processes. The client remains stopped until it is killed.
+        QCOMPARE(waitpid(pid, nullptr, __WALL), pid);
+        QCOMPARE(waitpid(helper.toInt(), nullptr, __WALL), helper.toInt());
+    } else {
+        QTRY_VERIFY(isHelper(helper));
     }
+    const auto goOn = [&helper] {
+        return ptrace(PTRACE_DETACH, helper.toInt(), nullptr, nullptr) == 0;
+    };
+    QVERIFY(!atFork || clientFirst || goOn());
+    kill(pid, SIGKILL);
+    QVERIFY(client.process.waitForFinished());
+    QVERIFY(!clientFirst || goOn());
+    const auto hasEnded = [&directory] {
+        return !QFileInfo::exists(directory) || TestDevice::readFile(directory + QStringLiteral("/cmdline")).isEmpty();
+    };
+    QVERIFY2(QTest::qWaitFor(hasEnded), TestDevice::readFile(directory + QStringLiteral("/status")).constData());
 }
 
 void TstClientToken::peerVanishesMeanwhile()
@@ -1246,8 +1265,7 @@ void TstClientToken::peerVanishesMeanwhile()
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("hang"));
-    client.connection().asyncCall(
-        ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), pin}));
+    client.sendPin(cert, pin);
     QTRY_COMPARE(helpers(client).size(), 1);
     QTRY_VERIFY(isHelper(helpers(client).value(0)));
     QVERIFY(client.reconnect());
@@ -1274,8 +1292,7 @@ void TstClientToken::noSecrets()
     QVERIFY(!ClientFixture::memoryHoldsText(client.process.processId(), part));
 
     QVERIFY(makeUnruly("hang"));
-    client.connection().asyncCall(
-        ClientFixture::request(QStringLiteral("validateCert"), {certs.constFirst(), QStringLiteral("alice"), longPin}));
+    client.sendPin(certs.constFirst(), longPin);
     QTRY_COMPARE(helpers(client).size(), 1);
     // With a sanitizer, the one that listed the certificates may take its time to end.
     QTRY_VERIFY(isHelper(helpers(client).value(0)));
@@ -1340,8 +1357,7 @@ void TstClientToken::noSecretsWhateverTheEnd()
     else if (state == "password")
         QVERIFY(set("auth-type", QStringLiteral("password")));
     const auto ask = [&cert](ClientFixture &peer, const QString &withPin) {
-        peer.connection().asyncCall(
-            ClientFixture::request(QStringLiteral("validateCert"), {cert, QStringLiteral("alice"), withPin}));
+        peer.sendPin(cert, withPin);
     };
     if (isBusy) {
         ask(client, secret);
