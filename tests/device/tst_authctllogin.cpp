@@ -9,6 +9,7 @@
 
 #include <authd/authservice.h>
 
+#include <QDBusConnectionInterface>
 #include <QFile>
 #include <QJsonArray>
 #include <QProcess>

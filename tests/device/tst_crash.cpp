@@ -1,12 +1,11 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authd.h"
-#include "support/fakeservice.h"
+#include "device/fakeloginmanager.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
-#include <QDBusArgument>
-#include <QDBusMetaType>
+#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -25,7 +24,6 @@ const QString kavetMethod = QStringLiteral("kavet");
 const QString attemptsOption = QStringLiteral("attempts");
 const QString puppetOnly = QStringLiteral("/tmp/methods");
 const QString childRecord = QStringLiteral("/run/authd/children");
-const QString loginManager = QStringLiteral("org.freedesktop.login1");
 const uint alice = TestDevice::alice;
 const uint bob = TestDevice::bob;
 const uint carol = 1002;
@@ -66,57 +64,6 @@ QSet<pid_t> clients()
 
 } // namespace
 
-struct LoginSession
-{
-    QString id;
-    uint uid;
-    QString user;
-    QString seat;
-    QDBusObjectPath path;
-};
-Q_DECLARE_METATYPE(LoginSession)
-
-QDBusArgument &operator<<(QDBusArgument &argument, const LoginSession &session)
-{
-    argument.beginStructure();
-    argument << session.id << session.uid << session.user << session.seat << session.path;
-    argument.endStructure();
-    return argument;
-}
-
-const QDBusArgument &operator>>(const QDBusArgument &argument, LoginSession &session)
-{
-    argument.beginStructure();
-    argument >> session.id >> session.uid >> session.user >> session.seat >> session.path;
-    argument.endStructure();
-    return argument;
-}
-
-/// A fake login manager that lists one session for each of `uids`.
-class FakeLoginManager : public FakeService
-{
-public:
-    explicit FakeLoginManager(const QVector<uint> &uids)
-        : FakeService(loginManager, QStringLiteral("/org/freedesktop/login1"),
-                      [uids](const QDBusMessage &call, const QDBusConnection &bus) {
-                          bus.send(call.createReply(QVariant::fromValue(sessions(uids))));
-                      })
-    {
-        qDBusRegisterMetaType<LoginSession>();
-        qDBusRegisterMetaType<QList<LoginSession>>();
-    }
-
-private:
-    static QList<LoginSession> sessions(const QVector<uint> &uids)
-    {
-        QList<LoginSession> sessions;
-        for (const uint uid : uids)
-            sessions << LoginSession{QString::number(uid), uid, QStringLiteral("user"), QStringLiteral("seat0"),
-                                     QDBusObjectPath(QStringLiteral("/org/freedesktop/login1/session/_%1").arg(uid))};
-        return sessions;
-    }
-};
-
 /// What a killed daemon leaves behind, and how its successor cleans up.
 class TstCrash : public QObject
 {
@@ -125,10 +72,7 @@ class TstCrash : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(TestDevice::writeFile(
-            QStringLiteral("/usr/share/dbus-1/system.d/fake-login-manager.conf"),
-            "<busconfig><policy user=\"root\"><allow own=\"org.freedesktop.login1\"/></policy>"
-            "<policy context=\"default\"><allow send_destination=\"org.freedesktop.login1\"/></policy></busconfig>"));
+        QVERIFY(FakeLoginManager::installPolicy());
         QVERIFY(startSystemBus());
         QVERIFY(QDir().mkpath(puppetOnly));
         QVERIFY(QFile::copy(Installed::oddMethods + QStringLiteral("/libpuppet.so"),
@@ -143,10 +87,10 @@ private Q_SLOTS:
 
     void cleanup()
     {
-        if (m_authd.isRunning())
-            QCOMPARE(m_authd.stop(SIGTERM), 0);
-        if (QTest::currentTestFailed())
+        const int exitCode = m_authd.isRunning() ? m_authd.stop(SIGTERM) : 0;
+        if (QTest::currentTestFailed() || exitCode != 0)
             qWarning("The daemon wrote:\n%s", m_authd.log().constData());
+        QCOMPARE(exitCode, 0);
     }
 
     void clientIsGone();
@@ -356,7 +300,8 @@ void TstCrash::loginManagerKnowsBetter()
     }
     m_authd.stop(SIGKILL);
     // While no daemon ran, bob's session has ended and carol's has started. A service account's session does not count.
-    const FakeLoginManager manager({alice, carol, 33});
+    const FakeLoginManager manager(
+        {{QStringLiteral("1"), alice}, {QStringLiteral("2"), carol}, {QStringLiteral("3"), 33}});
     QVERIFY(manager.isRunning());
     QVERIFY(m_authd.start(puppetOnly));
     QStringList sessions;

@@ -40,6 +40,7 @@ const QString bobFile = sharedDirectory + QStringLiteral("/1001.conf");
 const QByteArray secret = "[General]\nattempts=77\nsecret=1\n";
 constexpr uint clientGroup = 960;
 constexpr int swaps = 20000;
+constexpr int longestStorm = 60000; ///< ms
 
 struct stat statusOf(const QString &path)
 {
@@ -148,7 +149,7 @@ private Q_SLOTS:
 private:
     bool login(uint user, const QString &password);
     void endSession(uint user);
-    QVector<qint64> latencies(int count);
+    QVector<qint64> latencies(const std::function<bool()> &isEnough = [] { return true; });
 
     std::unique_ptr<Authd> m_authd;
     std::unique_ptr<BusUser> m_root;
@@ -363,19 +364,24 @@ void TstPlanted::swapped()
     }
 }
 
-/// The sorted times, in microseconds, that `count` calls of bob's wait for their replies.
-QVector<qint64> TstPlanted::latencies(int count)
+/// The sorted times, in microseconds, that bob's calls wait for their replies: at least 300 calls, and until
+/// `isEnough`. Empty on an error.
+QVector<qint64> TstPlanted::latencies(const std::function<bool()> &isEnough)
 {
+    constexpr int leastCalls = 300;
     QVector<qint64> times;
     std::atomic<bool> done = false;
-    std::thread measuring([&times, &done, count] {
+    std::thread measuring([&times, &done, &isEnough] {
         const BusUser caller(bob);
-        for (int i = 0; i < count; ++i) {
+        QElapsedTimer total;
+        total.start();
+        while (times.size() < leastCalls || (!isEnough() && !total.hasExpired(longestStorm))) {
             QElapsedTimer timer;
             timer.start();
             const QString error = caller.error(QStringLiteral("GetState"), {bob});
             if (!error.isEmpty()) {
                 qWarning("%s after %lld ms", qPrintable(error), timer.elapsed());
+                times.clear();
                 break;
             }
             times << timer.nsecsElapsed() / 1000;
@@ -383,7 +389,7 @@ QVector<qint64> TstPlanted::latencies(int count)
         done = true;
     });
     // The event loop reads the daemon's log meanwhile, because a full pipe would block the daemon.
-    const bool measured = QTest::qWaitFor([&done] { return done.load(); }, 120000);
+    const bool measured = QTest::qWaitFor([&done] { return done.load(); }, 2 * longestStorm);
     measuring.join();
     if (!measured)
         return {};
@@ -438,20 +444,19 @@ void TstPlanted::storm()
 
     // The target is 50 ms on two cores. Slower machines get twice that, plus the delay without a storm.
     constexpr int bound = 100000;
-    constexpr int calls = 300;
-    // A turn with a long value takes the attacker a while.
     constexpr int leastTurns = 20;
     const auto at99 = [](const QVector<qint64> &times) {
         return times.value(times.size() * 99 / 100, -1);
     };
-    const QVector<qint64> quiet = latencies(calls);
-    QCOMPARE(quiet.size(), calls);
+    const QVector<qint64> quiet = latencies();
+    QVERIFY(!quiet.isEmpty());
     Attacker attacker(turn);
-    QTRY_VERIFY(attacker.turns() > 100);
+    QTRY_VERIFY(attacker.turns() > 0);
     const int before = attacker.turns();
-    const QVector<qint64> stormy = latencies(calls);
+    // On a busy machine, the attacker's turns may take long.
+    const QVector<qint64> stormy = latencies([&] { return attacker.turns() - before > leastTurns; });
     const int taken = attacker.turns() - before;
-    QCOMPARE(stormy.size(), calls);
+    QVERIFY(!stormy.isEmpty());
     qInfo("99 of 100 calls: %lld us, with the storm %lld us; longest %lld us, %lld us; %d turns", at99(quiet),
           at99(stormy), quiet.constLast(), stormy.constLast(), taken);
     QVERIFY2(taken > leastTurns, "there was no storm");
