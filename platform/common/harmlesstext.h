@@ -2,26 +2,16 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "harmfulcharacter.h"
+
 #include <QString>
 
 #include <algorithm>
 
-/// Whether a terminal may interpret a character instead of displaying it: control characters (C0, DEL and C1), line and
-/// paragraph separators, and bidirectional formatting characters.
+/// Whether a terminal may interpret a character instead of displaying it. No character beyond the basic plane does.
 inline bool isHarmful(QChar character)
 {
-    switch (character.category()) {
-    case QChar::Other_Control:
-    case QChar::Separator_Line:
-    case QChar::Separator_Paragraph:
-        return true;
-    default:
-        break;
-    }
-    // Unicode's property Bidi_Control
-    const ushort code = character.unicode();
-    return code == 0x061c || code == 0x200e || code == 0x200f || (code >= 0x202a && code <= 0x202e)
-           || (code >= 0x2066 && code <= 0x2069);
+    return isHarmfulCharacter(character.unicode());
 }
 
 /// Makes untrusted text safe to show on one line of a terminal or a log: replaces each harmful character by its escape,
