@@ -60,13 +60,32 @@ Outcome outcomeOf(const Request &request)
     }
 }
 
-/// Runs an entry point and logs its failure. No exception leaves the module.
+/// What the entry points differ in.
+struct Entry
+{
+    const char *failure; ///< For the log.
+    unsigned int timeout; ///< In seconds, unless an option says otherwise.
+    int othersResult; ///< For users who exist, but whom the daemon does not authenticate.
+};
+
+/// Runs an entry point and logs its failure. `request` gets the options, the user id and the deadline. No exception
+/// leaves the module.
 template <typename Request>
-int run(pam_handle_t *pam, const char *failure, const Request &request) noexcept
+int run(pam_handle_t *pam, int argc, const char **argv, const Entry &entry, const Request &request) noexcept
 {
     try {
-        const Outcome outcome = outcomeOf(request);
-        log(pam, failure, outcome);
+        const Outcome outcome = outcomeOf([&]() -> Outcome {
+            const Options options = readOptions(pam, argc, argv);
+            const std::uint32_t uid = findUser(pam);
+            if (uid == 0)
+                return {entry.othersResult, {}};
+            Deadline deadline(options.timeout.value_or(entry.timeout));
+            Outcome end = outcomeOf([&]() -> Outcome { return request(options, uid, deadline); });
+            if (end.result == PAM_USER_UNKNOWN)
+                end.result = entry.othersResult;
+            return end;
+        });
+        log(pam, entry.failure, outcome);
         return outcome.result;
     } catch (const std::bad_alloc &) {
         return PAM_BUF_ERR;
@@ -77,12 +96,8 @@ int run(pam_handle_t *pam, const char *failure, const Request &request) noexcept
 
 int reportSession(pam_handle_t *pam, int argc, const char **argv, bool isStart)
 {
-    const int result = run(pam, isStart ? "session start not reported" : "session end not reported", [&]() -> Outcome {
-        const Options options = readOptions(pam, argc, argv);
-        const std::uint32_t uid = findUser(pam);
-        if (uid == 0)
-            return {PAM_IGNORE, {}};
-        Deadline deadline(options.timeout.value_or(ReportTimeout));
+    const Entry entry{isStart ? "session start not reported" : "session end not reported", ReportTimeout, PAM_IGNORE};
+    const auto report = [&](const Options &, std::uint32_t uid, Deadline &deadline) -> Outcome {
         Bus bus(deadline);
         Service service(bus);
         const char *const own = pam_getenv(pam, "XDG_SESSION_ID");
@@ -90,14 +105,13 @@ int reportSession(pam_handle_t *pam, int argc, const char **argv, bool isStart)
         if (!hasOtherSession(bus, uid, own ? own : ""))
             service.reportSession(uid, isStart);
         return {PAM_SUCCESS, {}};
-    });
-    switch (result) {
+    };
+    switch (const int result = run(pam, argc, argv, entry, report)) {
     case PAM_SUCCESS:
+    case PAM_IGNORE:
+    case PAM_USER_UNKNOWN:
     case PAM_BUF_ERR:
         return result;
-    case PAM_IGNORE:
-    case PAM_USER_UNKNOWN: // Not one of the daemon's users
-        return PAM_IGNORE;
     default:
         return PAM_SESSION_ERR;
     }
@@ -111,12 +125,8 @@ extern "C" {
 
 int pam_sm_authenticate(pam_handle_t *pam, int flags, int argc, const char **argv)
 {
-    return run(pam, "authentication failed", [&]() -> Outcome {
-        const Options options = readOptions(pam, argc, argv);
-        const std::uint32_t uid = findUser(pam);
-        if (uid == 0)
-            return {PAM_USER_UNKNOWN, {}};
-        Deadline deadline(options.timeout.value_or(AuthTimeout));
+    constexpr Entry Authentication{"authentication failed", AuthTimeout, PAM_USER_UNKNOWN};
+    return run(pam, argc, argv, Authentication, [&](const Options &options, std::uint32_t uid, Deadline &deadline) {
         Conversation conversation(pam, deadline, flags & PAM_SILENT);
         Outcome end = outcomeOf([&]() -> Outcome {
             Bus bus(deadline);
@@ -138,12 +148,8 @@ int pam_sm_setcred(pam_handle_t *, int, int, const char **)
 
 int pam_sm_acct_mgmt(pam_handle_t *pam, int flags, int argc, const char **argv)
 {
-    return run(pam, "account not accepted", [&]() -> Outcome {
-        const Options options = readOptions(pam, argc, argv);
-        const std::uint32_t uid = findUser(pam);
-        if (uid == 0)
-            return {PAM_IGNORE, {}};
-        Deadline deadline(options.timeout.value_or(ReportTimeout));
+    constexpr Entry Account{"account not accepted", ReportTimeout, PAM_IGNORE};
+    return run(pam, argc, argv, Account, [&](const Options &, std::uint32_t uid, Deadline &deadline) -> Outcome {
         Bus bus(deadline);
         Service service(bus);
         const State state = service.state(uid);

@@ -276,13 +276,16 @@ void TstPam::unknownUsers()
     }
     // Not even asked
     QCOMPARE(Pam::run(QStringLiteral("root authenticate")).events.size(), 1);
-    QCOMPARE(Pam::run(QStringLiteral("mallory account")).code, PAM_USER_UNKNOWN);
+    for (const char *operation : {"account", "open", "close"})
+        QCOMPARE(Pam::run(QStringLiteral("mallory ") + QLatin1String(operation)).code, PAM_USER_UNKNOWN);
     QCOMPARE(TestDevice::launches().size(), 0);
-    // Nothing stops a session of root.
+    // Nothing stops a session of root, or of an account that only services use.
     QVERIFY(Pam::makeService({QStringLiteral("account required"), QStringLiteral("account required pam_permit.so"),
                               QStringLiteral("session required"), QStringLiteral("session required pam_permit.so")}));
-    QCOMPARE(Pam::run(QStringLiteral("root account open close")).events,
-             (QStringList{QStringLiteral("account 0"), QStringLiteral("open 0"), QStringLiteral("close 0")}));
+    for (const char *user : {"root", "nobody"}) {
+        QCOMPARE(Pam::run(QLatin1String(user) + QStringLiteral(" account open close")).events,
+                 (QStringList{QStringLiteral("account 0"), QStringLiteral("open 0"), QStringLiteral("close 0")}));
+    }
 }
 
 void TstPam::otherUsers()
