@@ -43,11 +43,14 @@ std::vector<std::string> Attempt::prepare()
     m_credential = Credential::Certificate;
     m_service.waitUntil([this] { return m_awaitsInput || m_outcome || m_endState; });
     if (m_awaitsInput) {
-        m_certs = {Protocol::CertsPlaceholder};
+        if (m_isWithoutClient)
+            throw Outcomes::otherInput();
+        m_certs.reset();
+        // While a client lists its certificates, also for another program, the value is a placeholder or empty.
         const std::vector<std::string> certs = m_service.certs(m_method);
-        if (!isPlaceholder(certs))
+        if (!certs.empty() && !isPlaceholder(certs))
             m_certs = certs;
-        m_service.waitUntil([this] { return m_outcome || m_isOthersTurn || !isPlaceholder(m_certs); });
+        m_service.waitUntil([this] { return m_outcome || m_isOthersTurn || m_certs; });
     }
     if (m_outcome)
         throw Outcome(*m_outcome);
@@ -58,7 +61,7 @@ std::vector<std::string> Attempt::prepare()
         throw Outcomes::givenUp(Protocol::Reasons::CutShort);
     // While the person types, nobody reads the signals.
     m_service.unsubscribe();
-    return m_certs;
+    return *m_certs;
 }
 
 Outcome Attempt::submit(const char *secret, const std::string *cert)
@@ -83,7 +86,7 @@ Outcome Attempt::submit(const char *secret, const std::string *cert)
     if (!m_outcome && m_endState && m_endState->isLocked())
         return Outcomes::locked(m_endState->reason, m_endState->duration);
     if (!m_outcome)
-        return {PAM_AUTHINFO_UNAVAIL, "The authentication method asks for something else"};
+        return Outcomes::otherInput();
     // The failure has locked the user.
     if (m_givenUp.empty() && m_endState && m_endState->isLocked())
         return Outcomes::lockedNow(m_endState->reason, m_endState->duration);
@@ -108,7 +111,9 @@ void Attempt::handle(const std::string &member, sd_bus_message *signal)
         if (m_method != method || std::string(option) != Protocol::CertsOption)
             return;
         Bus::check(sd_bus_message_enter_container(signal, SD_BUS_TYPE_VARIANT, "as"));
-        m_certs = Service::readStrings(signal);
+        const std::vector<std::string> certs = Service::readStrings(signal);
+        if (!isPlaceholder(certs))
+            m_certs = certs;
         return;
     }
     const bool isState = member == Protocol::Signals::StateChanged;
@@ -149,8 +154,10 @@ void Attempt::handleState(std::uint32_t uid, bool isOurs, const State &state)
     if (!isOurs || state.name == Protocol::States::Queued || state.name == Protocol::States::Pending
         || state.isRestarted)
         return;
-    if (m_outcome || state.isLocked())
+    if (m_outcome || state.isLocked()) {
         m_endState = state;
-    else
+    } else {
         m_awaitsInput = true;
+        m_isWithoutClient = state.isWithoutClient;
+    }
 }

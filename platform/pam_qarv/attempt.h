@@ -36,10 +36,11 @@ private:
     std::uint64_t m_id = 0; ///< 0 when there is none.
     Credential m_credential = Credential::Password;
     bool m_awaitsInput = false;
+    bool m_isWithoutClient = false; ///< While the attempt awaits input.
     std::optional<Outcome> m_outcome; ///< Set when the attempt has ended.
     std::string m_givenUp; ///< The reason for which the service gave up the attempt.
     std::optional<State> m_endState; ///< What the user's state has become after that.
 
     bool m_isOthersTurn = false; ///< Another user's attempt has begun since ours awaits input.
-    std::vector<std::string> m_certs;
+    std::optional<std::vector<std::string>> m_certs; ///< Set when the client has listed its certificates.
 };

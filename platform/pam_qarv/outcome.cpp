@@ -97,6 +97,11 @@ Outcome Outcomes::givenUp(std::string_view reason)
     return {PAM_AUTHINFO_UNAVAIL, "The authentication was given up"};
 }
 
+Outcome Outcomes::otherInput()
+{
+    return {PAM_AUTHINFO_UNAVAIL, "The authentication method asks for something else"};
+}
+
 Outcome Outcomes::refused(std::string_view error, std::string_view message)
 {
     if (error == Protocol::Errors::UserLocked)

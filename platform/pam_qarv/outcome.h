@@ -28,6 +28,8 @@ Outcome timedOut();
 Outcome failed(int code, Credential credential);
 /// An attempt that the daemon gave up.
 Outcome givenUp(std::string_view reason);
+/// The daemon's method asks for something that this module cannot ask for.
+Outcome otherInput();
 /// A call that the daemon refused. `message` is the error's text.
 Outcome refused(std::string_view error, std::string_view message);
 /// A locked user. `duration` is in seconds.

@@ -32,6 +32,9 @@ constexpr char Locked[] = "locked";
 constexpr char Restarted[] = "restarted";
 constexpr char Reason[] = "reason";
 constexpr char Duration[] = "duration";
+constexpr char InputRequestType[] = "input-request-type";
+/// The type of input that a method asks for before it starts the client.
+constexpr int InputWithoutClient = 0;
 /// The duration of a lock that lasts until root unlocks the user.
 constexpr std::uint32_t UntilUnlocked = std::numeric_limits<std::uint32_t>::max();
 } // namespace States

@@ -175,6 +175,10 @@ State Service::readState(sd_bus_message *message)
             int isRestarted = 0;
             Bus::check(sd_bus_message_read(message, "v", "b", &isRestarted));
             state.isRestarted = isRestarted != 0;
+        } else if (std::strcmp(key, Protocol::States::InputRequestType) == 0 && isVariantOf(message, "i")) {
+            int type = 0;
+            Bus::check(sd_bus_message_read(message, "v", "i", &type));
+            state.isWithoutClient = type == Protocol::States::InputWithoutClient;
         } else {
             Bus::check(sd_bus_message_skip(message, "v"));
         }

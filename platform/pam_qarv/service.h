@@ -15,6 +15,7 @@ struct State
     std::string reason; ///< Of a lock.
     std::uint32_t duration = 0; ///< Of a lock, in seconds.
     bool isRestarted = false; ///< The attempt goes on after its client has been restarted.
+    bool isWithoutClient = false; ///< The method asks for input before it starts the client.
 
     bool isLocked() const;
 };

@@ -10,6 +10,7 @@
 #include <authd/authservice.h>
 
 #include <QDBusConnectionInterface>
+#include <QDBusPendingCallWatcher>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
@@ -43,6 +44,8 @@ private Q_SLOTS:
     void flood();
     void othersOutcomes();
     void forgedOutcome();
+    void certificateLists_data();
+    void certificateLists();
     void hostileEnvironment_data();
     void hostileEnvironment();
     void readsNoEnvironment();
@@ -129,6 +132,14 @@ void tell(const QDBusConnection &bus, const QString &to, const char *member, qul
     bus.send(signal);
 }
 
+void tellCerts(const QDBusConnection &bus, const QString &to, const QStringList &certs)
+{
+    QDBusMessage signal = QDBusMessage::createTargetedSignal(
+        to, LibAuthd::AuthService::ObjectPath, LibAuthd::AuthService::Interface, QStringLiteral("MethodOptionChanged"));
+    signal.setArguments({QStringLiteral("kavet"), QStringLiteral("certs"), QVariant::fromValue(QDBusVariant(certs))});
+    bus.send(signal);
+}
+
 const QVariantMap details = {{QStringLiteral("method"), QStringLiteral("kavet")}};
 
 /// Reports the end of an attempt in every way.
@@ -144,7 +155,8 @@ void TstPamHostile::initTestCase()
 {
     QVERIFY(TestDevice::writeFile(
         QStringLiteral("/etc/dbus-1/system.d/impostor.conf"),
-        "<busconfig><policy user=\"alice\"><allow own=\"qarv.AuthService\"/></policy></busconfig>"));
+        "<busconfig><policy user=\"alice\"><allow own=\"qarv.AuthService\"/></policy>"
+        "<policy user=\"root\"><allow send_interface=\"org.freedesktop.DBus.Peer\"/></policy></busconfig>"));
     QVERIFY(startSystemBus());
 }
 
@@ -293,6 +305,64 @@ void TstPamHostile::forgedOutcome()
 
     QCOMPARE(Authctl::run(QStringLiteral("cancel alice")).exitCode, int(Authctl::Success));
     QCOMPARE(Pam::finish(login).told(), unavailable("The authentication was cancelled"));
+}
+
+void TstPamHostile::certificateLists_data()
+{
+    QTest::addColumn<QStringList>("reply");
+    QTest::addColumn<bool>("isOthersTurn");
+    QTest::addColumn<QStringList>("certs");
+    QTest::addColumn<QStringList>("events");
+
+    const QStringList certs{QStringLiteral("badge")};
+    const QStringList chosen{QStringLiteral("secret PIN of badge: "), QStringLiteral("authenticate 0")};
+    const QStringList refused = unavailable("Others are waiting to be authenticated; please try again");
+    QTest::newRow("requested") << QStringList{QStringLiteral(".")} << false << certs << chosen;
+    // Another program has requested the list shortly before.
+    QTest::newRow("already requested") << QStringList() << false << certs << chosen;
+    QTest::newRow("of another user") << QStringList{QStringLiteral(".")} << true << certs << refused;
+    QTest::newRow("none") << QStringList{QStringLiteral(".")} << true << QStringList() << refused;
+}
+
+void TstPamHostile::certificateLists()
+{
+    QFETCH(QStringList, reply);
+    QFETCH(bool, isOthersTurn);
+    QFETCH(QStringList, certs);
+    bool isSubscribed = true;
+    const auto tellList = [&](const QDBusConnection &bus, const QString &to) {
+        tellCerts(bus, to, {QStringLiteral(".")});
+        if (isOthersTurn)
+            tell(bus, to, "StateChanged", Opened + 1, TestDevice::bob, {QStringLiteral("pending"), details});
+        if (isSubscribed && !certs.isEmpty())
+            tellCerts(bus, to, certs);
+    };
+    const IdleService service([&](const QDBusMessage &call, const QDBusConnection &bus) {
+        const QString module = call.service();
+        if (call.member() == QLatin1String("GetMethodOption")) {
+            bus.send(call.createReply(QVariant::fromValue(QDBusVariant(reply))));
+            // The module replies to this when it waits again, so it has handled the reply.
+            auto *const ping = new QDBusPendingCallWatcher(bus.asyncCall(QDBusMessage::createMethodCall(
+                module, QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"))));
+            QObject::connect(ping, &QDBusPendingCallWatcher::finished, ping, [&tellList, bus, module, ping] {
+                tellList(bus, module);
+                ping->deleteLater();
+            });
+            return;
+        }
+        bus.send(call.createReply(Opened));
+        if (call.member() == QLatin1String("RequestChallenge")) {
+            tellCerts(bus, module, {QStringLiteral("earlier")});
+            tell(bus, module, "StateChanged", Opened, TestDevice::alice, {QStringLiteral("challenge"), details});
+        } else if (call.member() == QLatin1String("Unsubscribe")) {
+            isSubscribed = false;
+        } else if (call.member() == QLatin1String("Authenticate")) {
+            tellSuccess(bus, module, Opened, TestDevice::alice);
+        }
+    });
+    QVERIFY(service.isRunning());
+    QVERIFY(Pam::makeService({QStringLiteral("auth required cert=ask timeout=60")}));
+    QTEST(Pam::run(authenticate, "success\n").events, "events");
 }
 
 void TstPamHostile::hostileEnvironment_data()

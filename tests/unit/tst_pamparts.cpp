@@ -79,6 +79,7 @@ void TstPamParts::protocol()
     QCOMPARE(States::Restarted, QLatin1String(Protocol::States::Restarted));
     QCOMPARE(States::Reason, QLatin1String(Protocol::States::Reason));
     QCOMPARE(States::Duration, QLatin1String(Protocol::States::Duration));
+    QCOMPARE(LibAuthd::Vocabulary::InputRequestType, QLatin1String(Protocol::States::InputRequestType));
     QCOMPARE(States::UntilUnlocked, Protocol::States::UntilUnlocked);
 
     QCOMPARE(Reasons::Cancelled, QLatin1String(Protocol::Reasons::Cancelled));
