@@ -24,6 +24,8 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
+    void commandLine_data();
+    void commandLine();
     void emptiesTheHome();
     void followsNoLink();
     void leavesOtherFileSystemsAlone();
@@ -81,6 +83,35 @@ void TstWiper::cleanup()
 QDBusMessage TstWiper::call(const QString &user)
 {
     return QDBusConnection::systemBus().call(request(user));
+}
+
+void TstWiper::commandLine_data()
+{
+    QTest::addColumn<QString>("argument");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QByteArray>("output");
+    QTest::addColumn<QByteArray>("error");
+
+    QTest::newRow("help") << QStringLiteral("--help") << 0 << QByteArray("qarv.userdata.wiper") << QByteArray();
+    QTest::newRow("version") << QStringLiteral("--version") << 0 << QByteArray("qarv-userdata-wiper 0") << QByteArray();
+    QTest::newRow("unknown option") << QStringLiteral("--nonsense") << 2 << QByteArray() << QByteArray("nonsense");
+    QTest::newRow("argument") << QStringLiteral("alice") << 2 << QByteArray() << QByteArray("No arguments expected");
+}
+
+void TstWiper::commandLine()
+{
+    QFETCH(QString, argument);
+    QFETCH(QByteArray, output);
+    QFETCH(QByteArray, error);
+
+    QProcess program;
+    program.start(Installed::wiper, {argument});
+    QVERIFY(program.waitForFinished());
+    QTEST(program.exitCode(), "exitCode");
+    const QByteArray printed = program.readAllStandardOutput();
+    const QByteArray reported = program.readAllStandardError();
+    QVERIFY2(output.isEmpty() ? printed.isEmpty() : printed.contains(output), printed.constData());
+    QVERIFY2(error.isEmpty() ? reported.isEmpty() : reported.contains(error), reported.constData());
 }
 
 void TstWiper::emptiesTheHome()
