@@ -35,8 +35,7 @@ constexpr Rule ResultCodes[] = {
     {14, PAM_AUTHINFO_UNAVAIL, "Passwords are not accepted", "Certificates are not accepted"},
 };
 
-/// The client refuses every password, or the token every PIN. Only a token keeps a count of its own, so that programs
-/// may not ask again.
+/// The client refuses every password or PIN, or the token every PIN.
 constexpr int UserLocked = 6;
 
 struct GivenUp
@@ -80,7 +79,8 @@ Outcome Outcomes::failed(int code, Credential credential)
 {
     const bool isPassword = credential == Credential::Password;
     if (code == UserLocked)
-        return isPassword ? Outcome{PAM_PERM_DENIED, "This user is locked"} : Outcome{PAM_MAXTRIES, "PIN blocked"};
+        return isPassword ? Outcome{PAM_PERM_DENIED, "This user is locked"}
+                          : Outcome{PAM_MAXTRIES, "PIN blocked, or this user is locked"};
     for (const Rule &rule : ResultCodes) {
         if (rule.code == code)
             return {rule.result, isPassword ? rule.withPassword : rule.withCertificate};

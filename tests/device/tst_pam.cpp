@@ -108,7 +108,7 @@ void TstPam::pins_data()
     QTest::addColumn<int>("code");
 
     QTest::newRow("wrong") << QByteArray("failed") << "Wrong PIN or certificate" << PAM_AUTH_ERR;
-    QTest::newRow("blocked") << QByteArray("lock") << "PIN blocked" << PAM_MAXTRIES;
+    QTest::newRow("blocked") << QByteArray("lock") << "PIN blocked, or this user is locked" << PAM_MAXTRIES;
     QTest::newRow("no token") << QByteArray("nousb") << "No token" << PAM_AUTHINFO_UNAVAIL;
     QTest::newRow("bad certificate") << QByteArray("firstcererr") << "The certificate cannot be used"
                                      << PAM_AUTHINFO_UNAVAIL;

@@ -35,6 +35,7 @@ private Q_SLOTS:
     void password();
     void certificate();
     void pinBlocked();
+    void clientLocksUser();
     void pamtester();
     void otherSessions_data();
     void otherSessions();
@@ -49,6 +50,9 @@ namespace {
 const QString authenticate = QStringLiteral("alice authenticate");
 const QString token = QStringLiteral("badge");
 const QString wrongPin = QStringLiteral("27182818");
+// The daemon does not know which of the two it is.
+const QStringList blocked{QStringLiteral("error PIN blocked, or this user is locked"),
+                          QStringLiteral("authenticate %1").arg(PAM_MAXTRIES)};
 const QByteArray pin = SoftTokens::pin.toLatin1();
 
 bool set(const char *key, const QVariant &value)
@@ -200,9 +204,21 @@ void TstPamSystem::pinBlocked()
     QVERIFY(Pam::makeService({QStringLiteral("auth required cert=pkcs11:token=badge;type=cert")}));
     for (int tries = 0; tries < 2; ++tries)
         QCOMPARE(Pam::run(authenticate, wrongPin.toLatin1() + '\n').code, PAM_AUTH_ERR);
-    const QStringList blocked{QStringLiteral("error PIN blocked"), QStringLiteral("authenticate %1").arg(PAM_MAXTRIES)};
     QCOMPARE(Pam::run(authenticate, wrongPin.toLatin1() + '\n').told(), blocked);
     QCOMPARE(Pam::run(authenticate, pin + '\n').told(), blocked);
+}
+
+void TstPamSystem::clientLocksUser()
+{
+    QVERIFY(enroll());
+    QVERIFY(set("lock-after", 1));
+    QVERIFY(ClientFixture::takeLaunchersPlace(SoftTokens::environment()));
+    QVERIFY(m_authd.start());
+    QVERIFY(Pam::makeService({QStringLiteral("auth required cert=pkcs11:token=badge;type=cert")}));
+    QCOMPARE(Pam::run(authenticate, wrongPin.toLatin1() + '\n').told(), blocked);
+    QCOMPARE(Pam::run(authenticate, pin + '\n').told(), blocked);
+    QCOMPARE(Authctl::run(QStringLiteral("unlock alice")).exitCode, int(Authctl::Success));
+    QCOMPARE(Pam::run(authenticate, pin + '\n').code, PAM_SUCCESS);
 }
 
 void TstPamSystem::pamtester()

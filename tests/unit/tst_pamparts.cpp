@@ -114,7 +114,8 @@ void TstPamParts::resultCodes()
     }
     QCOMPARE(Outcomes::failed(6, Credential::Password).result, PAM_PERM_DENIED);
     QCOMPARE(Outcomes::failed(6, Credential::Certificate).result, PAM_MAXTRIES);
-    QCOMPARE(QString::fromStdString(Outcomes::failed(6, Credential::Certificate).text), QStringLiteral("PIN blocked"));
+    QCOMPARE(QString::fromStdString(Outcomes::failed(6, Credential::Certificate).text),
+             QStringLiteral("PIN blocked, or this user is locked"));
     QCOMPARE(Outcomes::givenUp("locked").result, PAM_PERM_DENIED);
     QCOMPARE(Outcomes::givenUp("a new reason").result, PAM_AUTHINFO_UNAVAIL);
 }
