@@ -19,9 +19,9 @@ Secret Conversation::askSecretly(const std::string &prompt)
     return answer(PAM_PROMPT_ECHO_OFF, prompt);
 }
 
-std::string Conversation::ask(const std::string &prompt)
+Secret Conversation::ask(const std::string &prompt)
 {
-    return answer(PAM_PROMPT_ECHO_ON, prompt).get();
+    return answer(PAM_PROMPT_ECHO_ON, prompt);
 }
 
 void Conversation::showError(const std::string &text)

@@ -18,8 +18,8 @@ public:
 
     /// Asks for a text, without showing it while the person types. Throws PAM_CONV_ERR when there is no answer.
     Secret askSecretly(const std::string &prompt);
-    /// Asks for a text.
-    std::string ask(const std::string &prompt);
+    /// Asks for a text that need not be secret. Nevertheless, the person may enter a secret by mistake.
+    Secret ask(const std::string &prompt);
     /// Shows an error.
     void showError(const std::string &text);
 

@@ -14,7 +14,7 @@ constexpr int ChoiceTries = 3;
 constexpr std::size_t LongestList = 32;
 
 /// The index of the entry that a person has chosen by its number from 1; `count` if there is none.
-std::size_t chosenIndex(const std::string &number, std::size_t count)
+std::size_t chosenIndex(std::string_view number, std::size_t count)
 {
     std::size_t choice = 0;
     const char *const end = number.data() + number.size();
@@ -74,7 +74,7 @@ void Login::chooseCert()
         do {
             if (triesLeft-- == 0)
                 throw Outcome{PAM_AUTH_ERR, "No certificate was chosen"};
-            index = chosenIndex(m_conversation.ask(question), certs.size());
+            index = chosenIndex(m_conversation.ask(question).get(), certs.size());
         } while (index == certs.size());
     }
     m_cert = certs[index];

@@ -501,16 +501,20 @@ void TstPam::secretsAreWiped_data()
 {
     QTest::addColumn<QString>("options");
     QTest::addColumn<QByteArray>("suffix");
-    QTest::newRow("password") << QString() << QByteArray();
-    QTest::newRow("PIN") << QStringLiteral(" cert=pkcs11:token=a") << QByteArray();
-    QTest::newRow("invalid text") << QString() << QByteArray("\xff");
-    QTest::newRow("no answer") << QStringLiteral(" timeout=1") << QByteArray();
+    QTest::addColumn<int>("times");
+    QTest::newRow("password") << QString() << QByteArray() << 1;
+    QTest::newRow("PIN") << QStringLiteral(" cert=pkcs11:token=a") << QByteArray() << 1;
+    QTest::newRow("invalid text") << QString() << QByteArray("\xff") << 1;
+    QTest::newRow("no answer") << QStringLiteral(" timeout=1") << QByteArray() << 1;
+    QTest::newRow("in place of a number") << QStringLiteral(" cert=ask") << QByteArray() << 3;
 }
 
 void TstPam::secretsAreWiped()
 {
     QFETCH(QString, options);
     QFETCH(QByteArray, suffix);
+    QFETCH(int, times);
+    setClientScript({{QStringLiteral("certs"), QJsonArray{QStringLiteral("a"), QStringLiteral("b")}}});
     QVERIFY(Pam::makeService({QStringLiteral("auth required") + options}));
     const bool isStopped = options.contains(QLatin1String("timeout"));
     // The whole must not remain, nor a part that a buffer has kept.
@@ -518,11 +522,11 @@ void TstPam::secretsAreWiped()
     const QByteArray part = "vvvvvvvvtR9!wZ2&";
     QProcess login;
     Pam::start(login, authenticate + QStringLiteral(" wait"));
-    QVERIFY(Pam::waitFor(login, "secret "));
+    QVERIFY(Pam::waitFor(login, times > 1 ? "question " : "secret "));
     if (isStopped)
         kill(pid_t(m_authd.pid()), SIGSTOP);
     const auto resume = qScopeGuard([this] { kill(pid_t(m_authd.pid()), SIGCONT); });
-    login.write(secret + '\n');
+    login.write(QByteArray(secret + '\n').repeated(times));
     QVERIFY(Pam::waitFor(login, "authenticate "));
     const QByteArray memory = processMemory(login.processId());
     QVERIFY(memory.contains("authenticate"));
