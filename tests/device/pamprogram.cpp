@@ -9,7 +9,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <string>
-#include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 #include <vector>
 
@@ -27,7 +27,9 @@
 // Options:
 //   --silent, --no-null    PAM_SILENT, PAM_DISALLOW_NULL_AUTHTOK
 //   --answer=TEXT          answer every question with TEXT; standard input is not read
+//   --no-answer            answer every question with success, but without a text
 //   --block-signals        ignore SIGPIPE and SIGCHLD, and block them
+//   --alarms               handle SIGALRM a thousand times a second
 //   --session=ID           the login manager's name of the session
 namespace {
 
@@ -39,6 +41,7 @@ bool hasViolation = false;
 struct Program
 {
     const char *answer = nullptr;
+    bool isSpeechless = false;
     std::vector<int> descriptors; ///< Those that were open at the start.
 
     bool hasInherited(int descriptor) const
@@ -94,7 +97,11 @@ char *readLine()
 {
     auto *const line = static_cast<char *>(std::calloc(1, PAM_MAX_RESP_SIZE));
     for (size_t size = 0; size < PAM_MAX_RESP_SIZE - 1; ++size) {
-        if (read(STDIN_FILENO, line + size, 1) != 1)
+        ssize_t count = 0;
+        do
+            count = read(STDIN_FILENO, line + size, 1);
+        while (count == -1 && errno == EINTR);
+        if (count != 1)
             break;
         if (line[size] == '\n') {
             line[size] = '\0';
@@ -119,7 +126,7 @@ int converse(int count, const pam_message **messages, pam_response **responses, 
                : message.msg_style == PAM_ERROR_MSG      ? "error"
                                                          : "info",
                message.msg);
-        if (!isQuestion)
+        if (!isQuestion || program.isSpeechless)
             continue;
         answers[index].resp = program.answer ? strdup(program.answer) : readLine();
         if (!answers[index].resp) {
@@ -163,6 +170,17 @@ void blockSignals()
     sigprocmask(SIG_BLOCK, &blocked, nullptr);
 }
 
+void startAlarms()
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {
+    }; // and without SA_RESTART
+    sigaction(SIGALRM, &action, nullptr);
+    constexpr timeval Interval = {0, 1000};
+    const itimerval timer = {Interval, Interval};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
 const char *valueOf(const char *argument, const char *option)
 {
     const size_t size = std::strlen(option);
@@ -204,6 +222,10 @@ int main(int argc, char **argv)
             flags |= PAM_DISALLOW_NULL_AUTHTOK;
         else if (option == "--block-signals")
             blockSignals();
+        else if (option == "--alarms")
+            startAlarms();
+        else if (option == "--no-answer")
+            program.isSpeechless = true;
         else if (const char *answer = valueOf(argv[next], "--answer="))
             program.answer = answer;
         else if (const char *id = valueOf(argv[next], "--session="))

@@ -438,10 +438,12 @@ void TstPam::attemptEndsWhileTyping()
 void TstPam::conversationFails()
 {
     QVERIFY(Pam::makeService({QStringLiteral("auth required")}));
-    QCOMPARE(Pam::run(authenticate).told(), QStringList{QStringLiteral("authenticate %1").arg(PAM_CONV_ERR)});
+    const QStringList expected{QStringLiteral("authenticate %1").arg(PAM_CONV_ERR)};
+    QCOMPARE(Pam::run(authenticate).told(), expected);
+    QCOMPARE(Pam::run(QStringLiteral("--no-answer ") + authenticate).told(), expected);
     setClientScript({{QStringLiteral("certs"), QJsonArray{QStringLiteral("a")}}});
     QVERIFY(Pam::makeService({QStringLiteral("auth required cert=ask")}));
-    QCOMPARE(Pam::run(authenticate).told(), QStringList{QStringLiteral("authenticate %1").arg(PAM_CONV_ERR)});
+    QCOMPARE(Pam::run(authenticate).told(), expected);
     QVERIFY(m_authd.waitForLog("uid=1000 reason=cancelled\n"));
 }
 

@@ -50,7 +50,7 @@ private Q_SLOTS:
     void hostileEnvironment();
     void readsNoEnvironment();
     void closedDescriptors();
-    void signalsBlocked();
+    void signalsBlockedOrFrequent();
     void busGoesAway();
 
 private:
@@ -457,11 +457,11 @@ void TstPamHostile::closedDescriptors()
     QCOMPARE(run("failed", "<&- >&- 2>&-"), PAM_AUTH_ERR);
 }
 
-void TstPamHostile::signalsBlocked()
+void TstPamHostile::signalsBlockedOrFrequent()
 {
     QVERIFY(m_authd.start());
     QVERIFY(Pam::makeService({QStringLiteral("auth required timeout=60"), QStringLiteral("session required")}));
-    for (const char *options : {"", "--block-signals "}) {
+    for (const char *options : {"", "--block-signals ", "--alarms "}) {
         const Pam::Result result =
             Pam::run(QLatin1String(options) + QStringLiteral("alice authenticate open close"), "success\n");
         QCOMPARE(result.events, (QStringList{QStringLiteral("secret Password: "), QStringLiteral("authenticate 0"),
