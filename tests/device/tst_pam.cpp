@@ -410,20 +410,24 @@ void TstPam::slowTypist()
 void TstPam::attemptEndsWhileTyping_data()
 {
     QTest::addColumn<QString>("end");
+    QTest::addColumn<QByteArray>("pin");
     QTest::addColumn<int>("code");
-    QTest::newRow("timeout") << QStringLiteral("timed-out") << int(PAM_SUCCESS);
-    QTest::newRow("cancelled") << QStringLiteral("cancelled") << int(PAM_AUTHINFO_UNAVAIL);
+    QTest::newRow("timeout") << QStringLiteral("timed-out") << QByteArray("success") << int(PAM_SUCCESS);
+    QTest::newRow("timeout and lock") << QStringLiteral("timed-out") << QByteArray("failed") << int(PAM_MAXTRIES);
+    QTest::newRow("cancelled") << QStringLiteral("cancelled") << QByteArray("success") << int(PAM_AUTHINFO_UNAVAIL);
 }
 
 void TstPam::attemptEndsWhileTyping()
 {
     QFETCH(QString, end);
+    QFETCH(QByteArray, pin);
     QFETCH(int, code);
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     setClientScript({{QStringLiteral("certs"), QJsonArray{QStringLiteral("a")}}});
     const bool timesOut = end == QLatin1String("timed-out");
     QVERIFY(m_authd.start(Installed::methods, {QStringLiteral("--attempt-timeout"),
                                                timesOut ? QStringLiteral("2") : QStringLiteral("60")}));
+    QCOMPARE(Authctl::run(QStringLiteral("options max-attempts 1")).exitCode, int(Authctl::Success));
     QVERIFY(Pam::makeService({QStringLiteral("auth required cert=ask")}));
     QProcess login;
     Pam::start(login, authenticate);
@@ -431,7 +435,7 @@ void TstPam::attemptEndsWhileTyping()
     if (!timesOut)
         QCOMPARE(Authctl::run(QStringLiteral("cancel alice")).exitCode, int(Authctl::Success));
     QVERIFY(m_authd.waitForLog("uid=1000 reason=" + end.toLatin1() + '\n'));
-    login.write("success\n");
+    login.write(pin + '\n');
     QCOMPARE(Pam::finish(login).code, code);
 }
 
