@@ -14,8 +14,8 @@ namespace Pam {
 
 const QString module = QStringLiteral(INSTALLED_PAM_DIR "/pam_qarv.so");
 const QString program = QStringLiteral(INSTALLED_TESTS_DIR "/pamprogram");
-/// A library to preload; see envrecorder.cpp.
-const QString environmentRecorder = QStringLiteral(INSTALLED_TESTS_DIR "/libenvrecorder.so");
+/// A library to preload; see pamrecorder.cpp.
+const QString recorder = QStringLiteral(INSTALLED_TESTS_DIR "/libpamrecorder.so");
 
 /// Makes a PAM service. A line such as "auth required timeout=2" names no module: that is pam_qarv.
 bool makeService(const QStringList &lines, const QString &name = QStringLiteral("qarv-test"));

@@ -511,7 +511,7 @@ void TstPam::secretsAreWiped_data()
     QTest::newRow("password") << QString() << QByteArray() << 1;
     QTest::newRow("PIN") << QStringLiteral(" cert=pkcs11:token=a") << QByteArray() << 1;
     QTest::newRow("invalid text") << QString() << QByteArray("\xff") << 1;
-    QTest::newRow("no answer") << QStringLiteral(" timeout=1") << QByteArray() << 1;
+    QTest::newRow("no answer") << QStringLiteral(" timeout=3") << QByteArray() << 1;
     QTest::newRow("in place of a number") << QStringLiteral(" cert=ask") << QByteArray() << 3;
 }
 

@@ -14,6 +14,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
+#include <QRegularExpression>
 #include <QScopeGuard>
 #include <QTest>
 
@@ -44,6 +45,8 @@ private Q_SLOTS:
     void flood();
     void othersOutcomes();
     void forgedOutcome();
+    void lockedByOthers();
+    void systemLog();
     void certificateLists_data();
     void certificateLists();
     void hostileEnvironment_data();
@@ -76,17 +79,23 @@ QStringList unavailable(const char *text)
 const char absent[] = "The authentication service is not available";
 const char late[] = "The authentication service does not answer in time";
 
+/// Gives a socket its name; anybody may connect.
+bool bindTo(int descriptor, const QString &path)
+{
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
+    return bind(descriptor, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0
+           && chmod(address.sun_path, 0666) == 0;
+}
+
 /// A socket that accepts connections and never says a word.
 class SilentSocket
 {
 public:
     explicit SilentSocket(const QString &path)
     {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
-        if (bind(m_descriptor, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0
-            || chmod(address.sun_path, 0666) != 0 || listen(m_descriptor, SOMAXCONN) != 0)
+        if (!bindTo(m_descriptor, path) || listen(m_descriptor, SOMAXCONN) != 0)
             qFatal("No socket %s", qPrintable(path));
         m_path = path;
     }
@@ -138,6 +147,16 @@ void tellCerts(const QDBusConnection &bus, const QString &to, const QStringList 
         to, LibAuthd::AuthService::ObjectPath, LibAuthd::AuthService::Interface, QStringLiteral("MethodOptionChanged"));
     signal.setArguments({QStringLiteral("kavet"), QStringLiteral("certs"), QVariant::fromValue(QDBusVariant(certs))});
     bus.send(signal);
+}
+
+/// Runs the program with the recorder. Spaces separate the arguments.
+Pam::Result recorded(const QString &arguments)
+{
+    QProcess process;
+    process.start(QStringLiteral("/usr/bin/env"),
+                  QStringList{QStringLiteral("LD_PRELOAD=") + Pam::recorder, Pam::program}
+                      + arguments.split(QLatin1Char(' ')));
+    return Pam::finish(process);
 }
 
 const QVariantMap details = {{QStringLiteral("method"), QStringLiteral("kavet")}};
@@ -307,6 +326,48 @@ void TstPamHostile::forgedOutcome()
     QCOMPARE(Pam::finish(login).told(), unavailable("The authentication was cancelled"));
 }
 
+void TstPamHostile::lockedByOthers()
+{
+    // Not by a failure of this attempt
+    const IdleService service([](const QDBusMessage &call, const QDBusConnection &bus) {
+        bus.send(call.createReply(Opened));
+        tell(bus, call.service(), "AttemptGivenUp", Opened, TestDevice::alice,
+             {QStringLiteral("kavet"), QStringLiteral("locked")});
+        tell(bus, call.service(), "StateChanged", Opened, TestDevice::alice, {QStringLiteral("locked"), details});
+    });
+    QVERIFY(service.isRunning());
+    QCOMPARE(Pam::run(authenticate, "success\n").told(),
+             (QStringList{QStringLiteral("error This user is locked"),
+                          QStringLiteral("authenticate %1").arg(PAM_PERM_DENIED)}));
+}
+
+void TstPamHostile::systemLog()
+{
+    QVERIFY(Pam::makeService({QStringLiteral("auth required nullok\x1b"), QStringLiteral("account required"),
+                              QStringLiteral("session required")}));
+    const auto logged = [](const QString &arguments) {
+        return recorded(arguments).events.filter(QRegularExpression(QStringLiteral("^log ")));
+    };
+    const QString absence = QStringLiteral(
+        ": Authentication service cannot retrieve authentication info: The authentication service is not "
+        "available (org.freedesktop.DBus.Error.NameHasNoOwner)");
+    QCOMPARE(logged(QStringLiteral("qarv-test alice authenticate account open close")),
+             (QStringList{QStringLiteral("log 84 pam_qarv(qarv-test:auth): ignoring the option \"nullok\\u001b\""),
+                          QStringLiteral("log 85 pam_qarv(qarv-test:auth): authentication failed") + absence,
+                          QStringLiteral("log 85 pam_qarv(qarv-test:account): account not accepted") + absence,
+                          QStringLiteral("log 85 pam_qarv(qarv-test:session): session start not reported") + absence,
+                          QStringLiteral("log 85 pam_qarv(qarv-test:session): session end not reported") + absence}));
+
+    // Success and what concerns others are not worth a line.
+    QVERIFY(m_authd.start());
+    QVERIFY(Pam::makeService({QStringLiteral("auth required timeout=60"), QStringLiteral("session required")}));
+    QCOMPARE(logged(QStringLiteral("--answer=success qarv-test alice authenticate open close")), QStringList());
+    QCOMPARE(logged(QStringLiteral("qarv-test root authenticate")), QStringList());
+    QCOMPARE(logged(QStringLiteral("--answer=failed qarv-test alice authenticate")),
+             QStringList{QStringLiteral("log 85 pam_qarv(qarv-test:auth): authentication failed: "
+                                        "Authentication failure: Wrong password")});
+}
+
 void TstPamHostile::certificateLists_data()
 {
     QTest::addColumn<QStringList>("reply");
@@ -329,7 +390,7 @@ void TstPamHostile::certificateLists()
     QFETCH(QStringList, reply);
     QFETCH(bool, isOthersTurn);
     QFETCH(QStringList, certs);
-    bool isSubscribed = true;
+    std::atomic<bool> isSubscribed = true;
     const auto tellList = [&](const QDBusConnection &bus, const QString &to) {
         tellCerts(bus, to, {QStringLiteral(".")});
         if (isOthersTurn)
@@ -363,6 +424,8 @@ void TstPamHostile::certificateLists()
     QVERIFY(service.isRunning());
     QVERIFY(Pam::makeService({QStringLiteral("auth required cert=ask timeout=60")}));
     QTEST(Pam::run(authenticate, "success\n").events, "events");
+    // Nobody reads signals about others while the person types.
+    QCOMPARE(isSubscribed.load(), isOthersTurn);
 }
 
 void TstPamHostile::hostileEnvironment_data()
@@ -421,21 +484,11 @@ void TstPamHostile::hostileEnvironment()
 
 void TstPamHostile::readsNoEnvironment()
 {
-    if (!QFile::exists(Pam::environmentRecorder))
-        QFAIL("No recorder of the environment");
     QVERIFY(m_authd.start());
     QVERIFY(Pam::makeService({QStringLiteral("auth required timeout=60"), QStringLiteral("account required"),
                               QStringLiteral("session required")}));
-    const auto run = [](const QString &operations) {
-        QProcess process;
-        process.start(QStringLiteral("/usr/bin/env"),
-                      QStringList{QStringLiteral("LD_PRELOAD=") + Pam::environmentRecorder, Pam::program,
-                                  QStringLiteral("qarv-test"), QStringLiteral("alice")}
-                          + operations.split(QLatin1Char(' ')));
-        process.write("success\n");
-        return Pam::finish(process);
-    };
-    const Pam::Result result = run(QStringLiteral("authenticate account open close"));
+    const Pam::Result result =
+        recorded(QStringLiteral("--answer=success qarv-test alice authenticate account open close"));
     QCOMPARE(result.code, PAM_SUCCESS);
     QCOMPARE(result.events.filter(QStringLiteral("environment ")),
              QStringList{QStringLiteral("environment PAMPROGRAM")}); // The program's own
