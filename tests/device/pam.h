@@ -17,6 +17,9 @@ const QString program = QStringLiteral(INSTALLED_TESTS_DIR "/pamprogram");
 /// A library to preload; see pamrecorder.cpp.
 const QString recorder = QStringLiteral(INSTALLED_TESTS_DIR "/libpamrecorder.so");
 
+/// Arguments of the program.
+const QString authenticate = QStringLiteral("alice authenticate");
+
 /// Makes a PAM service. A line such as "auth required timeout=2" names no module: that is pam_qarv.
 bool makeService(const QStringList &lines, const QString &name = QStringLiteral("qarv-test"));
 

@@ -59,7 +59,7 @@ private Q_SLOTS:
 
 namespace {
 
-const QString authenticate = QStringLiteral("alice authenticate");
+using Pam::authenticate;
 const QString unavailable = QStringLiteral("error The authentication service is not available");
 
 QStringList ended(const QString &text, int code)

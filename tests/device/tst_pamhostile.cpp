@@ -62,7 +62,7 @@ private:
 
 namespace {
 
-const QString authenticate = QStringLiteral("alice authenticate");
+using Pam::authenticate;
 const QString socketPath = QStringLiteral("/run/dbus/system_bus_socket");
 const QString asideSocket = QStringLiteral("/run/dbus/aside");
 constexpr qulonglong Opened = 2;

@@ -47,7 +47,7 @@ private:
 
 namespace {
 
-const QString authenticate = QStringLiteral("alice authenticate");
+using Pam::authenticate;
 const QString token = QStringLiteral("badge");
 const QString wrongPin = QStringLiteral("27182818");
 // The daemon does not know which of the two it is.
