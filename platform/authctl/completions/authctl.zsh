@@ -31,7 +31,8 @@ argument)
     login) _arguments $everywhere '--method[the method]:method' '--cert[the certificate]:certificate' '1:user:_users' ;;
     state | cancel | unlock) _arguments $everywhere '1:user:_users' ;;
     options)
-        _arguments $everywhere '--method[the method]:method' "--user[a user's options]:user:_users" '1:option' '2:value'
+        _arguments $everywhere '--method[the method]:method' "--user[a user's options]:user:_users" \
+            '1:option:()' '2:value:()'
         ;;
     certs) _arguments $everywhere '--method[the method]:method' ;;
     session)
