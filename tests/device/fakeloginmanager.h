@@ -11,7 +11,7 @@
 #include <QDBusVariant>
 #include <QVector>
 
-/// A session as the login manager lists it, and its state.
+/// A session as the login manager lists it, and its state; null when it ends before somebody asks for that.
 struct LoginSession
 {
     QString id;
@@ -69,7 +69,8 @@ private:
             return;
         }
         for (const LoginSession &session : sessions) {
-            if (session.path().path() == call.path() && call.arguments().value(1) == QLatin1String("State")) {
+            if (session.path().path() == call.path() && !session.state.isNull()
+                && call.arguments().value(1) == QLatin1String("State")) {
                 bus.send(call.createReply(QVariant::fromValue(QDBusVariant(session.state))));
                 return;
             }

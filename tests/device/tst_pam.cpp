@@ -157,6 +157,17 @@ void TstPam::certificates_data()
                           << QStringList{question, question, question}
                                  + ended(QStringLiteral("No certificate was chosen"), PAM_AUTH_ERR)
                           << QString();
+    QJsonArray many;
+    QString list;
+    for (int number = 1; number <= 33; ++number) {
+        many << QStringLiteral("badge%1").arg(number);
+        if (number <= 32)
+            list += QStringLiteral("%1: badge%1|").arg(number);
+    }
+    const QString listed = QStringLiteral("question ") + list + QStringLiteral("Number of the certificate: ");
+    QTest::newRow("many") << many << QByteArray("33\n32\nsuccess\n")
+                          << QStringList{listed, listed, QStringLiteral("secret PIN of badge32: "), success}
+                          << "badge32";
     QTest::newRow("hostile") << QJsonArray{QStringLiteral("pkcs11:token=%1b[2J;object=a%0ab;type=cert"),
                                            QString::fromUtf8("x\u202ey\u009b31m")}
                              << QByteArray("2\nsuccess\n")

@@ -272,11 +272,13 @@ void TstPamSystem::otherSessions_data()
     const LoginSession own{QStringLiteral("1"), TestDevice::alice};
     const LoginSession second{QStringLiteral("2"), TestDevice::alice};
     const LoginSession closing{QStringLiteral("3"), TestDevice::alice, QStringLiteral("closing")};
+    const LoginSession ended{QStringLiteral("5"), TestDevice::alice, QString()};
     const LoginSession bobs{QStringLiteral("4"), TestDevice::bob};
     QTest::newRow("none") << QVector<LoginSession>() << true;
     QTest::newRow("own") << QVector<LoginSession>{own} << true;
     QTest::newRow("others") << QVector<LoginSession>{own, bobs} << true;
     QTest::newRow("closing") << QVector<LoginSession>{own, closing} << true;
+    QTest::newRow("ended") << QVector<LoginSession>{ended, own} << true;
     QTest::newRow("second") << QVector<LoginSession>{bobs, own, closing, second} << false;
 }
 
