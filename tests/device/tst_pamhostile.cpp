@@ -405,7 +405,7 @@ void TstPamHostile::certificateLists()
             // The module replies to this when it waits again, so it has handled the reply.
             auto *const ping = new QDBusPendingCallWatcher(bus.asyncCall(QDBusMessage::createMethodCall(
                 module, QStringLiteral("/"), QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"))));
-            QObject::connect(ping, &QDBusPendingCallWatcher::finished, ping, [&tellList, bus, module, ping] {
+            QObject::connect(ping, &QDBusPendingCallWatcher::finished, ping, [tellList, bus, module, ping] {
                 tellList(bus, module);
                 ping->deleteLater();
             });
