@@ -170,6 +170,7 @@ void TstPamParts::refusals()
         QCOMPARE(result(error), PAM_AUTHINFO_UNAVAIL);
     QCOMPARE(QString::fromStdString(Outcomes::refused(Protocol::Errors::UserLocked, "\x1b[2J").text),
              QStringLiteral("\\u001b[2J"));
+    QCOMPARE(QString::fromStdString(Outcomes::refused("\x1b[2J", "").cause), QStringLiteral("\\u001b[2J"));
 }
 
 void TstPamParts::optionValues()
