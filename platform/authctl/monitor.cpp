@@ -4,12 +4,6 @@
 #include "output.h"
 #include "service.h"
 
-namespace {
-
-constexpr uint NoUser = 0;
-
-} // namespace
-
 ExitCode Commands::monitor(Service &service, const Output &output, const Request &)
 {
     const QObject scope;
@@ -30,7 +24,7 @@ ExitCode Commands::monitor(Service &service, const Output &output, const Request
                      });
     QObject::connect(&service, &AuthServiceInterface::MethodOptionChanged, &scope,
                      [&](const QString &method, const QString &option, const QDBusVariant &value) {
-                         output.option(NoUser, method, option, value.variant());
+                         output.option(Output::NoUser, method, option, value.variant());
                      });
     QObject::connect(&service, &AuthServiceInterface::UserMethodOptionChanged, &scope,
                      [&](uint uid, const QString &method, const QString &option, const QDBusVariant &value) {

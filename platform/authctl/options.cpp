@@ -7,15 +7,13 @@
 
 namespace {
 
-constexpr uint NoUser = 0;
-
 } // namespace
 
 ExitCode Commands::options(Service &service, const Output &output, const Request &request)
 {
     // An empty user name is an error. It must not select the method-wide options.
     const bool isUsers = request.optionUser.has_value();
-    const uint uid = isUsers ? userId(*request.optionUser) : NoUser;
+    const uint uid = isUsers ? userId(*request.optionUser) : Output::NoUser;
     const QString method = service.methodOrFirst(request.method);
 
     if (!request.option) {

@@ -8,10 +8,13 @@
 #include <QVariant>
 
 /// Prints reports, one per line: as text that is safe to show on a terminal, or as a JSON object whose key "event"
-/// names the kind of report. User id 0 stands for the method as a whole, attempt 0 for none.
+/// names the kind of report. Attempt 0 stands for none.
 class Output
 {
 public:
+    /// Whose options are those of the method as a whole.
+    static constexpr uint NoUser = 0;
+
     explicit Output(bool json)
         : m_json(json)
     {

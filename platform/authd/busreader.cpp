@@ -12,9 +12,7 @@
 
 namespace {
 
-constexpr char TextList[] = "s";
 constexpr char Bytes[] = "y";
-constexpr char Map[] = "{sv}";
 
 /// A length in bytes that no text within the limit reaches, however many bytes a character takes.
 constexpr std::size_t TooManyBytes = std::size_t(RequestData::TextLimit) * 4 + 1;
@@ -43,7 +41,7 @@ int readText(sd_bus_message *message, QVariant &value)
 int readTextList(sd_bus_message *message, QVariant &value)
 {
     QStringList list;
-    int result = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, TextList);
+    int result = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, BusValues::TextList);
     for (QVariant text; result >= 0 && (result = readText(message, text)) > 0;) {
         list << text.toString();
         if (list.size() > RequestData::EntryLimit)
@@ -69,7 +67,7 @@ int readValue(sd_bus_message *message, QVariant &value);
 int readMap(sd_bus_message *message, QVariant &value)
 {
     QVariantMap map;
-    int result = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, Map);
+    int result = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, BusValues::Map);
     while (result >= 0 && (result = sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
         QVariant key;
         QVariant entry;
@@ -138,11 +136,11 @@ int readValue(sd_bus_message *message, QVariant &value)
     case SD_BUS_TYPE_VARIANT:
         return readVariant(message, contents, value);
     case SD_BUS_TYPE_ARRAY:
-        if (std::strcmp(contents, TextList) == 0)
+        if (std::strcmp(contents, BusValues::TextList) == 0)
             return readTextList(message, value);
         if (std::strcmp(contents, Bytes) == 0)
             return readBytes(message, value);
-        if (std::strcmp(contents, Map) == 0)
+        if (std::strcmp(contents, BusValues::Map) == 0)
             return readMap(message, value);
         break;
     default:

@@ -10,6 +10,10 @@
 /// dictionaries of strings to values (QVariantMap) and variants (QDBusVariant).
 namespace BusValues {
 
+/// Signatures of the elements of arrays.
+constexpr char TextList[] = "s";
+constexpr char Map[] = "{sv}";
+
 /// Reads the arguments of a message. Returns a negative error as soon as something cannot be read, so that a huge
 /// message takes no longer than others: -E2BIG for a value beyond the limits, -EINVAL for a value of another type. Then
 /// `arguments` holds what has been read.

@@ -9,9 +9,6 @@
 
 namespace {
 
-constexpr char TextList[] = "s";
-constexpr char Map[] = "{sv}";
-
 /// The text in UTF-8. Replaces Unicode noncharacters, which sd-bus rejects.
 QByteArray toUtf8(QString value)
 {
@@ -34,7 +31,7 @@ int appendValue(sd_bus_message *message, const QVariant &value);
 
 int appendMap(sd_bus_message *message, const QVariantMap &map)
 {
-    int result = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, Map);
+    int result = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, BusValues::Map);
     for (auto entry = map.cbegin(); result >= 0 && entry != map.cend(); ++entry) {
         result = sd_bus_message_open_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv");
         if (result >= 0)
@@ -49,7 +46,7 @@ int appendMap(sd_bus_message *message, const QVariantMap &map)
 
 int appendTextList(sd_bus_message *message, const QStringList &list)
 {
-    int result = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, TextList);
+    int result = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, BusValues::TextList);
     for (const QString &entry : list) {
         if (result >= 0)
             result = sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, toUtf8(entry).constData());

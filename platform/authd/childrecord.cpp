@@ -25,7 +25,6 @@
 
 namespace {
 
-constexpr std::size_t SizeLimit = std::size_t(1024) * 1024;
 constexpr std::chrono::seconds KillTimeout{5};
 constexpr unsigned long PollInterval = 20; // milliseconds
 /// Ended processes are removed from the record after this many forks.
@@ -67,7 +66,8 @@ Process parse(const QByteArray &line)
 Processes recorded()
 {
     Processes processes;
-    const std::optional<std::string> content = readRegularFile(RunDirectory::ChildrenFile, O_NOFOLLOW, SizeLimit);
+    const std::optional<std::string> content =
+        readRegularFile(RunDirectory::ChildrenFile, O_NOFOLLOW, RunDirectory::SizeLimit);
     if (!content)
         return processes;
     const QList<QByteArray> lines = QByteArray(content->data(), int(content->size())).split('\n');

@@ -22,10 +22,10 @@ constexpr char LockFile[] = "/var/lib/authd/locks.conf";
 /// How long to wait before retrying a failed write, in milliseconds.
 constexpr int RetryInterval = 2000;
 constexpr std::size_t SizeLimit = std::size_t(16) * 1024 * 1024;
-constexpr char Method[] = "method";
-constexpr char Reason[] = "reason";
-constexpr char Until[] = "until";
-constexpr char Unlocks[] = "unlocks";
+constexpr char MethodKey[] = "method";
+constexpr char ReasonKey[] = "reason";
+constexpr char UntilKey[] = "until";
+constexpr char UnlocksKey[] = "unlocks";
 
 qint64 now()
 {
@@ -95,15 +95,15 @@ bool LockStore::load(const char *path)
         const auto has = [&](const char *key) {
             return g_key_file_has_key(keys, *group, key, nullptr) != FALSE;
         };
-        if (has(Unlocks)) {
-            m_unlocks.insert(uid, uint(g_key_file_get_uint64(keys, *group, Unlocks, &error)));
+        if (has(UnlocksKey)) {
+            m_unlocks.insert(uid, uint(g_key_file_get_uint64(keys, *group, UnlocksKey, &error)));
             good = !error;
-            if (!good || (!has(Method) && !has(Reason) && !has(Until)))
+            if (!good || (!has(MethodKey) && !has(ReasonKey) && !has(UntilKey)))
                 continue;
         }
-        g_autofree char *method = g_key_file_get_string(keys, *group, Method, &error);
-        g_autofree char *reason = error ? nullptr : g_key_file_get_string(keys, *group, Reason, &error);
-        const qint64 until = error ? 0 : g_key_file_get_int64(keys, *group, Until, &error);
+        g_autofree char *method = g_key_file_get_string(keys, *group, MethodKey, &error);
+        g_autofree char *reason = error ? nullptr : g_key_file_get_string(keys, *group, ReasonKey, &error);
+        const qint64 until = error ? 0 : g_key_file_get_int64(keys, *group, UntilKey, &error);
         good = !error && until >= 0;
         m_locks.insert(uid, {QString::fromUtf8(method), QString::fromUtf8(reason), until});
     }
@@ -150,14 +150,14 @@ void LockStore::save()
     const KeyFile file(LockFile);
     GKeyFile *const keys = file.keys();
     for (auto unlocks = m_unlocks.cbegin(); unlocks != m_unlocks.cend(); ++unlocks)
-        g_key_file_set_uint64(keys, QByteArray::number(unlocks.key()).constData(), Unlocks, unlocks.value());
+        g_key_file_set_uint64(keys, QByteArray::number(unlocks.key()).constData(), UnlocksKey, unlocks.value());
     for (auto lock = m_locks.cbegin(); lock != m_locks.cend(); ++lock) {
         if (!find(lock.key()))
             continue;
         const QByteArray group = QByteArray::number(lock.key());
-        g_key_file_set_string(keys, group.constData(), Method, lock->method.toUtf8().constData());
-        g_key_file_set_string(keys, group.constData(), Reason, lock->reason.toUtf8().constData());
-        g_key_file_set_int64(keys, group.constData(), Until, lock->until);
+        g_key_file_set_string(keys, group.constData(), MethodKey, lock->method.toUtf8().constData());
+        g_key_file_set_string(keys, group.constData(), ReasonKey, lock->reason.toUtf8().constData());
+        g_key_file_set_int64(keys, group.constData(), UntilKey, lock->until);
     }
     QString error;
     QDir().mkpath(QFileInfo(QString::fromLatin1(LockFile)).path());

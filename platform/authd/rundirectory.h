@@ -4,6 +4,8 @@
 
 #include <QByteArray>
 
+#include <cstddef>
+
 /// The run directory: state that survives a crash of the daemon but not a reboot. Only root may read it.
 namespace RunDirectory {
 
@@ -12,6 +14,8 @@ constexpr char LockFile[] = "/run/authd/lock";
 constexpr char ChildrenFile[] = "/run/authd/children";
 constexpr char SessionsFile[] = "/run/authd/sessions";
 constexpr char UnsavedLocksFile[] = "/run/authd/locks.conf";
+/// The limit for reading a file, in bytes.
+constexpr std::size_t SizeLimit = std::size_t(1024) * 1024;
 
 /// Creates the directory. Returns false, with errno set, when that fails or the directory belongs to somebody else.
 bool make();

@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr std::size_t SizeLimit = std::size_t(1024) * 1024;
 const QString loginManager = QStringLiteral("org.freedesktop.login1");
 const QString managerPath = QStringLiteral("/org/freedesktop/login1");
 const QString managerInterface = QStringLiteral("org.freedesktop.login1.Manager");
@@ -24,7 +23,8 @@ constexpr int ReplyTimeout = 5000;
 
 Sessions::Sessions()
 {
-    const std::optional<std::string> content = readRegularFile(RunDirectory::SessionsFile, O_NOFOLLOW, SizeLimit);
+    const std::optional<std::string> content =
+        readRegularFile(RunDirectory::SessionsFile, O_NOFOLLOW, RunDirectory::SizeLimit);
     if (!content)
         return;
     const QList<QByteArray> lines = QByteArray(content->data(), int(content->size())).split('\n');

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tokenprocess.h"
 
+#include "ownprogram.h"
 #include "secret.h"
 
 #include <QProcess>
@@ -17,13 +18,11 @@
 
 namespace {
 
-const QString ownProgram = QStringLiteral("/proc/self/exe");
 const QString notAProgram = QStringLiteral("/");
 const QString descriptorPath = QStringLiteral("/proc/self/fd/%1");
-const QString optionPrefix = QStringLiteral("--");
 
 /// Shorter than the caller's timeout, so that the caller gets a reply even if a module hangs.
-constexpr int timeout = 20000; // milliseconds
+constexpr int helperTimeout = 20000; // milliseconds
 
 /// The client's process id.
 pid_t client = 0;
@@ -54,7 +53,7 @@ TokenProcess::Request makeRequest(const QByteArray &content)
     if (descriptor == -1 || !file->open(descriptor, QIODevice::ReadWrite, QFileDevice::AutoCloseHandle)
         || write(descriptor, content.constData(), size_t(content.size())) != content.size())
         qWarning("Cannot pass a request to the helper: %s", qUtf8Printable(qt_error_string()));
-    return {std::move(file), QDeadlineTimer(timeout)};
+    return {std::move(file), QDeadlineTimer(helperTimeout)};
 }
 
 void start(QObject *context, const QString &option, const TokenProcess::Request &request,
@@ -79,7 +78,7 @@ void start(QObject *context, const QString &option, const TokenProcess::Request 
     QTimer::singleShot(int(request.deadline.remainingTime()), process, &QProcess::kill);
     process->setStandardInputFile(descriptorPath.arg(request.file->handle()));
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process->start(ownProgram, {optionPrefix + option});
+    process->start(OwnProgram::path, {OwnProgram::optionPrefix + option});
 }
 
 /// Redirects standard output to standard error, because modules may print. Returns the original standard output.

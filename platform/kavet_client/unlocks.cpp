@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "unlocks.h"
 
+#include "ownprogram.h"
+
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QProcess>
@@ -12,11 +14,10 @@
 
 namespace {
 
-const QString ownProgram = QStringLiteral("/proc/self/exe");
 const QString service = QStringLiteral("qarv.AuthService");
 const QString object = QStringLiteral("/qarv/AuthService");
 const QString method = QStringLiteral("GetUnlocks");
-constexpr int timeout = 1000; // milliseconds
+constexpr int replyTimeout = 1000; // milliseconds
 
 } // namespace
 
@@ -26,8 +27,8 @@ std::optional<uint> Unlocks::byRoot()
 {
     QProcess process;
     process.setStandardErrorFile(QProcess::nullDevice());
-    process.start(ownProgram, {QStringLiteral("--") + option}, QIODevice::ReadOnly);
-    if (!process.waitForFinished(timeout) || process.exitStatus() != QProcess::NormalExit
+    process.start(OwnProgram::path, {OwnProgram::optionPrefix + option}, QIODevice::ReadOnly);
+    if (!process.waitForFinished(replyTimeout) || process.exitStatus() != QProcess::NormalExit
         || process.exitCode() != EXIT_SUCCESS) {
         process.kill();
         process.waitForFinished();
@@ -42,7 +43,7 @@ int Unlocks::run()
 {
     QDBusMessage call = QDBusMessage::createMethodCall(service, object, service, method);
     call.setArguments({uint(getuid())});
-    const QDBusMessage answer = QDBusConnection::systemBus().call(call, QDBus::Block, timeout);
+    const QDBusMessage answer = QDBusConnection::systemBus().call(call, QDBus::Block, replyTimeout);
     if (answer.type() != QDBusMessage::ReplyMessage || answer.signature() != QLatin1String("u"))
         return EXIT_FAILURE;
     std::printf("%u\n", answer.arguments().constFirst().toUInt());

@@ -11,7 +11,7 @@ constexpr char ManagerPath[] = "/org/freedesktop/login1";
 constexpr char ManagerInterface[] = "org.freedesktop.login1.Manager";
 constexpr char SessionInterface[] = "org.freedesktop.login1.Session";
 constexpr char PropertiesInterface[] = "org.freedesktop.DBus.Properties";
-constexpr char State[] = "State";
+constexpr char StateProperty[] = "State";
 constexpr char Closing[] = "closing"; ///< Its user has logged out, but processes remain.
 
 std::vector<std::string> pathsOfOthers(sd_bus_message *list, std::uint32_t uid, const std::string &own)
@@ -33,8 +33,8 @@ std::vector<std::string> pathsOfOthers(sd_bus_message *list, std::uint32_t uid, 
 bool isClosing(Bus &bus, const std::string &manager, const std::string &path)
 {
     try {
-        const Bus::Message reply =
-            bus.call(bus.newCall(manager, path.c_str(), PropertiesInterface, "Get", "ss", SessionInterface, State));
+        const Bus::Message reply = bus.call(
+            bus.newCall(manager, path.c_str(), PropertiesInterface, "Get", "ss", SessionInterface, StateProperty));
         const char *state = nullptr;
         Bus::check(sd_bus_message_read(reply.get(), "v", "s", &state));
         return std::string(state) == Closing;
