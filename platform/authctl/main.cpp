@@ -8,7 +8,7 @@
 
 #include <sys/prctl.h>
 
-// At a mistake in the definition of the command line, CLI11 may end the program. NOLINTNEXTLINE(bugprone-exception-escape)
+// A mistake in the definition of the command line may end the program. NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char *argv[])
 {
     // Secrets pass through this process: leave no core file, and let no other process of the user trace it.
