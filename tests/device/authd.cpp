@@ -156,9 +156,9 @@ void Reports::record(const QDBusMessage &signal)
     if (signal.member().endsWith(QLatin1String("OptionChanged")))
         return;
     QStringList arguments;
-    const QVariantList values = signal.arguments();
-    attempts << values.constFirst().toULongLong();
-    for (const QVariant &argument : values.mid(1))
+    QVariantList values = signal.arguments();
+    attempts << values.takeFirst().toULongLong();
+    for (const QVariant &argument : qAsConst(values))
         arguments << reportText(argument);
     texts << signal.member() + QLatin1Char('(') + arguments.join(QStringLiteral(", ")) + QLatin1Char(')');
 }

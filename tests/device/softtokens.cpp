@@ -144,7 +144,7 @@ bool pkcs11Tool(const QString &label, const QString &tokenPin, const QStringList
 
 bool SoftTokens::reset()
 {
-    for (const QString &path : QStringList{directory, elsewhere})
+    for (const QString &path : {directory, elsewhere})
         QDir(path).removeRecursively();
     const QStringList left = QDir(home).entryList({QStringLiteral("unruly-token"), QStringLiteral("wrong-pins.*")});
     for (const QString &name : left)

@@ -159,8 +159,8 @@ private:
     QString stateText(const BusUser &user, uint uid) const
     {
         QStringList texts;
-        const QVariantList values = user.call(QStringLiteral("GetState"), {uid}).arguments();
-        for (const QVariant &value : values.mid(1))
+        const QVariantList values = user.call(QStringLiteral("GetState"), {uid}).arguments().mid(1);
+        for (const QVariant &value : values)
             texts << reportText(value);
         return texts.join(QLatin1Char(' '));
     }

@@ -226,7 +226,8 @@ void TstHostileClient::attack()
         QVERIFY(!QTest::qWaitFor([&] { return !fixture.told().isEmpty(); }, 1500));
     QCOMPARE(fixture.told().size(), ends ? 1 : 0);
     bool warned = warning.isEmpty();
-    for (const QString &line : log.warnings())
+    const QStringList warnings = log.warnings();
+    for (const QString &line : warnings)
         warned = warned || line.startsWith(warning);
     QVERIFY(warned);
 

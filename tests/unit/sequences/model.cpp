@@ -1411,6 +1411,7 @@ Observation Model::observation() const
     const auto flag = [](bool value) {
         return value ? QStringLiteral("yes") : QStringLiteral("no");
     };
+    const QStringList watched = m_watches.keys();
     Observation seen = {
         {QStringLiteral("clientStage"), QString::number(m_stage)},
         {QStringLiteral("currentUid"), QString::number(m_currentUid)},
@@ -1431,7 +1432,7 @@ Observation Model::observation() const
         {QStringLiteral("manifestParsed"), flag(m_manifestParsed)},
         {QStringLiteral("process"), QString::number(m_process)},
         {QStringLiteral("connected"), flag(m_connected)},
-        {QStringLiteral("watched"), QStringList(m_watches.keys()).join(QLatin1Char(' '))},
+        {QStringLiteral("watched"), watched.join(QLatin1Char(' '))},
         {QStringLiteral("launches"), m_launches.join(QLatin1Char(' '))},
         {QStringLiteral("user of the process"), m_process == NotRunning ? QString() : QString::number(m_clientUid)},
         {QStringLiteral("replies dropped"), QString::number(m_dropped)},

@@ -101,7 +101,8 @@ private:
     void serve(const QDBusConnection &connection)
     {
         // The method closes links too.
-        for (const QString &link : QStringList(m_links)) {
+        const QStringList links = m_links;
+        for (const QString &link : links) {
             if (!QDBusConnection(link).isConnected()) {
                 QDBusConnection::disconnectFromPeer(link);
                 m_links.removeOne(link);
