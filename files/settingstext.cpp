@@ -137,6 +137,12 @@ std::optional<QVariant> valueOf(const QByteArray &content, const Line &line)
     return SettingsValue::parse(value, markSize(content) > 0);
 }
 
+/// The line end to insert after `last`. An escaped carriage return would take a line feed as its own second half.
+char lineEndAfter(char last)
+{
+    return last == '\r' ? '\r' : '\n';
+}
+
 /// Whether both values exist and have the same type and value. To QVariant, bytes equal the number that they spell.
 bool areSame(const std::optional<QVariant> &one, const std::optional<QVariant> &other)
 {
@@ -163,7 +169,7 @@ bool SettingsText::setValue(QByteArray &content, const QString &key, const QVari
     if (!place.line.isEmpty())
         content.replace(place.line.begin, place.line.end - place.line.begin, line);
     else if (place.headerEnd != -1)
-        content.insert(place.headerEnd, '\n' + line);
+        content.insert(place.headerEnd, lineEndAfter(content.at(place.headerEnd - 1)) + line);
     else if (first.isHeader(content))
         content.insert(first.begin, generalHeader + line + '\n');
     else // The first key's name includes the byte-order mark, so the mark is needed in both places.

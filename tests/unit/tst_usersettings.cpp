@@ -644,6 +644,8 @@ void TstUserSettings::foreignLinesStay_data()
     row("header with more on its line", "[General] a=1\n", "[General] a=1\nattempts=9\n");
     row("header with a comment", "[General];c\n", "[General]\nattempts=9;c\n");
     row("header of a carriage return", "[General]\r\na=1\r\n", "[General]\nattempts=9\r\na=1\r\n");
+    row("header that ends with an escaped carriage return", "[General]\\\r;c\n", "[General]\\\r\rattempts=9;c\n");
+    row("header that ends with an escaped line feed", "[General]\\\n;c\n", "[General]\\\n\nattempts=9;c\n");
     row("header without a line end", "[General]", "[General]\nattempts=9\n[General]");
     row("open header", "[General", "[General]\nattempts=9\n[General");
     row("header and backslash", "[General]\\", "[General]\nattempts=9\n[General]\\");
