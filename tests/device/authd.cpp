@@ -9,6 +9,7 @@
 
 #include <QAtomicInt>
 #include <QDBusArgument>
+#include <QDeadlineTimer>
 #include <QLibraryInfo>
 #include <QRegularExpression>
 #include <QTest>
@@ -148,6 +149,27 @@ bool Reports::waitFor(const QString &text)
     if (!found)
         qWarning("Waited for '%s', have:\n%s", qPrintable(text), qPrintable(texts.join(QLatin1Char('\n'))));
     return found;
+}
+
+bool logIn(const BusUser &user, uint uid)
+{
+    Reports reports(user);
+    const auto isTold = [&reports](const QString &text) {
+        return !reports.texts.filter(text).isEmpty();
+    };
+    const QString done = QStringLiteral("Authenticated(%1, kavet)").arg(uid);
+    const QString tooEarly = QStringLiteral("AuthenticationFailed(%1, kavet, 4, CannotConnectClient, false").arg(uid);
+    const QVariantMap password = {{QStringLiteral("password"), QStringLiteral("success")}};
+    const QDeadlineTimer deadline(30000);
+    do {
+        reports.texts.clear();
+        user.call(QStringLiteral("Authenticate"), {uid, QStringLiteral("kavet"), password});
+        if (!QTest::qWaitFor([&] { return isTold(done) || isTold(tooEarly); }, 30000))
+            break;
+    } while (!isTold(done) && !deadline.hasExpired());
+    if (!isTold(done))
+        qWarning("Waited for the login, have:\n%s", qPrintable(reports.texts.join(QLatin1Char('\n'))));
+    return isTold(done);
 }
 
 void Reports::record(const QDBusMessage &signal)

@@ -96,6 +96,10 @@ private Q_SLOTS:
     void record(const QDBusMessage &signal);
 };
 
+/// Logs the user in with the scripted client. After the client has been started again, attempts fail until its socket
+/// appears, so this repeats them. Returns false, with a warning, when an attempt fails otherwise or none succeeds.
+bool logIn(const BusUser &user, uint uid);
+
 /// Whether a program that ran with debuggedBus() logged, on standard error, that it held signals back until its event
 /// loop ran. Later signals may overtake held ones, so the program would see them in the wrong order.
 bool heldSignalsBack(const QByteArray &errors);
