@@ -6,7 +6,11 @@
 #include <QFile>
 #include <QTest>
 
+#include <functional>
 #include <limits>
+#include <utility>
+
+Q_DECLARE_METATYPE(RecordingDaemon::Call)
 
 namespace {
 
@@ -34,6 +38,36 @@ Call asked()
 {
     return RecordingDaemon::asked(SettingsKavet::EnterPasswordOrPin);
 }
+
+/// A daemon that makes another request at once when it is told the first outcome.
+class InsistentDaemon : public RecordingDaemon
+{
+public:
+    std::function<void()> requestAgain;
+
+    void succeed(const QString &method) override
+    {
+        RecordingDaemon::succeed(method);
+        insist();
+    }
+    void finish(const QString &method, bool succeeded, const QMap<QString, QVariant> &params) override
+    {
+        RecordingDaemon::finish(method, succeeded, params);
+        insist();
+    }
+    void inputRequested(const QString &method, const QMap<QString, QVariant> &params) override
+    {
+        RecordingDaemon::inputRequested(method, params);
+        insist();
+    }
+
+private:
+    void insist()
+    {
+        if (const auto request = std::exchange(requestAgain, {}))
+            request();
+    }
+};
 
 } // namespace
 
@@ -66,6 +100,8 @@ private Q_SLOTS:
     void noPendingData();
     void latestDataCounts();
     void dataSentOnce();
+    void requestFromWithin_data();
+    void requestFromWithin();
 
     void answer_data();
     void answer();
@@ -361,6 +397,79 @@ void TstAuthFlow::dataSentOnce()
     QVERIFY(TestDevice::writeFile(QStringLiteral("/tmp/scripted-client/answer"), {}));
     QTRY_COMPARE(fixture.told(), (QVector<Call>{asked(), RecordingDaemon::succeeded()}));
     QCOMPARE(MethodFixture::calledMethods().size(), 1);
+}
+
+void TstAuthFlow::requestFromWithin_data()
+{
+    // The way to each outcome.
+    QTest::addColumn<QString>("way");
+    QTest::addColumn<Call>("outcome");
+    QTest::addColumn<uint>("user"); // of the other request
+    for (const uint user : {TestDevice::alice, TestDevice::bob}) {
+        const auto row = [user](const char *way, const Call &outcome) {
+            QTest::addRow("%s, %u", way, user) << QString::fromLatin1(way) << outcome << user;
+        };
+        row("partition locked", askedWithoutConnection());
+        row("cannot start", RecordingDaemon::failed(SettingsKavet::Connecting, SettingsKavet::CannotStartClient));
+        row("cannot connect", RecordingDaemon::failed(SettingsKavet::Connecting, SettingsKavet::CannotConnectClient));
+        row("no data", asked());
+        row("unusable data", asked());
+        row("no link",
+            RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::CannotCommunicateClient));
+        row("error",
+            RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::CannotCommunicateClient));
+        row("failed", RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, SettingsKavet::AuthFailed));
+        row("success", RecordingDaemon::succeeded());
+    }
+}
+
+// The former request must not touch the new one once the daemon has returned.
+void TstAuthFlow::requestFromWithin()
+{
+    QFETCH(QString, way);
+    QFETCH(Call, outcome);
+    QFETCH(uint, user);
+    const QString goFile = QStringLiteral("/tmp/scripted-client/go");
+    InsistentDaemon daemon;
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    const bool runs = way != QLatin1String("cannot start");
+    QVERIFY(!runs || fixture.link());
+    TestDevice::setScript({{QStringLiteral("socket"), goFile}});
+    fixture.method.setNotificator(&daemon);
+
+    AuthData data = MethodFixture::passwordData(way);
+    if (way == QLatin1String("partition locked")) {
+        QVERIFY(lockPartition());
+    } else if (way == QLatin1String("cannot start")) {
+        d->launchBudget = 0;
+    } else if (way == QLatin1String("cannot connect")) {
+        d->clientStage = MethodKavetPrivate::MustConnect;
+        d->child.socketPresent = false;
+    } else if (way == QLatin1String("unusable data")) {
+        data = {{pin, success}};
+    } else if (way == QLatin1String("no link")) {
+        d->guard.close();
+        d->child.socketPresent = false;
+    }
+    daemon.requestAgain = [&] {
+        QFile::remove(luksConfiguration);
+        d->launchBudget = 1;
+        d->child.socketPresent = runs;
+        fixture.method.authenticate(user, MethodFixture::passwordData(success));
+    };
+    if (way == QLatin1String("no data"))
+        d->makeAuth();
+    else
+        fixture.method.authenticate(TestDevice::alice, data);
+
+    QTRY_VERIFY(d->child.clientUid == user && d->child.clientRunning);
+    QVERIFY(TestDevice::writeFile(goFile, {}));
+    QTRY_COMPARE(daemon.outcomes(), (QVector<Call>{outcome, RecordingDaemon::succeeded()}));
+    QCOMPARE(TestDevice::calls().constLast(),
+             (QJsonArray{QStringLiteral("checkPassword"),
+                         user == TestDevice::alice ? QStringLiteral("alice") : QStringLiteral("bob"), success}));
+    QCOMPARE(TestDevice::callees().constLast(), user);
 }
 
 void TstAuthFlow::answer_data()
