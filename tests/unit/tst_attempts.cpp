@@ -199,7 +199,41 @@ private Q_SLOTS:
         QCOMPARE(method.getOptionInternal(0, maxAttempts), max);
     }
 
-    void noEventWithoutLockout()
+    void warningComesFirst()
+    {
+        // Notes whether the warning has been logged at each call.
+        struct NotingDaemon : RecordingDaemon
+        {
+            const LogCapture log;
+            QVector<bool> logged;
+            void lockUser(const QString &method, uint uid, bool lock, const QString &reason, uint duration) override
+            {
+                RecordingDaemon::lockUser(method, uid, lock, reason, duration);
+                logged << !log.warnings().isEmpty();
+            }
+            void logEvent(const QString &method, const QString &level, const QString &event,
+                          const QString &details) override
+            {
+                RecordingDaemon::logEvent(method, level, event, details);
+                logged << !log.warnings().isEmpty();
+            }
+            void optionChanged(const QString &method, uint uid, const QString &option, const QVariant &value,
+                               bool computed) override
+            {
+                RecordingDaemon::optionChanged(method, uid, option, value, computed);
+                logged << !log.warnings().isEmpty();
+            }
+        };
+        MethodKavet method;
+        QVERIFY(method.setOptionInternal(0, maxAttempts, 1));
+        NotingDaemon daemon;
+        method.setNotificator(&daemon);
+        QCOMPARE(method.increaseAttempts(TestDevice::alice), tooManyAttempts);
+        QCOMPARE(daemon.calls, Calls{stored(TestDevice::alice, attempts, 1)} + lockout(TestDevice::alice));
+        QCOMPARE(daemon.logged, QVector<bool>({false, true, true, true, true}));
+    }
+
+    void lockoutWithoutWarning()
     {
         // The administrator may disable the warning; the lockout still happens.
         RecordingDaemon daemon;
