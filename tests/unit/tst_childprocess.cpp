@@ -430,6 +430,19 @@ private Q_SLOTS:
         verifyUnreadable(false);
     }
 
+    void malformedLater()
+    {
+        ChildProcess child(nullptr);
+        QVERIFY(child.detectManifest());
+        QVERIFY(TestDevice::writeFile(TestDevice::manifest, "noise"));
+        QVERIFY(!child.parseManifest());
+        QVERIFY(!child.manifestExists);
+        QVERIFY(!child.manifestParsed);
+        // What has been read from it remains.
+        child.manifestExists = child.manifestParsed = true;
+        verifyParsed(child);
+    }
+
     void malformedBehindALink()
     {
         QVERIFY(TestDevice::writeFile(linkTarget, "noise"));

@@ -225,6 +225,7 @@ private Q_SLOTS:
         // The parser skips white space before a value unless it is escaped.
         QTest::newRow("space first") << QStringLiteral("\\s/opt/x/client") << 0755 << false;
         QTest::newRow("two spaces") << QStringLiteral("/opt/x/client  --flag") << 0755 << true;
+        QTest::newRow("directory") << QStringLiteral("/opt/x") << 0755 << true;
         QTest::newRow("empty") << QString::fromLatin1("") << 0755 << false;
         QTest::newRow("none") << QString() << 0755 << false;
     }

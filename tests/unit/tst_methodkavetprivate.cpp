@@ -6,6 +6,7 @@
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
 
+#include <QDBusConnection>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -39,6 +40,16 @@ RecordingDaemon::Call limitTaken(const QVariant &limit)
 bool removeManifest()
 {
     return QFile::remove(TestDevice::manifest);
+}
+
+/// The number of slots that are connected to `signal`.
+int slotsConnected(const QObject &sender, const char *signal)
+{
+    struct Access : QObject
+    {
+        using QObject::receivers;
+    };
+    return (sender.*&Access::receivers)(signal);
 }
 
 /// Runs a shell script as the client's process until it ends.
@@ -218,6 +229,20 @@ private Q_SLOTS:
         QVERIFY(runInChild(privateOf(method)->child, QStringLiteral("exit 3")));
         QCOMPARE(log.warnings(),
                  QStringList(QStringLiteral("onChildFinished Client has terminated exitCode 3 exitStatus 0")));
+    }
+
+    void signalsAreConnectedOnce()
+    {
+        const MethodKavet method;
+        const MethodKavetPrivate *const d = privateOf(method);
+        QCOMPARE(slotsConnected(d->child, SIGNAL(readyReadStandardOutput())), 1);
+        QCOMPARE(slotsConnected(d->child, SIGNAL(readyReadStandardError())), 1);
+        QCOMPARE(slotsConnected(d->child, SIGNAL(stateChanged(QProcess::ProcessState))), 1);
+        QCOMPARE(slotsConnected(d->child, SIGNAL(finished(int, QProcess::ExitStatus))), 1);
+        // Two slots: one logs the error, the other continues a request.
+        QCOMPARE(slotsConnected(d->child, SIGNAL(errorOccurred(QProcess::ProcessError))), 2);
+        QCOMPARE(slotsConnected(d->watcher, SIGNAL(directoryChanged(QString))), 1);
+        QCOMPARE(slotsConnected(d->watcher, SIGNAL(fileChanged(QString))), 1);
     }
 
     void connectionsAreDirect()
@@ -403,6 +428,15 @@ private Q_SLOTS:
         QCOMPARE(method.getOptionInternal(0, maxAttempts).toInt(), 5);
     }
 
+    void packagedPolicyIsADirectory()
+    {
+        // It exists, so the limit is set, but it has none.
+        QVERIFY(QDir().mkpath(TestDevice::packagedPolicy));
+        MethodKavet method;
+        QCOMPARE(method.getOptionInternal(0, maxAttempts), QVariant(0));
+        QVERIFY(QFile::exists(methodOptions));
+    }
+
     void packagedPolicyComesSecond()
     {
         {
@@ -445,6 +479,19 @@ private Q_SLOTS:
         }
         QCOMPARE(daemon.calls, QVector<RecordingDaemon::Call>{limitTaken(QStringLiteral("5"))});
         QCOMPARE(daemon.methods, QStringList(QStringLiteral("kavet")));
+    }
+
+    void currentPolicyIsADirectoryAtTheEnd()
+    {
+        // It exists and is root's, but it has no limit.
+        RecordingDaemon daemon;
+        {
+            MethodKavet method;
+            QVERIFY(method.setOptionInternal(0, maxAttempts, 3));
+            QVERIFY(QDir().mkpath(TestDevice::currentPolicy));
+            method.setNotificator(&daemon);
+        }
+        QCOMPARE(daemon.calls, QVector<RecordingDaemon::Call>{limitTaken(0)});
     }
 
     void noCurrentPolicyAtTheEnd()
@@ -510,6 +557,12 @@ private Q_SLOTS:
         QVERIFY(log.lines().isEmpty());
         QVERIFY(QFile::exists(TestDevice::socketPath));
         QCOMPARE(TestDevice::launches().size(), 1);
+
+        // The library keeps the link's name, but no link.
+        const QString name = QStringLiteral("kavet_p2p_service");
+        const QDBusConnection connection(name);
+        QTRY_VERIFY(!connection.isConnected());
+        QCOMPARE(connection.name(), name);
     }
 
     void destructionWhileTheClientStarts()
