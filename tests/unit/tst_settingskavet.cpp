@@ -360,6 +360,17 @@ private Q_SLOTS:
                  QStringList({QStringLiteral("updating"), QStringLiteral("updated"), QStringLiteral("certList:a")}));
         QCOMPARE(m_service->takeQuestions(), QVector<Question>({{0, kavetName, certsOption}}));
 
+        // The signal comes before the question.
+        bool asked = true;
+        const auto noted = connect(&settings, &SettingsKavet::certListIsUpdatingChanged, this, [&] {
+            if (settings.certListIsUpdating())
+                asked = !m_service->takeQuestions().isEmpty();
+        });
+        settings.updateCertList();
+        QVERIFY(!asked);
+        QVERIFY(disconnect(noted));
+        recorder.take();
+
         m_service->setValue(0, certsOption, QStringList(QStringLiteral(".")));
         for (int i = 0; i < 2; ++i) {
             // The signal is sent even if nothing changes. Call by name, as a screen does.
