@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "plugin/methodkavet.h"
 #include "plugin/methodkavetprivate.h"
+#include "settings/userconfigpath.h"
 #include "support/logcapture.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
@@ -88,6 +89,9 @@ private Q_SLOTS:
         const QVariant mark = fixture.method->getOptionInternal(TestDevice::alice, delayedDeletion);
         QCOMPARE(mark.userType(), int(QMetaType::Bool));
         QCOMPARE(mark.toBool(), false);
+        // The mark is stored as false, not removed.
+        QCOMPARE(TestDevice::readFile(Authd::getUserConfigFilePath(TestDevice::alice)),
+                 QByteArray("[kavet]\ndelayed-deletion=false\n"));
         QVERIFY(fixture.isMarked(TestDevice::bob));
         QVERIFY(fixture.isMarked(TestDevice::carol));
         QVERIFY(log.lines().isEmpty());
