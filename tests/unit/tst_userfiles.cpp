@@ -8,20 +8,25 @@
 
 #include <QDir>
 #include <QFile>
+#include <QHash>
 #include <QScopeGuard>
 #include <QSet>
 #include <QTest>
 
 #include <cerrno>
 #include <csignal>
+#include <functional>
 #include <memory>
 
 #include <fcntl.h>
 #include <grp.h>
+#include <linux/capability.h>
 #include <sys/mount.h>
+#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -114,6 +119,70 @@ const QVector<Kind> kinds = {
     {"FIFO", EINVAL}, {"device", EINVAL},       {"directory", EISDIR},          {"socket", EINVAL},
 };
 
+using SystemCall = __ptrace_syscall_info;
+
+#ifdef SYS_rename
+constexpr quint64 renameCall = SYS_rename;
+#else
+constexpr quint64 renameCall = SYS_renameat;
+#endif
+
+/// Whether a system call opens a file with all of `flags`.
+bool opens(const SystemCall &call, quint64 flags)
+{
+    return call.entry.nr == SYS_openat && (call.entry.args[2] & flags) == flags;
+}
+
+/// Runs `work` in a child process, and calls `begins` before each of its system calls. Returns the result of `work`,
+/// which must be less than 255; -1 on failure.
+int traced(const std::function<int()> &work, const std::function<void(const SystemCall &)> &begins)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == -1 || raise(SIGSTOP) != 0)
+            _exit(255);
+        _exit(work());
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFSTOPPED(status)
+        || ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) == -1)
+        return -1;
+    while (ptrace(PTRACE_SYSCALL, child, nullptr, nullptr) == 0 && waitpid(child, &status, 0) == child
+           && WIFSTOPPED(status)) {
+        SystemCall call = {};
+        if (ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof call, &call) > 0 && call.op == PTRACE_SYSCALL_INFO_ENTRY)
+            begins(call);
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) != 255 ? WEXITSTATUS(status) : -1;
+}
+
+/// Takes a capability from this thread for the lifetime of the object.
+class Without
+{
+public:
+    explicit Without(int capability)
+    {
+        if (syscall(SYS_capget, &m_header, m_former) == -1)
+            return;
+        __user_cap_data_struct fewer[] = {m_former[0], m_former[1]};
+        fewer[CAP_TO_INDEX(capability)].effective &= ~CAP_TO_MASK(capability);
+        m_taken = syscall(SYS_capset, &m_header, fewer) == 0;
+    }
+    ~Without()
+    {
+        if (m_taken)
+            syscall(SYS_capset, &m_header, m_former);
+    }
+    bool taken() const { return m_taken; }
+
+private:
+    __user_cap_header_struct m_header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct m_former[_LINUX_CAPABILITY_U32S_3] = {};
+    bool m_taken = false;
+
+    Q_DISABLE_COPY(Without)
+};
+
 void addKinds()
 {
     QTest::addColumn<QString>("kind");
@@ -141,6 +210,9 @@ private Q_SLOTS:
     void plantedAsPolicy_data();
     void plantedAsPolicy();
     void filledWhileItIsCreated();
+    void createdButNotGiven();
+    void changedWhileItIsPinned_data();
+    void changedWhileItIsPinned();
     void linkAbove();
 
     void changeGroup_data();
@@ -151,6 +223,7 @@ private Q_SLOTS:
 
     void movedFrom();
     void descriptorsAreClosed();
+    void descriptorsAreNotInherited();
     void read();
     void readWithOwnersRights_data();
     void readWithOwnersRights();
@@ -165,8 +238,12 @@ private Q_SLOTS:
     void neverTorn();
     void swappedAfterPinning();
     void deletedAfterPinning();
+    void coveredAfterPinning();
+    void givenAwayAfterPinning();
     void identityIsRestored();
     void identityCannotBeTaken();
+    void halfAnIdentity_data();
+    void halfAnIdentity();
 
     void settingsRefused_data();
     void settingsRefused();
@@ -414,6 +491,62 @@ void TstUserFiles::filledWhileItIsCreated()
     }
 }
 
+void TstUserFiles::createdButNotGiven()
+{
+    const Without capabilityNeeded(CAP_CHOWN);
+    QVERIFY(capabilityNeeded.taken());
+    const PinnedFile pinned(file, alice, clientGroup);
+    errno = 0;
+    QVERIFY(!pinned.isUsable());
+    QCOMPARE(errno, EPERM);
+}
+
+void TstUserFiles::changedWhileItIsPinned_data()
+{
+    QTest::addColumn<QString>("when");
+    QTest::addColumn<bool>("isFilled");
+    QTest::addColumn<int>("error");
+    QTest::addColumn<int>("aside");
+    QTest::newRow("created by another") << QStringLiteral("create") << true << 0 << 1;
+    QTest::newRow("filled again and again") << QStringLiteral("look") << true << EAGAIN << 16;
+    QTest::newRow("removed meanwhile") << QStringLiteral("move") << false << 0 << 0;
+}
+
+// The directory's owner acts between two of root's system calls.
+void TstUserFiles::changedWhileItIsPinned()
+{
+    QFETCH(QString, when);
+    QFETCH(bool, isFilled);
+    QFETCH(int, error);
+    QFETCH(int, aside);
+
+    const auto fill = [] {
+        return writeFile(file, "x") && setOwner(file, bob, bob);
+    };
+    if (!isFilled)
+        QVERIFY(fill());
+    bool done = false;
+    const LogCapture log;
+    const int result = traced(
+        [] {
+            QByteArray content("as before");
+            const PinnedFile pinned(file, alice, clientGroup);
+            return pinned.isUsable() && pinned.countsFor(alice) && pinned.read(content) && content.isEmpty() ? 0
+                                                                                                             : errno;
+        },
+        [&](const SystemCall &call) {
+            if (when == QLatin1String("look") && opens(call, O_PATH))
+                done = fill();
+            else if (!done && when == QLatin1String("create") && opens(call, O_CREAT | O_EXCL))
+                done = fill();
+            else if (!done && when == QLatin1String("move") && call.entry.nr == renameCall)
+                done = QFile::remove(file);
+        });
+    QVERIFY(done);
+    QCOMPARE(result, error);
+    QCOMPARE(QDir(sharedDirectory).entryList({QStringLiteral("file.conf.*")}, QDir::Files).size(), aside);
+}
+
 void TstUserFiles::linkAbove()
 {
     // The user controls only the last path element; root controls those above.
@@ -561,6 +694,36 @@ void TstUserFiles::descriptorsAreClosed()
     QVERIFY(QDir(sharedDirectory + QStringLiteral(".1000")).removeRecursively());
 }
 
+void TstUserFiles::descriptorsAreNotInherited()
+{
+    // Another thread of the daemon may start a program at any moment.
+    QVERIFY(writeFile(file, "x"));
+    QVERIFY(setOwner(file, bob, bob));
+    int opened = 0;
+    QStringList inheritable;
+    const LogCapture log;
+    const int result = traced(
+        [] {
+            QByteArray content;
+            const PinnedFile created(file, alice, clientGroup);
+            const PinnedFile found(file);
+            return found.read(content) && found.write("content")
+                           && handOver(sharedDirectory, bob, clientGroup) == HandOver::Replaced
+                       ? 0
+                       : 1;
+        },
+        [&](const SystemCall &call) {
+            const quint64 command = call.entry.args[1];
+            opened += opens(call, 0) ? 1 : 0;
+            if ((opens(call, 0) && !opens(call, O_CLOEXEC)) || (call.entry.nr == SYS_fcntl && command == F_DUPFD))
+                inheritable << QString::number(call.entry.args[2], 16);
+        });
+    QCOMPARE(result, 0);
+    QVERIFY(opened > 0);
+    QCOMPARE(inheritable, QStringList());
+    QVERIFY(QDir(sharedDirectory + QStringLiteral(".1000")).removeRecursively());
+}
+
 void TstUserFiles::read()
 {
     for (const QByteArray &content : {QByteArray(""), QByteArray("text\n"), QByteArray("\0\xff\n\0", 4)}) {
@@ -634,6 +797,10 @@ void TstUserFiles::readSizeLimit()
     QCOMPARE(errno, EFBIG);
     QCOMPARE(truncate(encoded(file).constData(), off_t(1) << 40), 0);
     QVERIFY(!pinned.read(content));
+    QCOMPARE(errno, EFBIG);
+    const QByteArray tooMuch(sizeLimit + 1, 'x');
+    errno = 0;
+    QVERIFY(!pinned.write(tooMuch));
     QCOMPARE(errno, EFBIG);
 }
 
@@ -722,6 +889,7 @@ void TstUserFiles::writeFails_data()
     QTest::newRow("hardly any space") << QStringLiteral("hardly any space") << ENOSPC;
     QTest::newRow("no inode") << QStringLiteral("no inode") << ENOSPC;
     QTest::newRow("file size limit") << QStringLiteral("file size limit") << ENOSPC;
+    QTest::newRow("all but one byte") << QStringLiteral("all but one byte") << ENOSPC;
     QTest::newRow("no file at all") << QStringLiteral("no file at all") << EFBIG;
     QTest::newRow("directory of somebody else") << QStringLiteral("directory of somebody else") << EACCES;
     QTest::newRow("read-only") << QStringLiteral("read-only") << EROFS;
@@ -736,6 +904,7 @@ void TstUserFiles::writeFails()
     const QString small = QStringLiteral("/run/small");
     const QString target = small + QStringLiteral("/file.conf");
     const QByteArray content(5000, 'o');
+    const QByteArray fresh(6000, 'n');
     QVERIFY(QDir().mkpath(small));
     const auto place = encoded(small);
     const QByteArray options = how == QLatin1String("no inode") ? "nr_inodes=2" : "size=16384";
@@ -758,15 +927,18 @@ void TstUserFiles::writeFails()
         setrlimit(RLIMIT_FSIZE, &former);
         signal(SIGXFSZ, handler);
     });
-    if (error == EFBIG || how == QLatin1String("file size limit")) {
-        const rlimit limit = {how == QLatin1String("file size limit") ? 4096UL : 0UL, former.rlim_max};
+    const QHash<QString, rlim_t> limits = {{QStringLiteral("file size limit"), 4096},
+                                           {QStringLiteral("all but one byte"), rlim_t(fresh.size() - 1)},
+                                           {QStringLiteral("no file at all"), 0}};
+    if (limits.contains(how)) {
+        const rlimit limit = {limits.value(how), former.rlim_max};
         QCOMPARE(setrlimit(RLIMIT_FSIZE, &limit), 0);
     }
 
     const QString before = portrait(target);
     const QStringList names = QDir(small).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     errno = 0;
-    QVERIFY(!PinnedFile(target).write(QByteArray(6000, 'n')));
+    QVERIFY(!PinnedFile(target).write(fresh));
     QCOMPARE(errno, error);
     QCOMPARE(portrait(target), before);
     QCOMPARE(QDir(small).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), names);
@@ -883,6 +1055,58 @@ void TstUserFiles::deletedAfterPinning()
     QCOMPARE(readFile(another), QByteArray("old"));
 }
 
+void TstUserFiles::coveredAfterPinning()
+{
+    // The other file system numbers its files alike.
+    const QString place = QStringLiteral("/run/place");
+    const QString target = place + QStringLiteral("/file.conf");
+    const QByteArray name = encoded(place);
+    QVERIFY(QDir().mkpath(place));
+    const auto cover = [&] {
+        return mount("device", name.constData(), "tmpfs", 0, nullptr) == 0 && setOwner(place, alice, alice)
+               && writeFile(target, "old") && setOwner(target, alice, alice);
+    };
+    const auto uncover = qScopeGuard([&name] {
+        while (umount2(name.constData(), MNT_DETACH) == 0) { }
+    });
+    QVERIFY(cover());
+    const PinnedFile pinned(target);
+    const ino_t inode = statusOf(target).st_ino;
+    QVERIFY(cover());
+    QCOMPARE(statusOf(target).st_ino, inode);
+    errno = 0;
+    QVERIFY(!pinned.write("new"));
+    QCOMPARE(errno, ESTALE);
+    QCOMPARE(readFile(target), QByteArray("old"));
+}
+
+void TstUserFiles::givenAwayAfterPinning()
+{
+    QVERIFY(writeFile(file, "old"));
+    QVERIFY(setOwner(file, alice, alice));
+    QCOMPARE(chmod(encoded(file).constData(), 0666), 0);
+    const PinnedFile pinned(file);
+    QVERIFY(setOwner(file, bob, bob));
+
+    // Another process than root's cannot act as the new owner, and does not act as the former one.
+    QCOMPARE(setegid(alice), 0);
+    QCOMPARE(seteuid(alice), 0);
+    errno = 0;
+    const bool written = pinned.write("new");
+    const int error = errno;
+    QCOMPARE(seteuid(0), 0);
+    QCOMPARE(setegid(0), 0);
+    QVERIFY(!written);
+    QCOMPARE(error, EPERM);
+    QCOMPARE(readFile(file), QByteArray("old"));
+
+    QVERIFY(setOwner(sharedDirectory, bob, bob));
+    QVERIFY(pinned.write("new"));
+    QCOMPARE(readFile(file), QByteArray("new"));
+    QCOMPARE(statusOf(file).st_uid, bob);
+    QCOMPARE(statusOf(file).st_gid, bob);
+}
+
 void TstUserFiles::identityIsRestored()
 {
     const gid_t own[] = {961, 4, 1002};
@@ -936,6 +1160,32 @@ void TstUserFiles::identityCannotBeTaken()
     QVERIFY(!done);
     QCOMPARE(error, EPERM);
     QCOMPARE(after, before);
+    QCOMPARE(readFile(file), QByteArray("old"));
+}
+
+void TstUserFiles::halfAnIdentity_data()
+{
+    QTest::addColumn<int>("capability");
+    QTest::newRow("not the user") << CAP_SETUID;
+    QTest::newRow("not the group") << CAP_SETGID;
+}
+
+void TstUserFiles::halfAnIdentity()
+{
+    QFETCH(int, capability);
+
+    QVERIFY(writeFile(file, "old"));
+    QVERIFY(setOwner(file, bob, bob));
+    const PinnedFile pinned(file);
+    const Without capabilityNeeded(capability);
+    QVERIFY(capabilityNeeded.taken());
+    QByteArray content;
+    errno = 0;
+    QVERIFY(!pinned.read(content));
+    QCOMPARE(errno, EPERM);
+    errno = 0;
+    QVERIFY(!pinned.write("new"));
+    QCOMPARE(errno, EPERM);
     QCOMPARE(readFile(file), QByteArray("old"));
 }
 
