@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include "launcherarguments.h"
 #include "methodfixture.h"
 #include "support/logcapture.h"
 
@@ -296,16 +297,18 @@ void TstLaunch::launches()
 
 void TstLaunch::launcherAndArguments()
 {
-    QVERIFY(writeManifest(QStringLiteral("tarsk"), QStringLiteral("kavet_client"),
-                          QStringLiteral("/usr/bin/tarsk.kavet_client -x  'y z'"), {QStringLiteral("Token")}));
+    const QString command = QStringLiteral("/usr/bin/tarsk.kavet_client -x  'y z'");
+    QVERIFY(writeManifest(QStringLiteral("tarsk"), QStringLiteral("kavet_client"), command, {QStringLiteral("Token")}));
     QVERIFY(writeFile(QStringLiteral("/etc/varnet/permissions/Token.permission"), "net none"));
     MethodFixture f;
     f.d->currentUid = alice;
     QVERIFY(f.d->launchChild());
 
     QTRY_COMPARE(TestDevice::launches().size(), 1);
-    const QStringList expected = f.d->getLaunchArgs();
-    QCOMPARE(expected.size(), 21);
+    const QStringList expected =
+        launcherArguments({QStringLiteral("--profile=/etc/varnet/permissions/Token.permission"),
+                           QStringLiteral("--profile=/etc/varnet/permissions/Base.permission")},
+                          command);
     QCOMPARE(TestDevice::launches().constFirst().value(QLatin1String("arguments")).toArray(),
              QJsonArray::fromStringList(expected));
     QCOMPARE(f.d->child.program(), QStringLiteral("/usr/bin/firejail"));

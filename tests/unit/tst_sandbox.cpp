@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include "launcherarguments.h"
 #include "plugin/methodkavet.h"
 #include "plugin/methodkavetprivate.h"
 #include "support/logcapture.h"
@@ -91,30 +92,7 @@ void TstSandbox::stockManifest()
     LogCapture log(true);
     const Method method;
     const QStringList arguments = method.d->getLaunchArgs();
-
-    const QStringList expected = {
-        QStringLiteral("--quiet"),
-        QStringLiteral("--template=OrganizationName:tarsk"),
-        QStringLiteral("--template=ApplicationName:kavet_client"),
-        QStringLiteral("--private-bin=tarsk.kavet_client"),
-        QStringLiteral("--whitelist=/usr/share/tarsk.kavet_client"),
-        QStringLiteral("--whitelist=${HOME}/.local/share/tarsk.kavet_client"),
-        QStringLiteral("--whitelist=${HOME}/.config/tarsk.kavet_client"),
-        QStringLiteral("--whitelist=${HOME}/.cache/tarsk.kavet_client"),
-        QStringLiteral("--mkdir=${HOME}/.cache/tarsk/kavet_client"),
-        QStringLiteral("--whitelist=${HOME}/.cache/tarsk/kavet_client"),
-        QStringLiteral("--mkdir=${HOME}/.local/share/tarsk/kavet_client"),
-        QStringLiteral("--whitelist=${HOME}/.local/share/tarsk/kavet_client"),
-        QStringLiteral("--mkdir=${HOME}/.config/tarsk/kavet_client"),
-        QStringLiteral("--whitelist=${HOME}/.config/tarsk/kavet_client"),
-        QStringLiteral("--whitelist=/srv/shared/tarsk/kavet_client"),
-        QStringLiteral("--dbus-user.own=tarsk.kavet_client"),
-        QStringLiteral("--dbus-system.talk=qarv.AuthService"),
-        QStringLiteral("--profile=/etc/varnet/permissions/Base.permission"),
-        QStringLiteral("/usr/bin/tarsk.kavet_client"),
-        QStringLiteral("--no-gui"),
-    };
-    QCOMPARE(arguments, expected);
+    QCOMPARE(arguments, launcherArguments({baseProfile}, stockCommand));
     QCOMPARE(arguments.size(), 20);
     QVERIFY(log.lines().isEmpty());
 }
