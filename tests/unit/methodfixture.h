@@ -23,15 +23,15 @@ struct MethodFixture
 
     MethodFixture() { method.setNotificator(&daemon); }
 
-    /// Launches the scripted client for alice and waits for the link. `script` is its script without the socket. Clears
-    /// the recorded request for input; alice stays the user being authenticated.
-    bool link(QJsonObject script = {})
+    /// Launches the scripted client for `user` and waits for the link. `script` is its script without the socket.
+    /// Clears the recorded request for input; `user` stays the user being authenticated.
+    bool link(QJsonObject script = {}, uint user = TestDevice::alice)
     {
         // The method ignores a socket that appears before it knows that the process runs.
         const QString signalFile = QStringLiteral("/tmp/scripted-client/serve");
         script.insert(QStringLiteral("socket"), signalFile);
         TestDevice::setScript(script);
-        method.authenticate(TestDevice::alice, {});
+        method.authenticate(user, {});
         const bool linked = QTest::qWaitFor([this] { return d->child.clientRunning; })
                             && TestDevice::writeFile(signalFile, {})
                             && QTest::qWaitFor([this] { return !daemon.outcomes().isEmpty(); })

@@ -136,6 +136,7 @@ private Q_SLOTS:
     void userOfTheServer_data();
     void userOfTheServer();
 
+    void arguments_data();
     void arguments();
     void userWithoutName();
     void reply_data();
@@ -376,40 +377,46 @@ void TstClientLink::userOfTheServer()
     QCOMPARE(log.warnings().isEmpty(), linked);
 }
 
+void TstClientLink::arguments_data()
+{
+    QTest::addColumn<uint>("user");
+    QTest::addColumn<QString>("name");
+    QTest::newRow("alice") << TestDevice::alice << QStringLiteral("alice");
+    QTest::newRow("bob") << TestDevice::bob << QStringLiteral("bob");
+}
+
 void TstClientLink::arguments()
 {
+    QFETCH(uint, user);
+    QFETCH(QString, name);
     MethodFixture fixture;
-    QVERIFY(fixture.link());
+    QVERIFY(fixture.link({}, user));
     fixture.d->checkPassword(QStringLiteral("pass wörd"));
     QTRY_COMPARE(fixture.told().size(), 1);
     fixture.d->validateCert(QStringLiteral("pkcs11:object=a"), QStringLiteral("1234"));
     QTRY_COMPARE(fixture.told().size(), 2);
     fixture.d->getCertList();
     QTRY_COMPARE(fixture.told().size(), 3);
-    // The name is that of the user being authenticated.
-    fixture.d->currentUid = TestDevice::bob;
-    fixture.d->checkPassword(QStringLiteral("other"));
-    QTRY_COMPARE(fixture.told().size(), 4);
-    fixture.d->validateCert(QStringLiteral("pkcs11:object=b"), QStringLiteral("5678"));
-    QTRY_COMPARE(fixture.told().size(), 5);
 
     const QVector<QJsonArray> expected = {
-        {QStringLiteral("checkPassword"), QStringLiteral("alice"), QStringLiteral("pass wörd")},
-        {QStringLiteral("validateCert"), QStringLiteral("pkcs11:object=a"), QStringLiteral("alice"),
-         QStringLiteral("1234")},
+        {QStringLiteral("checkPassword"), name, QStringLiteral("pass wörd")},
+        {QStringLiteral("validateCert"), QStringLiteral("pkcs11:object=a"), name, QStringLiteral("1234")},
         {QStringLiteral("getCertList")},
-        {QStringLiteral("checkPassword"), QStringLiteral("bob"), QStringLiteral("other")},
-        {QStringLiteral("validateCert"), QStringLiteral("pkcs11:object=b"), QStringLiteral("bob"),
-         QStringLiteral("5678")},
     };
     QCOMPARE(TestDevice::calls(), expected);
+    QCOMPARE(TestDevice::callees(), QVector<uint>(3, user));
 }
 
 void TstClientLink::userWithoutName()
 {
     MethodFixture fixture;
     QVERIFY(fixture.link());
-    fixture.d->currentUid = 4242;
+    // The user is removed from the database while the client runs.
+    const QString database = QStringLiteral("/etc/passwd");
+    const QByteArray users = TestDevice::readFile(database);
+    QVERIFY(users.contains("\nalice:x:1000:"));
+    const auto restore = qScopeGuard([&] { TestDevice::writeFile(database, users); });
+    QVERIFY(TestDevice::writeFile(database, QByteArray(users).replace("\nalice:x:1000:", "\nalice:x:4242:")));
     fixture.d->checkPassword(QStringLiteral("secret"));
     QTRY_COMPARE(TestDevice::calls(),
                  (QVector<QJsonArray>{{QStringLiteral("checkPassword"), QString(), QStringLiteral("secret")}}));
@@ -613,19 +620,39 @@ void TstClientLink::destroyedWhileInFlight_data()
 void TstClientLink::destroyedWhileInFlight()
 {
     QFETCH(bool, available);
-    for (int i = 0; i < 2; ++i) {
-        TestDevice::reset();
-        RecordingDaemon daemon;
-        MethodFixture fixture;
-        QVERIFY(fixture.link({{QStringLiteral("certsAnswer"), QStringLiteral("never")}}));
-        fixture.method.setNotificator(&daemon);
-        fixture.d->checkPassword(QStringLiteral("never"));
-        fixture.d->getCertList();
-        QTRY_COMPARE(MethodFixture::calledMethods().size(), 2);
-        if (!available)
-            fixture.d->setChildUnavailable(true);
-        QVERIFY(daemon.outcomes().isEmpty());
-    }
+    RecordingDaemon daemon;
+    std::optional<MethodFixture> fixture(std::in_place);
+    QVERIFY(fixture->link({{QStringLiteral("certsAnswer"), QStringLiteral("never")}}));
+    fixture->method.setNotificator(&daemon);
+    fixture->d->checkPassword(QStringLiteral("never"));
+    fixture->d->getCertList();
+    QTRY_COMPARE(MethodFixture::calledMethods().size(), 2);
+    if (!available)
+        fixture->d->setChildUnavailable(true);
+    const QVector<Call> before = daemon.calls;
+    QVector<QPointer<QDBusPendingCallWatcher>> pending;
+    const auto watchers = fixture->d->findChildren<QDBusPendingCallWatcher *>();
+    for (QDBusPendingCallWatcher *watcher : watchers)
+        pending << watcher;
+    QCOMPARE(pending.size(), 2);
+    const QDBusConnection connection(fixture->d->connection);
+
+    const LogCapture log(true);
+    fixture.reset();
+    QVERIFY(std::all_of(pending.cbegin(), pending.cend(), [](const auto &watcher) { return watcher.isNull(); }));
+    // The library reports the end of the link to nobody.
+    QTRY_VERIFY(!connection.isConnected());
+    QCoreApplication::processEvents();
+    QCOMPARE(daemon.calls, before);
+    QVERIFY(log.lines().isEmpty());
+
+    // Another method makes a link of its own.
+    TestDevice::reset();
+    MethodFixture other;
+    QVERIFY(other.link());
+    other.d->checkPassword(success);
+    QTRY_COMPARE(other.told(), QVector<Call>{RecordingDaemon::succeeded()});
+    QVERIFY(log.warnings().isEmpty());
 }
 
 void TstClientLink::certListRequested()
