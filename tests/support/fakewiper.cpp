@@ -110,7 +110,13 @@ int main(int argc, char *argv[])
     if (!bus.registerVirtualObject(QStringLiteral("/"), &wiper, QDBusConnection::SubPath)
         || !bus.registerService(QStringLiteral("qarv.userdata.wiper")))
         qFatal("Cannot serve: %s", qPrintable(bus.lastError().message()));
-    std::puts("ready");
-    std::fflush(stdout);
+    // Until the event loop runs, the library holds calls back, and later ones may overtake them.
+    QMetaObject::invokeMethod(
+        &application,
+        [] {
+            std::puts("ready");
+            std::fflush(stdout);
+        },
+        Qt::QueuedConnection);
     return QCoreApplication::exec();
 }
