@@ -891,6 +891,7 @@ void TstLaunch::leftByAnotherUser()
              (QStringList{QStringLiteral("1000.conf"), QStringLiteral("1001.conf"), QStringLiteral("current.conf"),
                           QStringLiteral("fifo"), QStringLiteral("link"), QStringLiteral("notes")}));
     QCOMPARE(readFile(aliceFile), QByteArray("[General]\nattempts=3\nname=Ann\n"));
+    QCOMPARE(mode(clientDirectory), mode_t(0700)); // The client could not use it otherwise.
     f.d->child.uid = bob;
     QVERIFY(f.d->prepareEnvironment());
     QCOMPARE(entries(sharedDirectory),

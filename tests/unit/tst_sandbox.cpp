@@ -69,6 +69,7 @@ private Q_SLOTS:
     void commandIsOneArgument();
 
     void profileOfEitherDirectory();
+    void profileOfAnyKind();
     void baseProfileNeedNotExist();
     void permissionsInOrder();
     void oddPermissions();
@@ -128,6 +129,12 @@ void TstSandbox::oddNames()
         QStringLiteral("--no-gui"),
     };
     QCOMPARE(method.d->getLaunchArgs(), expected);
+
+    method.d->child.orgName = QStringLiteral(" a ");
+    method.d->child.appName = QStringLiteral(" b ");
+    QCOMPARE(method.d->getLaunchArgs().mid(1, 3),
+             (QStringList{QStringLiteral("--template=OrganizationName: a "),
+                          QStringLiteral("--template=ApplicationName: b "), QStringLiteral("--private-bin= a . b ")}));
 }
 
 void TstSandbox::commandIsOneArgument()
@@ -139,6 +146,11 @@ void TstSandbox::commandIsOneArgument()
     const QStringList arguments = method.d->getLaunchArgs();
     QCOMPARE(arguments.size(), 20);
     QCOMPARE(arguments.mid(17), (QStringList{baseProfile, command, QStringLiteral("--no-gui")}));
+
+    for (const QString &blank : {QStringLiteral("  /usr/bin/x\t "), QStringLiteral(" ")}) {
+        method.d->child.exec = blank;
+        QCOMPARE(method.d->getLaunchArgs().mid(18), (QStringList{blank, QStringLiteral("--no-gui")}));
+    }
 }
 
 void TstSandbox::profileOfEitherDirectory()
@@ -156,6 +168,19 @@ void TstSandbox::profileOfEitherDirectory()
     QVERIFY(QFile::remove(QStringLiteral("/var/lib/varnet/permissions/Token.permission")));
     QCOMPARE(profiles(permission), (QStringList{inEtc, baseProfile}));
     QVERIFY(log.lines().isEmpty());
+}
+
+void TstSandbox::profileOfAnyKind()
+{
+    const QString inEtc = QStringLiteral("/etc/varnet/permissions/Token.permission");
+    QVERIFY(grantInVar(QStringLiteral("Token")));
+    QVERIFY(QDir().mkpath(QStringLiteral("/etc/varnet/permissions")));
+    QVERIFY(QFile::link(QStringLiteral("/nowhere"), inEtc)); // does not exist
+    QCOMPARE(profiles({QStringLiteral("Token")}),
+             (QStringList{QStringLiteral("--profile=/var/lib/varnet/permissions/Token.permission"), baseProfile}));
+    QVERIFY(QFile::remove(inEtc));
+    QVERIFY(QDir().mkdir(inEtc));
+    QCOMPARE(profiles({QStringLiteral("Token")}), (QStringList{QStringLiteral("--profile=") + inEtc, baseProfile}));
 }
 
 void TstSandbox::baseProfileNeedNotExist()

@@ -102,6 +102,7 @@ private Q_SLOTS:
 
     void homeChangedForNobody();
     void homeChangedWithoutMarker();
+    void markerIsADirectory();
     void markerIsNotFollowed();
     void delayedLaunch();
     void delayedLaunchWithoutAuthentication();
@@ -555,7 +556,19 @@ void TstSession::homeChangedWithoutMarker()
     QVERIFY(QFile::remove(carolHome + QStringLiteral("/.qarv-startupwizard")));
 }
 
-// Any file at this path is the marker, even a dangling link.
+// Any file at this path is the marker, even a directory or a dangling link.
+void TstSession::markerIsADirectory()
+{
+    MethodFixture f;
+    f.method.handleUserSessionTriggered(carol, true, true);
+    QVERIFY(QDir().mkdir(carolMarker));
+    f.d->handleHomeDirectory(carolHome);
+    QVERIFY(!f.d->watcher.directories().contains(carolHome));
+    f.method.handleUserSessionTriggered(carol, true, true);
+    QVERIFY(!f.d->watcher.directories().contains(carolHome));
+    QVERIFY(QDir().rmdir(carolMarker));
+}
+
 void TstSession::markerIsNotFollowed()
 {
     MethodFixture f;

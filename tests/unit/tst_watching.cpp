@@ -110,6 +110,8 @@ private Q_SLOTS:
     void socketRemoved();
     void socketOfWrongOwner_data();
     void socketOfWrongOwner();
+    void socketIsAnotherKind_data();
+    void socketIsAnotherKind();
     void socketAppeared();
     void socketAppearedDuringAuthentication();
     void socketIsSeen();
@@ -130,6 +132,8 @@ private Q_SLOTS:
 
     void filesAreFollowed_data();
     void filesAreFollowed();
+    void replacedFilesAreFollowed_data();
+    void replacedFilesAreFollowed();
     void linksAreNotFollowed();
     void swappedForLinks();
     void noStorm_data();
@@ -278,6 +282,40 @@ void TstWatching::socketOfWrongOwner()
         QCOMPARE(log.debugs(), QStringList{QStringLiteral("handleChildSocket Wrong socket owner %1").arg(owner)});
         QCOMPARE(log.lines().size(), 1);
     }
+    QCOMPARE(f.d->clientStage, 1);
+    QVERIFY(f.daemon.calls.isEmpty());
+}
+
+void TstWatching::socketIsAnotherKind_data()
+{
+    QTest::addColumn<QString>("kind");
+    for (const char *kind : {"file", "directory", "FIFO", "link"})
+        QTest::newRow(kind) << QString::fromLatin1(kind);
+}
+
+void TstWatching::socketIsAnotherKind()
+{
+    QFETCH(QString, kind);
+
+    WatchingFixture f;
+    const QByteArray name = QFile::encodeName(socketPath);
+    const QString elsewhere = sharedDirectory + QStringLiteral("/socket");
+    f.d->currentUid = alice;
+    if (kind == QLatin1String("file")) {
+        QVERIFY(writeFile(socketPath, {}));
+    } else if (kind == QLatin1String("directory")) {
+        QVERIFY(QDir().mkdir(socketPath));
+    } else if (kind == QLatin1String("FIFO")) {
+        QCOMPARE(mkfifo(name.constData(), 0600), 0);
+    } else {
+        QVERIFY(leaveSocket(elsewhere, alice));
+        QVERIFY(QFile::link(elsewhere, socketPath));
+    }
+    QVERIFY(setOwner(socketPath, alice, group));
+    LogCapture log(true);
+    QVERIFY(!f.d->handleChildSocket(clientDirectory));
+    QVERIFY(!f.d->child.socketPresent);
+    QCOMPARE(log.debugs(), QStringList{QStringLiteral("handleChildSocket Not a socket")});
     QCOMPARE(f.d->clientStage, 1);
     QVERIFY(f.daemon.calls.isEmpty());
 }
@@ -653,6 +691,49 @@ void TstWatching::filesAreFollowed()
     QTRY_COMPARE(limit(), QStringLiteral("14"));
     QCOMPARE(f.d->watcher.files().size(), 2);
     qSetGlobalQHashSeed(-1);
+}
+
+void TstWatching::replacedFilesAreFollowed_data()
+{
+    QTest::addColumn<QString>("by");
+    for (const char *by : {"launch", "session", "directory"})
+        QTest::newRow(by) << QString::fromLatin1(by);
+}
+
+// The watcher has not reported yet that both files were replaced.
+void TstWatching::replacedFilesAreFollowed()
+{
+    QFETCH(QString, by);
+
+    MethodFixture f;
+    QVERIFY(f.link());
+    QVERIFY(rewrite(aliceFile, attempts, QStringLiteral("1")));
+    QVERIFY(rewrite(currentPolicy, maxAttempts, QStringLiteral("11")));
+    QTRY_VERIFY(f.d->watcher.files().contains(currentPolicy));
+    QTRY_COMPARE(f.method.getOptionInternal(alice, attempts), QVariant(QStringLiteral("1")));
+    QVERIFY(replace(aliceFile, attempts, QStringLiteral("1"))); // so that a launch keeps it
+    QVERIFY(replace(currentPolicy, maxAttempts, QStringLiteral("12")));
+    if (by == QLatin1String("launch")) {
+        f.d->child.clientRunning = false;
+        QVERIFY(f.d->launchChild());
+        f.d->child.clientRunning = true;
+    } else if (by == QLatin1String("session")) {
+        f.method.handleUserSessionTriggered(alice, true, false);
+    } else {
+        f.d->handleChildSharedDirectory(sharedDirectory);
+    }
+    // From here on, only the watches of the files tell of their changes.
+    QVERIFY(f.d->watcher.removePath(sharedDirectory));
+    for (int limit = 13; limit < 16; ++limit) {
+        QVERIFY(rewrite(currentPolicy, maxAttempts, QString::number(limit)));
+        QTRY_COMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QString::number(limit)));
+    }
+    if (by == QLatin1String("session"))
+        return; // It does not watch the user's file.
+    for (int count = 2; count < 5; ++count) {
+        QVERIFY(rewrite(aliceFile, attempts, QString::number(count)));
+        QTRY_COMPARE(f.method.getOptionInternal(alice, attempts), QVariant(QString::number(count)));
+    }
 }
 
 void TstWatching::linksAreNotFollowed()
