@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTest>
 
 #include <cstdio>
@@ -787,6 +788,52 @@ private Q_SLOTS:
         // The packaged limit belongs to the system.
         QVERIFY(writePolicy(TestDevice::packagedPolicy, "8"));
         fixture.d->syncPolicy(TestDevice::packagedPolicy, true);
+        QVERIFY(!QFile::exists(systemLimit));
+    }
+
+    void systemLimitIsSavedAnew()
+    {
+        Fixture fixture;
+        QVERIFY(fixture.method.setOption(0, maxAttempts, 3));
+        fixture.d->child.uid = TestDevice::alice;
+        QVERIFY(TestDevice::writeFile(TestDevice::currentPolicy, {}));
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        QVERIFY(TestDevice::readFile(systemLimit).contains("no-limit-taken=true\n"));
+
+        // Nothing remains of what was saved for alice.
+        QVERIFY(fixture.method.setOption(0, maxAttempts, 4));
+        fixture.d->child.uid = TestDevice::bob;
+        QVERIFY(writePolicy(TestDevice::currentPolicy, "6"));
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        QCOMPARE(TestDevice::readFile(systemLimit), QByteArray("[General]\nmax-attempts=4\nuser=1001\n"));
+    }
+
+    void systemLimitIsKeptUntilRestored()
+    {
+        Fixture fixture;
+        QVERIFY(fixture.method.setOption(0, maxAttempts, 3));
+        fixture.d->child.uid = TestDevice::alice;
+        QVERIFY(writePolicy(TestDevice::currentPolicy, "5"));
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        QVERIFY(QFile::remove(TestDevice::currentPolicy));
+        const QByteArray memory = TestDevice::readFile(systemLimit);
+        QVERIFY(!memory.isEmpty());
+
+        // The settings can be read but not replaced.
+        const QByteArray settings = QFile::encodeName(marker);
+        QCOMPARE(mount(settings.constData(), settings.constData(), nullptr, MS_BIND, nullptr), 0);
+        const auto unmount = qScopeGuard([&settings] { umount2(settings.constData(), MNT_DETACH); });
+        QVERIFY(writePolicy(TestDevice::packagedPolicy, "8"));
+        fixture.d->syncPolicy(TestDevice::packagedPolicy, true);
+        QCOMPARE(TestDevice::readFile(systemLimit), memory);
+        fixture.d->currentUid = TestDevice::bob;
+        QVERIFY(fixture.d->launchChild());
+        QCOMPARE(TestDevice::readFile(systemLimit), memory);
+        QCOMPARE(fixture.max(), QVariant(text("5")));
+
+        QCOMPARE(umount2(settings.constData(), MNT_DETACH), 0);
+        QVERIFY(fixture.d->launchChild());
+        QCOMPARE(fixture.max(), QVariant(3));
         QVERIFY(!QFile::exists(systemLimit));
     }
 
