@@ -657,7 +657,9 @@ void TstClientLink::destroyedWhileInFlight()
 
 void TstClientLink::certListRequested()
 {
-    const QStringList list = {QStringLiteral("pkcs11:object=a"), QStringLiteral("pkcs11:object=ä")};
+    // The list is reported as it is, in its order and with duplicates.
+    const QStringList list = {QStringLiteral("pkcs11:object=ä"), QStringLiteral("pkcs11:object=a"),
+                              QStringLiteral("pkcs11:object=ä")};
     MethodFixture fixture;
     QVERIFY(fixture.link({{certs, QJsonArray::fromStringList(list)}}));
     fixture.d->certListPending = true;
