@@ -49,7 +49,7 @@ Line nextLine(const QByteArray &content, int position)
             break;
         if (c == '"')
             inQuotes = !inQuotes;
-        else if (c == '=' && !inQuotes && line.equalsSign == -1)
+        else if (c == '=' && line.equalsSign == -1)
             line.equalsSign = line.end;
         else if (c == '\\' && line.end + 1 < size)
             line.end += isLineEnd(content.at(line.end + 1)) ? SettingsValue::lineEndSize(content, line.end + 1) : 1;
@@ -85,7 +85,7 @@ bool isSetting(const QByteArray &content, const Line &line, const QString &key)
             memcpy(digits, content.constData() + first, size_t(std::max(0, std::min(size, end - first))));
             char *rest = digits;
             const long code = strtol(digits, &rest, 16);
-            if (first + size <= end && rest > digits && *rest == '\0') {
+            if (first + size <= end && *rest == '\0') {
                 c = QChar(ushort(code));
                 i = first + size;
             }
