@@ -372,13 +372,15 @@ void TstUserSettings::cleanup()
 
 void TstUserSettings::read()
 {
-    QVERIFY(writeFile(file, "early=1\n[Other]\nattempts=5\n[General]\nattempts=3\ntext=\"a b\"\nlist=x, y\n"));
+    QVERIFY(writeFile(file, "early=1\n[Other]\nattempts=5\n[General]\nattempts=3\ntext=\"a b\"\nlist=x, y\n"
+                            "bytes=@ByteArray(\xe4)\n"));
     const UserSettings settings(file);
     QCOMPARE(settings.value(attempts, 0), QVariant(QStringLiteral("3")));
     QCOMPARE(settings.value(QStringLiteral("early"), 0), QVariant(QStringLiteral("1")));
     QCOMPARE(settings.value(QStringLiteral("text"), 0), QVariant(QStringLiteral("a b")));
     QCOMPARE(settings.value(QStringLiteral("list"), 0),
              QVariant(QStringList{QStringLiteral("x"), QStringLiteral("y")}));
+    QCOMPARE(settings.value(QStringLiteral("bytes"), 0), QVariant(QByteArray("\xe4")));
     QCOMPARE(settings.value(QStringLiteral("none"), 7), QVariant(7));
     QCOMPARE(settings.value(QStringLiteral("none"), QVariant()), QVariant());
 
@@ -412,6 +414,19 @@ void TstUserSettings::written()
     QCOMPARE(statusOf(file).st_mode, before.st_mode);
     QCOMPARE(statusOf(file).st_uid, alice);
     QCOMPARE(statusOf(file).st_gid, clientGroup);
+
+    // Words, numbers and printable characters stay legible.
+    const QVector<QPair<QString, QByteArray>> values = {
+        {text("-12a"), "-12a"},
+        {text("a b"), "\"a b\""},
+        {text("\x1f~\x7fg"), "\"\\x1f~\\x7fg\""},
+        {text("\u20ac"), "\"\\x20ac\""},
+    };
+    for (const auto &value : values) {
+        QVERIFY(writeFile(file, "[General]\nattempts=3\n"));
+        UserSettings(file).setValue(attempts, value.first);
+        QCOMPARE(readFile(file), "[General]\nattempts=" + value.second + '\n');
+    }
 
     // Settings are added to a file without any.
     QVERIFY(writeFile(file, ""));
@@ -562,6 +577,9 @@ void TstUserSettings::objects_data()
     QTest::newRow("rectangle") << QByteArray("@Rect(1 2 3 4)") << missing;
     QTest::newRow("size") << QByteArray("@Size(1 2)") << missing;
     QTest::newRow("point") << QByteArray("@Point(1 2)") << missing;
+    for (const char *text :
+         {"@Rect(1 2 3)", "@Rect(1 2 3 4 5)", "@Size(1)", "@Size(1 2 3)", "@Point(1)", "@Point(1 2 3)"})
+        QTest::newRow(text) << QByteArray(text) << QVariant(QString::fromLatin1(text));
     QTest::newRow("point in a list") << QByteArray("1, @Point(1 2)") << missing;
 }
 
@@ -636,11 +654,14 @@ void TstUserSettings::foreignLinesStay_data()
     row("in another general group", "[General]\n[Other]\nx=1\n[General]\nattempts=2\n",
         "[General]\n[Other]\nx=1\n[General]\nattempts=9\n");
     row("key by its codes", "%61ttempts=2\n", "attempts=9\n");
+    row("key with half a code", "attempt%U73=2\n", "[General]\nattempts=9\nattempt%U73=2\n");
+    row("key with a wrong code", "%U61zzttempts=2\n", "[General]\nattempts=9\n%U61zzttempts=2\n");
     row("continued", "attempts=2 \\\n3\nb=1\n", "attempts=9\nb=1\n");
     row("open quote", "a=1\nattempts=\"2\nb=1\n", "a=1\nattempts=9");
     row("below the header", "[General]\na=1\n", "[General]\nattempts=9\na=1\n");
     row("below the last header", "[General]\na=1\n[Other]\n[general]\n\n",
         "[General]\na=1\n[Other]\n[general]\nattempts=9\n\n");
+    row("header between blanks", "[ \t\v\f General\f\v\t ]\na=1\n", "[ \t\v\f General\f\v\t ]\nattempts=9\na=1\n");
     row("header with more on its line", "[General] a=1\n", "[General] a=1\nattempts=9\n");
     row("header with a comment", "[General];c\n", "[General]\nattempts=9;c\n");
     row("header of a carriage return", "[General]\r\na=1\r\n", "[General]\nattempts=9\r\na=1\r\n");
