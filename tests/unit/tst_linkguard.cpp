@@ -440,6 +440,8 @@ void TstLinkGuard::messages_data()
     QTest::newRow("one too many") << message(100).repeated(17) << true;
     QTest::newRow("a line") << QByteArray("AGREE_UNIX_FD\r\n").repeated(2) << true;
     QTest::newRow("longest header") << message(10000, "as", sender.repeated(254)) << false;
+    QTest::newRow("header a byte too long")
+        << message(10000, "as", sender.repeated(254)).replace(12, 4, number(4081, false)) << true;
     QTest::newRow("too long header") << message(10000, "s", sender.repeated(254) + QByteArray("\x09\x01u\0\0\0\0\0", 8))
                                      << true;
     QTest::newRow("long header") << message(10000, "s", sender.repeated(300)) << true;
