@@ -535,9 +535,8 @@ void TstUserFiles::changedWhileItIsPinned()
                                                                                                              : errno;
         },
         [&](const SystemCall &call) {
-            if (when == QLatin1String("look") && opens(call, O_PATH))
-                done = fill();
-            else if (!done && when == QLatin1String("create") && opens(call, O_CREAT | O_EXCL))
+            if ((when == QLatin1String("look") && opens(call, O_PATH))
+                || (!done && when == QLatin1String("create") && opens(call, O_CREAT | O_EXCL)))
                 done = fill();
             else if (!done && when == QLatin1String("move") && call.entry.nr == renameCall)
                 done = QFile::remove(file);
