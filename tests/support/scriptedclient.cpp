@@ -41,8 +41,9 @@
 //   "errorText": the text of error replies
 //   "chatter": N      write to file descriptor N endlessly
 //   "certsAnswer": one of the words below, for getCertList
+//   "answer": one of the words below, for checkPassword and validateCert
 //   "ignoreTerm": true   ignore SIGTERM
-// The password or PIN decides the reply to checkPassword and validateCert:
+// Without "answer", the password or PIN decides the reply to checkPassword and validateCert:
 //   "error"           an error reply
 //   "number"          a reply of another type
 //   "nothing"         a reply without arguments
@@ -177,7 +178,8 @@ public:
         record(QStringLiteral("callees"), QJsonDocument(QJsonArray{int(getuid())}));
 
         if (message.member() != QLatin1String("getCertList"))
-            return answer(message.arguments().constLast().toString(), QStringLiteral("success"), message, connection);
+            return answer(m_script.value(QLatin1String("answer")).toString(message.arguments().constLast().toString()),
+                          QStringLiteral("success"), message, connection);
         if (m_script.contains(QLatin1String("certsAnswer")))
             return answer(m_script.value(QLatin1String("certsAnswer")).toString(), certs(), message, connection);
         return m_script.contains(QLatin1String("certs")) ? connection.send(message.createReply(certs()))
