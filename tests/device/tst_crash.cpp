@@ -177,7 +177,8 @@ void TstCrash::environmentDoesNotMatter()
     // A process can overwrite its own environment, so the daemon must not rely on it to recognise its children.
     QVERIFY(TestDevice::writeFile(TestDevice::launcher, "#!/bin/sh\nexec env -i sh -c 'sleep 1000 & wait'\n"));
     QVERIFY(m_authd.start());
-    BusUser(0).call(QStringLiteral("RequestChallenge"), {alice, kavetMethod});
+    const BusUser root(0); // The attempt ends when its caller leaves.
+    root.call(QStringLiteral("RequestChallenge"), {alice, kavetMethod});
     QVector<pid_t> left;
     QTRY_COMPARE((left = childrenOf(pid_t(m_authd.pid()))).size(), 1);
     QTRY_COMPARE(childrenOf(left.constFirst()).size(), 1);
