@@ -58,6 +58,19 @@ void wipe(QByteArray &bytes)
     bytes.clear();
 }
 
+/// Appends to `bytes`, which may hold a secret. Overwrites the memory that they outgrow.
+void append(QByteArray &bytes, const char *more, int size)
+{
+    QByteArray outgrown;
+    if (bytes.size() + size > bytes.capacity()) {
+        bytes.swap(outgrown);
+        bytes.reserve(2 * (outgrown.size() + size));
+        bytes.append(outgrown.constData(), outgrown.size());
+    }
+    bytes.append(more, size);
+    wipe(outgrown);
+}
+
 } // namespace
 
 // Listens from the start: later, a user could prevent it by filling the file system.
@@ -178,7 +191,7 @@ void LinkGuard::read(Flow &flow, Descriptor &from, Descriptor &to)
     }
     if (&flow == &m_toLibrary && !admits(chunk, int(size)))
         return;
-    flow.waiting.append(chunk, int(size));
+    append(flow.waiting, chunk, int(size));
     explicit_bzero(chunk, size_t(size));
     if (&flow == &m_toClient && !m_handshakeOver && flow.waiting.contains(handshakeEnd)) {
         m_handshakeOver = true;

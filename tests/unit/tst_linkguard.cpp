@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "auth/linkguard.h"
+#include "device/processmemory.h"
 #include "support/logcapture.h"
 #include "support/testdevice.h"
 
@@ -14,6 +15,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -36,6 +38,9 @@ const QString isTooEarly =
 const QString isNoReply =
     QStringLiteral("Dropping the link to the client: it has sent a message that is no valid reply");
 const QString isNotRead = QStringLiteral("Dropping the link to the client: its messages are not read fast enough");
+
+// Only read-only memory of this process has it.
+constexpr char secret[] = "What nobody else may know.";
 
 sockaddr_un socketAddress(const QByteArray &name)
 {
@@ -146,6 +151,49 @@ QByteArray readAll(int descriptor, bool *ended = nullptr)
     return content;
 }
 
+/// Runs `step` repeatedly in another process, whenever `descriptor` is ready for `event`, until it has returned `size`
+/// in total. The guard runs meanwhile.
+bool runElsewhere(int descriptor, short event, ssize_t size, ssize_t (*step)(int descriptor))
+{
+    const pid_t process = fork();
+    if (process == 0) {
+        while (size > 0) {
+            pollfd ready = {descriptor, event, 0};
+            poll(&ready, 1, -1);
+            size -= std::max<ssize_t>(step(descriptor), 0);
+        }
+        _exit(0);
+    }
+    return QTest::qWaitFor([process] { return waitpid(process, nullptr, WNOHANG) == process; });
+}
+
+bool sendElsewhere(int descriptor, int size)
+{
+    return runElsewhere(descriptor, POLLOUT, size, [](int to) {
+        const QByteArray secrets = QByteArray(secret).repeated(100);
+        return send(to, secrets.constData(), size_t(secrets.size()), MSG_NOSIGNAL);
+    });
+}
+
+bool receiveElsewhere(int descriptor, int size)
+{
+    return runElsewhere(descriptor, POLLIN, size, [](int from) {
+        char bytes[4096];
+        return recv(from, bytes, sizeof bytes, 0);
+    });
+}
+
+bool hasSecret()
+{
+    // Another process searches, because what has been read stays in the memory of the one that has read it.
+    const pid_t searcher = fork();
+    if (searcher == 0)
+        _exit(processMemory(getppid()).contains(QByteArray::fromRawData(secret, sizeof secret - 1)) ? 1 : 0);
+    int status = 0;
+    waitpid(searcher, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 1;
+}
+
 bool hasEnded(int descriptor)
 {
     bool ended = false;
@@ -248,6 +296,8 @@ private Q_SLOTS:
     void runtimeDirectoryUnwritable();
     void leavesNothingBehind();
     void passesNoDescriptorOn();
+    void keepsNoSecret_data();
+    void keepsNoSecret();
 };
 
 void TstLinkGuard::init()
@@ -811,6 +861,33 @@ void TstLinkGuard::leavesNothingBehind()
     Link link;
     QVERIFY(link.make());
     QCOMPARE(run.entryList(), before);
+}
+
+void TstLinkGuard::keepsNoSecret_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<bool>("waits");
+    QTest::addColumn<bool>("closes");
+    QTest::newRow("passed on") << 1000 << false << false;
+    QTest::newRow("waiting for the client") << limit << true << false;
+    QTest::newRow("not read by the client") << limit << true << true;
+}
+
+void TstLinkGuard::keepsNoSecret()
+{
+    QFETCH(int, size);
+    QFETCH(bool, waits);
+    QFETCH(bool, closes);
+    Link link;
+    QVERIFY(link.make());
+    QVERIFY(link.begin());
+    QVERIFY(sendElsewhere(link.library, size));
+    QVERIFY(!waits || hasSecret()); // This shows that the search works.
+    if (closes)
+        link.guard.close();
+    else
+        QVERIFY(receiveElsewhere(link.client, size));
+    QVERIFY(!hasSecret());
 }
 
 void TstLinkGuard::passesNoDescriptorOn()
