@@ -22,6 +22,7 @@
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -166,6 +167,29 @@ uint TestDevice::groupId(const char *name)
 {
     const struct group *entry = getgrnam(name);
     return entry ? entry->gr_gid : 0;
+}
+
+pid_t TestDevice::idleProcess(const std::function<bool()> &prepare)
+{
+    int ready[2] = {};
+    if (pipe(ready) != 0)
+        return -1;
+    const pid_t process = fork();
+    if (process == 0) {
+        signal(SIGCHLD, SIG_DFL); // QProcess's handler would reap the children of others.
+        if (!prepare())
+            _exit(1);
+        (void)!write(ready[1], "x", 1);
+        for (;;)
+            pause();
+    }
+    close(ready[1]);
+    char byte = 0;
+    const bool isPrepared = read(ready[0], &byte, 1) == 1;
+    close(ready[0]);
+    if (!isPrepared)
+        waitpid(process, nullptr, 0);
+    return isPrepared ? process : -1;
 }
 
 void TestDevice::setScript(const QJsonObject &script)

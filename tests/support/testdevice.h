@@ -10,6 +10,9 @@
 #include <QStringList>
 #include <QVector>
 
+#include <functional>
+#include <sys/types.h>
+
 /// The disposable device of the plugin's tests: users, paths, and the scripted client in place of the sandbox launcher.
 /// Every test starts with reset().
 namespace TestDevice {
@@ -52,6 +55,10 @@ bool writeManifest(const QString &organization, const QString &application, cons
 bool writeSetting(const QString &path, const QString &key, const QString &value);
 /// The gid of a group; 0 if there is none.
 uint groupId(const char *name);
+
+/// Forks a process that calls `prepare` and then waits to be killed. Returns its process id as soon as `prepare` has
+/// returned true, or -1 if that returns false.
+pid_t idleProcess(const std::function<bool()> &prepare);
 
 /// Sets the script of the next scripted client; see scriptedclient.cpp for the keys.
 void setScript(const QJsonObject &script);

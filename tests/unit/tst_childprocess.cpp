@@ -616,24 +616,13 @@ private Q_SLOTS:
         child.start(QStringLiteral("/bin/bash"),
                     {QStringLiteral("-c"), QStringLiteral("read name; printf %s $name >/proc/$$/comm; echo; read")});
         QVERIFY(child.waitForStarted());
-        int ready[2] = {};
-        QCOMPARE(pipe(ready), 0);
         const pid_t process = pid_t(child.processId());
-        const pid_t spared = fork();
-        if (spared == 0) {
-            signal(SIGCHLD, SIG_DFL);
+        const pid_t spared = TestDevice::idleProcess([traces, process] {
             signal(SIGTERM, SIG_DFL); // the test framework handles it
-            if (traces ? ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0
-                       : setresuid(TestDevice::bob, TestDevice::bob, TestDevice::bob) == 0)
-                (void)!write(ready[1], "x", 1);
-            close(ready[1]);
-            for (;;)
-                pause();
-        }
-        close(ready[1]);
-        char byte = 0;
-        QCOMPARE(read(ready[0], &byte, 1), ssize_t(1));
-        close(ready[0]);
+            return traces ? ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0
+                          : setresuid(TestDevice::bob, TestDevice::bob, TestDevice::bob) == 0;
+        });
+        QVERIFY(spared > 0);
         child.write((traces ? QByteArray("name") : "TracerPid:" + QByteArray::number(spared)) + '\n');
         QVERIFY(child.waitForReadyRead());
 

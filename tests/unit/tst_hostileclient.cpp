@@ -608,25 +608,14 @@ void TstHostileClient::tracedClient()
     auto fixture = std::make_unique<MethodFixture>();
     QVERIFY(startAlice(*fixture, {}, success));
     QTRY_COMPARE(fixture->told(), QVector<Call>{RecordingDaemon::succeeded()});
-    int ready[2] = {};
-    QCOMPARE(pipe(ready), 0);
     const pid_t process = launchedProcesses().constFirst();
     const uint group = groupId("auth-factor");
-    const pid_t tracer = fork();
-    if (tracer == 0) {
+    const pid_t tracer = TestDevice::idleProcess([process, group] {
         const gid_t groups[] = {groupId("inet")};
-        signal(SIGCHLD, SIG_DFL); // QProcess's handler would notice the client's end.
-        if (setgroups(1, groups) == 0 && setresgid(group, group, group) == 0 && setresuid(alice, alice, alice) == 0
-            && ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0)
-            (void)!write(ready[1], "x", 1);
-        close(ready[1]);
-        for (;;)
-            pause();
-    }
-    close(ready[1]);
-    char byte = 0;
-    QCOMPARE(read(ready[0], &byte, 1), ssize_t(1));
-    close(ready[0]);
+        return setgroups(1, groups) == 0 && setresgid(group, group, group) == 0 && setresuid(alice, alice, alice) == 0
+               && ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0;
+    });
+    QVERIFY(tracer > 0);
 
     QElapsedTimer timer;
     timer.start();

@@ -7,12 +7,14 @@
 
 #include <QDir>
 #include <QFile>
+#include <QScopeGuard>
 #include <QTest>
 #include <QtEndian>
 
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <functional>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -76,35 +78,16 @@ QByteArray libraryPath(const LinkGuard &guard)
     return guard.address().mid(int(std::strlen("unix:path="))).toLatin1();
 }
 
-/// A process of another user, ended on destruction.
-class Process
+/// The result of `function` in another process.
+int runElsewhere(const std::function<int()> &function)
 {
-public:
-    template <typename Function>
-    explicit Process(const Function &function)
-        : m_pid(fork())
-    {
-        if (m_pid == 0) {
-            function();
-            _exit(0);
-        }
-    }
-    ~Process()
-    {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-    }
-    int exitCode()
-    {
-        int status = 0;
-        waitpid(m_pid, &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    const pid_t m_pid;
-    Q_DISABLE_COPY(Process)
-};
+    const pid_t process = fork();
+    if (process == 0)
+        _exit(function());
+    int status = 0;
+    waitpid(process, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 /// A guard with a link, and the non-blocking sockets of both ends.
 struct Link
@@ -151,9 +134,9 @@ QByteArray readAll(int descriptor, bool *ended = nullptr)
     return content;
 }
 
-/// Runs `step` repeatedly in another process, whenever `descriptor` is ready for `event`, until it has returned `size`
-/// in total. The guard runs meanwhile.
-bool runElsewhere(int descriptor, short event, ssize_t size, ssize_t (*step)(int descriptor))
+/// Calls `step` in another process, whenever `descriptor` is ready for `event`, until it has returned `size` in total.
+/// The guard runs meanwhile.
+bool repeatElsewhere(int descriptor, short event, ssize_t size, ssize_t (*step)(int descriptor))
 {
     const pid_t process = fork();
     if (process == 0) {
@@ -169,7 +152,7 @@ bool runElsewhere(int descriptor, short event, ssize_t size, ssize_t (*step)(int
 
 bool sendElsewhere(int descriptor, int size)
 {
-    return runElsewhere(descriptor, POLLOUT, size, [](int to) {
+    return repeatElsewhere(descriptor, POLLOUT, size, [](int to) {
         const QByteArray secrets = QByteArray(secret).repeated(100);
         return send(to, secrets.constData(), size_t(secrets.size()), MSG_NOSIGNAL);
     });
@@ -177,7 +160,7 @@ bool sendElsewhere(int descriptor, int size)
 
 bool receiveElsewhere(int descriptor, int size)
 {
-    return runElsewhere(descriptor, POLLIN, size, [](int from) {
+    return repeatElsewhere(descriptor, POLLIN, size, [](int from) {
         char bytes[4096];
         return recv(from, bytes, sizeof bytes, 0);
     });
@@ -186,12 +169,10 @@ bool receiveElsewhere(int descriptor, int size)
 bool hasSecret()
 {
     // Another process searches, because what has been read stays in the memory of the one that has read it.
-    const pid_t searcher = fork();
-    if (searcher == 0)
-        _exit(processMemory(getppid()).contains(QByteArray::fromRawData(secret, sizeof secret - 1)) ? 1 : 0);
-    int status = 0;
-    waitpid(searcher, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 1;
+    return runElsewhere([] {
+               return processMemory(getppid()).contains(QByteArray::fromRawData(secret, sizeof secret - 1)) ? 1 : 0;
+           })
+           == 1;
 }
 
 bool hasEnded(int descriptor)
@@ -768,23 +749,20 @@ void TstLinkGuard::peersUser()
     QFETCH(uint, peer);
     QFETCH(uint, user);
     QFETCH(bool, accepted);
-    int ready[2] = {};
-    QCOMPARE(pipe(ready), 0);
     QFile::remove(path);
-    const Process server([&ready, peer] {
-        if (setresgid(peer, peer, peer) == 0 && setresuid(peer, peer, peer) == 0 && listenAt(path) != -1)
-            (void)!write(ready[1], "x", 1);
-        pause();
+    const pid_t server = TestDevice::idleProcess([peer] {
+        return setresgid(peer, peer, peer) == 0 && setresuid(peer, peer, peer) == 0 && listenAt(path) != -1;
     });
-    char byte = 0;
-    QCOMPARE(read(ready[0], &byte, 1), ssize_t(1));
+    QVERIFY(server > 0);
+    const auto end = qScopeGuard([server] {
+        kill(server, SIGKILL);
+        waitpid(server, nullptr, 0);
+    });
     QVERIFY(TestDevice::setOwner(path, user, user));
     LinkGuard guard;
     QCOMPARE(guard.connectToClient(path, user), accepted);
     if (!accepted)
         QCOMPARE(guard.errorString(), QStringLiteral("Operation not permitted"));
-    close(ready[0]);
-    close(ready[1]);
 }
 
 void TstLinkGuard::onlyThisProcess()
@@ -794,14 +772,15 @@ void TstLinkGuard::onlyThisProcess()
     QVERIFY(guard.connectToClient(path, 0));
     const QByteArray reachable =
         "/proc/" + QByteArray::number(getpid()) + libraryPath(guard).mid(int(std::strlen("/proc/self")));
-    Process stranger([&reachable] {
+    const auto connects = [&reachable] {
+        return connectTo(reachable) == -1 ? 0 : 1;
+    };
+    const int stranger = runElsewhere([connects] {
         const bool dropped = setresgid(alice, alice, alice) == 0 && setresuid(alice, alice, alice) == 0;
-        _exit(!dropped ? 2 : connectTo(reachable) == -1 ? 0 : 1);
+        return dropped ? connects() : 2;
     });
-    QCOMPARE(stranger.exitCode(), 0);
-    // Root's own processes could.
-    Process relative([&reachable] { _exit(connectTo(reachable) == -1 ? 1 : 0); });
-    QCOMPARE(relative.exitCode(), 0);
+    QCOMPARE(stranger, 0);
+    QCOMPARE(runElsewhere(connects), 1); // Root's own processes could.
     QVERIFY(!guard.acceptLibrary());
     QVERIFY(!guard.isOpen());
     close(listener);
