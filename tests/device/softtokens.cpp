@@ -18,7 +18,6 @@ const QString directory = QStringLiteral("/home/alice/tokens");
 const QString elsewhere = QStringLiteral("/home/alice/removed");
 const QString configuration = QStringLiteral("/home/alice/softhsm2.conf");
 const QString authorities = QStringLiteral("/home/alice/ca");
-const QString softModule = QStringLiteral("/usr/lib/softhsm/libsofthsm2.so");
 const QString servedSocket = QStringLiteral("/run/user/1000/p11-kit/pkcs11");
 constexpr int patience = 30000; // Milliseconds.
 const QString adminPin = QStringLiteral("99999999");
@@ -135,7 +134,7 @@ QStringList idOption(const QString &id)
 bool pkcs11Tool(const QString &label, const QString &tokenPin, const QStringList &arguments)
 {
     return run(QStringLiteral("pkcs11-tool"),
-               QStringList{QStringLiteral("--module"), softModule, QStringLiteral("--token-label"), label,
+               QStringList{QStringLiteral("--module"), SoftTokens::module, QStringLiteral("--token-label"), label,
                            QStringLiteral("--login"), QStringLiteral("--pin"), tokenPin}
                    + arguments);
 }
@@ -150,7 +149,8 @@ bool SoftTokens::reset()
     for (const QString &name : left)
         QFile::remove(home + QLatin1Char('/') + name);
     if (!makeDirectory(directory) || !makeDirectory(authorities)
-        || !TestDevice::writeFile(configuration, "directories.tokendir = " + directory.toUtf8() + "\n"))
+        || !TestDevice::writeFile(configuration,
+                                  "directories.tokendir = " + directory.toUtf8() + "\nslots.removable = true\n"))
         return false;
     return makeRsaKey(QStringLiteral("rsa")) && makeRsaKey(QStringLiteral("rsa-other"))
            && makeEcKey(QStringLiteral("ec"), QStringLiteral("P-256"))
@@ -166,12 +166,11 @@ QStringList SoftTokens::environment()
     return {QStringLiteral("SOFTHSM2_CONF=") + configuration};
 }
 
-bool SoftTokens::serve(const QString &module)
+bool SoftTokens::serve(const QString &provider)
 {
     return makeDirectory(QFileInfo(servedSocket).path())
-           && run(QStringLiteral("p11-kit"),
-                  {QStringLiteral("server"), QStringLiteral("--name"), servedSocket, QStringLiteral("--provider"),
-                   module.isEmpty() ? softModule : module, QStringLiteral("pkcs11:")})
+           && run(QStringLiteral("p11-kit"), {QStringLiteral("server"), QStringLiteral("--name"), servedSocket,
+                                              QStringLiteral("--provider"), provider, QStringLiteral("pkcs11:")})
            // The command returns before the server listens.
            && QTest::qWaitFor([] { return isServed(servedSocket); }, patience);
 }
@@ -260,6 +259,27 @@ bool SoftTokens::putCert(const QString &label, const QString &id, const QString 
                          QStringList{QStringLiteral("--write-object"), der, QStringLiteral("--type"),
                                      QStringLiteral("cert"), QStringLiteral("--label"), certLabel}
                              + idOption(id));
+}
+
+bool SoftTokens::multiply(const QByteArray &id, int count)
+{
+    // Edit the token's files, because the tools would take minutes.
+    const QString token = directory + QLatin1Char('/')
+                          + QDir(directory).entryList(QDir::Dirs | QDir::NoDotAndDotDot).value(0) + QLatin1Char('/');
+    int number = 0;
+    const QStringList files = QDir(token).entryList({QStringLiteral("*.object")});
+    for (const QString &file : files) {
+        const QByteArray object = TestDevice::readFile(token + file);
+        for (int i = 1; i < count && object.contains(id); ++i) {
+            const QByteArray another = QByteArray(object).replace(id, id.chopped(2) + char(i / 256) + char(i % 256));
+            const QString name =
+                token + QStringLiteral("00000000-0000-0000-0000-%1.object").arg(++number, 12, 10, QLatin1Char('0'));
+            if (!TestDevice::writeFile(name, another)
+                || !TestDevice::setOwner(name, TestDevice::alice, TestDevice::alice))
+                return false;
+        }
+    }
+    return number > 0 || count == 1;
 }
 
 bool SoftTokens::enroll(const QString &label, const QString &id, const QString &certificate, const QString &key,

@@ -14,6 +14,7 @@ namespace SoftTokens {
 const QString pin = QStringLiteral("31415926");
 const QString home = QStringLiteral("/home/alice");
 const QString authority = QStringLiteral("/home/alice/ca/root.pem");
+const QString module = QStringLiteral("/usr/lib/softhsm/libsofthsm2.so");
 
 /// Removes all tokens. On the first call, creates the root authority and the keys "rsa", "rsa-other", "rsa-1024",
 /// "rsa-pss", which is for certificates (for tokens, "rsa-pss-plain"), "ec", "ec-384", "ec-521" and "ed25519".
@@ -22,8 +23,8 @@ bool reset();
 QStringList environment();
 
 /// Serves the tokens of a module on a socket in alice's runtime directory, where the module p11-kit-client.so expects
-/// it, until the device ends. The default is the soft tokens' own module.
-bool serve(const QString &module = {});
+/// it, until the device ends.
+bool serve(const QString &provider = module);
 
 /// The template of a certificate that logs alice in. Tests alter it.
 QByteArray loginTemplate();
@@ -49,6 +50,9 @@ bool putHiddenKey(const QString &label, const QString &id, const QString &key, c
 /// Puts a certificate on a token; an empty id is left out.
 bool putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin = pin,
              const QString &certLabel = QStringLiteral("certificate"));
+/// Copies the public objects of the only token that have the id `id`, which ends in two zero bytes, until there are
+/// `count` of each. Their ids end in consecutive numbers.
+bool multiply(const QByteArray &id, int count);
 /// Puts a key pair and a certificate on a token.
 bool enroll(const QString &label, const QString &id, const QString &certificate,
             const QString &key = QStringLiteral("rsa"), const QString &tokenPin = pin);

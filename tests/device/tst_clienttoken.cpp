@@ -176,7 +176,7 @@ void TstClientToken::init()
     ClientFixture::prepare();
     QVERIFY(SoftTokens::reset());
     QVERIFY(set("trust-anchors", SoftTokens::authority));
-    QVERIFY(set("module", QStringLiteral("/usr/lib/softhsm/libsofthsm2.so")));
+    QVERIFY(set("module", SoftTokens::module));
 }
 
 QString TstClientToken::enrolled(ClientFixture &client, const QString &cert, const QString &key)
@@ -339,26 +339,7 @@ void TstClientToken::tooManyCertificates()
     const QByteArray id("\xca\xfe\x00\x00", 4);
     QVERIFY(SoftTokens::add(one));
     QVERIFY(SoftTokens::putCert(one, QString::fromLatin1(id.toHex()), goodCert()));
-    // Edit the file, because the tool would take minutes.
-    const QString token =
-        QStringLiteral("/home/alice/tokens/")
-        + QDir(QStringLiteral("/home/alice/tokens")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).value(0)
-        + QLatin1Char('/');
-    QByteArray object;
-    const QStringList files = QDir(token).entryList({QStringLiteral("*.object")});
-    for (const QString &file : files) {
-        if (TestDevice::readFile(token + file).contains(id))
-            object = TestDevice::readFile(token + file);
-    }
-    QVERIFY(!object.isEmpty());
-    for (int i = 1; i < count; ++i) {
-        QByteArray another = object;
-        another.replace(id, QByteArray("\xca\xfe") + char(i / 256) + char(i % 256));
-        const QString name =
-            token + QStringLiteral("00000000-0000-0000-0000-%1.object").arg(i, 12, 10, QLatin1Char('0'));
-        QVERIFY(TestDevice::writeFile(name, another)
-                && TestDevice::setOwner(name, TestDevice::alice, TestDevice::alice));
-    }
+    QVERIFY(SoftTokens::multiply(id, count));
     const QString last = QStringLiteral("pkcs11:token=one;id=%CA%FE%05%DB;type=cert");
     QVERIFY(set("default-cert", last));
     ClientFixture client;

@@ -65,8 +65,7 @@ bool enroll()
     if (!SoftTokens::reset())
         return false;
     const QString cert = SoftTokens::issue(QStringLiteral("good"), SoftTokens::loginTemplate());
-    return set("trust-anchors", SoftTokens::authority)
-           && set("module", QStringLiteral("/usr/lib/softhsm/libsofthsm2.so")) && SoftTokens::add(token)
+    return set("trust-anchors", SoftTokens::authority) && set("module", SoftTokens::module) && SoftTokens::add(token)
            && SoftTokens::enroll(token, QStringLiteral("01"), cert);
 }
 

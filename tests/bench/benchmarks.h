@@ -1,0 +1,15 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#pragma once
+
+#include <map>
+#include <string>
+
+void benchCertificateCheck();
+void benchCertificateList();
+
+/// The benchmarks by name. Each prints its figures.
+inline const std::map<std::string, void (*)()> benchmarks = {
+    {"certificate-check", benchCertificateCheck},
+    {"certificate-list", benchCertificateList},
+};

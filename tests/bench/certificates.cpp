@@ -1,0 +1,78 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "bench.h"
+#include "benchmarks.h"
+#include "device/clientfixture.h"
+#include "device/softtokens.h"
+#include "p11child.h"
+
+#include <memory>
+
+using Bench::require;
+
+namespace {
+
+const QString against = QStringLiteral("p11_child");
+constexpr double goal = 1.0;
+const QString token = QStringLiteral("token");
+const QString firstId = QStringLiteral("CAFE0000");
+constexpr ulong pause = 100; ///< Milliseconds before each call, as between persons.
+
+/// A token with `count` certificates, of which the first is for its key `key`, and the client set up for it.
+std::unique_ptr<ClientFixture> enroll(const QString &key, int count = 1)
+{
+    TestDevice::reset();
+    ClientFixture::prepare();
+    require(SoftTokens::reset() && SoftTokens::add(token)
+                && SoftTokens::enroll(token, firstId, SoftTokens::issue(key, SoftTokens::loginTemplate(), key), key)
+                && SoftTokens::multiply(QByteArray::fromHex(firstId.toLatin1()), count),
+            "cannot make a token");
+    P11Child::prepare();
+    require(ClientFixture::setSetting(QStringLiteral("trust-anchors"), SoftTokens::authority)
+                && ClientFixture::setSetting(QStringLiteral("module"), SoftTokens::module),
+            "cannot set the client up");
+    auto client = std::make_unique<ClientFixture>();
+    require(client->start(SoftTokens::environment()), "the client does not start");
+    require(client->certList().size() == count, "the client does not list the certificates");
+    return client;
+}
+
+/// Compares calls that come back to back, and calls with a pause before each.
+template <typename Ours, typename Bare>
+void compareBoth(const QString &name, int pairs, const Ours &ours, const Bare &bare, const QJsonValue &point = {})
+{
+    Bench::compare({name, against, goal, point}, pairs, ours, bare);
+    Bench::compare({QString(name + QStringLiteral(", after a pause")), against, goal, point}, pairs, ours, bare, pause);
+}
+
+} // namespace
+
+void benchCertificateCheck()
+{
+    for (const auto &[key, name] : {std::pair("rsa", "RSA-2048"), std::pair("ec", "EC P-256")}) {
+        const auto client = enroll(QLatin1String(key));
+        const QString uri = client->certList().constFirst();
+        // The options that SSSD takes from the list.
+        P11Child child({QStringLiteral("--auth"), QStringLiteral("--pin"),
+                        QStringLiteral("--module_name=") + SoftTokens::module, QStringLiteral("--token_name=") + token,
+                        QStringLiteral("--key_id=") + firstId, QStringLiteral("--label=certificate")},
+                       SoftTokens::pin.toUtf8());
+        const AsAlice alice;
+        compareBoth(
+            QStringLiteral("certificate check, ") + QLatin1String(name), 10,
+            [&] { return client->validateCert(uri, SoftTokens::pin) == QLatin1String("success"); },
+            [&] { return child.run().contains(firstId.toLatin1()); });
+    }
+}
+
+void benchCertificateList()
+{
+    for (const int count : {1, 10, 200}) {
+        const auto client = enroll(QStringLiteral("rsa"), count);
+        P11Child child({QStringLiteral("--pre")});
+        const AsAlice alice;
+        compareBoth(
+            QStringLiteral("certificate list"), 5, [&] { return client->certList().size() == count; },
+            [&] { return child.run().count(firstId.left(4).toLatin1()) >= count; }, count);
+    }
+}
