@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QMap>
 #include <QStringList>
 
 #include <cerrno>
@@ -113,6 +114,7 @@ void StoreFile::load()
         m_usable = setAside(
             [](const char *from, const char *to) { return renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE); });
     } else {
+        dropRepeatedKeys();
         // Give the damaged file a second name before replacing it, so that a crash cannot lose its undamaged values.
         m_usable = !dropDamagedValues() || (setAside(link) && save());
     }
@@ -122,6 +124,27 @@ bool StoreFile::parse(const std::string &content)
 {
     return g_utf8_validate_len(content.data(), content.size(), nullptr)
            && m_file.parse(content, GKeyFileFlags(G_KEY_FILE_KEEP_COMMENTS | G_KEY_FILE_KEEP_TRANSLATIONS));
+}
+
+// Keeps the last value of each key. GLib keeps all of them, and after the last is removed an earlier one would be
+// valid.
+void StoreFile::dropRepeatedKeys()
+{
+    g_auto(GStrv) groups = g_key_file_get_groups(keys(), nullptr);
+    for (char **group = groups; *group; ++group) {
+        gsize count = 0;
+        g_auto(GStrv) options = g_key_file_get_keys(keys(), *group, &count, nullptr);
+        QMap<QByteArray, QByteArray> values;
+        for (char **option = options; *option; ++option) {
+            g_autofree char *value = g_key_file_get_value(keys(), *group, *option, nullptr);
+            values.insert(*option, value);
+        }
+        if (values.size() == int(count))
+            continue;
+        g_key_file_remove_group(keys(), *group, nullptr);
+        for (auto value = values.cbegin(); value != values.cend(); ++value)
+            g_key_file_set_value(keys(), *group, value.key().constData(), value.value().constData());
+    }
 }
 
 // Returns whether there were any.

@@ -53,6 +53,7 @@ private:
     void warn(const char *what) const;
     void load();
     bool parse(const std::string &content);
+    void dropRepeatedKeys();
     bool dropDamagedValues();
     bool setAside(int (*give)(const char *from, const char *to)) const;
     bool removeFile() const;

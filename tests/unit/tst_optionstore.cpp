@@ -194,6 +194,7 @@ private Q_SLOTS:
     void removal();
     void userRemoved();
     void changedByOthers();
+    void repeatedKey();
 
     void damagedFile_data();
     void damagedFile();
@@ -551,6 +552,18 @@ void TstOptionStore::changedByOthers()
     QCOMPARE(handler.getOptionInternal(alice, number), QVariant(0));
     QVERIFY(handler.setOptionInternal(alice, number, 6));
     QCOMPARE(log.lines(), QStringList());
+}
+
+void TstOptionStore::repeatedKey()
+{
+    QVERIFY(writeFile(userFile, "[probe]\nnumber=1\ntext='a'\n[other]\nnumber=1\n[probe]\nnumber=2\n"));
+
+    Handler handler;
+    QVERIFY(isSame(handler.getOptionInternal(alice, number), 2));
+    QVERIFY(handler.setOptionInternal(alice, number, QVariant()));
+    QVERIFY(isSame(handler.getOptionInternal(alice, number), 0));
+    QVERIFY(isSame(handler.getOptionInternal(alice, text), utf8("a")));
+    QVERIFY(readFile(userFile).contains("[other]\nnumber=1\n"));
 }
 
 void TstOptionStore::damagedFile_data()
