@@ -3,17 +3,14 @@
 #include "accounts.h"
 
 #include "errors.h"
+#include "filestamp.h"
+#include "userdatabase.h"
 
 #include <QByteArray>
 #include <QFile>
 #include <QSet>
-#include <QVarLengthArray>
 
-#include <cerrno>
 #include <optional>
-#include <pwd.h>
-#include <sys/stat.h>
-#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -21,25 +18,13 @@ namespace {
 constexpr char LoginDefinitions[] = "/etc/login.defs";
 constexpr char Shells[] = "/etc/shells";
 
-using Stamp = std::tuple<dev_t, ino_t, off_t, time_t, long, time_t, long>;
-
-/// Changes whenever the content of the file changes.
-Stamp stampOf(const char *path)
-{
-    struct stat status = {};
-    if (stat(path, &status) != 0)
-        return {};
-    return {status.st_dev,          status.st_ino,         status.st_size,        status.st_mtim.tv_sec,
-            status.st_mtim.tv_nsec, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
-}
-
 /// Returns what `read` makes of the file. Caches it until the file changes, because each call needs it.
 template <typename Content>
 const Content &contentOf(const char *path, Content (*read)())
 {
-    static std::optional<Stamp> lastStamp;
+    static std::optional<FileStamp> lastStamp;
     static Content content;
-    const Stamp stamp = stampOf(path);
+    const FileStamp stamp = fileStamp(path);
     if (lastStamp != stamp) {
         lastStamp = stamp;
         content = read();
@@ -90,15 +75,11 @@ bool Accounts::isUser(uint uid) const
 {
     if (uid == 0)
         return false;
-    passwd entry;
-    passwd *found = nullptr;
-    QVarLengthArray<char, 1024> buffer(1024);
-    while (getpwuid_r(uid, &entry, buffer.data(), static_cast<size_t>(buffer.size()), &found) == ERANGE)
-        buffer.resize(buffer.size() * 2);
-    if (!found || m_rule == All)
-        return found;
+    const auto user = UserDatabase::find(uid);
+    if (!user || m_rule == All)
+        return user.has_value();
     const UidRange &range = contentOf(LoginDefinitions, readUidRange);
-    return uid >= range.first && uid <= range.last && contentOf(Shells, readShells).contains(entry.pw_shell);
+    return uid >= range.first && uid <= range.last && contentOf(Shells, readShells).contains(user->shell);
 }
 
 Reply Accounts::check(uint uid) const

@@ -21,7 +21,7 @@ public:
     {
     }
 
-    /// Whether `uid` is a user. Queries the system on every call.
+    /// Whether `uid` is a user now.
     bool isUser(uint uid) const;
     /// Returns an error if `uid` is not a user.
     Reply check(uint uid) const;

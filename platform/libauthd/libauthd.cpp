@@ -4,14 +4,13 @@
 #include <authd/vocabulary.h>
 
 #include "platformlog.h"
+#include "userdatabase.h"
 
 #include <QFile>
 #include <QScopeGuard>
-#include <QVarLengthArray>
 
 #include <cerrno>
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,12 +39,8 @@ int restrictionError(const struct stat &status)
 
 QString userName(uint uid)
 {
-    passwd entry;
-    passwd *found = nullptr;
-    QVarLengthArray<char, 1024> buffer(1024);
-    while (getpwuid_r(uid, &entry, buffer.data(), static_cast<size_t>(buffer.size()), &found) == ERANGE)
-        buffer.resize(buffer.size() * 2);
-    return found ? QString::fromUtf8(found->pw_name) : QString();
+    const auto user = UserDatabase::find(uid);
+    return user ? QString::fromUtf8(user->name) : QString();
 }
 
 bool restrictPermissions(const QString &path)

@@ -71,8 +71,12 @@ void TstLibAuthd::userName()
     const QByteArray entry = "long:x:3999:3999:" + QByteArray(20000, 'x') + ":/:/bin/false\n";
     QVERIFY(TestDevice::writeFile(QStringLiteral("/etc/passwd"), users + entry));
     const QString name = LibAuthd::userName(3999);
+    const QByteArray renamed = QByteArray(entry).replace("long", "longer");
+    QVERIFY(TestDevice::writeFile(QStringLiteral("/etc/passwd"), users + renamed));
+    const QString newName = LibAuthd::userName(3999);
     QVERIFY(TestDevice::writeFile(QStringLiteral("/etc/passwd"), users));
     QCOMPARE(name, QStringLiteral("long"));
+    QCOMPARE(newName, QStringLiteral("longer"));
     QVERIFY(LibAuthd::userName(3999).isNull());
 }
 
