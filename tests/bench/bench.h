@@ -6,7 +6,6 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QJsonValue>
-#include <QThread>
 
 #include <algorithm>
 #include <vector>
@@ -55,34 +54,39 @@ inline double median(std::vector<double> values)
 }
 
 /// Times `ours` and `bare` in turn, `pairs` times in each round, and prints the medians of each round. Both return
-/// whether they succeeded. `pause` milliseconds precede each of them.
-template <typename Ours, typename Bare>
-void compare(const Figure &figure, int pairs, const Ours &ours, const Bare &bare, ulong pause = 0)
+/// whether they succeeded. Before each of them, `prepare` is called with whether it is ours, untimed.
+template <typename Ours, typename Bare, typename Prepare>
+void compare(const Figure &figure, int pairs, const Ours &ours, const Bare &bare, const Prepare &prepare)
 {
     constexpr int rounds = 9;
-    const auto timed = [pause](const auto &work) {
-        if (pause > 0)
-            QThread::msleep(pause);
+    const auto timed = [&prepare](const auto &work, bool isOurs) {
+        prepare(isOurs);
         bool isGood = false;
-        const double time = double(nanoseconds([&] { isGood = work(); }));
+        const qint64 time = nanoseconds([&] { isGood = work(); });
         require(isGood, "a measured call has failed");
-        return time;
+        return double(time);
     };
-    timed(ours); // Fills caches.
-    timed(bare);
+    timed(ours, true); // Fills caches.
+    timed(bare, false);
     QJsonArray oursOfRounds;
     QJsonArray bareOfRounds;
     for (int round = 0; round < (once ? 1 : rounds); ++round) {
         std::vector<double> oursTimes;
         std::vector<double> bareTimes;
         for (int pair = 0; pair < (once ? 1 : pairs); ++pair) {
-            oursTimes.push_back(timed(ours));
-            bareTimes.push_back(timed(bare));
+            oursTimes.push_back(timed(ours, true));
+            bareTimes.push_back(timed(bare, false));
         }
         oursOfRounds << median(oursTimes);
         bareOfRounds << median(bareTimes);
     }
     print(figure, {{QStringLiteral("ours"), oursOfRounds}, {QStringLiteral("bare"), bareOfRounds}});
+}
+
+template <typename Ours, typename Bare>
+void compare(const Figure &figure, int pairs, const Ours &ours, const Bare &bare)
+{
+    compare(figure, pairs, ours, bare, [](bool) {});
 }
 
 } // namespace Bench

@@ -7,9 +7,17 @@
 
 void benchCertificateCheck();
 void benchCertificateList();
+void benchRequest();
+void benchManyUsers();
+void benchManyPermissions();
+void benchLongUserFile();
 
 /// The benchmarks by name. Each prints its figures.
 inline const std::map<std::string, void (*)()> benchmarks = {
     {"certificate-check", benchCertificateCheck},
     {"certificate-list", benchCertificateList},
+    {"request", benchRequest},
+    {"many-users", benchManyUsers},
+    {"many-permissions", benchManyPermissions},
+    {"long-user-file", benchLongUserFile},
 };
