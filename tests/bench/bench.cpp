@@ -24,13 +24,14 @@ void Bench::print(const Figure &figure, QJsonObject measured)
     measured.insert(QStringLiteral("against"), figure.against);
     measured.insert(QStringLiteral("goal"), figure.goal);
     measured.insert(QStringLiteral("point"), figure.point);
+    measured.insert(QStringLiteral("unit"), figure.unit);
     std::printf("%s\n", QJsonDocument(measured).toJson(QJsonDocument::Compact).constData());
     std::fflush(stdout);
 }
 
-void Bench::printValue(const Figure &figure, const char *unit, double value)
+void Bench::printValue(const Figure &figure, double value)
 {
-    print(figure, {{QStringLiteral("unit"), QString::fromUtf8(unit)}, {QStringLiteral("value"), value}});
+    print(figure, {{QStringLiteral("value"), value}});
 }
 
 /// Usage: bench --list, or bench NAME [--once]

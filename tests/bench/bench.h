@@ -20,6 +20,7 @@ struct Figure
     QString against;
     QJsonValue goal = {}; ///< The largest ratio or value that is good; null for none.
     QJsonValue point = {}; ///< The place on the growth curve `name`; null for a figure that stands alone.
+    QString unit = {}; ///< Empty for a ratio. In a comparison, "ms" means the difference.
 };
 
 /// Whether every benchmark runs only once, to see that it works.
@@ -35,7 +36,7 @@ inline void require(bool condition, const char *what)
 
 void print(const Figure &figure, QJsonObject measured);
 /// Prints a figure that is compared with nothing.
-void printValue(const Figure &figure, const char *unit, double value);
+void printValue(const Figure &figure, double value);
 
 template <typename Work>
 qint64 nanoseconds(const Work &work)

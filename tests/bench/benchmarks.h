@@ -7,6 +7,9 @@
 
 void benchCertificateCheck();
 void benchCertificateList();
+void benchColdRequest();
+void benchLogin();
+void benchPasswordCheck();
 void benchRequest();
 void benchManyUsers();
 void benchManyPermissions();
@@ -16,6 +19,9 @@ void benchLongUserFile();
 inline const std::map<std::string, void (*)()> benchmarks = {
     {"certificate-check", benchCertificateCheck},
     {"certificate-list", benchCertificateList},
+    {"cold-request", benchColdRequest},
+    {"login", benchLogin},
+    {"password-check", benchPasswordCheck},
     {"request", benchRequest},
     {"many-users", benchManyUsers},
     {"many-permissions", benchManyPermissions},

@@ -64,6 +64,8 @@ public:
         return m_daemon.successes == 0 && d->clientStage == MethodKavetPrivate::Linked;
     }
 
+    MethodKavetPrivate *parts() const { return d; }
+
 private:
     Daemon m_daemon;
     MethodKavet m_method;

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/clientfixture.h"
+#include "device/sandboxed.h"
 #include "device/softtokens.h"
 #include "support/wiper.h"
 #include "unit/methodfixture.h"
@@ -131,17 +132,6 @@ struct SandboxFixture : MethodFixture
     }
 };
 
-/// The client's pid; 0 if there is none.
-int clientPid()
-{
-    const QStringList processes = QDir(QStringLiteral("/proc")).entryList({QStringLiteral("[0-9]*")});
-    for (const QString &process : processes) {
-        if (TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(process)).startsWith(client.toLatin1() + '\0'))
-            return process.toInt();
-    }
-    return 0;
-}
-
 RecordingDaemon::Call failedWith(SettingsKavet::ResultCode code)
 {
     return RecordingDaemon::failed(SettingsKavet::EnterPasswordOrPin, code);
@@ -157,14 +147,7 @@ void TstClientSandbox::initTestCase()
     qunsetenv("P11_KIT_SERVER_ADDRESS");
 
     QVERIFY(startSystemBus());
-    const QString busSocket = QStringLiteral("/run/user/1000/dbus/user_bus_socket");
-    QVERIFY(QDir().mkpath(QFileInfo(busSocket).path()));
-    QVERIFY(TestDevice::setOwner(QFileInfo(busSocket).path(), TestDevice::alice, TestDevice::alice));
-    ClientFixture::asUser(
-        m_sessionBus, QStringLiteral("dbus-daemon"),
-        {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--address=unix:path=") + busSocket});
-    m_sessionBus.start();
-    QTRY_VERIFY(QFileInfo::exists(busSocket));
+    QVERIFY(Sandboxed::startSessionBus(m_sessionBus));
 
     const QString one = QStringLiteral("one");
     QVERIFY(SoftTokens::reset());
@@ -277,10 +260,10 @@ void TstClientSandbox::answers()
     QVERIFY(QFile::remove(QStringLiteral("/home/alice/wrong-pins.one")));
 
     // The client also wipes secrets in the sandbox.
-    QVERIFY(clientPid() != 0);
-    QVERIFY(ClientFixture::memoryHolds(clientPid(), "HOME=/home/alice"));
+    QVERIFY(Sandboxed::clientPid() != 0);
+    QVERIFY(ClientFixture::memoryHolds(Sandboxed::clientPid(), "HOME=/home/alice"));
     for (const QString &pin : {SoftTokens::pin, wrong})
-        QVERIFY(!ClientFixture::memoryHoldsText(clientPid(), pin));
+        QVERIFY(!ClientFixture::memoryHoldsText(Sandboxed::clientPid(), pin));
 }
 
 void TstClientSandbox::registeredModule_data()

@@ -1,12 +1,9 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
-#include "p11child.h"
+#include "program.h"
 
 #include "bench.h"
-#include "device/softtokens.h"
 #include "support/testdevice.h"
-
-#include <QDir>
 
 #include <array>
 #include <cerrno>
@@ -20,8 +17,13 @@ using Bench::require;
 
 namespace {
 
-const char program[] = "/usr/libexec/sssd/p11_child";
-const QString modules = SoftTokens::home + QStringLiteral("/.config/pkcs11");
+QByteArrayList encoded(const QStringList &texts)
+{
+    QByteArrayList result;
+    for (const QString &text : texts)
+        result << text.toUtf8();
+    return result;
+}
 
 std::vector<char *> pointers(QByteArrayList &texts)
 {
@@ -47,27 +49,16 @@ AsAlice::~AsAlice()
     require(setresuid(0, 0, 0) == 0 && setresgid(0, 0, 0) == 0, "cannot become root again");
 }
 
-P11Child::P11Child(const QStringList &arguments, QByteArray input)
-    : m_arguments{program, "--ca_db=" + SoftTokens::authority.toUtf8()}
-    , m_environment{"HOME=" + SoftTokens::home.toUtf8(), SoftTokens::environment().constFirst().toUtf8()}
+Program::Program(const QStringList &command, const QStringList &environment, QByteArray input)
+    : m_command(encoded(command))
+    , m_environment(encoded(environment))
     , m_input(std::move(input))
+    , m_argv(pointers(m_command))
+    , m_envp(pointers(m_environment))
 {
-    for (const QString &argument : arguments)
-        m_arguments << argument.toUtf8();
-    m_argv = pointers(m_arguments);
-    m_envp = pointers(m_environment);
 }
 
-void P11Child::prepare()
-{
-    require(QDir().mkpath(modules + QStringLiteral("/modules"))
-                && TestDevice::writeFile(modules + QStringLiteral("/pkcs11.conf"), "user-config: only\n")
-                && TestDevice::writeFile(modules + QStringLiteral("/modules/soft.module"),
-                                         "module: " + SoftTokens::module.toUtf8() + '\n'),
-            "cannot configure p11-kit");
-}
-
-QByteArray P11Child::run()
+QByteArray Program::run()
 {
     std::array<int, 2> input = {};
     std::array<int, 2> output = {};
@@ -77,12 +68,12 @@ QByteArray P11Child::run()
     posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
     pid_t process = 0;
-    const int error = posix_spawn(&process, program, &actions, nullptr, m_argv.data(), m_envp.data());
+    const int error = posix_spawn(&process, m_argv.front(), &actions, nullptr, m_argv.data(), m_envp.data());
     posix_spawn_file_actions_destroy(&actions);
-    require(error == 0, "cannot start p11_child");
+    require(error == 0, "cannot start a program");
     close(input[0]);
     close(output[1]);
-    require(write(input[1], m_input.constData(), size_t(m_input.size())) == m_input.size(), "p11_child does not read");
+    require(write(input[1], m_input.constData(), size_t(m_input.size())) == m_input.size(), "a program does not read");
     close(input[1]);
 
     QByteArray result;

@@ -18,23 +18,21 @@ private:
     Q_DISABLE_COPY(AsAlice)
 };
 
-/// SSSD's program for one call to a token. The module of the soft tokens is the only one that it loads.
-class P11Child
+/// A program for many measured runs.
+class Program
 {
 public:
-    explicit P11Child(const QStringList &arguments, QByteArray input = {});
+    explicit Program(const QStringList &command, const QStringList &environment = {}, QByteArray input = {});
 
-    /// Prepares p11-kit's configuration of alice.
-    static void prepare();
     /// Runs the program until it ends. Returns its output, which is null on failure.
     QByteArray run();
 
 private:
-    QByteArrayList m_arguments;
+    QByteArrayList m_command;
     QByteArrayList m_environment;
     QByteArray m_input;
     std::vector<char *> m_argv;
     std::vector<char *> m_envp;
 
-    Q_DISABLE_COPY(P11Child)
+    Q_DISABLE_COPY(Program)
 };
