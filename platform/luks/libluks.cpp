@@ -4,6 +4,7 @@
 
 #include "regularfile.h"
 
+#include <dlfcn.h>
 #include <glib.h>
 #include <libcryptsetup.h>
 
@@ -17,6 +18,22 @@ constexpr char DeviceKey[] = "Device";
 constexpr std::size_t LargestFile = std::size_t(1024) * 1024;
 
 void dropLog(int, const char *, void *) { }
+
+template <typename Function>
+Function *find(const char *name)
+{
+    return reinterpret_cast<Function *>(dlsym(RTLD_DEFAULT, name));
+}
+
+/// The functions of libcryptsetup. Where there is no encrypted partition, loading it and the libraries that it needs
+/// would take most of the time and memory that loading the plugin costs.
+struct Cryptsetup
+{
+    void *const library = dlopen("libcryptsetup.so.12", RTLD_NOW | RTLD_GLOBAL);
+    decltype(crypt_set_log_callback) *const setLogCallback =
+        find<decltype(crypt_set_log_callback)>("crypt_set_log_callback");
+    decltype(crypt_status) *const status = find<decltype(crypt_status)>("crypt_status");
+};
 
 } // namespace
 
@@ -34,9 +51,12 @@ bool isDeviceActive()
     if (error || !device || !*device)
         return false;
 
+    static const Cryptsetup cryptsetup;
+    if (!cryptsetup.setLogCallback || !cryptsetup.status)
+        return false;
     // Without a log callback, libcryptsetup prints to the standard streams of the process.
-    crypt_set_log_callback(nullptr, dropLog, nullptr);
-    const crypt_status_info status = crypt_status(nullptr, device);
+    cryptsetup.setLogCallback(nullptr, dropLog, nullptr);
+    const crypt_status_info status = cryptsetup.status(nullptr, device);
     return status == CRYPT_ACTIVE || status == CRYPT_BUSY;
 }
 
