@@ -20,7 +20,7 @@ struct Figure
     QString against;
     QJsonValue goal = {}; ///< The largest ratio or value that is good; null for none.
     QJsonValue point = {}; ///< The place on the growth curve `name`; null for a figure that stands alone.
-    QString unit = {}; ///< Empty for a ratio. In a comparison, "ms" means the difference.
+    QString unit = {}; ///< Empty for a ratio of times; in a comparison, that of the difference.
 };
 
 /// Whether every benchmark runs only once, to see that it works.
@@ -38,15 +38,6 @@ void print(const Figure &figure, QJsonObject measured);
 /// Prints a figure that is compared with nothing.
 void printValue(const Figure &figure, double value);
 
-template <typename Work>
-qint64 nanoseconds(const Work &work)
-{
-    QElapsedTimer timer;
-    timer.start();
-    work();
-    return timer.nsecsElapsed();
-}
-
 inline double median(std::vector<double> values)
 {
     std::sort(values.begin(), values.end());
@@ -54,34 +45,51 @@ inline double median(std::vector<double> values)
     return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
-/// Times `ours` and `bare` in turn, `pairs` times in each round, and prints the medians of each round. Both return
-/// whether they succeeded. Before each of them, `prepare` is called with whether it is ours, untimed.
-template <typename Ours, typename Bare, typename Prepare>
-void compare(const Figure &figure, int pairs, const Ours &ours, const Bare &bare, const Prepare &prepare)
+/// Calls `ours` and `bare` in turn, `pairs` times in each round, and prints the medians of each round. Both measure
+/// something and return it.
+template <typename Ours, typename Bare>
+void compareValues(const Figure &figure, int pairs, const Ours &ours, const Bare &bare)
 {
     constexpr int rounds = 9;
-    const auto timed = [&prepare](const auto &work, bool isOurs) {
-        prepare(isOurs);
-        bool isGood = false;
-        const qint64 time = nanoseconds([&] { isGood = work(); });
-        require(isGood, "a measured call has failed");
-        return double(time);
-    };
-    timed(ours, true); // Fills caches.
-    timed(bare, false);
+    ours(); // Fills caches.
+    bare();
     QJsonArray oursOfRounds;
     QJsonArray bareOfRounds;
     for (int round = 0; round < (once ? 1 : rounds); ++round) {
-        std::vector<double> oursTimes;
-        std::vector<double> bareTimes;
+        std::vector<double> oursValues;
+        std::vector<double> bareValues;
         for (int pair = 0; pair < (once ? 1 : pairs); ++pair) {
-            oursTimes.push_back(timed(ours, true));
-            bareTimes.push_back(timed(bare, false));
+            oursValues.push_back(ours());
+            bareValues.push_back(bare());
         }
-        oursOfRounds << median(oursTimes);
-        bareOfRounds << median(bareTimes);
+        oursOfRounds << median(oursValues);
+        bareOfRounds << median(bareValues);
     }
     print(figure, {{QStringLiteral("ours"), oursOfRounds}, {QStringLiteral("bare"), bareOfRounds}});
+}
+
+/// The nanoseconds that `work` takes, which returns whether it succeeded.
+template <typename Work>
+double timed(const Work &work)
+{
+    QElapsedTimer timer;
+    timer.start();
+    const bool isGood = work();
+    const qint64 time = timer.nsecsElapsed();
+    require(isGood, "a measured call has failed");
+    return double(time);
+}
+
+/// Times `ours` and `bare`. Before each of them, `prepare` is called with whether it is ours, untimed.
+template <typename Ours, typename Bare, typename Prepare>
+void compare(const Figure &figure, int pairs, const Ours &ours, const Bare &bare, const Prepare &prepare)
+{
+    const auto prepared = [&prepare](const auto &work, bool isOurs) {
+        prepare(isOurs);
+        return timed(work);
+    };
+    compareValues(
+        figure, pairs, [&] { return prepared(ours, true); }, [&] { return prepared(bare, false); });
 }
 
 template <typename Ours, typename Bare>

@@ -10,6 +10,7 @@ void benchCertificateList();
 void benchColdRequest();
 void benchLogin();
 void benchPasswordCheck();
+void benchPlugin();
 void benchRequest();
 void benchManyUsers();
 void benchManyPermissions();
@@ -22,6 +23,7 @@ inline const std::map<std::string, void (*)()> benchmarks = {
     {"cold-request", benchColdRequest},
     {"login", benchLogin},
     {"password-check", benchPasswordCheck},
+    {"plugin", benchPlugin},
     {"request", benchRequest},
     {"many-users", benchManyUsers},
     {"many-permissions", benchManyPermissions},
