@@ -8,6 +8,8 @@
 
 #include <QString>
 
+#include <utility>
+
 namespace {
 
 constexpr char objectPath[] = "/kavetauth";
@@ -134,7 +136,7 @@ int KavetAuth::validateCert(sd_bus_message *call, void *object, sd_bus_error *er
     const Message later = self->begin(call, error);
     if (!later)
         return -sd_bus_error_get_errno(error);
-    self->m_pinChecks.push_back({later, TokenProcess::validationRequest(cert, user, pin)});
+    self->m_pinChecks.push_back({later, TokenHelpers::validationRequest(cert, user, pin)});
     if (self->m_pinChecks.size() == 1)
         self->nextPinCheck();
     return 1;
@@ -143,7 +145,7 @@ int KavetAuth::validateCert(sd_bus_message *call, void *object, sd_bus_error *er
 void KavetAuth::nextPinCheck()
 {
     while (!m_pinChecks.empty()) {
-        const PinCheck &check = m_pinChecks.front();
+        PinCheck &check = m_pinChecks.front();
         const ClientSettings settings;
         if (isPastLimit(settings)) {
             finishPinCheck(answerAt(AttemptCounter::increase(), settings));
@@ -151,7 +153,7 @@ void KavetAuth::nextPinCheck()
                    || sd_bus_is_open(sd_bus_message_get_bus(check.reply.get())) <= 0) {
             finishPinCheck(moduleFailed);
         } else {
-            TokenProcess::validate(this, check.request, [this, settings](Tokens::Outcome outcome, const QByteArray &) {
+            m_helpers.run(std::move(check.request), [this, settings](Tokens::Outcome outcome, const QByteArray &) {
                 finishPinCheck(answerTo(outcome, settings));
                 nextPinCheck();
             });
@@ -176,7 +178,7 @@ int KavetAuth::getCertList(sd_bus_message *call, void *object, sd_bus_error *err
     const Message later = self->begin(call, error);
     if (!later)
         return -sd_bus_error_get_errno(error);
-    TokenProcess::list(self, [self, later](Tokens::Outcome, const QByteArray &output) {
+    self->m_helpers.run(TokenHelpers::listRequest(), [self, later](Tokens::Outcome, const QByteArray &output) {
         sd_bus_message_open_container(later.get(), 'a', "s");
         const QStringList certs = QString::fromUtf8(output).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
         for (const QString &cert : certs)

@@ -2,7 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include "tokenprocess.h"
+#include "tokenhelpers.h"
 
 #include <QByteArray>
 #include <QObject>
@@ -49,7 +49,7 @@ private:
     struct PinCheck
     {
         Message reply;
-        TokenProcess::Request request;
+        TokenHelpers::Request request;
     };
     /// Starts the next check in the queue that needs a token. Replies at once to the checks before it.
     void nextPinCheck();
@@ -57,6 +57,7 @@ private:
     void finishPinCheck(const QByteArray &answer);
 
     const QByteArray m_user;
+    TokenHelpers m_helpers;
     QVector<sd_bus *> m_tokenCalls; // the connection of each pending call
     std::deque<PinCheck> m_pinChecks; // the first is running
 };

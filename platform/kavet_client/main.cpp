@@ -6,7 +6,7 @@
 #include "passwordhash.h"
 #include "passwordprompt.h"
 #include "secret.h"
-#include "tokenprocess.h"
+#include "tokenhelpers.h"
 #include "unlocks.h"
 
 #include <QCommandLineParser>
@@ -77,7 +77,6 @@ int serve()
     const struct passwd *user = getpwuid(getuid());
     if (!user)
         return fail(QStringLiteral("User %1 has no name").arg(getuid()));
-    TokenProcess::prepare();
     KavetAuth auth(user->pw_name);
     ClientServer server(auth);
     if (!catchSignals())
@@ -110,13 +109,13 @@ int main(int argc, char *argv[])
     const QCommandLineOption setPasswordOption(
         QStringLiteral("set-password"),
         QStringLiteral("Prompt for a new password, or read one line from standard input, store its hash, and exit."));
-    const QCommandLineOption certs(TokenProcess::listOption,
+    const QCommandLineOption certs(TokenHelpers::listOption,
                                    QStringLiteral("List the certificates on the tokens, the default first, and exit."));
-    QCommandLineOption validateCert(TokenProcess::validateOption);
-    validateCert.setFlags(QCommandLineOption::HiddenFromHelp);
+    QCommandLineOption tokenHelper(TokenHelpers::helperOption);
+    tokenHelper.setFlags(QCommandLineOption::HiddenFromHelp);
     QCommandLineOption unlocks(Unlocks::option);
     unlocks.setFlags(QCommandLineOption::HiddenFromHelp);
-    parser.addOptions({noGui, setPasswordOption, certs, validateCert, unlocks});
+    parser.addOptions({noGui, setPasswordOption, certs, tokenHelper, unlocks});
     if (!parser.parse(QCoreApplication::arguments()))
         return fail(parser.errorText(), WrongUsage);
     if (!parser.positionalArguments().isEmpty())
@@ -133,6 +132,6 @@ int main(int argc, char *argv[])
     if (parser.isSet(unlocks))
         return Unlocks::run();
     if (parser.isSet(certs))
-        return TokenProcess::runList();
-    return parser.isSet(validateCert) ? TokenProcess::runValidate() : serve();
+        return TokenHelpers::runList();
+    return parser.isSet(tokenHelper) ? TokenHelpers::runHelper() : serve();
 }

@@ -79,9 +79,15 @@ Certificate TokenObjects::certificateOf(const Object &object)
     return parseCertificate(takeBytes(der));
 }
 
-int TokenObjects::presentTokens(QByteArrayList &tokens)
+bool TokenObjects::requiresPin(const QByteArray &token)
 {
     constexpr unsigned wanted = GNUTLS_PKCS11_TOKEN_INITIALIZED | GNUTLS_PKCS11_TOKEN_LOGIN_REQUIRED;
+    unsigned flags = 0;
+    return gnutls_pkcs11_token_get_flags(token.constData(), &flags) == GNUTLS_E_SUCCESS && (flags & wanted) == wanted;
+}
+
+int TokenObjects::presentTokens(QByteArrayList &tokens)
+{
     for (unsigned i = 0;; ++i) {
         char *text = nullptr;
         const int error = gnutls_pkcs11_token_get_url(i, GNUTLS_PKCS11_URL_GENERIC, &text);
@@ -90,8 +96,7 @@ int TokenObjects::presentTokens(QByteArrayList &tokens)
         if (error != GNUTLS_E_SUCCESS)
             return error;
         const std::unique_ptr<char, GnutlsFree> token(text);
-        unsigned flags = 0;
-        if (gnutls_pkcs11_token_get_flags(text, &flags) == GNUTLS_E_SUCCESS && (flags & wanted) == wanted)
+        if (requiresPin(text))
             tokens << text;
     }
 }

@@ -45,8 +45,10 @@ QByteArray uri(const Object &object);
 /// Returns the object as a certificate, or null when it is none.
 Certificate certificateOf(const Object &object);
 
-/// Adds the URIs of the present tokens that require a PIN. Other tokens, such as the system's trust store, prove
-/// nothing about their holder.
+/// Whether a token is present and requires a PIN. Other tokens, such as the system's trust store, prove nothing about
+/// their holder.
+bool requiresPin(const QByteArray &token);
+/// Adds the URIs of the present tokens that require a PIN.
 int presentTokens(QByteArrayList &tokens);
 /// Whether the token of a URI is present. Returns false if `tokens` is empty.
 bool isPresent(const QByteArray &uri, const QByteArrayList &tokens);

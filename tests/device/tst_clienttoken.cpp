@@ -51,8 +51,8 @@ bool makeUnruly(const QByteArray &how)
            && TestDevice::writeFile(QStringLiteral("/home/alice/unruly-token"), how);
 }
 
-/// The client's running child processes.
-QStringList helpers(const ClientFixture &client)
+/// The client's child processes.
+QStringList childrenOf(const ClientFixture &client)
 {
     const QString pid = QString::number(client.process.processId());
     return QString::fromLatin1(TestDevice::readFile(QStringLiteral("/proc/%1/task/%1/children").arg(pid)))
@@ -63,16 +63,44 @@ QStringList helpers(const ClientFixture &client)
 /// be killed, because Qt may not notice.
 bool isHelper(const QString &process)
 {
-    return TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(process)).contains("--validate-cert");
+    return TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(process)).contains("--token-helper");
+}
+
+/// The number of a process's descriptors of one kind.
+int openFiles(const QString &process, const QString &kind)
+{
+    const QFileInfoList descriptors = QDir(QStringLiteral("/proc/%1/fd").arg(process))
+                                          .entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    return int(std::count_if(descriptors.begin(), descriptors.end(), [&kind](const QFileInfo &descriptor) {
+        return descriptor.symLinkTarget().contains(kind);
+    }));
 }
 
 int openSockets(const ClientFixture &client)
 {
-    const QFileInfoList descriptors = QDir(QStringLiteral("/proc/%1/fd").arg(client.process.processId()))
-                                          .entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
-    return int(std::count_if(descriptors.begin(), descriptors.end(), [](const QFileInfo &descriptor) {
-        return descriptor.symLinkTarget().contains(QStringLiteral("socket:"));
-    }));
+    return openFiles(QString::number(client.process.processId()), QStringLiteral("socket:"));
+}
+
+/// The client's helpers that serve a call: they hold its request.
+QStringList helpers(const ClientFixture &client)
+{
+    QStringList busy;
+    const QStringList processes = childrenOf(client);
+    for (const QString &process : processes) {
+        if (isHelper(process) && openFiles(process, QStringLiteral("memfd:request")) != 0)
+            busy << process;
+    }
+    return busy;
+}
+
+/// Ends the helper that waits for the next call. The client must not be serving a call.
+bool endWaiting(const ClientFixture &client)
+{
+    const auto waiting = [&client] {
+        return childrenOf(client).size() == 1 && isHelper(childrenOf(client).constFirst());
+    };
+    return QTest::qWaitFor(waiting) && kill(childrenOf(client).constFirst().toInt(), SIGKILL) == 0
+           && QTest::qWaitFor([&client] { return childrenOf(client).isEmpty(); });
 }
 
 QByteArray without(QByteArray text, const char *line)
@@ -159,6 +187,9 @@ private Q_SLOTS:
     void helperEndsWithClient_data();
     void helperEndsWithClient();
     void peerVanishesMeanwhile();
+    void waitsForTheNextCall();
+    void waitingHelperEnds();
+    void waitingHelperHangs();
 
     void noSecrets();
     void noSecretsWhateverTheEnd_data();
@@ -941,6 +972,7 @@ void TstClientToken::queuedForNobody()
     QVERIFY(makeUnruly("wait"));
     const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
     QTRY_COMPARE(helpers(client).size(), 1);
+    QTRY_COMPARE(childrenOf(client).size(), 2);
     const int before = openSockets(client);
     {
         ClientFixture another;
@@ -1189,7 +1221,6 @@ void TstClientToken::floodOfCalls()
     QCOMPARE(another.checkPassword(password), success);
 
     // The first peer has its full limit again.
-    QTRY_VERIFY(isHelper(helpers(client).value(0)));
     QVERIFY(makeUnruly("none"));
     kill(helpers(client).constFirst().toInt(), SIGKILL);
     QTRY_COMPARE(counts(replies, QDBusError::NoError), underWay);
@@ -1214,18 +1245,21 @@ void TstClientToken::helperEndsWithClient()
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("hang"));
     const auto pid = pid_t(client.process.processId());
-    if (atFork)
+    if (atFork) {
+        QVERIFY(endWaiting(client));
         QCOMPARE(ptrace(PTRACE_SEIZE, pid, nullptr, PTRACE_O_TRACEFORK | PTRACE_O_TRACECLONE), 0L);
+    }
     client.sendPin(cert, pin);
-    QTRY_COMPARE(helpers(client).size(), 1);
-    const QString helper = helpers(client).constFirst();
+    const auto processes = [&client, atFork] {
+        return atFork ? childrenOf(client) : helpers(client);
+    };
+    QTRY_COMPARE(processes().size(), 1);
+    const QString helper = processes().constFirst();
     const QString directory = QStringLiteral("/proc/") + helper;
     if (atFork) {
         // The fork stops both processes. The client remains stopped until it is killed.
         QCOMPARE(waitpid(pid, nullptr, __WALL), pid);
         QCOMPARE(waitpid(helper.toInt(), nullptr, __WALL), helper.toInt());
-    } else {
-        QTRY_VERIFY(isHelper(helper));
     }
     const auto goOn = [&helper] {
         return ptrace(PTRACE_DETACH, helper.toInt(), nullptr, nullptr) == 0;
@@ -1248,12 +1282,87 @@ void TstClientToken::peerVanishesMeanwhile()
     QVERIFY(makeUnruly("hang"));
     client.sendPin(cert, pin);
     QTRY_COMPARE(helpers(client).size(), 1);
-    QTRY_VERIFY(isHelper(helpers(client).value(0)));
     QVERIFY(client.reconnect());
     kill(helpers(client).constFirst().toInt(), SIGKILL);
     QTRY_VERIFY(helpers(client).isEmpty());
     QVERIFY(makeUnruly("none"));
     QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::waitsForTheNextCall()
+{
+    ClientFixture client;
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
+    QVERIFY(client.start(SoftTokens::environment()));
+    QCOMPARE(client.checkPassword(password), QStringLiteral("errauthtype"));
+    QVERIFY(childrenOf(client).isEmpty()); // not before the first call
+    const QString cert = client.certList().value(0);
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    const QString waiting = childrenOf(client).constFirst();
+    QVERIFY(makeUnruly("wait"));
+    const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
+    QTRY_COMPARE(helpers(client), QStringList{waiting});
+    QTRY_COMPARE(childrenOf(client).size(), 2);
+    QVERIFY(makeUnruly("none"));
+    QTRY_VERIFY(reply.isFinished());
+    QCOMPARE(reply.value(), success);
+    // A helper serves one call.
+    QTRY_VERIFY(!childrenOf(client).contains(waiting));
+    QCOMPARE(childrenOf(client).size(), 1);
+    QCOMPARE(client.certList(), QStringList{cert});
+
+    // What has changed since the helper was started is seen as it is now.
+    QVERIFY(SoftTokens::add(two));
+    QVERIFY(SoftTokens::enroll(two, id2, goodCert()));
+    QCOMPARE(client.certList().size(), 2);
+    QVERIFY(SoftTokens::enroll(one, id3, goodCert()));
+    QCOMPARE(client.certList().size(), 3);
+    QVERIFY(SoftTokens::remove());
+    QCOMPARE(client.certList(), QStringList());
+    QCOMPARE(client.validateCert(cert, pin), noToken);
+    QVERIFY(SoftTokens::putBack());
+    QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::waitingHelperEnds()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(endWaiting(client));
+    QCOMPARE(client.validateCert(cert, pin), success);
+    // Stopped, so that the client does not notice its end before the call.
+    const auto pid = pid_t(client.process.processId());
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    QTRY_VERIFY(isHelper(childrenOf(client).constFirst()));
+    kill(pid, SIGSTOP);
+    kill(childrenOf(client).constFirst().toInt(), SIGKILL);
+    const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
+    kill(pid, SIGCONT);
+    QTRY_VERIFY(reply.isFinished());
+    QCOMPARE(reply.value(), success);
+}
+
+void TstClientToken::waitingHelperHangs()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(endWaiting(client));
+    QVERIFY(makeUnruly("stall"));
+    // Both the helper for this call and the one for the next call hang while they load the module.
+    const QDBusPendingReply<QStringList> stalled =
+        client.connection().asyncCall(ClientFixture::request(QStringLiteral("getCertList"), {}));
+    QTRY_COMPARE(helpers(client).size(), 1);
+    const QString first = helpers(client).constFirst();
+    QTRY_COMPARE(childrenOf(client).size(), 2);
+    QTRY_VERIFY(isHelper(childrenOf(client).value(0)) && isHelper(childrenOf(client).value(1)));
+    QVERIFY(makeUnruly("none"));
+    QCOMPARE(client.validateCert(cert, pin), success);
+    kill(first.toInt(), SIGKILL);
+    QTRY_VERIFY(stalled.isFinished());
+    QCOMPARE(stalled.value(), QStringList());
 }
 
 void TstClientToken::noSecrets()
@@ -1275,8 +1384,6 @@ void TstClientToken::noSecrets()
     QVERIFY(makeUnruly("hang"));
     client.sendPin(certs.constFirst(), longPin);
     QTRY_COMPARE(helpers(client).size(), 1);
-    // With a sanitizer, the one that listed the certificates may take its time to end.
-    QTRY_VERIFY(isHelper(helpers(client).value(0)));
     const QString helper = QStringLiteral("/proc/%1").arg(helpers(client).constFirst());
     QTRY_VERIFY(ClientFixture::memoryHolds(helpers(client).constFirst().toInt(), part.toUtf8()));
     // The client has already wiped it.
@@ -1284,7 +1391,7 @@ void TstClientToken::noSecrets()
     const QByteArray open = TestDevice::readFile(helper + QStringLiteral("/cmdline"))
                             + TestDevice::readFile(helper + QStringLiteral("/environ"))
                             + TestDevice::readFile(ClientFixture::settingsPath) + client.output();
-    QVERIFY(open.contains("--validate-cert"));
+    QVERIFY(open.contains("--token-helper"));
     QVERIFY(!open.contains(part.toUtf8()));
     QCOMPARE(QFileInfo(helper + QStringLiteral("/mem")).ownerId(), 0U);
 }

@@ -1,0 +1,292 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+
+// Lists certificates by PKCS#11's own calls. GnuTLS reads each attribute of each object on its own, which takes several
+// times as long.
+
+#include "certificate.h"
+#include "clientsettings.h"
+#include "tokens.h"
+
+#include <QLoggingCategory>
+#include <QSet>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include <p11-kit/p11-kit.h>
+#include <p11-kit/pkcs11.h>
+#include <p11-kit/uri.h>
+
+namespace {
+
+/// The protocol's limits for a list. A token may hold more.
+constexpr int maximumCerts = 1000;
+constexpr int maximumListSize = 256 * 1024; // bytes
+
+/// Longer than any certificate, in bytes.
+constexpr int maximumValueSize = 1024 * 1024;
+
+/// The flags of a token that holds a person's keys, unlike the system's trust store.
+constexpr CK_FLAGS personal = CKF_TOKEN_INITIALIZED | CKF_LOGIN_REQUIRED;
+
+/// An object's class, as its attribute holds it.
+QByteArray asBytes(CK_OBJECT_CLASS kind)
+{
+    return QByteArray(reinterpret_cast<const char *>(&kind), sizeof(kind));
+}
+const QByteArray certificateClass = asBytes(CKO_CERTIFICATE);
+const QByteArray privateKeyClass = asBytes(CKO_PRIVATE_KEY);
+const QByteArray publicKeyClass = asBytes(CKO_PUBLIC_KEY);
+
+struct UriFree
+{
+    void operator()(P11KitUri *uri) const { p11_kit_uri_free(uri); }
+};
+using Uri = std::unique_ptr<P11KitUri, UriFree>;
+
+/// The module of a path, or the modules registered in the system if it is empty.
+class LoadedModules
+{
+public:
+    explicit LoadedModules(const QString &path)
+    {
+        if (path.isEmpty()) {
+            m_registered = p11_kit_modules_load_and_initialize(0);
+        } else {
+            CK_FUNCTION_LIST *const module = p11_kit_module_load(path.toLocal8Bit().constData(), 0);
+            if (module && p11_kit_module_initialize(module) == CKR_OK)
+                m_named[0] = module;
+            else if (module)
+                p11_kit_module_release(module);
+        }
+        if (!loaded())
+            qWarning("Cannot load the token module: %s", p11_kit_message());
+    }
+    ~LoadedModules()
+    {
+        if (m_registered)
+            p11_kit_modules_finalize_and_release(m_registered);
+        if (m_named[0]) {
+            p11_kit_module_finalize(m_named[0]);
+            p11_kit_module_release(m_named[0]);
+        }
+    }
+
+    /// Returns false when a module could not be loaded. The reason has been logged.
+    bool loaded() const { return m_registered || m_named[0]; }
+    /// Null-terminated.
+    CK_FUNCTION_LIST **get() { return m_registered ? m_registered : m_named; }
+
+private:
+    CK_FUNCTION_LIST **m_registered = nullptr;
+    CK_FUNCTION_LIST *m_named[2] = {};
+
+    Q_DISABLE_COPY(LoadedModules)
+};
+
+/// A read-only session with a token. Functions that return CK_RV return PKCS#11's error code.
+class Session
+{
+public:
+    Session(CK_FUNCTION_LIST *module, CK_SLOT_ID slot)
+        : m_module(module)
+        , m_error(module->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &m_handle))
+    {
+    }
+    ~Session()
+    {
+        if (m_error == CKR_OK)
+            m_module->C_CloseSession(m_handle);
+    }
+
+    /// Adds all visible objects.
+    CK_RV find(std::vector<CK_OBJECT_HANDLE> &objects) const
+    {
+        CK_RV error = m_error == CKR_OK ? m_module->C_FindObjectsInit(m_handle, nullptr, 0) : m_error;
+        if (error != CKR_OK)
+            return error;
+        CK_OBJECT_HANDLE some[256];
+        CK_ULONG count = 0;
+        do {
+            error = m_module->C_FindObjects(m_handle, some, CK_ULONG(std::size(some)), &count);
+            if (error == CKR_OK)
+                objects.insert(objects.end(), some, some + count);
+        } while (error == CKR_OK && count != 0);
+        m_module->C_FindObjectsFinal(m_handle);
+        return error;
+    }
+
+    /// Reads attributes of an object. Those that it lacks or hides are empty, and all are when the token fails.
+    template <size_t count>
+    std::array<QByteArray, count> read(CK_OBJECT_HANDLE object, const CK_ATTRIBUTE_TYPE (&types)[count]) const
+    {
+        std::array<QByteArray, count> values;
+        CK_ATTRIBUTE attributes[count];
+        for (size_t i = 0; i < count; ++i)
+            attributes[i] = {types[i], nullptr, 0};
+        load(object, attributes, count);
+        for (size_t i = 0; i < count; ++i) {
+            values.at(i).resize(length(attributes[i], maximumValueSize));
+            attributes[i] = {types[i], values.at(i).data(), CK_ULONG(values.at(i).size())};
+        }
+        const bool loaded = load(object, attributes, count);
+        for (size_t i = 0; i < count; ++i)
+            values.at(i).truncate(loaded ? length(attributes[i], values.at(i).size()) : 0);
+        return values;
+    }
+
+private:
+    bool load(CK_OBJECT_HANDLE object, CK_ATTRIBUTE *attributes, CK_ULONG count) const
+    {
+        const CK_RV error = m_module->C_GetAttributeValue(m_handle, object, attributes, count);
+        return error == CKR_OK || error == CKR_ATTRIBUTE_TYPE_INVALID || error == CKR_ATTRIBUTE_SENSITIVE;
+    }
+
+    /// The length of a value; 0 if it is unavailable or longer than expected.
+    static int length(const CK_ATTRIBUTE &attribute, int maximum)
+    {
+        return attribute.ulValueLen <= CK_ULONG(maximum) ? int(attribute.ulValueLen) : 0;
+    }
+
+    CK_FUNCTION_LIST *const m_module;
+    CK_SESSION_HANDLE m_handle = 0;
+    const CK_RV m_error; // initialised last, by opening the session
+
+    Q_DISABLE_COPY(Session)
+};
+
+/// Sets an attribute of a URI.
+void set(const Uri &uri, CK_ATTRIBUTE_TYPE type, QByteArray value)
+{
+    CK_ATTRIBUTE attribute = {type, value.data(), CK_ULONG(value.size())};
+    p11_kit_uri_set_attribute(uri.get(), &attribute);
+}
+
+/// Whether a certificate's URI is one that `pattern` may stand for.
+bool matches(const QByteArray &pattern, const Uri &uri)
+{
+    const Uri wanted(p11_kit_uri_new());
+    CK_ULONG count = 0;
+    const CK_ATTRIBUTE *const attributes = p11_kit_uri_get_attributes(uri.get(), &count);
+    return p11_kit_uri_parse(pattern.constData(), P11_KIT_URI_FOR_OBJECT_ON_TOKEN, wanted.get()) == P11_KIT_URI_OK
+           && p11_kit_uri_match_token_info(wanted.get(), p11_kit_uri_get_token_info(uri.get()))
+           && p11_kit_uri_match_attributes(wanted.get(), attributes, count);
+}
+
+/// The URIs of certificates.
+struct Listing
+{
+    QByteArrayList certs; ///< Those with a private key
+    QSet<QByteArray> defaults; ///< Those that the default certificate's URI stands for
+};
+
+/// Adds the certificates on a token. Returns PKCS#11's error code.
+CK_RV addCertsOn(const CK_TOKEN_INFO &token, const Session &session, const QByteArray &defaultCert, Listing &listing)
+{
+    struct Found
+    {
+        QByteArray uri;
+        QByteArray id;
+        bool isAuthority;
+    };
+    std::vector<Found> found;
+    QSet<QByteArray> keyIds;
+    bool hasVisibleKeys = false;
+
+    std::vector<CK_OBJECT_HANDLE> objects;
+    const CK_RV error = session.find(objects);
+    for (const CK_OBJECT_HANDLE object : objects) {
+        const auto [kind, id, label] = session.read(object, {CKA_CLASS, CKA_ID, CKA_LABEL});
+        if (kind == privateKeyClass || kind == publicKeyClass) {
+            hasVisibleKeys = true;
+            keyIds << id;
+        }
+        if (kind != certificateClass || id.isEmpty())
+            continue;
+        const Certificate certificate = parseCertificate(session.read(object, {CKA_VALUE}).front());
+        if (!certificate)
+            continue;
+        const Uri uri(p11_kit_uri_new());
+        *p11_kit_uri_get_token_info(uri.get()) = token;
+        set(uri, CKA_CLASS, kind);
+        set(uri, CKA_ID, id);
+        set(uri, CKA_LABEL, label);
+        char *text = nullptr;
+        p11_kit_uri_format(uri.get(), P11_KIT_URI_FOR_OBJECT_ON_TOKEN, &text);
+        found.push_back({text, id, isAuthority(certificate)});
+        std::free(text);
+        if (matches(defaultCert, uri))
+            listing.defaults << found.back().uri;
+    }
+
+    // A token may show its objects in another order each time.
+    std::sort(found.begin(), found.end(), [](const Found &one, const Found &other) { return one.uri < other.uri; });
+    QSet<QByteArray> known(listing.certs.begin(), listing.certs.end());
+    for (const Found &cert : found) {
+        // A token without visible keys hides them. Then any certificate except an authority's may have a key.
+        const bool hasKey = hasVisibleKeys ? keyIds.contains(cert.id) : !cert.isAuthority;
+        // Several certificates for one key may share a label, and thus a URI.
+        if (hasKey && !known.contains(cert.uri))
+            listing.certs << cert.uri;
+        known << cert.uri;
+    }
+    return error;
+}
+
+/// Adds the certificates on all tokens of a module. Errors are logged.
+void addCertsOf(CK_FUNCTION_LIST *module, const QByteArray &defaultCert, Listing &listing)
+{
+    constexpr char problem[] = "Cannot read a token: %s";
+    CK_ULONG count = 0;
+    CK_RV error = module->C_GetSlotList(CK_TRUE, nullptr, &count);
+    std::vector<CK_SLOT_ID> slotIds(count);
+    if (error == CKR_OK)
+        error = module->C_GetSlotList(CK_TRUE, slotIds.data(), &count);
+    if (error != CKR_OK) {
+        qWarning(problem, p11_kit_strerror(error));
+        return;
+    }
+    slotIds.resize(count); // A token may have been removed meanwhile.
+    for (const CK_SLOT_ID slotId : slotIds) {
+        CK_TOKEN_INFO token = {};
+        if (module->C_GetTokenInfo(slotId, &token) != CKR_OK || (token.flags & personal) != personal)
+            continue;
+        error = addCertsOn(token, Session(module, slotId), defaultCert, listing);
+        if (error != CKR_OK)
+            qWarning(problem, p11_kit_strerror(error));
+    }
+}
+
+/// Truncates a list that is too long.
+void limit(QByteArrayList &certs)
+{
+    int count = 0;
+    int size = 0;
+    while (count < qMin(certs.size(), maximumCerts) && (size += certs.at(count).size()) <= maximumListSize)
+        ++count;
+    if (count < certs.size())
+        qWarning("The list of %d certificates is too long; listing only %d", certs.size(), count);
+    certs.erase(certs.begin() + count, certs.end());
+}
+
+} // namespace
+
+Tokens::Outcome Tokens::list(QByteArrayList &certs)
+{
+    const ClientSettings settings;
+    LoadedModules modules(settings.module());
+    if (!modules.loaded())
+        return ModuleFailed;
+    Listing listing;
+    for (CK_FUNCTION_LIST **module = modules.get(); *module; ++module)
+        addCertsOf(*module, settings.defaultCert(), listing);
+    certs = listing.certs;
+    std::stable_partition(certs.begin(), certs.end(),
+                          [&listing](const QByteArray &cert) { return listing.defaults == QSet<QByteArray>{cert}; });
+    limit(certs);
+    return Success;
+}
