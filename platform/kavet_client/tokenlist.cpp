@@ -27,8 +27,9 @@ namespace {
 constexpr int maximumCerts = 1000;
 constexpr int maximumListSize = 256 * 1024; // bytes
 
-/// Longer than any certificate, in bytes.
-constexpr int maximumValueSize = 1024 * 1024;
+/// Sizes of attributes' values in bytes: most are shorter than the first, all than the second.
+constexpr int usualValueSize = 4096;
+constexpr CK_ULONG maximumValueSize = 1024 * 1024;
 
 /// The flags of a token that holds a person's keys, unlike the system's trust store.
 constexpr CK_FLAGS personal = CKF_TOKEN_INITIALIZED | CKF_LOGIN_REQUIRED;
@@ -125,31 +126,35 @@ public:
     std::array<QByteArray, count> read(CK_OBJECT_HANDLE object, const CK_ATTRIBUTE_TYPE (&types)[count]) const
     {
         std::array<QByteArray, count> values;
-        CK_ATTRIBUTE attributes[count];
-        for (size_t i = 0; i < count; ++i)
-            attributes[i] = {types[i], nullptr, 0};
-        load(object, attributes, count);
-        for (size_t i = 0; i < count; ++i) {
-            values.at(i).resize(length(attributes[i], maximumValueSize));
-            attributes[i] = {types[i], values.at(i).data(), CK_ULONG(values.at(i).size())};
+        for (QByteArray &value : values)
+            value.resize(usualValueSize);
+        bool loaded = load(object, types, values);
+        if (!loaded) {
+            // Ask for the sizes, and again with them.
+            values = {};
+            load(object, types, values);
+            loaded = load(object, types, values);
         }
-        const bool loaded = load(object, attributes, count);
-        for (size_t i = 0; i < count; ++i)
-            values.at(i).truncate(loaded ? length(attributes[i], values.at(i).size()) : 0);
-        return values;
+        return loaded ? values : std::array<QByteArray, count>();
     }
 
 private:
-    bool load(CK_OBJECT_HANDLE object, CK_ATTRIBUTE *attributes, CK_ULONG count) const
+    /// Fills the values and gives them the attributes' lengths. Null values get only these.
+    template <size_t count>
+    bool load(CK_OBJECT_HANDLE object, const CK_ATTRIBUTE_TYPE (&types)[count],
+              std::array<QByteArray, count> &values) const
     {
+        CK_ATTRIBUTE attributes[count];
+        for (size_t i = 0; i < count; ++i) {
+            QByteArray &value = values.at(i);
+            attributes[i] = {types[i], value.isNull() ? nullptr : value.data(), CK_ULONG(value.size())};
+        }
         const CK_RV error = m_module->C_GetAttributeValue(m_handle, object, attributes, count);
+        for (size_t i = 0; i < count; ++i) {
+            const CK_ULONG length = attributes[i].ulValueLen; // the largest number if the attribute is unavailable
+            values.at(i).resize(length <= maximumValueSize ? int(length) : 0);
+        }
         return error == CKR_OK || error == CKR_ATTRIBUTE_TYPE_INVALID || error == CKR_ATTRIBUTE_SENSITIVE;
-    }
-
-    /// The length of a value; 0 if it is unavailable or longer than expected.
-    static int length(const CK_ATTRIBUTE &attribute, int maximum)
-    {
-        return attribute.ulValueLen <= CK_ULONG(maximum) ? int(attribute.ulValueLen) : 0;
     }
 
     CK_FUNCTION_LIST *const m_module;

@@ -132,6 +132,7 @@ private Q_SLOTS:
     void listsNone();
     void listsDefaultFirst();
     void commandLineList();
+    void longCertificate();
     void manyCertificates();
     void tooManyCertificates();
 
@@ -341,6 +342,16 @@ void TstClientToken::commandLineList()
     QCOMPARE(result.exitCode, 1);
     QVERIFY(result.output.isEmpty());
     QVERIFY2(result.error.startsWith("tarsk.kavet_client: Cannot load the token module: "), result.error.constData());
+}
+
+void TstClientToken::longCertificate()
+{
+    const QByteArray names = QByteArray("dns_name = \"a-rather-long-name.corp.example\"\n").repeated(130);
+    const QString cert = SoftTokens::issue(QStringLiteral("long"), SoftTokens::loginTemplate() + names);
+    ClientFixture client;
+    const QString uri = enrolled(client, cert);
+    QVERIFY(QFileInfo(cert + QStringLiteral(".der")).size() > 4096);
+    QCOMPARE(client.validateCert(uri, pin), success);
 }
 
 void TstClientToken::manyCertificates()
