@@ -7,6 +7,7 @@
 
 void benchCertificateCheck();
 void benchCertificateList();
+void benchCertificateSteps();
 void benchColdRequest();
 void benchLogin();
 void benchPasswordCheck();
@@ -20,6 +21,7 @@ void benchLongUserFile();
 inline const std::map<std::string, void (*)()> benchmarks = {
     {"certificate-check", benchCertificateCheck},
     {"certificate-list", benchCertificateList},
+    {"certificate-steps", benchCertificateSteps},
     {"cold-request", benchColdRequest},
     {"login", benchLogin},
     {"password-check", benchPasswordCheck},

@@ -8,6 +8,7 @@
 
 #include <QThread>
 
+#include <map>
 #include <memory>
 
 using Bench::require;
@@ -93,5 +94,35 @@ void benchCertificateList()
         compareBoth(
             QStringLiteral("certificate list"), 5, [&] { return client->certList().size() == count; },
             [&] { return child->run().count(firstId.left(4).toLatin1()) >= count; }, count);
+    }
+}
+
+void benchCertificateSteps()
+{
+    constexpr int runs = 20;
+    const auto client = enroll(QStringLiteral("rsa"));
+    const QString uri = client->certList().constFirst();
+    Program probe({QStringLiteral(INSTALLED_TESTS_DIR "/tokenprobe"), uri},
+                  SoftTokens::environment() + QStringList{QStringLiteral("HOME=") + SoftTokens::home},
+                  SoftTokens::pin.toUtf8());
+    const AsAlice alice;
+    QStringList names;
+    std::map<QString, std::vector<double>> times;
+    for (int run = 0; run < (Bench::once ? 1 : runs); ++run) {
+        QByteArray output;
+        double rest = Bench::timed([&] { return !(output = probe.run()).isNull(); });
+        names = QStringList{QStringLiteral("start and end a process")};
+        const QStringList lines = QString::fromUtf8(output).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        for (const QString &line : lines) {
+            const double time = line.section(QLatin1Char(' '), 0, 0).toDouble();
+            names << line.section(QLatin1Char(' '), 1);
+            times[names.constLast()].push_back(time);
+            rest -= time;
+        }
+        times[names.constFirst()].push_back(rest);
+    }
+    for (const QString &name : qAsConst(names)) {
+        Bench::printValue({QStringLiteral("certificate check, step: ") + name, {}, {}, {}, QStringLiteral("ms")},
+                          Bench::median(times[name]) / 1e6);
     }
 }
