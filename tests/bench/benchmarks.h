@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 
+void benchAttacks();
 void benchCertificateCheck();
 void benchCertificateList();
 void benchCertificateSteps();
@@ -19,6 +20,7 @@ void benchLongUserFile();
 
 /// The benchmarks by name. Each prints its figures.
 inline const std::map<std::string, void (*)()> benchmarks = {
+    {"attacks", benchAttacks},
     {"certificate-check", benchCertificateCheck},
     {"certificate-list", benchCertificateList},
     {"certificate-steps", benchCertificateSteps},

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "methodfixture.h"
 #include "support/logcapture.h"
+#include "support/longestwait.h"
 
 #include <QBasicTimer>
 #include <QDir>
@@ -232,6 +233,7 @@ void TstHostileClient::attack()
     QVERIFY(warned);
 
     QVERIFY(bobSucceeds(fixture));
+    reportLongestWait(double(watch.longestWait()));
     QVERIFY2(watch.longestWait() < tolerableWait, qPrintable(QString::number(watch.longestWait())));
     QVERIFY((residentPages() - pagesBefore) * sysconf(_SC_PAGESIZE) < 64 * 1024 * 1024);
     QCOMPARE(misled(), QVector<QJsonArray>());
