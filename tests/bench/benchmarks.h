@@ -10,6 +10,8 @@ void benchCertificateCheck();
 void benchCertificateList();
 void benchCertificateSteps();
 void benchColdRequest();
+void benchGrowth();
+void benchIdle();
 void benchLogin();
 void benchPasswordCheck();
 void benchPlugin();
@@ -25,6 +27,8 @@ inline const std::map<std::string, void (*)()> benchmarks = {
     {"certificate-list", benchCertificateList},
     {"certificate-steps", benchCertificateSteps},
     {"cold-request", benchColdRequest},
+    {"growth", benchGrowth},
+    {"idle", benchIdle},
     {"login", benchLogin},
     {"password-check", benchPasswordCheck},
     {"plugin", benchPlugin},

@@ -174,3 +174,24 @@ void benchLongUserFile()
                                "cannot write the user's file");
                    });
 }
+
+void benchGrowth()
+{
+    setUp();
+    Method method;
+    const auto memory = [] {
+        const QByteArray status = TestDevice::readFile(QStringLiteral("/proc/self/status"));
+        const QByteArray field = "RssAnon:";
+        return status.mid(status.indexOf(field) + field.size()).simplified().split(' ').constFirst().toInt();
+    };
+    const auto ask = [&method](int times) {
+        for (int i = 0; i < times; ++i)
+            require(method.ask(), "a request has failed");
+    };
+    const int requests = Bench::once ? 1000 : 1000000;
+    ask(requests / 100);
+    const int before = memory();
+    ask(requests);
+    Bench::printValue({QStringLiteral("growth over %L1 requests").arg(requests), {}, 0, {}, QStringLiteral("KiB")},
+                      memory() - before);
+}
