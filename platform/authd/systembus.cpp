@@ -115,8 +115,12 @@ void SystemBus::watch()
         return;
     m_writable->setEnabled((sd_bus_get_events(m_bus) & POLLOUT) != 0);
     uint64_t time = 0;
-    if (sd_bus_get_timeout(m_bus, &time) <= 0 || time == UINT64_MAX)
+    if (sd_bus_get_timeout(m_bus, &time) <= 0 || time == UINT64_MAX) {
+        // The call has been answered. Without an interval, the timer is for more messages.
+        if (m_timer.interval() > 0)
+            m_timer.stop();
         return;
+    }
     constexpr uint64_t microsecondsPerMillisecond = 1000;
     const uint64_t present = now();
     const int wait = time <= present ? 0 : int((time - present) / microsecondsPerMillisecond) + 1;

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <csignal>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -121,6 +122,7 @@ private Q_SLOTS:
 
     void description();
     void methodInfo();
+    void sleepsAfterCalls();
 
     // --- Attempts ---
 
@@ -462,6 +464,19 @@ void TstAuthd::methodInfo()
     QCOMPARE(info(), expected.arg(QLatin1String("false")));
     QCOMPARE(user.error(QStringLiteral("GetMethodInfo"), {QStringLiteral("other")}),
              serviceError + QStringLiteral("NoSuchMethod"));
+}
+
+void TstAuthd::sleepsAfterCalls()
+{
+    // The daemon asks the bus who calls, with a timeout.
+    QCOMPARE(BusUser(bob).error(QStringLiteral("GetMethods")), QString());
+    const auto waitsForEvents = [this] {
+        const QByteArrayList call =
+            TestDevice::readFile(QStringLiteral("/proc/%1/syscall").arg(m_authd.pid())).split(' ');
+        const QByteArray timeout = call.value(3);
+        return call.constFirst().toInt() == SYS_ppoll ? timeout == "0x0" : timeout == "0xffffffff";
+    };
+    QTRY_VERIFY2(waitsForEvents(), "The daemon waits for a timer, too");
 }
 
 void TstAuthd::success()
