@@ -179,6 +179,7 @@ void TstAuthFlow::noUser()
     QVERIFY(!fixture.isWaiting());
     QCOMPARE(fixture.d->clientStage, stage);
     QVERIFY(fixture.d->pendingAuthData);
+    QCOMPARE(fixture.d->child.clientUid, TestDevice::alice); // It was not told to end.
 }
 
 void TstAuthFlow::clientStarting_data()
