@@ -64,7 +64,7 @@ std::string harmless(std::string_view text)
         if (character == Invalid) {
             result += '?';
         } else if (isHarmfulCharacter(character)) {
-            char escape[sizeof "\\u10ffff"];
+            char escape[sizeof "\\uffffffff"];
             std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned int>(character));
             result += escape;
         } else {
