@@ -15,6 +15,7 @@ inline const QString client = QStringLiteral(INSTALLED_BINDIR "/tarsk.kavet_clie
 inline const QString wiper = QStringLiteral(INSTALLED_SBINDIR "/qarv-userdata-wiper");
 inline const QString methods = QStringLiteral(INSTALLED_METHODS_DIR);
 inline const QString plugin = QStringLiteral(INSTALLED_METHODS_DIR "/libkavet.so");
+inline const QString screens = QStringLiteral(INSTALLED_SCREENS_DIR);
 
 // Test doubles.
 inline const QString confinementProbe = QStringLiteral(INSTALLED_TESTS_DIR "/confinementprobe");

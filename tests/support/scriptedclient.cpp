@@ -37,7 +37,7 @@
 //   "stop": true      stop itself as by SIGSTOP before serving
 //   "behind": true    act in a child process that outlives this one
 //   "announce": true  announce the socket repeatedly until somebody connects
-//   "certs": [...]    the reply to getCertList; without it, an error
+//   "certs": [...]    the reply to getCertList, read at each call; without it at launch, an error
 //   "errorText": the text of error replies
 //   "chatter": N      write to file descriptor N endlessly
 //   "certsAnswer": one of the words below, for getCertList
@@ -105,6 +105,14 @@ void recordLaunch(const QStringList &arguments, const QJsonArray &descriptors)
                                      {QStringLiteral("uids"), QJsonArray{int(uids[0]), int(uids[1]), int(uids[2])}},
                                      {QStringLiteral("gids"), QJsonArray{int(gids[0]), int(gids[1]), int(gids[2])}},
                                      {QStringLiteral("groups"), groupList}}));
+}
+
+QJsonObject readScript()
+{
+    QFile file(stateDirectory + QStringLiteral("script.json"));
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("No script");
+    return QJsonDocument::fromJson(file.readAll()).object();
 }
 
 void whenExists(const QString &path, QObject *context, const std::function<void()> &action)
@@ -235,7 +243,7 @@ private:
     QVariant certs() const
     {
         QStringList list;
-        const QJsonArray listed = m_script.value(QLatin1String("certs")).toArray();
+        const QJsonArray listed = readScript().value(QLatin1String("certs")).toArray();
         for (const auto &cert : listed)
             list << cert.toString();
         return list;
@@ -256,10 +264,7 @@ int main(int argc, char *argv[])
     const QStringList arguments = QCoreApplication::arguments();
     recordLaunch(arguments.mid(1), descriptors);
 
-    QFile file(stateDirectory + QStringLiteral("script.json"));
-    if (!file.open(QIODevice::ReadOnly))
-        qFatal("No script");
-    const QJsonObject script = QJsonDocument::fromJson(file.readAll()).object();
+    const QJsonObject script = readScript();
 
     std::fputs(qUtf8Printable(script.value(QLatin1String("stdout")).toString()), stdout);
     std::fflush(stdout);

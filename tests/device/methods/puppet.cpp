@@ -83,7 +83,7 @@ void Puppet::handleOptionChanged(uint uid, const QString &option, const QVariant
 
 const AuthUiPages &Puppet::pages() const
 {
-    static const AuthUiPages pages;
+    static const AuthUiPages pages = {QStringLiteral("MethodPageKavet"), {}, {}};
     return pages;
 }
 
@@ -100,7 +100,7 @@ void Puppet::reset()
 void Puppet::authenticate(uint uid, const QMap<QString, QVariant> &data)
 {
     m_told << QStringLiteral("authenticate %1").arg(uid);
-    perform(uid, data.value(QStringLiteral("do")).toString());
+    perform(uid, data.value(QStringLiteral("do"), data.value(QStringLiteral("password"))).toString());
 }
 
 void Puppet::handleUserSessionTriggered(uint uid, bool started, bool manageClient)

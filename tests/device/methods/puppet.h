@@ -5,7 +5,7 @@
 #include <authd/authplugininterface.h>
 
 /// A method that follows a script of words separated by spaces. The script is the value of "do" in the request's data
-/// or in an option.
+/// or in an option, or the value of "password", which a person can type on the page that this method shares with kavet.
 ///   succeed, finish (successfully), fail (without a code), fail:CODE, input    reports an outcome
 ///   restart, restart:UID      asks the daemon to restart the attempt
 ///   lock:SECONDS, unlock      locks or unlocks the user

@@ -1,0 +1,47 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+import QtQuick 2.15
+import QtQuick.Templates 2.15 as T
+
+// Filled, filled with the accent if highlighted, or only text if flat.
+T.Button {
+    id: control
+
+    readonly property color accent: control.palette.highlight
+    readonly property bool isAccented: highlighted && enabled
+    readonly property color fill: flat ? "transparent" : isAccented ? accent : palette.button
+
+    implicitWidth: Math.max(implicitBackgroundWidth, implicitContentWidth + leftPadding + rightPadding)
+    implicitHeight: implicitContentHeight + topPadding + bottomPadding
+    horizontalPadding: font.pixelSize * (flat ? 0.6 : 1.2)
+    verticalPadding: font.pixelSize * 0.7
+    Keys.onReturnPressed: press()
+    Keys.onEnterPressed: press()
+
+    // What the space bar does, too.
+    function press() {
+        if (checkable)
+            toggle()
+        clicked()
+    }
+
+    contentItem: Text {
+        text: control.text
+        textFormat: Text.PlainText
+        font: control.font
+        color: control.flat ? control.accent
+             : control.isAccented ? control.palette.highlightedText : control.palette.buttonText
+        opacity: control.enabled ? 1 : 0.6
+        horizontalAlignment: Text.AlignHCenter
+        verticalAlignment: Text.AlignVCenter
+        wrapMode: Text.Wrap
+    }
+
+    background: Rectangle {
+        radius: control.font.pixelSize * 0.4
+        color: control.down ? Qt.darker(control.fill, 1.15)
+             : control.hovered && control.enabled ? Qt.lighter(control.fill, 1.06) : control.fill
+        border.width: control.visualFocus ? 2 : 0
+        border.color: control.highlighted ? control.palette.windowText : control.accent
+    }
+}

@@ -1,0 +1,715 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "device/authd.h"
+#include "device/processmemory.h"
+#include "device/screen.h"
+#include "settings/settingskavet.h"
+#include "support/testdevice.h"
+
+#include <QGuiApplication>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QMetaEnum>
+#include <QRegularExpression>
+#include <QScopeGuard>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <csignal>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint alice = TestDevice::alice;
+constexpr uint bob = TestDevice::bob;
+
+const QString right = QStringLiteral("success"); // The scripted client replies with the password.
+const QString wrong = QStringLiteral("failed");
+const QString partition = QStringLiteral("/etc/authd/luks.conf");
+
+QString cert(const QString &holder, const QString &token, const QString &issuer = QStringLiteral("Example CA"))
+{
+    return QStringLiteral("pkcs11:token=%1;id=%01;object=login;type=cert?holder=%2&issuer=%3&expires=2027-05-01")
+        .arg(token, holder, issuer);
+}
+
+const QString badge = cert(QStringLiteral("Alice%20Liddell"), QStringLiteral("badge"));
+const QString ring = cert(QStringLiteral("Alice%20Liddell%20(admin)"), QStringLiteral("key%20ring"));
+
+void setCerts(const QStringList &certs)
+{
+    setClientScript({{QStringLiteral("certs"), QJsonArray::fromStringList(certs)}});
+}
+
+QStringList lastCall()
+{
+    const QVector<QJsonArray> calls = TestDevice::calls();
+    QStringList words;
+    for (auto call = calls.crbegin(); call != calls.crend() && words.isEmpty(); ++call) {
+        if (call->first() != QLatin1String("getCertList")) {
+            for (const QJsonValue &word : *call)
+                words << word.toString();
+        }
+    }
+    return words;
+}
+
+/// Sets the language of windows for the lifetime of the object.
+class Language
+{
+public:
+    explicit Language(QLocale::Language language) { QLocale::setDefault(QLocale(language)); }
+    ~Language() { QLocale::setDefault(m_before); }
+
+private:
+    const QLocale m_before;
+
+    Q_DISABLE_COPY(Language)
+};
+
+} // namespace
+
+#define VERIFY_SOUND(shown) QTRY_COMPARE((shown).faults().join(QLatin1Char('\n')), QString())
+
+/// The screen in a real window, with the real daemon and the method's pages.
+class TstScreen : public AuthdTest
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void greeter();
+    void wrongAndRightPassword();
+    void certificateAndPin();
+    void resultCodes();
+    void attemptsLeft();
+    void tokenRemoved();
+    void tokenAskedFor();
+    void locked();
+    void lockedForAWhile();
+    void partitionLocked();
+    void clientUnreachable();
+    void clientRestarted();
+    void queuedAndCancelled();
+    void anotherCallerAtWork();
+    void daemonGoneAndBack();
+    void information();
+    void secretIsHidden();
+    void secretIsOverwritten();
+    void manyCertificates();
+    void longNames_data();
+    void longNames();
+    void hostileNames();
+    void rightToLeft();
+    void german();
+    void translations_data();
+    void translations();
+    void sizes_data();
+    void sizes();
+
+private:
+    void setLimit(int limit);
+};
+
+void TstScreen::greeter()
+{
+    Shown shown(0);
+    QVERIFY(shown.find(QStringLiteral("user-carol")));
+    QCOMPARE(shown.screen.users().size(), 3); // and no service accounts
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("greeter"));
+
+    // With the keyboard alone, to bob and back.
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("user-alice")));
+    shown.press(Qt::Key_Down);
+    QVERIFY(shown.hasFocus(QStringLiteral("user-bob")));
+    shown.press(Qt::Key_Return);
+    QVERIFY(shown.find(QStringLiteral("secret")));
+    QCOMPARE(shown.text(QStringLiteral("user")), QStringLiteral("Bob"));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    shown.press(Qt::Key_Escape);
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("user-alice")));
+
+    QVERIFY(shown.click(QStringLiteral("user-carol")));
+    QTRY_COMPARE(shown.text(QStringLiteral("user")), QStringLiteral("Carol"));
+    QVERIFY(shown.click(QStringLiteral("leave")));
+    QVERIFY(shown.find(QStringLiteral("user-alice")));
+}
+
+void TstScreen::wrongAndRightPassword()
+{
+    Shown shown(alice);
+    QSignalSpy authenticated(&shown.screen, &AuthScreen::authenticated);
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    QVERIFY(!shown.find(QStringLiteral("signIn"))->isEnabled());
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("password"));
+
+    QVERIFY(shown.submit(wrong));
+    QTRY_COMPARE(shown.text(QStringLiteral("messageTitle")), QStringLiteral("The password is wrong."));
+    QCOMPARE(lastCall(), (QStringList{QStringLiteral("checkPassword"), QStringLiteral("alice"), wrong}));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    QCOMPARE(shown.text(QStringLiteral("secret")), QString());
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("wrong-password"));
+
+    shown.type(right);
+    QVERIFY(shown.click(QStringLiteral("signIn")));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+    QCOMPARE(authenticated, (QList<QVariantList>{{alice, QStringLiteral("kavet")}}));
+    QVERIFY(!shown.shows(QStringLiteral("secret")));
+    VERIFY_SOUND(shown);
+}
+
+void TstScreen::certificateAndPin()
+{
+    setCerts({badge, ring});
+    Shown shown(alice);
+    QVERIFY(shown.find(QStringLiteral("certificate-1")));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    const QString text = shown.allText();
+    for (const char *part : {"Alice Liddell\n", "Alice Liddell (admin)\n", "Example CA", "badge", "key ring", "2027"})
+        QVERIFY2(text.contains(QLatin1String(part)), qPrintable(text));
+    QVERIFY(!text.contains(QLatin1String("pkcs11:")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("certificate"));
+
+    QVERIFY(shown.submit(wrong));
+    QTRY_VERIFY(shown.text(QStringLiteral("messageTitle")).startsWith(QStringLiteral("The PIN is wrong")));
+    QCOMPARE(lastCall(), (QStringList{QStringLiteral("validateCert"), badge, QStringLiteral("alice"), wrong}));
+    QVERIFY(shown.click(QStringLiteral("certificate-1")));
+    QVERIFY(shown.click(QStringLiteral("details")));
+    QTRY_COMPARE(shown.text(QStringLiteral("detail")), ring);
+    QVERIFY(shown.click(QStringLiteral("secret")));
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+    QCOMPARE(lastCall(), (QStringList{QStringLiteral("validateCert"), ring, QStringLiteral("alice"), right}));
+}
+
+// The codes that the client cannot cause come from another method, on the same page.
+void TstScreen::resultCodes()
+{
+    struct Text
+    {
+        const char *what;
+        const char *next;
+    };
+    const QVector<Text> texts = {
+        {"The password is wrong.", "Check Caps Lock"},
+        {"The device's storage is locked.", "Unlock the storage"},
+        {"The check could not start.", "Try again."},
+        {"The check cannot be reached right now.", "Wait a moment"},
+        {"The check was interrupted.", "Nothing was counted."},
+        {"Your token or your account is locked.", "Further attempts will not help."},
+        {"That was the last attempt.", "Your data may be removed"},
+        {"That was the last attempt.", "Your data are kept."},
+        {"The token is not plugged in.", "Insert the token"},
+        {"The token does not respond.", "Take it out"},
+        {"The password is wrong.", "Check Caps Lock"},
+        {"The default certificate cannot be used.", "Choose another certificate"},
+        {"You may not unlock this device.", "Only the person who locked it"},
+        {"This way of signing in is not set up for you.", "Use the other way"},
+        {"Signing in has failed.", "Try again."},
+    };
+    // Success has a page of its own, and the last text is for any other code.
+    QCOMPARE(texts.size(), QMetaEnum::fromType<SettingsKavet::ResultCode>().keyCount());
+
+    m_authd.stop(SIGTERM);
+    QVERIFY(m_authd.start(Installed::oddMethods));
+    Shown shown(alice);
+    QVERIFY(shown.click(QStringLiteral("cancel"))); // This method works until it is told to stop.
+    for (int code = 1; code <= texts.size(); ++code) {
+        QVERIFY(shown.submit(QStringLiteral("fail:%1").arg(code)));
+        QTRY_COMPARE(shown.text(QStringLiteral("messageTitle")), QLatin1String(texts.at(code - 1).what));
+        const QString next = shown.text(QStringLiteral("messageText"));
+        QVERIFY2(next.startsWith(QLatin1String(texts.at(code - 1).next)), qPrintable(next));
+        QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+        VERIFY_SOUND(shown);
+    }
+    // The message goes with the next attempt.
+    QVERIFY(shown.submit(QStringLiteral("succeed")));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+    QVERIFY(!shown.shows(QStringLiteral("messageTitle")));
+}
+
+void TstScreen::setLimit(int limit)
+{
+    QCOMPARE(
+        BusUser(0).error(QStringLiteral("SetMethodOption"), {QStringLiteral("kavet"), QStringLiteral("max-attempts"),
+                                                             QVariant::fromValue(QDBusVariant(limit))}),
+        QString());
+}
+
+void TstScreen::attemptsLeft()
+{
+    setLimit(5);
+    Shown shown(alice);
+    QVERIFY(shown.submit(wrong));
+    QVERIFY(shown.find(QStringLiteral("failure")));
+    QTRY_VERIFY2(shown.text(QStringLiteral("messageText")).endsWith(QStringLiteral("Attempts left: 4")),
+                 qPrintable(shown.allText()));
+    shown.save(QStringLiteral("wrong-password"));
+    // An attempt that does not count leaves them.
+    QVERIFY(shown.submit(QStringLiteral("connerr")));
+    QTRY_COMPARE(shown.text(QStringLiteral("messageTitle")), QStringLiteral("The token does not respond."));
+    QVERIFY(!shown.text(QStringLiteral("messageText")).contains(QStringLiteral("left")));
+}
+
+void TstScreen::tokenRemoved()
+{
+    setCerts({badge, ring});
+    Shown shown(alice);
+    QVERIFY(shown.click(QStringLiteral("certificate-1")));
+    setCerts({badge});
+    // The page looks for tokens at intervals.
+    QTRY_VERIFY_WITH_TIMEOUT(!shown.shows(QStringLiteral("certificate-1")), 15000);
+    QVERIFY(shown.shows(QStringLiteral("certificate-0")));
+
+    // The chosen certificate has gone, so the other one is chosen.
+    QVERIFY(shown.click(QStringLiteral("secret")));
+    QVERIFY(shown.submit(wrong));
+    QVERIFY(shown.find(QStringLiteral("failure")));
+    QCOMPARE(lastCall().value(1), badge);
+
+    setCerts({});
+    QTRY_COMPARE_WITH_TIMEOUT(shown.text(QStringLiteral("title")), QStringLiteral("Insert your token"), 15000);
+    QVERIFY(!shown.shows(QStringLiteral("secret")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("insert-token"));
+    setCerts({ring});
+    QVERIFY(shown.find(QStringLiteral("certificate-0")));
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+    QCOMPARE(lastCall().value(1), ring);
+}
+
+void TstScreen::tokenAskedFor()
+{
+    setCerts({});
+    Shown shown(alice);
+    QVERIFY(shown.click(QStringLiteral("otherWay")));
+    QTRY_COMPARE(shown.text(QStringLiteral("title")), QStringLiteral("Insert your token"));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("preButton")));
+    shown.press(Qt::Key_Return);
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+    QCOMPARE(lastCall().constFirst(), QStringLiteral("checkPassword"));
+}
+
+void TstScreen::locked()
+{
+    setLimit(1);
+    Shown shown(alice);
+    QVERIFY(shown.submit(wrong));
+    QTRY_COMPARE(shown.text(QStringLiteral("title")), QStringLiteral("This account is locked"));
+    QCOMPARE(shown.text(QStringLiteral("text")),
+             QStringLiteral("There were too many failed attempts.\nAsk your administrator to unlock it."));
+    QVERIFY(!shown.shows(QStringLiteral("secret")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("locked"));
+
+    // Another screen of a locked user says so at once.
+    {
+        const Shown another(alice);
+        QTRY_COMPARE(another.text(QStringLiteral("title")), QStringLiteral("This account is locked"));
+    }
+
+    QCOMPARE(BusUser(0).error(QStringLiteral("Unlock"), {alice}), QString());
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+}
+
+void TstScreen::lockedForAWhile()
+{
+    m_authd.stop(SIGTERM);
+    QVERIFY(m_authd.start(Installed::oddMethods));
+    const BusUser root(0);
+    QCOMPARE(root.error(QStringLiteral("SetUserMethodOption"),
+                        {alice, QStringLiteral("puppet"), QStringLiteral("do"),
+                         QVariant::fromValue(QDBusVariant(QStringLiteral("lock:600")))}),
+             QString());
+    m_authd.stop(SIGTERM);
+    QVERIFY(m_authd.start());
+    Shown shown(alice);
+    QTRY_COMPARE(shown.text(QStringLiteral("text")),
+                 QStringLiteral("The reason: on strings\nMinutes until you can try again: 10"));
+}
+
+void TstScreen::partitionLocked()
+{
+    QVERIFY(QDir().mkpath(QFileInfo(partition).path()));
+    QVERIFY(TestDevice::writeFile(partition, "[Partition]\nDevice=absent\n"));
+    Shown shown(alice);
+    QTRY_COMPARE(shown.text(QStringLiteral("title")), QStringLiteral("The device's storage is locked."));
+    VERIFY_SOUND(shown);
+    QVERIFY(QFile::remove(partition));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("preButton")));
+    shown.press(Qt::Key_Return);
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+}
+
+void TstScreen::clientUnreachable()
+{
+    setClientScript({{QStringLiteral("exit"), 1}});
+    Shown shown(alice);
+    QTRY_COMPARE(shown.text(QStringLiteral("title")), QStringLiteral("The check could not start."));
+    VERIFY_SOUND(shown);
+    setClientScript();
+    QVERIFY(shown.click(QStringLiteral("preButton")));
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+}
+
+void TstScreen::clientRestarted()
+{
+    m_authd.stop(SIGTERM);
+    QVERIFY(m_authd.start(Installed::oddMethods));
+    Shown shown(alice);
+    QVERIFY(shown.click(QStringLiteral("cancel")));
+    QVERIFY(shown.submit(QStringLiteral("restart")));
+    QVERIFY(shown.find(QStringLiteral("restarted")));
+    VERIFY_SOUND(shown);
+    QVERIFY(shown.submit(QStringLiteral("succeed")));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+}
+
+void TstScreen::queuedAndCancelled()
+{
+    setClientScript({{QStringLiteral("answer"), QStringLiteral("never")}});
+    const BusUser other(bob);
+    QCOMPARE(other.error(QStringLiteral("Authenticate"),
+                         {bob, QStringLiteral("kavet"), QVariantMap{{QStringLiteral("password"), right}}}),
+             QString());
+    QTRY_VERIFY(!lastCall().isEmpty());
+    Shown shown(alice);
+    QTRY_COMPARE(shown.text(QStringLiteral("title")), QStringLiteral("Please wait"));
+    VERIFY_SOUND(shown);
+
+    // Bob's attempt is cut short, and alice's begins.
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.find(QStringLiteral("busy")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("checking"));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("cancel")));
+    shown.press(Qt::Key_Escape);
+    QTRY_COMPARE(shown.text(QStringLiteral("notice")), QStringLiteral("Cancelled."));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.click(QStringLiteral("cancel")));
+    QTRY_COMPARE(shown.text(QStringLiteral("notice")), QStringLiteral("Cancelled."));
+}
+
+void TstScreen::anotherCallerAtWork()
+{
+    setClientScript({{QStringLiteral("answer"), QStringLiteral("never")}});
+    const BusUser other(0);
+    QCOMPARE(other.error(QStringLiteral("RequestChallenge"), {alice, QStringLiteral("kavet")}), QString());
+    // Root replaces others' attempts, so this must be the user's own screen.
+    QVERIFY(seteuid(alice) == 0);
+    Shown shown(alice);
+    QVERIFY(seteuid(0) == 0);
+    QTRY_VERIFY2(shown.text(QStringLiteral("notice")).startsWith(QStringLiteral("Another program is")),
+                 qPrintable(shown.allText()));
+    VERIFY_SOUND(shown);
+}
+
+void TstScreen::daemonGoneAndBack()
+{
+    Shown shown(alice);
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    shown.type(QStringLiteral("half"));
+    m_authd.stop(SIGKILL);
+    QVERIFY(shown.find(QStringLiteral("absent")));
+    QVERIFY(!shown.shows(QStringLiteral("secret")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("absent"));
+    QVERIFY(m_authd.start());
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    QCOMPARE(shown.text(QStringLiteral("secret")), QString());
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+
+    // A screen that starts first waits for the daemon.
+    m_authd.stop(SIGTERM);
+    Shown early(0);
+    QVERIFY(early.find(QStringLiteral("absent")));
+    QVERIFY(m_authd.start());
+    QVERIFY(early.find(QStringLiteral("user-bob")));
+}
+
+void TstScreen::information()
+{
+    setLimit(5);
+    setCerts({badge});
+    Shown shown(alice);
+    QVERIFY(shown.submit(wrong));
+    QVERIFY(shown.find(QStringLiteral("failure")));
+    QVERIFY(shown.click(QStringLiteral("info")));
+    QCOMPARE(shown.text(QStringLiteral("limit")), QStringLiteral("5"));
+    QTRY_COMPARE(shown.text(QStringLiteral("failed")), QStringLiteral("1"));
+    QVERIFY(shown.find(QStringLiteral("certificate-0")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("information"));
+    setLimit(0);
+    QTRY_COMPARE(shown.text(QStringLiteral("limit")), QStringLiteral("Unlimited"));
+
+    setCerts({badge, ring});
+    QTRY_VERIFY(shown.find(QStringLiteral("refresh"))->isEnabled());
+    QVERIFY(shown.click(QStringLiteral("refresh")));
+    QVERIFY(shown.find(QStringLiteral("certificate-1")));
+    shown.press(Qt::Key_Escape);
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+}
+
+void TstScreen::secretIsHidden()
+{
+    Shown shown(alice);
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    QQuickItem *field = shown.find(QStringLiteral("secret"));
+    const auto displayed = [field] {
+        return field->property("displayText").toString();
+    };
+    shown.type(QStringLiteral("abc"));
+    QVERIFY(!displayed().contains(QRegularExpression(QStringLiteral("[abc]"))));
+    QVERIFY(!shown.shows(QStringLiteral("capsLock")));
+    QVERIFY(shown.click(QStringLiteral("reveal")));
+    QCOMPARE(displayed(), QStringLiteral("abc"));
+    QVERIFY(shown.click(QStringLiteral("secret")));
+    shown.type(QStringLiteral("D"));
+    QVERIFY(shown.find(QStringLiteral("capsLock")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("caps-lock"));
+    QTest::sendKeyEvent(QTest::Click, shown.window(), Qt::Key_E, QStringLiteral("E"), Qt::ShiftModifier);
+    QTRY_VERIFY(!shown.shows(QStringLiteral("capsLock")));
+
+    // It does not outlive its use, nor does the wish to see it.
+    shown.press(Qt::Key_Return);
+    QCOMPARE(field->property("text").toString(), QString());
+    QTRY_COMPARE(lastCall().value(2), QStringLiteral("abcDE"));
+    QVERIFY(shown.find(QStringLiteral("failure")));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    shown.type(QStringLiteral("abc"));
+    QVERIFY(shown.click(QStringLiteral("reveal")));
+    QVERIFY(shown.click(QStringLiteral("info")));
+    QVERIFY(shown.click(QStringLiteral("info")));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    QCOMPARE(field->property("text").toString(), QString());
+    shown.type(QStringLiteral("abc"));
+    QVERIFY(!displayed().contains(QLatin1Char('a')));
+}
+
+// The test itself must not hold the secret, so it knows each character by the next one.
+void TstScreen::secretIsOverwritten()
+{
+    const QByteArray masked = "Dpssfdu!Ipstf!Cbuufsz";
+    const auto isHeld = [&masked] {
+        const QByteArray memory = processMemory(getpid());
+        if (memory.isNull())
+            qFatal("Cannot read the memory");
+        for (int i = 0; i + 2 * masked.size() <= memory.size(); i += 2) {
+            int length = 0;
+            while (length < masked.size() && memory.at(i + 2 * length) == masked.at(length) - 1
+                   && memory.at(i + 2 * length + 1) == 0)
+                ++length;
+            if (length == masked.size())
+                return true;
+        }
+        return false;
+    };
+    Shown shown(alice);
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    for (const char character : masked)
+        shown.type(QString(QLatin1Char(char(character - 1))));
+    QVERIFY(isHeld());
+    shown.press(Qt::Key_Return);
+    QVERIFY(!isHeld());
+    QVERIFY(shown.find(QStringLiteral("failure")));
+    QVERIFY(!isHeld());
+}
+
+void TstScreen::manyCertificates()
+{
+    QStringList certs;
+    for (int i = 0; i < 200; ++i)
+        certs << cert(QStringLiteral("Person%20%1").arg(i, 3, 10, QLatin1Char('0')), QStringLiteral("token%1").arg(i));
+    setCerts(certs);
+    Shown shown(alice);
+    QTRY_COMPARE(shown.text(QStringLiteral("count")), QStringLiteral("200 certificates"));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("many-certificates"));
+    // The field stays in sight.
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    const QQuickItem *field = shown.find(QStringLiteral("secret"));
+    QVERIFY(field->mapToScene(QPointF(0, field->height())).y() < shown.window()->height());
+
+    // With the keyboard: search, choose, enter the PIN.
+    while (!shown.hasFocus(QStringLiteral("search")))
+        shown.press(Qt::Key_Tab, Qt::ShiftModifier);
+    shown.type(QStringLiteral("token19"));
+    QTRY_COMPARE(shown.text(QStringLiteral("count")), QStringLiteral("11 certificates"));
+    shown.press(Qt::Key_Down);
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("certificates")));
+    shown.press(Qt::Key_Down);
+    while (!shown.hasFocus(QStringLiteral("secret")))
+        shown.press(Qt::Key_Tab);
+    QVERIFY(shown.submit(right));
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+    QCOMPARE(lastCall().value(1), certs.at(190));
+}
+
+void TstScreen::longNames_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::newRow("words") << QStringLiteral("Alice Pleasance Liddell of Christ Church ").repeated(12).trimmed();
+    QTest::newRow("one word") << QStringLiteral("Liddell").repeated(40);
+}
+
+void TstScreen::longNames()
+{
+    QFETCH(QString, name);
+    const QString encoded = QString::fromLatin1(QUrl::toPercentEncoding(name));
+    setCerts({cert(encoded, encoded, encoded), ring});
+    for (const QSize &size : {QSize(320, 480), QSize(1280, 800)}) {
+        Shown shown(alice, size);
+        QVERIFY(shown.click(QStringLiteral("details")));
+        QVERIFY(shown.allText().contains(name));
+        VERIFY_SOUND(shown);
+        QVERIFY(shown.click(QStringLiteral("info")));
+        QVERIFY(shown.find(QStringLiteral("limit")));
+        VERIFY_SOUND(shown);
+    }
+}
+
+// Names come from certificates and tokens.
+void TstScreen::hostileNames()
+{
+    setCerts({cert(QStringLiteral("%3Cb%3EAlice%3C/b%3E%0A%E2%80%AEecila"), QStringLiteral("%FF")),
+              QStringLiteral("<img src=\"file:///etc/passwd\">"), QStringLiteral("pkcs11:"), QString()});
+    Shown shown(alice);
+    QVERIFY(shown.find(QStringLiteral("certificate-3")));
+    const QString text = shown.allText();
+    QVERIFY2(text.contains(QStringLiteral("<b>Alice</b>\ufffd\ufffdecila")), qPrintable(text));
+    QVERIFY2(text.contains(QStringLiteral("Token: %FF")), qPrintable(text));
+    QVERIFY2(text.contains(QStringLiteral("<img src=")), qPrintable(text));
+    VERIFY_SOUND(shown);
+}
+
+void TstScreen::rightToLeft()
+{
+    const Language language(QLocale::Arabic);
+    setCerts({badge, ring});
+    Shown shown(alice);
+    QVERIFY(shown.find(QStringLiteral("certificate-1")));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("right-to-left"));
+    const auto left = [&shown](const char *name) {
+        return shown.find(QLatin1String(name))->mapToScene({}).x();
+    };
+    QVERIFY(left("reveal") < shown.window()->width() / 3.);
+    QVERIFY(left("details") < shown.window()->width() / 3.);
+}
+
+void TstScreen::german()
+{
+    const Language language(QLocale::German);
+    setCerts({badge, ring});
+    Shown shown(alice);
+    QVERIFY(shown.submit(wrong));
+    QVERIFY(shown.find(QStringLiteral("failure")));
+    const QString text = shown.allText();
+    for (const char *part : {"Anmelden", "Informationen", "1. Mai 2027", "Die PIN"})
+        QVERIFY2(text.contains(QLatin1String(part)), qPrintable(text));
+}
+
+void TstScreen::translations_data()
+{
+    QTest::addColumn<QString>("texts");
+    QTest::newRow("pages") << QStringLiteral("screens/i18n/kavet_de.ts");
+    QTest::newRow("window") << QStringLiteral("platform/screen/i18n/authscreen_de.ts");
+}
+
+// Each text has a translation.
+void TstScreen::translations()
+{
+    QFETCH(QString, texts);
+    const QString path = QStringLiteral(SOURCE_DIR "/") + texts;
+    const QString copy = QStringLiteral("/tmp/texts.ts");
+    QFile::remove(copy);
+    QVERIFY(QFile::copy(path, copy));
+    QCOMPARE(QProcess::execute(QStringLiteral("lupdate"),
+                               {QStringLiteral("-silent"), QStringLiteral("-no-obsolete"), QStringLiteral("-locations"),
+                                QStringLiteral("none"), QFileInfo(path).path() + QStringLiteral("/.."),
+                                QStringLiteral("-ts"), copy}),
+             0);
+    QCOMPARE(QString::fromUtf8(TestDevice::readFile(copy)), QString::fromUtf8(TestDevice::readFile(path)));
+    QVERIFY(!TestDevice::readFile(path).contains("unfinished"));
+}
+
+void TstScreen::sizes_data()
+{
+    QTest::addColumn<QSize>("size");
+    QTest::addColumn<int>("language");
+    QTest::addColumn<qreal>("scale");
+    QTest::addColumn<bool>("isDark");
+
+    for (const QLocale::Language language : {QLocale::English, QLocale::German, QLocale::Arabic}) {
+        for (const QSize &size : {QSize(320, 480), QSize(800, 900), QSize(1280, 800)}) {
+            for (const qreal scale : {1., 2.})
+                QTest::addRow("%s %d %g", qPrintable(QLocale::languageToString(language)), size.width(), scale)
+                    << size << int(language) << scale << (scale > 1);
+        }
+    }
+}
+
+// The main states at all sizes: nothing is cut off, and each can be reached.
+void TstScreen::sizes()
+{
+    QFETCH(QSize, size);
+    QFETCH(int, language);
+    QFETCH(qreal, scale);
+    QFETCH(bool, isDark);
+
+    const Language set{QLocale::Language(language)};
+    const QFont before = QGuiApplication::font();
+    QFont font = before;
+    font.setPointSizeF(font.pointSizeF() * scale);
+    QGuiApplication::setFont(font);
+    const auto restore = qScopeGuard([before] { QGuiApplication::setFont(before); });
+    const QString name = QString::fromLatin1(QTest::currentDataTag()).replace(QLatin1Char(' '), QLatin1Char('-'));
+
+    setLimit(2);
+    setCerts({badge, ring});
+    Shown shown(0, size, isDark);
+    QVERIFY(shown.find(QStringLiteral("user-carol")));
+    VERIFY_SOUND(shown);
+    shown.save(name + QStringLiteral("-greeter"));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("user-alice")));
+    shown.press(Qt::Key_Return);
+    QVERIFY(shown.submit(wrong));
+    QVERIFY(shown.find(QStringLiteral("failure")));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    VERIFY_SOUND(shown);
+    // What has the focus is in sight.
+    const QQuickItem *field = shown.find(QStringLiteral("secret"));
+    QTRY_VERIFY(field->mapToScene({}).y() >= 0
+                && field->mapToScene(QPointF(0, field->height())).y() <= shown.window()->height());
+    shown.save(name + QStringLiteral("-pin"));
+    while (!shown.hasFocus(QStringLiteral("info")))
+        shown.press(Qt::Key_Tab);
+    shown.press(Qt::Key_Return);
+    QVERIFY(shown.find(QStringLiteral("limit")));
+    VERIFY_SOUND(shown);
+    shown.save(name + QStringLiteral("-info"));
+}
+
+int main(int argc, char *argv[])
+{
+    startDisplay();
+    const QGuiApplication application(argc, argv);
+    QLocale::setDefault(QLocale::English);
+    TstScreen test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_screen.moc"
