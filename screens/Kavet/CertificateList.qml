@@ -34,7 +34,7 @@ ColumnLayout {
 
         objectName: "certificates"
         Layout.fillWidth: true
-        Layout.preferredHeight: Math.min(contentHeight, search.font.pixelSize * 18)
+        Layout.preferredHeight: Math.min(Math.ceil(contentHeight), search.font.pixelSize * 18)
         clip: true
         spacing: search.font.pixelSize * 0.4
         boundsBehavior: Flickable.StopAtBounds

@@ -175,6 +175,8 @@ void Shown::save(const QString &name) const
     if (directory.isEmpty())
         return;
     QTest::qWait(300); // Animations; nothing depends on it.
-    if (!window()->grabWindow().save(directory + QLatin1Char('/') + name + QStringLiteral(".png")))
+    const QImage picture = window()->grabWindow().convertToFormat(QImage::Format_RGB32); // without transparency
+    constexpr int Smallest = 0;
+    if (!picture.save(directory + QLatin1Char('/') + name + QStringLiteral(".png"), nullptr, Smallest))
         qFatal("Cannot write the picture %s", qPrintable(name));
 }

@@ -18,7 +18,7 @@ class Shown
 {
 public:
     /// A lock screen, or for user 0 a greeter.
-    explicit Shown(uint user, const QSize &size = QSize(800, 900), bool isDark = false);
+    explicit Shown(uint user, const QSize &size = QSize(520, 760), bool isDark = false);
 
     AuthScreen screen;
     QQuickWindow *window() const { return m_window.window(); }

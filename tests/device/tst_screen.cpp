@@ -150,7 +150,6 @@ void TstScreen::wrongAndRightPassword()
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
     QCOMPARE(shown.text(QStringLiteral("secret")), QString());
     VERIFY_SOUND(shown);
-    shown.save(QStringLiteral("wrong-password"));
 
     shown.type(right);
     QVERIFY(shown.click(QStringLiteral("signIn")));
@@ -614,9 +613,12 @@ void TstScreen::german()
 {
     const Language language(QLocale::German);
     setCerts({badge, ring});
-    Shown shown(alice);
+    Shown shown(alice, QSize(520, 760), true);
     QVERIFY(shown.submit(wrong));
     QVERIFY(shown.find(QStringLiteral("failure")));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("german-dark"));
     const QString text = shown.allText();
     for (const char *part : {"Anmelden", "Informationen", "1. Mai 2027", "Die PIN"})
         QVERIFY2(text.contains(QLatin1String(part)), qPrintable(text));

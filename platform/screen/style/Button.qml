@@ -11,7 +11,8 @@ T.Button {
     readonly property bool isAccented: highlighted && enabled
     readonly property color fill: flat ? "transparent" : isAccented ? accent : palette.button
 
-    implicitWidth: Math.max(implicitBackgroundWidth, implicitContentWidth + leftPadding + rightPadding)
+    // Rounded up, lest the text wraps for a fraction of a pixel.
+    implicitWidth: Math.ceil(implicitContentWidth + leftPadding + rightPadding) + 1
     implicitHeight: implicitContentHeight + topPadding + bottomPadding
     horizontalPadding: font.pixelSize * (flat ? 0.6 : 1.2)
     verticalPadding: font.pixelSize * 0.7
