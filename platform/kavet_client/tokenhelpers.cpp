@@ -34,6 +34,9 @@ constexpr int callTimeout = 20000;
 constexpr int preparationTimeout = 2000;
 constexpr int idleTimeout = 5 * 60 * 1000;
 
+/// How far a helper has got: it has sent so many bytes to the client.
+enum Step { Prepared = 1, Working = 2 };
+
 /// The client's process id.
 pid_t client = 0;
 
@@ -110,6 +113,14 @@ void keepLibraries()
         dlopen(name.constData(), RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 }
 
+/// Tells the client that the helper has taken the next step.
+void reportStep()
+{
+    const char byte = 0;
+    if (write(STDIN_FILENO, &byte, sizeof(byte)) != sizeof(byte))
+        _exit(Tokens::ModuleFailed); // The client has exited.
+}
+
 /// Redirects standard output to standard error, because modules may print. Returns the original standard output.
 int setUp()
 {
@@ -160,8 +171,8 @@ protected:
     void setupChildProcess() override;
 
 private:
-    /// Whether the helper has loaded what it needs, and may have read its request.
-    bool isReady() const;
+    /// How far the helper has got.
+    int progress() const;
     void end(Tokens::Outcome outcome);
 
     TokenHelpers *const m_helpers;
@@ -186,7 +197,7 @@ TokenHelpers::Helper::Helper(TokenHelpers *helpers, Start start)
     });
     if (start == InAdvance) {
         QTimer::singleShot(preparationTimeout, this, [this] {
-            if (!isReady())
+            if (progress() < Prepared)
                 kill();
         });
     }
@@ -220,10 +231,10 @@ bool TokenHelpers::Helper::serve(Request &request, const Callback &done)
     return true;
 }
 
-bool TokenHelpers::Helper::isReady() const
+int TokenHelpers::Helper::progress() const
 {
-    char byte = 0;
-    return recv(m_sockets[0], &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
+    char steps[Working];
+    return int(recv(m_sockets[0], steps, sizeof(steps), MSG_PEEK | MSG_DONTWAIT));
 }
 
 void TokenHelpers::Helper::end(Tokens::Outcome outcome)
@@ -232,8 +243,8 @@ void TokenHelpers::Helper::end(Tokens::Outcome outcome)
     deleteLater();
     if (!m_done)
         return;
-    // It failed to load what was there before the call.
-    if (m_start == InAdvance && !isReady())
+    // What ended it may have been over before the call, and it has not tried the PIN.
+    if (m_start == InAdvance && progress() < Working)
         m_helpers->runAfresh(m_request, m_done);
     else
         m_done(outcome, readAllStandardOutput());
@@ -302,11 +313,11 @@ int TokenHelpers::runHelper()
         const TokenObjects::Modules modules(settings);
         keepLibraries();
     }
-    const char ready = 0;
+    reportStep();
     QFile input;
-    if (write(STDIN_FILENO, &ready, 1) != 1
-        || !input.open(receiveDescriptor(STDIN_FILENO), QIODevice::ReadOnly | QIODevice::Unbuffered))
+    if (!input.open(receiveDescriptor(STDIN_FILENO), QIODevice::ReadOnly | QIODevice::Unbuffered))
         return Tokens::ModuleFailed;
+    reportStep();
     input.seek(0);
     SecretBytes request(input.readAll());
     if (request.bytes().isEmpty())
