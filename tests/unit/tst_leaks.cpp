@@ -1,0 +1,104 @@
+// SPDX-FileCopyrightText: 2026 The kavet authors
+// SPDX-License-Identifier: BSD-3-Clause
+#include "methodfixture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonObject>
+#include <QTest>
+
+#include <malloc.h>
+
+using namespace TestDevice;
+
+namespace {
+
+constexpr int loginsByDefault = 300;
+constexpr int warmUp = 100; ///< Logins before the first count, which fill caches.
+constexpr char allocator[] = "glibc.malloc.tcache_count=0"; ///< Makes glibc count freed memory as free.
+
+/// What this process holds.
+struct Holdings
+{
+    int descriptors;
+    int watches;
+    int objects; ///< Below the method.
+    qint64 bytes; ///< Allocated.
+};
+
+Holdings holdings(const MethodFixture &fixture)
+{
+    const QString directory = QStringLiteral("/proc/self/fdinfo/");
+    const QStringList descriptors = QDir(directory).entryList(QDir::Files);
+    Holdings now = {descriptors.size(), 0, fixture.method.findChildren<QObject *>().size(), 0};
+    for (const QString &descriptor : descriptors)
+        now.watches += readFile(directory + descriptor).count("inotify wd:");
+    now.bytes = qint64(mallinfo2().uordblks);
+    return now;
+}
+
+} // namespace
+
+/// Counts what logins leave behind. KAVET_LEAKS is the number of logins.
+class TstLeaks : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void logins();
+
+private:
+    static bool login(MethodFixture &fixture);
+};
+
+/// A session with a launch, a wrong and a right password, a change of the policy, and the client's end.
+bool TstLeaks::login(MethodFixture &fixture)
+{
+    fixture.daemon.calls.clear();
+    if (!QFile::remove(currentPolicy))
+        writeSetting(currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("7"));
+    const auto outcome = [&fixture](const RecordingDaemon::Call &expected) {
+        return QTest::qWaitFor([&] { return fixture.daemon.outcomes().contains(expected); });
+    };
+    fixture.method.reset();
+    fixture.method.handleUserSessionTriggered(alice, true, true);
+    fixture.method.authenticate(alice, {});
+    if (!outcome(RecordingDaemon::asked(SettingsKavet::EnterPasswordOrPin)))
+        return false;
+    fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("failed")));
+    if (!QTest::qWaitFor([&] { return !fixture.daemon.callsOf(QStringLiteral("finish")).isEmpty(); }))
+        return false;
+    fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("success")));
+    if (!outcome(RecordingDaemon::succeeded()))
+        return false;
+    fixture.method.handleUserSessionTriggered(alice, false, true);
+    return QTest::qWaitFor([&] { return !fixture.d->child.clientRunning; });
+}
+
+void TstLeaks::logins()
+{
+    QVERIFY2(qgetenv("GLIBC_TUNABLES").contains(allocator), "Set GLIBC_TUNABLES=glibc.malloc.tcache_count=0");
+    const int count =
+        qEnvironmentVariableIsSet("KAVET_LEAKS") ? qEnvironmentVariableIntValue("KAVET_LEAKS") : loginsByDefault;
+    QVERIFY(count > 0);
+    reset();
+    setScript({{QStringLiteral("announce"), true}});
+    MethodFixture fixture;
+    Holdings before = {};
+    for (int number = 0; number < warmUp + count; ++number) {
+        if (number == warmUp)
+            before = holdings(fixture);
+        QVERIFY2(login(fixture), qPrintable(QString::number(number)));
+    }
+    const Holdings after = holdings(fixture);
+    QCOMPARE(after.descriptors, before.descriptors);
+    QCOMPARE(after.watches, before.watches);
+    QCOMPARE(after.objects, before.objects);
+    // The allocator rounds; a byte that each login leaves behind is more than that.
+    QVERIFY2(after.bytes < before.bytes + count,
+             qPrintable(QStringLiteral("%1 bytes, then %2").arg(before.bytes).arg(after.bytes)));
+}
+
+QTEST_GUILESS_MAIN(TstLeaks)
+
+#include "tst_leaks.moc"
