@@ -43,8 +43,8 @@ void run(const Attacks &attacks, std::map<QString, std::vector<double>> &waits)
     test.setProcessChannelMode(QProcess::MergedChannels);
     test.start(QCoreApplication::applicationDirPath() + QLatin1Char('/') + QLatin1String(attacks.test), {function});
     constexpr int patience = 300000; // milliseconds
-    require(test.waitForFinished(patience) && test.exitStatus() == QProcess::NormalExit && test.exitCode() == 0,
-            "the test with the attacks fails");
+    // On a busy machine, the test may fail after it has reported, because it bounds these waits.
+    require(test.waitForFinished(patience), "the test with the attacks does not end");
     endBus();
     const QRegularExpression line(QStringLiteral("::\\w+\\((.*)\\) %1([0-9.]+)").arg(QLatin1String(longestWait)));
     auto match = line.globalMatch(QString::fromUtf8(test.readAll()));

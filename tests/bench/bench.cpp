@@ -46,7 +46,8 @@ int main(int argc, char *argv[])
     }
     QLoggingCategory::setFilterRules(QStringLiteral("authd.method.kavet.warning=false")); // The client ends often.
     Bench::once = argc > 2 && std::strcmp(argv[2], "--once") == 0;
-    const auto benchmark = benchmarks.find(name);
+    const auto benchmark = std::find_if(benchmarks.begin(), benchmarks.end(),
+                                        [&name](const auto &candidate) { return candidate.first == name; });
     Bench::require(benchmark != benchmarks.end(), "there is no benchmark of this name");
     benchmark->second();
     return EXIT_SUCCESS;

@@ -38,6 +38,14 @@ void print(const Figure &figure, QJsonObject measured);
 /// Prints a figure that is compared with nothing.
 void printValue(const Figure &figure, double value);
 
+inline QJsonArray toJson(const std::vector<double> &values)
+{
+    QJsonArray array;
+    for (const double value : values)
+        array << value;
+    return array;
+}
+
 inline double median(std::vector<double> values)
 {
     std::sort(values.begin(), values.end());
@@ -45,16 +53,23 @@ inline double median(std::vector<double> values)
     return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
+/// Medians over all rounds of a comparison.
+struct Medians
+{
+    double ours;
+    double bare;
+};
+
 /// Calls `ours` and `bare` in turn, `pairs` times in each round, and prints the medians of each round. Both measure
 /// something and return it.
 template <typename Ours, typename Bare>
-void compareValues(const Figure &figure, int pairs, const Ours &ours, const Bare &bare)
+Medians compareValues(const Figure &figure, int pairs, const Ours &ours, const Bare &bare)
 {
     constexpr int rounds = 9;
     ours(); // Fills caches.
     bare();
-    QJsonArray oursOfRounds;
-    QJsonArray bareOfRounds;
+    std::vector<double> oursOfRounds;
+    std::vector<double> bareOfRounds;
     for (int round = 0; round < (once ? 1 : rounds); ++round) {
         std::vector<double> oursValues;
         std::vector<double> bareValues;
@@ -62,10 +77,11 @@ void compareValues(const Figure &figure, int pairs, const Ours &ours, const Bare
             oursValues.push_back(ours());
             bareValues.push_back(bare());
         }
-        oursOfRounds << median(oursValues);
-        bareOfRounds << median(bareValues);
+        oursOfRounds.push_back(median(oursValues));
+        bareOfRounds.push_back(median(bareValues));
     }
-    print(figure, {{QStringLiteral("ours"), oursOfRounds}, {QStringLiteral("bare"), bareOfRounds}});
+    print(figure, {{QStringLiteral("ours"), toJson(oursOfRounds)}, {QStringLiteral("bare"), toJson(bareOfRounds)}});
+    return {median(oursOfRounds), median(bareOfRounds)};
 }
 
 /// The nanoseconds that `work` takes, which returns whether it succeeded.
@@ -82,20 +98,20 @@ double timed(const Work &work)
 
 /// Times `ours` and `bare`. Before each of them, `prepare` is called with whether it is ours, untimed.
 template <typename Ours, typename Bare, typename Prepare>
-void compare(const Figure &figure, int pairs, const Ours &ours, const Bare &bare, const Prepare &prepare)
+Medians compare(const Figure &figure, int pairs, const Ours &ours, const Bare &bare, const Prepare &prepare)
 {
     const auto prepared = [&prepare](const auto &work, bool isOurs) {
         prepare(isOurs);
         return timed(work);
     };
-    compareValues(
+    return compareValues(
         figure, pairs, [&] { return prepared(ours, true); }, [&] { return prepared(bare, false); });
 }
 
 template <typename Ours, typename Bare>
-void compare(const Figure &figure, int pairs, const Ours &ours, const Bare &bare)
+Medians compare(const Figure &figure, int pairs, const Ours &ours, const Bare &bare)
 {
-    compare(figure, pairs, ours, bare, [](bool) {});
+    return compare(figure, pairs, ours, bare, [](bool) {});
 }
 
 } // namespace Bench

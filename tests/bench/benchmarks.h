@@ -2,37 +2,38 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
-#include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
-void benchAttacks();
+void benchRequest();
+void benchColdRequest();
 void benchCertificateCheck();
 void benchCertificateList();
 void benchCertificateSteps();
-void benchColdRequest();
+void benchPasswordCheck();
+void benchLogin();
+void benchPlugin();
 void benchGrowth();
 void benchIdle();
-void benchLogin();
-void benchPasswordCheck();
-void benchPlugin();
-void benchRequest();
+void benchAttacks();
 void benchManyUsers();
 void benchManyPermissions();
 void benchLongUserFile();
 
-/// The benchmarks by name. Each prints its figures.
-inline const std::map<std::string, void (*)()> benchmarks = {
-    {"attacks", benchAttacks},
+/// The benchmarks by name, in the order of the table. Each prints its figures.
+inline const std::vector<std::pair<std::string, void (*)()>> benchmarks = {
+    {"request", benchRequest},
+    {"cold-request", benchColdRequest},
     {"certificate-check", benchCertificateCheck},
     {"certificate-list", benchCertificateList},
     {"certificate-steps", benchCertificateSteps},
-    {"cold-request", benchColdRequest},
+    {"password-check", benchPasswordCheck},
+    {"login", benchLogin},
+    {"plugin", benchPlugin},
     {"growth", benchGrowth},
     {"idle", benchIdle},
-    {"login", benchLogin},
-    {"password-check", benchPasswordCheck},
-    {"plugin", benchPlugin},
-    {"request", benchRequest},
+    {"attacks", benchAttacks},
     {"many-users", benchManyUsers},
     {"many-permissions", benchManyPermissions},
     {"long-user-file", benchLongUserFile},

@@ -92,7 +92,8 @@ void benchCertificateList()
         const auto child = p11Child({QStringLiteral("--pre")});
         const AsAlice alice;
         compareBoth(
-            QStringLiteral("certificate list"), 5, [&] { return client->certList().size() == count; },
+            QStringLiteral("certificate list by the number of certificates"), 5,
+            [&] { return client->certList().size() == count; },
             [&] { return child->run().count(firstId.left(4).toLatin1()) >= count; }, count);
     }
 }

@@ -50,10 +50,10 @@ qint64 switches(const QVector<int> &ofProcesses)
     return sum;
 }
 
-/// Waits until the processes have done nothing for a second, and then prints how often each group of them wakes up.
+/// Waits until the processes have done nothing for a while, and then prints how often each group of them wakes up.
 void measure(const std::map<QString, QVector<int>> &groups)
 {
-    constexpr ulong second = 1;
+    constexpr ulong aWhile = 3; // seconds
     const auto count = [&groups] {
         std::map<QString, qint64> sums;
         for (const auto &[name, members] : groups)
@@ -66,7 +66,7 @@ void measure(const std::map<QString, QVector<int>> &groups)
     for (bool isQuiet = false; !isQuiet;) {
         constexpr int patience = 30000; // milliseconds
         require(!timer.hasExpired(patience), "the processes do not come to rest");
-        QThread::sleep(second);
+        QThread::sleep(aWhile);
         const auto now = count();
         isQuiet = now == before;
         before = now;
