@@ -26,13 +26,15 @@ Tokens::Outcome failure(const QByteArray &uri, int error, const ClientSettings &
                : Tokens::NoToken;
 }
 
-/// Whether a URI may identify a certificate and contains nothing else, such as a PIN or the location of one.
+/// Whether a URI may identify a certificate and contains nothing else, such as a PIN or the location of one. GnuTLS
+/// reports some empty attributes, which are invalid, as a lack of memory.
 bool isAcceptable(const QByteArray &cert)
 {
     const QByteArrayList said = attributes(cert);
-    return !cert.contains('?') && std::none_of(said.begin(), said.end(), [](const QByteArray &attribute) {
-        return attribute.startsWith("pin-") || (attribute.startsWith("type=") && attribute != "type=cert");
-    });
+    return !cert.contains('?') && !cert.contains(";;")
+           && std::none_of(said.begin(), said.end(), [](const QByteArray &attribute) {
+                  return attribute.startsWith("pin-") || (attribute.startsWith("type=") && attribute != "type=cert");
+              });
 }
 
 /// Returns the full URI under which a certificate is listed. Returns the URI unchanged if it matches no certificate or

@@ -726,6 +726,7 @@ void TstClientToken::badUri_data()
     QTest::newRow("as it is") << QStringLiteral("pkcs11:") << QStringLiteral("pkcs11:") << success;
     QTest::newRow("shorter") << QStringLiteral(";object=certificate") << QString() << success;
     QTest::newRow("no URI") << QString() << QStringLiteral("certificate") << failed;
+    QTest::newRow("empty attributes") << QString() << QStringLiteral("pkcs11:object=;;;id=x") << failed;
     QTest::newRow("another scheme") << QStringLiteral("pkcs11:") << QStringLiteral("file:") << failed;
     QTest::newRow("not encoded") << QStringLiteral("id=%01") << QStringLiteral("id=%0") << failed;
     QTest::newRow("another id") << QStringLiteral("id=%01") << QStringLiteral("id=%09") << failed;
