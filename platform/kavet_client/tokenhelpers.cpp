@@ -140,6 +140,17 @@ Tokens::Outcome writeList(int descriptor)
     return outcome;
 }
 
+/// Calls `act` after a time, unless `owner` is deleted first. The timer of QTimer::singleShot() would go on, and wake
+/// the idle client up.
+template <typename Act>
+void after(int milliseconds, QObject *owner, const Act &act)
+{
+    auto *timer = new QTimer(owner);
+    timer->setSingleShot(true);
+    QObject::connect(timer, &QTimer::timeout, owner, act);
+    timer->start(milliseconds);
+}
+
 /// Removes and returns the text up to the next null byte. D-Bus strings contain none.
 QByteArray takeField(QByteArray &request)
 {
@@ -196,7 +207,7 @@ TokenHelpers::Helper::Helper(TokenHelpers *helpers, Start start)
             end(Tokens::ModuleFailed);
     });
     if (start == InAdvance) {
-        QTimer::singleShot(preparationTimeout, this, [this] {
+        after(preparationTimeout, this, [this] {
             if (progress() < Prepared)
                 kill();
         });
@@ -227,7 +238,7 @@ bool TokenHelpers::Helper::serve(Request &request, const Callback &done)
         return false;
     m_request = std::move(request);
     m_done = done;
-    QTimer::singleShot(int(m_request.deadline.remainingTime()), this, &QProcess::kill);
+    after(int(m_request.deadline.remainingTime()), this, [this] { kill(); });
     return true;
 }
 

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authd.h"
+#include "device/polltimeout.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
@@ -18,7 +19,6 @@
 #include <algorithm>
 #include <csignal>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -469,14 +469,9 @@ void TstAuthd::methodInfo()
 void TstAuthd::sleepsAfterCalls()
 {
     // The daemon asks the bus who calls, with a timeout.
-    QCOMPARE(BusUser(bob).error(QStringLiteral("GetMethods")), QString());
-    const auto waitsForEvents = [this] {
-        const QByteArrayList call =
-            TestDevice::readFile(QStringLiteral("/proc/%1/syscall").arg(m_authd.pid())).split(' ');
-        const QByteArray timeout = call.value(3);
-        return call.constFirst().toInt() == SYS_ppoll ? timeout == "0x0" : timeout == "0xffffffff";
-    };
-    QTRY_VERIFY2(waitsForEvents(), "The daemon waits for a timer, too");
+    const BusUser user(bob);
+    QCOMPARE(user.error(QStringLiteral("GetMethods")), QString());
+    QVERIFY(QTest::qWaitFor([this] { return pollTimeout(m_authd.pid()) == -1; }));
 }
 
 void TstAuthd::success()

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/clientfixture.h"
+#include "device/polltimeout.h"
 #include "device/softtokens.h"
 #include "unit/methodfixture.h"
 
@@ -125,6 +126,7 @@ class TstClientToken : public QObject
 private Q_SLOTS:
     void init();
 
+    void sleepsAfterCalls();
     void list();
     void listsHiddenKeys();
     void listsOverRegisteredModules();
@@ -218,6 +220,15 @@ QString TstClientToken::enrolled(ClientFixture &client, const QString &cert, con
         return {};
     const QStringList certs = client.certList();
     return certs.size() == 1 ? certs.constFirst() : QString();
+}
+
+void TstClientToken::sleepsAfterCalls()
+{
+    constexpr int longest = 20000; // The timeout of a call, in milliseconds.
+    ClientFixture client;
+    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    // Only the waiting helper's timer is left.
+    QVERIFY(QTest::qWaitFor([&client] { return pollTimeout(client.process.processId()) > longest; }));
 }
 
 void TstClientToken::list()
