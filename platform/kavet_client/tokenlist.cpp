@@ -4,17 +4,19 @@
 // Lists certificates by PKCS#11's own calls. GnuTLS reads each attribute of each object on its own, which takes several
 // times as long.
 
+#include "certdescription.h"
 #include "certificate.h"
 #include "clientsettings.h"
 #include "tokens.h"
+#include "tokensession.h"
 
 #include <QLoggingCategory>
 #include <QSet>
 
 #include <algorithm>
-#include <array>
 #include <cstdlib>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include <p11-kit/p11-kit.h>
@@ -26,10 +28,6 @@ namespace {
 /// The protocol's limits for a list. A token may hold more.
 constexpr int maximumCerts = 1000;
 constexpr int maximumListSize = 256 * 1024; // bytes
-
-/// Sizes of attributes' values in bytes: most are shorter than the first, all than the second.
-constexpr int usualValueSize = 4096;
-constexpr CK_ULONG maximumValueSize = 1024 * 1024;
 
 /// The flags of a token that holds a person's keys, unlike the system's trust store.
 constexpr CK_FLAGS personal = CKF_TOKEN_INITIALIZED | CKF_LOGIN_REQUIRED;
@@ -89,81 +87,6 @@ private:
     Q_DISABLE_COPY(LoadedModules)
 };
 
-/// A read-only session with a token. Functions that return CK_RV return PKCS#11's error code.
-class Session
-{
-public:
-    Session(CK_FUNCTION_LIST *module, CK_SLOT_ID slot)
-        : m_module(module)
-        , m_error(module->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &m_handle))
-    {
-    }
-    ~Session()
-    {
-        if (m_error == CKR_OK)
-            m_module->C_CloseSession(m_handle);
-    }
-
-    /// Adds all visible objects.
-    CK_RV find(std::vector<CK_OBJECT_HANDLE> &objects) const
-    {
-        CK_RV error = m_error == CKR_OK ? m_module->C_FindObjectsInit(m_handle, nullptr, 0) : m_error;
-        if (error != CKR_OK)
-            return error;
-        CK_OBJECT_HANDLE some[256];
-        CK_ULONG count = 0;
-        do {
-            error = m_module->C_FindObjects(m_handle, some, CK_ULONG(std::size(some)), &count);
-            if (error == CKR_OK)
-                objects.insert(objects.end(), some, some + count);
-        } while (error == CKR_OK && count != 0);
-        m_module->C_FindObjectsFinal(m_handle);
-        return error;
-    }
-
-    /// Reads attributes of an object. Those that it lacks or hides are empty, and all are when the token fails.
-    template <size_t count>
-    std::array<QByteArray, count> read(CK_OBJECT_HANDLE object, const CK_ATTRIBUTE_TYPE (&types)[count]) const
-    {
-        std::array<QByteArray, count> values;
-        for (QByteArray &value : values)
-            value.resize(usualValueSize);
-        bool loaded = load(object, types, values);
-        if (!loaded) {
-            // Ask for the sizes, and again with them.
-            values = {};
-            load(object, types, values);
-            loaded = load(object, types, values);
-        }
-        return loaded ? values : std::array<QByteArray, count>();
-    }
-
-private:
-    /// Fills the values and gives them the attributes' lengths. Null values get only these.
-    template <size_t count>
-    bool load(CK_OBJECT_HANDLE object, const CK_ATTRIBUTE_TYPE (&types)[count],
-              std::array<QByteArray, count> &values) const
-    {
-        CK_ATTRIBUTE attributes[count];
-        for (size_t i = 0; i < count; ++i) {
-            QByteArray &value = values.at(i);
-            attributes[i] = {types[i], value.isNull() ? nullptr : value.data(), CK_ULONG(value.size())};
-        }
-        const CK_RV error = m_module->C_GetAttributeValue(m_handle, object, attributes, count);
-        for (size_t i = 0; i < count; ++i) {
-            const CK_ULONG length = attributes[i].ulValueLen; // the largest number if the attribute is unavailable
-            values.at(i).resize(length <= maximumValueSize ? int(length) : 0);
-        }
-        return error == CKR_OK || error == CKR_ATTRIBUTE_TYPE_INVALID || error == CKR_ATTRIBUTE_SENSITIVE;
-    }
-
-    CK_FUNCTION_LIST *const m_module;
-    CK_SESSION_HANDLE m_handle = 0;
-    const CK_RV m_error; // initialised last, by opening the session
-
-    Q_DISABLE_COPY(Session)
-};
-
 /// Sets an attribute of a URI.
 void set(const Uri &uri, CK_ATTRIBUTE_TYPE type, QByteArray value)
 {
@@ -185,16 +108,19 @@ bool matches(const QByteArray &pattern, const Uri &uri)
 /// The URIs of certificates.
 struct Listing
 {
-    QByteArrayList certs; ///< Those with a private key
+    QByteArrayList certs; ///< Those with a private key, with their descriptions
+    QSet<QByteArray> known; ///< All
     QSet<QByteArray> defaults; ///< Those that the default certificate's URI stands for
 };
 
 /// Adds the certificates on a token. Returns PKCS#11's error code.
-CK_RV addCertsOn(const CK_TOKEN_INFO &token, const Session &session, const QByteArray &defaultCert, Listing &listing)
+CK_RV addCertsOn(const CK_TOKEN_INFO &token, const TokenSession &session, const QByteArray &defaultCert,
+                 Listing &listing)
 {
     struct Found
     {
         QByteArray uri;
+        QByteArray description;
         QByteArray id;
         bool isAuthority;
     };
@@ -222,22 +148,23 @@ CK_RV addCertsOn(const CK_TOKEN_INFO &token, const Session &session, const QByte
         set(uri, CKA_LABEL, label);
         char *text = nullptr;
         p11_kit_uri_format(uri.get(), P11_KIT_URI_FOR_OBJECT_ON_TOKEN, &text);
-        found.push_back({text, id, isAuthority(certificate)});
+        found.push_back({text, CertDescription::of(certificate), id, isAuthority(certificate)});
         std::free(text);
         if (matches(defaultCert, uri))
             listing.defaults << found.back().uri;
     }
 
-    // A token may show its objects in another order each time.
-    std::sort(found.begin(), found.end(), [](const Found &one, const Found &other) { return one.uri < other.uri; });
-    QSet<QByteArray> known(listing.certs.begin(), listing.certs.end());
+    // A token may show its objects in another order each time. Of a certificate and its renewal, list the latter.
+    std::sort(found.begin(), found.end(), [](const Found &one, const Found &other) {
+        return std::tie(one.uri, other.description) < std::tie(other.uri, one.description);
+    });
     for (const Found &cert : found) {
         // A token without visible keys hides them. Then any certificate except an authority's may have a key.
         const bool hasKey = hasVisibleKeys ? keyIds.contains(cert.id) : !cert.isAuthority;
         // Several certificates for one key may share a label, and thus a URI.
-        if (hasKey && !known.contains(cert.uri))
-            listing.certs << cert.uri;
-        known << cert.uri;
+        if (hasKey && !listing.known.contains(cert.uri))
+            listing.certs << cert.uri + cert.description;
+        listing.known << cert.uri;
     }
     return error;
 }
@@ -260,15 +187,17 @@ void addCertsOf(CK_FUNCTION_LIST *module, const QByteArray &defaultCert, Listing
         CK_TOKEN_INFO token = {};
         if (module->C_GetTokenInfo(slotId, &token) != CKR_OK || (token.flags & personal) != personal)
             continue;
-        error = addCertsOn(token, Session(module, slotId), defaultCert, listing);
+        error = addCertsOn(token, TokenSession(module, slotId), defaultCert, listing);
         if (error != CKR_OK)
             qWarning(problem, p11_kit_strerror(error));
     }
 }
 
-/// Truncates a list that is too long.
+/// Truncates a list that is too long. Drops the descriptions first.
 void limit(QByteArrayList &certs)
 {
+    if (certs.join().size() > maximumListSize)
+        std::transform(certs.begin(), certs.end(), certs.begin(), CertDescription::removedFrom);
     int count = 0;
     int size = 0;
     while (count < qMin(certs.size(), maximumCerts) && (size += certs.at(count).size()) <= maximumListSize)
@@ -290,8 +219,9 @@ Tokens::Outcome Tokens::list(QByteArrayList &certs)
     for (CK_FUNCTION_LIST **module = modules.get(); *module; ++module)
         addCertsOf(*module, settings.defaultCert(), listing);
     certs = listing.certs;
-    std::stable_partition(certs.begin(), certs.end(),
-                          [&listing](const QByteArray &cert) { return listing.defaults == QSet<QByteArray>{cert}; });
+    std::stable_partition(certs.begin(), certs.end(), [&listing](const QByteArray &cert) {
+        return listing.defaults == QSet<QByteArray>{CertDescription::removedFrom(cert)};
+    });
     limit(certs);
     return Success;
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tokens.h"
 
+#include "certdescription.h"
 #include "certificate.h"
 #include "clientsettings.h"
 #include "keyproof.h"
@@ -118,8 +119,9 @@ int validateOn(const QByteArray &cert, const QString &user, const QByteArray &pi
 Tokens::Outcome Tokens::validate(const QByteArray &cert, const QString &user, const QByteArray &pin)
 {
     const ClientSettings settings;
-    const QByteArray chosen = cert.isEmpty() ? settings.defaultCert() : cert;
-    Outcome refused = chosen == settings.defaultCert() ? DefaultCertRefused : CertRefused;
+    const QByteArray defaultCert = CertDescription::removedFrom(settings.defaultCert());
+    const QByteArray chosen = cert.isEmpty() ? defaultCert : CertDescription::removedFrom(cert);
+    Outcome refused = chosen == defaultCert ? DefaultCertRefused : CertRefused;
     if (chosen.isEmpty() || !isAcceptable(chosen))
         return refused;
     int error = GNUTLS_E_SUCCESS;
@@ -128,7 +130,7 @@ Tokens::Outcome Tokens::validate(const QByteArray &cert, const QString &user, co
         if (!modules.loaded())
             return ModuleFailed;
         error = validateOn(chosen, user, pin, settings);
-        if (error != GNUTLS_E_SUCCESS && listed(chosen) == listed(settings.defaultCert()))
+        if (error != GNUTLS_E_SUCCESS && listed(chosen) == listed(defaultCert))
             refused = DefaultCertRefused;
     }
     switch (error) {

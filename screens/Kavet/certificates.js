@@ -27,7 +27,7 @@ function parsed(uri) {
     }
     return {
         uri: uri,
-        detail: decoded(uri.replace(/%/g, "%25")),
+        detail: decoded(uri.split("?")[0].replace(/%/g, "%25")),
         holder: attributes["holder"] || attributes["object"] || decoded(uri),
         issuer: attributes["issuer"] || "",
         expiry: attributes["expires"] || "",

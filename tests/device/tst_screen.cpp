@@ -177,7 +177,7 @@ void TstScreen::certificateAndPin()
     QCOMPARE(lastCall(), (QStringList{QStringLiteral("validateCert"), badge, QStringLiteral("alice"), wrong}));
     QVERIFY(shown.click(QStringLiteral("certificate-1")));
     QVERIFY(shown.click(QStringLiteral("details")));
-    QTRY_COMPARE(shown.text(QStringLiteral("detail")), ring);
+    QTRY_COMPARE(shown.text(QStringLiteral("detail")), ring.section(QLatin1Char('?'), 0, 0));
     QVERIFY(shown.click(QStringLiteral("secret")));
     QVERIFY(shown.submit(right));
     QVERIFY(shown.find(QStringLiteral("welcome")));
