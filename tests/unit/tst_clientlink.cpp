@@ -786,8 +786,9 @@ void TstClientLink::certListReply()
     QFETCH(QStringList, list);
     QFETCH(QString, warning);
     MethodFixture fixture;
-    QVERIFY(fixture.link({{certs, QJsonArray{QStringLiteral("one")}}, {QStringLiteral("certsAnswer"), word}}));
-    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("never")}});
+    const QJsonArray all = {QStringLiteral("one")};
+    QVERIFY(fixture.link({{certs, all}, {QStringLiteral("certsAnswer"), word}}));
+    TestDevice::setScript({{QStringLiteral("socket"), QStringLiteral("never")}, {certs, all}});
     LogCapture log;
 
     QCOMPARE(fixture.d->getCertList(), QStringList{QStringLiteral(".")});
