@@ -82,7 +82,7 @@ bool isSetting(const QByteArray &content, const Line &line, const QString &key)
             const int first = content.at(i) == 'U' ? i + 1 : i;
             const int size = first > i ? 4 : 2;
             char digits[5] = {};
-            memcpy(digits, content.constData() + first, size_t(std::max(0, std::min(size, end - first))));
+            memcpy(digits, content.constData() + first, size_t(std::min(size, end - first)));
             char *rest = digits;
             const long code = strtol(digits, &rest, 16);
             if (first + size <= end && *rest == '\0') {
