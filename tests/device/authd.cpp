@@ -52,6 +52,7 @@ bool Authd::start(const QString &methods, const QStringList &arguments)
 {
     m_log.clear();
     m_process.setReadChannel(QProcess::StandardError);
+    std::signal(SIGHUP, SIG_DFL); // The daemon respects an ignored SIGHUP, as after nohup(1).
     m_process.start(Installed::authd, QStringList{QStringLiteral("--methods"), methods} + arguments);
     return m_process.waitForStarted() && waitForLog("event=ready");
 }
