@@ -43,6 +43,8 @@ ColumnLayout {
         // As long as the longest text that the service accepts.
         maximumLength: 16384
         onAccepted: secret.accepted()
+        // Undoing would bring back what was cleared.
+        Keys.onPressed: event.accepted = event.matches(StandardKey.Undo) || event.matches(StandardKey.Redo)
         Accessible.name: secret.label
         Accessible.passwordEdit: true
 

@@ -94,6 +94,7 @@ private Q_SLOTS:
     void daemonGoneAndBack();
     void information();
     void secretIsHidden();
+    void secretIsNotUndone();
     void secretIsOverwritten();
     void manyCertificates();
     void longNames_data();
@@ -495,6 +496,27 @@ void TstScreen::secretIsHidden()
     QCOMPARE(field->property("text").toString(), QString());
     shown.type(QStringLiteral("abc"));
     QVERIFY(!displayed().contains(QLatin1Char('a')));
+}
+
+// The next person at the screen cannot bring back what was typed.
+void TstScreen::secretIsNotUndone()
+{
+    Shown shown(alice);
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    shown.type(QStringLiteral("abc"));
+    QVERIFY(shown.click(QStringLiteral("info")));
+    QVERIFY(shown.click(QStringLiteral("info")));
+    QVERIFY(shown.click(QStringLiteral("reveal")));
+    QVERIFY(shown.click(QStringLiteral("secret")));
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    shown.press(Qt::Key_Z, Qt::ControlModifier);
+    QCOMPARE(shown.text(QStringLiteral("secret")), QString());
+
+    shown.type(QStringLiteral("abc"));
+    for (int i = 0; i < 3; ++i)
+        shown.press(Qt::Key_Backspace);
+    shown.press(Qt::Key_Z, Qt::ControlModifier);
+    QCOMPARE(shown.text(QStringLiteral("secret")), QString());
 }
 
 // The test itself must not hold the secret, so it knows each character by the next one.
