@@ -5,6 +5,8 @@
 #include "states.h"
 #include "wipe.h"
 
+#include <QPointer>
+
 #include <utility>
 
 LoginAttempt::LoginAttempt(AuthServiceInterface &service, uint uid, const QString &user, const QString &method,
@@ -73,22 +75,28 @@ void LoginAttempt::open(const QDBusPendingReply<qulonglong> &reply, bool isSubmi
     m_isSubmitted = isSubmitted;
     m_isOpening = true;
     m_attempt = 0; // Another attempt's end is not this one's.
-    auto *watcher = new QDBusPendingCallWatcher(reply, this);
-    connect(watcher, &QDBusPendingCallWatcher::finished, this, [this, watcher] {
-        watcher->deleteLater();
-        m_isOpening = false;
-        const QDBusPendingReply<qulonglong> opened = *watcher;
-        if (opened.isError()) {
-            setOutcome({{QStringLiteral("error"), opened.error().name()}});
-            refresh();
-        } else {
-            m_attempt = opened.value();
-            m_isOpen = true;
-        }
-        const QVector<std::function<void()>> held = std::exchange(m_held, {});
-        for (const auto &handle : held)
-            handle();
-    });
+    auto *watcher = new QDBusPendingCallWatcher(reply, &m_service);
+    connect(watcher, &QDBusPendingCallWatcher::finished, &m_service,
+            [this, self = QPointer<LoginAttempt>(this), service = &m_service, watcher] {
+                watcher->deleteLater();
+                const QDBusPendingReply<qulonglong> opened = *watcher;
+                if (!self) { // Only now can the attempt be named.
+                    if (opened.isValid())
+                        service->Cancel(opened.value());
+                    return;
+                }
+                m_isOpening = false;
+                if (opened.isError()) {
+                    setOutcome({{QStringLiteral("error"), opened.error().name()}});
+                    refresh();
+                } else {
+                    m_attempt = opened.value();
+                    m_isOpen = true;
+                }
+                const QVector<std::function<void()>> held = std::exchange(m_held, {});
+                for (const auto &handle : held)
+                    handle();
+            });
     setState(States::Pending, {});
 }
 

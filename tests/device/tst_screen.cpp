@@ -6,6 +6,8 @@
 #include "settings/settingskavet.h"
 #include "support/testdevice.h"
 
+#include <authd/authservice.h>
+
 #include <QGuiApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -93,6 +95,7 @@ private Q_SLOTS:
     void anotherCallerAtWork();
     void daemonGoneAndBack();
     void information();
+    void leftBeforeTheReply();
     void secretIsHidden();
     void secretIsNotUndone();
     void secretIsOverwritten();
@@ -459,6 +462,20 @@ void TstScreen::information()
     QVERIFY(shown.find(QStringLiteral("certificate-1")));
     shown.press(Qt::Key_Escape);
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+}
+
+// The service learns of the attempt's end even if its number was not known yet.
+void TstScreen::leftBeforeTheReply()
+{
+    const BusUser root(0);
+    const Reports reports(root);
+    AuthServiceInterface service(LibAuthd::AuthService::Service, LibAuthd::AuthService::ObjectPath, root.connection());
+    {
+        LoginAttempt attempt(service, alice, QStringLiteral("Alice"), QStringLiteral("kavet"), nullptr);
+        attempt.requestChallenge();
+    }
+    QTRY_COMPARE(reports.texts.filter(QStringLiteral("AttemptGivenUp")),
+                 QStringList{QStringLiteral("AttemptGivenUp(1000, kavet, cancelled)")});
 }
 
 void TstScreen::secretIsHidden()
