@@ -7,6 +7,7 @@
 
 #include <QDBusConnectionInterface>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QUrl>
 
 #include <pwd.h>
@@ -22,6 +23,9 @@ const QString connectionName = QStringLiteral("authscreen");
 /// The accounts with the user id `uid`; all for 0.
 QList<AuthScreen::Account> accounts(uint uid)
 {
+    // Control characters and bidirectional formatting could make one name look like another.
+    const QRegularExpression unsafe(
+        QStringLiteral(R"([\x00-\x1f\x7f-\x9f\x{61c}\x{200e}\x{200f}\x{2028}-\x{202e}\x{2066}-\x{2069}])"));
     QList<AuthScreen::Account> accounts;
     setpwent();
     while (const passwd *entry = getpwent()) {
@@ -29,7 +33,10 @@ QList<AuthScreen::Account> accounts(uint uid)
             continue;
         // The full name is the first field of the comment; without one, it is the login name.
         const QString login = QString::fromLocal8Bit(entry->pw_name);
-        const QString name = QString::fromLocal8Bit(entry->pw_gecos).section(QLatin1Char(','), 0, 0).trimmed();
+        const QString name = QString::fromLocal8Bit(entry->pw_gecos)
+                                 .section(QLatin1Char(','), 0, 0)
+                                 .trimmed()
+                                 .replace(unsafe, QString(QChar::ReplacementCharacter));
         accounts << AuthScreen::Account{entry->pw_uid, login, name.isEmpty() ? login : name};
     }
     endpwent();

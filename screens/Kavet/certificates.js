@@ -16,19 +16,26 @@ function decoded(text) {
     return text.replace(/[\u0000-\u001f\u007f-\u009f\u061c\u200e\u200f\u2028-\u202e\u2066-\u2069]/g, "\ufffd")
 }
 
+// A name as the list shows it. One without end would push the other certificates out of reach.
+function name(text) {
+    const longest = 512
+    const whole = decoded(text)
+    return whole.length > longest ? whole.substring(0, longest) + "\u2026" : whole
+}
+
 function parsed(uri) {
     const attributes = {}
     if (uri.startsWith("pkcs11:")) {
         for (const attribute of uri.substring("pkcs11:".length).split(/[;?&]/)) {
             const equals = attribute.indexOf("=")
             if (equals > 0)
-                attributes[attribute.substring(0, equals)] = decoded(attribute.substring(equals + 1))
+                attributes[attribute.substring(0, equals)] = name(attribute.substring(equals + 1))
         }
     }
     return {
         uri: uri,
         detail: decoded(uri.split("?")[0].replace(/%/g, "%25")),
-        holder: attributes["holder"] || attributes["object"] || decoded(uri),
+        holder: attributes["holder"] || attributes["object"] || name(uri),
         issuer: attributes["issuer"] || "",
         expiry: attributes["expires"] || "",
         token: attributes["token"] || ""

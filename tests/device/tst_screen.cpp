@@ -103,6 +103,8 @@ private Q_SLOTS:
     void longNames_data();
     void longNames();
     void hostileNames();
+    void endlessName();
+    void hostileUser();
     void rightToLeft();
     void german();
     void translations_data();
@@ -629,6 +631,30 @@ void TstScreen::hostileNames()
     QVERIFY2(text.contains(QStringLiteral("<b>Alice</b>\ufffd\ufffdecila")), qPrintable(text));
     QVERIFY2(text.contains(QStringLiteral("Token: %FF")), qPrintable(text));
     QVERIFY2(text.contains(QStringLiteral("<img src=")), qPrintable(text));
+    VERIFY_SOUND(shown);
+}
+
+// A token cannot push the other certificates out of reach.
+void TstScreen::endlessName()
+{
+    setCerts({cert(QStringLiteral("X").repeated(8000), QStringLiteral("token")), badge});
+    Shown shown(alice, QSize(320, 480));
+    QVERIFY(shown.find(QStringLiteral("certificate-1")));
+    QVERIFY(shown.allText().contains(QRegularExpression(QStringLiteral("\nX{512}…\n"))));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("endless"));
+}
+
+// A full name can come from the user, too, and must not look like another line of the list.
+void TstScreen::hostileUser()
+{
+    const QString file = QStringLiteral("/etc/passwd");
+    const QByteArray before = TestDevice::readFile(file);
+    const auto restore = qScopeGuard([&] { TestDevice::writeFile(file, before); });
+    QVERIFY(TestDevice::writeFile(file, before + "mallory:x:1007:1007:<b>B\u00f6b</b>\u2028\u202ebob\a:/:/bin/sh\n"));
+    const Shown shown(0);
+    QVERIFY(shown.find(QStringLiteral("user-mallory")));
+    QCOMPARE(shown.text(QStringLiteral("user-mallory")), QStringLiteral("<b>B\u00f6b</b>\ufffd\ufffdbob\ufffd"));
     VERIFY_SOUND(shown);
 }
 
