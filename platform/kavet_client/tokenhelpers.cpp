@@ -222,7 +222,9 @@ TokenHelpers::Helper::Helper(TokenHelpers *helpers, Start start)
 
 TokenHelpers::Helper::~Helper()
 {
-    disconnect(); // QProcess kills a running process and reports its end.
+    disconnect();
+    kill(); // as QProcess does, but without its warning
+    waitForFinished();
     ::close(m_sockets[0]);
 }
 
@@ -290,16 +292,23 @@ TokenHelpers::Request TokenHelpers::validationRequest(const char *cert, const ch
 
 void TokenHelpers::run(Request request, const Callback &done)
 {
-    if (!m_next || !m_next->serve(request, done))
+    if (!m_next || !m_next->serve(request, done)) {
+        delete m_next;
         runAfresh(request, done);
+    }
     m_next = new Helper(this, Helper::InAdvance);
     m_idle.start(idleTimeout, this);
 }
 
 void TokenHelpers::runAfresh(Request &request, const Callback &done)
 {
-    if (!(new Helper(this, Helper::ForCall))->serve(request, done))
-        done(Tokens::ModuleFailed, {});
+    auto *helper = new Helper(this, Helper::ForCall);
+    if (helper->serve(request, done))
+        return;
+    delete helper;
+    // Later, because the next call may be made in it.
+    QMetaObject::invokeMethod(
+        this, [done] { done(Tokens::ModuleFailed, {}); }, Qt::QueuedConnection);
 }
 
 void TokenHelpers::timerEvent(QTimerEvent *event)

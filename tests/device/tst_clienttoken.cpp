@@ -104,6 +104,26 @@ bool endWaiting(const ClientFixture &client)
            && QTest::qWaitFor([&client] { return childrenOf(client).isEmpty(); });
 }
 
+/// The number that the client's next descriptor gets.
+int firstFree(const ClientFixture &client)
+{
+    int number = 0;
+    while (QFileInfo(QStringLiteral("/proc/%1/fd/%2").arg(client.process.processId()).arg(number)).isSymLink())
+        ++number;
+    return number;
+}
+
+/// Limits the numbers of the client's new descriptors.
+bool limitDescriptors(const ClientFixture &client, int count)
+{
+    QProcess prlimit;
+    ClientFixture::asUser(
+        prlimit, QStringLiteral("prlimit"),
+        {QStringLiteral("--pid=%1").arg(client.process.processId()), QStringLiteral("--nofile=%1:").arg(count)});
+    prlimit.start();
+    return prlimit.waitForFinished() && prlimit.exitCode() == 0;
+}
+
 QByteArray without(QByteArray text, const char *line)
 {
     Q_ASSERT(text.contains(line));
@@ -193,6 +213,8 @@ private Q_SLOTS:
     void waitsForTheNextCall();
     void waitingHelperEnds();
     void waitingHelperHangs();
+    void outOfDescriptors();
+    void endsSilently();
 
     void noSecrets();
     void noSecretsWhateverTheEnd_data();
@@ -1393,6 +1415,31 @@ void TstClientToken::waitingHelperHangs()
     kill(first.toInt(), SIGKILL);
     QTRY_VERIFY(stalled.isFinished());
     QCOMPARE(stalled.value(), QStringList());
+}
+
+void TstClientToken::outOfDescriptors()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    QVERIFY(limitDescriptors(client, firstFree(client)));
+    QCOMPARE(client.validateCert(cert, pin), moduleFailed);
+    QCOMPARE(client.validateCert(cert, pin), moduleFailed);
+    QVERIFY(limitDescriptors(client, 1024));
+    QCOMPARE(client.validateCert(cert, pin), success);
+    // No helper waits for a call that it will never get.
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+}
+
+void TstClientToken::endsSilently()
+{
+    ClientFixture client;
+    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    client.process.terminate();
+    QVERIFY(client.process.waitForFinished());
+    QCOMPARE(client.process.readAll(), QByteArray());
 }
 
 void TstClientToken::noSecrets()
