@@ -51,7 +51,7 @@ bool isDeviceActive()
     if (error || !device || !*device)
         return false;
 
-    static const Cryptsetup cryptsetup;
+    const Cryptsetup cryptsetup;
     if (!cryptsetup.setLogCallback || !cryptsetup.status)
         return false;
     // Without a log callback, libcryptsetup prints to the standard streams of the process.

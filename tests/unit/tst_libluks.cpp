@@ -4,6 +4,7 @@
 
 #include <luks/libluks.h>
 
+#include <QLibraryInfo>
 #include <QTest>
 
 #include <dlfcn.h>
@@ -39,6 +40,7 @@ class TstLibLuks : public QObject
 private Q_SLOTS:
     void initTestCase() { PlatformTest::requireDevice(); }
     void init();
+    void libraryMissingAtFirst();
     void noConfiguration();
     void states_data();
     void states();
@@ -56,6 +58,22 @@ void TstLibLuks::init()
     QDir().mkpath(QStringLiteral("/etc/authd"));
     isPrepared = false;
     asked.clear();
+}
+
+// Must be the first to need the library.
+void TstLibLuks::libraryMissingAtFirst()
+{
+    QVERIFY(TestDevice::writeFile(configuration, "[Partition]\nDevice=vault\n"));
+    prepared = CRYPT_ACTIVE;
+    isPrepared = true;
+    const QString library =
+        QLibraryInfo::location(QLibraryInfo::LibrariesPath) + QStringLiteral("/libcryptsetup.so.12");
+    const QString aside = library + QStringLiteral(".aside");
+    QVERIFY(QFile::rename(library, aside));
+    const bool isActiveWithout = LibLuks::isDeviceActive();
+    QVERIFY(QFile::rename(aside, library));
+    QVERIFY(!isActiveWithout);
+    QVERIFY(LibLuks::isDeviceActive());
 }
 
 void TstLibLuks::noConfiguration()
