@@ -32,11 +32,11 @@ void setUp()
 
 const QString users = QStringLiteral("/etc/passwd");
 
-/// Makes the file `next` the system's users, and keeps it.
+/// Makes the file `next` the system's users, without a change of that file, which is not remembered at once.
 void setUsers(const QString &next)
 {
     const QByteArray link = users.toLatin1() + ".link";
-    require(::link(next.toLatin1().constData(), link.constData()) == 0
+    require(symlink(next.toLatin1().constData(), link.constData()) == 0
                 && std::rename(link.constData(), users.toLatin1().constData()) == 0,
             "cannot replace the users");
 }
@@ -152,7 +152,7 @@ void benchManyUsers()
                            method.endClient();
                        });
     }
-    require(TestDevice::writeFile(users, present), "cannot restore the users");
+    require(QFile::remove(users) && TestDevice::writeFile(users, present), "cannot restore the users");
 }
 
 void benchManyPermissions()

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -25,6 +26,7 @@ private Q_SLOTS:
     void init();
 
     void userName();
+    void renamedAtOnce();
     void params();
 
     void newFile_data();
@@ -78,6 +80,30 @@ void TstLibAuthd::userName()
     QCOMPARE(name, QStringLiteral("long"));
     QCOMPARE(newName, QStringLiteral("longer"));
     QVERIFY(LibAuthd::userName(3999).isNull());
+}
+
+void TstLibAuthd::renamedAtOnce()
+{
+    // A file system of which the times change with the clock's ticks only
+    const QByteArray directory = QFile::encodeName(path("ticks"));
+    QCOMPARE(mkdir(directory.constData(), 0755), 0);
+    QCOMPARE(mount("ramfs", directory.constData(), "ramfs", 0, nullptr), 0);
+    const QString file = path("ticks") + QStringLiteral("/passwd");
+    const QString users = QStringLiteral("/etc/passwd");
+    const QByteArray entries = TestDevice::readFile(users);
+    QVERIFY(QFile::remove(users));
+    QVERIFY(QFile::link(file, users));
+
+    QStringList names;
+    for (const char *name : {"one", "two", "six"}) {
+        QVERIFY(TestDevice::writeFile(file, name + QByteArray(":x:3999:3999::/:/bin/false\n")));
+        names << LibAuthd::userName(3999);
+    }
+
+    QVERIFY(QFile::remove(users));
+    QVERIFY(TestDevice::writeFile(users, entries));
+    QCOMPARE(umount(directory.constData()), 0);
+    QCOMPARE(names, (QStringList{QStringLiteral("one"), QStringLiteral("two"), QStringLiteral("six")}));
 }
 
 void TstLibAuthd::params()
