@@ -12,8 +12,8 @@ using FileStamp = std::tuple<dev_t, ino_t, off_t, time_t, long, time_t, long, ti
 /// file has just changed, another change may not show, and no two stamps are equal.
 inline FileStamp fileStamp(const char *path)
 {
-    constexpr long longestTick = 20'000'000; // nanoseconds, with a margin
-    constexpr long second = 1'000'000'000;
+    constexpr long long longestTick = 20'000'000; // nanoseconds, with a margin
+    constexpr long long second = 1'000'000'000;
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     struct stat status = {};
