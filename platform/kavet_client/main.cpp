@@ -6,7 +6,7 @@
 #include "passwordhash.h"
 #include "passwordprompt.h"
 #include "secret.h"
-#include "tokenhelpers.h"
+#include "tokenprogram.h"
 #include "unlocks.h"
 
 #include <QCommandLineParser>
@@ -109,9 +109,9 @@ int main(int argc, char *argv[])
     const QCommandLineOption setPasswordOption(
         QStringLiteral("set-password"),
         QStringLiteral("Prompt for a new password, or read one line from standard input, store its hash, and exit."));
-    const QCommandLineOption certs(TokenHelpers::listOption,
+    const QCommandLineOption certs(TokenProgram::listOption,
                                    QStringLiteral("List the certificates on the tokens, the default first, and exit."));
-    QCommandLineOption tokenHelper(TokenHelpers::helperOption);
+    QCommandLineOption tokenHelper(TokenProgram::helperOption);
     tokenHelper.setFlags(QCommandLineOption::HiddenFromHelp);
     QCommandLineOption unlocks(Unlocks::option);
     unlocks.setFlags(QCommandLineOption::HiddenFromHelp);
@@ -132,6 +132,6 @@ int main(int argc, char *argv[])
     if (parser.isSet(unlocks))
         return Unlocks::run();
     if (parser.isSet(certs))
-        return TokenHelpers::runList();
-    return parser.isSet(tokenHelper) ? TokenHelpers::runHelper() : serve();
+        return TokenProgram::runList();
+    return parser.isSet(tokenHelper) ? TokenProgram::runHelper() : serve();
 }

@@ -2,23 +2,18 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tokenhelpers.h"
 
-#include "clientsettings.h"
+#include "helperchannel.h"
 #include "ownprogram.h"
 #include "secret.h"
-#include "tokenobjects.h"
+#include "tokenprogram.h"
 
 #include <QProcess>
 #include <QTimer>
 #include <QTimerEvent>
 
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <utility>
 
-#include <dlfcn.h>
-#include <link.h>
-#include <poll.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -34,9 +29,6 @@ constexpr int callTimeout = 20000;
 constexpr int preparationTimeout = 2000;
 constexpr int idleTimeout = 5 * 60 * 1000;
 
-/// How far a helper has got: it has sent so many bytes to the client.
-enum Step { Prepared = 1, Working = 2 };
-
 /// The client's process id.
 pid_t client = 0;
 
@@ -48,96 +40,16 @@ void dieWithClient()
         _exit(Tokens::ModuleFailed);
 }
 
-TokenHelpers::Request makeRequest(const QByteArray &content)
+TokenHelpers::Request makeRequest(HelperChannel::Operation operation, const QByteArray &content)
 {
     auto file = std::make_unique<QFile>();
     const int descriptor = memfd_create("request", MFD_CLOEXEC);
     if (descriptor == -1 || !file->open(descriptor, QIODevice::ReadWrite, QFileDevice::AutoCloseHandle)
-        || write(descriptor, content.constData(), size_t(content.size())) != content.size())
+        || write(descriptor, content.constData(), size_t(content.size())) != content.size()) {
         qWarning("Cannot pass a request to the helper: %s", qUtf8Printable(qt_error_string()));
-    return {std::move(file), QDeadlineTimer(callTimeout)};
-}
-
-/// A message of one byte with room for a descriptor.
-struct Message
-{
-    char byte = 0;
-    iovec data = {&byte, 1};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr header = {};
-
-    Message()
-    {
-        header.msg_iov = &data;
-        header.msg_iovlen = 1;
-        header.msg_control = control;
-        header.msg_controllen = sizeof(control);
+        file->close(); // so that no helper acts on a part of it
     }
-};
-
-bool sendDescriptor(int socket, int descriptor)
-{
-    Message message;
-    cmsghdr *const control = CMSG_FIRSTHDR(&message.header);
-    control->cmsg_level = SOL_SOCKET;
-    control->cmsg_type = SCM_RIGHTS;
-    control->cmsg_len = CMSG_LEN(sizeof(int));
-    *reinterpret_cast<int *>(CMSG_DATA(control)) = descriptor;
-    return sendmsg(socket, &message.header, MSG_NOSIGNAL) == 1;
-}
-
-/// Waits for a descriptor. Returns -1 when the peer has closed the socket.
-int receiveDescriptor(int socket)
-{
-    Message message;
-    ssize_t size = 0;
-    do
-        size = recvmsg(socket, &message.header, MSG_CMSG_CLOEXEC);
-    while (size == -1 && errno == EINTR);
-    const cmsghdr *const control = CMSG_FIRSTHDR(&message.header);
-    return size == 1 && control && control->cmsg_type == SCM_RIGHTS ? *reinterpret_cast<const int *>(CMSG_DATA(control))
-                                                                    : -1;
-}
-
-/// Keeps each loaded library loaded, those of the token modules among them.
-void keepLibraries()
-{
-    QByteArrayList names;
-    dl_iterate_phdr(
-        [](dl_phdr_info *library, size_t, void *data) {
-            *static_cast<QByteArrayList *>(data) << library->dlpi_name;
-            return 0;
-        },
-        &names);
-    for (const QByteArray &name : qAsConst(names))
-        dlopen(name.constData(), RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
-}
-
-/// Tells the client that the helper has taken the next step.
-void reportStep()
-{
-    const char byte = 0;
-    if (write(STDIN_FILENO, &byte, sizeof(byte)) != sizeof(byte))
-        _exit(Tokens::ModuleFailed); // The client has exited.
-}
-
-/// Redirects standard output to standard error, because modules may print. Returns the original standard output.
-int setUp()
-{
-    const int output = dup(STDOUT_FILENO);
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    return output;
-}
-
-Tokens::Outcome writeList(int descriptor)
-{
-    QFile output;
-    output.open(descriptor, QIODevice::WriteOnly);
-    QByteArrayList certs;
-    const Tokens::Outcome outcome = Tokens::list(certs);
-    for (const QByteArray &cert : qAsConst(certs))
-        output.write(cert + '\n');
-    return outcome;
+    return {operation, std::move(file), QDeadlineTimer(callTimeout)};
 }
 
 /// Calls `act` after a time, unless `owner` is deleted first. The timer of QTimer::singleShot() would go on, and wake
@@ -151,19 +63,7 @@ void after(int milliseconds, QObject *owner, const Act &act)
     timer->start(milliseconds);
 }
 
-/// Removes and returns the text up to the next null byte. D-Bus strings contain none.
-QByteArray takeField(QByteArray &request)
-{
-    const int end = request.indexOf('\0');
-    QByteArray field = request.left(end);
-    request.remove(0, end == -1 ? request.size() : end + 1);
-    return field;
-}
-
 } // namespace
-
-const QString TokenHelpers::listOption = QStringLiteral("certs");
-const QString TokenHelpers::helperOption = QStringLiteral("token-helper");
 
 /// A helper process. It deletes itself when the process has ended.
 class TokenHelpers::Helper : public QProcess
@@ -182,8 +82,6 @@ protected:
     void setupChildProcess() override;
 
 private:
-    /// How far the helper has got.
-    int progress() const;
     void end(Tokens::Outcome outcome);
 
     TokenHelpers *const m_helpers;
@@ -208,14 +106,14 @@ TokenHelpers::Helper::Helper(TokenHelpers *helpers, Start start)
     });
     if (start == InAdvance) {
         after(preparationTimeout, this, [this] {
-            if (progress() < Prepared)
+            if (HelperChannel::progress(m_sockets[0]) < HelperChannel::Prepared)
                 kill();
         });
     }
     setProcessChannelMode(ForwardedErrorChannel);
     setStandardInputFile(nullDevice());
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_sockets) == 0) {
-        QProcess::start(OwnProgram::path, {OwnProgram::optionPrefix + helperOption});
+        QProcess::start(OwnProgram::path, {OwnProgram::optionPrefix + TokenProgram::helperOption});
         ::close(m_sockets[1]);
     }
 }
@@ -236,18 +134,12 @@ void TokenHelpers::Helper::setupChildProcess()
 
 bool TokenHelpers::Helper::serve(Request &request, const Callback &done)
 {
-    if (!sendDescriptor(m_sockets[0], request.file->handle()))
+    if (!HelperChannel::send(m_sockets[0], request.operation, request.file->handle()))
         return false;
     m_request = std::move(request);
     m_done = done;
     after(int(m_request.deadline.remainingTime()), this, [this] { kill(); });
     return true;
-}
-
-int TokenHelpers::Helper::progress() const
-{
-    char steps[Working];
-    return int(recv(m_sockets[0], steps, sizeof(steps), MSG_PEEK | MSG_DONTWAIT));
 }
 
 void TokenHelpers::Helper::end(Tokens::Outcome outcome)
@@ -257,7 +149,7 @@ void TokenHelpers::Helper::end(Tokens::Outcome outcome)
     if (!m_done)
         return;
     // What ended it may have been over before the call, and it has not tried the PIN.
-    if (m_start == InAdvance && progress() < Working)
+    if (m_start == InAdvance && HelperChannel::progress(m_sockets[0]) < HelperChannel::Working)
         m_helpers->runAfresh(m_request, m_done);
     else
         m_done(outcome, readAllStandardOutput());
@@ -279,7 +171,7 @@ TokenHelpers::TokenHelpers()
 
 TokenHelpers::Request TokenHelpers::listRequest()
 {
-    return makeRequest({});
+    return makeRequest(HelperChannel::List, {});
 }
 
 TokenHelpers::Request TokenHelpers::validationRequest(const char *cert, const char *user, const char *pin)
@@ -287,7 +179,7 @@ TokenHelpers::Request TokenHelpers::validationRequest(const char *cert, const ch
     SecretBytes content;
     content.bytes().reserve(int(qstrlen(cert) + 1 + qstrlen(user) + 1 + qstrlen(pin)));
     content.bytes().append(cert).append('\0').append(user).append('\0').append(pin);
-    return makeRequest(content.bytes());
+    return makeRequest(HelperChannel::Validate, content.bytes());
 }
 
 void TokenHelpers::run(Request request, const Callback &done)
@@ -317,32 +209,4 @@ void TokenHelpers::timerEvent(QTimerEvent *event)
         return;
     m_idle.stop();
     delete m_next;
-}
-
-int TokenHelpers::runList()
-{
-    return writeList(setUp()) == Tokens::Success ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
-int TokenHelpers::runHelper()
-{
-    const int output = setUp();
-    pollfd call = {STDIN_FILENO, POLLIN, 0};
-    if (poll(&call, 1, 0) == 0) {
-        const ClientSettings settings;
-        const TokenObjects::Modules modules(settings);
-        keepLibraries();
-    }
-    reportStep();
-    QFile input;
-    if (!input.open(receiveDescriptor(STDIN_FILENO), QIODevice::ReadOnly | QIODevice::Unbuffered))
-        return Tokens::ModuleFailed;
-    reportStep();
-    input.seek(0);
-    SecretBytes request(input.readAll());
-    if (request.bytes().isEmpty())
-        return writeList(output);
-    const QByteArray cert = takeField(request.bytes());
-    const QString user = QString::fromUtf8(takeField(request.bytes()));
-    return Tokens::validate(cert, user, request.bytes());
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #pragma once
 
+#include "helperchannel.h"
 #include "tokens.h"
 
 #include <QBasicTimer>
@@ -30,7 +31,8 @@ public:
     /// An operation, in an anonymous file, so that no PIN stays in the client's memory.
     struct Request
     {
-        std::unique_ptr<QFile> file;
+        HelperChannel::Operation operation = HelperChannel::List;
+        std::unique_ptr<QFile> file; ///< Closed if the request could not be written
         QDeadlineTimer deadline; ///< When the caller must have a reply
     };
 
@@ -44,13 +46,6 @@ public:
 
     /// Runs a request in a helper. The list of certificates is the helper's output, one per line, empty on failure.
     void run(Request request, const Callback &done);
-
-    /// The options that start the client's program to list the certificates for a person, and as a helper.
-    static const QString listOption;
-    static const QString helperOption;
-    /// The main functions for these options. They return the exit code.
-    static int runList();
-    static int runHelper();
 
 protected:
     void timerEvent(QTimerEvent *event) override;

@@ -213,6 +213,8 @@ private Q_SLOTS:
     void waitsForTheNextCall();
     void waitingHelperEnds();
     void waitingHelperHangs();
+    void unwritableRequest_data();
+    void unwritableRequest();
     void outOfDescriptors();
     void endsSilently();
 
@@ -1440,6 +1442,39 @@ void TstClientToken::endsSilently()
     client.process.terminate();
     QVERIFY(client.process.waitForFinished());
     QCOMPARE(client.process.readAll(), QByteArray());
+}
+
+void TstClientToken::unwritableRequest_data()
+{
+    QTest::addColumn<QString>("size");
+    QTest::newRow("nothing") << QStringLiteral("0");
+    QTest::newRow("a part") << QStringLiteral("8");
+}
+
+void TstClientToken::unwritableRequest()
+{
+    QFETCH(QString, size);
+    // The client inherits this, so that the limit makes its writes fail.
+    std::signal(SIGXFSZ, SIG_IGN);
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    std::signal(SIGXFSZ, SIG_DFL);
+    QVERIFY(!cert.isEmpty());
+    // The user may limit her own processes.
+    const auto limit = [&client](const QString &bytes) {
+        QProcess process;
+        ClientFixture::asUser(
+            process, QStringLiteral("prlimit"),
+            {QStringLiteral("--pid=%1").arg(client.process.processId()), QStringLiteral("--fsize=%1:").arg(bytes)});
+        process.start();
+        return process.waitForFinished() && process.exitCode() == 0;
+    };
+    QVERIFY(limit(size));
+    QCOMPARE(client.validateCert(cert, ::wrongPin), moduleFailed);
+    QCOMPARE(client.validateCert(cert, pin), moduleFailed);
+    QVERIFY(limit(QStringLiteral("unlimited")));
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QCOMPARE(ClientFixture::attempts(), 0);
 }
 
 void TstClientToken::noSecrets()
