@@ -111,7 +111,7 @@ int main(int argc, char *argv[])
         QStringLiteral("Prompt for a new password, or read one line from standard input, store its hash, and exit."));
     const QCommandLineOption certs(TokenProgram::listOption,
                                    QStringLiteral("List the certificates on the tokens, the default first, and exit."));
-    QCommandLineOption tokenHelper(TokenProgram::helperOption);
+    QCommandLineOption tokenHelper(TokenProgram::helperOption, QString(), QStringLiteral("module"));
     tokenHelper.setFlags(QCommandLineOption::HiddenFromHelp);
     QCommandLineOption unlocks(Unlocks::option);
     unlocks.setFlags(QCommandLineOption::HiddenFromHelp);
@@ -133,5 +133,5 @@ int main(int argc, char *argv[])
         return Unlocks::run();
     if (parser.isSet(certs))
         return TokenProgram::runList();
-    return parser.isSet(tokenHelper) ? TokenProgram::runHelper() : serve();
+    return parser.isSet(tokenHelper) ? TokenProgram::runHelper(parser.value(tokenHelper)) : serve();
 }

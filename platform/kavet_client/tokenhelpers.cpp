@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tokenhelpers.h"
 
+#include "clientsettings.h"
 #include "helperchannel.h"
 #include "ownprogram.h"
 #include "secret.h"
@@ -113,7 +114,8 @@ TokenHelpers::Helper::Helper(TokenHelpers *helpers, Start start)
     setProcessChannelMode(ForwardedErrorChannel);
     setStandardInputFile(nullDevice());
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_sockets) == 0) {
-        QProcess::start(OwnProgram::path, {OwnProgram::optionPrefix + TokenProgram::helperOption});
+        QProcess::start(OwnProgram::path,
+                        {OwnProgram::optionPrefix + TokenProgram::helperOption, ClientSettings().module()});
         ::close(m_sockets[1]);
     }
 }

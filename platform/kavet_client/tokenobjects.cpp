@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tokenobjects.h"
 
-#include "clientsettings.h"
-
 #include <QLoggingCategory>
 
 #include <algorithm>
@@ -25,13 +23,11 @@ QByteArray info(const TokenObjects::Object &object, gnutls_pkcs11_obj_info_t typ
 
 } // namespace
 
-TokenObjects::Modules::Modules(const ClientSettings &settings)
+TokenObjects::Modules::Modules(const QString &module)
 {
-    // Without a path, load the modules registered in the system.
-    m_error =
-        gnutls_pkcs11_init(settings.module().isEmpty() ? GNUTLS_PKCS11_FLAG_AUTO : GNUTLS_PKCS11_FLAG_MANUAL, nullptr);
-    if (m_error == GNUTLS_E_SUCCESS && !settings.module().isEmpty())
-        m_error = gnutls_pkcs11_add_provider(settings.module().toLocal8Bit().constData(), nullptr);
+    m_error = gnutls_pkcs11_init(module.isEmpty() ? GNUTLS_PKCS11_FLAG_AUTO : GNUTLS_PKCS11_FLAG_MANUAL, nullptr);
+    if (m_error == GNUTLS_E_SUCCESS && !module.isEmpty())
+        m_error = gnutls_pkcs11_add_provider(module.toLocal8Bit().constData(), nullptr);
     if (m_error != GNUTLS_E_SUCCESS)
         qWarning("Cannot load the token module: %s", gnutls_strerror(m_error));
 }

@@ -11,16 +11,15 @@
 
 #include <gnutls/pkcs11.h>
 
-class ClientSettings;
-
 /// The objects on the tokens, by URI (RFC 7512). Functions that return int return GnuTLS's error code.
 namespace TokenObjects {
 
-/// Loads the modules that the settings name, for its lifetime. All other functions need them.
+/// Loads a module, or the modules registered in the system if its path is empty, for the lifetime of the object. All
+/// other functions need them.
 class Modules
 {
 public:
-    explicit Modules(const ClientSettings &settings);
+    explicit Modules(const QString &module);
     ~Modules();
 
     /// Returns false when a module could not be loaded. The reason has been logged.

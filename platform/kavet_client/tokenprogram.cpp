@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tokenprogram.h"
 
-#include "clientsettings.h"
 #include "helperchannel.h"
 #include "secret.h"
 #include "tokenobjects.h"
@@ -71,13 +70,12 @@ int TokenProgram::runList()
     return writeList(setUp()) == Tokens::Success ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-int TokenProgram::runHelper()
+int TokenProgram::runHelper(const QString &module)
 {
     const int output = setUp();
     pollfd call = {STDIN_FILENO, POLLIN, 0};
     if (poll(&call, 1, 0) == 0) {
-        const ClientSettings settings;
-        const TokenObjects::Modules modules(settings);
+        const TokenObjects::Modules modules(module);
         keepLibraries();
     }
     HelperChannel::Operation operation = {};

@@ -12,8 +12,10 @@ namespace TokenProgram {
 extern const QString listOption;
 int runList();
 
-/// Serves one request of the client that has started it. Standard input is the channel.
+/// Serves one request of the client that has started it. Standard input is the channel. `module` is the token module
+/// that the helper can load before its request comes; empty for those registered in the system. It is not read from the
+/// settings then: Qt keeps what it has read, and may miss a change until the request.
 extern const QString helperOption;
-int runHelper();
+int runHelper(const QString &module);
 
 } // namespace TokenProgram

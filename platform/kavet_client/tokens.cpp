@@ -20,7 +20,7 @@ namespace {
 Tokens::Outcome failure(const QByteArray &uri, int error, const ClientSettings &settings)
 {
     qWarning("The token module failed: %s", gnutls_strerror(error));
-    const Modules modules(settings);
+    const Modules modules(settings.module());
     QByteArrayList tokens;
     return !modules.loaded() || presentTokens(tokens) != GNUTLS_E_SUCCESS || isPresent(uri, tokens)
                ? Tokens::ModuleFailed
@@ -126,7 +126,7 @@ Tokens::Outcome Tokens::validate(const QByteArray &cert, const QString &user, co
         return refused;
     int error = GNUTLS_E_SUCCESS;
     {
-        const Modules modules(settings);
+        const Modules modules(settings.module());
         if (!modules.loaded())
             return ModuleFailed;
         error = validateOn(chosen, user, pin, settings);

@@ -44,7 +44,7 @@ int main(int argc, char *argv[])
     const ClientSettings settings;
     std::optional<Modules> modules;
     const auto load = [&modules, &settings] {
-        modules.emplace(settings);
+        modules.emplace(settings.module());
         return modules->loaded();
     };
     take("load the module's libraries and initialise it", load);

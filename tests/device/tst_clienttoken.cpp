@@ -211,6 +211,7 @@ private Q_SLOTS:
     void helperEndsWithClient();
     void peerVanishesMeanwhile();
     void waitsForTheNextCall();
+    void settingsOfTheMoment();
     void waitingHelperEnds();
     void waitingHelperHangs();
     void unwritableRequest_data();
@@ -1377,6 +1378,27 @@ void TstClientToken::waitsForTheNextCall()
     QCOMPARE(client.validateCert(cert, pin), noToken);
     QVERIFY(SoftTokens::putBack());
     QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::settingsOfTheMoment()
+{
+    ClientFixture client;
+    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    QVERIFY(SoftTokens::enroll(one, id2, SoftTokens::issue(QStringLiteral("late"), expired())));
+    QVERIFY(set("default-cert", QStringLiteral("pkcs11:token=one;id=%01")));
+    QCOMPARE(client.validateCert({}, pin), success);
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    // The helper that waits now must not go by what it may have read already, even if the file looks unchanged.
+    QTRY_VERIFY(TestDevice::readFile(QStringLiteral("/proc/%1/maps").arg(childrenOf(client).constFirst()))
+                    .contains("libsofthsm2.so"));
+    const QByteArray settings = TestDevice::readFile(ClientFixture::settingsPath);
+    const QDateTime time = QFileInfo(ClientFixture::settingsPath).lastModified();
+    QVERIFY(settings.contains("id=%01"));
+    QVERIFY(TestDevice::writeFile(ClientFixture::settingsPath, QByteArray(settings).replace("id=%01", "id=%02")));
+    QFile file(ClientFixture::settingsPath);
+    QVERIFY(file.open(QIODevice::ReadWrite) && file.setFileTime(time, QFileDevice::FileModificationTime));
+    file.close();
+    QCOMPARE(client.validateCert({}, pin), badDefault);
 }
 
 void TstClientToken::waitingHelperEnds()
