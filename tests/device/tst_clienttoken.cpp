@@ -1447,6 +1447,8 @@ void TstClientToken::outOfDescriptors()
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QTRY_COMPARE(childrenOf(client).size(), 1);
+    // The client has replied to a later call, so it has closed what it had opened for the earlier one.
+    QVERIFY(!client.checkPassword(QStringLiteral("any")).isEmpty());
     QVERIFY(limitDescriptors(client, firstFree(client)));
     QCOMPARE(client.validateCert(cert, pin), moduleFailed);
     QCOMPARE(client.validateCert(cert, pin), moduleFailed);
