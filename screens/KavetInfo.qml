@@ -33,6 +33,7 @@ ColumnLayout {
         Label {
             Layout.fillWidth: true
             text: qsTr("Allowed attempts")
+            horizontalAlignment: Text.AlignLeft
             wrapMode: Text.Wrap
         }
         Label {
@@ -43,6 +44,7 @@ ColumnLayout {
         Label {
             Layout.fillWidth: true
             text: qsTr("Your failed attempts")
+            horizontalAlignment: Text.AlignLeft
             wrapMode: Text.Wrap
         }
         Label {

@@ -45,6 +45,14 @@ ColumnLayout {
         secret.field.forceActiveFocus(Qt.TabFocusReason)
     }
 
+    CertificateList {
+        id: certificates
+
+        Layout.fillWidth: true
+        visible: page.usesCertificate
+        enabled: !page.isBusy
+    }
+
     Message {
         objectName: "failure"
         Layout.fillWidth: true
@@ -66,20 +74,13 @@ ColumnLayout {
         text: qsTr("Enter it again, or wait for the result.")
     }
 
-    CertificateList {
-        id: certificates
-
-        Layout.fillWidth: true
-        visible: page.usesCertificate
-        enabled: !page.isBusy
-    }
-
     SecretField {
         id: secret
 
         Layout.fillWidth: true
         focus: true
         enabled: !page.isBusy
+        attempt: page.attempt
         label: page.usesCertificate ? qsTr("PIN") : qsTr("Password")
         onAccepted: page.signIn()
     }
@@ -113,6 +114,7 @@ ColumnLayout {
             Layout.fillWidth: true
             text: page.attempt.state === "queued" ? qsTr("Waiting for somebody else to finish …")
                 : page.usesCertificate ? qsTr("Checking the PIN …") : qsTr("Checking the password …")
+            horizontalAlignment: Text.AlignLeft
             wrapMode: Text.Wrap
             Accessible.role: Accessible.AlertMessage
         }

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "screens/capslock.h"
+#include "screens/screensettings.h"
 #include "settings/settingskavet.h"
 
 #include <QCoreApplication>
@@ -8,20 +9,6 @@
 #include <QQmlEngine>
 #include <QQmlExtensionPlugin>
 #include <QTranslator>
-
-namespace {
-
-/// QML creates objects without a parent.
-class Settings : public SettingsKavet
-{
-public:
-    Settings()
-        : SettingsKavet(nullptr)
-    {
-    }
-};
-
-} // namespace
 
 /// The module "Kavet", which the method's pages import.
 class ScreensPlugin : public QQmlExtensionPlugin
@@ -33,14 +20,20 @@ public:
     void registerTypes(const char *uri) override
     {
         qmlRegisterType<CapsLock>(uri, 1, 0, "CapsLock");
-        qmlRegisterType<Settings>(uri, 1, 0, "SettingsKavet");
+        qmlRegisterType<ScreenSettings>(uri, 1, 0, "ScreenSettings");
+        qmlRegisterUncreatableType<SettingsKavet>(uri, 1, 0, "SettingsKavet", QStringLiteral("Use ScreenSettings"));
     }
 
     void initializeEngine(QQmlEngine *engine, const char *) override
     {
         auto *translator = new QTranslator(engine);
-        if (translator->load(QLocale(), QStringLiteral("kavet"), QStringLiteral("_"), QStringLiteral(":/i18n")))
-            QCoreApplication::installTranslator(translator);
+        // The texts in the code are English, but have no plural forms.
+        for (const QLocale &locale : {QLocale(), QLocale(QLocale::English)}) {
+            if (translator->load(locale, QStringLiteral("kavet"), QStringLiteral("_"), QStringLiteral(":/i18n"))) {
+                QCoreApplication::installTranslator(translator);
+                return;
+            }
+        }
     }
 };
 

@@ -86,6 +86,26 @@ ApplicationWindow {
     }
     onClosing: Qt.exit(goodbye.running ? 0 : 1)
 
+    // A service that hangs stays on the bus.
+    Timer {
+        interval: 3000
+        triggeredOnStart: true
+        repeat: true
+        running: authScreen.isServicePresent && (authScreen.attempt !== null || !authScreen.isReady)
+        onTriggered: authScreen.probe()
+    }
+
+    footer: Label {
+        objectName: "unanswered"
+        visible: !authScreen.isAnswering
+        padding: window.em * 0.8
+        text: qsTr("The authentication service does not answer. This screen continues as soon as it does.")
+        horizontalAlignment: Text.AlignHCenter
+        wrapMode: Text.Wrap
+        Accessible.role: Accessible.AlertMessage
+        background: Rectangle { color: window.palette.button }
+    }
+
     Flickable {
         id: scroller
 
@@ -146,7 +166,7 @@ ApplicationWindow {
 
         Notice {
             objectName: "absent"
-            title: qsTr("Signing in is not possible right now")
+            title: qsTr("You cannot sign in right now")
             text: qsTr("The authentication service is not running. This screen continues as soon as it is.")
             isBusy: true
         }

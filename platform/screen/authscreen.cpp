@@ -10,6 +10,8 @@
 #include <QRegularExpression>
 #include <QUrl>
 
+#include <limits>
+
 #include <pwd.h>
 
 namespace AuthService = LibAuthd::AuthService;
@@ -52,6 +54,8 @@ AuthScreen::AuthScreen(const QString &pages, uint lockedUid)
                 QDBusConnection::connectToBus(QDBusConnection::SystemBus, connectionName))
     , m_watcher(AuthService::Service, m_service.connection(), QDBusServiceWatcher::WatchForOwnerChange)
 {
+    // A reply that is late is still the reply.
+    m_service.setTimeout(std::numeric_limits<int>::max());
     connect(&m_watcher, &QDBusServiceWatcher::serviceOwnerChanged, this,
             [this](const QString &, const QString &, const QString &owner) {
                 setServicePresent(false);
@@ -100,6 +104,8 @@ void AuthScreen::setServicePresent(bool isPresent)
     m_methods.clear();
     m_users.clear();
     m_fetch.reset(new QObject);
+    m_isProbing = false;
+    setAnswering(true);
     end();
     Q_EMIT changed();
     if (!isPresent)
@@ -109,6 +115,14 @@ void AuthScreen::setServicePresent(bool isPresent)
                 [this](const auto &reply) { addMethods(reply.isValid() ? reply.value() : QStringList()); });
 }
 
+void AuthScreen::setAnswering(bool isAnswering)
+{
+    if (m_isAnswering == isAnswering)
+        return;
+    m_isAnswering = isAnswering;
+    Q_EMIT isAnsweringChanged();
+}
+
 template <typename Reply, typename Handler>
 void AuthScreen::whenReplied(const Reply &call, Handler handle)
 {
@@ -116,6 +130,18 @@ void AuthScreen::whenReplied(const Reply &call, Handler handle)
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [watcher, handle] {
         watcher->deleteLater();
         handle(Reply(*watcher));
+    });
+}
+
+void AuthScreen::probe()
+{
+    setAnswering(!m_isProbing);
+    if (m_isProbing)
+        return;
+    m_isProbing = true;
+    whenReplied(m_service.GetMethods(), [this](const auto &) {
+        m_isProbing = false;
+        setAnswering(true);
     });
 }
 

@@ -13,6 +13,7 @@ class AuthScreen : public QObject
 {
     Q_OBJECT
     Q_PROPERTY(bool isServicePresent READ isServicePresent NOTIFY changed)
+    Q_PROPERTY(bool isAnswering READ isAnswering NOTIFY isAnsweringChanged)
     Q_PROPERTY(bool isReady READ isReady NOTIFY changed)
     Q_PROPERTY(QVariantList methods READ methods NOTIFY changed)
     Q_PROPERTY(QVariantList users READ users NOTIFY changed)
@@ -34,6 +35,8 @@ public:
     /// Whether the system bus can be reached.
     bool isConnected() const { return m_service.connection().isConnected(); }
     bool isServicePresent() const { return m_isServicePresent; }
+    /// Whether the service had replied to the last probe when the next one was due.
+    bool isAnswering() const { return m_isAnswering; }
     /// Whether methods() and users() are known.
     bool isReady() const { return m_isReady; }
     /// The available methods that have a page to authenticate on, highest priority first. Each is an object with
@@ -46,6 +49,8 @@ public:
     /// The current attempt; null for none.
     LoginAttempt *attempt() const { return m_attempt; }
 
+    /// Finds out whether the service answers.
+    Q_INVOKABLE void probe();
     /// Replaces the current attempt.
     Q_INVOKABLE void begin(uint uid, const QString &user, const QString &method);
     /// Ends the current attempt.
@@ -53,11 +58,13 @@ public:
 
 Q_SIGNALS:
     void changed();
+    void isAnsweringChanged();
     void attemptChanged();
     void authenticated(uint uid, const QString &method);
 
 private:
     void setServicePresent(bool isPresent);
+    void setAnswering(bool isAnswering);
     /// Calls `handle` with the reply, unless the service goes away before.
     template <typename Reply, typename Handler>
     void whenReplied(const Reply &call, Handler handle);
@@ -74,6 +81,8 @@ private:
     QDBusServiceWatcher m_watcher;
     QScopedPointer<QObject> m_fetch; ///< Owns the calls to which the service that is present has not replied.
     bool m_isServicePresent = false;
+    bool m_isAnswering = true;
+    bool m_isProbing = false;
     bool m_isReady = false;
     QVariantList m_methods;
     QVariantList m_users;

@@ -9,6 +9,12 @@
 
 #include <utility>
 
+namespace {
+
+constexpr char Text[] = "text";
+
+} // namespace
+
 LoginAttempt::LoginAttempt(AuthServiceInterface &service, uint uid, const QString &user, const QString &method,
                            QObject *parent)
     : QObject(parent)
@@ -52,12 +58,15 @@ void LoginAttempt::requestChallenge()
 
 void LoginAttempt::authenticate(const QString &secretKey, QObject *field, QVariantMap data)
 {
-    constexpr char Text[] = "text";
-    // All copies share the memory of this one, also that in the message that the reply refers to.
-    const QString secret = field->property(Text).toString();
-    data.insert(secretKey, secret);
+    data.insert(secretKey, field->property(Text));
     open(m_service.Authenticate(m_uid, m_method, data), true);
-    Wipe::text(secret);
+    clear(field);
+}
+
+void LoginAttempt::clear(QObject *field)
+{
+    // All copies share the memory of this one, also that in the message that the reply refers to.
+    Wipe::text(field->property(Text).toString());
     field->setProperty(Text, QString());
 }
 

@@ -44,9 +44,10 @@ public:
 
     /// Opens an attempt, so that the method prepares to check.
     Q_INVOKABLE void requestChallenge();
-    /// Sends `data`, with the text of `field` under the key `secretKey`. Clears the field, and overwrites the memory of
-    /// its text. The text must not come from a literal.
+    /// Sends `data`, with the text of `field` under the key `secretKey`. Then clears the field.
     Q_INVOKABLE void authenticate(const QString &secretKey, QObject *field, QVariantMap data = {});
+    /// Clears `field`, and overwrites the memory of its text. That must not come from a literal.
+    Q_INVOKABLE static void clear(QObject *field);
     /// Cancels the open attempt.
     Q_INVOKABLE void cancel();
 

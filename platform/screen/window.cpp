@@ -11,7 +11,12 @@
 Window::Window(AuthScreen &screen, const QString &pages, bool isDark)
 {
     const QLocale locale;
-    QGuiApplication::setLayoutDirection(locale.textDirection());
+    const auto setDirection = [direction = locale.textDirection()] {
+        QGuiApplication::setLayoutDirection(direction);
+    };
+    setDirection();
+    // Qt resets it with each translation that is installed, also by the pages.
+    QObject::connect(qGuiApp, &QGuiApplication::layoutDirectionChanged, &m_engine, setDirection);
     if (m_translator.load(locale, QStringLiteral("authscreen"), QStringLiteral("_"), QStringLiteral(":/i18n")))
         QCoreApplication::installTranslator(&m_translator);
 

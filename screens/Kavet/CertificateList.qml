@@ -113,7 +113,8 @@ ColumnLayout {
                     readonly property string issued: row.modelData.issuer === "" ? ""
                         : qsTr("Issued by %1").arg(row.modelData.issuer)
                     readonly property string expiry: row.modelData.expiry === "" ? ""
-                        : qsTr("Valid until %1").arg(root.dateText(row.modelData.expiry))
+                        : (row.modelData.hasExpired ? qsTr("Expired on %1") : qsTr("Valid until %1"))
+                            .arg(root.dateText(row.modelData.expiry))
                     readonly property string token: row.modelData.token === "" ? ""
                         : qsTr("Token: %1").arg(row.modelData.token)
                     readonly property var shown: [issued, [expiry, token].filter(part => part !== "").join(" · ")]
@@ -160,7 +161,7 @@ ColumnLayout {
             background: Rectangle {
                 radius: row.font.pixelSize * 0.4
                 color: row.hovered || row.down ? row.palette.button : row.palette.base
-                border.width: row.isChosen ? list.activeFocus ? 3 : 2 : 1
+                border.width: row.isChosen && list.activeFocus ? 2 : 1
                 border.color: row.isChosen ? row.palette.highlight : row.palette.mid
             }
         }
@@ -181,7 +182,7 @@ ColumnLayout {
         Label {
             objectName: "count"
             Layout.fillWidth: true
-            text: search.visible ? qsTr("%1 certificates").arg(list.count) : ""
+            text: search.visible ? qsTr("%n certificate(s)", "", list.count) : ""
             horizontalAlignment: Text.AlignLeft
             font.pixelSize: search.font.pixelSize * 0.85
             opacity: 0.8

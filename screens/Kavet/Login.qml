@@ -24,7 +24,7 @@ QtObject {
 
     readonly property bool usesCertificate: way === undefined ? certificates.length > 0 : way === "cert"
     readonly property int maxAttempts: settings.maxAttempts
-    readonly property int failedAttempts: settings.uid === 0 ? 0 : settings.currentAttempts
+    readonly property int failedAttempts: settings.currentAttempts
     readonly property int attemptsLeft: Math.max(0, maxAttempts - failedAttempts)
     /// The result code of the last attempt; undefined if that has not failed.
     readonly property var resultCode: attempt ? attempt.outcome.code : undefined
@@ -37,7 +37,7 @@ QtObject {
     readonly property bool needsToken: usesToken && certificates.length === 0 && !isRefreshing
     readonly property bool usesToken: way === "cert" || (way === undefined && hadCertificates)
 
-    readonly property SettingsKavet settings: SettingsKavet {
+    readonly property ScreenSettings settings: ScreenSettings {
         uid: login.attempt ? login.attempt.uid : 0
         onCertListChanged: {
             login.isRefreshing = false
@@ -50,10 +50,10 @@ QtObject {
         interval: 2000
         repeat: true
         running: login.isConnected && Qt.application.state === Qt.ApplicationActive
-        onTriggered: login.settings.updateCertList()
+        onTriggered: login.settings.update()
     }
 
-    onIsConnectedChanged: if (isConnected && isRefreshing) settings.updateCertList()
+    onIsConnectedChanged: if (isConnected && isRefreshing) settings.update()
 
     function begin(newAttempt) {
         if (attempt === newAttempt)
@@ -69,7 +69,7 @@ QtObject {
 
     function refresh() {
         isRefreshing = true
-        settings.updateCertList()
+        settings.update()
     }
 
     function setCertificates(uris) {

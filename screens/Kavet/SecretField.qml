@@ -9,6 +9,7 @@ import Kavet 1.0
 ColumnLayout {
     id: secret
 
+    property var attempt
     property string label
     readonly property Item field: field
     readonly property bool isEmpty: field.length === 0
@@ -17,9 +18,12 @@ ColumnLayout {
     spacing: field.font.pixelSize * 0.4
     onVisibleChanged: clear()
     onLabelChanged: clear()
+    Component.onDestruction: clear()
 
     function clear() {
-        field.clear()
+        if (attempt)
+            attempt.clear(field)
+        field.clear() // also what an input method composes
         reveal.checked = false
     }
 

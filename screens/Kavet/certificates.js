@@ -32,12 +32,14 @@ function parsed(uri) {
                 attributes[attribute.substring(0, equals)] = name(attribute.substring(equals + 1))
         }
     }
+    const expiry = attributes["expires"] || ""
     return {
         uri: uri,
         detail: decoded(uri.split("?")[0].replace(/%/g, "%25")),
         holder: attributes["holder"] || attributes["object"] || name(uri),
         issuer: attributes["issuer"] || "",
-        expiry: attributes["expires"] || "",
+        expiry: expiry,
+        hasExpired: expiry !== "" && expiry < new Date().toISOString().substring(0, 10),
         token: attributes["token"] || ""
     }
 }

@@ -28,16 +28,23 @@
         <translation>Kein Zertifikat passt.</translation>
     </message>
     <message>
-        <source>%1 certificates</source>
-        <translation>%1 Zertifikate</translation>
-    </message>
-    <message>
         <source>Hide details</source>
         <translation>Details verbergen</translation>
     </message>
     <message>
         <source>Details</source>
         <translation>Details</translation>
+    </message>
+    <message>
+        <source>Expired on %1</source>
+        <translation>Abgelaufen am %1</translation>
+    </message>
+    <message numerus="yes">
+        <source>%n certificate(s)</source>
+        <translation>
+            <numerusform>%n Zertifikat</numerusform>
+            <numerusform>%n Zertifikate</numerusform>
+        </translation>
     </message>
 </context>
 <context>

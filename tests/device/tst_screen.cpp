@@ -8,6 +8,7 @@
 
 #include <authd/authservice.h>
 
+#include <QElapsedTimer>
 #include <QGuiApplication>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -16,6 +17,7 @@
 #include <QScopeGuard>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
 
 #include <csignal>
 #include <unistd.h>
@@ -29,10 +31,11 @@ const QString right = QStringLiteral("success"); // The scripted client replies 
 const QString wrong = QStringLiteral("failed");
 const QString partition = QStringLiteral("/etc/authd/luks.conf");
 
-QString cert(const QString &holder, const QString &token, const QString &issuer = QStringLiteral("Example CA"))
+QString cert(const QString &holder, const QString &token, const QString &issuer = QStringLiteral("Example CA"),
+             const QString &expiry = QStringLiteral("2035-05-01"))
 {
-    return QStringLiteral("pkcs11:token=%1;id=%01;object=login;type=cert?holder=%2&issuer=%3&expires=2027-05-01")
-        .arg(token, holder, issuer);
+    return QStringLiteral("pkcs11:token=%1;id=%01;object=login;type=cert?holder=%2&issuer=%3&expires=%4")
+        .arg(token, holder, issuer, expiry);
 }
 
 const QString badge = cert(QStringLiteral("Alice%20Liddell"), QStringLiteral("badge"));
@@ -82,6 +85,7 @@ private Q_SLOTS:
     void greeter();
     void wrongAndRightPassword();
     void certificateAndPin();
+    void expiry();
     void resultCodes();
     void attemptsLeft();
     void tokenRemoved();
@@ -94,11 +98,14 @@ private Q_SLOTS:
     void queuedAndCancelled();
     void anotherCallerAtWork();
     void daemonGoneAndBack();
+    void daemonHangs();
+    void daemonHangsFromTheStart();
     void information();
     void leftBeforeTheReply();
     void secretIsHidden();
     void secretIsNotUndone();
     void secretIsOverwritten();
+    void secretIsNotHeld();
     void manyCertificates();
     void longNames_data();
     void longNames();
@@ -172,7 +179,7 @@ void TstScreen::certificateAndPin()
     QVERIFY(shown.find(QStringLiteral("certificate-1")));
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
     const QString text = shown.allText();
-    for (const char *part : {"Alice Liddell\n", "Alice Liddell (admin)\n", "Example CA", "badge", "key ring", "2027"})
+    for (const char *part : {"Alice Liddell\n", "Alice Liddell (admin)\n", "Example CA", "badge", "key ring", "2035"})
         QVERIFY2(text.contains(QLatin1String(part)), qPrintable(text));
     QVERIFY(!text.contains(QLatin1String("pkcs11:")));
     VERIFY_SOUND(shown);
@@ -188,6 +195,19 @@ void TstScreen::certificateAndPin()
     QVERIFY(shown.submit(right));
     QVERIFY(shown.find(QStringLiteral("welcome")));
     QCOMPARE(lastCall(), (QStringList{QStringLiteral("validateCert"), ring, QStringLiteral("alice"), right}));
+}
+
+void TstScreen::expiry()
+{
+    const QString token = QStringLiteral("token");
+    setCerts({cert(QStringLiteral("old"), token, token, QStringLiteral("2020-05-01")),
+              cert(QStringLiteral("new"), token, token, QStringLiteral("2099-05-01")),
+              cert(QStringLiteral("odd"), token, token, QStringLiteral("never"))});
+    Shown shown(alice);
+    QVERIFY(shown.find(QStringLiteral("certificate-2")));
+    const QString text = shown.allText();
+    for (const char *part : {"Expired on May 1, 2020", "Valid until May 1, 2099", "Valid until never"})
+        QVERIFY2(text.contains(QLatin1String(part)), qPrintable(text));
 }
 
 // The codes that the client cannot cause come from another method, on the same page.
@@ -294,6 +314,8 @@ void TstScreen::tokenAskedFor()
     QVERIFY(shown.click(QStringLiteral("otherWay")));
     QTRY_COMPARE(shown.text(QStringLiteral("title")), QStringLiteral("Insert your token"));
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("preButton")));
+    const auto *label = shown.find(QStringLiteral("preButton"))->property("contentItem").value<QQuickItem *>();
+    QCOMPARE(label->property("lineCount").toInt(), 1); // as there is room
     shown.press(Qt::Key_Return);
     QVERIFY(shown.submit(right));
     QVERIFY(shown.find(QStringLiteral("welcome")));
@@ -442,6 +464,56 @@ void TstScreen::daemonGoneAndBack()
     QVERIFY(early.find(QStringLiteral("user-bob")));
 }
 
+// A service that hangs stays on the bus.
+void TstScreen::daemonHangs()
+{
+    Shown shown(alice);
+    QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+    QVERIFY(kill(pid_t(m_authd.pid()), SIGSTOP) == 0);
+    const auto goOn = qScopeGuard([this] { kill(pid_t(m_authd.pid()), SIGCONT); });
+    qint64 longestPause = 0;
+    QElapsedTimer sinceLast;
+    sinceLast.start();
+    QTimer pulse;
+    connect(&pulse, &QTimer::timeout, [&] { longestPause = qMax(longestPause, sinceLast.restart()); });
+    pulse.start(0);
+
+    QVERIFY(shown.find(QStringLiteral("unanswered")));
+    VERIFY_SOUND(shown);
+    shown.save(QStringLiteral("unanswered"));
+    const QImage before = shown.window()->grabWindow();
+    shown.type(right);
+    QCOMPARE(shown.text(QStringLiteral("secret")), right);
+    QVERIFY(shown.window()->grabWindow() != before);
+    shown.press(Qt::Key_Return);
+    QVERIFY(shown.find(QStringLiteral("busy")));
+    // Longer than a call waits for its reply by default.
+    const BusUser other(alice);
+    AuthServiceInterface service(LibAuthd::AuthService::Service, LibAuthd::AuthService::ObjectPath, other.connection());
+    QDBusPendingCallWatcher call(service.GetMethods());
+    QTRY_VERIFY_WITH_TIMEOUT(call.isFinished(), 60000);
+    QVERIFY(call.isError());
+    constexpr int settingsTimeout = 5000; // milliseconds, in the settings' thread
+    QVERIFY2(longestPause < settingsTimeout, qPrintable(QString::number(longestPause)));
+
+    QVERIFY(kill(pid_t(m_authd.pid()), SIGCONT) == 0);
+    QVERIFY(shown.find(QStringLiteral("welcome")));
+    QTRY_VERIFY(!shown.shows(QStringLiteral("unanswered")));
+}
+
+void TstScreen::daemonHangsFromTheStart()
+{
+    QVERIFY(kill(pid_t(m_authd.pid()), SIGSTOP) == 0);
+    const auto goOn = qScopeGuard([this] { kill(pid_t(m_authd.pid()), SIGCONT); });
+    Shown shown(0);
+    QVERIFY(shown.find(QStringLiteral("unanswered")));
+    QVERIFY(!shown.shows(QStringLiteral("title")));
+    VERIFY_SOUND(shown);
+    QVERIFY(kill(pid_t(m_authd.pid()), SIGCONT) == 0);
+    QVERIFY(shown.find(QStringLiteral("user-bob")));
+    QTRY_VERIFY(!shown.shows(QStringLiteral("unanswered")));
+}
+
 void TstScreen::information()
 {
     setLimit(5);
@@ -538,8 +610,48 @@ void TstScreen::secretIsNotUndone()
     QCOMPARE(shown.text(QStringLiteral("secret")), QString());
 }
 
-// The test itself must not hold the secret, so it knows each character by the next one.
+// All copies share the memory of the test's own, which therefore shows what becomes of it.
 void TstScreen::secretIsOverwritten()
+{
+    const QString typed = QStringLiteral("abc");
+    Shown shown(0);
+    QString copy;
+    const auto enter = [&] {
+        QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
+        shown.type(typed);
+        copy = shown.text(QStringLiteral("secret"));
+        QCOMPARE(copy, typed);
+    };
+    const auto isOverwritten = [&] {
+        return copy == QString(typed.size(), QChar::Null);
+    };
+    QVERIFY(shown.click(QStringLiteral("user-alice")));
+    enter();
+    shown.press(Qt::Key_Return);
+    QVERIFY(isOverwritten());
+
+    // Typed, and then the page is left: for a token, the information, another user, and because the daemon has gone.
+    enter();
+    QVERIFY(shown.click(QStringLiteral("otherWay")));
+    QVERIFY(isOverwritten());
+    QVERIFY(shown.click(QStringLiteral("preButton")));
+    enter();
+    QVERIFY(shown.click(QStringLiteral("info")));
+    QVERIFY(isOverwritten());
+    QVERIFY(shown.click(QStringLiteral("info")));
+    enter();
+    QVERIFY(shown.click(QStringLiteral("leave")));
+    QVERIFY(shown.click(QStringLiteral("user-alice")));
+    QVERIFY(isOverwritten());
+    enter();
+    m_authd.stop(SIGKILL);
+    QVERIFY(shown.find(QStringLiteral("absent")));
+    QTRY_VERIFY(isOverwritten());
+}
+
+// Nor does the process hold the secret anywhere else, as a whole and as QString stores it. The test itself must not
+// hold it, so it knows each character by the next one.
+void TstScreen::secretIsNotHeld()
 {
     const QByteArray masked = "Dpssfdu!Ipstf!Cbuufsz";
     const auto isHeld = [&masked] {
@@ -586,6 +698,10 @@ void TstScreen::manyCertificates()
     while (!shown.hasFocus(QStringLiteral("search")))
         shown.press(Qt::Key_Tab, Qt::ShiftModifier);
     shown.type(QStringLiteral("token19"));
+    QTRY_COMPARE(shown.text(QStringLiteral("count")), QStringLiteral("11 certificates"));
+    shown.type(QStringLiteral("0"));
+    QTRY_COMPARE(shown.text(QStringLiteral("count")), QStringLiteral("1 certificate"));
+    shown.press(Qt::Key_Backspace);
     QTRY_COMPARE(shown.text(QStringLiteral("count")), QStringLiteral("11 certificates"));
     shown.press(Qt::Key_Down);
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("certificates")));
@@ -685,29 +801,35 @@ void TstScreen::german()
     VERIFY_SOUND(shown);
     shown.save(QStringLiteral("german-dark"));
     const QString text = shown.allText();
-    for (const char *part : {"Anmelden", "Informationen", "1. Mai 2027", "Die PIN"})
+    for (const char *part : {"Anmelden", "Informationen", "1. Mai 2035", "Die PIN"})
         QVERIFY2(text.contains(QLatin1String(part)), qPrintable(text));
 }
 
 void TstScreen::translations_data()
 {
     QTest::addColumn<QString>("texts");
-    QTest::newRow("pages") << QStringLiteral("screens/i18n/kavet_de.ts");
-    QTest::newRow("window") << QStringLiteral("platform/screen/i18n/authscreen_de.ts");
+    QTest::addColumn<QStringList>("options");
+    QTest::newRow("pages") << QStringLiteral("screens/i18n/kavet_de.ts") << QStringList();
+    QTest::newRow("pages, English") << QStringLiteral("screens/i18n/kavet_en.ts")
+                                    << QStringList{QStringLiteral("-pluralonly")};
+    QTest::newRow("window") << QStringLiteral("platform/screen/i18n/authscreen_de.ts") << QStringList();
 }
 
 // Each text has a translation.
 void TstScreen::translations()
 {
     QFETCH(QString, texts);
+    QFETCH(QStringList, options);
     const QString path = QStringLiteral(SOURCE_DIR "/") + texts;
     const QString copy = QStringLiteral("/tmp/texts.ts");
     QFile::remove(copy);
     QVERIFY(QFile::copy(path, copy));
     QCOMPARE(QProcess::execute(QStringLiteral("lupdate"),
-                               {QStringLiteral("-silent"), QStringLiteral("-no-obsolete"), QStringLiteral("-locations"),
-                                QStringLiteral("none"), QFileInfo(path).path() + QStringLiteral("/.."),
-                                QStringLiteral("-ts"), copy}),
+                               options
+                                   + QStringList{QStringLiteral("-silent"), QStringLiteral("-no-obsolete"),
+                                                 QStringLiteral("-locations"), QStringLiteral("none"),
+                                                 QFileInfo(path).path() + QStringLiteral("/.."), QStringLiteral("-ts"),
+                                                 copy}),
              0);
     QCOMPARE(QString::fromUtf8(TestDevice::readFile(copy)), QString::fromUtf8(TestDevice::readFile(path)));
     QVERIFY(!TestDevice::readFile(path).contains("unfinished"));
@@ -753,14 +875,19 @@ void TstScreen::sizes()
     shown.save(name + QStringLiteral("-greeter"));
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("user-alice")));
     shown.press(Qt::Key_Return);
+    QVERIFY(shown.find(QStringLiteral("certificate-1")));
     QVERIFY(shown.submit(wrong));
     QVERIFY(shown.find(QStringLiteral("failure")));
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
     VERIFY_SOUND(shown);
-    // What has the focus is in sight.
+    // What has the focus is in sight, and so is the end of the message above it.
     const QQuickItem *field = shown.find(QStringLiteral("secret"));
-    QTRY_VERIFY(field->mapToScene({}).y() >= 0
-                && field->mapToScene(QPointF(0, field->height())).y() <= shown.window()->height());
+    const QQuickItem *message = shown.find(QStringLiteral("messageText"));
+    const auto bottom = [](const QQuickItem *item) {
+        return item->mapToScene(QPointF(0, item->height())).y();
+    };
+    QTRY_VERIFY(field->mapToScene({}).y() >= 0 && bottom(field) <= shown.window()->height());
+    QVERIFY(bottom(message) > 0 && bottom(message) < field->mapToScene({}).y());
     shown.save(name + QStringLiteral("-pin"));
     while (!shown.hasFocus(QStringLiteral("info")))
         shown.press(Qt::Key_Tab);

@@ -8,10 +8,6 @@
         <translation>Anmelden</translation>
     </message>
     <message>
-        <source>Signing in is not possible right now</source>
-        <translation>Die Anmeldung ist gerade nicht möglich</translation>
-    </message>
-    <message>
         <source>The authentication service is not running. This screen continues as soon as it is.</source>
         <translation>Der Anmeldedienst läuft nicht. Sobald er läuft, geht es hier weiter.</translation>
     </message>
@@ -30,6 +26,14 @@
     <message>
         <source>The authentication service knows nobody who may sign in here.</source>
         <translation>Der Anmeldedienst kennt niemanden, der sich hier anmelden darf.</translation>
+    </message>
+    <message>
+        <source>The authentication service does not answer. This screen continues as soon as it does.</source>
+        <translation>Der Anmeldedienst antwortet nicht. Sobald er antwortet, geht es hier weiter.</translation>
+    </message>
+    <message>
+        <source>You cannot sign in right now</source>
+        <translation>Anmeldung gerade nicht möglich</translation>
     </message>
 </context>
 <context>

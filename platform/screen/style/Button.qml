@@ -11,8 +11,8 @@ T.Button {
     readonly property bool isAccented: highlighted && enabled
     readonly property color fill: flat ? "transparent" : isAccented ? accent : palette.button
 
-    // Rounded up, lest the text wraps for a fraction of a pixel.
-    implicitWidth: Math.ceil(implicitContentWidth + leftPadding + rightPadding) + 1
+    // Rounded up, lest the text wraps for a fraction of a pixel. A Text that wraps reports too little itself.
+    implicitWidth: Math.ceil(metrics.advanceWidth + leftPadding + rightPadding) + 1
     implicitHeight: implicitContentHeight + topPadding + bottomPadding
     horizontalPadding: font.pixelSize * (flat ? 0.6 : 1.2)
     verticalPadding: font.pixelSize * 0.7
@@ -24,6 +24,13 @@ T.Button {
         if (checkable)
             toggle()
         clicked()
+    }
+
+    TextMetrics {
+        id: metrics
+
+        font: control.font
+        text: control.text
     }
 
     contentItem: Text {
