@@ -14,7 +14,7 @@
 // or at once:
 //   keypad   the token has a keypad, on which the PIN 31415926 is typed at each login
 //   initialize   the module cannot be initialised
-//   stall    initialising the module never returns
+//   stall    initialising the module never returns; each time adds a line to the file stalled
 //   print    writes to standard output
 // The file wrong-pins.LABEL there, with the token's label, holds the count of wrong tries. Only removing the file
 // unblocks a token.
@@ -74,6 +74,8 @@ CK_RV initialize(void *arguments)
 {
     if (behaviour() == "initialize")
         return CKR_GENERAL_ERROR;
+    if (behaviour() == "stall")
+        std::ofstream(inHome("stalled"), std::ios::app) << std::endl;
     while (behaviour() == "stall")
         pause();
     if (behaviour() == "print") {
