@@ -26,4 +26,8 @@ __attribute__((noinline)) void wipeStack()
 {
     char stack[stackSize];
     explicit_bzero(stack, sizeof(stack));
+    // Copies of each size go through registers of their own.
+    for (size_t size = 1; size <= sizeof(stack) / 2; size *= 2)
+        memcpy(stack, stack + sizeof(stack) / 2, size);
+    explicit_bzero(stack, sizeof(stack) / 2);
 }

@@ -8,6 +8,10 @@
 
 #include <limits>
 
+#include <elf.h>
+#include <sys/ptrace.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 /// What the writable memory of a process holds, one page after the other; null if it cannot be read. Pages that were
@@ -46,4 +50,19 @@ inline QByteArray processMemory(qint64 pid)
         }
     }
     return content;
+}
+
+/// What the vector registers of a process's first thread hold; null if they cannot be read.
+inline QByteArray vectorRegisters(pid_t pid)
+{
+    constexpr int enough = 16 * 1024;
+    if (ptrace(PTRACE_SEIZE, pid, nullptr, nullptr) != 0)
+        return {};
+    QByteArray registers(enough, '\0');
+    iovec content = {registers.data(), size_t(registers.size())};
+    const bool isRead = ptrace(PTRACE_INTERRUPT, pid, nullptr, nullptr) == 0 && waitpid(pid, nullptr, __WALL) == pid
+                        && (ptrace(PTRACE_GETREGSET, pid, NT_X86_XSTATE, &content) == 0
+                            || ptrace(PTRACE_GETREGSET, pid, NT_PRFPREG, &content) == 0);
+    ptrace(PTRACE_DETACH, pid, nullptr, nullptr);
+    return isRead ? registers.left(int(content.iov_len)) : QByteArray();
 }
