@@ -51,6 +51,7 @@ ColumnLayout {
         Layout.fillWidth: true
         visible: page.usesCertificate
         enabled: !page.isBusy
+        onAccepted: secret.field.forceActiveFocus(Qt.TabFocusReason)
     }
 
     Message {

@@ -45,6 +45,7 @@ ColumnLayout {
             Layout.fillWidth: true
             padding: font.pixelSize * 0.7
             focus: index === 0
+            focusPolicy: Qt.StrongFocus
             Component.onCompleted: if (index === 0) forceActiveFocus(Qt.TabFocusReason)
             Keys.onDownPressed: list.go(index + 1)
             Keys.onUpPressed: list.go(index - 1)

@@ -12,6 +12,7 @@ ColumnLayout {
 
     property bool canChoose: true
     readonly property Item list: list
+    signal accepted
 
     // From this number on, searching is quicker than scrolling.
     readonly property int many: 6
@@ -26,7 +27,18 @@ ColumnLayout {
         visible: Login.certificates.length >= root.many
         placeholderText: qsTr("Search certificates")
         Accessible.name: placeholderText
-        Keys.onDownPressed: list.forceActiveFocus(Qt.TabFocusReason)
+        Keys.onDownPressed: enterList()
+        Keys.onReturnPressed: enterList()
+        Keys.onEnterPressed: enterList()
+        Keys.onEscapePressed: {
+            event.accepted = length > 0
+            clear()
+        }
+
+        function enterList() {
+            if (list.activeFocusOnTab)
+                list.forceActiveFocus(Qt.TabFocusReason)
+        }
     }
 
     ListView {
@@ -38,7 +50,7 @@ ColumnLayout {
         clip: true
         spacing: search.font.pixelSize * 0.4
         boundsBehavior: Flickable.StopAtBounds
-        activeFocusOnTab: root.canChoose
+        activeFocusOnTab: root.canChoose && count > 0
         keyNavigationEnabled: root.canChoose
         ScrollBar.vertical: ScrollBar {
             id: bar
@@ -49,16 +61,22 @@ ColumnLayout {
         Accessible.name: qsTr("Certificates")
 
         model: Login.certificates.filter(certificate => Certificates.matches(certificate, search.text))
-        onModelChanged: currentIndex = model.findIndex(certificate => certificate.uri === Login.chosen)
-        onActiveFocusChanged: if (activeFocus && currentIndex < 0 && count > 0) choose(0)
+        onModelChanged: {
+            currentIndex = model.findIndex(certificate => certificate.uri === Login.chosen)
+            // A PIN is for a certificate in sight only.
+            if (currentIndex < 0)
+                choose(0)
+        }
         Keys.onUpPressed: choose(Math.max(0, currentIndex - 1))
         Keys.onDownPressed: choose(Math.min(count - 1, currentIndex + 1))
+        Keys.onReturnPressed: root.accepted()
+        Keys.onEnterPressed: root.accepted()
 
         function choose(index) {
-            if (!root.canChoose || index < 0)
+            if (!root.canChoose)
                 return
-            currentIndex = index
-            Login.chosen = model[index].uri
+            currentIndex = index < model.length ? index : -1
+            Login.chosen = currentIndex < 0 ? "" : model[currentIndex].uri
         }
 
         delegate: ItemDelegate {
@@ -182,7 +200,7 @@ ColumnLayout {
         Label {
             objectName: "count"
             Layout.fillWidth: true
-            text: search.visible ? qsTr("%n certificate(s)", "", list.count) : ""
+            text: search.visible && list.count > 0 ? qsTr("%n certificate(s)", "", list.count) : ""
             horizontalAlignment: Text.AlignLeft
             font.pixelSize: search.font.pixelSize * 0.85
             opacity: 0.8

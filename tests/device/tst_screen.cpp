@@ -133,8 +133,10 @@ void TstScreen::greeter()
 
     // With the keyboard alone, to bob and back.
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("user-alice")));
-    shown.press(Qt::Key_Down);
-    QVERIFY(shown.hasFocus(QStringLiteral("user-bob")));
+    for (const int key : {Qt::Key_Down, Qt::Key_Up, Qt::Key_Tab}) {
+        shown.press(key);
+        QVERIFY(shown.hasFocus(key == Qt::Key_Up ? QStringLiteral("user-alice") : QStringLiteral("user-bob")));
+    }
     shown.press(Qt::Key_Return);
     QVERIFY(shown.find(QStringLiteral("secret")));
     QCOMPARE(shown.text(QStringLiteral("user")), QStringLiteral("Bob"));
@@ -703,14 +705,32 @@ void TstScreen::manyCertificates()
     QTRY_COMPARE(shown.text(QStringLiteral("count")), QStringLiteral("1 certificate"));
     shown.press(Qt::Key_Backspace);
     QTRY_COMPARE(shown.text(QStringLiteral("count")), QStringLiteral("11 certificates"));
-    shown.press(Qt::Key_Down);
+    shown.press(Qt::Key_Return);
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("certificates")));
+    shown.press(Qt::Key_Up);
+    shown.press(Qt::Key_Return);
+    QVERIFY(shown.submit(wrong));
+    QVERIFY(shown.find(QStringLiteral("failure")));
+    QCOMPARE(lastCall().value(1), certs.at(19));
+
+    // A PIN is for a certificate in sight only.
+    QVERIFY(shown.click(QStringLiteral("search")));
+    shown.type(QStringLiteral("x"));
+    QVERIFY(shown.find(QStringLiteral("noMatch")));
+    VERIFY_SOUND(shown);
     shown.press(Qt::Key_Down);
-    while (!shown.hasFocus(QStringLiteral("secret")))
-        shown.press(Qt::Key_Tab);
-    QVERIFY(shown.submit(right));
+    QVERIFY(shown.hasFocus(QStringLiteral("search")));
+    QVERIFY(shown.click(QStringLiteral("secret")));
+    shown.type(right);
+    QVERIFY(!shown.find(QStringLiteral("signIn"))->isEnabled());
+    QVERIFY(shown.click(QStringLiteral("search")));
+    shown.press(Qt::Key_Escape);
+    QTRY_COMPARE(shown.text(QStringLiteral("count")), QStringLiteral("200 certificates"));
+    shown.type(QStringLiteral("token77"));
+    QTRY_COMPARE(shown.text(QStringLiteral("count")), QStringLiteral("1 certificate"));
+    QVERIFY(shown.click(QStringLiteral("signIn")));
     QVERIFY(shown.find(QStringLiteral("welcome")));
-    QCOMPARE(lastCall().value(1), certs.at(190));
+    QCOMPARE(lastCall().value(1), certs.at(77));
 }
 
 void TstScreen::longNames_data()
