@@ -212,6 +212,7 @@ private Q_SLOTS:
     void peerVanishesMeanwhile();
     void waitsForTheNextCall();
     void settingsOfTheMoment();
+    void waitingHelperIsGivenUp();
     void waitingHelperEnds();
     void waitingHelperHangs();
     void unwritableRequest_data();
@@ -1399,6 +1400,24 @@ void TstClientToken::settingsOfTheMoment()
     QVERIFY(file.open(QIODevice::ReadWrite) && file.setFileTime(time, QFileDevice::FileModificationTime));
     file.close();
     QCOMPARE(client.validateCert({}, pin), badDefault);
+}
+
+// After some minutes without calls, which the preloaded clock skips.
+void TstClientToken::waitingHelperIsGivenUp()
+{
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment() << QStringLiteral("LD_PRELOAD=") + Installed::hastyClock
+                                                   // The sanitizer wants to be the first library.
+                                                   << QStringLiteral("ASAN_OPTIONS=verify_asan_link_order=0")));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QTRY_VERIFY(childrenOf(client).isEmpty());
+    QVERIFY(QTest::qWaitFor([&client] { return pollTimeout(client.process.processId()) == -1; }));
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
+    QTRY_VERIFY(childrenOf(client).isEmpty());
+    QVERIFY(client.output().isEmpty());
 }
 
 void TstClientToken::waitingHelperEnds()
