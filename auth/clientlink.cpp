@@ -79,10 +79,8 @@ bool MethodKavetPrivate::connectToChild()
     }
 
     clientInterface.reset(new KavetAuthInterface(Constants::Link::service, Constants::Link::objectPath, connection));
-    if (certListPending) {
-        certListPending = false;
+    if (certListPending)
         getCertList();
-    }
     return true;
 }
 

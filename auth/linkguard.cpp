@@ -100,7 +100,7 @@ bool LinkGuard::listen()
     if (bind(m_listener.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == -1
         || ::listen(m_listener.get(), 1) == -1)
         return false;
-    m_name.reset(open(path.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    m_name.reset(open(path.constData(), O_PATH | O_CLOEXEC));
     return m_name.isValid();
 }
 
@@ -180,11 +180,8 @@ void LinkGuard::read(Flow &flow, Descriptor &from, Descriptor &to)
 {
     char chunk[chunkSize];
     const ssize_t size = recv(from.get(), chunk, sizeof chunk, 0);
-    if (size == -1) {
-        if (errno != EAGAIN && errno != EINTR)
-            end();
-        return;
-    }
+    if (size == -1)
+        return; // After an error, the next call reports the end.
     if (size == 0) {
         flow.ended = true;
         flow.readable->setEnabled(false);

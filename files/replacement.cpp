@@ -28,7 +28,7 @@ bool writeWhole(int descriptor, const QByteArray &content)
 bool makeFile(int directory, const QByteArray &name, mode_t mode, const QByteArray &content)
 {
     const Descriptor made(
-        openat(directory, name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
+        openat(directory, name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
     return made.isValid() && fchmod(made.get(), mode) == 0 && writeWhole(made.get(), content);
 }
 

@@ -112,7 +112,7 @@ PinnedFile::PinnedFile(const QString &path, uid_t uid, gid_t gid)
         }
         if (m_error == ENOENT) {
             // Root never gives a user a file other than the one that it has just created and holds open.
-            pin(::open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, ownerOnly));
+            pin(::open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, ownerOnly));
             if (m_error == 0 && fchown(m_descriptor, uid, gid) == 0) {
                 m_owner = uid;
                 m_group = gid;
@@ -259,7 +259,6 @@ HandOver handOver(const QString &path, uid_t uid, gid_t gid)
     if (mkdir(ownName.constData(), directoryMode) == -1 && errno != EEXIST) {
         const int error = errno;
         qCWarning(kavet) << "Cannot create" << own << std::strerror(error);
-        errno = error;
         return HandOver::Failed;
     }
     QString aside = placeOf(status.st_uid);

@@ -56,7 +56,7 @@ private:
 
 /// The result of handOver().
 enum class HandOver {
-    Failed, ///< errno is set.
+    Failed,
     Same, ///< The same directory belongs to the user now.
     Replaced ///< The user's own directory has replaced another user's.
 };
