@@ -183,6 +183,13 @@ void TstAuthd::wrongUsageAndHelp_data()
     QTest::newRow("unknown option") << QStringList{QStringLiteral("--nonsense")} << 2 << QByteArray("nonsense");
     QTest::newRow("argument") << QStringList{QStringLiteral("nonsense")} << 2 << QByteArray("No arguments expected");
     QTest::newRow("option without value") << QStringList{QStringLiteral("--methods")} << 2 << QByteArray("--methods");
+    for (const char *value : {"0", "86401", "-1", "soon"})
+        QTest::newRow(qPrintable(QStringLiteral("timeout of ") + QLatin1String(value)))
+            << QStringList{QStringLiteral("--attempt-timeout=") + QLatin1String(value)} << 2
+            << QByteArray("authd: --attempt-timeout must be between 1 and 86400 seconds.\nSee authd --help.\n");
+    QTest::newRow("longest timeout") << QStringList{QStringLiteral("--attempt-timeout=86400"),
+                                                    QStringLiteral("--version")}
+                                     << 0 << QByteArray("authd 0.0.1\n");
     QTest::newRow("help") << QStringList{QStringLiteral("--help")} << 0 << QByteArray("--wait-for-bus");
     QTest::newRow("version") << QStringList{QStringLiteral("--version")} << 0 << QByteArray("authd 0.0.1\n");
 }
@@ -310,7 +317,10 @@ void TstAuthd::damagedLocks()
     // A symbolic link is not followed.
     QVERIFY(QFile::rename(locksFile, locksFile + QStringLiteral(".real")));
     QVERIFY(QFile::link(locksFile + QStringLiteral(".real"), locksFile));
-    QCOMPARE(Authd::run({QStringLiteral("--methods"), directory.path()}).first, 1);
+    const auto refused = Authd::run({QStringLiteral("--methods"), directory.path()});
+    QCOMPARE(refused.first, 1);
+    QVERIFY(refused.second.contains("level=error event=locks-unreadable file=/var/lib/authd/locks.conf "
+                                    "error=\"Invalid argument\"\n"));
 }
 
 void TstAuthd::signalsEndIt_data()
@@ -431,6 +441,7 @@ void TstAuthd::busRestart()
         QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
         QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
     }
+    QCOMPARE(m_authd.log().count("level=warning event=bus-lost\n"), 3);
     // The daemon adds the option only once.
     QCOMPARE(TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).count("--wait-for-bus"), 1);
 }

@@ -74,6 +74,7 @@ private Q_SLOTS:
     void lockNotSaved();
     void sessions();
     void events();
+    void attemptsInTheLog();
     void computedOptions();
     void rules_data();
     void rules();
@@ -361,6 +362,52 @@ void TstAuthenticator::events()
         QCOMPARE(report.member(), QStringLiteral("UserMethodOptionChanged"));
     // The daemon does not even try, because the library would log a warning.
     QVERIFY(!m_authd.log().contains("event=message"));
+}
+
+void TstAuthenticator::attemptsInTheLog()
+{
+    QVERIFY(m_authd.waitForLog("event=ready"));
+    const int before = m_authd.log().size();
+    QCOMPARE(attempt(alice, QStringLiteral("fail:7")), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, challenge, {method=puppet, result-code=7})")));
+    QCOMPARE(attempt(alice, QStringLiteral("input")), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, challenge, {input-request-type=2, method=puppet})")));
+    QCOMPARE(m_root->error(QStringLiteral("Cancel"), {qulonglong(2)}), QString());
+    QCOMPARE(attempt(alice, QStringLiteral("succeed")), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    QCOMPARE(m_user->error(QStringLiteral("RequestChallenge"), {alice, puppet}), QString());
+    QVERIFY(m_authd.waitForLog("event=attempt-begun", 4));
+    for (const bool isStart : {true, false})
+        QCOMPARE(m_root->error(isStart ? QStringLiteral("SessionStarted") : QStringLiteral("SessionStopped"),
+                               {alice, isStart}),
+                 QString());
+    act(alice, QStringLiteral("lock:-1 unlock lock:-1"));
+    QCOMPARE(m_root->error(QStringLiteral("Unlock"), {alice}), QString());
+    QCOMPARE(m_authd.log().mid(before),
+             QByteArray("level=info event=attempt-opened attempt=1 method=puppet uid=1000 caller=0 challenge=false\n"
+                        "level=info event=attempt-begun attempt=1 method=puppet uid=1000\n"
+                        "level=notice event=authentication-failed attempt=1 method=puppet uid=1000 code=7 name=Code7 "
+                        "counted=true attempts-left=99\n"
+                        "level=info event=attempt-opened attempt=2 method=puppet uid=1000 caller=0 challenge=false\n"
+                        "level=info event=attempt-begun attempt=2 method=puppet uid=1000\n"
+                        "level=info event=input-requested attempt=2 method=puppet uid=1000\n"
+                        "level=notice event=attempt-given-up attempt=2 method=puppet uid=1000 reason=cancelled\n"
+                        "level=info event=attempt-opened attempt=3 method=puppet uid=1000 caller=0 challenge=false\n"
+                        "level=info event=attempt-begun attempt=3 method=puppet uid=1000\n"
+                        "level=notice event=authenticated attempt=3 method=puppet uid=1000\n"
+                        "level=info event=attempt-opened attempt=4 method=puppet uid=1000 caller=1000 challenge=true\n"
+                        "level=info event=attempt-begun attempt=4 method=puppet uid=1000\n"
+                        "level=info event=session-started uid=1000 manage-client=true\n"
+                        "level=info event=session-stopped uid=1000 manage-client=false\n"
+                        "level=info event=option-changed method=puppet uid=1000 option=do computed=false\n"
+                        "level=warning event=user-locked method=puppet uid=1000 reason=\"on strings\" "
+                        "duration=4294967295\n"
+                        "level=notice event=user-unlocked method=puppet uid=1000\n"
+                        "level=warning event=user-locked method=puppet uid=1000 reason=\"on strings\" "
+                        "duration=4294967295\n"
+                        "level=notice event=option-set method=puppet uid=1000 option=do by=0\n"
+                        "level=notice event=attempt-given-up attempt=4 method=puppet uid=1000 reason=locked\n"
+                        "level=notice event=user-unlocked uid=1000\n"));
 }
 
 void TstAuthenticator::computedOptions()

@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
+#include <QScopeGuard>
 #include <QScopedPointer>
 #include <QSet>
 #include <QTest>
@@ -16,6 +17,8 @@
 
 #include <csignal>
 #include <random>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -103,6 +106,12 @@ private Q_SLOTS:
     void sessionsAreKnownAgain();
     void sessionOfLockedUser();
     void loginManagerKnowsBetter();
+    void loginManagerFails_data();
+    void loginManagerFails();
+    void noRunDirectory_data();
+    void noRunDirectory();
+    void noLockFile();
+    void sessionsCannotBeRecorded();
     void anyMoment();
 
 private:
@@ -308,6 +317,83 @@ void TstCrash::loginManagerKnowsBetter()
     QStringList sessions;
     QTRY_VERIFY(!(sessions = told()).isEmpty());
     QCOMPARE(sessions, (QStringList{QStringLiteral("session 1000 1 0"), QStringLiteral("session 1002 1 1")}));
+}
+
+void TstCrash::loginManagerFails_data()
+{
+    QTest::addColumn<bool>("isError");
+    QTest::addColumn<QByteArray>("error");
+    QTest::newRow("error") << true << QByteArray("org.freedesktop.DBus.Error.Failed");
+    QTest::newRow("another answer") << false << QByteArray("\"\"");
+}
+
+void TstCrash::loginManagerFails()
+{
+    QFETCH(bool, isError);
+    QFETCH(QByteArray, error);
+    QVERIFY(m_authd.start(puppetOnly));
+    QCOMPARE(BusUser(0).error(QStringLiteral("SessionStarted"), {bob, false}), QString());
+    m_authd.stop(SIGKILL);
+    const FakeService manager(QStringLiteral("org.freedesktop.login1"), QStringLiteral("/org/freedesktop/login1"),
+                              [isError](const QDBusMessage &call, const QDBusConnection &bus) {
+                                  bus.send(isError ? call.createErrorReply(QDBusError::Failed, QStringLiteral("no"))
+                                                   : call.createReply(QStringLiteral("no sessions")));
+                              });
+    QVERIFY(manager.isRunning());
+    QVERIFY(m_authd.start(puppetOnly));
+    QVERIFY(m_authd.log().contains("level=warning event=no-sessions-from-login-manager error=" + error + '\n'));
+    QCOMPARE(told(), QStringList{QStringLiteral("session 1001 1 0")});
+}
+
+void TstCrash::noRunDirectory_data()
+{
+    QTest::addColumn<uint>("owner");
+    QTest::addColumn<int>("mode"); // 0: a file
+    QTest::newRow("another user's") << alice << 0700;
+    QTest::newRow("for the group") << 0u << 0710;
+    QTest::newRow("for others") << 0u << 0701;
+    QTest::newRow("file") << 0u << 0;
+}
+
+// The daemon serves all the same, and uses nothing from there.
+void TstCrash::noRunDirectory()
+{
+    QFETCH(uint, owner);
+    QFETCH(int, mode);
+    const QString path = QStringLiteral("/run/authd");
+    QVERIFY(QDir(path).removeRecursively());
+    const auto restore = qScopeGuard([&path] { QFile::remove(path) || QDir(path).removeRecursively(); });
+    QVERIFY(mode == 0 ? TestDevice::writeFile(path, {}) : QDir().mkdir(path));
+    QCOMPARE(chmod(QFile::encodeName(path).constData(), mode_t(mode)), 0);
+    QVERIFY(TestDevice::setOwner(path, owner, owner));
+    QVERIFY(m_authd.start(puppetOnly));
+    QVERIFY(m_authd.log().contains("level=warning event=no-run-directory directory=/run/authd "
+                                   "error=\"Operation not permitted\"\n"));
+    QVERIFY(!QFile::exists(childRecord));
+}
+
+void TstCrash::noLockFile()
+{
+    const QString lock = QStringLiteral("/run/authd/lock");
+    QVERIFY(m_authd.start(puppetOnly));
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QVERIFY(QFile::remove(lock));
+    QVERIFY(QFile::link(QStringLiteral("/tmp/elsewhere"), lock));
+    const auto restore = qScopeGuard([&lock] { QFile::remove(lock); });
+    QVERIFY(m_authd.start(puppetOnly));
+    QVERIFY(m_authd.log().contains("level=warning event=no-lock-file error=\"Too many levels of symbolic links\"\n"));
+    QVERIFY(!QFile::exists(QStringLiteral("/tmp/elsewhere")));
+}
+
+void TstCrash::sessionsCannotBeRecorded()
+{
+    QVERIFY(m_authd.start(puppetOnly));
+    const QString record = QStringLiteral("/run/authd/sessions");
+    QFile::remove(record);
+    QVERIFY(QDir().mkpath(record + QStringLiteral("/full")));
+    const auto restore = qScopeGuard([&record] { QDir(record).removeRecursively(); });
+    QCOMPARE(BusUser(0).error(QStringLiteral("SessionStarted"), {bob, false}), QString());
+    QVERIFY(m_authd.waitForLog("level=error event=not-recorded file=/run/authd/sessions error="));
 }
 
 void TstCrash::anyMoment()

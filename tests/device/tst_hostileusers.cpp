@@ -358,6 +358,10 @@ void TstHostileUsers::accountRulesChange_data()
     QTest::newRow("shells") << QStringLiteral("/etc/shells") << QByteArray("/usr/sbin/nologin\n") << dave << bob;
     QTest::newRow("range") << QStringLiteral("/etc/login.defs") << QByteArray("UID_MIN 1001\nUID_MAX 1001\n") << bob
                            << alice;
+    QTest::newRow("end of the range") << QStringLiteral("/etc/login.defs")
+                                      << QByteArray("UID_MIN\nUID_MIN many\nUID_MAX 1000\nUID_MAX many\n") << alice
+                                      << bob;
+    QTest::newRow("hexadecimal") << QStringLiteral("/etc/login.defs") << QByteArray("UID_MIN 0x3e9\n") << bob << alice;
 }
 
 void TstHostileUsers::accountRulesChange()

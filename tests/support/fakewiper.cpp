@@ -89,7 +89,8 @@ private:
                                {QStringLiteral("interface"), message.interface()},
                                {QStringLiteral("member"), message.member()},
                                {QStringLiteral("signature"), message.signature()},
-                               {QStringLiteral("arguments"), QJsonArray::fromVariantList(message.arguments())}};
+                               {QStringLiteral("arguments"), QJsonArray::fromVariantList(message.arguments())},
+                               {QStringLiteral("interactive"), message.isInteractiveAuthorizationAllowed()}};
         QFile journal(stateDirectory + QStringLiteral("calls"));
         if (!journal.open(QIODevice::WriteOnly | QIODevice::Append)
             || journal.write(QJsonDocument(call).toJson(QJsonDocument::Compact) + '\n') == -1)

@@ -77,5 +77,6 @@ QJsonObject Wiper::callFor(const QString &userName)
             {QStringLiteral("interface"), QStringLiteral("qarv.userdata.wiper")},
             {QStringLiteral("member"), QStringLiteral("ProcessTargetUser")},
             {QStringLiteral("signature"), QStringLiteral("s")},
-            {QStringLiteral("arguments"), QJsonArray{userName}}};
+            {QStringLiteral("arguments"), QJsonArray{userName}},
+            {QStringLiteral("interactive"), false}};
 }

@@ -29,7 +29,7 @@ public:
     void setScript(const QJsonObject &script);
     /// Releases the late replies to calls with `userName`.
     void answer(const QString &userName);
-    /// The calls so far, in order: "path", "interface", "member", "signature", "arguments".
+    /// The calls so far, in order: "path", "interface", "member", "signature", "arguments", "interactive".
     QVector<QJsonObject> calls() const;
     /// The expected call for `userName`.
     static QJsonObject callFor(const QString &userName);

@@ -213,6 +213,7 @@ private Q_SLOTS:
     void modeIsNotTheFormerUsers();
     void alreadyPutAside();
     void filesOfTheSameName();
+    void hiddenFiles();
     void directoryCannotBePutAside();
     void ownDirectoryCannotBeMoved();
     void noRoomForADirectory();
@@ -1208,6 +1209,20 @@ void TstLaunch::filesOfTheSameName()
     QCOMPARE(readFile(sharedDirectory + bobs), QByteArray("first"));
     QCOMPARE(readFile(aside + bobs), QByteArray("second"));
     QCOMPARE(log.warnings(), QStringList{QStringLiteral("Put aside \"%1\" as \"%2\"").arg(sharedDirectory, aside)});
+}
+
+void TstLaunch::hiddenFiles()
+{
+    const QStringList names = {QStringLiteral("..n"), QStringLiteral(".n")};
+    for (const QString &name : names)
+        QVERIFY(writeFile(sharedDirectory + QLatin1Char('/') + name, {}));
+    QVERIFY(setOwner(sharedDirectory, alice, alice));
+    MethodFixture f;
+    f.d->child.uid = bob;
+    f.d->child.gid = authFactor();
+    QVERIFY(f.d->prepareEnvironment());
+    QCOMPARE(entries(sharedDirectory), names);
+    QVERIFY(!QFile::exists(sharedDirectory + QStringLiteral(".1000")));
 }
 
 void TstLaunch::directoryCannotBePutAside()

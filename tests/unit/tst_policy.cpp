@@ -663,6 +663,14 @@ private Q_SLOTS:
             // The policy is followed for her but not for him.
             method.handleUserSessionTriggered(TestDevice::bob, true, false);
             QCOMPARE(d->watcher.files(), QStringList());
+            // Nor is it followed any longer when there is a link of another user in its place.
+            method.handleUserSessionTriggered(TestDevice::alice, true, false);
+            QCOMPARE(d->watcher.files(), QStringList{TestDevice::currentPolicy});
+            QVERIFY(QFile::remove(TestDevice::currentPolicy));
+            QVERIFY(TestDevice::leaveLink(TestDevice::currentPolicy, TestDevice::bob));
+            method.handleUserSessionTriggered(TestDevice::alice, true, false);
+            QCOMPARE(d->watcher.files(), QStringList());
+            QVERIFY(QFile::remove(TestDevice::currentPolicy));
             d->child.clientRunning = true;
             d->child.uid = TestDevice::alice;
             QVERIFY(alices("2"));
@@ -789,6 +797,51 @@ private Q_SLOTS:
         QVERIFY(writePolicy(TestDevice::packagedPolicy, "8"));
         fixture.d->syncPolicy(TestDevice::packagedPolicy, true);
         QVERIFY(!QFile::exists(systemLimit));
+    }
+
+    // Only a launch for another user ends a user's limit, so the file names the user whenever a limit is taken.
+    void userOfTheLimit_data()
+    {
+        QTest::addColumn<QString>("by");
+        QTest::addColumn<uint>("client"); // its user; bob's session has started
+        for (const char *by : {"session", "directory", "file", "removal", "sync", "destruction", "launch"}) {
+            QTest::addRow("%s, alice's client", by) << text(by) << TestDevice::alice;
+            QTest::addRow("%s, no client", by) << text(by) << 0u;
+        }
+    }
+    void userOfTheLimit()
+    {
+        QFETCH(QString, by);
+        QFETCH(uint, client);
+        const uint user = client ? client : TestDevice::bob;
+        const bool isRemoved = by == QLatin1String("removal");
+        const QByteArray saved = QByteArray("[General]\nmax-attempts=3\n") + (isRemoved ? "no-limit-taken=true\n" : "")
+                                 + "user=" + QByteArray::number(user) + '\n';
+        {
+            Fixture fixture;
+            QVERIFY(fixture.method.setOption(0, maxAttempts, 3));
+            fixture.d->child.clientRunning = client != 0;
+            fixture.d->child.uid = client;
+            fixture.d->currentUid = by == QLatin1String("launch") ? user : TestDevice::carol;
+            fixture.method.handleUserSessionTriggered(TestDevice::bob, true, false);
+            if (!isRemoved) {
+                QVERIFY(writePolicy(TestDevice::currentPolicy, "5"));
+                QVERIFY(TestDevice::setOwner(TestDevice::currentPolicy, user, user));
+            }
+            if (by == QLatin1String("session"))
+                fixture.method.handleUserSessionTriggered(TestDevice::bob, true, false);
+            else if (by == QLatin1String("directory"))
+                fixture.d->handleChildSharedDirectory(TestDevice::sharedDirectory);
+            else if (by == QLatin1String("file") || isRemoved)
+                fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
+            else if (by == QLatin1String("sync"))
+                fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+            fixture.d->child.clientRunning = false;
+            if (by == QLatin1String("launch"))
+                QVERIFY(fixture.d->launchChild());
+            QCOMPARE(TestDevice::readFile(systemLimit), by == QLatin1String("destruction") ? QByteArray() : saved);
+        }
+        QCOMPARE(TestDevice::readFile(systemLimit), saved);
     }
 
     void systemLimitIsSavedAnew()
