@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#undef _FORTIFY_SOURCE // With it, <poll.h> defines these functions.
 #include <atomic>
 #include <csignal>
 #include <ctime>
