@@ -222,7 +222,7 @@ void TstHostileClient::attack()
 
     QVERIFY(startAlice(fixture, {{QStringLiteral("hostile"), attack}}, success));
     if (ends)
-        QTRY_COMPARE(fixture.told(), QVector<Call>{outcome});
+        QTRY_COMPARE_WITH_TIMEOUT(fixture.told(), QVector<Call>{outcome}, 30000);
     else
         QVERIFY(!QTest::qWaitFor([&] { return !fixture.told().isEmpty(); }, 1500));
     QCOMPARE(fixture.told().size(), ends ? 1 : 0);

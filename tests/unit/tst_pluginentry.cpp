@@ -59,7 +59,7 @@ private Q_SLOTS:
             // Ignore symbols that the compiler adds and, without optimisation, inline functions and types from other
             // headers.
             static const QRegularExpression instrumentation(
-                QStringLiteral("^(__asan|__odr_asan|__ubsan|__gcov|__llvm)"));
+                QStringLiteral("^(__asan|__odr_asan|__ubsan|__gcov|__llvm|mangle_path$)"));
             static const QStringList weak{QStringLiteral(" W "), QStringLiteral(" V ")};
             if (line.isEmpty() || symbol.contains(instrumentation) || (!ours && weak.contains(line.mid(end, 3))))
                 continue;
