@@ -29,7 +29,7 @@ QString shortened(const QString &text)
     if (bytes.size() <= maximumErrorText)
         return text;
     int size = maximumErrorText;
-    while (size > 0 && (bytes.at(size) & 0xC0) == 0x80) // inside a character
+    while ((bytes.at(size) & 0xC0) == 0x80) // inside a character
         --size;
     return QString::fromUtf8(bytes.constData(), size);
 }

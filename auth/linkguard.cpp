@@ -230,7 +230,7 @@ void LinkGuard::write(Flow &flow, Descriptor &to)
 {
     if (!flow.waiting.isEmpty()) {
         const ssize_t size = send(to.get(), flow.waiting.constData(), size_t(flow.waiting.size()), MSG_NOSIGNAL);
-        if (size == -1 && errno != EAGAIN && errno != EINTR) {
+        if (size == -1 && errno != EAGAIN) {
             end();
             return;
         }
