@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include "files/replacement.h"
 #include "files/userfiles.h"
 #include "files/usersettings.h"
 #include "filestatus.h"
@@ -13,6 +14,7 @@
 #include <QSet>
 #include <QTest>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <functional>
@@ -141,18 +143,22 @@ int traced(const std::function<int()> &work, const std::function<void(const Syst
     if (child == 0) {
         if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) == -1 || raise(SIGSTOP) != 0)
             _exit(255);
-        _exit(work());
+        const int result = work();
+        raise(SIGSTOP); // The rest is not traced.
+        _exit(result);
     }
     int status = 0;
     if (waitpid(child, &status, 0) != child || !WIFSTOPPED(status)
         || ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL) == -1)
         return -1;
     while (ptrace(PTRACE_SYSCALL, child, nullptr, nullptr) == 0 && waitpid(child, &status, 0) == child
-           && WIFSTOPPED(status)) {
+           && WIFSTOPPED(status) && WSTOPSIG(status) != SIGSTOP) {
         SystemCall call = {};
         if (ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof call, &call) > 0 && call.op == PTRACE_SYSCALL_INFO_ENTRY)
             begins(call);
     }
+    if (ptrace(PTRACE_DETACH, child, nullptr, nullptr) == 0)
+        waitpid(child, &status, 0);
     return WIFEXITED(status) && WEXITSTATUS(status) != 255 ? WEXITSTATUS(status) : -1;
 }
 
@@ -210,6 +216,7 @@ private Q_SLOTS:
     void plantedAsPolicy_data();
     void plantedAsPolicy();
     void filledWhileItIsCreated();
+    void cannotBeCreated();
     void createdButNotGiven();
     void changedWhileItIsPinned_data();
     void changedWhileItIsPinned();
@@ -234,6 +241,8 @@ private Q_SLOTS:
     void writeReplaces();
     void writeFails_data();
     void writeFails();
+    void cannotBeReplaced();
+    void removedBeforeItReplaces();
     void writeIsInterrupted();
     void neverTorn();
     void swappedAfterPinning();
@@ -244,6 +253,10 @@ private Q_SLOTS:
     void identityCannotBeTaken();
     void halfAnIdentity_data();
     void halfAnIdentity();
+
+    void removedWhileHandedOver();
+    void handOverWithoutDescriptor();
+    void handOverNeedsRoot();
 
     void settingsRefused_data();
     void settingsRefused();
@@ -489,6 +502,18 @@ void TstUserFiles::filledWhileItIsCreated()
         QCOMPARE(content, QByteArray());
         ++made;
     }
+}
+
+void TstUserFiles::cannotBeCreated()
+{
+    const QByteArray directory = encoded(sharedDirectory);
+    QCOMPARE(mount("none", directory.constData(), "tmpfs", MS_RDONLY, nullptr), 0);
+    const auto unmount = qScopeGuard([&directory] { umount2(directory.constData(), MNT_DETACH); });
+    const PinnedFile pinned(file, alice, clientGroup);
+    errno = 0;
+    QVERIFY(!pinned.isUsable());
+    QCOMPARE(errno, EROFS);
+    QVERIFY(!pinned.exists());
 }
 
 void TstUserFiles::createdButNotGiven()
@@ -943,6 +968,43 @@ void TstUserFiles::writeFails()
     QCOMPARE(QDir(small).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), names);
 }
 
+void TstUserFiles::cannotBeReplaced()
+{
+    errno = 0;
+    QVERIFY(!replaceFile(-1, "new"));
+    QCOMPARE(errno, EBADF);
+
+    // Without /proc, the file has no path.
+    QVERIFY(writeFile(file, "old"));
+    const Descriptor pinned(open(encoded(file).constData(), O_PATH | O_CLOEXEC));
+    QVERIFY(pinned.isValid());
+    QCOMPARE(mount("none", "/proc", "tmpfs", 0, nullptr), 0);
+    errno = 0;
+    const bool replaced = replaceFile(pinned.get(), "new");
+    const int error = errno;
+    QCOMPARE(umount2("/proc", MNT_DETACH), 0);
+    QVERIFY(!replaced);
+    QCOMPARE(error, ENOENT);
+    QCOMPARE(readFile(file), QByteArray("old"));
+}
+
+void TstUserFiles::removedBeforeItReplaces()
+{
+    QVERIFY(writeFile(file, "old"));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    QStringList removed;
+    const int result = traced(
+        [] { return PinnedFile(file).write("new") ? 0 : errno; },
+        [&removed](const SystemCall &call) {
+            QDir directory(sharedDirectory, QStringLiteral(".file.conf.*"), QDir::Name, QDir::Files | QDir::Hidden);
+            if (call.entry.nr == SYS_renameat && directory.count() == 1 && directory.remove(directory[0]))
+                removed << directory[0];
+        });
+    QCOMPARE(removed.size(), 1);
+    QCOMPARE(result, ENOENT);
+    QCOMPARE(readFile(file), QByteArray("old"));
+}
+
 void TstUserFiles::writeIsInterrupted()
 {
     // A writer is repeatedly killed at random points. The file always has the old or the new content.
@@ -1186,6 +1248,64 @@ void TstUserFiles::halfAnIdentity()
     QVERIFY(!pinned.write("new"));
     QCOMPARE(errno, EPERM);
     QCOMPARE(readFile(file), QByteArray("old"));
+}
+
+void TstUserFiles::removedWhileHandedOver()
+{
+    const QString aside = sharedDirectory + QStringLiteral(".1000");
+    QVERIFY(writeFile(file, {}));
+    bool listed = false;
+    bool removed = false;
+    const int result = traced([] { return handOver(sharedDirectory, bob, clientGroup) == HandOver::Replaced ? 0 : 1; },
+                              [&](const SystemCall &call) {
+                                  if (listed && !removed)
+                                      removed = QFile::remove(aside + QStringLiteral("/file.conf"));
+                                  listed = call.entry.nr == SYS_getdents64;
+                              });
+    QVERIFY(removed);
+    QCOMPARE(result, 0);
+    QCOMPARE(statusOf(sharedDirectory).st_uid, bob);
+    // Root has not seen what has become of the file.
+    QVERIFY(QFileInfo::exists(aside));
+    QVERIFY(QDir(aside).removeRecursively());
+}
+
+void TstUserFiles::handOverWithoutDescriptor()
+{
+    QVERIFY(writeFile(file, {}));
+    // Leave two descriptors: for the former directory and for the present one.
+    std::array<int, 3> next = {};
+    for (int &descriptor : next)
+        descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    for (const int descriptor : next)
+        QCOMPARE(close(descriptor), 0);
+    rlimit former = {};
+    QCOMPARE(getrlimit(RLIMIT_NOFILE, &former), 0);
+    const rlimit limit = {rlim_t(next.back()), former.rlim_max};
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    const LogCapture log;
+    const HandOver result = handOver(sharedDirectory, bob, clientGroup);
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &former), 0);
+
+    QCOMPARE(result, HandOver::Replaced);
+    QCOMPARE(statusOf(sharedDirectory).st_uid, bob);
+    // The files that could not be listed are put aside.
+    const QString aside = sharedDirectory + QStringLiteral(".1000");
+    QVERIFY(QFileInfo::exists(aside + QStringLiteral("/file.conf")));
+    QCOMPARE(log.warnings(), QStringList{QStringLiteral("Put aside \"%1\" as \"%2\"").arg(sharedDirectory, aside)});
+    QVERIFY(QDir(aside).removeRecursively());
+}
+
+void TstUserFiles::handOverNeedsRoot()
+{
+    QVERIFY(writeFile(file, {}));
+    const Without capabilityNeeded(CAP_CHOWN);
+    QVERIFY(capabilityNeeded.taken());
+    QCOMPARE(handOver(sharedDirectory, bob, clientGroup), HandOver::Failed);
+    // Nothing moves while the directory is still alice's.
+    const QString aside = sharedDirectory + QStringLiteral(".1000");
+    QVERIFY(QFileInfo::exists(aside + QStringLiteral("/file.conf")));
+    QVERIFY(QDir(aside).removeRecursively());
 }
 
 void TstUserFiles::settingsRefused_data()
