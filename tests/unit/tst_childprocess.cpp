@@ -10,6 +10,7 @@
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QScopeGuard>
+#include <QTemporaryFile>
 #include <QTest>
 
 #include <algorithm>
@@ -78,6 +79,17 @@ protected:
         getresgid(&ids[3], &ids[4], &ids[5]);
         (void)!::write(STDOUT_FILENO, ids, sizeof ids);
     }
+};
+
+/// Gives up root in this process, without a fork.
+class Unforked : public ChildProcess
+{
+public:
+    Unforked()
+        : ChildProcess(nullptr)
+    {
+    }
+    using ChildProcess::setupChildProcess;
 };
 
 /// The values of a status line in which the real, effective, saved and file-system ids are equal.
@@ -596,6 +608,61 @@ private Q_SLOTS:
             child.uid = uid;
             QCOMPARE(identityOfClient(child).value(QStringLiteral("Uid")), four(uid));
         }
+    }
+
+    void identityInThisProcess_data()
+    {
+        QTest::addColumn<uint>("user");
+        QTest::addColumn<uint>("next");
+        QTest::addColumn<bool>("enabled");
+        QTest::addColumn<QByteArray>("messages");
+
+        const QByteArray failures = "authd.method.kavet: Cannot get GID.\n"
+                                    "authd.method.kavet: setgroups() failed.\n"
+                                    "authd.method.kavet: setresgid() failed.\n"
+                                    "authd.method.kavet: setresuid() failed.\n";
+        QTest::newRow("root") << 0U << 0U << true << QByteArray();
+        QTest::newRow("no privileges") << TestDevice::bob << TestDevice::alice << true << failures;
+        QTest::newRow("warnings off") << TestDevice::bob << TestDevice::alice << false << QByteArray();
+    }
+
+    void identityInThisProcess()
+    {
+        QFETCH(uint, user);
+        QFETCH(uint, next);
+        QFETCH(bool, enabled);
+        QFETCH(QByteArray, messages);
+
+        const gid_t inet = TestDevice::groupId("inet");
+        if (user != 0)
+            QVERIFY(removeGroup("inet"));
+        if (!enabled)
+            QLoggingCategory::setFilterRules(QStringLiteral("authd.method.kavet.warning=false"));
+        Unforked child;
+        child.uid = child.gid = next;
+        QTemporaryFile output;
+        QVERIFY(output.open());
+        QCOMPARE(setgroups(0, nullptr), 0);
+        const int standardError = dup(STDERR_FILENO);
+        dup2(output.handle(), STDERR_FILENO);
+        const bool assumed = seteuid(user) == 0;
+        child.setupChildProcess();
+        const bool restored = seteuid(0) == 0;
+        dup2(standardError, STDERR_FILENO);
+        close(standardError);
+        QLoggingCategory::setFilterRules(QString());
+        gid_t groups[2] = {};
+        const int count = getgroups(2, groups);
+        QCOMPARE(setgroups(0, nullptr), 0);
+
+        QVERIFY(assumed && restored);
+        QCOMPARE(TestDevice::readFile(output.fileName()), messages);
+        QCOMPARE(count, user == 0 ? 1 : 0);
+        QCOMPARE(groups[0], user == 0 ? inet : 0);
+        uid_t ids[3] = {};
+        QCOMPARE(getresuid(&ids[0], &ids[1], &ids[2]), 0);
+        QCOMPARE(ids[0], 0U);
+        QCOMPARE(getegid(), 0U);
     }
 
     // --- The client's end

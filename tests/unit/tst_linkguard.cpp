@@ -19,6 +19,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -275,6 +276,7 @@ private Q_SLOTS:
     void noLibrary();
     void givenUpByLibrary();
     void runtimeDirectoryUnwritable();
+    void noDescriptorLeft();
     void leavesNothingBehind();
     void passesNoDescriptorOn();
     void keepsNoSecret_data();
@@ -830,6 +832,24 @@ void TstLinkGuard::runtimeDirectoryUnwritable()
     QVERIFY(made);
     // A guard that could not listen at first tries again.
     QVERIFY(!connected);
+    QVERIFY(late.connectToClient(path, 0));
+}
+
+void TstLinkGuard::noDescriptorLeft()
+{
+    const QDir run(QStringLiteral("/run"));
+    const QStringList before = run.entryList();
+    Link link;
+    QVERIFY(link.make());
+    rlimit former = {};
+    QCOMPARE(getrlimit(RLIMIT_NOFILE, &former), 0);
+    const rlimit none = {0, former.rlim_max};
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &none), 0);
+    LinkGuard late;
+    const bool connected = late.connectToClient(path, 0);
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &former), 0);
+    QVERIFY(!connected);
+    QCOMPARE(run.entryList(), before);
     QVERIFY(late.connectToClient(path, 0));
 }
 

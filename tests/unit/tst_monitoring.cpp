@@ -170,6 +170,7 @@ private Q_SLOTS:
     void crashes();
     void cannotBeStarted_data();
     void cannotBeStarted();
+    void startedAfterAFailedStart();
     void unknownState_data();
     void unknownState();
     void notRunningWithoutClient();
@@ -502,6 +503,25 @@ void TstMonitoring::cannotBeStarted()
     d->makeAuth();
     QTRY_VERIFY(d->child.clientRunning);
     QCOMPARE(d->launchBudget, 9U);
+}
+
+// The report of a failed start comes late, so the client may be running again and have been told to end.
+void TstMonitoring::startedAfterAFailedStart()
+{
+    MethodFixture fixture;
+    auto *d = fixture.d;
+    const auto start = [d](const QString &program) {
+        d->child.start(program, QStringList());
+        return d->child.waitForStarted();
+    };
+    QVERIFY(!start(QStringLiteral("/nowhere")));
+    QVERIFY(start(QStringLiteral("/bin/cat")));
+    d->child.clientUid = 0;
+    d->currentUid = TestDevice::alice;
+    const quint64 link = d->guard.link();
+    QCoreApplication::sendPostedEvents(d, QEvent::MetaCall);
+    // Killing the client would close the link.
+    QCOMPARE(d->guard.link(), link);
 }
 
 void TstMonitoring::unknownState_data()

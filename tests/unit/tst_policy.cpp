@@ -419,6 +419,22 @@ private Q_SLOTS:
         QCOMPARE(fixture.max(), QVariant(text("5")));
     }
 
+    // The first thing that the method stores would be a value that the store refuses.
+    void refusedByTheStore()
+    {
+        QVERIFY(TestDevice::writeFile(TestDevice::currentPolicy, "max-attempts=" + QByteArray(60000, '7')));
+        Fixture fixture;
+        fixture.d->syncPolicy(TestDevice::currentPolicy, true);
+        QVERIFY(fixture.daemon.calls.isEmpty());
+        QVERIFY(!QFile::exists(marker));
+        // Root's limit is not taken for that policy's.
+        QVERIFY(fixture.method.setOptionInternal(0, maxAttempts, 3));
+        fixture.d->currentUid = TestDevice::alice;
+        QVERIFY(QFile::remove(TestDevice::currentPolicy));
+        QVERIFY(fixture.d->launchChild());
+        QCOMPARE(fixture.max(), QVariant(3));
+    }
+
     void anyPath()
     {
         Fixture fixture;

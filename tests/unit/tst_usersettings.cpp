@@ -622,6 +622,15 @@ void TstUserSettings::longLists()
     QCOMPARE(UserSettings(file).value(attempts, missing), missing);
     QVERIFY(writeFile(file, list(sizeLimit / 2 - 10)));
     QCOMPARE(UserSettings(file).value(attempts, missing), missing);
+
+    // Such a list can be written, but not read.
+    QVERIFY(writeFile(file, "attempts=1\n"));
+    QStringList texts;
+    for (int i = 0; i < 1001; ++i)
+        texts << QStringLiteral("a");
+    UserSettings(file).setValue(attempts, texts);
+    QCOMPARE(readFile(file), QByteArray(list(1001)).replace(",", ", "));
+    QCOMPARE(UserSettings(file).value(attempts, missing), missing);
 }
 
 void TstUserSettings::leadingBlanks()
