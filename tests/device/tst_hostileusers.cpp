@@ -163,6 +163,7 @@ private Q_SLOTS:
     void accountsWithoutLogin();
     void accountRulesChange_data();
     void accountRulesChange();
+    void defaultRange();
     void everyAccount();
     void tooManyCalls();
     void tooManyWaitingCalls();
@@ -380,6 +381,25 @@ void TstHostileUsers::accountRulesChange()
     QCOMPARE(ofUser, QString());
     QCOMPARE(ofOther, serviceError + QStringLiteral("NoSuchUser"));
     QCOMPARE(m_root->error(QStringLiteral("GetState"), {other}), QString());
+}
+
+void TstHostileUsers::defaultRange()
+{
+    const QString definitions = QStringLiteral("/etc/login.defs");
+    const QString accounts = QStringLiteral("/etc/passwd");
+    const QByteArray formerDefinitions = TestDevice::readFile(definitions);
+    const QByteArray formerAccounts = TestDevice::readFile(accounts);
+    const auto write = [](const QString &path, const QByteArray &content) {
+        return QFile::remove(path) && TestDevice::writeFile(path, content);
+    };
+    QVERIFY(write(definitions, "MAIL_DIR /var/mail\n"));
+    QVERIFY(write(accounts, formerAccounts + "last:x:60000:60000::/:/bin/sh\nbeyond:x:60001:60001::/:/bin/sh\n"));
+    const QString ofLast = m_root->error(QStringLiteral("GetState"), {60000u});
+    const QString ofBeyond = m_root->error(QStringLiteral("GetState"), {60001u});
+    QVERIFY(write(definitions, formerDefinitions));
+    QVERIFY(write(accounts, formerAccounts));
+    QCOMPARE(ofLast, QString());
+    QCOMPARE(ofBeyond, serviceError + QStringLiteral("NoSuchUser"));
 }
 
 void TstHostileUsers::tooManyCalls()

@@ -468,6 +468,8 @@ void TstLinkGuard::messages_data()
     QTest::newRow("long nothing") << message(4097, none) << true;
     QTest::newRow("text-like, values") << message(4097, "av", bytes) << true;
     QTest::newRow("values, text-like") << message(4097, none, QByteArray("\x08\x01g\0\2av\0", 8) + bytes) << true;
+    QTest::newRow("texts before a sender")
+        << message(10000, none, QByteArray("\x08\x01g\0\2as\0", 8) + sender) << false;
     QTest::newRow("values after a text") << message(500000) + message(4097, "av") << true;
     QTest::newRow("as many as may be") << message(100).repeated(16) << false;
     QTest::newRow("one too many") << message(100).repeated(17) << true;

@@ -160,6 +160,7 @@ private Q_SLOTS:
     void output_data();
     void output();
     void outputUnreadWithoutDebug();
+    void outputBeyondTheLimit();
     void noOutput();
 
     void starting();
@@ -288,6 +289,19 @@ void TstMonitoring::outputUnreadWithoutDebug()
     QCOMPARE(fixture.d->child.readAllStandardOutput(), QByteArray("to stdout\n"));
     QCOMPARE(fixture.d->child.readAllStandardError(), QByteArray("to stderr\n"));
     QVERIFY(log.lines().isEmpty());
+}
+
+void TstMonitoring::outputBeyondTheLimit()
+{
+    constexpr int limit = 1024 * 1024;
+    TestDevice::setScript({{QStringLiteral("stdout"), QString(QLatin1Char('a') + QString(limit, QLatin1Char('x')))},
+                           {QStringLiteral("socket"), QStringLiteral("never")}});
+    MethodFixture fixture;
+    fixture.method.authenticate(TestDevice::alice, {});
+    fixture.d->child.setReadChannel(QProcess::StandardOutput);
+    // Only the first byte is one too many.
+    QTRY_COMPARE(fixture.d->child.peek(1), QByteArray("x"));
+    QCOMPARE(fixture.d->child.bytesAvailable(), qint64(limit));
 }
 
 void TstMonitoring::noOutput()

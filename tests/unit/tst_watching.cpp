@@ -480,6 +480,13 @@ void TstWatching::userFileCannotBeGiven()
     for (int i = 0; i < 5; ++i)
         f.d->handleChildSharedDirectory(sharedDirectory);
     QCOMPARE(log.lines().size(), 1);
+    f.d->child.clientRunning = false;
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    log.clear();
+    QVERIFY(setOwner(aliceFile, user, user));
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(log.warnings().size(), 1);
 }
 
 void TstWatching::attemptsAsRead_data()
@@ -540,6 +547,9 @@ void TstWatching::countIsOfTheFilesUser()
     f.d->handleChildFileChanged(aliceFile);
     QCOMPARE(f.method.getOptionInternal(alice, attempts), QVariant(0));
     QCOMPARE(f.method.getOptionInternal(bob, attempts), QVariant(0));
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(log.warnings(),
+             QStringList{QStringLiteral("Failed to change owner for \"%1\" to 1000 960").arg(aliceFile)});
 }
 
 void TstWatching::policyIsTakenUp()
