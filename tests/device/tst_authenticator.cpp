@@ -65,6 +65,7 @@ private Q_SLOTS:
     void outcomeWithoutAttempt();
     void restart();
     void restartOfOthers();
+    void givenUpRequestIsForgotten();
     void locks();
     void lockDuration();
     void longerLockStays();
@@ -225,6 +226,15 @@ void TstAuthenticator::restartOfOthers()
     QCOMPARE(m_reports->texts.size(), 2);
     QVERIFY(m_authd.waitForLog("event=restart method=puppet uid=0\n"));
     QCOMPARE(state(alice), QStringLiteral("pending"));
+}
+
+void TstAuthenticator::givenUpRequestIsForgotten()
+{
+    QCOMPARE(attempt(alice, QString()), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, pending")));
+    QCOMPARE(m_root->error(QStringLiteral("Cancel"), {m_reports->attempts.constLast()}), QString());
+    QCOMPARE(told(),
+             (QStringList{QStringLiteral("reset"), QStringLiteral("authenticate 1000"), QStringLiteral("reset")}));
 }
 
 void TstAuthenticator::locks()
