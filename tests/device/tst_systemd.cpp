@@ -36,7 +36,7 @@ public:
     }
     ~Listener() { close(m_socket); }
 
-    /// The datagrams so far, one per line.
+    /// The datagrams so far, each between line ends.
     QByteArray received()
     {
         char buffer[65536];
@@ -51,7 +51,7 @@ public:
 private:
     Q_DISABLE_COPY(Listener)
     int m_socket = -1;
-    QByteArray m_received;
+    QByteArray m_received = "\n";
 };
 
 const QString notifySocket = QStringLiteral("/run/test-notify");
@@ -85,13 +85,13 @@ void TstSystemd::readiness()
     environment.insert(QStringLiteral("NOTIFY_SOCKET"), notifySocket);
     daemon.setProcessEnvironment(environment);
     daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods});
-    QTRY_VERIFY(manager.received().contains("READY=1\n"));
+    QTRY_VERIFY(manager.received().contains("\nREADY=1\n"));
     // The service answers once it has reported READY.
     QCOMPARE(BusUser(0).error(QStringLiteral("GetMethods")), QString());
     QVERIFY(!manager.received().contains("WATCHDOG"));
     kill(pid_t(daemon.processId()), SIGTERM);
     QVERIFY(daemon.waitForFinished());
-    QVERIFY(manager.received().endsWith("STOPPING=1\n"));
+    QVERIFY(manager.received().endsWith("\nSTOPPING=1\n"));
 }
 
 void TstSystemd::watchdog_data()
@@ -113,11 +113,11 @@ void TstSystemd::watchdog()
         environment.insert(QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS"), bus);
     daemon.setProcessEnvironment(environment);
     daemon.start(Installed::authd, {QStringLiteral("--methods"), Installed::methods, QStringLiteral("--wait-for-bus")});
-    QTRY_VERIFY(manager.received().count("WATCHDOG=1\n") > 3);
+    QTRY_VERIFY(manager.received().count("\nWATCHDOG=1\n") > 3);
     // A hanging daemon sends no watchdog messages.
     kill(pid_t(daemon.processId()), SIGSTOP);
-    const int count = manager.received().count("WATCHDOG=1\n");
-    QVERIFY(!QTest::qWaitFor([&] { return manager.received().count("WATCHDOG=1\n") > count + 1; }, 1000));
+    const int count = manager.received().count("\nWATCHDOG=1\n");
+    QVERIFY(!QTest::qWaitFor([&] { return manager.received().count("\nWATCHDOG=1\n") > count + 1; }, 1000));
     kill(pid_t(daemon.processId()), SIGCONT);
     kill(pid_t(daemon.processId()), SIGTERM);
     QVERIFY(daemon.waitForFinished());
