@@ -91,7 +91,8 @@ enum CertsAnswer {
     TooManyCerts,
     TooLargeCerts,
     HoldCerts,
-    CertsAnswerCount
+    CertsAnswerCount,
+    CertsLost ///< With the link.
 };
 constexpr int mostCerts = 1000; ///< Longer lists are ignored,
 constexpr int largestCerts = 256 * 1024; ///< and so are larger ones.

@@ -12,6 +12,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QSocketNotifier>
 
 #include <cerrno>
@@ -42,13 +43,17 @@ const QString outsideDirectory = QStringLiteral("/srv/kavet-sequences");
 const QString groupFile = QStringLiteral("/etc/group");
 const QString partitionFile = QStringLiteral("/etc/authd/luks.conf");
 const QString awaySuffix = QStringLiteral(".away");
-const QString toldKey = QStringLiteral("told");
-const QString separator = QStringLiteral(", ");
+// The D-Bus library's thread and the method learn of the end of a link in any order.
+const QRegularExpression linkEnded(
+    QStringLiteral("(QDBusError\\(\"[^\"]*\", )?\"(Message recipient disconnected from message bus without replying|"
+                   "Not connected to D-Bus server|No link to the client)\"\\)?"));
+const QRegularExpression uniqueSuffix(QStringLiteral("\\.[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}"));
 
 constexpr int patience = 20000; // Reached only if the condition never holds.
 constexpr int impatience = 1000; // While a failed sequence is shrunk.
 bool hasFailed = false;
 
+System *current = nullptr;
 int launchesDescriptor = -1;
 QByteArray originalGroups;
 
@@ -148,6 +153,15 @@ QString rendered(const QVariant &value)
 QString rendered(const RecordingDaemon::Call &call)
 {
     QString text = call.operation;
+    if (call.operation == QLatin1String("optionChanged")) {
+        const QStringList certs = call.arguments.at(2).toStringList();
+        const bool isComputed = call.arguments.at(3).toBool();
+        return QStringLiteral("%1 %2 %3 %4")
+            .arg(text, call.arguments.at(0).toString(), call.arguments.at(1).toString(),
+                 !isComputed        ? rendered(call.arguments.at(2))
+                 : certs.size() > 2 ? QStringLiteral("[%1]").arg(certs.size())
+                                    : QStringLiteral("[%1]").arg(certs.join(QLatin1Char(','))));
+    }
     for (const QVariant &argument : call.arguments) {
         if (argument.userType() == QMetaType::QVariantMap) {
             const QMap<QString, QVariant> params = argument.toMap();
@@ -161,20 +175,6 @@ QString rendered(const RecordingDaemon::Call &call)
         }
     }
     return text;
-}
-
-/// Puts the failure of a lost call before the restarts that precede it. A client that is killed loses its calls before
-/// it ends, but the D-Bus library reports them from a thread of its own, which a busy machine may delay.
-QString withLostCallsFirst(const QString &text)
-{
-    QStringList notices = text.split(separator);
-    for (int end = 1; end < notices.size(); ++end) {
-        for (int i = end; i > 0 && notices.at(i) == QLatin1String("finish false 2/5")
-                          && notices.at(i - 1).startsWith(QLatin1String("restartAuth"));
-             --i)
-            notices.swapItemsAt(i, i - 1);
-    }
-    return notices.join(separator);
 }
 
 } // namespace
@@ -211,11 +211,12 @@ void System::prepareDevice()
     originalGroups = TestDevice::readFile(groupFile);
 }
 
-System::System(const Setup &setup, Peer &peer, const Logged &logged)
+System::System(const Setup &setup, Peer &peer)
     : m_peer(peer)
-    , m_logged(logged)
+    , m_model(setup)
     , m_manifestIsLink(setup.manifestIsLink)
 {
+    current = this;
     for (const QString &directory : {QStringLiteral("/run/aux-auth/tarsk"), QStringLiteral("/srv/shared"),
                                      QStringLiteral("/var/lib/authd"), outsideDirectory})
         QDir(directory).removeRecursively();
@@ -253,7 +254,9 @@ System::System(const Setup &setup, Peer &peer, const Logged &logged)
 
 System::~System()
 {
+    awaitWipes(world().wiperCalls.size());
     m_method.reset();
+    current = nullptr;
     QDBusConnection::disconnectFromPeer(QStringLiteral("kavet_p2p_service"));
 }
 
@@ -278,37 +281,76 @@ void System::start()
         if (m_launcher != IsMissing)
             ++m_started;
     });
+    // One report of the process at a time, and the watcher comes first.
+    const auto stop = [this] {
+        runWatcher();
+        holdProcess();
+        m_hasReported = true;
+    };
+    QProcess *const child = &m_private->child;
+    QObject::connect(child, &QProcess::started, m_private, stop);
+    QObject::connect(child, QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished), m_private, stop);
+    for (const Qt::ConnectionType type : {Qt::DirectConnection, Qt::QueuedConnection}) {
+        QObject::connect(
+            child, &QProcess::errorOccurred, m_private,
+            [stop](QProcess::ProcessError error) {
+                if (error == QProcess::FailedToStart)
+                    stop();
+            },
+            type);
+    }
     m_launchesSinceReset = 0;
 }
 
-QString System::compareStart(const Model &model)
+QString System::compareStart()
 {
-    return settle(model);
+    return settle();
 }
 
-QString System::perform(const Event &event, const Model &before, const Model &after)
+QString System::perform(const Event &event)
 {
+    const World before = world();
+    m_model.apply(event);
+    if (!m_isHurried)
+        m_journal.clear();
+    m_isHurried = event.hurried;
     m_returned.clear();
     m_rightOwnerSeenBefore = m_rightOwnerSeen;
-    awaitWipes(before.wipes());
+    awaitWipes(before.wiperCalls.size());
     act(event, before);
     lookForSocket();
     m_rightOwnerSeenBefore = m_rightOwnerSeenBefore || m_rightOwnerSeen;
     awaitLaunches();
-    if (!event.hurried)
-        return settle(after);
-    QString difference = differences(after, false);
-    if (!difference.isEmpty())
+    QString difference = event.hurried ? differences(false) : settle();
+    if (difference.isEmpty())
+        m_model.keep(m_agreeing);
+    else
         hasFailed = true;
     return difference;
 }
 
-void System::act(const Event &event, const Model &before)
+void System::log(const QString &line)
+{
+    if (!current)
+        return;
+    current->readCalls();
+    current->m_journal << QString(line)
+                              .replace(uniqueSuffix, QStringLiteral(".UNIQUE"))
+                              .replace(linkEnded, QStringLiteral("LINK ENDED"));
+}
+
+void System::readCalls()
+{
+    for (; m_callsRead < m_daemon.calls.size(); ++m_callsRead)
+        m_journal << rendered(m_daemon.calls.at(m_callsRead));
+}
+
+void System::act(const Event &event, const World &before)
 {
     const uint group = TestDevice::groupId("auth-factor");
     const QString &limit = limits.at(event.variant % limits.size());
     const QString &count = counts.at(event.variant % counts.size());
-    const QString userFile = before.userFile(event.user);
+    const QString userFile = World::userFile(event.user);
     const uint other = event.user == bob ? alice : bob;
     const uint planter = event.flag ? event.user : 0;
     const auto writeFile = [](const QString &path, const QByteArray &content, uint owner, uint ownerGroup) {
@@ -330,23 +372,9 @@ void System::act(const Event &event, const Model &before)
         write(file, {}, 0, 0, 0600);
         remove(file);
     };
-    const int toldBefore = m_daemon.calls.size();
-    const auto toldAtOnce = [this, toldBefore] {
-        QStringList told;
-        for (int i = toldBefore; i < m_daemon.calls.size(); ++i) {
-            const RecordingDaemon::Call &call = m_daemon.calls.at(i);
-            told << (call.operation == QLatin1String("optionChanged")
-                         ? QStringLiteral("optionChanged %1 %2 %3")
-                               .arg(call.arguments.at(0).toUInt())
-                               .arg(call.arguments.at(1).toString(), rendered(call.arguments.at(2)))
-                         : rendered(call));
-        }
-        return told.join(QLatin1Char(';'));
-    };
-
     switch (event.kind) {
     case Kind::Authenticate: {
-        const QString credential = event.answer + QLatin1Char('#') + QString::number(before.credentials() + 1);
+        const QString credential = event.answer + QLatin1Char('#') + QString::number(before.credentials.size() + 1);
         QMap<QString, QVariant> data;
         if (event.variant == Password || event.variant == PasswordAndPin)
             data.insert(QStringLiteral("password"), credential);
@@ -371,25 +399,25 @@ void System::act(const Event &event, const Model &before)
         break;
     case Kind::EndClient: {
         static constexpr int signalNumbers[] = {SIGUSR1, SIGUSR2, SIGABRT, SIGKILL};
-        need(kill(m_pid, before.isStopped() ? SIGKILL : signalNumbers[event.variant % 4]) == 0, "end the client");
+        need(kill(m_pid, before.is(Stopped) ? SIGKILL : signalNumbers[event.variant % 4]) == 0, "end the client");
         break;
     }
     case Kind::StopClient:
-        need(kill(m_pid, before.isStopped() ? SIGCONT : SIGSTOP) == 0, "stop the client");
-        if (!before.isStopped()) {
+        need(kill(m_pid, before.is(Stopped) ? SIGCONT : SIGSTOP) == 0, "stop the client");
+        if (!before.is(Stopped)) {
             // A signal sent before the process has stopped would still be handled.
             siginfo_t status = {};
             need(TEMP_FAILURE_RETRY(waitid(P_PID, id_t(m_pid), &status, WSTOPPED | WNOWAIT)) == 0, "see it stop");
         }
         break;
     case Kind::PutSocket:
-        plantSocket(event.variant, before.socketOwner(event.variant), before.socketPeer(event.variant));
+        plantSocket(event.variant, socketOwner(before, event.variant), socketPeer(before, event.variant));
         break;
     case Kind::RemoveSocket:
         remove(TestDevice::socketPath);
         break;
     case Kind::ChangeSocketOwner:
-        need(TestDevice::setOwner(TestDevice::socketPath, before.socketOwner(event.variant), 0), "give a socket away");
+        need(TestDevice::setOwner(TestDevice::socketPath, socketOwner(before, event.variant), 0), "give a socket away");
         break;
     case Kind::TouchClientDirectory:
         touchDirectory(TestDevice::clientDirectory);
@@ -405,8 +433,8 @@ void System::act(const Event &event, const Model &before)
         break;
     }
     case Kind::Reply: {
-        const QStringList held = before.heldCalls();
-        const QString &credential = held.at(event.variant % held.size());
+        const int number = before.heldCalls.at(event.variant % before.heldCalls.size());
+        const QString credential = QStringLiteral("%1#%2").arg(before.credentials.at(number - 1).first).arg(number);
         m_attempts[credential].answer = lateAnswer(event.answer);
         m_peer.reply(credential, lateAnswer(event.answer));
         break;
@@ -423,9 +451,6 @@ void System::act(const Event &event, const Model &before)
     case Kind::StartSession:
     case Kind::StopSession:
         m_method->handleUserSessionTriggered(event.user, event.kind == Kind::StartSession, event.flag);
-        if (before.hasCurrentRequest() && m_private->child.state() != QProcess::NotRunning
-            && m_private->child.clientUid == 0)
-            awaitOutcome();
         break;
     case Kind::CreateMarker:
         write(marker(event.user), {}, event.user, event.user, 0600);
@@ -481,14 +506,11 @@ void System::act(const Event &event, const Model &before)
     case Kind::UnlockPartition:
         setPartitionLocked(false);
         break;
-    case Kind::IncreaseAttempts: {
-        const int result = m_method->increaseAttempts(event.user);
-        m_returned = QString::number(result) + QLatin1Char(':') + toldAtOnce();
+    case Kind::IncreaseAttempts:
+        m_returned = QString::number(m_method->increaseAttempts(event.user));
         break;
-    }
     case Kind::ResetAttempts:
         m_method->resetAttempts(event.user);
-        m_returned = toldAtOnce();
         break;
     case Kind::GetAttempts:
         m_returned = QString::number(m_method->getAttempts(event.user));
@@ -577,19 +599,6 @@ void System::awaitWipes(int wipes)
         QThread::yieldCurrentThread();
 }
 
-/// Waits for the outcome of a request whose link has been closed. It must come before other events, such as the end of
-/// the client.
-void System::awaitOutcome()
-{
-    const int outcomes = m_daemon.outcomes().size();
-    QElapsedTimer waiting;
-    waiting.start();
-    while (m_daemon.outcomes().size() == outcomes && waiting.elapsed() < impatience) {
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::MetaCall);
-        QThread::yieldCurrentThread();
-    }
-}
-
 /// From here on, earlier requests no longer count.
 void System::startOver(uint user)
 {
@@ -620,68 +629,99 @@ void System::readLaunches()
     }
 }
 
-QString System::settle(const Model &model)
+QString System::settle()
+{
+    QString difference = awaitAgreement(false);
+    while (difference.isEmpty() && m_model.advance()) {
+        releaseProcess();
+        difference = awaitAgreement(false);
+    }
+    return difference.isEmpty() ? awaitAgreement(true) : difference;
+}
+
+QString System::awaitAgreement(bool isOver)
 {
     QElapsedTimer waiting;
     waiting.start();
     for (;;) {
         // Compare once more after they agree, to detect unexpected events.
         QString difference;
-        for (int round = 0; round < 2; ++round) {
+        for (int round = 0; round < 2 && difference.isEmpty(); ++round) {
             runWatcher();
+            holdProcess();
             QCoreApplication::processEvents();
             awaitLaunches();
             runWatcher();
-            difference = differences(model, true);
-            if (!difference.isEmpty())
-                break;
-        }
-        if (difference.isEmpty() && options() != model.options()) {
-            const Observation seen = options();
-            const Observation expected = model.options();
-            for (auto value = expected.cbegin(); value != expected.cend(); ++value) {
-                if (seen.value(value.key()) != value.value())
-                    difference += QStringLiteral("\n  %1: \"%2\", expected \"%3\"")
-                                      .arg(value.key(), seen.value(value.key()), value.value());
-            }
+            holdProcess();
+            difference = differences(isOver && round == 1);
         }
         if (difference.isEmpty())
-            return QString();
-        if (waiting.elapsed() > (hasFailed ? impatience : patience)) {
-            hasFailed = true;
+            m_model.keep(m_agreeing);
+        if (difference.isEmpty() || waiting.elapsed() > (hasFailed ? impatience : patience))
             return difference;
-        }
         m_tick.start(2);
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
         m_tick.stop();
     }
 }
 
-// --- Looking --------------------------------------------------------------------------------------------------------
-
-QString System::differences(const Model &model, bool arrivals)
+/// From here on, the process reports nothing.
+void System::holdProcess()
 {
-    Observation expected = model.observation();
-    Observation seen = observation();
-    seen[toldKey] = withLostCallsFirst(seen.value(toldKey));
-    expected[toldKey] = withLostCallsFirst(expected.value(toldKey));
-    if (!arrivals) {
-        for (const char *later : {"calls", "wiper calls", "connected"}) {
-            expected.remove(QLatin1String(later));
-            seen.remove(QLatin1String(later));
+    const auto notifiers = m_private->child.findChildren<QSocketNotifier *>();
+    for (QSocketNotifier *notifier : notifiers) {
+        if (notifier->isEnabled()) {
+            notifier->setEnabled(false);
+            m_heldNotifiers << notifier;
         }
     }
-    QString text = broken();
-    if (seen == expected)
-        return text;
-    QStringList keys = expected.keys(); // clazy:exclude=container-anti-pattern
-    keys += seen.keys();
-    keys.removeDuplicates();
-    for (const QString &key : qAsConst(keys)) {
-        if (seen.value(key) != expected.value(key))
-            text += QStringLiteral("\n  %1: \"%2\", expected \"%3\"").arg(key, seen.value(key), expected.value(key));
+}
+
+/// Lets the process report one thing.
+void System::releaseProcess()
+{
+    m_hasReported = false;
+    for (QSocketNotifier *notifier : qAsConst(m_heldNotifiers)) {
+        if (notifier)
+            notifier->setEnabled(true);
     }
-    return text;
+    m_heldNotifiers.clear();
+    QElapsedTimer waiting;
+    waiting.start();
+    m_tick.start(2);
+    while (!m_hasReported && waiting.elapsed() < (hasFailed ? impatience : patience))
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    m_tick.stop();
+}
+
+// --- Looking --------------------------------------------------------------------------------------------------------
+
+/// The differences to the nearest of the states that the model allows; empty if some agree.
+QString System::differences(bool isOver)
+{
+    const Observation seen = observation(isOver);
+    QVector<World> agreeing;
+    QStringList nearest;
+    for (const World &world : m_model.worlds()) {
+        const Observation expected = Sequences::observation(world, isOver);
+        QStringList differing;
+        for (auto value = expected.cbegin(); value != expected.cend(); ++value) {
+            static const QStringList later = {QStringLiteral("calls"), QStringLiteral("wiper calls"),
+                                              QStringLiteral("connected")};
+            if (value.value() != seen.value(value.key()) && !(m_isHurried && later.contains(value.key())))
+                differing << QStringLiteral("\n  %1: \"%2\", expected \"%3\"")
+                                 .arg(value.key(), seen.value(value.key()), value.value());
+        }
+        if (differing.isEmpty())
+            agreeing << world;
+        else if (nearest.isEmpty() || differing.size() < nearest.size())
+            nearest = differing;
+    }
+    if (agreeing.isEmpty())
+        return broken() + QStringLiteral("\n  the nearest of %1 results:").arg(m_model.worlds().size())
+               + nearest.join(QString());
+    m_agreeing = agreeing;
+    return broken();
 }
 
 /// The violated invariants.
@@ -690,9 +730,9 @@ QString System::broken()
     QString text;
     if (m_launchesSinceReset > 11)
         text += QStringLiteral("\n  %1 launches since the last reset").arg(m_launchesSinceReset);
-    for (const QString &launch : qAsConst(m_launches)) {
-        if (launch.split(QRegExp(QStringLiteral("[:,]"))).contains(QStringLiteral("0")))
-            text += QStringLiteral("\n  a client was launched as ") + launch;
+    for (const QString &ids : qAsConst(m_launches)) {
+        if (ids.split(QRegExp(QStringLiteral("[:,]"))).contains(QStringLiteral("0")))
+            text += QStringLiteral("\n  a client was launched as ") + ids;
     }
 
     lookForSocket();
@@ -751,23 +791,9 @@ void System::lookForSocket()
         m_rightOwnerSeen = true;
 }
 
-Observation System::observation()
+Observation System::observation(bool withOptions)
 {
-    for (; m_toldRead < m_daemon.calls.size(); ++m_toldRead) {
-        const RecordingDaemon::Call &call = m_daemon.calls.at(m_toldRead);
-        if (call.operation != QLatin1String("optionChanged")) {
-            m_told << rendered(call);
-        } else if (call.arguments.at(3).toBool()) {
-            const QStringList certs = call.arguments.at(2).toStringList();
-            m_certsTold << QStringLiteral("[%1]").arg(certs.size() > 2 ? QString::number(certs.size())
-                                                                       : certs.join(QLatin1Char(',')));
-        } else {
-            QStringList &told = m_optionsTold[{call.arguments.at(0).toUInt(), call.arguments.at(1).toString()}];
-            if (told.isEmpty() || told.last() != rendered(call.arguments.at(2)))
-                told << rendered(call.arguments.at(2));
-        }
-    }
-
+    readCalls();
     const auto flag = [](bool value) {
         return value ? QStringLiteral("yes") : QStringLiteral("no");
     };
@@ -799,21 +825,25 @@ Observation System::observation()
         {QStringLiteral("user of the process"),
          child.state() == QProcess::NotRunning ? QString() : QString::number(child.clientUid)},
         {QStringLiteral("connected"), flag(m_private->guard.isOpen() && m_private->connection.isConnected())},
-        {QStringLiteral("replies dropped"), QString::number(m_logged.repliesDropped)},
-        {QStringLiteral("user's files refused"), QString::number(m_logged.filesRefused)},
         {QStringLiteral("files"), files().join(QLatin1Char(' '))},
         {QStringLiteral("watched"), watched.join(QLatin1Char(' '))},
         {QStringLiteral("launches"), m_launches.join(QLatin1Char(' '))},
-        {toldKey, m_told.join(separator)},
-        {QStringLiteral("certs told"), m_certsTold.join(QLatin1Char(' '))},
+        {QStringLiteral("journal"), m_journal.join(QStringLiteral("\n    "))},
         {QStringLiteral("calls"), calls.join(QLatin1Char(' '))},
         {QStringLiteral("wiper calls"), m_peer.wipes().join(QLatin1Char(' '))},
         {QStringLiteral("returned"), m_returned},
         {QStringLiteral("isAvailable"), flag(m_method->isAvailable(0))},
     };
-    for (auto told = m_optionsTold.cbegin(); told != m_optionsTold.cend(); ++told)
-        seen.insert(QStringLiteral("told %1 %2").arg(told.key().first).arg(told.key().second),
-                    told.value().join(QStringLiteral(", ")));
+    if (!withOptions)
+        return seen;
+    for (const uint user : {0U, alice, bob, carol, unknownUser}) {
+        for (const Option option : {Attempts, Deletion, MaxAttempts}) {
+            const QString key = World::nameOf(option);
+            if (option != MaxAttempts || user == 0)
+                seen.insert(QStringLiteral("option %1 %2").arg(user).arg(key),
+                            rendered(m_method->getOptionInternal(user, key)));
+        }
+    }
     return seen;
 }
 
@@ -854,20 +884,6 @@ QStringList System::files()
             see(QStringLiteral("%1%2/%3.conf").arg(TestDevice::sharedDirectory, suffix, QLatin1String(file)));
     }
     seen.sort();
-    return seen;
-}
-
-Observation System::options()
-{
-    Observation seen;
-    for (const uint user : {0U, 1000U, 1001U, 1002U, unknownUser}) {
-        for (const QString &option :
-             {QStringLiteral("attempts"), QStringLiteral("delayed-deletion"), QStringLiteral("max-attempts")}) {
-            if (option != QLatin1String("max-attempts") || user == 0)
-                seen.insert(QStringLiteral("option %1 %2").arg(user).arg(option),
-                            rendered(m_method->getOptionInternal(user, option)));
-        }
-    }
     return seen;
 }
 
@@ -918,9 +934,9 @@ void System::plantFile(const QString &path, int plant, uint planter, uint other)
     }
 }
 
-void System::plantSocket(int choice, uint owner, uint peer)
+void System::plantSocket(int choice, uint owner, int peer)
 {
-    const QString socket = peer == nobody ? deadSocket : Peer::socketOf(peer);
+    const QString socket = peer == nobody ? deadSocket : Peer::socketOf(uint(peer));
     remove(TestDevice::socketPath);
     if (choice == NotASocket) {
         write(TestDevice::socketPath, {}, owner, 0, 0600);

@@ -9,10 +9,10 @@
 #include "support/recordingdaemon.h"
 
 #include <QPair>
+#include <QPointer>
 #include <QTimer>
 #include <QVector>
 
-#include <atomic>
 #include <memory>
 
 class MethodKavet;
@@ -26,15 +26,8 @@ namespace Sequences {
 class System
 {
 public:
-    /// Facts that only the method's log shows.
-    struct Logged
-    {
-        std::atomic<int> repliesDropped{0};
-        std::atomic<int> filesRefused{0};
-    };
-
     /// Prepares the device and creates the method.
-    System(const Setup &setup, Peer &peer, const Logged &logged);
+    System(const Setup &setup, Peer &peer);
     ~System();
 
     /// Call once before creating the first object.
@@ -42,32 +35,37 @@ public:
     /// The program that acts as the users' clients; valid once the device is prepared.
     static const QString peerProgram;
 
-    /// Performs `event` and compares the result with the model, which `event` takes from `before` to `after`. Returns
-    /// the differences; empty if there are none.
-    QString perform(const Event &event, const Model &before, const Model &after);
-    /// The differences between the new object and the model.
-    QString compareStart(const Model &model);
+    /// The differences between the new object and the model; empty if there are none.
+    QString compareStart();
+    /// Performs `event`. Returns the differences to all results that the model allows; empty if there are none.
+    QString perform(const Event &event);
+    /// The state that the method is in, according to the model.
+    const World &world() const { return m_model.worlds().first(); }
+    /// Takes down a line of the method's log.
+    static void log(const QString &line);
 
 private:
     void start();
-    void act(const Event &event, const Model &before);
+    void act(const Event &event, const World &before);
     void runWatcher();
     void awaitLaunches();
     void readLaunches();
     void awaitWipes(int wipes);
-    void awaitOutcome();
     void startOver(uint user);
-    QString settle(const Model &model);
-    QString differences(const Model &model, bool arrivals);
+    QString settle();
+    QString awaitAgreement(bool isOver);
+    void holdProcess();
+    void releaseProcess();
+    QString differences(bool isOver);
     QString broken();
+    void readCalls();
     void lookForSocket();
     static QStringList files();
-    Observation observation();
-    Observation options();
+    Observation observation(bool withOptions);
 
     void putManifest(int manifest);
     void plantFile(const QString &path, int plant, uint planter, uint other);
-    void plantSocket(int choice, uint owner, uint peer);
+    void plantSocket(int choice, uint owner, int peer);
     void writePackagedPolicy(const QString &value);
     void setLauncher(int launcher);
     void setClientDirectoryAway(bool away);
@@ -84,12 +82,15 @@ private:
     };
 
     Peer &m_peer;
-    const Logged &m_logged;
+    Model m_model;
+    QVector<World> m_agreeing; ///< Of the model's states, at the last comparison.
     RecordingDaemon m_daemon;
     std::unique_ptr<MethodKavet> m_method;
     MethodKavetPrivate *m_private = nullptr;
     QSocketNotifier *m_watcherNotifier = nullptr;
     QTimer m_tick;
+    QVector<QPointer<QSocketNotifier>> m_heldNotifiers; ///< Of the process, which reports nothing meanwhile.
+    bool m_hasReported = false;
 
     bool m_manifestIsLink;
     int m_launcher = -1;
@@ -117,10 +118,9 @@ private:
     QString m_broken; ///< The first violated invariant; empty if there is none.
     QVector<QPair<QString, QString>> m_outside; ///< The targets of planted files and their original attributes.
 
-    int m_toldRead = 0;
-    QStringList m_told;
-    QStringList m_certsTold;
-    QMap<QPair<uint, QString>, QStringList> m_optionsTold;
+    int m_callsRead = 0;
+    QStringList m_journal; ///< Calls to the daemon and log lines since the last event that was not hurried.
+    bool m_isHurried = false;
 };
 
 } // namespace Sequences

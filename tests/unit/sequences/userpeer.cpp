@@ -12,6 +12,7 @@
 #include <QSocketNotifier>
 #include <QVector>
 
+#include <cerrno>
 #include <csignal>
 
 #include <sys/prctl.h>
@@ -80,7 +81,8 @@ public:
             m_held.insert(credential, call);
             QFile launched(QStringLiteral("/tmp/kavet-sequences/pid"));
             const pid_t pid = launched.open(QIODevice::ReadOnly) ? launched.readAll().toInt() : 0;
-            if (pid <= 0 || kill(pid, SIGKILL) != 0)
+            // It may already have ended.
+            if (pid <= 0 || (kill(pid, SIGKILL) != 0 && errno != ESRCH))
                 qFatal("Cannot kill the client");
         } else if (answer == QLatin1String("<drop>")) {
             // Delayed, because a connection must not be closed from within its own functions.
