@@ -175,73 +175,74 @@ rc::Gen<HappeningPointer> anyHappening(const Model &model)
     const bool isFailing = world.is(ClientStarting) && world.get(ProcessMode) == IsMissing;
     const uint another = world.get(User) == int(alice) ? bob : alice;
     const auto seldom = gen::weightedElement<bool>({{startsFail ? 1U : 4U, false}, {1U, true}});
-    return gen::map(
-        gen::tuple(gen::elementOf(kinds), users, common, any, answer, mostly, seldom),
-        [delayedUser, isDelayed, isFailing,
-         another](const std::tuple<Kind, uint, int, int, QString, bool, bool> &parts) {
-            Event event;
-            int variant = 0;
-            std::tie(event.kind, event.user, event.variant, variant, event.answer, event.flag, event.hurried) = parts;
-            switch (event.kind) {
-            case Kind::Authenticate:
-                event.variant %= AuthDataCount;
-                if (event.flag && isDelayed)
-                    event.user = delayedUser;
-                if (event.flag && isFailing)
-                    event.user = another;
-                break;
-            case Kind::PutSocket:
-                event.variant %= SocketChoiceCount;
-                break;
-            case Kind::ChangeSocketOwner:
-                event.variant %= socketOwnerChoices;
-                break;
-            case Kind::ReplyCerts:
-                event.variant = variant % HoldCerts;
-                break;
-            case Kind::SetCertsAnswer:
-                event.variant = event.answer == QLatin1String("<hold>") ? HoldCerts : variant % CertsAnswerCount;
-                break;
-            case Kind::SetLauncher:
-                event.variant = variant % LauncherCount;
-                break;
-            case Kind::SetGroup:
-                event.variant = variant % GroupCount;
-                break;
-            case Kind::SetManifest:
-                event.variant = variant % ManifestCount;
-                break;
-            case Kind::SetWiper:
-                event.variant = event.answer == QLatin1String("<hold>") ? WiperHolds : variant % WiperCount;
-                break;
-            case Kind::PlantPolicy:
-            case Kind::PlantUserFile:
-                event.variant = variant % PlantCount;
-                break;
-            case Kind::GetAttempts:
-                if (!event.flag)
-                    event.user = 0;
-                break;
-            case Kind::CreateMarker:
-            case Kind::TouchHome:
-                if (event.flag)
-                    event.user = delayedUser;
-                break;
-            case Kind::EndClient:
-            case Kind::Reply:
-            case Kind::WritePolicy:
-            case Kind::ReplacePolicy:
-            case Kind::WriteUserFile:
-            case Kind::ReplaceUserFile:
-            case Kind::WritePackagedPolicy:
-            case Kind::SetLimit:
-                event.variant = variant;
-                break;
-            default:
-                break;
-            }
-            return HappeningPointer(std::make_shared<Happening>(event));
-        });
+    return gen::map(gen::tuple(gen::elementOf(kinds), users, common, any, answer, mostly, seldom, seldom),
+                    [delayedUser, isDelayed, isFailing,
+                     another](const std::tuple<Kind, uint, int, int, QString, bool, bool, bool> &parts) {
+                        Event event;
+                        int variant = 0;
+                        std::tie(event.kind, event.user, event.variant, variant, event.answer, event.flag,
+                                 event.hurried, event.delayed) = parts;
+                        switch (event.kind) {
+                        case Kind::Authenticate:
+                            event.variant %= AuthDataCount;
+                            if (event.flag && isDelayed)
+                                event.user = delayedUser;
+                            if (event.flag && isFailing)
+                                event.user = another;
+                            break;
+                        case Kind::PutSocket:
+                            event.variant %= SocketChoiceCount;
+                            break;
+                        case Kind::ChangeSocketOwner:
+                            event.variant %= socketOwnerChoices;
+                            break;
+                        case Kind::ReplyCerts:
+                            event.variant = variant % HoldCerts;
+                            break;
+                        case Kind::SetCertsAnswer:
+                            event.variant =
+                                event.answer == QLatin1String("<hold>") ? HoldCerts : variant % CertsAnswerCount;
+                            break;
+                        case Kind::SetLauncher:
+                            event.variant = variant % LauncherCount;
+                            break;
+                        case Kind::SetGroup:
+                            event.variant = variant % GroupCount;
+                            break;
+                        case Kind::SetManifest:
+                            event.variant = variant % ManifestCount;
+                            break;
+                        case Kind::SetWiper:
+                            event.variant = event.answer == QLatin1String("<hold>") ? WiperHolds : variant % WiperCount;
+                            break;
+                        case Kind::PlantPolicy:
+                        case Kind::PlantUserFile:
+                            event.variant = variant % PlantCount;
+                            break;
+                        case Kind::GetAttempts:
+                            if (!event.flag)
+                                event.user = 0;
+                            break;
+                        case Kind::CreateMarker:
+                        case Kind::TouchHome:
+                            if (event.flag)
+                                event.user = delayedUser;
+                            break;
+                        case Kind::EndClient:
+                        case Kind::Reply:
+                        case Kind::WritePolicy:
+                        case Kind::ReplacePolicy:
+                        case Kind::WriteUserFile:
+                        case Kind::ReplaceUserFile:
+                        case Kind::WritePackagedPolicy:
+                        case Kind::SetLimit:
+                            event.variant = variant;
+                            break;
+                        default:
+                            break;
+                        }
+                        return HappeningPointer(std::make_shared<Happening>(event));
+                    });
 }
 
 rc::Gen<Setup> anySetup()

@@ -157,6 +157,8 @@ struct Event
     bool flag = false;
     /// The next event happens before the event loop runs.
     bool hurried = false;
+    /// The watcher is read only when the process has nothing more to report.
+    bool delayed = false;
 };
 
 /// The observable state of the private object and its environment, by name.

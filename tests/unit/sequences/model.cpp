@@ -34,7 +34,11 @@ void Model::apply(const Event &event)
 void Model::applyAll(const Event &event)
 {
     apply(event);
-    while (!m_isHurried && advance()) { }
+    if (m_isHurried)
+        return;
+    do {
+        while (advance()) { }
+    } while (readWatcher());
 }
 
 bool Model::advance()
@@ -49,6 +53,16 @@ bool Model::advance()
     m_worlds = next;
     settle();
     return !isOver;
+}
+
+bool Model::readWatcher()
+{
+    if (!m_worlds.first().is(WatcherDelayed))
+        return false;
+    for (World &world : m_worlds)
+        world.values[WatcherDelayed] = no;
+    settle();
+    return true;
 }
 
 /// Delivers everything but the process's events, in every order.

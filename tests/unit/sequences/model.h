@@ -18,6 +18,8 @@ public:
     void apply(const Event &event);
     /// Applies what follows from the next report of the process; false if there is none.
     bool advance();
+    /// Applies what follows from reading a delayed watcher; false if it is not delayed.
+    bool readWatcher();
     /// Applies the event and, unless it is hurried, all its consequences.
     void applyAll(const Event &event);
     /// The states, of which one is the real one.

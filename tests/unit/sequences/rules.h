@@ -90,7 +90,6 @@ enum Variable {
     CertsHeld,
     ResumeQueued,
     WatcherDelayed,
-    ProcessDelayed,
     Values,
 
     // Facts

@@ -314,6 +314,7 @@ QString System::perform(const Event &event)
     if (!m_isHurried)
         m_journal.clear();
     m_isHurried = event.hurried;
+    m_isWatcherDelayed = event.delayed;
     m_returned.clear();
     m_rightOwnerSeenBefore = m_rightOwnerSeen;
     awaitWipes(before.wiperCalls.size());
@@ -568,6 +569,8 @@ void System::act(const Event &event, const World &before)
 /// Reads the watcher until it is empty, including changes that its handlers make.
 void System::runWatcher()
 {
+    if (m_isWatcherDelayed)
+        return;
     pollfd watcher = {int(m_watcherNotifier->socket()), POLLIN, 0};
     while (poll(&watcher, 1, 0) > 0) {
         QEvent ready(QEvent::SockAct);
@@ -632,10 +635,13 @@ void System::readLaunches()
 QString System::settle()
 {
     QString difference = awaitAgreement(false);
-    while (difference.isEmpty() && m_model.advance()) {
-        releaseProcess();
-        difference = awaitAgreement(false);
-    }
+    do {
+        while (difference.isEmpty() && m_model.advance()) {
+            releaseProcess();
+            difference = awaitAgreement(false);
+        }
+        m_isWatcherDelayed = false;
+    } while (difference.isEmpty() && m_model.readWatcher() && (difference = awaitAgreement(false)).isEmpty());
     return difference.isEmpty() ? awaitAgreement(true) : difference;
 }
 

@@ -91,6 +91,7 @@ private:
     QTimer m_tick;
     QVector<QPointer<QSocketNotifier>> m_heldNotifiers; ///< Of the process, which reports nothing meanwhile.
     bool m_hasReported = false;
+    bool m_isWatcherDelayed = false;
 
     bool m_manifestIsLink;
     int m_launcher = -1;

@@ -90,6 +90,7 @@ void World::happen(const Event &event)
     returned.clear();
     values[EventUser] = int(event.user);
     values[EventFlag] = event.flag;
+    values[WatcherDelayed] = event.delayed;
     switch (event.kind) {
     case Kind::Authenticate:
         credentials.append({event.answer, event.variant});
@@ -236,7 +237,7 @@ QVector<World> World::next() const
     QVector<World> worlds;
     for (auto change = batch.cbegin(); change != batch.cend(); ++change)
         worlds << after([change](World &world) { world.deliverChange(change.key(), world.batch.take(change.key())); });
-    if (batch.isEmpty() && !changes.isEmpty())
+    if (batch.isEmpty() && !changes.isEmpty() && !is(WatcherDelayed))
         worlds << after([](World &world) { std::swap(world.batch, world.changes); });
     if (!worlds.isEmpty())
         return worlds;
