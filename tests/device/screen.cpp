@@ -115,8 +115,12 @@ bool Shown::click(const QString &name)
     };
     if (!QRect({}, window()->size()).contains(middle()))
         item->forceActiveFocus(Qt::TabFocusReason); // The window scrolls to it.
-    QTest::mouseClick(window(), Qt::LeftButton, {}, middle());
-    return true;
+    window()->grabWindow(); // It lays the items out.
+    // Nothing may move the item between the press and the release, as it may during QTest::mouseClick().
+    const QPointF place = middle();
+    QMouseEvent press(QEvent::MouseButtonPress, place, Qt::LeftButton, Qt::LeftButton, {});
+    QMouseEvent release(QEvent::MouseButtonRelease, place, Qt::LeftButton, {}, {});
+    return QCoreApplication::sendEvent(window(), &press) && QCoreApplication::sendEvent(window(), &release);
 }
 
 void Shown::press(int key, Qt::KeyboardModifiers modifiers)
