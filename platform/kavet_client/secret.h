@@ -21,6 +21,6 @@ private:
     Q_DISABLE_COPY(SecretBytes)
 };
 
-/// Overwrites the stack below the caller, deeper than any library goes, and the registers through which memory is copied.
-/// Signal handlers and the dynamic linker save registers on the stack, and those may hold parts of a secret.
+/// Overwrites the stack below the caller, deeper than any library goes, and the registers through which memory is
+/// copied. Signal handlers and the dynamic linker save registers on the stack, and those may hold parts of a secret.
 void wipeStack();

@@ -149,10 +149,10 @@ private Q_SLOTS:
 
     void cleanup()
     {
-        if (m_authd.isRunning())
-            QCOMPARE(m_authd.stop(SIGTERM), 0);
-        if (QTest::currentTestFailed())
+        const int exitCode = m_authd.isRunning() ? m_authd.stop(SIGTERM) : 0;
+        if (exitCode != 0 || QTest::currentTestFailed())
             qWarning("The daemon wrote:\n%s", m_authd.log().right(20000).constData());
+        QCOMPARE(exitCode, 0);
     }
 
     void stoppedClient();
