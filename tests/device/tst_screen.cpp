@@ -19,7 +19,9 @@
 #include <QTest>
 #include <QTimer>
 
+#include <algorithm>
 #include <csignal>
+
 #include <unistd.h>
 
 namespace {
@@ -71,6 +73,21 @@ private:
 
     Q_DISABLE_COPY(Language)
 };
+
+/// Removes this machine's own users from the device. The greeter would list them, too.
+void removeOtherUsers()
+{
+    constexpr uint maximum = 60000; // That of useradd(8).
+    const QString path = QStringLiteral("/etc/passwd");
+    QByteArrayList lines = TestDevice::readFile(path).split('\n');
+    const auto isOther = [](const QByteArray &line) {
+        const uint uid = line.split(':').value(2).toUInt();
+        return uid > TestDevice::carol && uid <= maximum;
+    };
+    lines.erase(std::remove_if(lines.begin(), lines.end(), isOther), lines.end());
+    if (!TestDevice::isDevice() || !TestDevice::writeFile(path, lines.join('\n')))
+        qFatal("Cannot remove users; run this test in the disposable device: device/enter");
+}
 
 } // namespace
 
@@ -919,6 +936,7 @@ void TstScreen::sizes()
 
 int main(int argc, char *argv[])
 {
+    removeOtherUsers();
     startDisplay();
     const QGuiApplication application(argc, argv);
     QLocale::setDefault(QLocale::English);
