@@ -40,10 +40,11 @@ private:
     std::unique_ptr<Reports> m_reports;
     std::mt19937 m_random;
     QHash<QString, int> m_outcomes; // By certificate; each login has its own.
-    QSet<QString> m_interrupted; // Certificates of the logins that went back to the challenge.
+    QSet<QString> m_disturbed; // Certificates of the logins whose client may have ended meanwhile.
     bool m_isSettled = false; // The client answered the last login and was not disturbed since.
     int m_succeeded = 0;
     int m_failed = 0;
+    int m_backAtChallenge = 0;
 };
 
 namespace {
@@ -153,7 +154,7 @@ void TstSoak::soak()
         }
     }
 
-    // Each request reached a client at most once and had one outcome, unless its client exited before it replied.
+    // Each request reached a client at most once and had one outcome, unless its client ended before it replied.
     QHash<QString, int> forwarded;
     const QVector<QJsonArray> calls = TestDevice::calls();
     for (const QJsonArray &call : calls) {
@@ -162,10 +163,10 @@ void TstSoak::soak()
     }
     for (auto cert = forwarded.cbegin(); cert != forwarded.cend(); ++cert) {
         QVERIFY2(cert.value() == 1, qPrintable(cert.key()));
-        QVERIFY2(m_outcomes.value(cert.key()) == 1 || m_interrupted.contains(cert.key()), qPrintable(cert.key()));
+        QVERIFY2(m_outcomes.value(cert.key()) == 1 || m_disturbed.contains(cert.key()), qPrintable(cert.key()));
     }
     qInfo("%d logins: %d succeeded, %d failed, %d back at the challenge; %d forwarded, %d launches", logins,
-          m_succeeded, m_failed, m_interrupted.size(), forwarded.size(), TestDevice::launches().size());
+          m_succeeded, m_failed, m_backAtChallenge, forwarded.size(), TestDevice::launches().size());
     QVERIFY(m_succeeded > logins / 4);
     QVERIFY(m_failed > 0);
     QVERIFY(forwarded.size() >= m_succeeded);
@@ -194,6 +195,8 @@ void TstSoak::login(int number)
         QTest::qWait(random(40)); // The moment is random on purpose.
         killClient();
     }
+    if (isKilled || isDisturbed)
+        m_disturbed << cert;
 
     // The first of these signals is the outcome; no other may follow.
     QStringList outcomes;
@@ -226,7 +229,7 @@ void TstSoak::login(int number)
         // The client exited before it replied.
         QVERIFY2(isKilled || isDisturbed || !m_isSettled,
                  qPrintable(QStringLiteral("Login %1 has no outcome").arg(number)));
-        m_interrupted << cert;
+        ++m_backAtChallenge;
         m_root->call(QStringLiteral("Cancel"), {attempt});
     } else {
         ++m_outcomes[cert];
