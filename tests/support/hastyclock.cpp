@@ -11,7 +11,7 @@
 // instead.
 namespace {
 
-constexpr time_t longest = 4 * 60; // seconds; what sleeps no longer, sleeps
+constexpr time_t longest = 4 * 60; // seconds; shorter sleeps are left alone
 
 std::atomic<time_t> skipped{0};
 
