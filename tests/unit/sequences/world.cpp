@@ -249,6 +249,9 @@ QVector<World> World::next() const
         });
     if (!wire.isEmpty())
         worlds << after([](World &world) { world.deliver(world.wire.takeFirst()); });
+    // The link's end may overtake what was sent before it.
+    if (std::any_of(wire.begin(), wire.end(), [](const Message &message) { return message.type == Message::Cut; }))
+        worlds << after([](World &world) { world.deliver(Message{Message::Cut}); });
     for (const int credential : lost)
         worlds << after([credential](World &world) {
             world.lost.removeOne(credential);
