@@ -80,6 +80,17 @@ void World::deliver(const Message &message)
     }
 }
 
+void World::deliverEarly(const Message &end, int replies)
+{
+    const QVector<Message> late = wire.mid(0, replies);
+    deliver(end);
+    for (const Message &reply : late) {
+        lost.removeOne(reply.credential);
+        outstanding << reply.credential;
+        wire << reply;
+    }
+}
+
 void World::deliverLoss(int credential)
 {
     values[Arrived] = credential;

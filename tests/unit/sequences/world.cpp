@@ -249,9 +249,7 @@ QVector<World> World::next() const
         });
     if (!wire.isEmpty())
         worlds << after([](World &world) { world.deliver(world.wire.takeFirst()); });
-    // The link's end may overtake what was sent before it.
-    if (std::any_of(wire.begin(), wire.end(), [](const Message &message) { return message.type == Message::Cut; }))
-        worlds << after([](World &world) { world.deliver(Message{Message::Cut}); });
+    worlds += afterEarlyEnd();
     for (const int credential : lost)
         worlds << after([credential](World &world) {
             world.lost.removeOne(credential);
@@ -264,6 +262,23 @@ QVector<World> World::next() const
             world.values[WiperReply] = reply.second;
             world.run(wiperAnswered);
         });
+    return worlds;
+}
+
+// The link may end before the earlier replies have been delivered. Those that have reached the library still are.
+QVector<World> World::afterEarlyEnd() const
+{
+    const auto isReply = [](const Message &message) {
+        return message.type == Message::Reply || message.type == Message::CertReply;
+    };
+    const auto isEnd = [](const Message &message) {
+        return message.type == Message::Cut || message.type == Message::Flood;
+    };
+    const auto end = std::find_if(wire.begin(), wire.end(), isEnd);
+    const int replies = int(std::find_if_not(wire.begin(), end, isReply) - wire.begin());
+    QVector<World> worlds;
+    for (int count = 0; end != wire.end() && count <= replies; ++count)
+        worlds << after([count, end](World &world) { world.deliverEarly(*end, count); });
     return worlds;
 }
 

@@ -134,6 +134,7 @@ public:
 private:
     template <typename Delivery>
     World after(const Delivery &delivery) const;
+    QVector<World> afterEarlyEnd() const;
     void begin();
     void forgetSteps();
 
@@ -145,6 +146,8 @@ private:
     // Deliveries
     void deliverChange(const QString &path, bool isRemoval);
     void deliver(const Message &message);
+    /// Delivers the link's end, and leaves the given number of replies, which were sent before it, for later.
+    void deliverEarly(const Message &end, int replies);
     void deliverLoss(int credential);
     void endProcess(int cause);
 
