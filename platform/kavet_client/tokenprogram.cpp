@@ -12,6 +12,7 @@
 #include <cstdlib>
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <link.h>
 #include <poll.h>
 #include <unistd.h>
@@ -35,7 +36,7 @@ void keepLibraries()
 /// Redirects standard output to standard error, because modules may print. Returns the original standard output.
 int setUp()
 {
-    const int output = dup(STDOUT_FILENO);
+    const int output = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO);
     dup2(STDERR_FILENO, STDOUT_FILENO);
     return output;
 }

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/clientfixture.h"
 #include "device/polltimeout.h"
+#include "device/rawconnection.h"
 #include "device/softtokens.h"
 #include "unit/methodfixture.h"
 
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <csignal>
 
+#include <fcntl.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -80,6 +82,22 @@ int openFiles(const QString &process, const QString &kind)
 int openSockets(const ClientFixture &client)
 {
     return openFiles(QString::number(client.process.processId()), QStringLiteral("socket:"));
+}
+
+/// What a process would leave open to a program that it runs, besides the standard streams.
+QStringList inheritable(const QString &process)
+{
+    QStringList files;
+    const QDir directory(QStringLiteral("/proc/%1/fd").arg(process));
+    const QStringList numbers = directory.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    for (const QString &number : numbers) {
+        const QByteArray info = TestDevice::readFile(QStringLiteral("/proc/%1/fdinfo/%2").arg(process, number));
+        const int flags = info.mid(info.indexOf("flags:") + 6).simplified().split(' ').first().toInt(nullptr, 8);
+        // The directory itself is closed by now.
+        if (!info.isEmpty() && number.toInt() > STDERR_FILENO && !(flags & O_CLOEXEC))
+            files << QFileInfo(directory.filePath(number)).symLinkTarget().section(QLatin1Char('/'), -1);
+    }
+    return files;
 }
 
 /// The client's helpers that serve a call: they hold its request.
@@ -218,6 +236,7 @@ private Q_SLOTS:
     void unwritableRequest_data();
     void unwritableRequest();
     void outOfDescriptors();
+    void closesOnExec();
     void endsSilently();
 
     void noSecrets();
@@ -1473,6 +1492,26 @@ void TstClientToken::outOfDescriptors()
     QCOMPARE(client.validateCert(cert, pin), success);
     // No helper waits for a call that it will never get.
     QTRY_COMPARE(childrenOf(client).size(), 1);
+}
+
+void TstClientToken::closesOnExec()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("wait"));
+    const QString process = QString::number(client.process.processId());
+    const QStringList inherited = inheritable(QStringLiteral("self"));
+    // One request is served, one is queued, and a peer is in the middle of its handshake.
+    client.sendPin(cert, pin);
+    client.sendPin(cert, pin);
+    const RawConnection connection;
+    QVERIFY(connection.send(RawConnection::handshake.left(RawConnection::handshake.indexOf("BEGIN"))));
+    QVERIFY(connection.receives("OK "));
+    QTRY_COMPARE(helpers(client).size(), 1);
+    QTRY_COMPARE(openFiles(process, QStringLiteral("memfd:request")), 2);
+    QCOMPARE(inheritable(process), inherited);
+    QCOMPARE(inheritable(helpers(client).constFirst()), inherited);
 }
 
 void TstClientToken::endsSilently()
