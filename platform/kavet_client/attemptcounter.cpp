@@ -98,8 +98,7 @@ bool replaceOwn(const QByteArray &content)
 bool overwriteOwn(const QByteArray &content)
 {
     QFile file(ownPath());
-    return QFileInfo(ownPath()).isFile()
-           && file.open(QIODevice::ReadWrite | QIODevice::ExistingOnly | QIODevice::Unbuffered)
+    return QFileInfo(ownPath()).isFile() && file.open(QIODevice::ReadWrite | QIODevice::Unbuffered)
            && file.write(content) == content.size() && file.resize(content.size()) && fsync(file.handle()) == 0;
 }
 

@@ -125,7 +125,7 @@ int main(int argc, char *argv[])
     if (parser.isSet(version))
         parser.showVersion();
 
-    if (getuid() == 0 || geteuid() == 0)
+    if (getuid() == 0) // Qt ends a program whose effective user is another.
         return fail(QStringLiteral("Run this as the user to authenticate, never as root"), RunAsRoot);
     if (parser.isSet(setPasswordOption))
         return setPassword();
