@@ -44,7 +44,7 @@ bool MethodKavetPrivate::launchChild()
         return false;
     }
     m_refusedUserFile = false;
-    m_lookupWasSlow = false;
+    m_slowLookups = 0;
     child.uid = currentUid;
     child.gid = clientGroup->gr_gid;
 

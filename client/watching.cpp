@@ -18,6 +18,7 @@
 namespace {
 
 constexpr qint64 maximumLookup = 2000000; ///< Nanoseconds of CPU time that looking up one path may take.
+constexpr int maximumSlowLookups = 3; ///< Per launch. Interrupts can make a few slow.
 
 /// The CPU time that this thread has used, in nanoseconds.
 qint64 timeWorked()
@@ -78,17 +79,16 @@ bool MethodKavetPrivate::handleChildSocket(const QString &path)
 // does. It would also watch a directory in the file's place in addition to the file. Remove the path first.
 //
 // The watcher follows links, and a chain of long links takes tens of milliseconds each time. So only regular files are
-// added. A user can still swap a file for such a chain between the check and addPath(). If that happens, stop watching
-// files until the next launch.
+// added. A user can still swap a file for such a chain between the check and addPath(). If that happens repeatedly,
+// stop watching files until the next launch.
 void MethodKavetPrivate::watchAnew(const QString &path)
 {
     watcher.removePath(path);
-    if (m_lookupWasSlow || !PinnedFile(path).isUsable())
+    if (m_slowLookups == maximumSlowLookups || !PinnedFile(path).isUsable())
         return;
     const qint64 begin = timeWorked();
     watcher.addPath(path);
-    m_lookupWasSlow = timeWorked() - begin > maximumLookup;
-    if (m_lookupWasSlow) {
+    if (timeWorked() - begin > maximumLookup && ++m_slowLookups == maximumSlowLookups) {
         watcher.removePath(path);
         qCWarning(kavet) << "Finding" << path << "takes too long; files are not watched until the next launch";
     }

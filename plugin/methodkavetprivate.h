@@ -149,7 +149,7 @@ private:
     QString settingsPath(const QString &name) const;
 
     bool m_refusedUserFile = false; ///< A foreign settings file has been reported since the last launch.
-    bool m_lookupWasSlow = false; ///< Watching a file has taken too long since the last launch.
+    int m_slowLookups = 0; ///< How often watching a file has taken too long since the last launch.
     QPair<quint64, qint64> m_settingsOfUsersLimit; ///< Version of the method's settings that holds a user's limit.
     uint m_sessionUser = 0; ///< The user whose session started last; 0 for none.
 

@@ -3,6 +3,7 @@
 #include "files/usersettings.h"
 #include "filestatus.h"
 #include "methodfixture.h"
+#include "support/processortime.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -13,7 +14,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <ctime>
 #include <limits>
 #include <random>
 
@@ -309,14 +309,6 @@ bool isInserted(const QByteArray &before, const QByteArray &now)
 {
     const auto different = std::mismatch(before.cbegin(), before.cend(), now.cbegin(), now.cend());
     return now.endsWith(before.mid(int(different.first - before.cbegin())));
-}
-
-/// The CPU time of this thread in nanoseconds.
-qint64 processorTime()
-{
-    timespec time = {};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return qint64(time.tv_sec) * 1000000000 + time.tv_nsec;
 }
 
 } // namespace
