@@ -184,6 +184,7 @@ Observation observation(const World &world, bool withOptions)
         {QStringLiteral("journal"), world.journal.join(QStringLiteral("\n    "))},
         {QStringLiteral("calls"), world.calls.join(QLatin1Char(' '))},
         {QStringLiteral("wiper calls"), world.wiperCalls.join(QLatin1Char(' '))},
+        {QStringLiteral("unfinished calls"), QString::number(world.unfinishedCalls())},
         {QStringLiteral("returned"), world.returned},
         {QStringLiteral("isAvailable"), world.is(ManifestIsLink) ? QStringLiteral("yes") : flag(CommandKnown)},
     };

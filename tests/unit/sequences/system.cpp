@@ -8,6 +8,7 @@
 #include "support/testdevice.h"
 
 #include <QCoreApplication>
+#include <QDBusPendingCallWatcher>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -713,7 +714,7 @@ QString System::differences(bool isOver)
         QStringList differing;
         for (auto value = expected.cbegin(); value != expected.cend(); ++value) {
             static const QStringList later = {QStringLiteral("calls"), QStringLiteral("wiper calls"),
-                                              QStringLiteral("connected")};
+                                              QStringLiteral("unfinished calls"), QStringLiteral("connected")};
             if (value.value() != seen.value(value.key()) && !(m_isHurried && later.contains(value.key())))
                 differing << QStringLiteral("\n  %1: \"%2\", expected \"%3\"")
                                  .arg(value.key(), seen.value(value.key()), value.value());
@@ -837,6 +838,8 @@ Observation System::observation(bool withOptions)
         {QStringLiteral("journal"), m_journal.join(QStringLiteral("\n    "))},
         {QStringLiteral("calls"), calls.join(QLatin1Char(' '))},
         {QStringLiteral("wiper calls"), m_peer.wipes().join(QLatin1Char(' '))},
+        {QStringLiteral("unfinished calls"),
+         QString::number(m_private->findChildren<QDBusPendingCallWatcher *>().size())},
         {QStringLiteral("returned"), m_returned},
         {QStringLiteral("isAvailable"), flag(m_method->isAvailable(0))},
     };

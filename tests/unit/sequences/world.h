@@ -104,6 +104,8 @@ public:
     /// The value as in a log line.
     QString text(Variable variable) const;
     Value option(uint user, Option option) const;
+    /// The calls to the client and to the wiper that have no outcome yet.
+    int unfinishedCalls() const { return outstanding.size() + lost.size() + heldWipes.size() + wiperReplies.size(); }
     /// The files below the directories that change users.
     QStringList files() const;
 
