@@ -258,11 +258,8 @@ void LinkGuard::end()
 {
     for (Flow *flow : {&m_toClient, &m_toLibrary}) {
         for (auto *notifier : {&flow->readable, &flow->writable}) {
-            if (*notifier) {
-                // The descriptors are closed below, and the plugin may be unloaded before the notifiers are deleted.
-                (*notifier)->setEnabled(false);
-                (*notifier)->disconnect();
-            }
+            if (*notifier)
+                (*notifier)->setEnabled(false); // The descriptors are closed below, before it is deleted.
             notifier->reset();
         }
         wipe(flow->waiting);
