@@ -63,7 +63,7 @@ std::optional<PinnedFile> MethodKavetPrivate::currentPolicyOf(uint user) const
 {
     PinnedFile policy(Constants::Paths::currentPolicy);
     if (!policy.countsFor(user))
-        return std::nullopt;
+        return {};
     return policy;
 }
 

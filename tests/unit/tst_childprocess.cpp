@@ -667,16 +667,21 @@ private Q_SLOTS:
 
     // --- The client's end
 
-    void killSpares_data()
+    void tracerOfTheClient_data()
     {
         QTest::addColumn<bool>("traces");
-        QTest::newRow("root's tracer") << true;
-        QTest::newRow("tracer according to the client's name") << false;
+        QTest::addColumn<uint>("user");
+        QTest::addColumn<int>("end");
+        QTest::newRow("root's") << true << 0U << SIGTERM;
+        QTest::newRow("another user's") << true << TestDevice::bob << SIGKILL;
+        QTest::newRow("according to the client's name") << false << TestDevice::bob << SIGTERM;
     }
 
-    void killSpares()
+    void tracerOfTheClient()
     {
         QFETCH(bool, traces);
+        QFETCH(uint, user);
+        QFETCH(int, end);
         ChildProcess child(nullptr);
         child.uid = TestDevice::alice;
         child.gid = TestDevice::groupId("auth-factor");
@@ -684,21 +689,21 @@ private Q_SLOTS:
                     {QStringLiteral("-c"), QStringLiteral("read name; printf %s $name >/proc/$$/comm; echo; read")});
         QVERIFY(child.waitForStarted());
         const pid_t process = pid_t(child.processId());
-        const pid_t spared = TestDevice::idleProcess([traces, process] {
+        const pid_t tracer = TestDevice::idleProcess([traces, process, user] {
             signal(SIGTERM, SIG_DFL); // the test framework handles it
-            return traces ? ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0
-                          : setresuid(TestDevice::bob, TestDevice::bob, TestDevice::bob) == 0;
+            return (!traces || ptrace(PTRACE_SEIZE, process, nullptr, nullptr) == 0)
+                   && setresuid(user, user, user) == 0;
         });
-        QVERIFY(spared > 0);
-        child.write((traces ? QByteArray("name") : "TracerPid:" + QByteArray::number(spared)) + '\n');
+        QVERIFY(tracer > 0);
+        child.write((traces ? QByteArray("name") : "TracerPid:" + QByteArray::number(tracer)) + '\n');
         QVERIFY(child.waitForReadyRead());
 
         child.killForGood();
-        QCOMPARE(::kill(spared, SIGTERM), 0); // SIGKILL would come first
+        QCOMPARE(::kill(tracer, SIGTERM), 0); // SIGKILL would come first
         int status = 0;
-        while (waitpid(spared, &status, 0) == -1 && errno == EINTR) { }
+        while (waitpid(tracer, &status, 0) == -1 && errno == EINTR) { }
         QVERIFY(WIFSIGNALED(status));
-        QCOMPARE(WTERMSIG(status), SIGTERM);
+        QCOMPARE(WTERMSIG(status), end);
         QVERIFY(child.waitForFinished());
     }
 

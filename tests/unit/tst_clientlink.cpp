@@ -3,7 +3,9 @@
 #include "methodfixture.h"
 #include "support/logcapture.h"
 
+#include <QCoreApplication>
 #include <QDBusConnection>
+#include <QDBusPendingCall>
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -19,6 +21,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -114,6 +117,18 @@ private:
     Q_DISABLE_COPY(OpenInnerConnection)
 };
 
+/// The guard's end of its connection to the process that serves the client's socket.
+int endOfOuterConnection(qint64 server)
+{
+    for (int fd = 0; fd < 1024; ++fd) {
+        ucred peer = {};
+        socklen_t size = sizeof peer;
+        if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid == server)
+            return fd;
+    }
+    return -1;
+}
+
 } // namespace
 
 class TstClientLink : public QObject
@@ -147,6 +162,8 @@ private Q_SLOTS:
     void requestBehindOneThatFailed();
     void newLinkWhileInFlight_data();
     void newLinkWhileInFlight();
+    void replyOverAnEarlierLink_data();
+    void replyOverAnEarlierLink();
     void manyRequests_data();
     void manyRequests();
     void destroyedWhileInFlight_data();
@@ -582,6 +599,48 @@ void TstClientLink::newLinkWhileInFlight()
     }
     QTRY_VERIFY(!fixture.isWaiting());
     QVERIFY(!fixture.d->certListInFlight);
+}
+
+void TstClientLink::replyOverAnEarlierLink_data()
+{
+    newLinkWhileInFlight_data();
+}
+
+// The link is given up when the library has received the reply but has not delivered it yet.
+void TstClientLink::replyOverAnEarlierLink()
+{
+    QFETCH(bool, forCerts);
+    const QString late = QStringLiteral("late");
+    MethodFixture fixture;
+    QVERIFY(fixture.link({{QStringLiteral("certsAnswer"), late}}));
+    if (forCerts)
+        fixture.d->getCertList();
+    else
+        fixture.d->checkPassword(late);
+    QTRY_COMPARE(MethodFixture::calledMethods().size(), 1);
+    LogCapture log;
+    QVERIFY(TestDevice::writeFile(answerFile, {}));
+    pollfd reply = {endOfOuterConnection(fixture.d->child.processId()), POLLIN, 0};
+    QCOMPARE(poll(&reply, 1, 20000), 1);
+    QCoreApplication::processEvents();
+    const auto *watcher = fixture.d->findChild<QDBusPendingCallWatcher *>();
+    QVERIFY(watcher);
+    QDBusPendingCall call = *watcher; // Unlike the watcher's, its function does not deliver the reply.
+    call.waitForFinished();
+    QVERIFY(!call.isError());
+    fixture.d->guard.close();
+
+    QTRY_VERIFY(!fixture.isWaiting());
+    const QString noLink = QStringLiteral("No link to the client");
+    if (forCerts) {
+        QCOMPARE(fixture.told(), QVector<Call>{certsChanged({})});
+        QCOMPARE(log.warnings(), QStringList{QStringLiteral("getCertList failed: \"%1\"").arg(noLink)});
+    } else {
+        QCOMPARE(fixture.told(), QVector<Call>{RecordingDaemon::failed(enterPasswordOrPin, cannotCommunicateClient)});
+        QCOMPARE(log.warnings(),
+                 QStringList{failure(QStringLiteral("checkPassword"),
+                                     QStringLiteral("org.freedesktop.DBus.Error.Disconnected"), noLink)});
+    }
 }
 
 void TstClientLink::manyRequests_data()

@@ -221,6 +221,7 @@ private Q_SLOTS:
     void floodedDirectory();
     void descriptorsOfTheClient();
     void launcherMissing();
+    void processThatIsStarting();
 
 private:
     QByteArray m_groups;
@@ -1152,7 +1153,7 @@ void TstLaunch::versionsOfSettings()
 void TstLaunch::modeIsNotTheFormerUsers()
 {
     // Neither the modes of alice's directories nor the daemon's umask matter.
-    for (const mode_t mask : {mode_t(022), mode_t(077)}) {
+    for (const mode_t mask : {mode_t(0), mode_t(022), mode_t(077)}) {
         for (const mode_t alices : {mode_t(0), mode_t(0500), mode_t(07777)}) {
             reset();
             MethodFixture f;
@@ -1362,6 +1363,18 @@ void TstLaunch::launcherMissing()
     QCOMPARE(f.d->launchBudget, 10u);
     QTRY_COMPARE(f.d->child.state(), QProcess::NotRunning);
     QVERIFY(!f.d->child.clientRunning);
+}
+
+void TstLaunch::processThatIsStarting()
+{
+    // It is still alice's when bob's launch finds it.
+    MethodFixture f;
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(f.d->child.state(), QProcess::Starting);
+    f.d->currentUid = bob;
+    QVERIFY(f.d->launchChild());
+    QCOMPARE(f.d->child.clientUid, alice);
 }
 
 QTEST_GUILESS_MAIN(TstLaunch)

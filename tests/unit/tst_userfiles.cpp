@@ -9,6 +9,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QHash>
 #include <QScopeGuard>
 #include <QSet>
@@ -1114,6 +1115,20 @@ void TstUserFiles::deletedAfterPinning()
     QVERIFY(!pinned.write("new"));
     QCOMPARE(errno, ESTALE);
     QCOMPARE(readFile(another), QByteArray("old"));
+
+    // A link of that name can lead to the deleted file.
+    QVERIFY(writeFile(file, "old"));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    QFile open(file);
+    QVERIFY(open.open(QIODevice::ReadOnly));
+    const PinnedFile linked(file);
+    QVERIFY(QFile::remove(file));
+    QVERIFY(QFile::remove(another));
+    QVERIFY(QFile::link(QStringLiteral("/proc/self/fd/%1").arg(open.handle()), another));
+    errno = 0;
+    QVERIFY(!linked.write("new"));
+    QCOMPARE(errno, ESTALE);
+    QVERIFY(QFileInfo(another).isSymLink());
 }
 
 void TstUserFiles::coveredAfterPinning()

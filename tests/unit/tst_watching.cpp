@@ -481,6 +481,10 @@ void TstWatching::userFileCannotBeGiven()
     for (int i = 0; i < 5; ++i)
         f.d->handleChildSharedDirectory(sharedDirectory);
     QCOMPARE(log.lines().size(), 1);
+    // The user's own file is still taken up.
+    QVERIFY(setOwner(aliceFile, alice, alice));
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(owner(aliceFile), QStringLiteral("1000:960"));
     f.d->child.clientRunning = false;
     f.d->currentUid = alice;
     QVERIFY(f.d->launchChild());
