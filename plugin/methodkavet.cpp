@@ -64,8 +64,11 @@ bool MethodKavet::isAvailable(unsigned int uid)
     Q_UNUSED(uid)
     if (d->child.manifestIsSymLink)
         return true;
-    // Nobody may execute a missing file, nor one without a name.
-    return QFileInfo(d->child.exec.split(QLatin1Char(' ')).first()).permission(QFileDevice::ExeOwner);
+    if (d->child.exec.isEmpty())
+        return false;
+
+    const QFileInfo command(d->child.exec.split(QLatin1Char(' ')).first());
+    return command.exists() && command.permission(QFileDevice::ExeOwner);
 }
 
 void MethodKavet::handleUserSessionTriggered(unsigned int uid, bool started, bool manageClient)
