@@ -365,8 +365,12 @@ void TstClientLink::cannotAcceptLibrary()
     const auto restore = qScopeGuard([&] { setrlimit(RLIMIT_NOFILE, &former); });
     const rlimit limit = {rlim_t(next.back()), former.rlim_max};
     QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    LogCapture log;
 
     QVERIFY(!d->connectToChild());
+    QCOMPARE(log.warnings(), QStringList{QString(::cannotConnect)
+                                             .replace(QStringLiteral("Connection refused"),
+                                                      QStringLiteral("Operation not permitted"))});
     QVERIFY(!d->guard.isOpen());
     QVERIFY(!d->connection.isConnected());
 }

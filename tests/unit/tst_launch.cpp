@@ -218,6 +218,7 @@ private Q_SLOTS:
     void ownDirectoryCannotBeMoved();
     void noRoomForADirectory();
     void linkInAPlaceOfADirectory();
+    void fileInAPlaceOfADirectory();
     void floodedDirectory();
     void descriptorsOfTheClient();
     void launcherMissing();
@@ -1320,6 +1321,19 @@ void TstLaunch::linkInAPlaceOfADirectory()
     QCOMPARE(owner(elsewhere), QStringLiteral("1001:%1").arg(authFactor()));
     QCOMPARE(entries(elsewhere), QStringList());
     QCOMPARE(entries(elsewhere + QStringLiteral(".1000")), QStringList{QStringLiteral("file")});
+}
+
+void TstLaunch::fileInAPlaceOfADirectory()
+{
+    // Only root can create it there. It is not given away.
+    MethodFixture f;
+    QVERIFY(QDir().rmdir(clientDirectory));
+    QVERIFY(writeFile(clientDirectory, {}));
+    f.d->currentUid = alice;
+    const LogCapture log;
+    QVERIFY(!f.d->launchChild());
+    QCOMPARE(owner(clientDirectory), QStringLiteral("0:0"));
+    QCOMPARE(log.criticals(), QStringList{QStringLiteral("Cannot change owner of directory")});
 }
 
 void TstLaunch::floodedDirectory()

@@ -844,6 +844,7 @@ void TstLinkGuard::runtimeDirectoryUnwritable()
     QVERIFY(made);
     // A guard that could not listen at first tries again.
     QVERIFY(!connected);
+    QCOMPARE(late.errorString(), QStringLiteral("Read-only file system"));
     QVERIFY(late.connectToClient(path, 0));
 }
 
@@ -861,6 +862,7 @@ void TstLinkGuard::noDescriptorLeft()
     const bool connected = late.connectToClient(path, 0);
     QCOMPARE(setrlimit(RLIMIT_NOFILE, &former), 0);
     QVERIFY(!connected);
+    QCOMPARE(late.errorString(), QStringLiteral("Too many open files"));
     QCOMPARE(run.entryList(), before);
     QVERIFY(late.connectToClient(path, 0));
 }

@@ -457,6 +457,11 @@ void TstSession::stopWithoutClient()
     log.clear();
     f.method.handleUserSessionTriggered(alice, false, false);
     QVERIFY(log.lines().isEmpty());
+
+    // Only a process can be told to end.
+    f.d->child.clientUid = alice;
+    f.method.handleUserSessionTriggered(alice, false, true);
+    QCOMPARE(f.d->child.clientUid, alice);
 }
 
 void TstSession::stopTerminates()
