@@ -209,9 +209,7 @@ bool LinkGuard::admits(const char *bytes, int size)
         drop("it has sent more than a reply needs");
     else if (m_handshakeOver && !m_messages.admits(bytes, size))
         drop("it has sent a message that is no valid reply");
-    else
-        return true;
-    return false;
+    return isOpen();
 }
 
 // A message has to wait for the end of the handshake. If its beginning was passed on before, the library and the gate

@@ -732,6 +732,7 @@ private:
     {
         QCOMPARE(child.uid, 0U);
         QCOMPARE(child.gid, 0U);
+        QCOMPARE(child.clientUid, 0U);
         QCOMPARE(child.orgName, QString());
         QCOMPARE(child.appName, QString());
         QCOMPARE(child.exec, QString());

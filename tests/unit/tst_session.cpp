@@ -472,6 +472,7 @@ void TstSession::stopTerminates()
 
     LogCapture log;
     f.method.handleUserSessionTriggered(alice, false, true);
+    QCOMPARE(f.d->child.clientUid, 0u);
     QCOMPARE(f.d->watcher.files(), QStringList());
     QCOMPARE(f.d->child.userConfigPath, aliceFile);
     // The method does not wait for the client's end.
