@@ -33,6 +33,8 @@ public:
     QByteArray log();
     qint64 pid() const { return m_process.processId(); }
     bool isRunning() const { return m_process.state() == QProcess::Running; }
+    /// The process, whose environment can be set before the start.
+    QProcess &process() { return m_process; }
 
     /// Runs the daemon until it exits; its exit code and output.
     static QPair<int, QByteArray> run(const QStringList &arguments);

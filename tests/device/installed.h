@@ -20,6 +20,7 @@ inline const QString screens = QStringLiteral(INSTALLED_SCREENS_DIR);
 // Test doubles.
 inline const QString confinementProbe = QStringLiteral(INSTALLED_TESTS_DIR "/confinementprobe");
 inline const QString hastyClock = QStringLiteral(INSTALLED_TESTS_DIR "/libhastyclock.so");
+inline const QString holdings = QStringLiteral(INSTALLED_TESTS_DIR "/libholdings.so");
 inline const QString unrulyToken = QStringLiteral(INSTALLED_TESTS_DIR "/libunrulytoken.so");
 /// The test methods, and libraries that only look like methods.
 inline const QString oddMethods = QStringLiteral(INSTALLED_TESTS_DIR "/methods");

@@ -55,7 +55,7 @@ constexpr int loginsPerBus = 250;
 constexpr int warmUp = 50;
 constexpr int logTail = 4000;
 constexpr int outcomeLimit = 20000; // Milliseconds.
-constexpr qint64 memoryTolerance = 4096; // Kilobytes, for what the allocator keeps.
+constexpr qint64 memoryTolerance = 4096; // Kilobytes, for what the allocator keeps. tst_daemonleaks counts bytes.
 
 /// The resources that the daemon holds.
 struct Holdings
