@@ -412,6 +412,7 @@ void TstUserSettings::written()
         {text("-12a"), "-12a"},
         {text("a b"), "\"a b\""},
         {text("\x1f~\x7fg"), "\"\\x1f~\\x7fg\""},
+        {text("\n09aAfFg"), "\"\\xa\\x30\\x39\\x61\\x41\\x66\\x46g\""},
         {text("\u20ac"), "\"\\x20ac\""},
     };
     for (const auto &value : values) {
