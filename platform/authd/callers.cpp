@@ -81,8 +81,10 @@ int Callers::handleAnswer(sd_bus_message *answer, void *waiting, sd_bus_error *)
 
 int Callers::handleOwnerChange(sd_bus_message *signal, void *callers, sd_bus_error *)
 {
+    // sd-bus lets a signal of any sender pass a match rule for a sender's well-known name.
     const char *name = nullptr;
-    if (sd_bus_message_read(signal, "sss", &name, nullptr, nullptr) > 0)
+    if (qstrcmp(sd_bus_message_get_sender(signal), Bus) == 0
+        && sd_bus_message_read(signal, "sss", &name, nullptr, nullptr) > 0)
         static_cast<Callers *>(callers)->forget(name);
     return 0;
 }

@@ -69,6 +69,7 @@ private Q_SLOTS:
     void secondAttempt();
     void secondAttemptOfAnother();
     void cancelling();
+    void onlyTheBusSaysWhoLeaves();
     void callerGoes_data();
     void callerGoes();
     void timeLimit_data();
@@ -252,6 +253,23 @@ void TstAttemptQueue::cancelling()
     QCOMPARE(m_root->error(QStringLiteral("Cancel"), {waiting}), QString());
     QTRY_COMPARE(state(alice), QStringLiteral("idle"));
     QCOMPARE(state(bob), QStringLiteral("pending"));
+}
+
+void TstAttemptQueue::onlyTheBusSaysWhoLeaves()
+{
+    const BusUser user(alice);
+    const BusUser other(bob);
+    open(user, alice, "");
+    QTRY_COMPARE(state(alice), QStringLiteral("pending"));
+    const QString name = user.connection().baseService();
+    QDBusMessage claim =
+        QDBusMessage::createTargetedSignal(QStringLiteral("qarv.AuthService"), QStringLiteral("/org/freedesktop/DBus"),
+                                           QStringLiteral("org.freedesktop.DBus"), QStringLiteral("NameOwnerChanged"));
+    claim.setArguments({name, name, QString()});
+    QVERIFY(other.connection().send(claim));
+    // The daemon handles messages in order.
+    QCOMPARE(other.error(QStringLiteral("GetMethods")), QString());
+    QCOMPARE(state(alice), QStringLiteral("pending"));
 }
 
 void TstAttemptQueue::callerGoes_data()
