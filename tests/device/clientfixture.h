@@ -78,6 +78,14 @@ public:
         process.setProcessEnvironment(variables);
     }
 
+    /// The environment in which the client skips sleeps of so many seconds.
+    static QStringList hastyClock(int seconds)
+    {
+        return {QStringLiteral("LD_PRELOAD=") + Installed::hastyClock, QStringLiteral("LONGEST_SLEEP=%1").arg(seconds),
+                // The sanitizer wants to be the first library.
+                QStringLiteral("ASAN_OPTIONS=verify_asan_link_order=0")};
+    }
+
     /// Replaces the launcher with a script that starts the client without a sandbox and with `environment`.
     static bool takeLaunchersPlace(const QStringList &environment = {})
     {

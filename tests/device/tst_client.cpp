@@ -366,6 +366,14 @@ void TstClient::socketCannotBeMade()
     const ClientFixture::Result result = ClientFixture::run({QStringLiteral("--no-gui")}, {});
     QCOMPARE(result.exitCode, 1);
     QVERIFY2(result.error.startsWith("tarsk.kavet_client: Cannot open the socket: "), result.error.constData());
+
+    // Nothing is left when a directory is in the way.
+    ClientFixture::prepare();
+    QVERIFY(QDir().mkpath(TestDevice::socketPath));
+    QCOMPARE(ClientFixture::run({QStringLiteral("--no-gui")}, {}).error,
+             QByteArray("tarsk.kavet_client: Cannot open the socket: Is a directory\n"));
+    QCOMPARE(QDir(TestDevice::clientDirectory).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot),
+             QStringList{QStringLiteral("kavet.socket")});
 }
 
 void TstClient::removesSocket_data()

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/clientfixture.h"
+#include "device/polltimeout.h"
 #include "device/rawconnection.h"
 
 #include <QCryptographicHash>
@@ -51,6 +52,14 @@ private:
     Q_DISABLE_COPY(EffectiveUser)
 };
 
+/// Starts the client without connecting to it.
+void startOnly(ClientFixture &client, const QStringList &environment = {})
+{
+    ClientFixture::asUser(client.process, ClientFixture::program, {QStringLiteral("--no-gui")});
+    ClientFixture::addToEnvironment(client.process, environment);
+    client.process.start();
+}
+
 /// The methods of the client's interface in a description, as "checkPassword in:user:s ..."
 QStringList methods(const QByteArray &xml)
 {
@@ -89,12 +98,16 @@ private Q_SLOTS:
     void onlyRootAndItsUser();
     void foreignersAreNotHeard_data();
     void foreignersAreNotHeard();
+    void foreignerComesFirst();
     void nonsense_data();
     void nonsense();
+    void oneReplyForEachCall_data();
+    void oneReplyForEachCall();
     void descriptors_data();
     void descriptors();
     void hugeArray();
     void connections();
+    void silentPeerIsGivenUp();
     void silentCrowd();
     void speakingCrowd();
     void peersThatVanish();
@@ -173,6 +186,24 @@ void TstClientPeers::foreignersAreNotHeard()
     QCOMPARE(client.checkPassword(right), success);
 }
 
+void TstClientPeers::foreignerComesFirst()
+{
+    ClientFixture client;
+    startOnly(client);
+    const QByteArray path = QFile::encodeName(TestDevice::socketPath);
+    const auto isRefused = [&path] {
+        chmod(path.constData(), 0666); // The client may undo this before bob connects.
+        const EffectiveUser bob(TestDevice::bob);
+        const RawConnection connection;
+        return bob.isChanged() && connection.isConnected() && connection.hasEnded();
+    };
+    QTRY_VERIFY(isRefused());
+    // The client still announces its socket, and only its user may connect.
+    QCOMPARE(chmod(path.constData(), 0666), 0);
+    struct stat status = {};
+    QTRY_VERIFY_WITH_TIMEOUT(stat(path.constData(), &status) == 0 && (status.st_mode & 0777U) == 0600, 60000);
+}
+
 void TstClientPeers::nonsense_data()
 {
     QTest::addColumn<QByteArray>("words");
@@ -202,6 +233,46 @@ void TstClientPeers::nonsense()
     QTRY_COMPARE(client.openDescriptors(), descriptors);
     QCOMPARE(client.checkPassword(right), success);
     QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClientPeers::oneReplyForEachCall_data()
+{
+    QTest::addColumn<QString>("authType");
+    QTest::addColumn<QByteArray>("method");
+    QTest::addColumn<QByteArrayList>("arguments");
+    const auto row = [](const char *name, const char *authType, const char *method, const QByteArrayList &arguments) {
+        QTest::newRow(name) << QString::fromLatin1(authType) << QByteArray(method) << arguments;
+    };
+    row("right password", "any", "checkPassword", {"alice", right.toUtf8()});
+    row("wrong password", "any", "checkPassword", {"alice", "wrong"});
+    row("another's password", "any", "checkPassword", {"bob", "any"});
+    row("no passwords", "cert", "checkPassword", {"alice", right.toUtf8()});
+    row("PIN", "any", "validateCert", {"", "alice", "1234"});
+    row("another's PIN", "any", "validateCert", {"", "bob", "1234"});
+    row("no PINs", "password", "validateCert", {"", "alice", "1234"});
+    row("list", "any", "getCertList", {});
+    row("no list", "password", "getCertList", {});
+}
+
+void TstClientPeers::oneReplyForEachCall()
+{
+    QFETCH(QString, authType);
+    QFETCH(QByteArray, method);
+    QFETCH(QByteArrayList, arguments);
+    QVERIFY(ClientFixture::setSetting(QStringLiteral("auth-type"), authType));
+    ClientFixture client;
+    QVERIFY(client.start());
+    const RawConnection connection;
+    QVERIFY(connection.send(RawConnection::handshake + RawConnection::call(method, arguments)
+                            + RawConnection::call("nonsense", {})));
+    QByteArray replies;
+    while (!replies.contains("Unknown method nonsense")) {
+        const QByteArray more = connection.receive();
+        QVERIFY2(!more.isEmpty(), replies.constData());
+        replies += more;
+    }
+    // A second reply to the first call would be such an error, too.
+    QCOMPARE(replies.count("Unknown method"), 1);
 }
 
 void TstClientPeers::descriptors_data()
@@ -277,6 +348,29 @@ void TstClientPeers::connections()
     QCOMPARE(client.checkPassword(right), success);
     // The client frees a peer's memory when the peer leaves.
     QVERIFY2(client.privateMemory() - memory < maxGrowth, qPrintable(QString::number(client.privateMemory() - memory)));
+}
+
+void TstClientPeers::silentPeerIsGivenUp()
+{
+    {
+        ClientFixture client;
+        QVERIFY(client.start());
+        const RawConnection connection;
+        constexpr int limit = 90000 * 105 / 100; // milliseconds; timers may fire 5 percent late
+        const auto sleep = [&client] {
+            return pollTimeout(client.process.processId());
+        };
+        QVERIFY(QTest::qWaitFor([&] { return sleep() > 0 && sleep() <= limit; }));
+    }
+    // The preloaded clock skips that time.
+    ClientFixture client;
+    startOnly(client, ClientFixture::hastyClock(80));
+    const auto isGivenUp = [] {
+        const RawConnection connection;
+        return connection.isConnected() && connection.hasEnded();
+    };
+    QTRY_VERIFY(isGivenUp());
+    QCOMPARE(client.process.state(), QProcess::Running);
 }
 
 void TstClientPeers::silentCrowd()

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/clientfixture.h"
+#include "device/inheritable.h"
 #include "device/polltimeout.h"
 #include "device/rawconnection.h"
 #include "device/softtokens.h"
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <csignal>
 
-#include <fcntl.h>
 #include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -82,22 +82,6 @@ int openFiles(const QString &process, const QString &kind)
 int openSockets(const ClientFixture &client)
 {
     return openFiles(QString::number(client.process.processId()), QStringLiteral("socket:"));
-}
-
-/// What a process would leave open to a program that it runs, besides the standard streams.
-QStringList inheritable(const QString &process)
-{
-    QStringList files;
-    const QDir directory(QStringLiteral("/proc/%1/fd").arg(process));
-    const QStringList numbers = directory.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
-    for (const QString &number : numbers) {
-        const QByteArray info = TestDevice::readFile(QStringLiteral("/proc/%1/fdinfo/%2").arg(process, number));
-        const int flags = info.mid(info.indexOf("flags:") + 6).simplified().split(' ').first().toInt(nullptr, 8);
-        // The directory itself is closed by now.
-        if (!info.isEmpty() && number.toInt() > STDERR_FILENO && !(flags & O_CLOEXEC))
-            files << QFileInfo(directory.filePath(number)).symLinkTarget().section(QLatin1Char('/'), -1);
-    }
-    return files;
 }
 
 /// The client's helpers that serve a call: they hold its request.
@@ -193,6 +177,7 @@ private Q_SLOTS:
     void wrongKey_data();
     void wrongKey();
     void forgedSignature();
+    void freshChallenges();
     void badUri_data();
     void badUri();
     void severalForOneUri();
@@ -773,6 +758,22 @@ void TstClientToken::forgedSignature()
     QCOMPARE(client.validateCert(cert, pin), failed);
 }
 
+void TstClientToken::freshChallenges()
+{
+    const QString file = QStringLiteral("/home/alice/signed");
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("record"));
+    QSet<QByteArray> challenges;
+    for (int i = 0; i < 2; ++i) {
+        QCOMPARE(client.validateCert(cert, pin), success);
+        challenges << TestDevice::readFile(file);
+    }
+    QVERIFY(!challenges.contains(QByteArray()));
+    QCOMPARE(challenges.size(), 2);
+}
+
 void TstClientToken::badUri_data()
 {
     QTest::addColumn<QString>("change");
@@ -1165,6 +1166,9 @@ void TstClientToken::twoTokens()
     QCOMPARE(client.validateCert(first, otherPin), failed);
     QCOMPARE(client.validateCert(second, pin), failed);
     QCOMPARE(ClientFixture::attempts(), 2);
+    // A URI that may stand for either is no choice.
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:id=%01;type=cert"), pin), failed);
+    QCOMPARE(ClientFixture::attempts(), 2);
 }
 
 void TstClientToken::removedAndPutBack()
@@ -1427,9 +1431,7 @@ void TstClientToken::waitingHelperIsGivenUp()
     QVERIFY(SoftTokens::add(one));
     QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
     ClientFixture client;
-    QVERIFY(client.start(SoftTokens::environment() << QStringLiteral("LD_PRELOAD=") + Installed::hastyClock
-                                                   // The sanitizer wants to be the first library.
-                                                   << QStringLiteral("ASAN_OPTIONS=verify_asan_link_order=0")));
+    QVERIFY(client.start(SoftTokens::environment() + ClientFixture::hastyClock(240)));
     const QStringList certs = client.certList();
     QCOMPARE(certs.size(), 1);
     QTRY_VERIFY(childrenOf(client).isEmpty());
@@ -1488,6 +1490,12 @@ void TstClientToken::outOfDescriptors()
     QVERIFY(limitDescriptors(client, firstFree(client)));
     QCOMPARE(client.validateCert(cert, pin), moduleFailed);
     QCOMPARE(client.validateCert(cert, pin), moduleFailed);
+    {
+        // Nor is there one for another peer's handshake.
+        QVERIFY(limitDescriptors(client, firstFree(client) + 1));
+        const RawConnection connection;
+        QVERIFY(connection.isConnected() && connection.hasEnded());
+    }
     QVERIFY(limitDescriptors(client, 1024));
     QCOMPARE(client.validateCert(cert, pin), success);
     // No helper waits for a call that it will never get.
@@ -1511,7 +1519,8 @@ void TstClientToken::closesOnExec()
     QTRY_COMPARE(helpers(client).size(), 1);
     QTRY_COMPARE(openFiles(process, QStringLiteral("memfd:request")), 2);
     QCOMPARE(inheritable(process), inherited);
-    QCOMPARE(inheritable(helpers(client).constFirst()), inherited);
+    // The token module opens files, and closes them.
+    QTRY_COMPARE(inheritable(helpers(client).constFirst()), inherited);
 }
 
 void TstClientToken::endsSilently()

@@ -3,15 +3,14 @@
 #undef _FORTIFY_SOURCE // With it, <poll.h> defines these functions.
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <dlfcn.h>
 #include <poll.h>
 
-// Preloaded into a program: when it would sleep for minutes, it does not, and its monotonic clock is set forward
-// instead.
+// Preloaded into a program: when it would sleep longer than the seconds in LONGEST_SLEEP, it does not, and its
+// monotonic clock is set forward instead.
 namespace {
-
-constexpr time_t longest = 4 * 60; // seconds; shorter sleeps are left alone
 
 std::atomic<time_t> skipped{0};
 
@@ -38,6 +37,7 @@ int clock_gettime(clockid_t clock, timespec *time) noexcept
 int ppoll(pollfd *descriptors, nfds_t count, const timespec *timeout, const sigset_t *signals)
 {
     auto *wait = next(ppoll, "ppoll");
+    static const time_t longest = std::atoi(std::getenv("LONGEST_SLEEP"));
     if (!timeout || timeout->tv_sec < longest)
         return wait(descriptors, count, timeout, signals);
     constexpr timespec now = {};

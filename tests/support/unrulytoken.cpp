@@ -132,6 +132,8 @@ CK_RV sign(CK_SESSION_HANDLE session, unsigned char *data, unsigned long size, u
         pause();
     while (behaviour() == "wait")
         usleep(pollInterval);
+    if (word == "record" && signature)
+        std::ofstream(inHome("signed")).write(reinterpret_cast<const char *>(data), long(size));
     if (word == "forge" && signature) // Without a buffer, the caller only asks for the signature's size.
         data[size - 1] ^= 1;
     return soft->C_Sign(session, data, size, signature, signatureSize);
