@@ -65,9 +65,6 @@ ClientServer::~ClientServer()
 {
     if (m_inode != 0 && inode(socketPath) == m_inode)
         unlink(socketPath);
-    m_notifier.reset();
-    if (m_socket != -1)
-        close(m_socket);
 }
 
 QString ClientServer::listen()

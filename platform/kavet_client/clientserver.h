@@ -37,7 +37,7 @@ private:
     void drop(Peer *peer);
 
     KavetAuth &m_auth;
-    int m_socket = -1;
+    int m_socket = -1; // open until the process ends
     std::unique_ptr<QSocketNotifier> m_notifier;
     QVector<Peer *> m_peers; // oldest first
     quint64 m_inode = 0;

@@ -2,8 +2,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "helperchannel.h"
 
-#include <cerrno>
-
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -49,10 +47,7 @@ int HelperChannel::progress(int socket)
 int HelperChannel::receive(int socket, Operation &operation)
 {
     Message message;
-    ssize_t size = 0;
-    do
-        size = recvmsg(socket, &message.header, MSG_CMSG_CLOEXEC);
-    while (size == -1 && errno == EINTR);
+    const ssize_t size = recvmsg(socket, &message.header, MSG_CMSG_CLOEXEC);
     const cmsghdr *const control = CMSG_FIRSTHDR(&message.header);
     if (size != 1 || !control || control->cmsg_type != SCM_RIGHTS)
         return -1;

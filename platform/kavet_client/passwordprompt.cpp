@@ -4,7 +4,6 @@
 
 #include "heldsignals.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <iterator>
 
@@ -60,8 +59,6 @@ bool readLine(QByteArray &line, int signals)
             return false;
         char character = 0;
         const ssize_t count = read(STDIN_FILENO, &character, 1);
-        if (count == -1 && errno == EINTR)
-            continue;
         if (count == -1)
             return false;
         if (count == 0 || character == '\n')

@@ -78,7 +78,6 @@ bool Peer::start()
     const bool started = sd_bus_new(&m_bus) >= 0 && sd_bus_set_fd(m_bus, m_input, m_socket) >= 0
                          && sd_id128_randomize(&id) >= 0 && sd_bus_set_server(m_bus, true, id) >= 0
                          && sd_bus_set_anonymous(m_bus, true) >= 0 && sd_bus_set_trusted(m_bus, true) >= 0
-                         && sd_bus_negotiate_fds(m_bus, false) >= 0
                          && sd_bus_add_filter(m_bus, nullptr, markAsSensitive, nullptr) >= 0 && m_auth.serveOn(m_bus)
                          && sd_bus_start(m_bus) >= 0;
     if (started)
@@ -140,7 +139,7 @@ int Peer::process()
     // One step per event, so that all peers get their turn.
     const int progress = sd_bus_process(m_bus, nullptr);
     wipeStack();
-    if (progress < 0 || sd_bus_is_open(m_bus) <= 0) {
+    if (progress < 0) {
         end();
         return -1;
     }
