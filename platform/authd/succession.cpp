@@ -36,17 +36,16 @@ Succession::Result Succession::acquire()
     for (;;) {
         // A child does not inherit a record lock.
         const int file = open(RunDirectory::LockFile, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR);
+        if (file < 0) {
+            Log::write(Log::Warning, "no-lock-file", {{"error", qt_error_string(errno)}});
+            return Unavailable;
+        }
         struct flock lock = {};
         lock.l_type = F_WRLCK;
         lock.l_whence = SEEK_SET;
-        if (file >= 0 && fcntl(file, F_SETLK, &lock) == 0) {
+        if (fcntl(file, F_SETLK, &lock) == 0) {
             m_lock = file;
             return Acquired;
-        }
-        const int error = errno;
-        if (file < 0) {
-            Log::write(Log::Warning, "no-lock-file", {{"error", qt_error_string(error)}});
-            return Unavailable;
         }
         close(file);
         if (deadline.hasExpired())

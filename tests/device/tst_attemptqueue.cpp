@@ -230,8 +230,9 @@ void TstAttemptQueue::secondAttemptOfAnother()
     // The same holds while root's program waits for the user's input.
     open(*m_root, alice, "input");
     QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
-    QCOMPARE(user.error(QStringLiteral("Authenticate"), {alice, puppet, script("succeed")}),
-             serviceError + QStringLiteral("Busy"));
+    const QDBusMessage refused = user.call(QStringLiteral("Authenticate"), {alice, puppet, script("succeed")});
+    QCOMPARE(refused.errorName(), serviceError + QStringLiteral("Busy"));
+    QCOMPARE(refused.errorMessage(), QStringLiteral("Another program has an open attempt for this user"));
     QTRY_VERIFY(isTold(attempt, QStringLiteral("replaced")));
 }
 

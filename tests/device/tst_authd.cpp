@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authd.h"
+#include "device/inheritable.h"
 #include "device/polltimeout.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
@@ -115,7 +116,9 @@ private Q_SLOTS:
     void signalsEndIt();
     void signalWhileAnAttemptIsOpen();
     void signalsItSurvives();
+    void closesOnExec();
     void journalForm();
+    void quotedInTheLog();
     void busRestart();
 
     // --- The service ---
@@ -241,6 +244,7 @@ void TstAuthd::methodsAreChosenFromTheDirectory()
         QCOMPARE(log.count(QByteArray("/") + line), 1);
     QCOMPARE(log.count("event=method-refused"), 8);
     QCOMPARE(log.count("event=method-loaded"), 2);
+    QVERIFY(log.contains("level=info event=method-loaded method=kavet priority=50 file=" + to.toUtf8() + "a.so\n"));
     for (const char *other : {"directory.so", "fifo.so", "link.so"})
         QVERIFY(!log.contains(other));
 }
@@ -405,6 +409,15 @@ void TstAuthd::signalsItSurvives()
     QCOMPARE(daemon.exitCode(), 0);
 }
 
+void TstAuthd::closesOnExec()
+{
+    const BusUser root(0);
+    Reports reports(root);
+    QCOMPARE(authenticate(root, alice, QStringLiteral("success")), QString());
+    QVERIFY(reports.waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    QCOMPARE(inheritable(QString::number(m_authd.pid())), inheritable(QStringLiteral("self")));
+}
+
 void TstAuthd::journalForm()
 {
     QCOMPARE(m_authd.stop(SIGTERM), 0);
@@ -425,6 +438,27 @@ void TstAuthd::journalForm()
         QCOMPARE(TestDevice::readFile(file), isJournal ? "<3>event=no-methods-directory directory=/nowhere\n"
                                                        : "level=error event=no-methods-directory directory=/nowhere\n");
     }
+}
+
+void TstAuthd::quotedInTheLog()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QTemporaryDir directory;
+    const QByteArray prefix = directory.path().toUtf8() + "/x";
+    QByteArrayList expected;
+    for (char c = ' '; c <= '~'; ++c) {
+        if (c == '/')
+            continue;
+        const QByteArray path = prefix + c;
+        QVERIFY(TestDevice::writeFile(QString::fromUtf8(path), {}));
+        const bool isPlain = QByteArray("_.:+,@-").contains(c) || QChar::isLetterOrNumber(uint(c));
+        const QByteArray quoted = prefix + (c == '"' || c == '\\' ? "\\" : "") + c;
+        expected << " file=" + (isPlain ? path : '"' + quoted + '"') + " reason=";
+    }
+    QVERIFY(m_authd.start(directory.path()));
+    const QByteArray log = m_authd.log();
+    for (const QByteArray &file : qAsConst(expected))
+        QVERIFY2(log.contains(file), file.constData());
 }
 
 void TstAuthd::busRestart()

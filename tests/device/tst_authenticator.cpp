@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authd.h"
+#include "device/processmemory.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
@@ -81,6 +82,9 @@ private Q_SLOTS:
     void rules();
     void ownOptions();
     void valueThatCannotBeStored();
+    void charactersThatTheBusRefuses();
+    void secretsAreWiped_data();
+    void secretsAreWiped();
 
 private:
     QString attempt(uint uid, const QString &script) const
@@ -541,6 +545,55 @@ void TstAuthenticator::valueThatCannotBeStored()
     QCOMPARE(m_root->error(QStringLiteral("SetMethodOption"), {puppet, QStringLiteral("number"), variant(7)}),
              storeFailed);
     QCOMPARE(option(QStringLiteral("number")), QVariant(1));
+}
+
+void TstAuthenticator::charactersThatTheBusRefuses()
+{
+    // They can only come from a method or a file.
+    const QString text = QStringLiteral("text");
+    const QString file = QStringLiteral("/var/lib/authd/methods/puppet/current.conf");
+    QCOMPARE(m_root->error(QStringLiteral("SetMethodOption"), {puppet, text, variant(QStringLiteral("former"))}),
+             QString());
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QByteArray content = TestDevice::readFile(file);
+    QVERIFY(content.contains("former"));
+    QVERIFY(TestDevice::writeFile(file, content.replace("former", "\xef\xbf\xbe😀a\xf0\x9f\xbf\xbf\xf0\x9f\xbf\xbe")));
+    QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
+    QCOMPARE(option(text).toString(), QStringLiteral("\ufffd😀a\ufffd\ufffd\ufffd\ufffd"));
+}
+
+void TstAuthenticator::secretsAreWiped_data()
+{
+    QTest::addColumn<QString>("script");
+    QTest::addColumn<QString>("end");
+    const auto row = [](const char *name, const char *script, const char *end) {
+        QTest::newRow(name) << QString::fromLatin1(script) << QString::fromLatin1(end);
+    };
+    row("success", "succeed", "authenticated");
+    row("counted failure", "fail:7", "challenge");
+    row("other failure", "fail:9", "challenge");
+    row("input", "input", "challenge");
+    row("locked", "succeed lock:-1", "locked");
+    row("given up", "", "pending");
+}
+
+void TstAuthenticator::secretsAreWiped()
+{
+    QFETCH(QString, script);
+    QFETCH(QString, end);
+    const QString secret = QStringLiteral("wiped-secret-of-") + QString::fromLatin1(QTest::currentDataTag());
+    const QByteArray inMemory(reinterpret_cast<const char *>(secret.utf16()), secret.size() * int(sizeof(ushort)));
+    if (processMemory(m_authd.pid()).isNull())
+        QSKIP("An ordinary user's device cannot look into a process that must not be dumped");
+    const QDBusMessage reply = m_root->call(
+        QStringLiteral("Authenticate"),
+        {alice, puppet, QVariantMap{{QStringLiteral("do"), script}, {QStringLiteral("password"), secret}}});
+    QTRY_COMPARE(state(alice), end);
+    if (script.isEmpty()) {
+        QVERIFY(processMemory(m_authd.pid()).contains(inMemory));
+        QCOMPARE(m_root->error(QStringLiteral("Cancel"), reply.arguments()), QString());
+    }
+    QTRY_VERIFY(!processMemory(m_authd.pid()).contains(inMemory));
 }
 
 QTEST_GUILESS_MAIN(TstAuthenticator)

@@ -106,6 +106,7 @@ private Q_SLOTS:
     void sessionsAreKnownAgain();
     void sessionOfLockedUser();
     void loginManagerKnowsBetter();
+    void loginManagerKnowsNoSession();
     void loginManagerFails_data();
     void loginManagerFails();
     void noRunDirectory_data();
@@ -317,6 +318,23 @@ void TstCrash::loginManagerKnowsBetter()
     QStringList sessions;
     QTRY_VERIFY(!(sessions = told()).isEmpty());
     QCOMPARE(sessions, (QStringList{QStringLiteral("session 1000 1 0"), QStringLiteral("session 1002 1 1")}));
+}
+
+void TstCrash::loginManagerKnowsNoSession()
+{
+    QVERIFY(m_authd.start(puppetOnly));
+    QCOMPARE(BusUser(0).error(QStringLiteral("SessionStarted"), {bob, true}), QString());
+    m_authd.stop(SIGKILL);
+    {
+        const FakeLoginManager manager({});
+        QVERIFY(manager.isRunning());
+        QVERIFY(m_authd.start(puppetOnly));
+        QCOMPARE(told(), QStringList());
+        m_authd.stop(SIGKILL);
+    }
+    // The next daemon finds no login manager, and no record of bob's session.
+    QVERIFY(m_authd.start(puppetOnly));
+    QCOMPARE(told(), QStringList());
 }
 
 void TstCrash::loginManagerFails_data()

@@ -170,6 +170,7 @@ private Q_SLOTS:
     void tooManySubscribers();
     void tooMuchData_data();
     void tooMuchData();
+    void enoughData();
     void repeatedKey();
     void flooding_data();
     void flooding();
@@ -448,7 +449,9 @@ void TstHostileUsers::tooManySubscribers()
         QCOMPARE(users.back()->error(QStringLiteral("Subscribe")), QString());
     }
     const BusUser another(bob);
-    QCOMPARE(another.error(QStringLiteral("Subscribe")), limitsExceeded);
+    const QDBusMessage refused = another.call(QStringLiteral("Subscribe"));
+    QCOMPARE(refused.errorName(), limitsExceeded);
+    QCOMPARE(refused.errorMessage(), QStringLiteral("Too many programs of the user have subscribed"));
     // Other users have their own limits, and the daemon forgets users who have left.
     QCOMPARE(BusUser(alice).error(QStringLiteral("Subscribe")), QString());
     QCOMPARE(users.front()->error(QStringLiteral("Unsubscribe")), QString());
@@ -456,6 +459,11 @@ void TstHostileUsers::tooManySubscribers()
     users.clear();
     const BusUser later(bob);
     QTRY_COMPARE(later.error(QStringLiteral("Subscribe")), QString());
+    // Root's programs have no limit.
+    for (int i = 0; i < 17; ++i) {
+        users.push_back(std::make_unique<BusUser>(0));
+        QCOMPARE(users.back()->error(QStringLiteral("Subscribe")), QString());
+    }
 }
 
 void TstHostileUsers::tooMuchData_data()
@@ -490,6 +498,21 @@ void TstHostileUsers::tooMuchData()
     for (const uint uid : {bob, uint(0)})
         QCOMPARE(BusUser(uid).error(member, arguments), limitsExceeded);
     QCOMPARE(TestDevice::launches().size(), 0);
+}
+
+void TstHostileUsers::enoughData()
+{
+    const QString longest(16 * 1024, QLatin1Char('x'));
+    QVariantMap entries = {{QString(255, QLatin1Char('k')), longest},
+                           {QStringLiteral("bytes"), QByteArray(longest.size(), 'x')}};
+    QStringList list;
+    for (int i = 0; i < 64; ++i)
+        list << QString();
+    list.last() = longest;
+    entries.insert(QStringLiteral("list"), list);
+    while (entries.size() < 64)
+        entries.insert(QString::number(entries.size()), QString());
+    QCOMPARE(m_root->error(QStringLiteral("Authenticate"), {bob, kavetMethod, entries}), QString());
 }
 
 void TstHostileUsers::repeatedKey()
