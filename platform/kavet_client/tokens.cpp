@@ -28,11 +28,11 @@ Tokens::Outcome failure(const QByteArray &uri, int error, const ClientSettings &
 }
 
 /// Whether a URI may identify a certificate and contains nothing else, such as a PIN or the location of one. GnuTLS
-/// reports some empty attributes, which are invalid, as a lack of memory.
+/// reports some faults after an empty attribute, which is invalid, as a lack of memory.
 bool isAcceptable(const QByteArray &cert)
 {
     const QByteArrayList said = attributes(cert);
-    return !cert.contains('?') && !cert.contains(";;")
+    return !cert.contains('?') && !said.mid(0, said.size() - 1).contains({}) // The last may be empty.
            && std::none_of(said.begin(), said.end(), [](const QByteArray &attribute) {
                   return attribute.startsWith("pin-") || (attribute.startsWith("type=") && attribute != "type=cert");
               });

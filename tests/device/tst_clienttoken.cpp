@@ -785,6 +785,8 @@ void TstClientToken::badUri_data()
     QTest::newRow("shorter") << QStringLiteral(";object=certificate") << QString() << success;
     QTest::newRow("no URI") << QString() << QStringLiteral("certificate") << failed;
     QTest::newRow("empty attributes") << QString() << QStringLiteral("pkcs11:object=;;;id=x") << failed;
+    QTest::newRow("empty first attribute") << QString() << QStringLiteral("pkcs11:;id;object=x") << failed;
+    QTest::newRow("empty last attribute") << QStringLiteral("type=cert") << QStringLiteral("type=cert;") << success;
     QTest::newRow("another scheme") << QStringLiteral("pkcs11:") << QStringLiteral("file:") << failed;
     QTest::newRow("not encoded") << QStringLiteral("id=%01") << QStringLiteral("id=%0") << failed;
     QTest::newRow("another id") << QStringLiteral("id=%01") << QStringLiteral("id=%09") << failed;
