@@ -57,8 +57,10 @@ bool MethodKavetPrivate::connectToChild()
         return false;
     if (guard.isOpen() && connection.isConnected())
         return true;
-    // A client that has been told to end serves nobody.
-    if (child.state() != QProcess::NotRunning && child.clientUid == 0)
+    // A client that has been told to end serves nobody, and every other serves its own user only. A link that was made
+    // for another user could stay open until its own user is authenticated.
+    if (child.state() != QProcess::NotRunning
+        && (child.clientUid == 0 || (currentUid != 0 && child.clientUid != currentUid)))
         return false;
 
     closeLink();

@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <optional>
 #include <vector>
 
@@ -24,6 +25,8 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 Q_DECLARE_METATYPE(RecordingDaemon::Call)
@@ -150,6 +153,8 @@ private Q_SLOTS:
     void cannotAcceptLibrary();
     void userOfTheServer_data();
     void userOfTheServer();
+    void serverOfAnotherUser_data();
+    void serverOfAnotherUser();
 
     void arguments_data();
     void arguments();
@@ -395,7 +400,49 @@ void TstClientLink::userOfTheServer()
     LogCapture log;
     QCOMPARE(fixture.d->connectToChild(), linked);
     QCOMPARE(fixture.d->guard.isOpen(), linked);
-    QCOMPARE(log.warnings().isEmpty(), linked);
+    QVERIFY(log.warnings().isEmpty());
+}
+
+void TstClientLink::serverOfAnotherUser_data()
+{
+    QTest::addColumn<uint>("user");
+    QTest::addColumn<int>("warnings");
+    QTest::newRow("for the client's user") << TestDevice::alice << 1;
+    QTest::newRow("for nobody") << 0u << 1;
+    // Otherwise the link could later carry alice's secret to bob.
+    QTest::newRow("for the server's user") << TestDevice::bob << 0;
+}
+
+void TstClientLink::serverOfAnotherUser()
+{
+    QFETCH(uint, user);
+    QFETCH(int, warnings);
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    QVERIFY(fixture.dropLink());
+    // Bob listens on a socket that belongs to alice.
+    const QByteArray path = QFile::encodeName(TestDevice::socketPath);
+    QVERIFY(QFile::remove(TestDevice::socketPath));
+    const pid_t server = TestDevice::idleProcess([&path] {
+        const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
+        return bind(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0
+               && chown(path.constData(), TestDevice::alice, 0) == 0
+               && setresuid(TestDevice::bob, TestDevice::bob, TestDevice::bob) == 0 && listen(socket, 1) == 0;
+    });
+    QVERIFY(server > 0);
+    const auto end = qScopeGuard([server] {
+        ::kill(server, SIGKILL);
+        waitpid(server, nullptr, 0);
+    });
+
+    fixture.d->currentUid = user;
+    LogCapture log;
+    QVERIFY(!fixture.d->connectToChild());
+    QVERIFY(!fixture.d->guard.isOpen());
+    QCOMPARE(log.warnings().size(), warnings);
 }
 
 void TstClientLink::arguments_data()

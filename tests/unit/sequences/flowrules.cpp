@@ -119,6 +119,8 @@ const Table &linkRules()
         {connect, {is(LinkOpen, yes)}, {outcome(yes)}},
         // A client that has been told to end serves nobody.
         {connect, {is(ServedUser, nobody)}, {outcome(no)}},
+        // Nor does a client serve another user.
+        {connect, {isNot(User, 0), differ(ServedUser, User)}, {outcome(no)}},
         {connect, {is(SocketThere, no)}, {write(CANNOT_CONNECT("No such file or directory")), outcome(no)}},
         {connect, {is(Listener, nobody)}, {write(CANNOT_CONNECT("Connection refused")), outcome(no)}},
         {connect, {is(Listener, 0)}, {run(link)}},
