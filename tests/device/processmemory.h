@@ -14,6 +14,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+/// Why a test cannot look into the daemon.
+constexpr char noMemory[] = "An ordinary user's device cannot look into a process that must not be dumped";
+
 /// What the writable memory of a process holds, one page after the other; null if it cannot be read. Pages that were
 /// only set aside are left out: a sanitizer sets aside terabytes.
 inline QByteArray processMemory(qint64 pid)
