@@ -65,7 +65,10 @@ int Authd::stop(int signal)
     if (!m_process.waitForFinished())
         return -1;
     log();
-    return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+    const int exitCode = m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+    if (signal == SIGTERM && exitCode != 0)
+        qWarning("The daemon wrote:\n%s", m_log.right(20000).constData());
+    return exitCode;
 }
 
 bool Authd::waitForLog(const QByteArray &text, int count)

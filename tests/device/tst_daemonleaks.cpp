@@ -59,6 +59,7 @@ private Q_SLOTS:
     void initTestCase();
     void logins_data();
     void logins();
+    void cleanup();
     void cleanupTestCase();
 
 private:
@@ -112,8 +113,15 @@ void TstDaemonLeaks::logins()
     logIn(count);
     if (QTest::currentTestFailed())
         return;
-    // The daemon may not have closed the last client's descriptors yet.
+    // The daemon may not have closed the last program's connection yet.
     QTRY_COMPARE_WITH_TIMEOUT(growth(m_before, holdings()), QString(), timeLimit);
+}
+
+/// Lets the rows after a failed one fail at once. They would only wait for the same.
+void TstDaemonLeaks::cleanup()
+{
+    if (QTest::currentTestFailed())
+        m_authd.stop(SIGKILL);
 }
 
 void TstDaemonLeaks::cleanupTestCase()
@@ -122,12 +130,16 @@ void TstDaemonLeaks::cleanupTestCase()
         QCOMPARE(m_authd.stop(SIGTERM), 0);
 }
 
-/// Logs alice in, in sessions with a launch of the client, a change of the policy, and the client's end.
+/// Logs alice in, in sessions with a launch of the client, a change of the policy, and the client's end. Does not end
+/// the last session, because the bus library keeps some of the messages about it, more or fewer, until there are
+/// others.
 void TstDaemonLeaks::logIn(int times)
 {
     const QString children = QStringLiteral("/proc/%1/task/%1/children").arg(m_authd.pid());
     for (int number = 0; number < times; ++number) {
         if (number % loginsPerSession == 0) {
+            QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {alice, true}), QString());
+            QTRY_COMPARE_WITH_TIMEOUT(readFile(children), QByteArray(), timeLimit);
             m_authd.process().readAllStandardError(); // Do not keep the log of all sessions.
             QCOMPARE(m_root->error(QStringLiteral("SessionStarted"), {alice, true}), QString());
             if (!QFile::remove(currentPolicy))
@@ -136,10 +148,6 @@ void TstDaemonLeaks::logIn(int times)
         logInOnce();
         if (QTest::currentTestFailed())
             return;
-        if ((number + 1) % loginsPerSession == 0 || number + 1 == times) {
-            QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {alice, true}), QString());
-            QTRY_COMPARE_WITH_TIMEOUT(readFile(children), QByteArray(), timeLimit);
-        }
     }
 }
 
