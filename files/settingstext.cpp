@@ -4,10 +4,6 @@
 
 #include "files/settingsvalue.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-
 using SettingsValue::isBlank;
 using SettingsValue::isLineEnd;
 
@@ -59,14 +55,8 @@ Line nextLine(const QByteArray &content, int position)
 
 bool isGeneralHeader(const QByteArray &content, const Line &line)
 {
-    const auto isOther = [](char c) {
-        return c != ' ' && (c < '\t' || c > '\r');
-    };
-    const char *begin = content.constData() + line.begin + 1;
-    const char *end = std::find(begin, content.constData() + line.end, ']');
-    begin = std::find_if(begin, end, isOther);
-    const int size = int(sizeof generalGroup - 1);
-    return end - begin >= size && qstrnicmp(begin, generalGroup, size) == 0 && std::none_of(begin + size, end, isOther);
+    const QByteArray header = content.mid(line.begin + 1, line.end - line.begin - 1);
+    return header.mid(0, header.indexOf(']')).trimmed().toLower() == generalGroup;
 }
 
 /// Whether a line sets `key`. The line may spell any character as its code: "%61" and "%U0061" mean "a".
@@ -78,14 +68,12 @@ bool isSetting(const QByteArray &content, const Line &line, const QString &key)
     int matched = 0;
     for (int i = line.begin; i < end; ++matched) {
         QChar c = QLatin1Char(content.at(i++));
-        if (c == QLatin1Char('%') && i < end) {
+        if (c == QLatin1Char('%')) {
             const int first = content.at(i) == 'U' ? i + 1 : i;
             const int size = first > i ? 4 : 2;
-            char digits[5] = {};
-            memcpy(digits, content.constData() + first, size_t(std::min(size, end - first)));
-            char *rest = digits;
-            const long code = strtol(digits, &rest, 16);
-            if (first + size <= end && *rest == '\0') {
+            bool isCode = false;
+            const int code = content.mid(first, size).toInt(&isCode, 16);
+            if (isCode && first + size <= end) {
                 c = QChar(ushort(code));
                 i = first + size;
             }

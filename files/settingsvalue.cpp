@@ -133,16 +133,15 @@ QVariant meaning(const QString &text)
 QByteArray written(const QString &text)
 {
     QByteArray result = text.startsWith(QLatin1Char('@')) ? "@" : "";
-    bool isPlain = true;
     bool afterCode = false;
     for (const QChar c : text) {
         const ushort code = c.unicode();
         const bool isPrintable = code >= 0x20 && code < 0x7f;
-        isPlain = isPlain && isPrintable && (isalnum(code) || code == '-');
         // A digit after a character code would be read as part of the code, so encode it too.
         afterCode = !isPrintable || code == '"' || code == '\\' || (afterCode && digitValue(char(code)) < 16);
         result += afterCode ? "\\x" + QByteArray::number(code, 16) : QByteArray(1, char(code));
     }
+    const bool isPlain = std::all_of(result.cbegin(), result.cend(), [](char c) { return isalnum(c) || c == '-'; });
     return isPlain ? result : '"' + result + '"';
 }
 
