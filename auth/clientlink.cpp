@@ -59,14 +59,13 @@ bool MethodKavetPrivate::connectToChild()
         return true;
     // A client that has been told to end serves nobody, and every other serves its own user only. A link that was made
     // for another user could stay open until its own user is authenticated.
-    if (child.state() != QProcess::NotRunning
-        && (child.clientUid == 0 || (currentUid != 0 && child.clientUid != currentUid)))
+    if (child.clientUid == 0 || (currentUid != 0 && child.clientUid != currentUid))
         return false;
 
     closeLink();
     const QString path = Constants::Link::socketPath;
     QDBusError error;
-    if (guard.connectToClient(path, currentUid == 0 ? child.clientUid : currentUid)) {
+    if (guard.connectToClient(path, child.clientUid)) {
         connection = QDBusConnection::connectToPeer(guard.address(), Constants::Link::connectionName);
         error = connection.lastError();
     } else {

@@ -75,8 +75,8 @@ public:
     /// The sandbox launcher's arguments. Empty, with a critical message, when the manifest is incomplete.
     QStringList getLaunchArgs();
 
-    /// Makes the link to the client unless it is open already. False when there is no client or no socket and, with a
-    /// warning, when connecting fails.
+    /// Makes the link to the client unless it is open already. False when there is no client or no socket, when the
+    /// client does not serve currentUid and, with a warning, when connecting fails.
     bool connectToChild();
     /// Asks the client to check the password of currentUid. The outcome is reported later.
     void checkPassword(const QString &password);

@@ -227,6 +227,7 @@ int LLVMFuzzerInitialize(int *argc, char ***argv)
     Fuzz::start(argc, argv);
     TestDevice::reset();
     fixture().d->child.clientRunning = true;
+    fixture().d->child.clientUid = TestDevice::alice;
     fixture().d->child.socketPresent = true;
     fixture().d->currentUid = TestDevice::alice;
     return 0;

@@ -331,6 +331,7 @@ void TstClientLink::cannotConnect()
     QVERIFY(isSocket ? TestDevice::leaveSocket(TestDevice::socketPath, TestDevice::alice)
                      : TestDevice::writeFile(TestDevice::socketPath, {}));
     d->child.clientRunning = true;
+    d->child.clientUid = TestDevice::alice;
     d->child.socketPresent = true;
     d->certListPending = true;
     LogCapture log(true);
@@ -866,6 +867,7 @@ void TstClientLink::certListStaysPending()
     MethodFixture fixture;
     QVERIFY(TestDevice::writeFile(TestDevice::socketPath, {}));
     fixture.d->child.clientRunning = true;
+    fixture.d->child.clientUid = TestDevice::alice;
     fixture.d->child.socketPresent = true;
     LogCapture log;
     QCOMPARE(fixture.d->getCertList(), QStringList());
