@@ -13,9 +13,10 @@
 inline qint64 pollTimeout(qint64 pid)
 {
     const QByteArrayList call = TestDevice::readFile(QStringLiteral("/proc/%1/syscall").arg(pid)).split(' ');
+    const int number = call.constFirst().toInt();
     const quint64 timeout = call.value(3).toULongLong(nullptr, 0);
-    if (call.constFirst().toInt() != SYS_ppoll)
-        return int(timeout);
+    if (number != SYS_ppoll)
+        return number == SYS_poll ? int(timeout) : 0;
     timespec time = {};
     iovec ours = {&time, sizeof time};
     iovec theirs = {reinterpret_cast<void *>(timeout), sizeof time};
