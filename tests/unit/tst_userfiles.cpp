@@ -1,5 +1,6 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
+#include "files/descriptor.h"
 #include "files/replacement.h"
 #include "files/userfiles.h"
 #include "files/usersettings.h"
@@ -14,10 +15,12 @@
 #include <QScopeGuard>
 #include <QSet>
 #include <QTest>
+#include <QUuid>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <functional>
 #include <memory>
 
@@ -223,6 +226,7 @@ private Q_SLOTS:
     void changedWhileItIsPinned();
     void linkAbove();
 
+    void modeIsRestricted();
     void changeGroup_data();
     void changeGroup();
     void changeGroupFails();
@@ -232,6 +236,8 @@ private Q_SLOTS:
     void movedFrom();
     void descriptorsAreClosed();
     void descriptorsAreNotInherited();
+    void newFilesArePrivate();
+    void failedCloseKeepsErrno();
     void read();
     void readWithOwnersRights_data();
     void readWithOwnersRights();
@@ -256,6 +262,7 @@ private Q_SLOTS:
     void halfAnIdentity();
 
     void removedWhileHandedOver();
+    void movedBeforeHandedOver();
     void handOverWithoutDescriptor();
     void handOverNeedsRoot();
 
@@ -367,6 +374,7 @@ void TstUserFiles::plantedAsUserFile()
                                       .entryList({QStringLiteral("1000.conf.*")},
                                                  QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
         QCOMPARE(found.size(), 1);
+        QVERIFY(!QUuid(found.first().section(QLatin1Char('.'), 2)).isNull());
         const QString aside = sharedDirectory + QLatin1Char('/') + found.first();
         QCOMPARE(log.warnings(), QStringList{QStringLiteral("Put aside \"%1\" as \"%2\"").arg(aliceFile, aside)});
         QCOMPARE(log.lines().size(), 1);
@@ -536,6 +544,7 @@ void TstUserFiles::changedWhileItIsPinned_data()
     QTest::newRow("created by another") << QStringLiteral("create") << true << 0 << 1;
     QTest::newRow("filled again and again") << QStringLiteral("look") << true << EAGAIN << 16;
     QTest::newRow("removed meanwhile") << QStringLiteral("move") << false << 0 << 0;
+    QTest::newRow("removed once created") << QStringLiteral("created") << true << EMLINK << 0;
 }
 
 // The directory's owner acts between two of root's system calls.
@@ -564,7 +573,9 @@ void TstUserFiles::changedWhileItIsPinned()
             if ((when == QLatin1String("look") && opens(call, O_PATH))
                 || (!done && when == QLatin1String("create") && opens(call, O_CREAT | O_EXCL)))
                 done = fill();
-            else if (!done && when == QLatin1String("move") && call.entry.nr == renameCall)
+            else if (!done
+                     && ((when == QLatin1String("move") && call.entry.nr == renameCall)
+                         || when == QLatin1String("created")))
                 done = QFile::remove(file);
         });
     QVERIFY(done);
@@ -580,6 +591,17 @@ void TstUserFiles::linkAbove()
     QByteArray content;
     QVERIFY(PinnedFile(outside + QStringLiteral("/way/file.conf")).read(content));
     QCOMPARE(content, QByteArray("x"));
+}
+
+void TstUserFiles::modeIsRestricted()
+{
+    QVERIFY(writeFile(file, {}));
+    QVERIFY(setOwner(file, alice, clientGroup));
+    for (const mode_t mode : {0000, 0644, 04600}) {
+        QCOMPARE(chmod(encoded(file).constData(), mode), 0);
+        QVERIFY(PinnedFile(file, alice, clientGroup).isUsable());
+        QCOMPARE(statusOf(file).st_mode & 07777, mode_t(0600));
+    }
 }
 
 void TstUserFiles::changeGroup_data()
@@ -747,6 +769,40 @@ void TstUserFiles::descriptorsAreNotInherited()
     QVERIFY(opened > 0);
     QCOMPARE(inheritable, QStringList());
     QVERIFY(QDir(sharedDirectory + QStringLiteral(".1000")).removeRecursively());
+}
+
+void TstUserFiles::newFilesArePrivate()
+{
+    QVector<quint64> modes;
+    bool areNew = true;
+    const int result = traced([] { return PinnedFile(file, alice, clientGroup).write("content") ? 0 : 1; },
+                              [&](const SystemCall &call) {
+                                  if (!opens(call, O_CREAT))
+                                      return;
+                                  areNew = areNew && opens(call, O_EXCL);
+                                  modes << call.entry.args[3];
+                              });
+    QCOMPARE(result, 0);
+    QVERIFY(areNew);
+    QCOMPARE(modes, (QVector<quint64>{0600, 0600}));
+}
+
+void TstUserFiles::failedCloseKeepsErrno()
+{
+    QVERIFY(writeFile(file, {}));
+    const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    QCOMPARE(close(next), 0);
+    {
+        const PinnedFile pinned(file);
+        QCOMPARE(close(next), 0);
+        errno = ENOSPC;
+    }
+    QCOMPARE(errno, ENOSPC);
+    {
+        const Descriptor descriptor(next);
+        errno = ENOSPC;
+    }
+    QCOMPARE(errno, ENOSPC);
 }
 
 void TstUserFiles::read()
@@ -1283,6 +1339,25 @@ void TstUserFiles::removedWhileHandedOver()
     // Root has not seen what has become of the file.
     QVERIFY(QFileInfo::exists(aside));
     QVERIFY(QDir(aside).removeRecursively());
+}
+
+void TstUserFiles::movedBeforeHandedOver()
+{
+    // Afterwards the user could be in the way.
+    QVERIFY(writeFile(file, "x"));
+    QVERIFY(setOwner(file, bob, bob));
+    QStringList order;
+    const LogCapture log;
+    const int result = traced([] { return handOver(sharedDirectory, bob, clientGroup) == HandOver::Replaced ? 0 : 1; },
+                              [&order](const SystemCall &call) {
+                                  if (call.entry.nr == SYS_renameat2 && call.entry.args[4] == RENAME_NOREPLACE)
+                                      order << QStringLiteral("move");
+                                  if (call.entry.nr == SYS_fchown && call.entry.args[1] == bob)
+                                      order << QStringLiteral("hand over");
+                              });
+    QCOMPARE(result, 0);
+    QCOMPARE(order, (QStringList{QStringLiteral("move"), QStringLiteral("hand over")}));
+    QCOMPARE(statusOf(file).st_uid, bob);
 }
 
 void TstUserFiles::handOverWithoutDescriptor()
