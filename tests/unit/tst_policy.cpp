@@ -668,6 +668,11 @@ private Q_SLOTS:
             auto *d = method.findChild<MethodKavetPrivate *>();
             QVERIFY(method.setOptionInternal(0, maxAttempts, 8));
             method.setNotificator(&daemon);
+            // Before the first session, no user's policy counts.
+            QVERIFY(TestDevice::setOwner(TestDevice::currentPolicy, 1, 1));
+            d->handleChildFileChanged(TestDevice::currentPolicy);
+            QCOMPARE(daemon.calls, Calls());
+            QVERIFY(alices("1"));
             method.handleUserSessionTriggered(TestDevice::bob, true, true);
             d->handleChildSharedDirectory(TestDevice::sharedDirectory);
             d->handleChildFileChanged(TestDevice::currentPolicy);
