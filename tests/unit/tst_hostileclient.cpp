@@ -343,11 +343,13 @@ void TstHostileClient::lateAnswer_data()
     QTest::newRow("reset") << QStringLiteral("reset");
     QTest::newRow("new attempt") << QStringLiteral("attempt");
     QTest::newRow("another user's attempt") << QStringLiteral("another");
+    QTest::newRow("another user's attempt, after a session has started") << QStringLiteral("session");
 }
 
 void TstHostileClient::lateAnswer()
 {
     QFETCH(QString, after);
+    const bool isAnother = after == QLatin1String("another") || after == QLatin1String("session");
     MethodFixture fixture;
     QVERIFY(fixture.link());
     fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("late")));
@@ -358,15 +360,17 @@ void TstHostileClient::lateAnswer()
         fixture.method.reset();
     if (after == QLatin1String("attempt"))
         fixture.method.authenticate(alice, MethodFixture::passwordData(never));
-    if (after == QLatin1String("another")) {
-        // Bob's client creates no socket, so his attempt stays open.
+    if (after == QLatin1String("session"))
+        fixture.method.handleUserSessionTriggered(carol, true, true);
+    if (isAnother) {
+        // Carol's client creates no socket, so her attempt stays open.
         setScript({{QStringLiteral("socket"), never}});
-        fixture.method.authenticate(bob, MethodFixture::passwordData(never));
-        QTRY_COMPARE(fixture.d->child.clientUid, bob);
+        fixture.method.authenticate(carol, MethodFixture::passwordData(never));
+        QTRY_COMPARE(fixture.d->child.clientUid, carol);
         QTRY_VERIFY(fixture.d->child.clientRunning);
     }
     QVERIFY(writeFile(answerFile, {}));
-    if (after != QLatin1String("another"))
+    if (!isAnother)
         QTRY_VERIFY(log.debugs().contains(
             QStringLiteral("checkPassword Dropped the reply to a request that is no longer current")));
     QCOMPARE(fixture.daemon.outcomes(), QVector<Call>());
