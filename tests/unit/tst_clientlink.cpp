@@ -439,6 +439,7 @@ void TstClientLink::serverOfAnotherUser()
         waitpid(server, nullptr, 0);
     });
 
+    fixture.d->child.uid = TestDevice::bob; // as if a launch for bob had come due while alice's client was starting
     fixture.d->currentUid = user;
     LogCapture log;
     QVERIFY(!fixture.d->connectToChild());

@@ -592,8 +592,12 @@ void TstHostileClient::linkToClientBeingKilled()
     fixture.method.handleUserSessionTriggered(alice, true, true);
     QVERIFY(fixture.d->child.clientRunning);
     QVERIFY(fixture.d->child.socketPresent);
+    const LogCapture log;
     // The list is fetched from the next client.
     QVERIFY(!fixture.d->connectToChild());
+    fixture.method.reset();
+    QVERIFY(!fixture.d->connectToChild());
+    QVERIFY(log.warnings().isEmpty());
     QCOMPARE(fixture.d->getCertList(), QStringList());
     QVERIFY(fixture.d->certListPending);
     QVERIFY(!fixture.d->certListInFlight);
