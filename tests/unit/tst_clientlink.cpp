@@ -150,6 +150,7 @@ private Q_SLOTS:
     void newLinkAfterHalfAnEnd();
     void cannotConnect_data();
     void cannotConnect();
+    void libraryCannotConnect();
     void cannotAcceptLibrary();
     void userOfTheServer_data();
     void userOfTheServer();
@@ -353,6 +354,28 @@ void TstClientLink::cannotConnect()
     QCOMPARE(d->clientStage, int(MethodKavetPrivate::MustConnect));
 }
 
+void TstClientLink::libraryCannotConnect()
+{
+    MethodFixture fixture;
+    QVERIFY(fixture.link());
+    QVERIFY(fixture.dropLink());
+    int ended = 0;
+    for (int fd = 0; fd < 1024; ++fd) {
+        int listens = 0;
+        socklen_t size = sizeof listens;
+        if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens)
+            ended += shutdown(fd, SHUT_RDWR) == 0 ? 1 : 0;
+    }
+    QCOMPARE(ended, 1);
+    LogCapture log;
+
+    QVERIFY(!fixture.d->connectToChild());
+    QCOMPARE(log.warnings().size(), 1);
+    QVERIFY(log.warnings().constFirst().contains(QStringLiteral("Failed to connect to socket /proc/self/fd/")));
+    QVERIFY(!fixture.d->guard.isOpen());
+    QVERIFY(!fixture.d->connection.isConnected());
+}
+
 void TstClientLink::cannotAcceptLibrary()
 {
     MethodFixture fixture;
@@ -553,6 +576,7 @@ void TstClientLink::reply()
         warnings << terminated;
     }
     QCOMPARE(fixture.daemon.outcomes(), QVector<Call>{outcome});
+    QVERIFY(!fixture.d->currentRequest);
     QStringList logged = log.warnings();
     logged.sort();
     warnings.sort();
