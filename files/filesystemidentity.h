@@ -4,8 +4,6 @@
 
 #include <QtGlobal>
 
-#include <cerrno>
-
 #include <sys/fsuid.h>
 #include <sys/types.h>
 
@@ -22,13 +20,11 @@ public:
         , m_assumed(uid_t(setfsuid(uid_t(-1))) == uid && gid_t(setfsgid(gid_t(-1))) == gid)
     {
     }
-    /// Restores the former identity. Preserves errno.
+    /// Restores the former identity. Preserves errno, which these calls never set.
     ~FileSystemIdentity()
     {
-        const int error = errno;
         setfsuid(m_uid);
         setfsgid(m_gid);
-        errno = error;
     }
 
     /// Whether the constructor has succeeded. Only root can assume another identity.
