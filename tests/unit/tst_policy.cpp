@@ -781,6 +781,11 @@ private Q_SLOTS:
         fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
         fixture.d->handleChildSharedDirectory(TestDevice::sharedDirectory);
         QCOMPARE(fixture.max(), QVariant(text("5")));
+        // Her next one is, although carol's launch still waits for her first start.
+        fixture.method.handleUserSessionTriggered(TestDevice::carol, true, true);
+        QCOMPARE(fixture.max(), QVariant(text("5")));
+        fixture.method.handleUserSessionTriggered(TestDevice::alice, true, true);
+        QCOMPARE(fixture.max(), QVariant(text("6")));
     }
 
     void systemLimitIsKeptOnDisk()
