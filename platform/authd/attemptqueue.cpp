@@ -113,7 +113,7 @@ void AttemptQueue::work()
     const milliseconds cut = untilCut();
     if (cut >= 0ms)
         wait = std::min(wait, cut);
-    if (!m_timer.isActive() && wait != milliseconds::max())
+    if (wait != milliseconds::max())
         m_timer.start(std::max(wait, 1ms));
 }
 
@@ -163,7 +163,7 @@ milliseconds AttemptQueue::untilCut()
     // A new arrival must not cut the turn short at once: what counts is the shorter of the turn and the longest wait.
     milliseconds longest{0};
     for (const auto &entry : m_attempts) {
-        if (entry.second.phase == Attempt::Queued && entry.second.uid != current->uid)
+        if (entry.second.phase == Attempt::Queued)
             longest = std::max(longest, milliseconds(entry.second.waiting.elapsed()));
     }
     return std::max(TurnLimit - std::min(turn, longest), 0ms);

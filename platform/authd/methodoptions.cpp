@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "methodoptions.h"
 
-#include "busvalues.h"
 #include "clientprocesses.h"
 #include "errors.h"
 #include "log.h"
@@ -123,5 +122,5 @@ QVariant MethodOptions::currentValue(uint reader, uint uid, const QString &metho
         value = plugin.getOption(uid, option);
     if (!value.isValid() || value.userType() != model.userType())
         value = plugin.getOptionInternal(uid, option);
-    return BusValues::isWritable(value) ? value : model;
+    return value;
 }

@@ -87,7 +87,6 @@ void SystemBus::start()
     connect(m_writable.data(), &QSocketNotifier::activated, this, &SystemBus::work);
     // Other code may have queued messages to write.
     connect(QAbstractEventDispatcher::instance(), &QAbstractEventDispatcher::aboutToBlock, this, &SystemBus::watch);
-    m_timer.start(0);
 }
 
 void SystemBus::work()
@@ -103,10 +102,7 @@ void SystemBus::work()
         m_readable->setEnabled(false);
         m_writable->setEnabled(false);
         Q_EMIT lost();
-        return;
     }
-    if (result > 0)
-        m_timer.start(0);
 }
 
 void SystemBus::watch()
@@ -116,9 +112,7 @@ void SystemBus::watch()
     m_writable->setEnabled((sd_bus_get_events(m_bus) & POLLOUT) != 0);
     uint64_t time = 0;
     if (sd_bus_get_timeout(m_bus, &time) <= 0 || time == UINT64_MAX) {
-        // The call has been answered. Without an interval, the timer is for more messages.
-        if (m_timer.interval() > 0)
-            m_timer.stop();
+        m_timer.stop();
         return;
     }
     constexpr uint64_t microsecondsPerMillisecond = 1000;

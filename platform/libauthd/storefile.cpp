@@ -70,8 +70,7 @@ bool StoreFile::save() const
 {
     gsize groups = 0;
     [[maybe_unused]] g_auto(GStrv) names = g_key_file_get_groups(keys(), &groups);
-    if (groups > 0)
-        removeLeftovers();
+    removeLeftovers();
     if (groups > 0 ? m_file.write() : removeFile())
         return true;
     warn("Cannot write");
@@ -183,7 +182,7 @@ bool StoreFile::setAside(int (*give)(const char *from, const char *to)) const
 
 bool StoreFile::removeFile() const
 {
-    return (unlink(m_file.path().constData()) == 0 || errno == ENOENT) && fsync(m_directory) == 0;
+    return unlink(m_file.path().constData()) == 0 && fsync(m_directory) == 0;
 }
 
 // A writer that was killed leaves its temporary file behind. While we hold the lock, no other writer is at work.
@@ -191,7 +190,7 @@ void StoreFile::removeLeftovers() const
 {
     const QFileInfo file(m_path);
     QDir directory(file.path());
-    const QStringList names = directory.entryList({file.fileName() + TemporarySuffix}, QDir::Files | QDir::Hidden);
+    const QStringList names = directory.entryList({file.fileName() + TemporarySuffix}, QDir::Files);
     for (const QString &name : names)
         directory.remove(name);
 }
