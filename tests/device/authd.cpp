@@ -9,6 +9,7 @@
 
 #include <QAtomicInt>
 #include <QDBusArgument>
+#include <QDBusConnectionInterface>
 #include <QDeadlineTimer>
 #include <QLibraryInfo>
 #include <QRegularExpression>
@@ -87,6 +88,18 @@ QByteArray Authd::log()
     return m_log;
 }
 
+QVector<QDBusPendingCall> Authd::sendAtOnce(const BusUser &user, const QVector<QDBusMessage> &calls) const
+{
+    kill(pid_t(pid()), SIGSTOP);
+    QVector<QDBusPendingCall> pending;
+    for (const QDBusMessage &call : calls)
+        pending << user.connection().asyncCall(call);
+    // The bus keeps messages in order, so after this reply it has accepted the calls.
+    user.connection().interface()->isServiceRegistered(AuthService::Service);
+    kill(pid_t(pid()), SIGCONT);
+    return pending;
+}
+
 QPair<int, QByteArray> Authd::run(const QStringList &arguments)
 {
     QProcess process;
@@ -129,10 +142,15 @@ BusUser::~BusUser()
 
 QDBusMessage BusUser::call(const QString &member, const QVariantList &arguments) const
 {
+    return m_connection.call(message(member, arguments));
+}
+
+QDBusMessage BusUser::message(const QString &member, const QVariantList &arguments)
+{
     QDBusMessage call =
         QDBusMessage::createMethodCall(AuthService::Service, AuthService::ObjectPath, AuthService::Interface, member);
     call.setArguments(arguments);
-    return m_connection.call(call);
+    return call;
 }
 
 QString BusUser::error(const QString &member, const QVariantList &arguments) const
@@ -187,6 +205,15 @@ void Reports::record(const QDBusMessage &signal)
     for (const QVariant &argument : qAsConst(values))
         arguments << reportText(argument);
     texts << signal.member() + QLatin1Char('(') + arguments.join(QStringLiteral(", ")) + QLatin1Char(')');
+}
+
+int unloggedBefore(const QByteArray &log)
+{
+    int sum = 0;
+    auto match = QRegularExpression(QStringLiteral(" unlogged-before=(\\d+)")).globalMatch(QString::fromUtf8(log));
+    while (match.hasNext())
+        sum += match.next().captured(1).toInt();
+    return sum;
 }
 
 bool heldSignalsBack(const QByteArray &errors)

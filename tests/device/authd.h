@@ -6,6 +6,7 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusPendingCall>
 #include <QDBusVariant>
 #include <QJsonObject>
 #include <QObject>
@@ -14,6 +15,8 @@
 #include <QSet>
 #include <QStringList>
 #include <QVector>
+
+class BusUser;
 
 /// The daemon as a separate process on the device's system bus.
 class Authd
@@ -33,6 +36,8 @@ public:
     QByteArray log();
     qint64 pid() const { return m_process.processId(); }
     bool isRunning() const { return m_process.state() == QProcess::Running; }
+    /// Sends the calls and waits until the bus has accepted them, so that the daemon reads all of them at once.
+    QVector<QDBusPendingCall> sendAtOnce(const BusUser &user, const QVector<QDBusMessage> &calls) const;
     /// The process, whose environment can be set before the start.
     QProcess &process() { return m_process; }
 
@@ -69,6 +74,8 @@ public:
     QDBusMessage call(const QString &member, const QVariantList &arguments = {}) const;
     /// The name of the error that the call returns; empty on success.
     QString error(const QString &member, const QVariantList &arguments = {}) const;
+    /// A call of the service, to be sent.
+    static QDBusMessage message(const QString &member, const QVariantList &arguments = {});
     QDBusConnection connection() const { return m_connection; }
 
 private:
@@ -101,6 +108,9 @@ private Q_SLOTS:
 /// Logs the user in with the scripted client. After the client has been started again, attempts fail until its socket
 /// appears, so this repeats them. Returns false, with a warning, when an attempt fails otherwise or none succeeds.
 bool logIn(const BusUser &user, uint uid);
+
+/// The sum of the log lines' counts of similar lines that were left out.
+int unloggedBefore(const QByteArray &log);
 
 /// Whether a program that ran with debuggedBus() logged, on standard error, that it held signals back until its event
 /// loop ran. Later signals may overtake held ones, so the program would see them in the wrong order.

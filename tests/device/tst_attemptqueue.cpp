@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authd.h"
+#include "device/polltimeout.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
@@ -65,6 +66,7 @@ private Q_SLOTS:
     void replyComesFirst();
     void stateComesWithTheReply();
     void challengeGoesOn();
+    void anotherChallenge();
     void challengeOfAnother();
     void secondAttempt();
     void secondAttemptOfAnother();
@@ -74,9 +76,11 @@ private Q_SLOTS:
     void callerGoes();
     void timeLimit_data();
     void timeLimit();
+    void timeLimitByDefault();
     void enteringRenewsTheTime();
     void lockEndsTheAttempt();
     void queue();
+    void waitsAgain();
     void rootComesFirst();
     void rootDoesNotWaitForChallenges();
     void longAttemptIsCutShort_data();
@@ -174,6 +178,16 @@ void TstAttemptQueue::stateComesWithTheReply()
     const QVariantList answer = user.call(QStringLiteral("GetState"), {alice}).arguments();
     QCOMPARE(answer.at(0).toULongLong(), second);
     QVERIFY(answer.at(1) == QLatin1String("queued") || answer.at(1) == QLatin1String("pending"));
+
+    // This also holds before the daemon has begun to work on the attempt, and for one that goes on.
+    const QDBusMessage ask = BusUser::message(QStringLiteral("GetState"), {alice});
+    for (const char *text : {"input", "fail:11"}) {
+        QVector<QDBusPendingCall> calls = m_authd.sendAtOnce(
+            user, {BusUser::message(QStringLiteral("Authenticate"), {alice, puppet, script(text)}), ask});
+        calls.last().waitForFinished();
+        QCOMPARE(calls.last().reply().arguments().value(1).toString(), QStringLiteral("queued"));
+        QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    }
 }
 
 void TstAttemptQueue::challengeGoesOn()
@@ -187,6 +201,16 @@ void TstAttemptQueue::challengeGoesOn()
     QCOMPARE(open(user, alice, "succeed"), attempt);
     QTRY_VERIFY(isTold(attempt, QStringLiteral("StateChanged(1000, authenticated")));
     QCOMPARE(m_reports->texts.filter(QStringLiteral("AttemptGivenUp")), QStringList());
+}
+
+void TstAttemptQueue::anotherChallenge()
+{
+    // A request without input does not continue an attempt that waits for input.
+    const BusUser user(alice);
+    const qulonglong attempt = open(user, alice, "input");
+    QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    QVERIFY(request(user, alice) != attempt);
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, replaced)")));
 }
 
 void TstAttemptQueue::challengeOfAnother()
@@ -326,6 +350,15 @@ void TstAttemptQueue::timeLimit()
     QTRY_COMPARE(told(attempt).constLast(), QStringLiteral("StateChanged(1000, idle, {})"));
 }
 
+void TstAttemptQueue::timeLimitByDefault()
+{
+    const BusUser user(alice);
+    open(user, alice, "input");
+    QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    QTRY_VERIFY(pollTimeout(m_authd.pid()) > 50000);
+    QVERIFY(pollTimeout(m_authd.pid()) <= 60000);
+}
+
 void TstAttemptQueue::enteringRenewsTheTime()
 {
     start({QStringLiteral("--attempt-timeout=3")});
@@ -377,12 +410,32 @@ void TstAttemptQueue::queue()
     QCOMPARE(m_reports->attempts.at(ofAlice), again);
     // The method was never called for the attempt that was given up in the queue.
     QCOMPARE(m_authd.log().count("event=attempt-begun"), 4);
+    // Waiting was reported only once.
+    QCOMPARE(told(third).filter(QStringLiteral("queued")).size(), 1);
+}
+
+void TstAttemptQueue::waitsAgain()
+{
+    const BusUser callerOfAlice(alice);
+    const BusUser callerOfBob(bob);
+    const qulonglong first = open(callerOfBob, bob, "");
+    const qulonglong attempt = open(callerOfAlice, alice, "input");
+    const QString queued = QStringLiteral("StateChanged(1000, queued, {method=puppet})");
+    QTRY_COMPARE(told(attempt), QStringList{queued});
+    QCOMPARE(callerOfBob.error(QStringLiteral("Cancel"), {first}), QString());
+    QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
+    open(callerOfBob, bob, "");
+    QTRY_COMPARE(state(bob), QStringLiteral("pending"));
+    QCOMPARE(open(callerOfAlice, alice, "succeed"), attempt);
+    QTRY_COMPARE(told(attempt).count(queued), 2);
 }
 
 void TstAttemptQueue::rootComesFirst()
 {
     const BusUser callerOfAlice(alice);
     const BusUser callerOfBob(bob);
+    QElapsedTimer turn;
+    turn.start();
     const qulonglong first = open(callerOfAlice, alice, "");
     open(callerOfBob, bob, "succeed");
     QTRY_COMPARE(state(bob), QStringLiteral("queued"));
@@ -391,6 +444,7 @@ void TstAttemptQueue::rootComesFirst()
     open(*m_root, carol, "succeed");
     QTRY_VERIFY(isTold(first, QStringLiteral("AttemptGivenUp(1000, puppet, cut-short)")));
     QTRY_COMPARE(state(carol), QStringLiteral("authenticated"));
+    QVERIFY2(turn.elapsed() >= 3000, qPrintable(QString::number(turn.elapsed())));
     QVERIFY2(clock.elapsed() < 4000, qPrintable(QString::number(clock.elapsed())));
     QTRY_VERIFY(m_reports->texts.contains(QStringLiteral("Authenticated(1001, puppet)")));
     QVERIFY(m_reports->texts.indexOf(QStringLiteral("Authenticated(1002, puppet)"))
@@ -414,11 +468,12 @@ void TstAttemptQueue::longAttemptIsCutShort_data()
 {
     QTest::addColumn<uint>("holder");
     QTest::addColumn<uint>("waiter");
+    QTest::addColumn<int>("shortest"); // How long it lasts at least, in milliseconds.
 
-    QTest::newRow("a user's for a user's") << alice << bob;
-    QTest::newRow("a user's for root's") << alice << uint(0);
-    QTest::newRow("root's for a user's") << uint(0) << bob;
-    QTest::newRow("root's for root's") << uint(0) << uint(0);
+    QTest::newRow("a user's for a user's") << alice << bob << 4000;
+    QTest::newRow("a user's for root's") << alice << uint(0) << 3000;
+    QTest::newRow("root's for a user's") << uint(0) << bob << 4000;
+    QTest::newRow("root's for root's") << uint(0) << uint(0) << 4000;
 }
 
 void TstAttemptQueue::longAttemptIsCutShort()
@@ -427,6 +482,8 @@ void TstAttemptQueue::longAttemptIsCutShort()
     QFETCH(uint, waiter);
     const BusUser holding(holder);
     const BusUser waiting(waiter);
+    QElapsedTimer turn;
+    turn.start();
     const qulonglong attempt = open(holding, alice, "restart");
     QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
     QElapsedTimer clock;
@@ -434,6 +491,8 @@ void TstAttemptQueue::longAttemptIsCutShort()
     const qulonglong next = open(waiting, bob, "succeed");
     QTRY_VERIFY_WITH_TIMEOUT(isTold(next, QStringLiteral("Authenticated")), 20000);
     QVERIFY2(clock.elapsed() < longestWait, qPrintable(QString::number(clock.elapsed())));
+    QFETCH(int, shortest);
+    QVERIFY2(turn.elapsed() >= shortest, qPrintable(QString::number(turn.elapsed())));
     QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, cut-short)")));
 }
 
@@ -506,11 +565,13 @@ void TstAttemptQueue::tooManyAttempts()
 
     // The rate at which an ordinary user can open attempts is limited.
     const BusUser user(bob);
-    QString error;
-    for (int i = 0; i < 1000 && error.isEmpty();
-         ++i) // Without pauses, because the allowance grows by a few every second.
-        error = user.error(QStringLiteral("Authenticate"), {bob, puppet, script("")});
-    QCOMPARE(error, limitsExceeded);
+    QElapsedTimer clock;
+    clock.start();
+    qint64 opened = 0;
+    while (open(user, bob, "") != 0) // Without pauses, because the allowance grows by a few every second.
+        ++opened;
+    QCOMPARE(user.error(QStringLiteral("Authenticate"), {bob, puppet, script("")}), limitsExceeded);
+    QVERIFY2(opened >= 50 && opened <= 50 + 5 * (clock.elapsed() / 1000 + 1), qPrintable(QString::number(opened)));
 }
 
 QTEST_GUILESS_MAIN(TstAttemptQueue)

@@ -6,6 +6,8 @@
 #include "support/wiper.h"
 
 #include <QDBusArgument>
+#include <QDBusConnectionInterface>
+#include <QDBusPendingCall>
 #include <QDir>
 #include <QFile>
 #include <QScopedPointer>
@@ -18,6 +20,7 @@ namespace {
 const QString puppet = QStringLiteral("puppet");
 const uint alice = TestDevice::alice;
 const uint bob = TestDevice::bob;
+const uint serviceAccount = 33;
 const QString accessDenied = QStringLiteral("org.freedesktop.DBus.Error.AccessDenied");
 const QString invalidArgs = QStringLiteral("org.freedesktop.DBus.Error.InvalidArgs");
 const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
@@ -61,23 +64,34 @@ private Q_SLOTS:
 
     void outcomes_data();
     void outcomes();
+    void countedFailures();
+    void outcomeComesFirst_data();
+    void outcomeComesFirst();
+    void unlockedAtOnce();
     void firstOutcomeCounts();
     void outcomeWithoutAttempt_data();
     void outcomeWithoutAttempt();
     void restart();
     void restartOfOthers();
+    void challengeGoesOn();
     void givenUpRequestIsForgotten();
     void locks();
     void lockDuration();
     void longerLockStays();
     void methodUnlocks();
+    void lockedDuringTheAttempt_data();
     void lockedDuringTheAttempt();
+    void lockUntilTheEndOfTime();
     void nobodyIsLocked();
     void lockNotSaved();
     void sessions();
     void events();
+    void messages_data();
+    void messages();
     void attemptsInTheLog();
     void computedOptions();
+    void typesOfValues();
+    void clientsOptions();
     void rules_data();
     void rules();
     void ownOptions();
@@ -138,6 +152,10 @@ void TstAuthenticator::outcomes_data()
         << "fail" << increaseAttempts
         << QStringList{pending, QStringLiteral("AuthenticationFailed(1000, puppet, -1, , true, 99)"),
                        QStringLiteral("StateChanged(1000, challenge, {method=puppet})")};
+    QTest::newRow("failure that does not count")
+        << "fail:9" << QStringList{QStringLiteral("reset")}
+        << QStringList{pending, QStringLiteral("AuthenticationFailed(1000, puppet, 9, Code9, false, 100)"),
+                       QStringLiteral("StateChanged(1000, challenge, {method=puppet, result-code=9})")};
     QTest::newRow("input") << "input" << QStringList{QStringLiteral("reset")}
                            << QStringList{pending,
                                           QStringLiteral("StateChanged(1000, challenge, {input-request-type=2, "
@@ -157,6 +175,75 @@ void TstAuthenticator::outcomes()
     QCOMPARE(this->told(), request + told);
     // The attempt has ended, so another can begin.
     QCOMPARE(attempt(bob, script), QString());
+}
+
+void TstAuthenticator::countedFailures()
+{
+    const QVector<int> counted = {1, 7, 8, 11};
+    int left = 100;
+    for (int code = 0; code <= 15; ++code) {
+        left -= counted.contains(code);
+        QCOMPARE(attempt(alice, QStringLiteral("fail:%1").arg(code)), QString());
+        const QString report = QStringLiteral("AuthenticationFailed(1000, puppet, %1, Code%1, %2, %3)")
+                                   .arg(code)
+                                   .arg(QVariant(counted.contains(code)).toString())
+                                   .arg(left);
+        QTRY_VERIFY2(m_reports->texts.contains(report), qPrintable(report));
+    }
+}
+
+void TstAuthenticator::outcomeComesFirst_data()
+{
+    QTest::addColumn<QString>("member"); // Empty: the caller leaves.
+    QTest::addColumn<QVariantList>("arguments");
+    QTest::addColumn<QString>("error");
+    QTest::addColumn<QString>("state");
+
+    QTest::newRow("another attempt") << "RequestChallenge" << QVariantList{alice, puppet} << QString() << "pending";
+    QTest::newRow("cancelling") << "Cancel" << QVariantList{qulonglong(1)} << "qarv.AuthService.Error.NoAttempt"
+                                << "authenticated";
+    QTest::newRow("end of the session") << "SessionStopped" << QVariantList{alice, true} << QString() << "idle";
+    QTest::newRow("caller leaves") << QString() << QVariantList() << QString() << "authenticated";
+}
+
+// The daemon reads the next message before it has handled the method's outcome.
+void TstAuthenticator::outcomeComesFirst()
+{
+    QFETCH(QString, member);
+    QFETCH(QVariantList, arguments);
+    QFETCH(QString, error);
+    QCOMPARE(m_user->error(QStringLiteral("Authenticate"), {alice, puppet, QVariantMap()}), QString());
+    QTRY_COMPARE(state(alice), QStringLiteral("pending"));
+    const QDBusMessage outcome =
+        BusUser::message(QStringLiteral("SetUserMethodOption"),
+                         {alice, puppet, QStringLiteral("do"), variant(QStringLiteral("succeed"))});
+    if (member.isEmpty()) {
+        const QString name = m_user->connection().baseService();
+        kill(pid_t(m_authd.pid()), SIGSTOP);
+        m_root->connection().asyncCall(outcome);
+        m_user.reset();
+        QTRY_VERIFY(!m_root->connection().interface()->isServiceRegistered(name));
+        kill(pid_t(m_authd.pid()), SIGCONT);
+    } else {
+        QVector<QDBusPendingCall> calls = m_authd.sendAtOnce(*m_root, {outcome, BusUser::message(member, arguments)});
+        calls.last().waitForFinished();
+        QCOMPARE(calls.last().error().name(), error.isEmpty() ? QDBusError().name() : error);
+    }
+    QTRY_VERIFY(m_reports->texts.contains(QStringLiteral("Authenticated(1000, puppet)")));
+    QVERIFY(m_reports->texts.filter(QStringLiteral("AttemptGivenUp")).isEmpty());
+    QTEST(state(alice), "state");
+}
+
+void TstAuthenticator::unlockedAtOnce()
+{
+    const QVector<QDBusPendingCall> calls = m_authd.sendAtOnce(
+        *m_root, {BusUser::message(QStringLiteral("SetUserMethodOption"),
+                                   {alice, puppet, QStringLiteral("do"), variant(QStringLiteral("lock:-1"))}),
+                  BusUser::message(QStringLiteral("Unlock"), {alice})});
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+    // The method learns of the lock before it learns of the end.
+    QCOMPARE(told(),
+             (QStringList{QStringLiteral("locked 1000 1 on strings 4294967295"), QStringLiteral("locked 1000 0  0")}));
 }
 
 void TstAuthenticator::firstOutcomeCounts()
@@ -230,13 +317,35 @@ void TstAuthenticator::restartOfOthers()
     QCOMPARE(m_reports->texts.size(), 2);
     QVERIFY(m_authd.waitForLog("event=restart method=puppet uid=0\n"));
     QCOMPARE(state(alice), QStringLiteral("pending"));
+    // For a user whose attempt has not begun, nothing has changed.
+    QCOMPARE(attempt(bob, QString()), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1001, queued")));
+    act(alice, QStringLiteral("restart:1001"));
+    QVERIFY(m_authd.waitForLog("event=restart method=puppet uid=1001\n", 2));
+    QCOMPARE(state(bob), QStringLiteral("queued"));
+}
+
+void TstAuthenticator::challengeGoesOn()
+{
+    // The method keeps what it has prepared, since there is no input that it must not use later.
+    QCOMPARE(m_root->error(QStringLiteral("RequestChallenge"), {alice, puppet}), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, pending")));
+    act(alice, QStringLiteral("input"));
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, challenge")));
+    QCOMPARE(told(), (QStringList{QStringLiteral("reset"), QStringLiteral("authenticate 1000")}));
 }
 
 void TstAuthenticator::givenUpRequestIsForgotten()
 {
     QCOMPARE(attempt(alice, QString()), QString());
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, pending")));
+    const qulonglong active = m_reports->attempts.constLast();
+    // One that has not begun does not concern the method.
+    QCOMPARE(attempt(bob, QString()), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1001, queued")));
     QCOMPARE(m_root->error(QStringLiteral("Cancel"), {m_reports->attempts.constLast()}), QString());
+    QCOMPARE(told(), (QStringList{QStringLiteral("reset"), QStringLiteral("authenticate 1000")}));
+    QCOMPARE(m_root->error(QStringLiteral("Cancel"), {active}), QString());
     QCOMPARE(told(),
              (QStringList{QStringLiteral("reset"), QStringLiteral("authenticate 1000"), QStringLiteral("reset")}));
 }
@@ -276,6 +385,8 @@ void TstAuthenticator::lockDuration()
     act(alice, QStringLiteral("lock:200"));
     QTRY_VERIFY(!TestDevice::readFile(locksFile).contains("[1001]"));
     QVERIFY(TestDevice::readFile(locksFile).contains("[1000]"));
+    QCOMPARE(m_root->error(QStringLiteral("Unlock"), {bob}), QString());
+    QVERIFY(!m_authd.log().contains("event=user-unlocked"));
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
     QCOMPARE(state(alice), QStringLiteral("locked"));
@@ -303,10 +414,19 @@ void TstAuthenticator::methodUnlocks()
     QCOMPARE(attempt(alice, QStringLiteral("succeed")), QString());
 }
 
+void TstAuthenticator::lockedDuringTheAttempt_data()
+{
+    QTest::addColumn<QString>("script");
+    for (const char *script : {"succeed lock:-1", "lock:-1 succeed"})
+        QTest::newRow(script) << script;
+}
+
 void TstAuthenticator::lockedDuringTheAttempt()
 {
     // The lock takes effect at once, even before a success that the method has just reported.
-    QCOMPARE(attempt(alice, QStringLiteral("succeed lock:-1")), QString());
+    QFETCH(QString, script);
+    QCOMPARE(attempt(alice, script), QString());
+    QTRY_VERIFY(m_reports->texts.contains(QStringLiteral("AttemptGivenUp(1000, puppet, locked)")));
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, locked")));
     QVERIFY(m_authd.waitForLog("event=success-of-locked-user method=puppet uid=1000\n"));
     QVERIFY(!m_reports->texts.contains(QStringLiteral("Authenticated(1000, puppet)")));
@@ -315,6 +435,15 @@ void TstAuthenticator::lockedDuringTheAttempt()
     // Unlocking does not restore the state of the interrupted attempt.
     act(alice, QStringLiteral("unlock"));
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+}
+
+void TstAuthenticator::lockUntilTheEndOfTime()
+{
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QVERIFY(TestDevice::writeFile(locksFile, "[1000]\nmethod=m\nreason=r\nuntil=9000000000000000000\n"));
+    QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
+    const QVariant details = m_root->call(QStringLiteral("GetState"), {alice}).arguments().value(2);
+    QCOMPARE(reportText(details), QStringLiteral("{duration=4294967294, method=m, reason=r}"));
 }
 
 void TstAuthenticator::nobodyIsLocked()
@@ -361,6 +490,15 @@ void TstAuthenticator::sessions()
     QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {bob, true}), QString());
     QCOMPARE(state(bob), QStringLiteral("idle"));
     QCOMPARE(told().count(QStringLiteral("reset")), 2);
+
+    // The method's last request belongs to the session, even if the attempt has ended.
+    QCOMPARE(attempt(alice, QStringLiteral("succeed")), QString());
+    QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, authenticated")));
+    for (int i = 0; i < 2; ++i) {
+        QCOMPARE(m_root->error(QStringLiteral("SessionStopped"), {alice, true}), QString());
+        QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
+        QCOMPARE(told().count(QStringLiteral("reset")), 4);
+    }
 }
 
 void TstAuthenticator::events()
@@ -376,6 +514,36 @@ void TstAuthenticator::events()
         QCOMPARE(report.member(), QStringLiteral("UserMethodOptionChanged"));
     // The daemon does not even try, because the library would log a warning.
     QVERIFY(!m_authd.log().contains("event=message"));
+}
+
+void TstAuthenticator::messages_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArrayList>("levels");
+    QTest::newRow("levels") << QStringList() << QByteArrayList{"level=debug ", "level=info ",   "level=warning ",
+                                                               "level=error ", "level=notice ", "level=critical "};
+    QTest::newRow("journal's form") << QStringList{QStringLiteral("--journal")}
+                                    << QByteArrayList{"<7>", "<6>", "<4>", "<3>", "<5>", "<2>"};
+}
+
+void TstAuthenticator::messages()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArrayList, levels);
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QVERIFY(m_authd.start(QStringLiteral("/tmp/methods"), arguments));
+    act(alice, QStringLiteral("messages event"));
+    const QByteArray message = "event=message category=default text=";
+    const QByteArrayList lines = {message + "debug\n", message + "info\n", message + "warning\n",
+                                  message + "critical\n", "event=method-event "};
+    for (int i = 0; i < lines.size(); ++i)
+        QVERIFY(m_authd.waitForLog(levels.at(i) + lines.at(i)));
+    m_root->connection().asyncCall(
+        BusUser::message(QStringLiteral("SetUserMethodOption"),
+                         {alice, puppet, QStringLiteral("do"), variant(QStringLiteral("fatal"))}));
+    QTRY_VERIFY(!m_authd.isRunning());
+    QVERIFY(m_authd.log().endsWith(levels.constLast() + message + "fatal\n"));
+    QVERIFY(m_authd.start(QStringLiteral("/tmp/methods")));
 }
 
 void TstAuthenticator::attemptsInTheLog()
@@ -437,10 +605,57 @@ void TstAuthenticator::computedOptions()
 
     const QDBusMessage all = m_root->call(QStringLiteral("GetMethodOptions"), {puppet});
     const QVariantMap values = qdbus_cast<QVariantMap>(all.arguments().constFirst());
-    QCOMPARE(values.size(), 11);
+    QCOMPARE(values.size(), 14);
     QCOMPARE(values.value(QStringLiteral("computed")), QVariant(42));
     QCOMPARE(values.value(QStringLiteral("computed open")), QVariant(5));
     QCOMPARE(values.value(QStringLiteral("list")).toStringList(), QStringList());
+}
+
+void TstAuthenticator::typesOfValues()
+{
+    const QVector<QVariant> stored = {true,
+                                      -7,
+                                      4294967295U,
+                                      qlonglong(-5000000000),
+                                      qulonglong(18446744073709551615U),
+                                      0.5,
+                                      QStringLiteral("text"),
+                                      QStringList{QStringLiteral("a"), QStringLiteral("b")},
+                                      QByteArray("a\0b", 3)};
+    const QString anything = QStringLiteral("anything");
+    for (const QVariant &value : stored) {
+        QCOMPARE(m_root->error(QStringLiteral("SetMethodOption"), {puppet, anything, variant(value)}), QString());
+        QCOMPARE(option(anything), value);
+        QCOMPARE(option(anything).userType(), value.userType());
+    }
+    // Only the method itself has options of these types.
+    QCOMPARE(option(QStringLiteral("byte")), QVariant::fromValue(uchar(200)));
+    QCOMPARE(option(QStringLiteral("short")), QVariant::fromValue(short(-7)));
+    QCOMPARE(option(QStringLiteral("unsigned short")), QVariant::fromValue(ushort(65000)));
+
+    QVariantMap data = {{QStringLiteral("do"), QStringLiteral("succeed")},
+                        {QStringLiteral("byte"), QVariant::fromValue(uchar(200))},
+                        {QStringLiteral("short"), QVariant::fromValue(short(-7))},
+                        {QStringLiteral("unsigned short"), QVariant::fromValue(ushort(65000))}};
+    for (const QVariant &value : stored)
+        data.insert(QString::fromLatin1(value.typeName()), value);
+    QCOMPARE(m_root->error(QStringLiteral("Authenticate"), {alice, puppet, data}), QString());
+}
+
+void TstAuthenticator::clientsOptions()
+{
+    const auto read = [this] {
+        const QDBusMessage reply =
+            m_user->call(QStringLiteral("GetMethodOption"), {puppet, QStringLiteral("computed")});
+        return reportText(reply.arguments().value(0));
+    };
+    const QString computed = QStringLiteral("42");
+    const QString ofNobody = QStringLiteral("1");
+    QCOMPARE(read(), ofNobody);
+    act(alice, QStringLiteral("launch:1000"));
+    QTRY_COMPARE(read(), computed);
+    act(alice, QStringLiteral("launch:1001"));
+    QTRY_COMPARE(read(), ofNobody);
 }
 
 void TstAuthenticator::rules_data()
@@ -467,6 +682,9 @@ void TstAuthenticator::rules_data()
     good("64 bits as int", "number", qlonglong(7), 7);
     good("whole double as int", "number", 7.0, 7);
     good("text as int", "number", QStringLiteral("7"), 7);
+    good("16 bits as int", "number", QVariant::fromValue(short(-7)), -7);
+    good("unsigned 16 bits as int", "number", QVariant::fromValue(ushort(65000)), 65000);
+    good("unsigned 64 bits as int", "number", qulonglong(7), 7);
     wrong("too large unsigned", "number", 4294967295U, 1);
     wrong("too large 64 bits", "number", qlonglong(4294967297), 1);
     wrong("fraction", "number", 7.5, 1);
@@ -476,6 +694,7 @@ void TstAuthenticator::rules_data()
     wrong("list as int", "number", QStringList{QStringLiteral("a"), QStringLiteral("b")}, 1);
     wrong("bool as int", "number", true, 1);
     wrong("map as int", "number", QVariantMap(), 1);
+    wrong("no rule, variant", "anything", variant(7), 0);
     good("bool", "switch", true, true);
     good("text as bool", "switch", QStringLiteral("true"), true);
     wrong("other text as bool", "switch", QStringLiteral("yes"), false);
@@ -491,6 +710,11 @@ void TstAuthenticator::rules_data()
     tooLong("too long bytes", "anything", QByteArray(4097, 'x'), 0);
     tooLong("too long list", "list", QStringList{longest.left(2047), longest.left(2048)}, QStringList());
     tooLong("too long text as list", "list", longest, QStringList());
+    QStringList manyTexts;
+    for (int i = 0; i <= 64; ++i)
+        manyTexts << QString();
+    tooLong("list of too many", "list", manyTexts, QStringList());
+    good("long list", "list", QStringList(manyTexts.mid(1)), QStringList(manyTexts.mid(1)));
     good("list", "list", QStringList{QStringLiteral("a"), QStringLiteral("b")},
          QStringList{QStringLiteral("a"), QStringLiteral("b")});
     good("text as list", "list", QStringLiteral("a"), QStringList{QStringLiteral("a")});
@@ -537,6 +761,14 @@ void TstAuthenticator::ownOptions()
     QCOMPARE(m_root->error(member, {uint(4711), puppet, mine, variant(7)}),
              QStringLiteral("qarv.AuthService.Error.NoSuchUser"));
     QVERIFY(m_authd.log().contains("event=option-set method=puppet uid=1001 option=mine by=0\n"));
+    QVERIFY(m_authd.log().contains("event=option-set method=puppet uid=1000 option=mine by=1000\n"));
+    const QVariantList guarded = {alice, puppet, QStringLiteral("guarded"), variant(7)};
+    QCOMPARE(m_user->error(member, guarded), accessDenied);
+    QCOMPARE(m_root->error(member, guarded), QString());
+    // A service account may not even write what every user may.
+    const QVariantList number = {puppet, QStringLiteral("number"), variant(7)};
+    QCOMPARE(BusUser(serviceAccount).error(QStringLiteral("SetMethodOption"), number), accessDenied);
+    QCOMPARE(option(QStringLiteral("number")), QVariant(1));
 }
 
 void TstAuthenticator::valueThatCannotBeStored()
@@ -575,6 +807,8 @@ void TstAuthenticator::secretsAreWiped_data()
     row("input", "input", "challenge");
     row("locked", "succeed lock:-1", "locked");
     row("given up", "", "pending");
+    row("given up in the queue", "", "queued");
+    row("entered again", "restart", "challenge");
 }
 
 void TstAuthenticator::secretsAreWiped()
@@ -583,18 +817,29 @@ void TstAuthenticator::secretsAreWiped()
     QFETCH(QString, end);
     const QString secret = QStringLiteral("wiped-secret-of-") + QString::fromLatin1(QTest::currentDataTag());
     const QByteArray inMemory(reinterpret_cast<const char *>(secret.utf16()), secret.size() * int(sizeof(ushort)));
+    const QByteArray inBytes = "bytes-" + secret.toUtf8();
     if (TestDevice::isOrdinaryUsers())
         QSKIP(noMemory);
     QVERIFY(!processMemory(m_authd.pid()).isNull());
-    const QDBusMessage reply = m_root->call(
-        QStringLiteral("Authenticate"),
-        {alice, puppet, QVariantMap{{QStringLiteral("do"), script}, {QStringLiteral("password"), secret}}});
+    if (end == QLatin1String("queued"))
+        QCOMPARE(attempt(bob, QString()), QString());
+    const QDBusMessage reply = m_root->call(QStringLiteral("Authenticate"),
+                                            {alice, puppet,
+                                             QVariantMap{{QStringLiteral("do"), script},
+                                                         {QStringLiteral("password"), secret},
+                                                         {QStringLiteral("list"), QStringList{QString(), secret}},
+                                                         {QStringLiteral("bytes"), inBytes}}});
     QTRY_COMPARE(state(alice), end);
+    if (script == QLatin1String("restart")) {
+        QVERIFY(processMemory(m_authd.pid()).contains(inMemory));
+        QCOMPARE(attempt(alice, QStringLiteral("input")), QString());
+    }
     if (script.isEmpty()) {
         QVERIFY(processMemory(m_authd.pid()).contains(inMemory));
         QCOMPARE(m_root->error(QStringLiteral("Cancel"), reply.arguments()), QString());
     }
     QTRY_VERIFY(!processMemory(m_authd.pid()).contains(inMemory));
+    QTRY_VERIFY(!processMemory(m_authd.pid()).contains(inBytes));
 }
 
 QTEST_GUILESS_MAIN(TstAuthenticator)

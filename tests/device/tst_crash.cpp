@@ -7,11 +7,13 @@
 
 #include <QDBusConnectionInterface>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QJsonArray>
 #include <QScopeGuard>
 #include <QScopedPointer>
 #include <QSet>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 
@@ -98,10 +100,13 @@ private Q_SLOTS:
 
     void clientIsGone();
     void unexecutedChildIsGone();
+    void signalOfAChild();
     void environmentDoesNotMatter();
     void othersAreLeftAlone();
     void recordDoesNotGrow();
     void nameIsWaitedFor();
+    void nameIsNeverFree();
+    void predecessorIsWaitedFor();
     void secondDaemonLeavesTheFirstAlone();
     void sessionsAreKnownAgain();
     void sessionOfLockedUser();
@@ -182,6 +187,18 @@ void TstCrash::unexecutedChildIsGone()
     QVERIFY(!isAlive(late));
 }
 
+void TstCrash::signalOfAChild()
+{
+    // A child that has not executed its program has the daemon's signal handlers.
+    QVERIFY(m_authd.start(puppetOnly));
+    const BusUser root(0);
+    const pid_t child = forkChild(root, 0);
+    kill(child, SIGTERM);
+    QTRY_VERIFY(!isAlive(child));
+    QCOMPARE(root.error(QStringLiteral("GetMethods")), QString());
+    QVERIFY(m_authd.isRunning());
+}
+
 void TstCrash::environmentDoesNotMatter()
 {
     // A process can overwrite its own environment, so the daemon must not rely on it to recognise its children.
@@ -226,6 +243,12 @@ void TstCrash::recordDoesNotGrow()
 {
     QVERIFY(m_authd.start(puppetOnly));
     const BusUser root(0);
+    // A record of an ended process whose pid now belongs to another.
+    QFile record(childRecord);
+    QVERIFY(record.open(QIODevice::Append));
+    const QByteArray reused = QByteArray::number(getpid()) + " (";
+    record.write(reused + "x) S 1" + QByteArray(" 1").repeated(20) + '\n');
+    record.close();
     QVector<pid_t> forked;
     for (int i = 0; i < 200; ++i) {
         forked << forkChild(root, bob);
@@ -233,6 +256,13 @@ void TstCrash::recordDoesNotGrow()
             kill(forked.at(i), SIGKILL);
     }
     QVERIFY(TestDevice::readFile(childRecord).count('\n') < 70);
+    QVERIFY(!TestDevice::readFile(childRecord).contains(reused));
+    // The daemon has only the present file open.
+    QStringList open;
+    const QFileInfoList files = QDir(QStringLiteral("/proc/%1/fd").arg(m_authd.pid())).entryInfoList(QDir::Files);
+    for (const QFileInfo &file : files)
+        open << file.symLinkTarget();
+    QCOMPARE(open.filter(childRecord), QStringList{childRecord});
     m_authd.stop(SIGKILL);
     QVERIFY(isAlive(forked.constFirst()));
     QVERIFY(m_authd.start(puppetOnly));
@@ -249,6 +279,25 @@ void TstCrash::nameIsWaitedFor()
     QTimer::singleShot(1500, this, [&bus, service] { bus.unregisterService(service); });
     QVERIFY(m_authd.start());
     QCOMPARE(BusUser(0).error(QStringLiteral("GetMethods")), QString());
+}
+
+void TstCrash::nameIsNeverFree()
+{
+    const BusUser predecessor(0);
+    QVERIFY(predecessor.connection().registerService(QStringLiteral("qarv.AuthService")));
+    const auto result = Authd::run({QStringLiteral("--methods"), puppetOnly});
+    QCOMPARE(result.first, 4);
+    QVERIFY2(result.second.endsWith("level=error event=name-taken\n"), result.second.constData());
+}
+
+void TstCrash::predecessorIsWaitedFor()
+{
+    QVERIFY(m_authd.start(puppetOnly));
+    // Late enough that the successor has found the lock taken. The exact time does not matter.
+    QTimer::singleShot(1500, this, [this] { kill(pid_t(m_authd.pid()), SIGTERM); });
+    Authd successor;
+    QVERIFY(successor.start(puppetOnly));
+    QCOMPARE(successor.stop(SIGTERM), 0);
 }
 
 void TstCrash::secondDaemonLeavesTheFirstAlone()
@@ -282,6 +331,10 @@ void TstCrash::sessionsAreKnownAgain()
         QVERIFY(m_authd.start(puppetOnly));
         QCOMPARE(told(), (QStringList{QStringLiteral("session 1000 1 1"), QStringLiteral("session 1001 1 0")}));
     }
+    const QFileInfoList files = QDir(QStringLiteral("/run/authd")).entryInfoList(QDir::Files);
+    QCOMPARE(files.size(), 3);
+    for (const QFileInfo &file : files)
+        QCOMPARE(file.permissions() & ~(QFile::ReadUser | QFile::WriteUser), QFile::ReadOwner | QFile::WriteOwner);
 }
 
 void TstCrash::sessionOfLockedUser()
@@ -339,26 +392,32 @@ void TstCrash::loginManagerKnowsNoSession()
 
 void TstCrash::loginManagerFails_data()
 {
-    QTest::addColumn<bool>("isError");
+    QTest::addColumn<int>("type");
     QTest::addColumn<QByteArray>("error");
-    QTest::newRow("error") << true << QByteArray("org.freedesktop.DBus.Error.Failed");
-    QTest::newRow("another answer") << false << QByteArray("\"\"");
+    QTest::newRow("error") << int(QDBusMessage::ErrorMessage) << QByteArray("org.freedesktop.DBus.Error.Failed");
+    QTest::newRow("another answer") << int(QDBusMessage::ReplyMessage) << QByteArray("\"\"");
+    QTest::newRow("no answer") << int(QDBusMessage::InvalidMessage) << QByteArray("org.freedesktop.DBus.Error.NoReply");
 }
 
 void TstCrash::loginManagerFails()
 {
-    QFETCH(bool, isError);
+    QFETCH(int, type);
     QFETCH(QByteArray, error);
     QVERIFY(m_authd.start(puppetOnly));
     QCOMPARE(BusUser(0).error(QStringLiteral("SessionStarted"), {bob, false}), QString());
     m_authd.stop(SIGKILL);
     const FakeService manager(QStringLiteral("org.freedesktop.login1"), QStringLiteral("/org/freedesktop/login1"),
-                              [isError](const QDBusMessage &call, const QDBusConnection &bus) {
-                                  bus.send(isError ? call.createErrorReply(QDBusError::Failed, QStringLiteral("no"))
-                                                   : call.createReply(QStringLiteral("no sessions")));
+                              [type](const QDBusMessage &call, const QDBusConnection &bus) {
+                                  if (type == QDBusMessage::ErrorMessage)
+                                      bus.send(call.createErrorReply(QDBusError::Failed, QStringLiteral("no")));
+                                  else if (type == QDBusMessage::ReplyMessage)
+                                      bus.send(call.createReply(QStringLiteral("no sessions")));
                               });
     QVERIFY(manager.isRunning());
+    QElapsedTimer clock;
+    clock.start();
     QVERIFY(m_authd.start(puppetOnly));
+    QVERIFY(clock.elapsed() < 20000); // The limit is five seconds; the library's own is 25.
     QVERIFY(m_authd.log().contains("level=warning event=no-sessions-from-login-manager error=" + error + '\n'));
     QCOMPARE(told(), QStringList{QStringLiteral("session 1001 1 0")});
 }
@@ -366,11 +425,12 @@ void TstCrash::loginManagerFails()
 void TstCrash::noRunDirectory_data()
 {
     QTest::addColumn<uint>("owner");
-    QTest::addColumn<int>("mode"); // 0: a file
+    QTest::addColumn<int>("mode"); // 0: a file; -1: a link to a good directory
     QTest::newRow("another user's") << alice << 0700;
     QTest::newRow("for the group") << 0u << 0710;
     QTest::newRow("for others") << 0u << 0701;
     QTest::newRow("file") << 0u << 0;
+    QTest::newRow("link") << 0u << -1;
 }
 
 // The daemon serves all the same, and uses nothing from there.
@@ -381,9 +441,14 @@ void TstCrash::noRunDirectory()
     const QString path = QStringLiteral("/run/authd");
     QVERIFY(QDir(path).removeRecursively());
     const auto restore = qScopeGuard([&path] { QFile::remove(path) || QDir(path).removeRecursively(); });
-    QVERIFY(mode == 0 ? TestDevice::writeFile(path, {}) : QDir().mkdir(path));
-    QCOMPARE(chmod(QFile::encodeName(path).constData(), mode_t(mode)), 0);
-    QVERIFY(TestDevice::setOwner(path, owner, owner));
+    QTemporaryDir elsewhere;
+    if (mode == -1) {
+        QVERIFY(QFile::link(elsewhere.path(), path));
+    } else {
+        QVERIFY(mode == 0 ? TestDevice::writeFile(path, {}) : QDir().mkdir(path));
+        QCOMPARE(chmod(QFile::encodeName(path).constData(), mode_t(mode)), 0);
+        QVERIFY(TestDevice::setOwner(path, owner, owner));
+    }
     QVERIFY(m_authd.start(puppetOnly));
     QVERIFY(m_authd.log().contains("level=warning event=no-run-directory directory=/run/authd "
                                    "error=\"Operation not permitted\"\n"));

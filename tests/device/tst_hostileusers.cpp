@@ -8,6 +8,7 @@
 #include <QDBusArgument>
 #include <QDBusConnectionInterface>
 #include <QDBusPendingCall>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
@@ -49,27 +50,18 @@ QVariant variant(const QVariant &value)
     return QVariant::fromValue(QDBusVariant(value));
 }
 
-QDBusMessage methodCall(const QString &member, const QVariantList &arguments)
-{
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(QStringLiteral("qarv.AuthService"), QStringLiteral("/qarv/AuthService"),
-                                       QStringLiteral("qarv.AuthService"), member);
-    call.setArguments(arguments);
-    return call;
-}
-
 /// Sends calls endlessly, without waiting for replies, in one of the ways below.
 int floodService(uint uid, const QString &way)
 {
     const QDBusConnection bus = QDBusConnection::systemBus();
     QVector<QDBusMessage> calls = {
-        methodCall(QStringLiteral("GetMethods"), {}),
-        methodCall(QStringLiteral("GetState"), {uid}),
-        methodCall(QStringLiteral("GetMethodOptions"), {kavetMethod}),
-        methodCall(QStringLiteral("GetUserMethodOptions"), {uid, kavetMethod}),
-        methodCall(QStringLiteral("Unlock"), {uid}),
-        methodCall(QStringLiteral("Subscribe"), {}),
-        methodCall(QStringLiteral("Cancel"), {qulonglong(1)}),
+        BusUser::message(QStringLiteral("GetMethods"), {}),
+        BusUser::message(QStringLiteral("GetState"), {uid}),
+        BusUser::message(QStringLiteral("GetMethodOptions"), {kavetMethod}),
+        BusUser::message(QStringLiteral("GetUserMethodOptions"), {uid, kavetMethod}),
+        BusUser::message(QStringLiteral("Unlock"), {uid}),
+        BusUser::message(QStringLiteral("Subscribe"), {}),
+        BusUser::message(QStringLiteral("Cancel"), {qulonglong(1)}),
         QDBusMessage::createMethodCall(QStringLiteral("qarv.AuthService"), QStringLiteral("/qarv/AuthService"),
                                        QStringLiteral("org.freedesktop.DBus.Introspectable"),
                                        QStringLiteral("Introspect")),
@@ -80,7 +72,8 @@ int floodService(uint uid, const QString &way)
         callsPerSecond = 10000000;
         calls.resize(4);
     } else if (way == attemptsFlood) {
-        calls << methodCall(QStringLiteral("Authenticate"), {uid, kavetMethod, password(QStringLiteral("never"))});
+        calls << BusUser::message(QStringLiteral("Authenticate"),
+                                  {uid, kavetMethod, password(QStringLiteral("never"))});
     } else if (way == numbersFlood) {
         callsPerSecond = 20;
 #ifdef __SANITIZE_ADDRESS__ // It sets freed memory aside, and takes long over large blocks.
@@ -93,8 +86,8 @@ int floodService(uint uid, const QString &way)
         for (int i = 0; i < count; ++i)
             numbers << i;
         numbers.endArray();
-        calls = {methodCall(QStringLiteral("SetUserMethodOption"),
-                            {uid, kavetMethod, QStringLiteral("attempts"), variant(QVariant::fromValue(numbers))})};
+        calls = {BusUser::message(QStringLiteral("SetUserMethodOption"), {uid, kavetMethod, QStringLiteral("attempts"),
+                                                                          variant(QVariant::fromValue(numbers))})};
     } else if (way == hugeFlood) {
         callsPerSecond = 20;
         QVariantMap entries;
@@ -103,10 +96,10 @@ int floodService(uint uid, const QString &way)
             entries.insert(QString::number(i), uchar(1));
             list << QString();
         }
-        calls = {methodCall(QStringLiteral("Authenticate"), {uid, kavetMethod, entries}),
-                 methodCall(QStringLiteral("SetUserMethodOption"),
-                            {uid, kavetMethod, QStringLiteral("attempts"), variant(list)}),
-                 methodCall(QStringLiteral("GetMethodInfo"), {QString(1000000, QLatin1Char('x'))})};
+        calls = {BusUser::message(QStringLiteral("Authenticate"), {uid, kavetMethod, entries}),
+                 BusUser::message(QStringLiteral("SetUserMethodOption"),
+                                  {uid, kavetMethod, QStringLiteral("attempts"), variant(list)}),
+                 BusUser::message(QStringLiteral("GetMethodInfo"), {QString(1000000, QLatin1Char('x'))})};
     }
     QElapsedTimer clock;
     clock.start();
@@ -167,6 +160,8 @@ private Q_SLOTS:
     void everyAccount();
     void tooManyCalls();
     void tooManyWaitingCalls();
+    void firstCallsOfConnections();
+    void refusalsInTheLog();
     void tooManySubscribers();
     void tooMuchData_data();
     void tooMuchData();
@@ -184,13 +179,7 @@ private:
     /// Sends `times` calls at once, at most the 128 that the bus allows. Returns how many of them are not refused.
     int answered(const BusUser &user, const QDBusMessage &call, int times) const
     {
-        kill(pid_t(m_authd.pid()), SIGSTOP);
-        QVector<QDBusPendingCall> calls;
-        for (int i = 0; i < times; ++i)
-            calls << user.connection().asyncCall(call);
-        // The bus keeps messages in order, so after this reply it has accepted the calls.
-        user.connection().interface()->isServiceRegistered(QStringLiteral("qarv.AuthService"));
-        kill(pid_t(m_authd.pid()), SIGCONT);
+        QVector<QDBusPendingCall> calls = m_authd.sendAtOnce(user, QVector<QDBusMessage>(times, call));
         int count = 0;
         for (QDBusPendingCall &pending : calls) {
             pending.waitForFinished();
@@ -336,12 +325,12 @@ void TstHostileUsers::accountsWithoutLogin()
     for (const uint uid : {wwwData, dave}) {
         const BusUser user(uid);
         for (const BusUser *caller : {&user, static_cast<const BusUser *>(m_root.data())}) {
-            for (const auto &call : {methodCall(QStringLiteral("Authenticate"), {uid, kavetMethod, password({})}),
-                                     methodCall(QStringLiteral("RequestChallenge"), {uid, kavetMethod}),
-                                     methodCall(QStringLiteral("GetState"), {uid}),
-                                     methodCall(QStringLiteral("GetUserMethodOptions"), {uid, kavetMethod}),
-                                     methodCall(QStringLiteral("SetUserMethodOption"),
-                                                {uid, kavetMethod, QStringLiteral("attempts"), value})})
+            for (const auto &call : {BusUser::message(QStringLiteral("Authenticate"), {uid, kavetMethod, password({})}),
+                                     BusUser::message(QStringLiteral("RequestChallenge"), {uid, kavetMethod}),
+                                     BusUser::message(QStringLiteral("GetState"), {uid}),
+                                     BusUser::message(QStringLiteral("GetUserMethodOptions"), {uid, kavetMethod}),
+                                     BusUser::message(QStringLiteral("SetUserMethodOption"),
+                                                      {uid, kavetMethod, QStringLiteral("attempts"), value})})
                 QCOMPARE(caller->error(call.member(), call.arguments()), serviceError + QStringLiteral("NoSuchUser"));
         }
         QCOMPARE(m_root->error(QStringLiteral("SessionStarted"), {uid, true}),
@@ -394,12 +383,17 @@ void TstHostileUsers::defaultRange()
         return QFile::remove(path) && TestDevice::writeFile(path, content);
     };
     QVERIFY(write(definitions, "MAIL_DIR /var/mail\n"));
-    QVERIFY(write(accounts, formerAccounts + "last:x:60000:60000::/:/bin/sh\nbeyond:x:60001:60001::/:/bin/sh\n"));
+    QVERIFY(write(accounts, "before:x:999:999::/:/bin/sh\n" + formerAccounts
+                                + "last:x:60000:60000::/:/bin/sh\nbeyond:x:60001:60001::/:/bin/sh\n"));
+    const QString ofBefore = m_root->error(QStringLiteral("GetState"), {999u});
+    const QString ofFirst = m_root->error(QStringLiteral("GetState"), {alice});
     const QString ofLast = m_root->error(QStringLiteral("GetState"), {60000u});
     const QString ofBeyond = m_root->error(QStringLiteral("GetState"), {60001u});
     QVERIFY(write(definitions, formerDefinitions));
     QVERIFY(write(accounts, formerAccounts));
+    QCOMPARE(ofFirst, QString());
     QCOMPARE(ofLast, QString());
+    QCOMPARE(ofBefore, serviceError + QStringLiteral("NoSuchUser"));
     QCOMPARE(ofBeyond, serviceError + QStringLiteral("NoSuchUser"));
 }
 
@@ -413,6 +407,7 @@ void TstHostileUsers::tooManyCalls()
     // Let the daemon look up the owners of the connections.
     QCOMPARE(user.error(QStringLiteral("GetMethods")), QString());
     QCOMPARE(another.error(QStringLiteral("GetMethods")), QString());
+    QTest::qWait(5000); // Idle users save up no more than the burst.
     // Calls that the D-Bus library answers count too, and so do calls on the user's other connections.
     int calls = 0;
     for (int i = 0; i < 20; ++i)
@@ -420,7 +415,7 @@ void TstHostileUsers::tooManyCalls()
     QVERIFY2(calls >= 900 && calls < 2000, qPrintable(QString::number(calls)));
     int more = 0;
     for (int i = 0; i < 20; ++i)
-        more += answered(another, methodCall(QStringLiteral("GetMethods"), {}), 100);
+        more += answered(another, BusUser::message(QStringLiteral("GetMethods"), {}), 100);
     QVERIFY2(more < 900, qPrintable(QString::number(more)));
     QCOMPARE(BusUser(alice).error(QStringLiteral("GetMethods")), QString());
 }
@@ -432,12 +427,61 @@ void TstHostileUsers::everyAccount()
     QCOMPARE(BusUser(wwwData).error(QStringLiteral("GetState"), {wwwData}), QString());
     QCOMPARE(m_root->error(QStringLiteral("GetState"), {uint(4711)}), serviceError + QStringLiteral("NoSuchUser"));
     QCOMPARE(m_root->error(QStringLiteral("GetState"), {uint(0)}), serviceError + QStringLiteral("NoSuchUser"));
+    QCOMPARE(m_root->error(QStringLiteral("Unlock"), {uint(0)}), serviceError + QStringLiteral("NoSuchUser"));
 }
 
 void TstHostileUsers::tooManyWaitingCalls()
 {
     const BusUser user(bob);
-    QCOMPARE(answered(user, methodCall(QStringLiteral("GetMethods"), {}), 20), 16);
+    QCOMPARE(answered(user, BusUser::message(QStringLiteral("RequestChallenge"), {bob, kavetMethod}), 20), 16);
+    // Refused calls have no effect.
+    QCOMPARE(m_root->error(QStringLiteral("GetMethods")), QString());
+    QCOMPARE(m_authd.log().count("event=attempt-opened"), 16);
+}
+
+void TstHostileUsers::firstCallsOfConnections()
+{
+    // Calls count even if they arrive before the daemon knows whose connection it is.
+    std::vector<std::unique_ptr<BusUser>> users;
+    const QDBusMessage call = BusUser::message(QStringLiteral("GetMethods"));
+    QVector<QDBusPendingCall> calls;
+    for (int i = 0; i < 80; ++i) {
+        users.push_back(std::make_unique<BusUser>(bob));
+        calls += m_authd.sendAtOnce(*users.back(), QVector<QDBusMessage>(16, call));
+    }
+    for (QDBusPendingCall &pending : calls)
+        pending.waitForFinished();
+    int more = 0;
+    for (int i = 0; i < 10; ++i)
+        more += answered(*users.front(), call, 100);
+    QVERIFY2(more < 900, qPrintable(QString::number(more)));
+}
+
+void TstHostileUsers::refusalsInTheLog()
+{
+    const BusUser user(bob);
+    QElapsedTimer time;
+    time.start();
+    int calls = 0;
+    const auto refuse = [&] {
+        ++calls;
+        return user.error(QStringLiteral("Cancel"), {qulonglong(4711)}) == serviceError + QStringLiteral("NoAttempt");
+    };
+    while (calls < 300)
+        QVERIFY(refuse());
+    const QByteArray line =
+        "level=notice event=refused call=Cancel caller=1001 error=qarv.AuthService.Error.NoAttempt\n";
+    QVERIFY(m_authd.log().count(line) >= 100);
+    QVERIFY(m_authd.log().count(line) <= 100 + 5 * (time.elapsed() / 1000 + 1));
+    // Later lines count the ones left out.
+    const QDeadlineTimer deadline(30000);
+    for (int logged = 0; logged < 2 && !deadline.hasExpired();) {
+        QTest::qWait(50); // More calls would exceed another limit.
+        const int before = m_authd.log().count("event=refused");
+        QVERIFY(refuse());
+        logged += m_authd.log().count("event=refused") > before;
+    }
+    QCOMPARE(m_authd.log().count("event=refused") + unloggedBefore(m_authd.log()), calls);
 }
 
 void TstHostileUsers::tooManySubscribers()
@@ -484,10 +528,14 @@ void TstHostileUsers::tooMuchData_data()
     row("password", "Authenticate", {bob, kavetMethod, password(text)});
     row("bytes", "Authenticate",
         {bob, kavetMethod, QVariantMap{{QStringLiteral("password"), QByteArray(text.size(), 'x')}}});
-    row("key", "Authenticate", {bob, kavetMethod, QVariantMap{{text, QString()}}});
+    row("text in a list", "Authenticate",
+        {bob, kavetMethod, QVariantMap{{QStringLiteral("password"), QStringList{text}}}});
+    const QString name(256, QLatin1Char('x'));
+    row("key", "Authenticate", {bob, kavetMethod, QVariantMap{{name, QString()}}});
     row("entries", "Authenticate", {bob, kavetMethod, entries});
     row("list", "Authenticate", {bob, kavetMethod, QVariantMap{{QStringLiteral("password"), list}}});
-    row("option's name", "SetMethodOption", {kavetMethod, text, variant(1)});
+    row("method's name", "GetMethodInfo", {QString(4 * 16 * 1024 + 1, QLatin1Char('x'))});
+    row("option's name", "SetMethodOption", {kavetMethod, name, variant(1)});
     row("option's value", "SetMethodOption", {kavetMethod, QStringLiteral("max-attempts"), variant(text)});
 }
 
@@ -513,6 +561,11 @@ void TstHostileUsers::enoughData()
     while (entries.size() < 64)
         entries.insert(QString::number(entries.size()), QString());
     QCOMPARE(m_root->error(QStringLiteral("Authenticate"), {bob, kavetMethod, entries}), QString());
+    QCOMPARE(
+        m_root->error(QStringLiteral("SetMethodOption"), {kavetMethod, QString(255, QLatin1Char('x')), variant(1)}),
+        serviceError + QStringLiteral("NoSuchOption"));
+    QCOMPARE(m_root->error(QStringLiteral("GetMethodInfo"), {QString(4 * 16 * 1024, QLatin1Char('x'))}),
+             serviceError + QStringLiteral("NoSuchMethod"));
 }
 
 void TstHostileUsers::repeatedKey()
@@ -715,7 +768,7 @@ void TstHostileUsers::randomCalls()
             for (auto number = random() % 5; number > 0; --number)
                 arguments << pick(values);
         }
-        user.connection().send(methodCall(QString::fromLatin1(member.name), arguments));
+        user.connection().send(BusUser::message(QString::fromLatin1(member.name), arguments));
         // Stay below the bus's limit of pending replies, and empty the log's pipe.
         if (i % 50 == 0) {
             m_authd.log();

@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authd.h"
+#include "device/polltimeout.h"
 #include "device/processmemory.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
@@ -10,6 +11,7 @@
 #include <QJsonArray>
 #include <QTest>
 
+#include <climits>
 #include <csignal>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -71,8 +73,10 @@ private Q_SLOTS:
     void readiness();
     void watchdog_data();
     void watchdog();
+    void watchdogInterval();
     void journal();
     void unreadLog();
+    void cutLine();
     void notDumpable();
     void secretsAreWiped();
 };
@@ -121,6 +125,19 @@ void TstSystemd::watchdog()
     kill(pid_t(daemon.processId()), SIGCONT);
     kill(pid_t(daemon.processId()), SIGTERM);
     QVERIFY(daemon.waitForFinished());
+}
+
+void TstSystemd::watchdogInterval()
+{
+    // The service manager recommends half of the time that it allows.
+    Authd daemon;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("100000000"));
+    daemon.process().setProcessEnvironment(environment);
+    QVERIFY(daemon.start());
+    QTRY_VERIFY(pollTimeout(daemon.pid()) > 40000);
+    QVERIFY(pollTimeout(daemon.pid()) <= 51000); // The timer is not precise.
+    QCOMPARE(daemon.stop(SIGTERM), 0);
 }
 
 void TstSystemd::journal()
@@ -187,6 +204,44 @@ void TstSystemd::unreadLog()
     close(pipe);
 }
 
+void TstSystemd::cutLine()
+{
+    const QString path = QStringLiteral("/tmp/cut-log");
+    QCOMPARE(mkfifo(QFile::encodeName(path).constData(), S_IRUSR | S_IWUSR), 0);
+    const int pipe = open(QFile::encodeName(path).constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    QVERIFY(fcntl(pipe, F_SETPIPE_SZ, 2 * PIPE_BUF) == 2 * PIPE_BUF);
+    QByteArray log;
+    const auto readLog = [&log, pipe] {
+        char buffer[PIPE_BUF];
+        for (ssize_t count = 0; (count = read(pipe, buffer, sizeof buffer)) > 0;)
+            log += QByteArray(buffer, int(count));
+        return log;
+    };
+    QVERIFY(QDir().mkpath(QStringLiteral("/tmp/methods")));
+    QVERIFY(QFile::copy(Installed::oddMethods + QStringLiteral("/libpuppet.so"), QStringLiteral("/tmp/methods/p.so")));
+    QProcess daemon;
+    daemon.setStandardErrorFile(path);
+    daemon.start(Installed::authd, {QStringLiteral("--methods"), QStringLiteral("/tmp/methods")});
+    QTRY_VERIFY(readLog().contains("event=ready"));
+    log.clear();
+
+    // Of a line longer than the pipe, only the beginning arrives. The daemon does not wait for the reader.
+    const BusUser root(0);
+    const auto act = [&root](const char *script) {
+        return root.error(QStringLiteral("SetUserMethodOption"),
+                          {TestDevice::alice, QStringLiteral("puppet"), QStringLiteral("do"),
+                           QVariant::fromValue(QDBusVariant(QString::fromLatin1(script)))});
+    };
+    QCOMPARE(act("long"), QString());
+    QTRY_VERIFY(readLog().contains("event=method-event"));
+    QVERIFY(log.endsWith("xxx"));
+    QCOMPARE(act("nothing"), QString());
+    QTRY_VERIFY(readLog().contains("xxx\nlevel=info event=lines-lost lines="));
+    kill(pid_t(daemon.processId()), SIGTERM);
+    QVERIFY(daemon.waitForFinished());
+    close(pipe);
+}
+
 void TstSystemd::notDumpable()
 {
     // Run as a user, because root can read every process anyway.
@@ -248,13 +303,20 @@ void TstSystemd::secretsAreWiped()
         tooMuch.insert(QStringLiteral("z%1").arg(i), i);
     QVERIFY(refuse(root, kavet, tooMuch));
     QVERIFY(refuse(root, kavet, {{QStringLiteral("nested"), password("nested-secret")}}));
+    QVariantMap partlyRead = password("partly-read-secret");
+    partlyRead.insert(QStringLiteral("z"), QVariantMap());
+    QVERIFY(refuse(root, kavet, partlyRead));
+    // The allocator overwrites parts of freed memory, but not of a long text.
+    const QByteArray longSecret = QByteArray("long-secret").repeated(1000);
+    QVERIFY(refuse(root, QStringLiteral("other"), password(longSecret.constData())));
     QVERIFY(refuse(root, QStringLiteral("other"), password("misdirected-secret")));
     QVERIFY(refuse(BusUser(TestDevice::bob), kavet, password("denied-secret")));
     const auto holds = [&](const QString &text) {
         const QByteArray memory = processMemory(daemon.pid());
         return memory.contains(text.toUtf8()) || memory.contains(inQt(text));
     };
-    for (const char *secret : {"too-much-secret", "nested-secret", "misdirected-secret", "denied-secret"})
+    for (const char *secret : {"too-much-secret", "nested-secret", "partly-read-secret", "long-secret",
+                               "misdirected-secret", "denied-secret"})
         QTRY_VERIFY2(!holds(QString::fromLatin1(secret)), secret);
 
     // Of an accepted call, only the D-Bus library's buffers of the call to the client remain, which have UTF-8.

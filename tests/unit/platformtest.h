@@ -9,8 +9,15 @@
 #include <QFileInfo>
 #include <QString>
 #include <QStringList>
+#include <QTest>
 
+#include <csignal>
+#include <cstdint>
+#include <fcntl.h>
+#include <functional>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,6 +60,45 @@ int inChild(Work work)
     if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status))
         return -1;
     return WEXITSTATUS(status);
+}
+
+/// Runs `work` in a forked child and calls `onCall` with the number and the arguments of each of its system calls.
+/// Returns the child's wait status; -1 if it cannot be followed.
+inline int trace(const std::function<void()> &work, const std::function<void(long, const std::uint64_t *)> &onCall)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+            _exit(1);
+        raise(SIGSTOP);
+        work();
+        _exit(0);
+    }
+    int status = -1;
+    while (child > 0 && waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
+        ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD);
+        __ptrace_syscall_info info = {};
+        // ptrace takes the size in the address argument.
+        const auto place = reinterpret_cast<void *>(sizeof info); // NOLINT(performance-no-int-to-ptr)
+        if (ptrace(PTRACE_GET_SYSCALL_INFO, child, place, &info) > 0 && info.op == PTRACE_SYSCALL_INFO_ENTRY)
+            onCall(long(info.entry.nr), info.entry.args);
+        ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
+    }
+    return status;
+}
+
+/// How many files `work` opens, in a forked child. Fails the test if a program that another thread starts meanwhile
+/// would inherit one.
+inline int opened(const std::function<void()> &work)
+{
+    int count = 0;
+    const int status = trace(work, [&count](long number, const std::uint64_t *arguments) {
+        if (number != SYS_openat)
+            return;
+        ++count;
+        QVERIFY(arguments[2] & O_CLOEXEC);
+    });
+    return status == 0 ? count : -1;
 }
 
 /// Captures the messages of the category "authd.platform" for its lifetime. Only one may exist at a time. No message

@@ -43,6 +43,8 @@ private Q_SLOTS:
     void oddPaths();
     void foreignFile();
     void noDescriptorLeft();
+    void closesOnExec();
+    void neverOpenToOthers();
     void createdInBetween();
     void race();
 
@@ -291,6 +293,26 @@ void TstLibAuthd::noDescriptorLeft()
     QVERIFY(!LibAuthd::restrictPermissions(path("link")));
     QVERIFY(!LibAuthd::restrictPermissions(m_directory->path()));
     QCOMPARE(descriptors.entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size(), before);
+}
+
+void TstLibAuthd::closesOnExec()
+{
+    QCOMPARE(PlatformTest::opened([this] { LibAuthd::restrictPermissions(path("file")); }), 2);
+    QVERIFY(LibAuthd::restrictPermissions(path("file")));
+    QCOMPARE(PlatformTest::opened([this] { LibAuthd::restrictPermissions(path("file")); }), 1);
+}
+
+void TstLibAuthd::neverOpenToOthers()
+{
+    umask(0);
+    int found = 0;
+    PlatformTest::trace([this] { LibAuthd::restrictPermissions(path("file")); },
+                        [&](long, const std::uint64_t *) {
+                            const int mode = PlatformTest::mode(path("file"));
+                            QVERIFY(mode == -1 || mode == 0600);
+                            found += mode == 0600;
+                        });
+    QVERIFY(found > 0);
 }
 
 void TstLibAuthd::createdInBetween()

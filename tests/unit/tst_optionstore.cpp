@@ -141,26 +141,11 @@ QStringList callsOf(const std::function<void()> &work)
         {SYS_unlinkat, QStringLiteral("unlink")},
 #endif
     };
-    const pid_t child = fork();
-    if (child == 0) {
-        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
-            _exit(1);
-        raise(SIGSTOP);
-        work();
-        _exit(0);
-    }
     QStringList calls;
-    int status = 0;
-    while (child > 0 && waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
-        ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD);
-        __ptrace_syscall_info info = {};
-        // ptrace takes the size in the address argument.
-        const auto place = reinterpret_cast<void *>(sizeof info); // NOLINT(performance-no-int-to-ptr)
-        if (ptrace(PTRACE_GET_SYSCALL_INFO, child, place, &info) > 0 && info.op == PTRACE_SYSCALL_INFO_ENTRY
-            && names.contains(long(info.entry.nr)))
-            calls << names.value(long(info.entry.nr));
-        ptrace(PTRACE_SYSCALL, child, nullptr, nullptr);
-    }
+    PlatformTest::trace(work, [&calls](long call, const std::uint64_t *) {
+        if (names.contains(call))
+            calls << names.value(call);
+    });
     return calls;
 }
 
@@ -209,6 +194,7 @@ private Q_SLOTS:
     void notWritable();
     void fullDisk();
     void durable();
+    void closesOnExec();
     void killedAtEveryStep_data();
     void killedAtEveryStep();
     void killedWriter();
@@ -847,6 +833,13 @@ void TstOptionStore::durable()
     QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, text, QVariant()); }), QStringList());
     QCOMPARE(callsOf([] { Handler().setOptionInternal(alice, number, QVariant()); }),
              (QStringList{QStringLiteral("unlink"), sync}));
+}
+
+void TstOptionStore::closesOnExec()
+{
+    // The directory, the file without access to its content, and the file
+    QVERIFY(Handler().setOptionInternal(alice, number, 5));
+    QCOMPARE(PlatformTest::opened([] { Handler().getOptionInternal(alice, number); }), 3);
 }
 
 void TstOptionStore::killedAtEveryStep_data()

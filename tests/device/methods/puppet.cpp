@@ -11,15 +11,26 @@
 
 namespace {
 
-/// Forks a child in the state just before exec: it already runs as user `uid`, or still as root if `uid` is 0.
-void forkIdleChild(uint uid)
+constexpr int longEvent = 20000;
+
+/// Forks a child in the state just before exec: it already runs as user `uid`, or still as root if `uid` is 0. With
+/// `effectiveUid` 0, it is like the sandbox launcher, which has root's privileges.
+void forkIdleChild(uint uid, uint effectiveUid)
 {
     if (fork() != 0)
         return;
-    if (setresuid(uid, uid, uid) != 0)
+    if (setresuid(uid, effectiveUid, effectiveUid) != 0)
         _exit(1);
     for (;;)
         pause();
+}
+
+void writeMessages()
+{
+    qDebug("debug");
+    qInfo("info");
+    qWarning("warning");
+    qCritical("critical");
 }
 
 } // namespace
@@ -42,14 +53,23 @@ QString Puppet::name() const
 const QMap<QString, QVariant> &Puppet::defaultOptions(uint uid)
 {
     static const QMap<QString, QVariant> method = {
-        {QStringLiteral("number"), 1},           {QStringLiteral("switch"), false},
-        {QStringLiteral("text"), QString()},     {QStringLiteral("list"), QStringList()},
-        {QStringLiteral("anything"), 0},         {QStringLiteral("root"), 1},
-        {QStringLiteral("unlisted"), 1},         {QStringLiteral("computed"), 1},
-        {QStringLiteral("computed odd"), 1},     {QStringLiteral("computed open"), 1},
+        {QStringLiteral("number"), 1},
+        {QStringLiteral("switch"), false},
+        {QStringLiteral("text"), QString()},
+        {QStringLiteral("list"), QStringList()},
+        {QStringLiteral("anything"), 0},
+        {QStringLiteral("root"), 1},
+        {QStringLiteral("unlisted"), 1},
+        {QStringLiteral("computed"), 1},
+        {QStringLiteral("computed odd"), 1},
+        {QStringLiteral("computed open"), 1},
         {QStringLiteral("told"), QStringList()},
+        {QStringLiteral("byte"), QVariant::fromValue(uchar(200))},
+        {QStringLiteral("short"), QVariant::fromValue(short(-7))},
+        {QStringLiteral("unsigned short"), QVariant::fromValue(ushort(65000))},
     };
-    static const QMap<QString, QVariant> user = {{QStringLiteral("do"), QString()}, {QStringLiteral("mine"), 1}};
+    static const QMap<QString, QVariant> user = {
+        {QStringLiteral("do"), QString()}, {QStringLiteral("mine"), 1}, {QStringLiteral("guarded"), 1}};
     return uid == 0 ? method : user;
 }
 
@@ -71,7 +91,8 @@ const ValidationScope &Puppet::getOptionsValidations(uint uid)
          {ValidationOptions(), {QStringLiteral("anything")}},
          {RootOnly | TypeOfDefault, {QStringLiteral("root")}},
          {MethodOnly, {QStringLiteral("computed"), QStringLiteral("computed odd"), QStringLiteral("told")}}});
-    static const ValidationScope user({{TypeOfDefault, {QStringLiteral("do"), QStringLiteral("mine")}}});
+    static const ValidationScope user({{TypeOfDefault, {QStringLiteral("do"), QStringLiteral("mine")}},
+                                       {RootOnly | TypeOfDefault, {QStringLiteral("guarded")}}});
     return uid == 0 ? method : user;
 }
 
@@ -160,8 +181,16 @@ void Puppet::perform(uint uid, const QString &script)
         else if (action == QLatin1String("event"))
             logEvent(QStringLiteral("INFO_LEVEL"), QStringLiteral("played"),
                      QStringLiteral("one\nlevel=error event=\"two\\\x7f"));
+        else if (action == QLatin1String("long"))
+            logEvent(QStringLiteral("INFO_LEVEL"), QStringLiteral("long"), QString(longEvent, QLatin1Char('x')));
+        else if (action == QLatin1String("messages"))
+            writeMessages();
+        else if (action == QLatin1String("fatal"))
+            qFatal("fatal");
         else if (action == QLatin1String("fork"))
-            forkIdleChild(uint(number));
+            forkIdleChild(uint(number), uint(number));
+        else if (action == QLatin1String("launch"))
+            forkIdleChild(uint(number), 0);
         else if (action == QLatin1String("unknown"))
             optionChanged(0, QStringLiteral("number"), QUuid::createUuid(), true);
     }

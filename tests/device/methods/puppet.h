@@ -11,7 +11,10 @@
 ///   lock:SECONDS, unlock      locks or unlocks the user
 ///   lock0                     locks the user 0
 ///   event                     logs an event whose details try to break the line
+///   long                      logs an event whose line is longer than a pipe takes at once
+///   messages, fatal           writes Qt's messages of all levels, or ends the process with one
 ///   fork, fork:UID            forks an idle child that runs as the user
+///   launch:UID                likewise, with root's privileges
 ///   unknown                   reports an option change with a value that the bus cannot carry
 class Puppet : public AuthPluginInterface
 {
