@@ -8,6 +8,18 @@
 
 #include <cstdio>
 
+namespace {
+
+bool change(const QString &path, const QString &key, const QVariant &value)
+{
+    QSettings settings(path, QSettings::NativeFormat);
+    settings.setValue(key, value);
+    settings.sync();
+    return settings.status() == QSettings::NoError;
+}
+
+} // namespace
+
 // Works on a copy: on a full disk QSettings replaces the file by an empty one and reports no error.
 bool writeSetting(const QString &path, const QString &key, const QVariant &value)
 {
@@ -15,14 +27,7 @@ bool writeSetting(const QString &path, const QString &key, const QVariant &value
     QFile::remove(draft);
     if (QFile::exists(path) && !QFile::copy(path, draft))
         return false;
-    {
-        QSettings settings(draft, QSettings::NativeFormat);
-        settings.setValue(key, value);
-        settings.sync();
-        if (settings.status() != QSettings::NoError)
-            return false;
-    }
-    const bool written = QFileInfo(draft).size() > 0
+    const bool written = change(draft, key, value) && QFileInfo(draft).size() > 0
                          && QFile::setPermissions(draft, QFileDevice::ReadOwner | QFileDevice::WriteOwner)
                          && std::rename(QFile::encodeName(draft).constData(), QFile::encodeName(path).constData()) == 0;
     if (!written)

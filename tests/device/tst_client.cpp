@@ -74,15 +74,19 @@ private Q_SLOTS:
     void commandLine();
     void refusesRoot_data();
     void refusesRoot();
+    void refusesNameless();
 
     void setPassword();
     void setPasswordRefuses_data();
     void setPasswordRefuses();
+    void setPasswordFromNoFile();
+    void longestPassword();
     void setPasswordOnTerminal_data();
     void setPasswordOnTerminal();
     void signalsWhileTyping_data();
     void signalsWhileTyping();
     void changePassword();
+    void unreadableSettings();
 
     void socket();
     void socketInTheWay();
@@ -95,6 +99,7 @@ private Q_SLOTS:
     void anotherUser_data();
     void anotherUser();
     void noPassword();
+    void damagedHash();
     void authType_data();
     void authType();
     void limits_data();
@@ -176,6 +181,13 @@ void TstClient::refusesRoot()
     QVERIFY(!QFileInfo::exists(QStringLiteral("/root/.config/tarsk")));
 }
 
+void TstClient::refusesNameless()
+{
+    const ClientFixture::Result result = ClientFixture::run({QStringLiteral("--no-gui")}, {}, 4242);
+    QCOMPARE(result.exitCode, 1);
+    QCOMPARE(result.error, QByteArray("tarsk.kavet_client: User 4242 has no name\n"));
+}
+
 void TstClient::setPassword()
 {
     QVERIFY(!QFileInfo::exists(ClientFixture::settingsPath));
@@ -217,6 +229,28 @@ void TstClient::setPasswordRefuses()
     QCOMPARE(result.exitCode, 1);
     QCOMPARE(result.error, QByteArray("tarsk.kavet_client: " + message));
     QCOMPARE(TestDevice::readFile(ClientFixture::settingsPath), before);
+}
+
+void TstClient::setPasswordFromNoFile()
+{
+    QProcess process;
+    ClientFixture::asUser(process, ClientFixture::program, {QStringLiteral("--set-password")});
+    process.setStandardInputFile(QStringLiteral("/home/alice"));
+    process.start();
+    QVERIFY(process.waitForFinished());
+    QCOMPARE(process.exitCode(), 1);
+    QCOMPARE(process.readAllStandardError(),
+             QByteArray("tarsk.kavet_client: Cannot read a password from standard input\n"));
+}
+
+void TstClient::longestPassword()
+{
+    const QString longest = QString(511, QLatin1Char('a'));
+    QVERIFY(ClientFixture::setPassword(longest));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(longest.chopped(1)), failed);
+    QCOMPARE(client.checkPassword(longest), success);
 }
 
 void TstClient::setPasswordOnTerminal_data()
@@ -340,6 +374,15 @@ void TstClient::changePassword()
     QVERIFY(TestDevice::readFile(ClientFixture::settingsPath).contains("lock-after=7\n"));
 }
 
+void TstClient::unreadableSettings()
+{
+    QVERIFY(ClientFixture::setSetting(QStringLiteral("lock-after"), QStringLiteral("7")));
+    const QByteArray before = TestDevice::readFile(ClientFixture::settingsPath);
+    QCOMPARE(chmod(QFile::encodeName(ClientFixture::settingsPath).constData(), 0), 0);
+    QVERIFY(!ClientFixture::setPassword(right));
+    QCOMPARE(TestDevice::readFile(ClientFixture::settingsPath), before);
+}
+
 void TstClient::socket()
 {
     ClientFixture client;
@@ -447,6 +490,11 @@ void TstClient::anotherUser()
     QVERIFY(client.start());
     QCOMPARE(client.checkPassword(right, user), failed);
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), QStringLiteral("1234"), user), failed);
+    // Nobody learns how alice logs in.
+    QVERIFY(ClientFixture::setSetting(QStringLiteral("auth-type"), QStringLiteral("cert")));
+    QCOMPARE(client.checkPassword(right, user), failed);
+    QVERIFY(ClientFixture::setSetting(QStringLiteral("auth-type"), QStringLiteral("password")));
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), QStringLiteral("1234"), user), failed);
     // These are not alice's failures.
     QCOMPARE(ClientFixture::attempts(), 0);
 }
@@ -458,6 +506,31 @@ void TstClient::noPassword()
     QCOMPARE(client.checkPassword(right), wrongAuthType);
     QCOMPARE(client.checkPassword({}), wrongAuthType);
     QCOMPARE(ClientFixture::attempts(), 0);
+}
+
+void TstClient::damagedHash()
+{
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), success);
+    const QByteArray settings = TestDevice::readFile(ClientFixture::settingsPath);
+    const int begin = settings.lastIndexOf('$') + 1; // after the salt
+    const int end = settings.indexOf('\n', begin);
+    QVERIFY(begin > 0 && end > begin);
+    const auto answerFor = [&client](const QByteArray &content) {
+        // At another size, so that the client notices the change.
+        return TestDevice::writeFile(ClientFixture::settingsPath, content) ? client.checkPassword(right) : QString();
+    };
+    QByteArray damaged = settings;
+    // Without all that depends on the password
+    QCOMPARE(answerFor(damaged.remove(begin, end - begin)), failed);
+    for (const int position : {begin, end - 1}) {
+        damaged = settings;
+        damaged[position] = damaged.at(position) == '1' ? '2' : '1';
+        QCOMPARE(answerFor(damaged + QByteArray(position, '\n')), failed);
+    }
+    QCOMPARE(answerFor(settings), success);
 }
 
 void TstClient::authType_data()
@@ -684,10 +757,15 @@ void TstClient::counterFileStaysTheUsers()
     ClientFixture client;
     QVERIFY(client.start());
     QVERIFY(TestDevice::writeFile(ClientFixture::counterPath, "[General]\nother=kept\nattempts=1\n"));
+    QCOMPARE(chmod(QFile::encodeName(ClientFixture::counterPath).constData(), 0644), 0);
+    // The draft of a client that was killed
+    const QString draft = ClientFixture::counterPath + QStringLiteral(".new");
+    QVERIFY(TestDevice::writeFile(draft, "[General]\nother=old\n"));
     QCOMPARE(client.checkPassword(wrong), failed);
     QCOMPARE(mode(ClientFixture::counterPath), 0600U);
     QCOMPARE(owner(ClientFixture::counterPath), TestDevice::alice);
     QVERIFY(TestDevice::readFile(ClientFixture::counterPath).contains("other=kept"));
+    QVERIFY(!QFileInfo::exists(draft));
 
     // If there is no file, the client creates one that only its user can read.
     QVERIFY(QFile::remove(ClientFixture::counterPath));
@@ -751,10 +829,17 @@ void TstClient::fullDisk()
     ClientFixture client;
     QVERIFY(client.start());
     QCOMPARE(client.checkPassword(wrong), failed);
+    // Longer than what the client will overwrite it with
+    QVERIFY(TestDevice::writeFile(ClientFixture::ownCounterPath, "00001\n"));
     for (const QByteArray &path : all) {
         const QByteArray room(64 * 1024, 'a');
         TestDevice::writeFile(QString::fromLocal8Bit(path) + QStringLiteral("/filling"), room);
         QVERIFY(!TestDevice::writeFile(QString::fromLocal8Bit(path) + QStringLiteral("/more"), room));
+    }
+    // Room for a copy of the counter file and for its lock; for a copy of the settings alone
+    for (const auto &[path, pages] : {std::pair(shared, 2), std::pair(settings, 1)}) {
+        QFile filling(QString::fromLocal8Bit(path) + QStringLiteral("/filling"));
+        QVERIFY(filling.resize(filling.size() - pages * sysconf(_SC_PAGESIZE)));
     }
     const QByteArray countsBefore = TestDevice::readFile(ClientFixture::counterPath);
     const ClientFixture::Result result = ClientFixture::run({QStringLiteral("--set-password")}, "another\n");
@@ -773,6 +858,8 @@ void TstClient::fullDisk()
     }
     QCOMPARE(answers, (QStringList{failed, failed, failed, lock}));
     QCOMPARE(TestDevice::readFile(ClientFixture::counterPath), countsBefore);
+    for (const QString &path : {ClientFixture::counterPath, ClientFixture::settingsPath})
+        QVERIFY(!QFileInfo::exists(path + QStringLiteral(".new")));
 }
 
 void TstClient::inTheWayOfTheOwnCount_data()
