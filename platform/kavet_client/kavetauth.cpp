@@ -87,9 +87,9 @@ bool KavetAuth::serveOn(sd_bus *peer)
     static const sd_bus_vtable methods[] = {
         SD_BUS_VTABLE_START(0),
         SD_BUS_METHOD_WITH_NAMES("checkPassword", "ss", SD_BUS_PARAM(user) SD_BUS_PARAM(password), "s",
-                                 SD_BUS_PARAM(answer), checkPassword, SD_BUS_VTABLE_SENSITIVE),
+                                 SD_BUS_PARAM(answer), checkPassword, 0),
         SD_BUS_METHOD_WITH_NAMES("validateCert", "sss", SD_BUS_PARAM(cert) SD_BUS_PARAM(user) SD_BUS_PARAM(pin), "s",
-                                 SD_BUS_PARAM(answer), validateCert, SD_BUS_VTABLE_SENSITIVE),
+                                 SD_BUS_PARAM(answer), validateCert, 0),
         SD_BUS_METHOD_WITH_NAMES("getCertList", "", "", "as", SD_BUS_PARAM(certs), getCertList, 0),
         SD_BUS_VTABLE_END,
     };

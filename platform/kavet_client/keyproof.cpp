@@ -51,13 +51,13 @@ int proveKey(const QByteArray &token, const QByteArray &keyId, const Certificate
         return error;
     const gnutls_datum_t challengeDatum = asDatum(challenge);
 
-    const QByteArray keyUri = token + ";id=%" + keyId.toHex('%') + ";type=private";
+    const QByteArray keyUri = token + ";id=%" + keyId.toHex('%');
     PinSource source = {pin};
     gnutls_privkey_t privateKey = nullptr;
     gnutls_privkey_init(&privateKey);
     const GnutlsHandle<gnutls_privkey_t, gnutls_privkey_deinit> privateOwner(privateKey);
     gnutls_privkey_set_pin_function(privateKey, givePin, &source);
-    error = gnutls_privkey_import_url(privateKey, keyUri.constData(), GNUTLS_PKCS11_OBJ_FLAG_LOGIN);
+    error = gnutls_privkey_import_url(privateKey, keyUri.constData(), 0);
     if (error != GNUTLS_E_SUCCESS)
         return error;
     const int keyKind = gnutls_privkey_get_pk_algorithm(privateKey, nullptr);

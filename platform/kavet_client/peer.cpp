@@ -67,7 +67,7 @@ bool Peer::start()
 {
     int handshake[2];
     sd_id128_t id = {};
-    if (pipe2(handshake, O_CLOEXEC | O_NONBLOCK) != 0) {
+    if (pipe2(handshake, O_CLOEXEC) != 0) {
         close(m_socket);
         return false;
     }
