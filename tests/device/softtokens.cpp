@@ -193,10 +193,10 @@ QString SoftTokens::issue(const QString &name, const QByteArray &certificateTemp
                : QString();
 }
 
-bool SoftTokens::makeAuthority(const QString &name, const QString &above)
+bool SoftTokens::makeAuthority(const QString &name, const QString &above, const QByteArray &extra)
 {
-    const QByteArray content =
-        "cn = \"Authority " + name.toUtf8() + "\"\nca\ncert_signing_key\ncrl_signing_key\nexpiration_days = 60\n";
+    const QByteArray content = "cn = \"Authority " + name.toUtf8()
+                               + "\"\nca\ncert_signing_key\ncrl_signing_key\nexpiration_days = 60\n" + extra;
     return makeEcKey(name, QStringLiteral("P-256"))
            && generate(name, content, name,
                        above.isEmpty() ? QStringList{QStringLiteral("--generate-self-signed")}

@@ -31,8 +31,8 @@ QByteArray loginTemplate();
 /// Creates a certificate from a template and returns the path of its file; empty on failure.
 QString issue(const QString &name, const QByteArray &certificateTemplate, const QString &key = QStringLiteral("rsa"),
               const QString &authorityName = QStringLiteral("root"));
-/// Creates an authority that `above` signs, or a self-signed one.
-bool makeAuthority(const QString &name, const QString &above = {});
+/// Creates an authority that `above` signs, or a self-signed one, with `extra` in its template.
+bool makeAuthority(const QString &name, const QString &above = {}, const QByteArray &extra = {});
 /// Creates a revocation list with one certificate and returns the path of its file. The list is out of date if `stale`.
 QString revoke(const QString &certificate, const QString &authorityName = QStringLiteral("root"), bool stale = false);
 

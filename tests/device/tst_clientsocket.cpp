@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/clientfixture.h"
+#include "device/polltimeout.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -78,13 +79,15 @@ private Q_SLOTS:
     }
 
     void isShownUntilSomebodyConnects();
+    void isNotShownForever();
     void othersAreNotShown();
 
 private:
     /// Starts the client without connecting to it.
-    static void start(ClientFixture &client)
+    static void start(ClientFixture &client, const QStringList &environment = {})
     {
         ClientFixture::asUser(client.process, ClientFixture::program, {QStringLiteral("--no-gui")});
+        ClientFixture::addToEnvironment(client.process, environment);
         client.process.start();
     }
 };
@@ -113,6 +116,14 @@ void TstClientSocket::isShownUntilSomebodyConnects()
     QDBusConnection::disconnectFromPeer(client.connection().name());
     client.connection() = QDBusConnection(QString());
     QVERIFY(!QTest::qWaitFor([&] { return watch.announcements.size() > before; }, QuietTime));
+}
+
+// The preloaded clock skips the longer gaps.
+void TstClientSocket::isNotShownForever()
+{
+    ClientFixture client;
+    start(client, ClientFixture::hastyClock(1));
+    QVERIFY(QTest::qWaitFor([&client] { return pollTimeout(client.process.processId()) == -1; }));
 }
 
 void TstClientSocket::othersAreNotShown()

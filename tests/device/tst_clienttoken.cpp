@@ -8,12 +8,14 @@
 #include "unit/methodfixture.h"
 
 #include <QDBusPendingReply>
+#include <QElapsedTimer>
 
 #include <algorithm>
 #include <csignal>
 
 #include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 namespace {
@@ -34,6 +36,7 @@ const QString password = QStringLiteral("correct horse");
 const QString id1 = QStringLiteral("01");
 const QString id2 = QStringLiteral("02");
 const QString id3 = QStringLiteral("a1b2c3");
+constexpr int callTimeout = 20000; // milliseconds
 
 /// A certificate that logs alice in with the RSA key; the path of its file.
 QString goodCert()
@@ -67,6 +70,13 @@ QStringList childrenOf(const ClientFixture &client)
 bool isHelper(const QString &process)
 {
     return TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(process)).contains("--token-helper");
+}
+
+/// Whether a helper has loaded what it needs and waits for its request.
+bool isPrepared(const QString &process)
+{
+    return TestDevice::readFile(QStringLiteral("/proc/%1/syscall").arg(process))
+        .startsWith(QByteArray::number(SYS_recvmsg) + ' ');
 }
 
 /// The number of a process's descriptors of one kind.
@@ -154,11 +164,15 @@ private Q_SLOTS:
     void listsOverRegisteredModules();
     void listsNone_data();
     void listsNone();
+    void unsuitableToken_data();
+    void unsuitableToken();
+    void unreadableToken();
     void listsDefaultFirst();
     void commandLineList();
     void longCertificate();
     void manyCertificates();
     void tooManyCertificates();
+    void longestList();
 
     void keyForOnePadding();
     void weakKey();
@@ -168,6 +182,7 @@ private Q_SLOTS:
     void refuses();
     void otherAuthority();
     void authorityInBetween();
+    void authorityForAnotherPurpose();
     void anchorDirectory();
     void noAnchors_data();
     void noAnchors();
@@ -191,6 +206,8 @@ private Q_SLOTS:
     void wrongPins();
     void wrongPin_data();
     void wrongPin();
+    void longestPin();
+    void expiredPin();
     void refusedCertDoesNotCount();
     void lockedForTheRightPinToo();
     void parallelPins();
@@ -218,6 +235,8 @@ private Q_SLOTS:
     void waitingHelperIsGivenUp();
     void waitingHelperEnds();
     void waitingHelperHangs();
+    void helperDiesOfAnySignal();
+    void helperCannotStart();
     void unwritableRequest_data();
     void unwritableRequest();
     void outOfDescriptors();
@@ -254,11 +273,18 @@ QString TstClientToken::enrolled(ClientFixture &client, const QString &cert, con
 
 void TstClientToken::sleepsAfterCalls()
 {
-    constexpr int longest = 20000; // The timeout of a call, in milliseconds.
+    QVERIFY(makeUnruly("none"));
     ClientFixture client;
-    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    const QStringList waiting = childrenOf(client);
     // Only the waiting helper's timer is left.
-    QVERIFY(QTest::qWaitFor([&client] { return pollTimeout(client.process.processId()) > longest; }));
+    QVERIFY(QTest::qWaitFor([&client] { return pollTimeout(client.process.processId()) > callTimeout; }));
+    QCOMPARE(childrenOf(client), waiting);
+    // The client has not lost track of how far the helper is, and does not repeat its call.
+    QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
+    QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/wrong-pins.one")), QByteArray("1"));
 }
 
 void TstClientToken::list()
@@ -343,6 +369,33 @@ void TstClientToken::listsNone()
     QCOMPARE(client.certList(), QStringList());
     QVERIFY(set("auth-type", QStringLiteral("password")));
     QCOMPARE(client.certList(), QStringList());
+}
+
+void TstClientToken::unsuitableToken_data()
+{
+    QTest::addColumn<QByteArray>("how");
+    QTest::newRow("not initialised") << QByteArray("blank");
+    QTest::newRow("without a PIN") << QByteArray("open");
+}
+
+void TstClientToken::unsuitableToken()
+{
+    QFETCH(QByteArray, how);
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly(how));
+    QCOMPARE(client.certList(), QStringList());
+    QCOMPARE(client.validateCert(cert, pin), noToken);
+}
+
+void TstClientToken::unreadableToken()
+{
+    ClientFixture client;
+    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    QVERIFY(makeUnruly("unreadable"));
+    QCOMPARE(client.certList(), QStringList());
+    QTRY_VERIFY(client.output().contains("tarsk.kavet_client: Cannot read a token: "));
 }
 
 void TstClientToken::listsDefaultFirst()
@@ -436,6 +489,32 @@ void TstClientToken::tooManyCertificates()
     QTRY_VERIFY(client.output().contains("The list of 1500 certificates is too long; listing only 1000"));
 }
 
+void TstClientToken::longestList()
+{
+    constexpr int size = 512;
+    constexpr int count = 256 * 1024 / size;
+    const QByteArray id("\xca\xfe\x00\x00", 4);
+    const auto put = [&id](const QString &label) {
+        return SoftTokens::putCert(one, QString::fromLatin1(id.toHex()), goodCert(), pin, label);
+    };
+    QVERIFY(SoftTokens::add(one) && put(QStringLiteral("x")));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const int rest = size - client.certList().value(0).size();
+    QVERIFY(rest > 0);
+    QVERIFY(SoftTokens::reset() && SoftTokens::add(one) && put(QString(rest + 1, QLatin1Char('x'))));
+    QVERIFY(SoftTokens::multiply(id, count));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), count);
+    QCOMPARE(certs.join(QString()).size(), count * size);
+    QVERIFY(client.output().isEmpty());
+    // With one more, there is no room for descriptions.
+    QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
+    QCOMPARE(client.certList().size(), count + 1);
+    QVERIFY(client.certList().filter(QStringLiteral("?")).isEmpty());
+    QVERIFY(client.output().isEmpty());
+}
+
 void TstClientToken::accepts_data()
 {
     QTest::addColumn<QByteArray>("content");
@@ -462,6 +541,11 @@ void TstClientToken::accepts_data()
                                       << ec << QStringList() << QString();
     QTest::newRow("both purposes and another")
         << base + "key_purpose_oid = 1.3.6.1.4.1.311.20.2.2\nemail_protection_key\n"
+        << ec << QStringList() << QString();
+    // In the certificate, this name's last part comes first.
+    QTest::newRow("after a long user id")
+        << without(nameless, "cn = \"Alice Liddell\"") + "dn = \"CN=Alice Liddell,UID=alice,UID=" + QByteArray(300, 'a')
+               + "\"\n"
         << ec << QStringList() << QString();
     QTest::newRow("principal name") << principal << ec << QStringList() << QString();
     QTest::newRow("mail address") << mail << ec << QStringList() << QString();
@@ -559,6 +643,10 @@ void TstClientToken::refuses_data()
         << QByteArray(nameless).replace("Alice Liddell", "alice") << QStringList() << QString();
     QTest::newRow("address of another") << QByteArray(mail).replace("alice@", "bob@") << QStringList() << QString();
     QTest::newRow("address without user") << QByteArray(mail).replace("alice@", "@alice") << QStringList() << QString();
+    QTest::newRow("address without domain")
+        << QByteArray(mail).replace("@corp.example", "") << QStringList() << QString();
+    QTest::newRow("principal name without domain")
+        << QByteArray(principal).replace("@corp.example", "") << QStringList() << QString();
     QTest::newRow("address with two parts")
         << QByteArray(mail).replace("alice@", "alice@alice@") << QStringList() << QString();
     QTest::newRow("address in another domain") << mail << QStringList() << QStringLiteral("example");
@@ -615,6 +703,9 @@ void TstClientToken::authorityInBetween()
     QVERIFY(SoftTokens::putCert(one, id3, QStringLiteral("/home/alice/ca/twig.pem")));
     QCOMPARE(client.validateCert(cert, pin), success);
     QCOMPARE(client.certList(), QStringList{cert});
+    // The anchor may be on the token, too.
+    QVERIFY(SoftTokens::putCert(one, QStringLiteral("06"), SoftTokens::authority));
+    QCOMPARE(client.validateCert(cert, pin), success);
 
     // A user's certificate is not an authority.
     QVERIFY(QFile::copy(QStringLiteral("/home/alice/ca/rsa.key"), QStringLiteral("/home/alice/ca/good.key"))
@@ -628,6 +719,18 @@ void TstClientToken::authorityInBetween()
     const QStringList certs = client.certList().filter(QStringLiteral("id=%05"));
     QCOMPARE(certs.size(), 1);
     QCOMPARE(client.validateCert(certs.constFirst(), pin), failed);
+}
+
+void TstClientToken::authorityForAnotherPurpose()
+{
+    const QString mail = QStringLiteral("mail");
+    QVERIFY(SoftTokens::makeAuthority(mail, QStringLiteral("root"), "email_protection_key\n"));
+    ClientFixture client;
+    const QString cert = enrolled(
+        client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), mail));
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(SoftTokens::putCert(one, id2, QStringLiteral("/home/alice/ca/mail.pem")));
+    QCOMPARE(client.validateCert(cert, pin), failed);
 }
 
 void TstClientToken::anchorDirectory()
@@ -761,16 +864,18 @@ void TstClientToken::forgedSignature()
 void TstClientToken::freshChallenges()
 {
     const QString file = QStringLiteral("/home/alice/signed");
+    // With this kind of key, the token gets the challenge itself.
+    const QString key = QStringLiteral("ed25519");
     ClientFixture client;
-    const QString cert = enrolled(client, goodCert());
+    const QString cert = enrolled(client, SoftTokens::issue(key, SoftTokens::loginTemplate(), key), key);
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("record"));
     QSet<QByteArray> challenges;
     for (int i = 0; i < 2; ++i) {
         QCOMPARE(client.validateCert(cert, pin), success);
         challenges << TestDevice::readFile(file);
+        QCOMPARE(TestDevice::readFile(file).size(), 32);
     }
-    QVERIFY(!challenges.contains(QByteArray()));
     QCOMPARE(challenges.size(), 2);
 }
 
@@ -833,6 +938,13 @@ void TstClientToken::severalForOneUri()
     QVERIFY(SoftTokens::enroll(one, id2, goodCert()));
     QCOMPARE(client.validateCert(vague, pin), failed);
     QCOMPARE(client.validateCert(cert, pin), success);
+    // Nor does it name a default certificate.
+    QVERIFY(set("default-cert", vague));
+    QVERIFY(set("mapping", QStringLiteral("cn")));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 2);
+    for (const QString &each : certs)
+        QCOMPARE(client.validateCert(each, pin), failed);
 }
 
 void TstClientToken::renewed()
@@ -841,9 +953,12 @@ void TstClientToken::renewed()
     ClientFixture client;
     const QString cert = enrolled(client, SoftTokens::issue(QStringLiteral("case"), expired()));
     QVERIFY(!cert.isEmpty());
+    QVERIFY2(cert.endsWith(QStringLiteral("&expires=2021-01-01")), qPrintable(cert));
     QCOMPARE(client.validateCert(cert, pin), failed);
     QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
-    // Of the two, the list describes the renewal.
+    for (int i = 0; i < 4; ++i) // The token shows them in any order.
+        QVERIFY(SoftTokens::putCert(one, id1, QStringLiteral("/home/alice/ca/case.pem")));
+    // Of all these, the list describes the renewal.
     const QStringList certs = client.certList();
     QCOMPARE(certs.size(), 1);
     QVERIFY(certs.constFirst() != cert);
@@ -963,6 +1078,36 @@ void TstClientToken::wrongPin()
     QCOMPARE(client.validateCert(cert, wrong), failed);
     QCOMPARE(ClientFixture::attempts(), 1);
     QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::longestPin()
+{
+    const QString file = QStringLiteral("/home/alice/wrong-pins.one");
+    const QString longest = QString(255, QLatin1Char('3'));
+    QVERIFY(SoftTokens::add(one, longest));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert(), QStringLiteral("rsa"), longest));
+    QVERIFY(makeUnruly("none"));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const QString cert = client.certList().value(0);
+    QCOMPARE(client.validateCert(cert, longest), success);
+    // A longer one is wrong without being tried.
+    QVERIFY(QFile::remove(file));
+    QCOMPARE(client.validateCert(cert, longest + QLatin1Char('3')), failed);
+    QCOMPARE(ClientFixture::attempts(), 1);
+    QVERIFY(!QFileInfo::exists(file));
+}
+
+void TstClientToken::expiredPin()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("expired"));
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    QCOMPARE(ClientFixture::attempts(), 0);
+    QVERIFY(set("default-cert", cert));
+    QCOMPARE(client.validateCert(cert, pin), badDefault);
 }
 
 void TstClientToken::refusedCertDoesNotCount()
@@ -1169,6 +1314,11 @@ void TstClientToken::twoTokens()
     QCOMPARE(client.validateCert(first, otherPin), failed);
     QCOMPARE(client.validateCert(second, pin), failed);
     QCOMPARE(ClientFixture::attempts(), 2);
+    for (const QString &cert : {first, second}) {
+        QVERIFY(
+            set("default-cert", QString(cert.section(QLatin1Char(';'), 0, 3) + QStringLiteral(";id=%01;type=cert"))));
+        QCOMPARE(client.certList().constFirst(), cert);
+    }
     // A URI that may stand for either is no choice.
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:id=%01;type=cert"), pin), failed);
     QCOMPARE(ClientFixture::attempts(), 2);
@@ -1216,6 +1366,7 @@ void TstClientToken::moduleFails_data()
     QTest::newRow("no library") << QStringLiteral("/etc/passwd") << QByteArray();
     QTest::newRow("does not start") << unruly << QByteArray("initialize");
     QTest::newRow("error") << unruly << QByteArray("error");
+    QTest::newRow("error, and then does not start") << unruly << QByteArray("break");
     QTest::newRow("crash") << unruly << QByteArray("crash");
     QTest::newRow("exit") << unruly << QByteArray("exit");
 }
@@ -1253,15 +1404,27 @@ void TstClientToken::answersOthersMeanwhile()
     QVERIFY(makeUnruly("hang"));
     const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
     QTRY_COMPARE(helpers(client).size(), 1);
-    QCOMPARE(client.checkPassword(password), success);
-    QCOMPARE(client.certList(), QStringList{cert});
-    QVERIFY(!reply.isFinished());
     // Another call is queued, and its timeout already runs.
     const QDBusPendingReply<QString> queued = client.sendPin(cert, pin);
     QCOMPARE(client.checkPassword(password), success);
+    QElapsedTimer clock;
+    clock.start();
+    QCOMPARE(client.certList(), QStringList{cert});
+    QVERIFY(!reply.isFinished());
+    const auto hasPrepared = [&client] {
+        const QStringList processes = childrenOf(client);
+        return std::any_of(processes.begin(), processes.end(), isPrepared);
+    };
+    QTRY_VERIFY(hasPrepared());
     QVERIFY(makeUnruly("stall"));
     const QDBusPendingReply<QStringList> stalled =
         client.connection().asyncCall(ClientFixture::request(QStringLiteral("getCertList"), {}));
+    // The helper for that call, and the one that is started in advance
+    QTRY_COMPARE(TestDevice::readFile(QStringLiteral("/home/alice/stalled")), QByteArray("\n\n"));
+    // Stopped, so that no time is left for the queued call.
+    kill(pid_t(client.process.processId()), SIGSTOP);
+    QTRY_VERIFY_WITH_TIMEOUT(clock.hasExpired(callTimeout), 30000);
+    kill(pid_t(client.process.processId()), SIGCONT);
     // The replies arrive within the caller's timeout.
     QTRY_VERIFY_WITH_TIMEOUT(reply.isFinished() && queued.isFinished() && stalled.isFinished(), 30000);
     QVERIFY2(reply.isValid(), qPrintable(reply.error().message()));
@@ -1269,7 +1432,9 @@ void TstClientToken::answersOthersMeanwhile()
     QCOMPARE(queued.value(), moduleFailed);
     QVERIFY(stalled.isValid());
     QCOMPARE(stalled.value(), QStringList());
-    QTRY_VERIFY(helpers(client).isEmpty());
+    // No helper was started for the queued call.
+    QTRY_VERIFY(childrenOf(client).isEmpty());
+    QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/stalled")), QByteArray("\n\n"));
     QCOMPARE(client.checkPassword(password), success);
     QCOMPARE(ClientFixture::attempts(), 0);
 }
@@ -1480,6 +1645,33 @@ void TstClientToken::waitingHelperHangs()
     kill(first.toInt(), SIGKILL);
     QTRY_VERIFY(stalled.isFinished());
     QCOMPARE(stalled.value(), QStringList());
+}
+
+void TstClientToken::helperDiesOfAnySignal()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("hang"));
+    const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
+    QTRY_COMPARE(helpers(client).size(), 1);
+    // Its number is a helper's exit code for success.
+    kill(helpers(client).constFirst().toInt(), SIGRTMAX);
+    QTRY_VERIFY(reply.isFinished());
+    QCOMPARE(reply.value(), moduleFailed);
+}
+
+void TstClientToken::helperCannotStart()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(endWaiting(client));
+    const QFile::Permissions before = QFile::permissions(ClientFixture::program);
+    QVERIFY(QFile::setPermissions(ClientFixture::program, QFile::ReadOwner));
+    QCOMPARE(client.validateCert(cert, pin), moduleFailed);
+    QVERIFY(QFile::setPermissions(ClientFixture::program, before));
+    QCOMPARE(client.validateCert(cert, pin), success);
 }
 
 void TstClientToken::outOfDescriptors()

@@ -102,9 +102,16 @@ void TstUnlocking::nothingElseUnlocks()
     m_root.reset();
     QCOMPARE(m_authd.stop(SIGTERM), 0);
     QCOMPARE(m_client->checkPassword(right), lock);
-    // The unlocking takes effect once the service is back.
+    // The unlocking takes effect once the service is back, and lasts when it is away again.
     QVERIFY(m_authd.start());
+    QCOMPARE(m_client->validateCert(QStringLiteral("pkcs11:"), QStringLiteral("1234")), QStringLiteral("nousb"));
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
     QCOMPARE(m_client->checkPassword(right), QStringLiteral("success"));
+    // A count without the number of unlocks is not known to be older than any of them.
+    QVERIFY(QFile::remove(ClientFixture::ownCounterPath));
+    lockOut();
+    QVERIFY(m_authd.start());
+    QCOMPARE(m_client->checkPassword(right), lock);
 }
 
 void TstUnlocking::numberOutlivesTheDaemon()

@@ -5,6 +5,7 @@
 // a token's PIN after three wrong tries. The file unruly-token in the home directory makes the next signature
 // misbehave:
 //   error    the module fails
+//   break    the module fails, and cannot be initialised any more
 //   remove   the tokens in the home directory move from tokens to removed, and the module says so
 //   crash    the process dies of a signal
 //   exit     the process exits with success
@@ -16,6 +17,10 @@
 //   initialize   the module cannot be initialised
 //   stall    initialising the module never returns; each time adds a line to the file stalled
 //   print    writes to standard output
+//   expired  the PIN has expired
+//   blank    the token is not initialised
+//   open     the token requires no PIN
+//   unreadable   the token's objects cannot be read
 // The file wrong-pins.LABEL there, with the token's label, holds the count of wrong tries. Only removing the file
 // unblocks a token.
 
@@ -90,9 +95,18 @@ CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO *info)
     const CK_RV result = soft->C_GetTokenInfo(slot, info);
     if (result == CKR_OK && behaviour() == "keypad")
         info->flags |= CKF_PROTECTED_AUTHENTICATION_PATH;
+    if (result == CKR_OK && behaviour() == "blank")
+        info->flags &= ~CKF_TOKEN_INITIALIZED;
+    if (result == CKR_OK && behaviour() == "open")
+        info->flags &= ~CKF_LOGIN_REQUIRED;
     if (result == CKR_OK && wrongPins(slot) >= maximumTries)
         info->flags |= CKF_USER_PIN_LOCKED;
     return result;
+}
+
+CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE *objects, unsigned long size, unsigned long *count)
+{
+    return behaviour() == "unreadable" ? CKR_DEVICE_ERROR : soft->C_FindObjects(session, objects, size, count);
 }
 
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char *pin, unsigned long size)
@@ -102,6 +116,8 @@ CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char *pin, un
     const int before = wrongPins(info.slotID);
     if (before >= maximumTries)
         return CKR_PIN_LOCKED;
+    if (behaviour() == "expired")
+        return CKR_PIN_EXPIRED;
     unsigned char typed[] = "31415926";
     const bool isTyped = behaviour() == "keypad" && !pin;
     const CK_RV result =
@@ -117,7 +133,11 @@ CK_RV sign(CK_SESSION_HANDLE session, unsigned char *data, unsigned long size, u
            unsigned long *signatureSize)
 {
     const std::string word = behaviour();
-    if (word == "error")
+    if (word == "break") {
+        std::remove(inHome("unruly-token").c_str()); // It may be another user's.
+        std::ofstream(inHome("unruly-token")) << "initialize";
+    }
+    if (word == "error" || word == "break")
         return CKR_GENERAL_ERROR;
     if (word == "remove") {
         std::rename(inHome("tokens").c_str(), inHome("removed").c_str());
@@ -159,6 +179,7 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
     functions.C_GetFunctionList = functionList;
     functions.C_Initialize = initialize;
     functions.C_GetTokenInfo = getTokenInfo;
+    functions.C_FindObjects = findObjects;
     functions.C_Login = login;
     functions.C_Sign = sign;
     *list = &functions;
