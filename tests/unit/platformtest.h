@@ -62,9 +62,8 @@ int inChild(Work work)
     return WEXITSTATUS(status);
 }
 
-/// Runs `work` in a forked child and calls `onCall` with the number and the arguments of each of its system calls.
-/// Returns the child's wait status; -1 if it cannot be followed.
-inline int trace(const std::function<void()> &work, const std::function<void(long, const std::uint64_t *)> &onCall)
+/// Forks a child that stops, to be traced, before it runs `work` and exits.
+inline pid_t forkTraced(const std::function<void()> &work)
 {
     const pid_t child = fork();
     if (child == 0) {
@@ -74,6 +73,14 @@ inline int trace(const std::function<void()> &work, const std::function<void(lon
         work();
         _exit(0);
     }
+    return child;
+}
+
+/// Runs `work` in a forked child and calls `onCall` with the number and the arguments of each of its system calls.
+/// Returns the child's wait status; -1 if it cannot be followed.
+inline int trace(const std::function<void()> &work, const std::function<void(long, const std::uint64_t *)> &onCall)
+{
+    const pid_t child = forkTraced(work);
     int status = -1;
     while (child > 0 && waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
         ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD);

@@ -106,14 +106,7 @@ QStringList entries(const QString &directory)
 /// killed, 0 if it ended before, -1 on error.
 int killAfter(int steps, const std::function<void()> &work)
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
-            _exit(1);
-        raise(SIGSTOP);
-        work();
-        _exit(0);
-    }
+    const pid_t child = PlatformTest::forkTraced(work);
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child || !WIFSTOPPED(status))
         return -1;
