@@ -237,10 +237,10 @@ void TstAuthenticator::outcomeComesFirst()
 
 void TstAuthenticator::unlockedAtOnce()
 {
-    const QVector<QDBusPendingCall> calls = m_authd.sendAtOnce(
-        *m_root, {BusUser::message(QStringLiteral("SetUserMethodOption"),
-                                   {alice, puppet, QStringLiteral("do"), variant(QStringLiteral("lock:-1"))}),
-                  BusUser::message(QStringLiteral("Unlock"), {alice})});
+    m_authd.sendAtOnce(*m_root,
+                       {BusUser::message(QStringLiteral("SetUserMethodOption"),
+                                         {alice, puppet, QStringLiteral("do"), variant(QStringLiteral("lock:-1"))}),
+                        BusUser::message(QStringLiteral("Unlock"), {alice})});
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, idle, {})")));
     // The method learns of the lock before it learns of the end.
     QCOMPARE(told(),
