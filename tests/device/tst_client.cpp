@@ -710,7 +710,7 @@ void TstClient::countOutlivesTheClient()
         };
         // However slow the machine is, kill the client at some point in the series of calls.
         const int before = QRandomGenerator::global()->bounded(calls);
-        QTRY_VERIFY(told() >= before);
+        QTRY_VERIFY_WITH_TIMEOUT(told() >= before, 30000);
         QTest::qWait(QRandomGenerator::global()->bounded(50));
         client.process.kill();
         QVERIFY(client.process.waitForFinished());
