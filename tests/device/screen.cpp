@@ -107,9 +107,16 @@ QString Shown::allText() const
 
 bool Shown::click(const QString &name)
 {
-    QQuickItem *item = find(name);
-    if (!item)
+    // The end of an attempt is shown a moment before its parts are enabled.
+    const auto isEnabled = [&] {
+        const QQuickItem *item = look(name);
+        return item && item->isEnabled();
+    };
+    if (!QTest::qWaitFor(isEnabled, Patience)) {
+        qWarning("'%s' cannot be clicked in:\n%s", qPrintable(name), qPrintable(allText()));
         return false;
+    }
+    QQuickItem *item = look(name);
     const auto middle = [item] {
         return item->mapToScene(QPointF(item->width() / 2, item->height() / 2)).toPoint();
     };

@@ -30,6 +30,7 @@ public:
     QString text(const QString &name) const;
     /// All text that can be seen, one line for each item.
     QString allText() const;
+    /// Clicks on an item when it is enabled.
     bool click(const QString &name);
     void press(int key, Qt::KeyboardModifiers modifiers = {});
     void type(const QString &text);
