@@ -24,7 +24,8 @@ int lineEndSize(const QByteArray &content, int position);
 /// list that contains one, or a list with more than maximumTexts elements. Bytes above 127 are UTF-8 if `isUtf8`, else
 /// Latin-1.
 std::optional<QVariant> parse(const QByteArray &value, bool isUtf8);
-/// The text to write for `value`: a string or a list of strings, for any type.
+/// The text to write for `value`: a string or a list of strings, for any type. parse() does not read a longer list than
+/// maximumTexts.
 QByteArray written(const QVariant &value);
 
 } // namespace SettingsValue

@@ -85,6 +85,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
     if (isHarmless(content))
         REQUIRE(areSame(SettingsText::value(content, key), asQSettings(content)));
     change(content, text);
-    change(content, text.split(QLatin1Char('|')));
+    change(content, QStringList(text.split(QLatin1Char('|')).mid(0, SettingsValue::maximumTexts)));
     return 0;
 }
