@@ -48,6 +48,7 @@ private Q_SLOTS:
 
     void rootUnlocks();
     void nothingElseUnlocks();
+    void anyOtherNumberUnlocks();
     void numberOutlivesTheDaemon();
 
 private:
@@ -112,6 +113,18 @@ void TstUnlocking::nothingElseUnlocks()
     lockOut();
     QVERIFY(m_authd.start());
     QCOMPARE(m_client->checkPassword(right), lock);
+}
+
+void TstUnlocking::anyOtherNumberUnlocks()
+{
+    unlock(alice);
+    unlock(alice);
+    lockOut();
+    // Root unlocks all users.
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    QVERIFY(QFile::remove(QStringLiteral("/var/lib/authd/locks.conf")));
+    QVERIFY(m_authd.start());
+    QCOMPARE(m_client->checkPassword(right), QStringLiteral("success"));
 }
 
 void TstUnlocking::numberOutlivesTheDaemon()
