@@ -70,14 +70,13 @@ bool maySign(const Certificate &certificate)
 /// Whether the certificate lists this key purpose. A certificate without any purpose has none.
 bool hasPurpose(const Certificate &certificate, const char *purpose)
 {
-    char oid[128];
+    char oid[128]; // GnuTLS shortens longer ones.
     for (unsigned i = 0;; ++i) {
         size_t size = sizeof(oid);
-        const int result = gnutls_x509_crt_get_key_purpose_oid(certificate.get(), i, oid, &size, nullptr);
-        if (result == GNUTLS_E_SUCCESS && qstrcmp(oid, purpose) == 0)
-            return true;
-        if (result != GNUTLS_E_SUCCESS && result != GNUTLS_E_SHORT_MEMORY_BUFFER)
+        if (gnutls_x509_crt_get_key_purpose_oid(certificate.get(), i, oid, &size, nullptr) != GNUTLS_E_SUCCESS)
             return false;
+        if (qstrcmp(oid, purpose) == 0)
+            return true;
     }
 }
 
