@@ -139,6 +139,19 @@ bool pkcs11Tool(const QString &label, const QString &tokenPin, const QStringList
                    + arguments);
 }
 
+/// The path of the first token's directory.
+QString onlyToken()
+{
+    return directory + QLatin1Char('/') + QDir(directory).entryList(QDir::Dirs | QDir::NoDotAndDotDot).value(0)
+           + QLatin1Char('/');
+}
+
+/// The names of the files of a token's objects.
+QStringList objects(const QString &token)
+{
+    return QDir(token).entryList({QStringLiteral("*.object")});
+}
+
 } // namespace
 
 bool SoftTokens::reset()
@@ -268,10 +281,9 @@ bool SoftTokens::putCert(const QString &label, const QString &id, const QString 
 bool SoftTokens::multiply(const QByteArray &id, int count)
 {
     // Edit the token's files, because the tools would take minutes.
-    const QString token = directory + QLatin1Char('/')
-                          + QDir(directory).entryList(QDir::Dirs | QDir::NoDotAndDotDot).value(0) + QLatin1Char('/');
+    const QString token = onlyToken();
     int number = 0;
-    const QStringList files = QDir(token).entryList({QStringLiteral("*.object")});
+    const QStringList files = objects(token);
     for (const QString &file : files) {
         const QByteArray object = TestDevice::readFile(token + file);
         for (int i = 1; i < count && object.contains(id); ++i) {
@@ -284,6 +296,22 @@ bool SoftTokens::multiply(const QByteArray &id, int count)
         }
     }
     return number > 0 || count == 1;
+}
+
+bool SoftTokens::damage(const QString &certificate)
+{
+    const QByteArray der = TestDevice::readFile(certificate + QStringLiteral(".der"));
+    const QString token = onlyToken();
+    bool found = false;
+    const QStringList files = objects(token);
+    for (const QString &file : files) {
+        QByteArray object = TestDevice::readFile(token + file);
+        if (!object.contains(der))
+            continue;
+        object.replace(der, QByteArray(der.size(), '\0'));
+        found = TestDevice::writeFile(token + file, object);
+    }
+    return found;
 }
 
 bool SoftTokens::enroll(const QString &label, const QString &id, const QString &certificate, const QString &key,

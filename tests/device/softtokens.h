@@ -53,6 +53,8 @@ bool putCert(const QString &label, const QString &id, const QString &certificate
 /// Copies the public objects of the only token that have the id `id`, which ends in two zero bytes, until there are
 /// `count` of each. Their ids end in consecutive numbers.
 bool multiply(const QByteArray &id, int count);
+/// Makes a certificate on the only token unreadable.
+bool damage(const QString &certificate);
 /// Puts a key pair and a certificate on a token.
 bool enroll(const QString &label, const QString &id, const QString &certificate,
             const QString &key = QStringLiteral("rsa"), const QString &tokenPin = pin);

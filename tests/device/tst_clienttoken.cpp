@@ -125,6 +125,18 @@ int firstFree(const ClientFixture &client)
     return number;
 }
 
+/// Gives a socket of the client the smallest buffer for what it sends.
+bool shrinkBuffer(const ClientFixture &client, int number)
+{
+    const int process = int(syscall(SYS_pidfd_open, client.process.processId(), 0));
+    const int socket = int(syscall(SYS_pidfd_getfd, process, number, 0));
+    const int size = 0;
+    const bool isSet = setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) == 0;
+    close(socket);
+    close(process);
+    return isSet;
+}
+
 /// Limits the numbers of the client's new descriptors.
 bool limitDescriptors(const ClientFixture &client, int count)
 {
@@ -167,6 +179,7 @@ private Q_SLOTS:
     void unsuitableToken_data();
     void unsuitableToken();
     void unreadableToken();
+    void unreadableCertificate();
     void listsDefaultFirst();
     void commandLineList();
     void longCertificate();
@@ -399,6 +412,25 @@ void TstClientToken::unreadableToken()
     QTRY_VERIFY(client.output().contains("tarsk.kavet_client: Cannot read a token: "));
 }
 
+void TstClientToken::unreadableCertificate()
+{
+    const QString branch = QStringLiteral("branch");
+    QVERIFY(SoftTokens::makeAuthority(branch, QStringLiteral("root")));
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::enroll(
+        one, id1,
+        SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), branch)));
+    QVERIFY(SoftTokens::putCert(one, id2, QStringLiteral("/home/alice/ca/branch.pem")));
+    QVERIFY(SoftTokens::enroll(one, id3, goodCert()));
+    QVERIFY(SoftTokens::damage(goodCert()));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:token=one;id=%A1%B2%C3;type=cert"), pin), failed);
+}
+
 void TstClientToken::listsDefaultFirst()
 {
     ClientFixture client;
@@ -512,6 +544,16 @@ void TstClientToken::longestList()
     QCOMPARE(certs.size(), count);
     QCOMPARE(certs.join(QString()).size(), count * size);
     QVERIFY(client.output().isEmpty());
+    // A peer that reads late also gets what does not fit into the socket's buffer.
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    const QStringList waiting = childrenOf(client);
+    const int number = firstFree(client);
+    const RawConnection peer;
+    QVERIFY(peer.send(RawConnection::handshake) && peer.receives("OK "));
+    QVERIFY(shrinkBuffer(client, number));
+    QVERIFY(peer.send(RawConnection::call("getCertList", {})));
+    QTRY_VERIFY_WITH_TIMEOUT(childrenOf(client).size() == 1 && childrenOf(client) != waiting, callTimeout);
+    QVERIFY(peer.receives("pkcs11:", count));
     // With one more, there is no room for descriptions.
     QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
     QCOMPARE(client.certList().size(), count + 1);
