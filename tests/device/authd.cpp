@@ -111,6 +111,7 @@ QPair<int, QByteArray> Authd::run(const QStringList &arguments)
 
 void AuthdTest::initTestCase()
 {
+    qputenv("MALLOC_PERTURB_", "165"); // Overwrites freed memory, so that using it fails.
     QVERIFY(startSystemBus());
 }
 
