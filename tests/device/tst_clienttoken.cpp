@@ -180,6 +180,7 @@ private Q_SLOTS:
     void unsuitableToken();
     void unreadableToken();
     void unreadableCertificate();
+    void vastLabel();
     void listsDefaultFirst();
     void commandLineList();
     void longCertificate();
@@ -429,6 +430,15 @@ void TstClientToken::unreadableCertificate()
     QCOMPARE(certs.size(), 1);
     QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:token=one;id=%A1%B2%C3;type=cert"), pin), failed);
+}
+
+void TstClientToken::vastLabel()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(makeUnruly("vast"));
+    QCOMPARE(client.certList(), QStringList{cert});
 }
 
 void TstClientToken::listsDefaultFirst()

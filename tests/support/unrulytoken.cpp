@@ -21,6 +21,7 @@
 //   blank    the token is not initialised
 //   open     the token requires no PIN
 //   unreadable   the token's objects cannot be read
+//   vast     the labels of public keys seem to be as long as may be
 // The file wrong-pins.LABEL there, with the token's label, holds the count of wrong tries. Only removing the file
 // unblocks a token.
 
@@ -28,6 +29,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <string>
 
 #include <dlfcn.h>
@@ -109,6 +111,25 @@ CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE *objects, unsigned
     return behaviour() == "unreadable" ? CKR_DEVICE_ERROR : soft->C_FindObjects(session, objects, size, count);
 }
 
+CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE *attributes,
+                        unsigned long count)
+{
+    CK_RV result = soft->C_GetAttributeValue(session, object, attributes, count);
+    CK_OBJECT_CLASS kind = 0;
+    CK_ATTRIBUTE asked = {CKA_CLASS, &kind, sizeof(kind)};
+    if (behaviour() != "vast" || soft->C_GetAttributeValue(session, object, &asked, 1) != CKR_OK
+        || kind != CKO_PUBLIC_KEY)
+        return result;
+    for (unsigned long i = 0; i < count; ++i) {
+        if (attributes[i].type != CKA_LABEL)
+            continue;
+        if (attributes[i].pValue)
+            result = CKR_BUFFER_TOO_SMALL;
+        attributes[i].ulValueLen = std::numeric_limits<int>::max();
+    }
+    return result;
+}
+
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char *pin, unsigned long size)
 {
     CK_SESSION_INFO info = {};
@@ -180,6 +201,7 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
     functions.C_Initialize = initialize;
     functions.C_GetTokenInfo = getTokenInfo;
     functions.C_FindObjects = findObjects;
+    functions.C_GetAttributeValue = getAttributeValue;
     functions.C_Login = login;
     functions.C_Sign = sign;
     *list = &functions;
