@@ -218,10 +218,9 @@ void PinnedFile::pin(int descriptor)
 bool PinnedFile::restrictPermissions() const
 {
     struct stat status = {};
-    if (fstat(m_descriptor, &status) == -1)
-        return false;
+    const bool isRestricted = fstat(m_descriptor, &status) == 0 && (status.st_mode & ~mode_t(S_IFMT)) == ownerOnly;
     // An unnecessary change would trigger file watchers.
-    return (status.st_mode & ~mode_t(S_IFMT)) == ownerOnly || chmod(pathOf(m_descriptor).constData(), ownerOnly) == 0;
+    return isRestricted || chmod(pathOf(m_descriptor).constData(), ownerOnly) == 0;
 }
 
 int PinnedFile::openAsOwner(int flags) const

@@ -27,6 +27,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <linux/capability.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
@@ -602,6 +603,12 @@ void TstUserFiles::modeIsRestricted()
         QVERIFY(PinnedFile(file, alice, clientGroup).isUsable());
         QCOMPARE(statusOf(file).st_mode & 07777, mode_t(0600));
     }
+    // Watchers are not told about a mode that stays.
+    const Descriptor watch(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    QVERIFY(inotify_add_watch(watch.get(), encoded(file).constData(), IN_ATTRIB) > 0);
+    QVERIFY(PinnedFile(file, alice, clientGroup).isUsable());
+    char event = 0;
+    QVERIFY(::read(watch.get(), &event, sizeof(event)) == -1 && errno == EAGAIN);
 }
 
 void TstUserFiles::changeGroup_data()
