@@ -133,7 +133,9 @@ QString LinkGuard::address() const
 bool LinkGuard::acceptLibrary()
 {
     m_library.reset(accept4(m_listener.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (!m_library.isValid() || peerCredentials(m_library.get()).pid != getpid())
+    if (!m_library.isValid())
+        return fail(errno);
+    if (peerCredentials(m_library.get()).pid != getpid())
         return fail(EPERM);
 
     m_handshakeOver = false;
@@ -168,7 +170,6 @@ void LinkGuard::start(Flow &flow, Descriptor &from, Descriptor &to)
 {
     flow.readable.reset(new QSocketNotifier(from.get(), QSocketNotifier::Read));
     flow.writable.reset(new QSocketNotifier(to.get(), QSocketNotifier::Write));
-    flow.writable->setEnabled(false);
     QSocketNotifier *const readable = flow.readable.data();
     QSocketNotifier *const writable = flow.writable.data();
     QObject::connect(readable, &QSocketNotifier::activated, readable,
