@@ -216,6 +216,8 @@ private Q_SLOTS:
     void refused();
     void plantedAsUserFile_data();
     void plantedAsUserFile();
+    void plantedByItsUser_data();
+    void plantedByItsUser();
     void plantedWhileItIsWatched_data();
     void plantedWhileItIsWatched();
     void plantedAsPolicy_data();
@@ -264,6 +266,7 @@ private Q_SLOTS:
 
     void removedWhileHandedOver();
     void movedBeforeHandedOver();
+    void handOverWithoutDescriptor_data();
     void handOverWithoutDescriptor();
     void handOverNeedsRoot();
 
@@ -401,6 +404,33 @@ void TstUserFiles::plantedAsUserFile()
         QVERIFY(QFile::remove(aliceFile));
         QCOMPARE(rename(encoded(aside).constData(), encoded(aliceFile).constData()), 0);
     }
+}
+
+void TstUserFiles::plantedByItsUser_data()
+{
+    QTest::addColumn<QString>("kind");
+    for (const char *kind : {"link", "hard link", "FIFO", "directory"})
+        QTest::newRow(kind) << QString::fromLatin1(kind);
+}
+
+// Not even a link to another file of the user's counts.
+void TstUserFiles::plantedByItsUser()
+{
+    QFETCH(QString, kind);
+
+    QVERIFY(setOwner(secret, alice, alice));
+    QVERIFY(plant(kind, file));
+    QVERIFY(setOwner(file, alice, alice));
+    const struct stat planted = statusOf(file);
+    const struct stat before = statusOf(secret);
+    const LogCapture log;
+    const PinnedFile pinned(file, alice, clientGroup);
+    QVERIFY(pinned.isUsable());
+    QCOMPARE(log.warnings().size(), 1);
+    QVERIFY(statusOf(file).st_ino != planted.st_ino);
+    QVERIFY(S_ISREG(statusOf(file).st_mode));
+    QCOMPARE(statusOf(secret).st_gid, before.st_gid);
+    QCOMPARE(statusOf(secret).st_mode, before.st_mode);
 }
 
 void TstUserFiles::plantedWhileItIsWatched_data()
@@ -947,7 +977,7 @@ void TstUserFiles::writeReplaces()
 
     QVERIFY(writeFile(file, "content"));
     QVERIFY(setOwner(file, alice, clientGroup));
-    QCOMPARE(chmod(encoded(file).constData(), 0640), 0);
+    QCOMPARE(chmod(encoded(file).constData(), 01640), 0);
     const struct stat before = statusOf(file);
     const PinnedFile pinned(file);
     QVERIFY(pinned.write(content));
@@ -1050,6 +1080,18 @@ void TstUserFiles::cannotBeReplaced()
     QVERIFY(!replaced);
     QCOMPARE(error, ENOENT);
     QCOMPARE(readFile(file), QByteArray("old"));
+
+    // The directory needs a descriptor.
+    rlimit former = {};
+    QCOMPARE(getrlimit(RLIMIT_NOFILE, &former), 0);
+    const rlimit none = {0, former.rlim_max};
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &none), 0);
+    errno = 0;
+    const bool replacedWithout = replaceFile(pinned.get(), "new");
+    const int errorWithout = errno;
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &former), 0);
+    QVERIFY(!replacedWithout);
+    QCOMPARE(errorWithout, EMFILE);
 }
 
 void TstUserFiles::removedBeforeItReplaces()
@@ -1106,6 +1148,9 @@ void TstUserFiles::writeIsInterrupted()
     QCOMPARE(waitpid(writer, &status, 0), writer);
     QVERIFY(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ);
     QCOMPARE(portrait(file), before);
+    // What it has left behind is not in the way.
+    QVERIFY(PinnedFile(file).write("new"));
+    QCOMPARE(readFile(file), QByteArray("new"));
 }
 
 void TstUserFiles::neverTorn()
@@ -1367,10 +1412,19 @@ void TstUserFiles::movedBeforeHandedOver()
     QCOMPARE(statusOf(file).st_uid, bob);
 }
 
+void TstUserFiles::handOverWithoutDescriptor_data()
+{
+    QTest::addColumn<int>("left");
+    QTest::addColumn<bool>("replaced");
+    QTest::newRow("for the former directory") << 1 << false;
+    QTest::newRow("for the former directory and the present one") << 2 << true;
+}
+
 void TstUserFiles::handOverWithoutDescriptor()
 {
+    QFETCH(int, left);
+    QFETCH(bool, replaced);
     QVERIFY(writeFile(file, {}));
-    // Leave two descriptors: for the former directory and for the present one.
     std::array<int, 3> next = {};
     for (int &descriptor : next)
         descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -1378,14 +1432,14 @@ void TstUserFiles::handOverWithoutDescriptor()
         QCOMPARE(close(descriptor), 0);
     rlimit former = {};
     QCOMPARE(getrlimit(RLIMIT_NOFILE, &former), 0);
-    const rlimit limit = {rlim_t(next.back()), former.rlim_max};
+    const rlimit limit = {rlim_t(next.at(size_t(left))), former.rlim_max};
     QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
     const LogCapture log;
     const HandOver result = handOver(sharedDirectory, bob, clientGroup);
     QCOMPARE(setrlimit(RLIMIT_NOFILE, &former), 0);
 
-    QCOMPARE(result, HandOver::Replaced);
-    QCOMPARE(statusOf(sharedDirectory).st_uid, bob);
+    QCOMPARE(result, replaced ? HandOver::Replaced : HandOver::Failed);
+    QCOMPARE(statusOf(sharedDirectory).st_uid, replaced ? bob : 0);
     // The files that could not be listed are put aside.
     const QString aside = sharedDirectory + QStringLiteral(".1000");
     QVERIFY(QFileInfo::exists(aside + QStringLiteral("/file.conf")));
