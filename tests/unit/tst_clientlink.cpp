@@ -484,6 +484,7 @@ void TstClientLink::arguments()
     QFETCH(QString, name);
     MethodFixture fixture;
     QVERIFY(fixture.link({}, user));
+    fixture.d->child.uid = TestDevice::carol; // whose launch is due
     fixture.d->checkPassword(QStringLiteral("pass wörd"));
     QTRY_COMPARE(fixture.told().size(), 1);
     fixture.d->validateCert(QStringLiteral("pkcs11:object=a"), QStringLiteral("1234"));
