@@ -707,6 +707,15 @@ private Q_SLOTS:
         QVERIFY(child.waitForFinished());
     }
 
+    void killedWithoutProcess()
+    {
+        ChildProcess child(nullptr);
+        const LogCapture log(true);
+        child.killForGood();
+        QVERIFY(log.lines().isEmpty());
+        QVERIFY(log.otherLines().isEmpty());
+    }
+
 private:
     static void noteCategory(QLoggingCategory *category)
     {
