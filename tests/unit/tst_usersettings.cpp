@@ -332,6 +332,7 @@ private Q_SLOTS:
     void withoutTemporaryDirectory_data();
     void withoutTemporaryDirectory();
 
+    void codeWithBlanks();
     void written();
     void foreignLinesStay_data();
     void foreignLinesStay();
@@ -373,6 +374,14 @@ void TstUserSettings::read()
 
     const UserSettings noFile(outside + QStringLiteral("/missing"));
     QCOMPARE(noFile.value(attempts, 7), QVariant(7));
+}
+
+void TstUserSettings::codeWithBlanks()
+{
+    // "%U0073" means "s".
+    QVERIFY(writeFile(file, "attempts=3\nattempt%U73  =4\n"));
+    QCOMPARE(QSettings(file, QSettings::NativeFormat).value(attempts), QVariant(QStringLiteral("3")));
+    QCOMPARE(UserSettings(file).value(attempts, 0), QVariant(QStringLiteral("3")));
 }
 
 void TstUserSettings::written()
