@@ -102,6 +102,8 @@ private Q_SLOTS:
     void damagedHash();
     void authType_data();
     void authType();
+    void uselessSetting_data();
+    void uselessSetting();
     void limits_data();
     void limits();
     void lockedForTheRightPasswordToo();
@@ -555,6 +557,29 @@ void TstClient::authType()
     QVERIFY(client.start());
     QCOMPARE(client.checkPassword(right), passwordAnswer);
     QCOMPARE(client.validateCert(QStringLiteral("pkcs11:"), QStringLiteral("1234")), certAnswer);
+}
+
+void TstClient::uselessSetting_data()
+{
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<QByteArray>("warning");
+    QTest::newRow("auth-type") << QStringLiteral("retina")
+                               << QByteArray(" is not one of password, cert and any; using any");
+    QTest::newRow("lock-after") << QStringLiteral("many") << QByteArray(" is not a valid number of attempts; using 5");
+    QTest::newRow("remove-after") << QStringLiteral("-1") << QByteArray(" is not a valid number of attempts; using 10");
+    QTest::newRow("mapping") << QStringLiteral("face")
+                             << QByteArray(" contains a value other than uid, upn, email and cn");
+}
+
+void TstClient::uselessSetting()
+{
+    QFETCH(QString, value);
+    QFETCH(QByteArray, warning);
+    QVERIFY(ClientFixture::setSetting(QLatin1String(QTest::currentDataTag()), value));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(right), wrongAuthType);
+    QTRY_COMPARE(client.output(), "tarsk.kavet_client: " + QByteArray(QTest::currentDataTag()) + warning + '\n');
 }
 
 void TstClient::limits_data()
