@@ -1444,27 +1444,32 @@ void TstClientToken::moduleFails_data()
 {
     QTest::addColumn<QString>("module");
     QTest::addColumn<QByteArray>("how");
+    QTest::addColumn<QByteArray>("warning");
     const QString unruly = Installed::unrulyToken;
-    QTest::newRow("absent") << QStringLiteral("/nowhere.so") << QByteArray();
-    QTest::newRow("no module") << QStringLiteral("/usr/lib/x86_64-linux-gnu/libz.so.1") << QByteArray();
-    QTest::newRow("no library") << QStringLiteral("/etc/passwd") << QByteArray();
-    QTest::newRow("does not start") << unruly << QByteArray("initialize");
-    QTest::newRow("error") << unruly << QByteArray("error");
-    QTest::newRow("error, and then does not start") << unruly << QByteArray("break");
-    QTest::newRow("crash") << unruly << QByteArray("crash");
-    QTest::newRow("exit") << unruly << QByteArray("exit");
+    const QByteArray notLoaded = "tarsk.kavet_client: Cannot load the token module: ";
+    const QByteArray hasFailed = "tarsk.kavet_client: The token module failed: ";
+    QTest::newRow("absent") << QStringLiteral("/nowhere.so") << QByteArray() << notLoaded;
+    QTest::newRow("no module") << QStringLiteral("/usr/lib/x86_64-linux-gnu/libz.so.1") << QByteArray() << notLoaded;
+    QTest::newRow("no library") << QStringLiteral("/etc/passwd") << QByteArray() << notLoaded;
+    QTest::newRow("does not start") << unruly << QByteArray("initialize") << notLoaded;
+    QTest::newRow("error") << unruly << QByteArray("error") << hasFailed;
+    QTest::newRow("error, and then does not start") << unruly << QByteArray("break") << hasFailed;
+    QTest::newRow("crash") << unruly << QByteArray("crash") << QByteArray();
+    QTest::newRow("exit") << unruly << QByteArray("exit") << QByteArray();
 }
 
 void TstClientToken::moduleFails()
 {
     QFETCH(QString, module);
     QFETCH(QByteArray, how);
+    QFETCH(QByteArray, warning);
     ClientFixture client;
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly(how));
     QVERIFY(set("module", module));
     QCOMPARE(client.validateCert(cert, pin), moduleFailed);
+    QTRY_VERIFY2(client.output().contains(warning), client.output().constData());
     QCOMPARE(ClientFixture::attempts(), 0);
     QVERIFY(makeUnruly("none"));
     QCOMPARE(client.validateCert(cert, pin), success);
@@ -1838,6 +1843,7 @@ void TstClientToken::unwritableRequest()
     QVERIFY(limit(size));
     QCOMPARE(client.validateCert(cert, ::wrongPin), moduleFailed);
     QCOMPARE(client.validateCert(cert, pin), moduleFailed);
+    QTRY_COMPARE(client.output().count("tarsk.kavet_client: Cannot pass a request to the helper: "), 2);
     QVERIFY(limit(QStringLiteral("unlimited")));
     QCOMPARE(client.validateCert(cert, pin), success);
     QCOMPARE(ClientFixture::attempts(), 0);
