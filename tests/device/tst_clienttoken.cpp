@@ -1473,7 +1473,9 @@ void TstClientToken::moduleFails()
     QVERIFY(makeUnruly(how));
     QVERIFY(set("module", module));
     QCOMPARE(client.validateCert(cert, pin), moduleFailed);
-    QTRY_VERIFY2(client.output().contains(warning), client.output().constData());
+    // Nothing is known about a helper that has ended by itself.
+    QTRY_VERIFY2(warning.isEmpty() ? client.output().isEmpty() : client.output().contains(warning),
+                 client.output().constData());
     QCOMPARE(ClientFixture::attempts(), 0);
     QVERIFY(makeUnruly("none"));
     QCOMPARE(client.validateCert(cert, pin), success);
