@@ -11,8 +11,9 @@
 
 #include <systemd/sd-bus.h>
 
-/// The daemon's own connection to the system bus. It reads messages one by one, no faster than they are handled. A
-/// flood of calls therefore queues up at its sender, where it delays nobody else, and not in the daemon.
+/// The daemon's own connection to the system bus. It reads messages one by one, no faster than they are handled, so a
+/// flood of calls does not queue up in the daemon. As refusing a call takes less time than the bus needs to deliver it,
+/// the flood queues up at its sender, where it delays nobody else.
 class SystemBus : public QObject
 {
     Q_OBJECT
