@@ -4,7 +4,7 @@
 
 #include <QByteArray>
 
-#include <fuzzer/FuzzedDataProvider.h>
+#include <FuzzedDataProvider.h>
 
 /// Makes D-Bus messages, in little-endian form, of values that the fuzzer chooses.
 namespace DBusMessage {

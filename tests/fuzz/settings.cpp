@@ -6,6 +6,7 @@
 #include "files/settingsvalue.h"
 #include "fuzz.h"
 
+#include <QRegularExpression>
 #include <QSettings>
 
 namespace {
@@ -13,11 +14,26 @@ namespace {
 const QString key = QStringLiteral("attempts");
 const QString otherKey = QStringLiteral("max-attempts");
 
+/// Whether an escape sequence spells "@".
+bool spellsAt(const QByteArray &content)
+{
+    static const QRegularExpression codes(QStringLiteral("\\\\(?:x([0-9a-fA-F]+)|([0-7]+))"));
+    auto code = codes.globalMatch(QString::fromLatin1(content));
+    while (code.hasNext()) {
+        const auto match = code.next();
+        const uint hexadecimal = match.capturedRef(1).right(8).toUInt(nullptr, 16);
+        const uint octal = match.capturedRef(2).right(8).toUInt(nullptr, 8);
+        if (ushort(hexadecimal | octal) == '@')
+            return true;
+    }
+    return false;
+}
+
 /// Whether QSettings constructs no object from a stream, which could crash it.
 bool isHarmless(const QByteArray &content)
 {
-    if (content.contains("\\x") || content.contains("\\1"))
-        return false; // It may spell "@".
+    if (spellsAt(content))
+        return false;
     return !content.contains('@')
            || !(content.contains('\\') || content.contains('"') || content.contains("Variant")
                 || content.contains("DateTime"));
