@@ -335,6 +335,7 @@ void TstClient::signalsWhileTyping()
     const auto before = localModes();
     QVERIFY(before & ECHO);
 
+    std::signal(SIGHUP, SIG_DFL); // The client inherits an ignored one, as after nohup(1).
     QProcess process;
     ClientFixture::asUser(process, ClientFixture::program, {QStringLiteral("--set-password")});
     // The terminal must become the new session's. If QProcess opened it, it could become that of this process.
