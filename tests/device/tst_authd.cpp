@@ -995,6 +995,7 @@ void TstAuthd::access_data()
     QTest::newRow("RequestChallenge") << "RequestChallenge" << QVariantList{alice, kavetMethod} << false;
     QTest::newRow("Authenticate") << "Authenticate" << QVariantList{alice, kavetMethod, password({})} << false;
     QTest::newRow("GetState") << "GetState" << QVariantList{alice} << false;
+    QTest::newRow("GetUnlocks") << "GetUnlocks" << QVariantList{alice} << false;
     QTest::newRow("Unlock") << "Unlock" << QVariantList{bob} << false;
     QTest::newRow("SessionStarted") << "SessionStarted" << QVariantList{bob, true} << false;
     QTest::newRow("SessionStopped") << "SessionStopped" << QVariantList{bob, true} << false;
@@ -1015,6 +1016,7 @@ void TstAuthd::access_data()
     QTest::newRow("Subscribe") << "Subscribe" << QVariantList{} << true;
     QTest::newRow("Unsubscribe") << "Unsubscribe" << QVariantList{} << true;
     QTest::newRow("own state") << "GetState" << QVariantList{bob} << true;
+    QTest::newRow("own unlocks") << "GetUnlocks" << QVariantList{bob} << true;
 }
 
 void TstAuthd::access()
