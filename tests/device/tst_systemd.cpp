@@ -303,14 +303,14 @@ void TstSystemd::secretsAreWiped()
         tooMuch.insert(QStringLiteral("z%1").arg(i), i);
     QVERIFY(refuse(root, kavet, tooMuch));
     QVERIFY(refuse(root, kavet, {{QStringLiteral("nested"), password("nested-secret")}}));
-    QVariantMap partlyRead = password("partly-read-secret");
-    partlyRead.insert(QStringLiteral("z"), QVariantMap());
-    QVERIFY(refuse(root, kavet, partlyRead));
     // The allocator overwrites parts of freed memory, but not of a long text.
     const QByteArray longSecret = QByteArray("long-secret").repeated(1000);
     QVERIFY(refuse(root, QStringLiteral("other"), password(longSecret.constData())));
     QVERIFY(refuse(root, QStringLiteral("other"), password("misdirected-secret")));
     QVERIFY(refuse(BusUser(TestDevice::bob), kavet, password("denied-secret")));
+    QVariantMap partlyRead = password(QByteArray("partly-read-secret").repeated(800).constData());
+    partlyRead.insert(QStringLiteral("z"), QVariantMap());
+    QVERIFY(refuse(root, kavet, partlyRead));
     const auto holds = [&](const QString &text) {
         const QByteArray memory = processMemory(daemon.pid());
         return memory.contains(text.toUtf8()) || memory.contains(inQt(text));
