@@ -82,10 +82,12 @@ private Q_SLOTS:
     void queue();
     void waitsAgain();
     void rootComesFirst();
+    void rootTriesAgainFirst();
     void rootDoesNotWaitForChallenges();
     void longAttemptIsCutShort_data();
     void longAttemptIsCutShort();
     void aloneNobodyIsCutShort();
+    void eachTurnWithoutWaitersIsNew();
     void reopeningKeepsNobodyOut_data();
     void reopeningKeepsNobodyOut();
     void tooManyAttempts();
@@ -451,6 +453,19 @@ void TstAttemptQueue::rootComesFirst()
             < m_reports->texts.indexOf(QStringLiteral("Authenticated(1001, puppet)")));
 }
 
+void TstAttemptQueue::rootTriesAgainFirst()
+{
+    // As long as the user's turn lasts.
+    const BusUser user(bob);
+    const qulonglong first = open(*m_root, alice, "");
+    QTRY_COMPARE(told(first).size(), 1); // It has begun.
+    open(user, bob, "succeed");
+    open(*m_root, alice, "succeed");
+    QTRY_VERIFY(m_reports->texts.contains(QStringLiteral("Authenticated(1001, puppet)")));
+    const int ofAlice = m_reports->texts.indexOf(QStringLiteral("Authenticated(1000, puppet)"));
+    QVERIFY(ofAlice >= 0 && ofAlice < m_reports->texts.indexOf(QStringLiteral("Authenticated(1001, puppet)")));
+}
+
 void TstAttemptQueue::rootDoesNotWaitForChallenges()
 {
     const BusUser user(alice);
@@ -510,6 +525,21 @@ void TstAttemptQueue::aloneNobodyIsCutShort()
     open(other, bob, "succeed");
     QTRY_VERIFY(isTold(attempt, QStringLiteral("cut-short")));
     QVERIFY2(clock.elapsed() > 3500, qPrintable(QString::number(clock.elapsed())));
+}
+
+void TstAttemptQueue::eachTurnWithoutWaitersIsNew()
+{
+    const BusUser user(alice);
+    open(user, alice, "");
+    // The time itself is what is tested here.
+    QTest::qWait(4000);
+    QElapsedTimer turn;
+    turn.start();
+    const qulonglong attempt = open(user, alice, "");
+    QTRY_COMPARE(told(attempt).size(), 1); // It has begun.
+    open(*m_root, bob, "succeed");
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("cut-short")));
+    QVERIFY2(turn.elapsed() >= 3000, qPrintable(QString::number(turn.elapsed())));
 }
 
 void TstAttemptQueue::reopeningKeepsNobodyOut_data()
