@@ -491,6 +491,7 @@ void TstMonitoring::cannotBeStarted()
     d->child.socketPresent = true;
     QTRY_COMPARE(d->child.state(), QProcess::NotRunning);
     QTRY_VERIFY(log.debugs().contains(clientNotRunning));
+    QCoreApplication::sendPostedEvents(d, QEvent::MetaCall); // A failed start is also handled by a queued call.
 
     QStringList lines = texts(log);
     QVERIFY(lines.removeOne(QStringLiteral("onChildErrorOccurred error 0")));
