@@ -509,6 +509,8 @@ void TstLinkGuard::messages_data()
     QTest::newRow("big-endian texts") << message(200000, "as", none, true) << false;
     QTest::newRow("unknown byte order") << message(100).replace(0, 1, "b") << true;
     QTest::newRow("text with a sender") << message(500000, "s", sender) << false;
+    QTest::newRow("text with a serial number like a field")
+        << message(500000, "s", QByteArray("\x05\x01u\0\x08\x01g\0", 8)) << false;
     QTest::newRow("short values") << message(4096, "av") << false;
     QTest::newRow("short nothing") << message(40, none) << false;
     QTest::newRow("long values") << message(4097, "av") << true;
