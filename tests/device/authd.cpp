@@ -111,7 +111,9 @@ QPair<int, QByteArray> Authd::run(const QStringList &arguments)
 
 void AuthdTest::initTestCase()
 {
-    qputenv("MALLOC_PERTURB_", "165"); // Overwrites freed memory, so that using it fails.
+    // Overwrite freed memory, so that using it fails. glibc does not overwrite what its thread caches keep.
+    qputenv("MALLOC_PERTURB_", "165");
+    qputenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0");
     QVERIFY(startSystemBus());
 }
 
