@@ -418,7 +418,7 @@ void TstAuthenticator::methodUnlocks()
 void TstAuthenticator::lockedDuringTheAttempt_data()
 {
     QTest::addColumn<QString>("script");
-    for (const char *script : {"succeed lock:-1", "lock:-1 succeed"})
+    for (const char *script : {"succeed lock:-1", "lock:-1 succeed", "restart lock:-1 succeed"})
         QTest::newRow(script) << script;
 }
 
