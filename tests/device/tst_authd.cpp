@@ -223,8 +223,8 @@ void TstAuthd::methodsAreChosenFromTheDirectory()
     QTemporaryDir directory;
     const QString to = directory.path() + QLatin1Char('/');
     QVERIFY(QFile::copy(Installed::plugin, to + QStringLiteral("a.so")));
-    for (const char *name :
-         {"libpuppet.so", "libimpostor.so", "libtaken.so", "libstranger.so", "libnameless.so", "libnometadata.so"})
+    for (const char *name : {"libpuppet.so", "libimpostor.so", "libtaken.so", "libstranger.so", "libincomplete.so",
+                             "libnameless.so", "libnometadata.so"})
         QVERIFY(QFile::copy(testMethods + QLatin1Char('/') + QLatin1String(name), to + QLatin1String(name)));
     QVERIFY(QFile::copy(testMethods + QStringLiteral("/libpuppet.so"), to + QStringLiteral("second.so")));
     QVERIFY(TestDevice::writeFile(to + QStringLiteral("readme.txt"), "no library"));
@@ -248,10 +248,11 @@ void TstAuthd::methodsAreChosenFromTheDirectory()
              "libtaken.so reason=\"name already taken\"",
              "second.so reason=\"name already taken\"",
              "libstranger.so reason=\"another interface\" details=\"wanted qarv.authplugin\"",
+             "libincomplete.so reason=\"cannot be loaded\"",
              "z.so reason=\"name differs from the metadata\"",
          })
         QCOMPARE(log.count(QByteArray("/") + line), 1);
-    QCOMPARE(log.count("event=method-refused"), 8);
+    QCOMPARE(log.count("event=method-refused"), 9);
     QCOMPARE(log.count("event=method-loaded"), 2);
     QVERIFY(log.indexOf("z.so reason=") < log.indexOf("event=method-loaded method=puppet"));
     QVERIFY(log.contains("level=info event=method-loaded method=kavet priority=50 file=" + to.toUtf8() + "a.so\n"));
