@@ -609,14 +609,18 @@ void TstLinkGuard::doesNotRead()
 void TstLinkGuard::sideEnds_data()
 {
     QTest::addColumn<bool>("client");
-    QTest::newRow("client") << true;
-    QTest::newRow("library") << false;
+    QTest::addColumn<bool>("hasUnread");
+    QTest::newRow("client") << true << false;
+    QTest::newRow("library") << false << false;
+    QTest::newRow("client with unread data") << true << true;
+    QTest::newRow("library with unread data") << false << true;
 }
 
 // Data that a side sent before it closed still arrives.
 void TstLinkGuard::sideEnds()
 {
     QFETCH(bool, client);
+    QFETCH(bool, hasUnread);
     const LogCapture log(true);
     Link link;
     QVERIFY(link.make());
@@ -624,6 +628,10 @@ void TstLinkGuard::sideEnds()
     int &ending = client ? link.client : link.library;
     const int other = client ? link.library : link.client;
     QVERIFY(link.begin());
+    if (hasUnread) {
+        QVERIFY(sendAll(other, message(100)));
+        QTRY_VERIFY(isRead(other)); // by the guard, which passes it on at once
+    }
     const QByteArray data = message(limit);
     QVERIFY(sendAll(ending, data));
     QCOMPARE(close(ending), 0);
@@ -640,20 +648,30 @@ void TstLinkGuard::sideEnds()
 
 void TstLinkGuard::sideEndsUnread_data()
 {
-    sideEnds_data();
+    QTest::addColumn<bool>("client");
+    QTest::addColumn<bool>("closes");
+    QTest::newRow("client") << true << true;
+    QTest::newRow("library") << false << true;
+    QTest::newRow("client that still sends") << true << false;
+    QTest::newRow("library that still sends") << false << false;
 }
 
-// Survive SIGPIPE: a side may close without reading its pending data.
+// Survive SIGPIPE: a side may stop reading although data are pending.
 void TstLinkGuard::sideEndsUnread()
 {
     QFETCH(bool, client);
+    QFETCH(bool, closes);
     Link link;
     QVERIFY(link.make());
     QVERIFY(link.begin());
     QVERIFY(sendAll(client ? link.library : link.client, message(limit)));
     int &ending = client ? link.client : link.library;
-    QCOMPARE(close(ending), 0);
-    ending = -1;
+    if (closes) {
+        QCOMPARE(close(ending), 0);
+        ending = -1;
+    } else {
+        QCOMPARE(shutdown(ending, SHUT_RD), 0);
+    }
     QTRY_VERIFY(!link.guard.isOpen());
     QVERIFY(hasEnded(client ? link.library : link.client));
 }
