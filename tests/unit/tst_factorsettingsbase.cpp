@@ -314,6 +314,8 @@ void TstFactorSettingsBase::compound()
     const QVariantMap map = {{QStringLiteral("a"), 1}};
     running.prepare(RunningService::Value, map);
     QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
+    running.prepare(RunningService::Value, wrapped(map));
+    QVERIFY(!settings.getOption(0, QStringLiteral("certs")).isValid());
     running.sendSignal(Vocabulary::MethodOptionChanged, {own(), QStringLiteral("certs"), wrapped(map)});
     QTRY_COMPARE(settings.changes.size(), 1);
     QCOMPARE(settings.changes.constFirst(), (QVariantList{0U, QStringLiteral("certs"), QVariant()}));
