@@ -79,16 +79,13 @@ OptionStore::Outcome OptionStore::remove(uint uid, const QString &option) const
     return file.save() ? Stored : Failed;
 }
 
-bool OptionStore::removeUser(uint uid) const
+void OptionStore::removeUser(uint uid) const
 {
-    if (uid == 0)
-        return true;
-    if (!isMethodLegal())
-        return false;
+    if (uid == 0 || !isMethodLegal())
+        return;
     const StoreFile file(path(uid), StoreFile::LeaveMissing);
-    if (!file.isUsable())
-        return false;
-    return !g_key_file_remove_group(file.keys(), toUtf8(m_method)->c_str(), nullptr) || file.save();
+    if (file.isUsable() && g_key_file_remove_group(file.keys(), toUtf8(m_method)->c_str(), nullptr))
+        file.save();
 }
 
 bool OptionStore::isMethodLegal() const

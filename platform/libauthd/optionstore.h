@@ -30,9 +30,9 @@ public:
     Outcome write(uint uid, const QString &option, const QVariant &value) const;
     /// Removes a stored value.
     Outcome remove(uint uid, const QString &option) const;
-    /// Removes all stored values of user `uid`. Returns false, with a warning and nothing changed, on failure. Does
-    /// nothing for user id 0: the method-wide options belong to no user.
-    bool removeUser(uint uid) const;
+    /// Removes all stored values of user `uid`. On failure, logs a warning and changes nothing. Does nothing for user id
+    /// 0: the method-wide options belong to no user.
+    void removeUser(uint uid) const;
 
 private:
     bool isMethodLegal() const;

@@ -683,7 +683,8 @@ void TstOptionStore::cannotSetAside()
                 wrong |= 2;
             if (handler.setOptionInternal(alice, number, QVariant()))
                 wrong |= 4;
-            if (log.lines().size() != 6
+            handler.handleUserRemovedInternal(alice);
+            if (log.lines().size() != 8
                 || !log.lines().at(1).startsWith(QStringLiteral("Cannot set aside \"%1\" ").arg(userFile)))
                 wrong |= 8;
             return wrong;
