@@ -17,6 +17,7 @@
 #include <csignal>
 #include <functional>
 #include <limits>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
@@ -193,6 +194,7 @@ private Q_SLOTS:
     void killedWriter();
     void leftovers();
     void twoProcesses();
+    void signalWhileWaiting();
     void noDescriptorLeft();
     void likeAMap();
 
@@ -985,6 +987,30 @@ void TstOptionStore::twoProcesses()
         for (int i = 1; i <= Rounds; ++i)
             QCOMPARE(handler.getOptionInternal(alice, QStringLiteral("n%1").arg(i)), utf8(method));
     }
+}
+
+void TstOptionStore::signalWhileWaiting()
+{
+    QVERIFY(Handler().setOptionInternal(alice, number, 5));
+    const pid_t child = fork();
+    if (child == 0) {
+        static const int holder = open("/var/lib/authd/users", O_RDONLY | O_CLOEXEC);
+        struct sigaction action = {}; // It does not restart system calls.
+        action.sa_handler = [](int) {
+            close(holder);
+        };
+        if (flock(holder, LOCK_EX) != 0 || sigaction(SIGUSR1, &action, nullptr) != 0)
+            _exit(255);
+        _exit(Handler().setOptionInternal(alice, number, 6) ? 0 : 1);
+    }
+    const bool isWaiting = QTest::qWaitFor([child] {
+        return readFile(QStringLiteral("/proc/%1/syscall").arg(child)).startsWith(QByteArray::number(SYS_flock) + ' ');
+    });
+    kill(child, isWaiting ? SIGUSR1 : SIGKILL);
+    int status = -1;
+    QCOMPARE(waitpid(child, &status, 0), child);
+    QCOMPARE(status, 0);
+    QCOMPARE(Handler().getOptionInternal(alice, number), QVariant(6));
 }
 
 void TstOptionStore::noDescriptorLeft()
