@@ -79,7 +79,7 @@ std::optional<std::string> StoredValue::toStored(const QVariant &value)
     g_autofree char *text = g_variant_print(owned, TRUE);
     // GVariant's parser rejects subnormal numbers.
     g_autoptr(GVariant) back = g_variant_parse(nullptr, text, nullptr, nullptr, nullptr);
-    if (!back || !g_variant_equal(owned, back))
+    if (!back)
         return std::nullopt;
     return text;
 }
