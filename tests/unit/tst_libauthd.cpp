@@ -11,11 +11,32 @@
 
 #include <cerrno>
 #include <csignal>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+
+namespace {
+
+// A user whom another source than the file has.
+constexpr uid_t guest = 3998;
+char guestName[] = "one";
+
+} // namespace
+
+extern "C" Q_DECL_EXPORT int getpwuid_r(uid_t uid, passwd *entry, char *buffer, size_t size, passwd **found)
+{
+    static const auto next = reinterpret_cast<decltype(&getpwuid_r)>(dlsym(RTLD_NEXT, "getpwuid_r"));
+    if (uid != guest)
+        return next(uid, entry, buffer, size, found);
+    *entry = {};
+    entry->pw_name = guestName;
+    *found = entry;
+    return 0;
+}
 
 class TstLibAuthd : public QObject
 {
@@ -26,6 +47,7 @@ private Q_SLOTS:
     void init();
 
     void userName();
+    void rememberedUsers();
     void renamedAtOnce();
     void params();
 
@@ -82,6 +104,21 @@ void TstLibAuthd::userName()
     QCOMPARE(name, QStringLiteral("long"));
     QCOMPARE(newName, QStringLiteral("longer"));
     QVERIFY(LibAuthd::userName(3999).isNull());
+}
+
+void TstLibAuthd::rememberedUsers()
+{
+    const auto opened = [](int lookups) {
+        return PlatformTest::opened([lookups] {
+            for (int i = 0; i < lookups; ++i)
+                LibAuthd::userName(1000);
+        });
+    };
+    // At first the file may have changed just now.
+    QTRY_COMPARE(opened(2), opened(1));
+    QCOMPARE(LibAuthd::userName(guest), QStringLiteral("one"));
+    qstrcpy(guestName, "two");
+    QCOMPARE(LibAuthd::userName(guest), QStringLiteral("two"));
 }
 
 void TstLibAuthd::renamedAtOnce()
