@@ -5,6 +5,7 @@
 #include "device/installed.h"
 #include "device/processmemory.h"
 #include "support/testdevice.h"
+#include "support/waiting.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -176,7 +177,7 @@ public:
         addToEnvironment(process, environment);
         process.setProcessChannelMode(QProcess::MergedChannels);
         process.start();
-        return QTest::qWaitFor([this, before] {
+        return waitUntil([this, before] {
                    struct stat now = {};
                    return process.state() == QProcess::Running
                           && stat(QFile::encodeName(TestDevice::socketPath).constData(), &now) == 0

@@ -18,7 +18,7 @@ inline bool startSessionBus(QProcess &bus)
         bus, QStringLiteral("dbus-daemon"),
         {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--address=unix:path=") + socket});
     bus.start();
-    return QTest::qWaitFor([&socket] { return QFileInfo::exists(socket); });
+    return waitUntil([&socket] { return QFileInfo::exists(socket); });
 }
 
 /// The client's pid; 0 if there is none.

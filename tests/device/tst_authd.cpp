@@ -4,6 +4,7 @@
 #include "device/inheritable.h"
 #include "device/polltimeout.h"
 #include "support/testdevice.h"
+#include "support/waiting.h"
 #include "support/wiper.h"
 
 #include <QDBusConnectionInterface>
@@ -556,7 +557,7 @@ void TstAuthd::sleepsAfterCalls()
     // The daemon asks the bus who calls, with a timeout.
     const BusUser user(bob);
     QCOMPARE(user.error(QStringLiteral("GetMethods")), QString());
-    QVERIFY(QTest::qWaitFor([this] { return pollTimeout(m_authd.pid()) == -1; }));
+    QVERIFY(waitUntil([this] { return pollTimeout(m_authd.pid()) == -1; }));
 }
 
 void TstAuthd::success()

@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/clientfixture.h"
 #include "support/logcapture.h"
+#include "support/waiting.h"
 #include "unit/methodfixture.h"
 
 #include <QDBusPendingCall>
@@ -279,7 +280,7 @@ void TstClient::setPasswordOnTerminal()
                            QStringLiteral("/dev/null")});
     QByteArray shown;
     const auto shows = [&](const QByteArray &text) {
-        return QTest::qWaitFor([&] {
+        return waitUntil([&] {
             shown += terminal.readAllStandardOutput();
             return shown.contains(text);
         });
@@ -1038,7 +1039,7 @@ void TstClient::methodAuthenticates()
     const auto authenticate = [&fixture](const QString &password) {
         fixture.daemon.calls.clear();
         fixture.method.authenticate(TestDevice::alice, MethodFixture::passwordData(password));
-        return QTest::qWaitFor([&fixture] { return !fixture.daemon.outcomes().isEmpty(); })
+        return waitUntil([&fixture] { return !fixture.daemon.outcomes().isEmpty(); })
                    ? fixture.daemon.outcomes().constFirst()
                    : RecordingDaemon::Call{QStringLiteral("nothing"), {}};
     };

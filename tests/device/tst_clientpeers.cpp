@@ -3,6 +3,7 @@
 #include "device/clientfixture.h"
 #include "device/polltimeout.h"
 #include "device/rawconnection.h"
+#include "support/waiting.h"
 
 #include <QCryptographicHash>
 #include <QXmlStreamReader>
@@ -361,7 +362,7 @@ void TstClientPeers::silentPeerIsGivenUp()
         const auto sleep = [&client] {
             return pollTimeout(client.process.processId());
         };
-        QVERIFY(QTest::qWaitFor([&] { return sleep() > 0 && sleep() <= limit; }));
+        QVERIFY(waitUntil([&] { return sleep() > 0 && sleep() <= limit; }));
     }
     // The preloaded clock skips that time.
     ClientFixture client;

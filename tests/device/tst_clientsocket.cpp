@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/clientfixture.h"
 #include "device/polltimeout.h"
+#include "support/waiting.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -123,7 +124,7 @@ void TstClientSocket::isNotShownForever()
 {
     ClientFixture client;
     start(client, ClientFixture::hastyClock(1));
-    QVERIFY(QTest::qWaitFor([&client] { return pollTimeout(client.process.processId()) == -1; }));
+    QVERIFY(waitUntil([&client] { return pollTimeout(client.process.processId()) == -1; }));
 }
 
 void TstClientSocket::othersAreNotShown()

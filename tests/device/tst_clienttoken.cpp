@@ -5,6 +5,7 @@
 #include "device/polltimeout.h"
 #include "device/rawconnection.h"
 #include "device/softtokens.h"
+#include "support/waiting.h"
 #include "unit/methodfixture.h"
 
 #include <QDBusPendingReply>
@@ -112,8 +113,8 @@ bool endWaiting(const ClientFixture &client)
     const auto waiting = [&client] {
         return childrenOf(client).size() == 1 && isHelper(childrenOf(client).constFirst());
     };
-    return QTest::qWaitFor(waiting) && kill(childrenOf(client).constFirst().toInt(), SIGKILL) == 0
-           && QTest::qWaitFor([&client] { return childrenOf(client).isEmpty(); });
+    return waitUntil(waiting) && kill(childrenOf(client).constFirst().toInt(), SIGKILL) == 0
+           && waitUntil([&client] { return childrenOf(client).isEmpty(); });
 }
 
 /// The number that the client's next descriptor gets.
@@ -300,7 +301,7 @@ void TstClientToken::sleepsAfterCalls()
     QTRY_COMPARE(childrenOf(client).size(), 1);
     const QStringList waiting = childrenOf(client);
     // Only the waiting helper's timer is left.
-    QVERIFY(QTest::qWaitFor([&client] { return pollTimeout(client.process.processId()) > callTimeout; }));
+    QVERIFY(waitUntil([&client] { return pollTimeout(client.process.processId()) > callTimeout; }));
     QCOMPARE(childrenOf(client), waiting);
     // The client has not lost track of how far the helper is, and does not repeat its call.
     QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
@@ -1609,7 +1610,7 @@ void TstClientToken::helperEndsWithClient()
     const auto hasEnded = [&directory] {
         return !QFileInfo::exists(directory) || TestDevice::readFile(directory + QStringLiteral("/cmdline")).isEmpty();
     };
-    QVERIFY2(QTest::qWaitFor(hasEnded), TestDevice::readFile(directory + QStringLiteral("/status")).constData());
+    QVERIFY2(waitUntil(hasEnded), TestDevice::readFile(directory + QStringLiteral("/status")).constData());
 }
 
 void TstClientToken::peerVanishesMeanwhile()
@@ -1694,7 +1695,7 @@ void TstClientToken::waitingHelperIsGivenUp()
     const QStringList certs = client.certList();
     QCOMPARE(certs.size(), 1);
     QTRY_VERIFY(childrenOf(client).isEmpty());
-    QVERIFY(QTest::qWaitFor([&client] { return pollTimeout(client.process.processId()) == -1; }));
+    QVERIFY(waitUntil([&client] { return pollTimeout(client.process.processId()) == -1; }));
     QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
     QTRY_VERIFY(childrenOf(client).isEmpty());
     QVERIFY(client.output().isEmpty());
@@ -1972,7 +1973,7 @@ void TstClientToken::methodAuthenticates()
         fixture.daemon.calls.clear();
         fixture.method.authenticate(TestDevice::alice,
                                     {{QStringLiteral("cert"), certs.value(0)}, {QStringLiteral("pin"), withPin}});
-        return QTest::qWaitFor([&fixture] { return !fixture.daemon.outcomes().isEmpty(); })
+        return waitUntil([&fixture] { return !fixture.daemon.outcomes().isEmpty(); })
                    ? fixture.daemon.outcomes().constFirst()
                    : RecordingDaemon::Call{QStringLiteral("nothing"), {}};
     };

@@ -3,6 +3,7 @@
 #include "device/authd.h"
 #include "device/fakeloginmanager.h"
 #include "support/testdevice.h"
+#include "support/waiting.h"
 #include "support/wiper.h"
 
 #include <QDBusConnectionInterface>
@@ -137,7 +138,7 @@ private:
             return QFileInfo(QStringLiteral("/proc/%1").arg(pid)).ownerId();
         };
         pid_t child = 0;
-        const bool isThere = QTest::qWaitFor([&] {
+        const bool isThere = waitUntil([&] {
             const QVector<pid_t> present = childrenOf(pid_t(m_authd.pid()));
             for (const pid_t pid : present) {
                 if (!before.contains(pid))

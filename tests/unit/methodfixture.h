@@ -6,6 +6,7 @@
 #include "plugin/methodkavetprivate.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
+#include "support/waiting.h"
 
 #include <QDBusPendingCallWatcher>
 #include <QJsonArray>
@@ -32,9 +33,9 @@ struct MethodFixture
         script.insert(QStringLiteral("socket"), signalFile);
         TestDevice::setScript(script);
         method.authenticate(user, {});
-        const bool linked = QTest::qWaitFor([this] { return d->child.clientRunning; })
+        const bool linked = waitUntil([this] { return d->child.clientRunning; })
                             && TestDevice::writeFile(signalFile, {})
-                            && QTest::qWaitFor([this] { return !daemon.outcomes().isEmpty(); })
+                            && waitUntil([this] { return !daemon.outcomes().isEmpty(); })
                             && d->clientStage == MethodKavetPrivate::Linked && d->connection.isConnected();
         daemon.calls.removeOne(RecordingDaemon::asked(SettingsKavet::EnterPasswordOrPin));
         return linked;
@@ -57,8 +58,8 @@ struct MethodFixture
     bool dropLink()
     {
         method.authenticate(TestDevice::alice, passwordData(QStringLiteral("drop")));
-        const bool dropped = QTest::qWaitFor(
-            [this] { return !d->connection.isConnected() && !daemon.outcomes().isEmpty() && !isWaiting(); });
+        const bool dropped =
+            waitUntil([this] { return !d->connection.isConnected() && !daemon.outcomes().isEmpty() && !isWaiting(); });
         daemon.calls.clear();
         return dropped;
     }

@@ -6,6 +6,7 @@
 #include "support/logcapture.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
+#include "support/waiting.h"
 
 #include <QJsonArray>
 #include <QLoggingCategory>
@@ -54,8 +55,8 @@ bool linkClient(MethodKavet &method, const QJsonArray &list)
     TestDevice::setScript({{QStringLiteral("certs"), list}, {QStringLiteral("socket"), go}});
     auto *d = method.findChild<MethodKavetPrivate *>();
     method.authenticate(TestDevice::alice, {});
-    return QTest::qWaitFor([d] { return d->child.clientRunning; }) && TestDevice::writeFile(go, {})
-           && QTest::qWaitFor([d] { return d->clientStage == MethodKavetPrivate::Linked; });
+    return waitUntil([d] { return d->child.clientRunning; }) && TestDevice::writeFile(go, {})
+           && waitUntil([d] { return d->clientStage == MethodKavetPrivate::Linked; });
 }
 
 /// A method that computes its count of attempts, and records calls of its virtual operations in `daemon`.

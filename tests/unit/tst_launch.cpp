@@ -3,6 +3,7 @@
 #include "launcherarguments.h"
 #include "methodfixture.h"
 #include "support/logcapture.h"
+#include "support/waiting.h"
 
 #include <QDir>
 #include <QFile>
@@ -920,7 +921,7 @@ static bool launchFor(MethodFixture &f, uint user)
     const bool launched = f.d->launchChild();
     f.d->currentUid = 0;
     f.d->child.kill();
-    return launched && QTest::qWaitFor([&f] { return f.d->child.state() == QProcess::NotRunning; });
+    return launched && waitUntil([&f] { return f.d->child.state() == QProcess::NotRunning; });
 }
 
 /// Installs a policy of `user`, whose turn it is; without a limit if `limit` is null.

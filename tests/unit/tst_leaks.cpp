@@ -1,6 +1,7 @@
 // SPDX-FileCopyrightText: 2026 The kavet authors
 // SPDX-License-Identifier: BSD-3-Clause
 #include "methodfixture.h"
+#include "support/waiting.h"
 
 #include <QDir>
 #include <QFile>
@@ -58,7 +59,7 @@ bool TstLeaks::login(MethodFixture &fixture)
     if (!QFile::remove(currentPolicy))
         writeSetting(currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("7"));
     const auto outcome = [&fixture](const RecordingDaemon::Call &expected) {
-        return QTest::qWaitFor([&] { return fixture.daemon.outcomes().contains(expected); });
+        return waitUntil([&] { return fixture.daemon.outcomes().contains(expected); });
     };
     fixture.method.reset();
     fixture.method.handleUserSessionTriggered(alice, true, true);
@@ -66,13 +67,13 @@ bool TstLeaks::login(MethodFixture &fixture)
     if (!outcome(RecordingDaemon::asked(SettingsKavet::EnterPasswordOrPin)))
         return false;
     fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("failed")));
-    if (!QTest::qWaitFor([&] { return !fixture.daemon.callsOf(QStringLiteral("finish")).isEmpty(); }))
+    if (!waitUntil([&] { return !fixture.daemon.callsOf(QStringLiteral("finish")).isEmpty(); }))
         return false;
     fixture.method.authenticate(alice, MethodFixture::passwordData(QStringLiteral("success")));
     if (!outcome(RecordingDaemon::succeeded()))
         return false;
     fixture.method.handleUserSessionTriggered(alice, false, true);
-    return QTest::qWaitFor([&] { return !fixture.d->child.clientRunning; });
+    return waitUntil([&] { return !fixture.d->child.clientRunning; });
 }
 
 void TstLeaks::logins()
@@ -106,7 +107,7 @@ void TstLeaks::logins()
             .arg(held.objects)
             .arg(held.bytes);
     };
-    QVERIFY2(QTest::qWaitFor(hasNotGrown, 20000), qPrintable(text(before) + QStringLiteral("; then ") + text(after)));
+    QVERIFY2(waitUntil(hasNotGrown), qPrintable(text(before) + QStringLiteral("; then ") + text(after)));
 }
 
 QTEST_GUILESS_MAIN(TstLeaks)

@@ -5,6 +5,7 @@
 #include "platformtest.h"
 #include "support/logcapture.h"
 #include "support/testdevice.h"
+#include "support/waiting.h"
 
 #include <QAbstractEventDispatcher>
 #include <QDir>
@@ -131,7 +132,7 @@ struct Link
     {
         char end[8] = {};
         return send(library, "BEGIN\r\n", 7, MSG_NOSIGNAL) == 7
-               && QTest::qWaitFor([&] { return recv(client, end, 7, 0) == 7; });
+               && waitUntil([&] { return recv(client, end, 7, 0) == 7; });
     }
 };
 
@@ -163,7 +164,7 @@ bool repeatElsewhere(int descriptor, short event, ssize_t size, ssize_t (*step)(
     }
     // Buffers that grow must move, because there is something behind them.
     QVector<QByteArray> obstacles;
-    return QTest::qWaitFor([process, &obstacles] {
+    return waitUntil([process, &obstacles] {
         obstacles << QByteArray(1000, 0);
         return waitpid(process, nullptr, WNOHANG) == process;
     });
@@ -218,15 +219,12 @@ bool hasEnded(int descriptor)
 bool sendAll(int descriptor, const QByteArray &data)
 {
     int sent = 0;
-    return QTest::qWaitFor(
-               [&] {
-                   const ssize_t size =
-                       send(descriptor, data.constData() + sent, size_t(data.size() - sent), MSG_NOSIGNAL);
-                   if (size > 0)
-                       sent += int(size);
-                   return sent == data.size() || (size == -1 && errno != EAGAIN);
-               },
-               20000)
+    return waitUntil([&] {
+               const ssize_t size = send(descriptor, data.constData() + sent, size_t(data.size() - sent), MSG_NOSIGNAL);
+               if (size > 0)
+                   sent += int(size);
+               return sent == data.size() || (size == -1 && errno != EAGAIN);
+           })
            && sent == data.size();
 }
 
@@ -380,7 +378,7 @@ void TstLinkGuard::slowReader()
     QVERIFY(sendAll(from, data));
     QTest::qWait(50);
     QByteArray arrived;
-    QTRY_COMPARE_WITH_TIMEOUT((arrived += readAll(to)).size(), data.size(), 20000);
+    QTRY_COMPARE((arrived += readAll(to)).size(), data.size());
     QCOMPARE(arrived, data);
     QVERIFY(link.guard.isOpen());
     QVERIFY(log.lines().isEmpty());
@@ -409,14 +407,12 @@ void TstLinkGuard::clientSendsTooMuch()
             link.guard.allowReply();
         QByteArray data = message(replies.at(i));
         qint64 arrived = 0;
-        QVERIFY(QTest::qWaitFor(
-            [&] {
-                const ssize_t size = send(link.client, data.constData(), size_t(data.size()), MSG_NOSIGNAL);
-                data.remove(0, int(std::max<ssize_t>(size, 0)));
-                arrived += readAll(link.library).size();
-                return arrived == replies.at(i) || !link.guard.isOpen();
-            },
-            20000));
+        QVERIFY(waitUntil([&] {
+            const ssize_t size = send(link.client, data.constData(), size_t(data.size()), MSG_NOSIGNAL);
+            data.remove(0, int(std::max<ssize_t>(size, 0)));
+            arrived += readAll(link.library).size();
+            return arrived == replies.at(i) || !link.guard.isOpen();
+        }));
     }
     QCOMPARE(link.guard.isOpen(), !dropped);
     QCOMPARE(log.warnings(), dropped ? QStringList{sendsTooMuch} : QStringList());
@@ -639,7 +635,7 @@ void TstLinkGuard::sideEnds()
     QTRY_VERIFY(isIdle()); // until the other side reads
     QByteArray arrived;
     bool ended = false;
-    QTRY_VERIFY_WITH_TIMEOUT((arrived += readAll(other, &ended), ended), 20000);
+    QTRY_VERIFY((arrived += readAll(other, &ended), ended));
     QCOMPARE(arrived, data);
     QVERIFY(!link.guard.isOpen());
     QCOMPARE(link.guard.link(), number);

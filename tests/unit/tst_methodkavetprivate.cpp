@@ -5,6 +5,7 @@
 #include "support/logcapture.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
+#include "support/waiting.h"
 
 #include <QDBusConnection>
 #include <QDir>
@@ -56,7 +57,7 @@ int slotsConnected(const QObject &sender, const char *signal)
 bool runInChild(ChildProcess &child, const QString &script)
 {
     child.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script});
-    return QTest::qWaitFor([&child] { return child.state() == QProcess::NotRunning; });
+    return waitUntil([&child] { return child.state() == QProcess::NotRunning; });
 }
 
 /// Changes the client's directory, which has a socket of alice's, and waits for the watcher's signal.
@@ -682,8 +683,8 @@ private:
         TestDevice::setScript({{QStringLiteral("socket"), go}});
         method.setNotificator(&daemon);
         method.authenticate(TestDevice::alice, {{QStringLiteral("password"), QStringLiteral("success")}});
-        return QTest::qWaitFor([&method] { return privateOf(method)->child.clientRunning; })
-               && TestDevice::writeFile(go, {}) && QTest::qWaitFor([&daemon] { return !daemon.outcomes().isEmpty(); })
+        return waitUntil([&method] { return privateOf(method)->child.clientRunning; }) && TestDevice::writeFile(go, {})
+               && waitUntil([&daemon] { return !daemon.outcomes().isEmpty(); })
                && daemon.outcomes() == QVector<RecordingDaemon::Call>{RecordingDaemon::succeeded()};
     }
 };

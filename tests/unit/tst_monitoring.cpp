@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "methodfixture.h"
 #include "support/logcapture.h"
+#include "support/waiting.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -127,7 +128,7 @@ bool kill(const MethodKavetPrivate *d, int signal)
 bool linkWithPolicy(MethodFixture &fixture)
 {
     return TestDevice::writeSetting(TestDevice::currentPolicy, QStringLiteral("max-attempts"), QStringLiteral("0"))
-           && fixture.link() && QTest::qWaitFor([&fixture] {
+           && fixture.link() && waitUntil([&fixture] {
                   QStringList files = fixture.d->watcher.files();
                   files.sort();
                   return files == QStringList({userConfig, TestDevice::currentPolicy});

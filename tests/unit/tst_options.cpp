@@ -5,6 +5,7 @@
 #include "settings/constants.h"
 #include "support/recordingdaemon.h"
 #include "support/testdevice.h"
+#include "support/waiting.h"
 
 #include <authd/validationscope.h>
 #include <authd/vocabulary.h>
@@ -203,8 +204,8 @@ bool linkClient(MethodKavet &method, const QJsonArray &list)
     TestDevice::setScript({{QStringLiteral("certs"), list}, {QStringLiteral("socket"), go}});
     auto *d = method.findChild<MethodKavetPrivate *>();
     method.authenticate(TestDevice::alice, {});
-    return QTest::qWaitFor([d] { return d->child.clientRunning; }) && TestDevice::writeFile(go, {})
-           && QTest::qWaitFor([d] { return d->clientStage == MethodKavetPrivate::Linked; });
+    return waitUntil([d] { return d->child.clientRunning; }) && TestDevice::writeFile(go, {})
+           && waitUntil([d] { return d->clientStage == MethodKavetPrivate::Linked; });
 }
 
 } // namespace
