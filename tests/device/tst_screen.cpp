@@ -538,6 +538,7 @@ void TstScreen::information()
     setLimit(5);
     setCerts({badge});
     Shown shown(alice);
+    QVERIFY(shown.find(QStringLiteral("certificate-0")));
     QVERIFY(shown.submit(wrong));
     QVERIFY(shown.find(QStringLiteral("failure")));
     QVERIFY(shown.click(QStringLiteral("info")));
@@ -832,6 +833,7 @@ void TstScreen::german()
     const Language language(QLocale::German);
     setCerts({badge, ring});
     Shown shown(alice, QSize(520, 760), true);
+    QVERIFY(shown.find(QStringLiteral("certificate-1")));
     QVERIFY(shown.submit(wrong));
     QVERIFY(shown.find(QStringLiteral("failure")));
     QTRY_VERIFY(shown.hasFocus(QStringLiteral("secret")));
