@@ -681,13 +681,19 @@ void TstClientLink::newLinkWhileInFlight()
 
 void TstClientLink::replyOverAnEarlierLink_data()
 {
-    newLinkWhileInFlight_data();
+    QTest::addColumn<bool>("forCerts");
+    QTest::addColumn<bool>("linkedAgain");
+    QTest::newRow("checkPassword") << false << false;
+    QTest::newRow("checkPassword, linked again") << false << true;
+    QTest::newRow("getCertList") << true << false;
+    QTest::newRow("getCertList, linked again") << true << true;
 }
 
 // The link is given up when the library has received the reply but has not delivered it yet.
 void TstClientLink::replyOverAnEarlierLink()
 {
     QFETCH(bool, forCerts);
+    QFETCH(bool, linkedAgain);
     const QString late = QStringLiteral("late");
     MethodFixture fixture;
     QVERIFY(fixture.link({{QStringLiteral("certsAnswer"), late}}));
@@ -707,6 +713,8 @@ void TstClientLink::replyOverAnEarlierLink()
     call.waitForFinished();
     QVERIFY(!call.isError());
     fixture.d->guard.close();
+    if (linkedAgain)
+        QVERIFY(fixture.d->connectToChild());
 
     QTRY_VERIFY(!fixture.isWaiting());
     const QString noLink = QStringLiteral("No link to the client");
