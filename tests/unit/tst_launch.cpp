@@ -208,6 +208,7 @@ private Q_SLOTS:
     void limitOfAnotherUser_data();
     void limitOfAnotherUser();
     void limitWhoseFileHasGone();
+    void limitWhoseFileGoesBeforeTheLaunch();
     void limitIsRoots();
     void versionsOfSettings_data();
     void versionsOfSettings();
@@ -1085,6 +1086,18 @@ void TstLaunch::limitWhoseFileHasGone()
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(0));
     f.method.handleUserSessionTriggered(bob, true, false);
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("5")));
+}
+
+// The watcher reports the removal only after the launch of the policy's own user.
+void TstLaunch::limitWhoseFileGoesBeforeTheLaunch()
+{
+    MethodFixture f;
+    QVERIFY(putPolicy(f, alice, QStringLiteral("1")));
+    QCOMPARE(f.method.getOptionInternal(0, QStringLiteral("max-attempts")), QVariant(QStringLiteral("1")));
+    QVERIFY(QFile::remove(currentPolicy));
+    f.d->currentUid = alice;
+    QVERIFY(f.d->launchChild());
+    QTRY_COMPARE(f.method.getOptionInternal(0, QStringLiteral("max-attempts")), QVariant(0));
 }
 
 void TstLaunch::limitIsRoots()
