@@ -86,6 +86,8 @@ private Q_SLOTS:
     void rootDoesNotWaitForChallenges();
     void longAttemptIsCutShort_data();
     void longAttemptIsCutShort();
+    void outcomeJustInTime_data();
+    void outcomeJustInTime();
     void aloneNobodyIsCutShort();
     void eachTurnWithoutWaitersIsNew();
     void reopeningKeepsNobodyOut_data();
@@ -420,16 +422,23 @@ void TstAttemptQueue::waitsAgain()
 {
     const BusUser callerOfAlice(alice);
     const BusUser callerOfBob(bob);
+    const BusUser callerOfCarol(carol);
     const qulonglong first = open(callerOfBob, bob, "");
     const qulonglong attempt = open(callerOfAlice, alice, "input");
     const QString queued = QStringLiteral("StateChanged(1000, queued, {method=puppet})");
     QTRY_COMPARE(told(attempt), QStringList{queued});
     QCOMPARE(callerOfBob.error(QStringLiteral("Cancel"), {first}), QString());
     QTRY_COMPARE(state(alice), QStringLiteral("challenge"));
-    open(callerOfBob, bob, "");
+    const qulonglong second = open(callerOfBob, bob, "");
     QTRY_COMPARE(state(bob), QStringLiteral("pending"));
+    open(callerOfCarol, carol, "succeed");
     QCOMPARE(open(callerOfAlice, alice, "succeed"), attempt);
     QTRY_COMPARE(told(attempt).count(queued), 2);
+    // The user who has had no turn yet comes first.
+    callerOfBob.call(QStringLiteral("Cancel"), {second});
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("Authenticated")));
+    const int ofCarol = m_reports->texts.indexOf(QStringLiteral("Authenticated(1002, puppet)"));
+    QVERIFY(ofCarol >= 0 && ofCarol < m_reports->texts.indexOf(QStringLiteral("Authenticated(1000, puppet)")));
 }
 
 void TstAttemptQueue::rootComesFirst()
@@ -509,6 +518,40 @@ void TstAttemptQueue::longAttemptIsCutShort()
     QFETCH(int, shortest);
     QVERIFY2(turn.elapsed() >= shortest, qPrintable(QString::number(turn.elapsed())));
     QTRY_VERIFY(isTold(attempt, QStringLiteral("AttemptGivenUp(1000, puppet, cut-short)")));
+}
+
+void TstAttemptQueue::outcomeJustInTime_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<bool>("isAwaited");
+    QTest::addColumn<int>("limit"); // In milliseconds.
+
+    QTest::newRow("for the time limit") << QStringList{QStringLiteral("--attempt-timeout=2")} << false << 2000;
+    QTest::newRow("for the turn") << QStringList() << true << 4000;
+}
+
+// The daemon reads a message with the outcome when it finds that the time is up.
+void TstAttemptQueue::outcomeJustInTime()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(bool, isAwaited);
+    start(arguments);
+    const BusUser user(alice);
+    const BusUser other(bob);
+    const qulonglong attempt = open(user, alice, "");
+    QTRY_COMPARE(told(attempt).size(), 1); // It has begun.
+    if (isAwaited)
+        open(other, bob, "");
+    kill(pid_t(m_authd.pid()), SIGSTOP);
+    m_root->connection().asyncCall(BusUser::message(
+        QStringLiteral("SetUserMethodOption"),
+        {alice, puppet, QStringLiteral("do"), QVariant::fromValue(QDBusVariant(QStringLiteral("succeed")))}));
+    // The time itself is what is tested here.
+    QFETCH(int, limit);
+    QTest::qWait(limit);
+    kill(pid_t(m_authd.pid()), SIGCONT);
+    QTRY_VERIFY(isTold(attempt, QStringLiteral("Authenticated")));
+    QVERIFY(!isTold(attempt, QStringLiteral("AttemptGivenUp")));
 }
 
 void TstAttemptQueue::aloneNobodyIsCutShort()
