@@ -1718,6 +1718,17 @@ void TstClientToken::waitingHelperEnds()
     kill(pid, SIGCONT);
     QTRY_VERIFY(reply.isFinished());
     QCOMPARE(reply.value(), success);
+
+    // Killed after the client has sent it a call, but before it has taken up the call.
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    const QString helper = childrenOf(client).constFirst();
+    QTRY_VERIFY(isPrepared(helper));
+    kill(helper.toInt(), SIGSTOP);
+    const QDBusPendingReply<QString> sent = client.sendPin(cert, pin);
+    QTRY_COMPARE(childrenOf(client).size(), 2);
+    kill(helper.toInt(), SIGKILL);
+    QTRY_VERIFY(sent.isFinished());
+    QCOMPARE(sent.value(), success);
 }
 
 void TstClientToken::waitingHelperHangs()
