@@ -221,8 +221,9 @@ void TstCrash::environmentDoesNotMatter()
 void TstCrash::othersAreLeftAlone()
 {
     QProcess other;
-    other.start(QStringLiteral("sleep"), {QStringLiteral("1000")});
-    QVERIFY(other.waitForStarted());
+    other.start(QStringLiteral("sh"), {QStringLiteral("-c"), QStringLiteral("sleep 1000 & wait")});
+    QVector<pid_t> childrenOfOther;
+    QTRY_COMPARE((childrenOfOther = childrenOf(pid_t(other.processId()))).size(), 1);
     QVERIFY(m_authd.start(puppetOnly));
     const BusUser root(0);
     const pid_t ours = forkChild(root, bob);
@@ -236,6 +237,8 @@ void TstCrash::othersAreLeftAlone()
     QVERIFY(m_authd.start());
     QVERIFY(!isAlive(ours));
     QCOMPARE(other.state(), QProcess::Running);
+    QVERIFY(isAlive(childrenOfOther.constFirst()));
+    kill(childrenOfOther.constFirst(), SIGKILL);
     other.kill();
     QVERIFY(other.waitForFinished());
 }
