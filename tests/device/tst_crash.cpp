@@ -21,7 +21,9 @@
 #include <csignal>
 #include <random>
 
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -101,6 +103,7 @@ private Q_SLOTS:
 
     void clientIsGone();
     void unexecutedChildIsGone();
+    void deathAtTheFork();
     void signalOfAChild();
     void environmentDoesNotMatter();
     void othersAreLeftAlone();
@@ -186,6 +189,26 @@ void TstCrash::unexecutedChildIsGone()
     QVERIFY(isAlive(late));
     QVERIFY(m_authd.start(puppetOnly));
     QVERIFY(!isAlive(late));
+}
+
+void TstCrash::deathAtTheFork()
+{
+    QVERIFY(m_authd.start(puppetOnly));
+    const BusUser root(0);
+    const auto daemon = pid_t(m_authd.pid());
+    QCOMPARE(ptrace(PTRACE_SEIZE, daemon, nullptr, PTRACE_O_TRACEFORK | PTRACE_O_TRACECLONE), 0L);
+    root.connection().asyncCall(
+        BusUser::message(QStringLiteral("SetUserMethodOption"),
+                         {alice, puppet, QStringLiteral("do"), variant(QStringLiteral("fork:0"))}));
+    QVector<pid_t> children;
+    QTRY_COMPARE((children = childrenOf(daemon)).size(), 1);
+    const pid_t child = children.constFirst();
+    // The fork stops both processes. The daemon remains stopped until it is killed.
+    QCOMPARE(waitpid(daemon, nullptr, __WALL), daemon);
+    QCOMPARE(waitpid(child, nullptr, __WALL), child);
+    m_authd.stop(SIGKILL);
+    QCOMPARE(ptrace(PTRACE_DETACH, child, nullptr, nullptr), 0L);
+    QTRY_VERIFY(!isAlive(child));
 }
 
 void TstCrash::signalOfAChild()
