@@ -14,12 +14,18 @@
 namespace {
 
 const QString configuration = QStringLiteral("/etc/authd/luks.conf");
+constexpr int largestFile = 1024 * 1024;
 
 // The prepared status of a mapping; without one, the real function is called. The disposable device has no device
 // mapper, so no real mapping can be active.
 crypt_status_info prepared = CRYPT_INVALID;
 bool isPrepared = false;
 QByteArray asked;
+
+QByteArray configurationOfSize(int size)
+{
+    return QByteArray("[Partition]\nDevice=vault\n").leftJustified(size, '#');
+}
 
 } // namespace
 
@@ -47,6 +53,7 @@ private Q_SLOTS:
     void realMapping();
     void broken_data();
     void broken();
+    void largest();
     void specialFiles();
     void unreadable();
     void readAfresh();
@@ -134,7 +141,8 @@ void TstLibLuks::broken_data()
     QTest::newRow("binary") << QByteArray("\x7f"
                                           "ELF\0\0",
                                           6);
-    QTest::newRow("too large") << QByteArray("[Partition]\nDevice=vault\n") + QByteArray("#\n").repeated(512 * 1024);
+    QTest::newRow("no key file below") << QByteArray("[Partition]\nDevice=vault\nnoise\n");
+    QTest::newRow("too large") << configurationOfSize(largestFile + 1);
 }
 
 void TstLibLuks::broken()
@@ -145,6 +153,14 @@ void TstLibLuks::broken()
     isPrepared = true;
     QVERIFY(!LibLuks::isDeviceActive());
     QVERIFY(asked.isNull());
+}
+
+void TstLibLuks::largest()
+{
+    QVERIFY(TestDevice::writeFile(configuration, configurationOfSize(largestFile)));
+    prepared = CRYPT_ACTIVE;
+    isPrepared = true;
+    QVERIFY(LibLuks::isDeviceActive());
 }
 
 void TstLibLuks::specialFiles()
