@@ -462,6 +462,7 @@ void TstAuthenticator::lockNotSaved()
     QVERIFY(m_directory.mkpath(locksFile + QStringLiteral("/full")));
     act(alice, QStringLiteral("lock:-1"));
     QVERIFY(m_authd.waitForLog("level=error event=locks-not-saved file=/var/lib/authd/locks.conf"));
+    QVERIFY(!m_authd.log().contains("error=\"\""));
     QCOMPARE(state(alice), QStringLiteral("locked"));
     // The lock survives the daemon, however it ends ...
     m_authd.stop(SIGKILL);
