@@ -373,6 +373,9 @@ void TstAuthenticator::locks()
 
 void TstAuthenticator::lockDuration()
 {
+    // A lock ends with its last second.
+    act(alice, QStringLiteral("lock:0"));
+    QCOMPARE(state(alice), QStringLiteral("idle"));
     act(alice, QStringLiteral("lock:100"));
     act(bob, QStringLiteral("lock:2"));
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1001, locked")));
