@@ -463,9 +463,11 @@ void TstAuthenticator::lockNotSaved()
 {
     // A directory at the file's path prevents saving.
     QVERIFY(m_directory.mkpath(locksFile + QStringLiteral("/full")));
-    act(alice, QStringLiteral("lock:-1"));
+    act(alice, QStringLiteral("lock:10 lock:20 lock:-1"));
     QVERIFY(m_authd.waitForLog("level=error event=locks-not-saved file=/var/lib/authd/locks.conf"));
     QVERIFY(!m_authd.log().contains("error=\"\""));
+    // This is not logged again for each change.
+    QVERIFY(m_authd.waitForLog(" duration=20\nlevel=warning event=user-locked "));
     QCOMPARE(state(alice), QStringLiteral("locked"));
     // The lock survives the daemon, however it ends ...
     m_authd.stop(SIGKILL);
