@@ -153,6 +153,7 @@ private Q_SLOTS:
     void replacedFilesAreFollowed_data();
     void replacedFilesAreFollowed();
     void linksAreNotFollowed();
+    void watchedFileIsNowALink();
     void slowLookups_data();
     void slowLookups();
     void swappedForLinks();
@@ -793,6 +794,19 @@ void TstWatching::linksAreNotFollowed()
         f.d->child.clientRunning = true;
     }
     QVERIFY(!wasFollowed(currentPolicy));
+}
+
+// The watcher has not reported yet that the file was removed.
+void TstWatching::watchedFileIsNowALink()
+{
+    WatchingFixture f;
+    QVERIFY(writeSetting(aliceFile, attempts, QStringLiteral("0")));
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(f.d->watcher.files(), QStringList{aliceFile});
+    QVERIFY(QFile::remove(aliceFile));
+    QVERIFY(leaveLink(aliceFile, alice));
+    f.d->handleChildSharedDirectory(sharedDirectory);
+    QCOMPARE(f.d->watcher.files(), QStringList());
 }
 
 void TstWatching::slowLookups_data()
