@@ -614,18 +614,28 @@ void TstHostileClient::linkToClientBeingKilled()
 
 void TstHostileClient::tracedClient_data()
 {
+    QTest::addColumn<bool>("started"); // as far as the plugin knows
     QTest::addColumn<bool>("stopped"); // the plugin, instead of a request of bob's
-    QTest::newRow("bob's request") << false;
-    QTest::newRow("daemon ends") << true;
+    QTest::newRow("bob's request") << true << false;
+    QTest::newRow("daemon ends") << true << true;
+    QTest::newRow("daemon ends before it notices the start") << false << true;
 }
 
 // A tracer could hide the end of alice's client forever.
 void TstHostileClient::tracedClient()
 {
+    QFETCH(bool, started);
     QFETCH(bool, stopped);
     auto fixture = std::make_unique<MethodFixture>();
-    QVERIFY(startAlice(*fixture, {}, success));
-    QTRY_COMPARE(fixture->told(), QVector<Call>{RecordingDaemon::succeeded()});
+    if (started) {
+        QVERIFY(startAlice(*fixture, {}, success));
+        QTRY_COMPARE(fixture->told(), QVector<Call>{RecordingDaemon::succeeded()});
+    } else {
+        fixture->method.authenticate(alice, MethodFixture::passwordData(success));
+        while (launches().isEmpty()) // without the event loop
+            QTest::qSleep(1);
+        QVERIFY(!fixture->d->child.clientRunning);
+    }
     const pid_t process = launchedProcesses().constFirst();
     const uint group = groupId("auth-factor");
     const pid_t tracer = TestDevice::idleProcess([process, group] {
