@@ -58,7 +58,7 @@ bool restrictPermissions(const QString &path)
         // O_PATH neither opens the file nor follows a link.
         fd = open(name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
         if (fd < 0 && errno == ENOENT)
-            fd = open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, OwnerOnly);
+            fd = open(name.constData(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, OwnerOnly);
         if (fd < 0 && errno != EEXIST)
             return false;
     }

@@ -67,6 +67,7 @@ private Q_SLOTS:
     void noDescriptorLeft();
     void closesOnExec();
     void neverOpenToOthers();
+    void createsExclusively();
     void createdInBetween();
     void race();
 
@@ -350,6 +351,19 @@ void TstLibAuthd::neverOpenToOthers()
                             found += mode == 0600;
                         });
     QVERIFY(found > 0);
+}
+
+void TstLibAuthd::createsExclusively()
+{
+    // Opening a device that has come there in between could have effects.
+    std::uint64_t flags = 0;
+    const int status = PlatformTest::trace([this] { LibAuthd::restrictPermissions(path("file")); },
+                                           [&flags](long number, const std::uint64_t *arguments) {
+                                               if (number == SYS_openat && (arguments[2] & O_CREAT))
+                                                   flags = arguments[2];
+                                           });
+    QCOMPARE(status, 0);
+    QVERIFY(flags & O_EXCL);
 }
 
 void TstLibAuthd::createdInBetween()
