@@ -87,7 +87,8 @@ int StoreFile::open(const QString &directory, Missing missing)
 // Logs errno's message. Never log a parser's message: it quotes the file's content.
 void StoreFile::warn(const char *what) const
 {
-    qCWarning(authdPlatform) << what << m_path << std::strerror(errno);
+    const int error = errno; // A process's first message overwrites it: Qt looks for logging rules.
+    qCWarning(authdPlatform) << what << m_path << std::strerror(error);
 }
 
 void StoreFile::load()

@@ -158,6 +158,8 @@ private Q_SLOTS:
     void initTestCase() { PlatformTest::requireDevice(); }
     void init();
 
+    void notADirectory(); // Must be the first to log, because a process's first message can change errno.
+
     void types_data();
     void types();
     void refusedValues_data();
@@ -183,7 +185,6 @@ private Q_SLOTS:
     void cannotSetAside();
 
     void unreadable();
-    void notADirectory();
     void danglingDirectory();
     void notWritable();
     void fullDisk();
@@ -778,7 +779,9 @@ void TstOptionStore::notWritable()
         const QString line = QStringLiteral("Cannot write \"%1\" Permission denied").arg(userFile);
         if (log.lines() != QStringList{line, line})
             wrong |= 2;
-        if (child.setOptionInternal(0, number, 6))
+        if (child.setOptionInternal(0, number, 6)
+            || log.lines().last()
+                   != QStringLiteral("Cannot open the directory of \"%1\" Permission denied").arg(methodFile))
             wrong |= 4;
         if (!daemon.calls.isEmpty())
             wrong |= 8;
