@@ -30,8 +30,8 @@ public:
     Outcome write(uint uid, const QString &option, const QVariant &value) const;
     /// Removes a stored value.
     Outcome remove(uint uid, const QString &option) const;
-    /// Removes all stored values of user `uid`. On failure, logs a warning and changes nothing. Does nothing for user id
-    /// 0: the method-wide options belong to no user.
+    /// Removes all stored values of user `uid`. On failure, logs a warning and changes nothing. Does nothing for user
+    /// id 0: the method-wide options belong to no user.
     void removeUser(uint uid) const;
 
 private:

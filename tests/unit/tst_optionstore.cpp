@@ -780,7 +780,7 @@ void TstOptionStore::notWritable()
         if (log.lines() != QStringList{line, line})
             wrong |= 2;
         if (child.setOptionInternal(0, number, 6)
-            || log.lines().last()
+            || log.lines().constLast()
                    != QStringLiteral("Cannot open the directory of \"%1\" Permission denied").arg(methodFile))
             wrong |= 4;
         if (!daemon.calls.isEmpty())
