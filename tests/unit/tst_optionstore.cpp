@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "platformtest.h"
 #include "support/recordingdaemon.h"
+#include "support/waiting.h"
 
 #include <authd/authplugininterface.h>
 #include <authd/validationscope.h>
@@ -1006,7 +1007,7 @@ void TstOptionStore::signalWhileWaiting()
             _exit(255);
         _exit(Handler().setOptionInternal(alice, number, 6) ? 0 : 1);
     }
-    const bool isWaiting = QTest::qWaitFor([child] {
+    const bool isWaiting = waitUntil([child] {
         return readFile(QStringLiteral("/proc/%1/syscall").arg(child)).startsWith(QByteArray::number(SYS_flock) + ' ');
     });
     kill(child, isWaiting ? SIGUSR1 : SIGKILL);
