@@ -87,6 +87,9 @@ void TstUnlocking::rootUnlocks()
     QCOMPARE(m_client->checkPassword(wrong), QStringLiteral("failed"));
     QCOMPARE(ClientFixture::attempts(), 1);
     QCOMPARE(ClientFixture::ownAttempts(), QByteArray("1 2\n"));
+    // Later failures, while the service is away, are as old as this number.
+    QCOMPARE(m_client->checkPassword(right), QStringLiteral("success"));
+    QCOMPARE(ClientFixture::ownAttempts(), QByteArray("0 2\n"));
 }
 
 void TstUnlocking::nothingElseUnlocks()
