@@ -893,7 +893,7 @@ void TstClient::fullDisk()
 void TstClient::inTheWayOfTheOwnCount_data()
 {
     QTest::addColumn<QString>("what");
-    for (const char *what : {"directory", "FIFO", "device", "link to nothing", "link to itself"})
+    for (const char *what : {"directory", "FIFO", "lasting FIFO", "device", "link to nothing", "link to itself"})
         QTest::newRow(what) << QString::fromLatin1(what);
 }
 
@@ -909,20 +909,28 @@ void TstClient::inTheWayOfTheOwnCount()
         QVERIFY(TestDevice::setOwner(name, TestDevice::alice, TestDevice::alice));
     if (what == QLatin1String("directory"))
         QVERIFY(QDir().mkpath(ClientFixture::ownCounterPath + QStringLiteral("/inner")));
-    else if (what == QLatin1String("FIFO"))
-        QCOMPARE(mkfifo(path.constData(), 0666), 0);
+    else if (what.endsWith(QLatin1String("FIFO")))
+        QVERIFY(mkfifo(path.constData(), 0666) == 0
+                && TestDevice::setOwner(ClientFixture::ownCounterPath, TestDevice::alice, TestDevice::alice));
     else
         QCOMPARE(::symlink(what == QLatin1String("device")            ? "/dev/zero"
                            : what == QLatin1String("link to nothing") ? "/nowhere/at/all"
                                                                       : path.constData(),
                            path.constData()),
                  0);
+    if (what == QLatin1String("lasting FIFO"))
+        QVERIFY(TestDevice::setOwner(QFileInfo(ClientFixture::ownCounterPath).path(), 0, 0));
+    const int reader = open(path.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ClientFixture client;
     QVERIFY(client.start());
-    // The client uses the other file and does not block.
+    // The client uses the other file, does not block, and sends nothing.
     for (const QString &answer : {failed, failed, lock})
         QCOMPARE(client.checkPassword(wrong), answer);
     QCOMPARE(ClientFixture::attempts(), 5);
+    char byte = 0;
+    if (what.endsWith(QLatin1String("FIFO")))
+        QCOMPARE(read(reader, &byte, 1), ssize_t(0));
+    close(reader);
 }
 
 void TstClient::badCalls_data()
