@@ -299,6 +299,10 @@ void TstAuthenticator::restart()
     QCOMPARE(attempt(alice, QStringLiteral("succeed")), QString());
     QVERIFY(m_reports->waitFor(QStringLiteral("StateChanged(1000, authenticated")));
     QCOMPARE(m_reports->attempts.constLast(), restartedAttempt);
+    // The method forgets the previous input at once, because the daemon wipes it.
+    const QString reset = QStringLiteral("reset");
+    QCOMPARE(told().mid(5),
+             (QStringList{reset, reset, QStringLiteral("authenticate 1000"), QStringLiteral("resetAttempts 1000")}));
 
     // A restarted attempt can be cancelled.
     QCOMPARE(attempt(alice, QStringLiteral("restart")), QString());
