@@ -292,13 +292,13 @@ void TstSandbox::preconditions()
     QFETCH(bool, manifest);
     QFETCH(QString, message);
 
+    const auto named = [](bool present, const QString &name) {
+        return present ? name : QString();
+    };
+    QVERIFY(TestDevice::writeManifest(named(organization, QStringLiteral("tarsk")),
+                                      named(application, QStringLiteral("kavet_client")), named(command, stockCommand),
+                                      {}));
     const Method method;
-    if (!organization)
-        method.d->child.orgName.clear();
-    if (!application)
-        method.d->child.appName.clear();
-    if (!command)
-        method.d->child.exec.clear();
     if (!manifest)
         QVERIFY(QFile::remove(TestDevice::manifest));
 
