@@ -13,7 +13,6 @@
 /// Reads all of the regular file `path`. `nofollow` is O_NOFOLLOW to reject a symbolic link, or 0 to follow it. The
 /// function first pins the file with O_PATH, so a FIFO or a device in its place cannot block and is never opened.
 ///
-///
 /// Returns nothing on error, with errno set: EINVAL when the path is not a regular file, EFBIG when the file is larger
 /// than `limit` bytes.
 inline std::optional<std::string> readRegularFile(const std::string &path, int nofollow, std::size_t limit)
