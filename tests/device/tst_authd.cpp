@@ -21,7 +21,9 @@
 
 #include <algorithm>
 #include <csignal>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -122,6 +124,7 @@ private Q_SLOTS:
     void journalForm();
     void quotedInTheLog();
     void busRestart();
+    void signalWhileItRestarts();
     void childrenOfTheFormerProgram();
 
     // --- The service ---
@@ -503,6 +506,28 @@ void TstAuthd::busRestart()
     QCOMPARE(m_authd.log().count("level=warning event=bus-lost\n"), 3);
     // The daemon adds the option only once.
     QCOMPARE(TestDevice::readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).count("--wait-for-bus"), 1);
+}
+
+void TstAuthd::signalWhileItRestarts()
+{
+    const auto daemon = pid_t(m_authd.pid());
+    QCOMPARE(ptrace(PTRACE_SEIZE, daemon, nullptr, PTRACE_O_TRACEEXEC), 0L);
+    endBus();
+    int status = 0;
+    for (;;) {
+        QCOMPARE(waitpid(daemon, &status, __WALL), daemon);
+        QVERIFY(WIFSTOPPED(status));
+        if (status >> 8 == (SIGTRAP | PTRACE_EVENT_EXEC << 8))
+            break;
+        QCOMPARE(ptrace(PTRACE_CONT, daemon, nullptr, WSTOPSIG(status)), 0L);
+    }
+    // The new program has no handler yet.
+    QCOMPARE(kill(daemon, SIGTERM), 0);
+    QCOMPARE(ptrace(PTRACE_DETACH, daemon, nullptr, nullptr), 0L);
+    QTRY_VERIFY(!m_authd.isRunning());
+    QCOMPARE(m_authd.process().exitStatus(), QProcess::NormalExit);
+    QCOMPARE(m_authd.process().exitCode(), 0);
+    startBusAgain();
 }
 
 void TstAuthd::childrenOfTheFormerProgram()
