@@ -86,9 +86,11 @@ void TstHeldSignals::keepsWhatWasBlocked()
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     {
         const HeldSignals held;
+        QVERIFY(isBlocked(SIGUSR1));
     }
     QVERIFY(isBlocked(SIGTERM));
     QVERIFY(!isBlocked(SIGINT));
