@@ -430,7 +430,7 @@ void TstHostileClient::answerOverClosedLink()
         fixture.d->checkPassword(success);
     const auto *call = fixture.d->findChild<QDBusPendingCallWatcher *>();
     QVERIFY(call);
-    // The library's thread continues while qWaitFor() sleeps between its rounds of events.
+    // The library's thread continues while waitUntil() sleeps between its rounds of events.
     QVERIFY(waitUntil([call] { return call->isFinished(); }));
     QVERIFY(fixture.told().isEmpty());
     fixture.d->guard.close();
@@ -632,8 +632,10 @@ void TstHostileClient::tracedClient()
         QTRY_COMPARE(fixture->told(), QVector<Call>{RecordingDaemon::succeeded()});
     } else {
         fixture->method.authenticate(alice, MethodFixture::passwordData(success));
-        while (launches().isEmpty()) // without the event loop
+        const QDeadlineTimer deadline(TestTimeout);
+        while (launches().isEmpty() && !deadline.hasExpired()) // without the event loop
             QTest::qSleep(1);
+        QVERIFY(!launches().isEmpty());
         QVERIFY(!fixture->d->child.clientRunning);
     }
     const pid_t process = launchedProcesses().constFirst();
