@@ -715,7 +715,7 @@ void TstUserSettings::unchanged_data()
     QTest::addColumn<QVariant>("value");
     QTest::newRow("number") << QByteArray("attempts=3\n; a comment\n") << QVariant(3);
     QTest::newRow("text") << QByteArray("[General]\nattempts=3") << QVariant(QStringLiteral("3"));
-    QTest::newRow("blanks") << QByteArray("  attempts = 3 \r\n") << QVariant(3);
+    QTest::newRow("blanks") << QByteArray("  attempts \t= 3 \r\n") << QVariant(3);
     QTest::newRow("quotes") << QByteArray("attempts=\"\\x33\"\n") << QVariant(3);
     QTest::newRow("last of several") << QByteArray("attempts=1\nattempts=3\n") << QVariant(3);
     QTest::newRow("list") << QByteArray("attempts=a,b\n")
