@@ -42,7 +42,7 @@ MethodKavetPrivate::MethodKavetPrivate(MethodKavet *method)
         qCCritical(kavet) << "Cannot create auxiliary directory" << Constants::Link::directory;
     watcher.addPath(Constants::Link::directory);
 
-    if (!child.sharedDirectory.isEmpty() && QFileInfo::exists(child.sharedDirectory))
+    if (QFileInfo::exists(child.sharedDirectory))
         watcher.addPath(child.sharedDirectory);
 
     if (QFileInfo::exists(Constants::Paths::packagedPolicy))
