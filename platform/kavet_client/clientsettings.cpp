@@ -5,7 +5,6 @@
 #include "settingsfile.h"
 
 #include <QDir>
-#include <QFileInfo>
 #include <QHash>
 #include <QLoggingCategory>
 #include <QSettings>
@@ -98,5 +97,5 @@ QString ClientSettings::path()
 
 bool ClientSettings::setPasswordHash(const QByteArray &hash)
 {
-    return QDir().mkpath(QFileInfo(path()).path()) && writeSetting(path(), passwordHashKey, QString::fromLatin1(hash));
+    return writeSetting(path(), passwordHashKey, QString::fromLatin1(hash));
 }
