@@ -68,6 +68,7 @@ bool Peer::start()
     int handshake[2];
     sd_id128_t id = {};
     if (pipe2(handshake, O_CLOEXEC) != 0) {
+        m_readable.setEnabled(false);
         close(m_socket);
         return false;
     }

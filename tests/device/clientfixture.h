@@ -27,6 +27,8 @@ public:
     static inline const QString counterPath = QStringLiteral("/srv/shared/tarsk/kavet_client/1000.conf");
     static inline const QString ownCounterPath = QStringLiteral("/home/alice/.local/share/tarsk/kavet_client/attempts");
 
+    static constexpr int maximumPeers = 64;
+
     struct Result
     {
         int exitCode;

@@ -19,7 +19,6 @@ const QString right = QStringLiteral("correct horse, 52 µg");
 const QString success = QStringLiteral("success");
 const QString failed = QStringLiteral("failed");
 
-constexpr int maximumPeers = 64;
 /// More peers than the client accepts at once.
 constexpr int crowdSize = 500;
 
@@ -416,7 +415,7 @@ void TstClientPeers::speakingCrowd()
             else
                 ++refused;
         }
-        QCOMPARE(refused, crowdSize - (maximumPeers - 1)); // The client also serves its first peer.
+        QCOMPARE(refused, crowdSize - (ClientFixture::maximumPeers - 1)); // The client also serves its first peer.
         QCOMPARE(client.checkPassword(right), success);
     }
     QTRY_COMPARE(client.openDescriptors(), descriptors);

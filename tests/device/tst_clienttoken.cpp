@@ -1789,17 +1789,21 @@ void TstClientToken::outOfDescriptors()
     QCOMPARE(client.validateCert(cert, pin), moduleFailed);
     QCOMPARE(client.validateCert(cert, pin), moduleFailed);
 #ifndef __SANITIZE_ADDRESS__ // The sanitizer itself needs a descriptor then.
-    {
-        // Nor is there one for another peer's handshake.
-        QVERIFY(limitDescriptors(client, firstFree(client) + 1));
+    // Nor is there one for other peers' handshakes. Each of these peers is forgotten.
+    QVERIFY(limitDescriptors(client, firstFree(client) + 1));
+    for (int i = 0; i < ClientFixture::maximumPeers; ++i) {
         const RawConnection connection;
         QVERIFY(connection.isConnected() && connection.hasEnded());
     }
 #endif
     QVERIFY(limitDescriptors(client, 1024));
+    QVERIFY(client.reconnect());
     QCOMPARE(client.validateCert(cert, pin), success);
     // No helper waits for a call that it will never get.
     QTRY_COMPARE(childrenOf(client).size(), 1);
+    client.process.terminate();
+    QVERIFY(client.process.waitForFinished());
+    QVERIFY2(!client.output().contains("QSocketNotifier"), client.output().constData());
 }
 
 void TstClientToken::closesOnExec()
