@@ -655,14 +655,16 @@ void TstAuthenticator::typesOfValues()
 
 void TstAuthenticator::clientsOptions()
 {
-    const auto read = [this] {
-        const QDBusMessage reply =
-            m_user->call(QStringLiteral("GetMethodOption"), {puppet, QStringLiteral("computed")});
-        return reportText(reply.arguments().value(0));
+    const QString name = QStringLiteral("computed");
+    const auto read = [&] {
+        return reportText(m_user->call(QStringLiteral("GetMethodOption"), {puppet, name}).arguments().value(0));
     };
     const QString computed = QStringLiteral("42");
     const QString ofNobody = QStringLiteral("1");
     QCOMPARE(read(), ofNobody);
+    // The user's own option of this name does not depend on a client.
+    const QDBusMessage own = m_user->call(QStringLiteral("GetUserMethodOption"), {alice, puppet, name});
+    QCOMPARE(reportText(own.arguments().value(0)), computed);
     act(alice, QStringLiteral("launch:1000"));
     QTRY_COMPARE(read(), computed);
     act(alice, QStringLiteral("launch:1001"));

@@ -69,7 +69,11 @@ const QMap<QString, QVariant> &Puppet::defaultOptions(uint uid)
         {QStringLiteral("unsigned short"), QVariant::fromValue(ushort(65000))},
     };
     static const QMap<QString, QVariant> user = {
-        {QStringLiteral("do"), QString()}, {QStringLiteral("mine"), 1}, {QStringLiteral("guarded"), 1}};
+        {QStringLiteral("do"), QString()},
+        {QStringLiteral("mine"), 1},
+        {QStringLiteral("guarded"), 1},
+        {QStringLiteral("computed"), 1},
+    };
     return uid == 0 ? method : user;
 }
 
@@ -92,7 +96,8 @@ const ValidationScope &Puppet::getOptionsValidations(uint uid)
          {RootOnly | TypeOfDefault, {QStringLiteral("root")}},
          {MethodOnly, {QStringLiteral("computed"), QStringLiteral("computed odd"), QStringLiteral("told")}}});
     static const ValidationScope user({{TypeOfDefault, {QStringLiteral("do"), QStringLiteral("mine")}},
-                                       {RootOnly | TypeOfDefault, {QStringLiteral("guarded")}}});
+                                       {RootOnly | TypeOfDefault, {QStringLiteral("guarded")}},
+                                       {MethodOnly, {QStringLiteral("computed")}}});
     return uid == 0 ? method : user;
 }
 
