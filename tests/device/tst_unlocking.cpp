@@ -5,6 +5,7 @@
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
+#include <QElapsedTimer>
 #include <QScopedPointer>
 #include <QTest>
 
@@ -50,6 +51,7 @@ private Q_SLOTS:
     void nothingElseUnlocks();
     void anyOtherNumberUnlocks();
     void numberOutlivesTheDaemon();
+    void silentBus();
 
 private:
     void lockOut()
@@ -142,6 +144,21 @@ void TstUnlocking::numberOutlivesTheDaemon()
     QCOMPARE(BusUser(alice).error(QStringLiteral("GetUnlocks"), {alice}), QString());
     QCOMPARE(BusUser(alice).error(QStringLiteral("GetUnlocks"), {bob}),
              QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
+}
+
+void TstUnlocking::silentBus()
+{
+    constexpr int callTimeout = 25000; // After so many milliseconds, D-Bus libraries give a call up.
+    lockOut();
+    const pid_t bus = TestDevice::readFile(QStringLiteral("/run/dbus/pid")).trimmed().toInt();
+    QVERIFY(bus > 0 && kill(bus, SIGSTOP) == 0);
+    QElapsedTimer clock;
+    clock.start();
+    const QString answer = m_client->checkPassword(right);
+    const qint64 elapsed = clock.elapsed();
+    kill(bus, SIGCONT);
+    QCOMPARE(answer, lock);
+    QVERIFY2(elapsed < callTimeout, qPrintable(QString::number(elapsed)));
 }
 
 QTEST_GUILESS_MAIN(TstUnlocking)
