@@ -661,6 +661,8 @@ void TstUserSettings::foreignLinesStay_data()
     row("in another general group", "[General]\n[Other]\nx=1\n[General]\nattempts=2\n",
         "[General]\n[Other]\nx=1\n[General]\nattempts=9\n");
     row("key by its codes", "%61ttempts=2\n", "attempts=9\n");
+    row("key that ends with a code", "attempt%73=2\n", "attempts=9\n");
+    row("key that ends with a long code", "attempt%U0073=2\n", "attempts=9\n");
     row("key with half a code", "attempt%U73=2\n", "[General]\nattempts=9\nattempt%U73=2\n");
     row("key with a wrong code", "%U61zzttempts=2\n", "[General]\nattempts=9\n%U61zzttempts=2\n");
     row("continued", "attempts=2 \\\n3\nb=1\n", "attempts=9\nb=1\n");
