@@ -71,7 +71,7 @@ QStringList split(const QByteArray &value, bool isUtf8)
         escapedSize = 0;
     };
 
-    for (int i = skipBlanks(0); i < value.size() && found.size() <= maximumTexts;) {
+    for (int i = skipBlanks(0); i < value.size() && found.size() < maximumTexts;) {
         const char c = value.at(i);
         if (c == '\\') {
             i = unescape(value, i + 1, text);
