@@ -257,6 +257,7 @@ private Q_SLOTS:
     void waitingHelperEnds();
     void waitingHelperHangs();
     void helperDiesOfAnySignal();
+    void helperDiesAtItsStart();
     void helperCannotStart();
     void unwritableRequest_data();
     void unwritableRequest();
@@ -1760,6 +1761,32 @@ void TstClientToken::helperDiesOfAnySignal()
     QTRY_COMPARE(helpers(client).size(), 1);
     // Its number is a helper's exit code for success.
     kill(helpers(client).constFirst().toInt(), SIGRTMAX);
+    QTRY_VERIFY(reply.isFinished());
+    QCOMPARE(reply.value(), moduleFailed);
+}
+
+void TstClientToken::helperDiesAtItsStart()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(endWaiting(client));
+    const auto pid = pid_t(client.process.processId());
+    QCOMPARE(ptrace(PTRACE_SEIZE, pid, nullptr, PTRACE_O_TRACEFORK | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC), 0L);
+    const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    const pid_t helper = childrenOf(client).constFirst().toInt();
+    QCOMPARE(waitpid(pid, nullptr, __WALL), pid);
+    QCOMPARE(ptrace(PTRACE_DETACH, pid, nullptr, nullptr), 0L);
+    int status = 0;
+    QCOMPARE(waitpid(helper, &status, __WALL), helper);
+    while (status >> 8 != (SIGTRAP | PTRACE_EVENT_EXEC << 8)) {
+        QCOMPARE(ptrace(PTRACE_CONT, helper, nullptr, nullptr), 0L);
+        QCOMPARE(waitpid(helper, &status, __WALL), helper);
+    }
+    kill(helper, SIGKILL);
+    QCOMPARE(waitpid(helper, nullptr, __WALL), helper);
+    // No other takes its place, because that might go on without end.
     QTRY_VERIFY(reply.isFinished());
     QCOMPARE(reply.value(), moduleFailed);
 }
