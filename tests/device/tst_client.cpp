@@ -8,6 +8,7 @@
 #include <QDBusPendingCall>
 #include <QDir>
 #include <QFileInfo>
+#include <QMap>
 #include <QRandomGenerator>
 #include <QScopeGuard>
 #include <QVector>
@@ -15,10 +16,14 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -60,6 +65,43 @@ QByteArray everythingIn(const QString &directory)
             content += everythingIn(entry.filePath());
     }
     return content;
+}
+
+/// The system calls with which a process stores a file, from now until it sends its next message. Calls `begin` once
+/// the process is followed.
+QString callsUntilReply(pid_t process, const std::function<void()> &begin)
+{
+    static const QMap<quint64, QString> names = {
+        {SYS_fsync, QStringLiteral("fsync ")},
+        {SYS_ftruncate, QStringLiteral("ftruncate ")},
+#ifdef SYS_rename
+        {SYS_rename, QStringLiteral("rename ")},
+#else
+        {SYS_renameat, QStringLiteral("rename ")},
+#endif
+    };
+    QString calls;
+    int status = 0;
+    if (ptrace(PTRACE_SEIZE, process, nullptr, PTRACE_O_TRACESYSGOOD) != 0
+        || ptrace(PTRACE_INTERRUPT, process, nullptr, nullptr) != 0 || waitpid(process, &status, 0) != process)
+        return calls;
+    begin();
+    quint64 last = 0;
+    do {
+        const bool isSignal = status >> 8 != (SIGTRAP | 0x80) && status >> 16 == 0;
+        ptrace(PTRACE_SYSCALL, process, nullptr, isSignal ? long(WSTOPSIG(status)) : 0L);
+        __ptrace_syscall_info info = {};
+        // ptrace takes the size in the address argument.
+        const auto place = reinterpret_cast<void *>(sizeof info); // NOLINT(performance-no-int-to-ptr)
+        if (waitpid(process, &status, 0) != process || !WIFSTOPPED(status))
+            return calls;
+        if (ptrace(PTRACE_GET_SYSCALL_INFO, process, place, &info) > 0 && info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+            last = info.entry.nr;
+            calls += names.value(last);
+        }
+    } while (last != SYS_sendmsg);
+    ptrace(PTRACE_DETACH, process, nullptr, nullptr);
+    return calls;
 }
 
 } // namespace
@@ -112,6 +154,8 @@ private Q_SLOTS:
     void damagedOwnCount_data();
     void damagedOwnCount();
     void countOutlivesTheClient();
+    void countIsDurable_data();
+    void countIsDurable();
     void damagedCounter_data();
     void damagedCounter();
     void counterFileStaysTheUsers();
@@ -753,6 +797,33 @@ void TstClient::countOutlivesTheClient()
         known = count;
     }
     QVERIFY(known > 0);
+}
+
+void TstClient::countIsDurable_data()
+{
+    QTest::addColumn<uint>("ownerOfDirectory");
+    QTest::addColumn<QString>("calls");
+    QTest::newRow("replaced") << TestDevice::alice << QStringLiteral("rename fsync ");
+    QTest::newRow("overwritten") << uint(0) << QStringLiteral("ftruncate fsync ");
+}
+
+void TstClient::countIsDurable()
+{
+    QFETCH(uint, ownerOfDirectory);
+    QFETCH(QString, calls);
+    const QString directory = QFileInfo(ClientFixture::ownCounterPath).path();
+    QVERIFY(ClientFixture::setPassword(right));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(wrong), failed);
+    QVERIFY(TestDevice::setOwner(directory, ownerOfDirectory, ownerOfDirectory)
+            && chmod(QFile::encodeName(directory).constData(), 0755) == 0);
+    const QString made = callsUntilReply(pid_t(client.process.processId()), [&client] {
+        client.connection().asyncCall(
+            ClientFixture::request(QStringLiteral("checkPassword"), {QStringLiteral("alice"), wrong}));
+    });
+    QVERIFY2(made.contains(calls), qPrintable(made));
+    QCOMPARE(ClientFixture::ownAttempts(), QByteArray("2\n"));
 }
 
 void TstClient::damagedCounter_data()
