@@ -145,7 +145,8 @@ CK_RV addCertsOn(const CK_TOKEN_INFO &token, const TokenSession &session, const 
         *p11_kit_uri_get_token_info(uri.get()) = token;
         set(uri, CKA_CLASS, kind);
         set(uri, CKA_ID, id);
-        set(uri, CKA_LABEL, label);
+        if (!label.isEmpty()) // With an empty one, the URI would stand for no certificate.
+            set(uri, CKA_LABEL, label);
         char *text = nullptr;
         p11_kit_uri_format(uri.get(), P11_KIT_URI_FOR_OBJECT_ON_TOKEN, &text);
         found.push_back({text, CertDescription::of(certificate), id, isAuthority(certificate)});

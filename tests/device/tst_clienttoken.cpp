@@ -187,6 +187,8 @@ private Q_SLOTS:
     void unreadableToken();
     void unreadableCertificate();
     void vastLabel();
+    void noLabel_data();
+    void noLabel();
     void listsDefaultFirst();
     void commandLineList();
     void longCertificate();
@@ -446,6 +448,25 @@ void TstClientToken::vastLabel()
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("vast"));
     QCOMPARE(client.certList(), QStringList{cert});
+}
+
+void TstClientToken::noLabel_data()
+{
+    QTest::addColumn<QByteArray>("how");
+    QTest::newRow("none") << QByteArray("unlabelled");
+    QTest::newRow("unreadable") << QByteArray("secretive");
+}
+
+void TstClientToken::noLabel()
+{
+    QFETCH(QByteArray, how);
+    ClientFixture client;
+    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    QVERIFY(makeUnruly(how));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QVERIFY2(!certs.constFirst().contains(QStringLiteral("object=certificate")), qPrintable(certs.constFirst()));
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
 }
 
 void TstClientToken::listsDefaultFirst()

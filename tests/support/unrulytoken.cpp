@@ -22,6 +22,8 @@
 //   open     the token requires no PIN
 //   unreadable   the token's objects cannot be read
 //   vast     the labels of public keys seem to be as long as may be
+//   unlabelled   certificates have no labels
+//   secretive    the labels of certificates cannot be read
 // The file wrong-pins.LABEL there, with the token's label, holds the count of wrong tries. Only removing the file
 // unblocks a token.
 
@@ -115,17 +117,22 @@ CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_A
                         unsigned long count)
 {
     CK_RV result = soft->C_GetAttributeValue(session, object, attributes, count);
+    const std::string how = behaviour();
+    const bool isVast = how == "vast";
     CK_OBJECT_CLASS kind = 0;
     CK_ATTRIBUTE asked = {CKA_CLASS, &kind, sizeof(kind)};
-    if (behaviour() != "vast" || soft->C_GetAttributeValue(session, object, &asked, 1) != CKR_OK
-        || kind != CKO_PUBLIC_KEY)
+    if ((!isVast && how != "unlabelled" && how != "secretive")
+        || soft->C_GetAttributeValue(session, object, &asked, 1) != CKR_OK
+        || kind != (isVast ? CKO_PUBLIC_KEY : CKO_CERTIFICATE))
         return result;
     for (unsigned long i = 0; i < count; ++i) {
         if (attributes[i].type != CKA_LABEL)
             continue;
-        if (attributes[i].pValue)
+        if (!isVast)
+            result = how == "secretive" ? CKR_ATTRIBUTE_SENSITIVE : CKR_ATTRIBUTE_TYPE_INVALID;
+        else if (attributes[i].pValue)
             result = CKR_BUFFER_TOO_SMALL;
-        attributes[i].ulValueLen = std::numeric_limits<int>::max();
+        attributes[i].ulValueLen = isVast ? std::numeric_limits<int>::max() : CK_UNAVAILABLE_INFORMATION;
     }
     return result;
 }
