@@ -788,6 +788,26 @@ private Q_SLOTS:
         QCOMPARE(fixture.max(), QVariant(text("6")));
     }
 
+    void policyAfterAFailedLaunch()
+    {
+        const auto alices = [](const char *max) {
+            return writePolicy(TestDevice::currentPolicy, max)
+                   && TestDevice::setOwner(TestDevice::currentPolicy, TestDevice::alice, TestDevice::alice);
+        };
+        QVERIFY(alices("1"));
+        Fixture fixture;
+        fixture.method.handleUserSessionTriggered(TestDevice::alice, true, true);
+        QVERIFY(QDir().rmdir(TestDevice::clientDirectory));
+        fixture.method.authenticate(TestDevice::bob, {});
+        QCOMPARE(fixture.d->child.uid, TestDevice::bob);
+        // Her changes do not affect him, but the removal still ends her limit.
+        QVERIFY(alices("2"));
+        fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
+        QCOMPARE(fixture.max(), QVariant(text("1")));
+        QVERIFY(QFile::remove(TestDevice::currentPolicy));
+        QTRY_COMPARE(fixture.max(), QVariant(0));
+    }
+
     void systemLimitIsKeptOnDisk()
     {
         Fixture fixture;
