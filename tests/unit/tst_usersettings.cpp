@@ -415,6 +415,7 @@ void TstUserSettings::written()
     const QVector<QPair<QString, QByteArray>> values = {
         {text("-12a"), "-12a"},
         {text("a b"), "\"a b\""},
+        {text("1.5"), "\"1.5\""},
         {text("a@b"), "\"a@b\""},
         {text("\x1f~\x7fg"), "\"\\x1f~\\x7fg\""},
         {text("\n09aAfFg"), "\"\\xa\\x30\\x39\\x61\\x41\\x66\\x46g\""},
