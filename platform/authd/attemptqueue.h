@@ -16,7 +16,6 @@
 /// that keeps others waiting is cut short, so that another user's attempt begins within five seconds. An attempt that
 /// waits for the user's input occupies no turn. Every attempt has a deadline.
 ///
-///
 /// No function emits a signal before it returns: the effects of a change are reported from the event loop.
 class AttemptQueue : public QObject
 {

@@ -24,7 +24,6 @@ class LockStore;
 /// Drives the methods: opens attempts, gives each its turn with its method, handles the outcomes, counts failures and
 /// locks users. AuthService checks which calls a caller may make.
 ///
-///
 /// A method handles one request at a time and names no user in its outcomes, so an outcome applies to the active
 /// attempt.
 class Authenticator : public QObject, private NotificationHandler

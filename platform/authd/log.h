@@ -10,7 +10,6 @@
 /// The daemon's log: one line per event, "event=NAME key=value ...". Values are quoted if needed, and characters that
 /// could break the line or harm a terminal are escaped.
 ///
-///
 /// If standard error is connected to the journal, the line goes to the journal, with the event and each value as
 /// separate fields too. Otherwise it goes to standard error, prefixed with "level=NAME" or, in the journal's format,
 /// with the priority "<N>".

@@ -9,7 +9,6 @@
 /// those of a user in "/var/lib/authd/users/<uid>.conf". Both are key files with one group per method and values in
 /// GVariant's text form.
 ///
-///
 /// Nothing is cached: each call reads the file again, under a lock that excludes other processes. A file is replaced as
 /// a whole, so a crash leaves either the old or the new one. A damaged file is kept as "<file>.damaged", and its
 /// undamaged values stay in use.

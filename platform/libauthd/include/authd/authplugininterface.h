@@ -12,7 +12,6 @@
 /// it on its own thread. No call may block. A method reports the outcome of a request later, through succeed(),
 /// finish() or inputRequested().
 ///
-///
 /// The order of the virtual functions is part of the binary interface, see LibAuthd::BaseHandler.
 class AUTHD_EXPORT AuthPluginInterface : public LibAuthd::BaseHandler
 {

@@ -16,7 +16,6 @@ namespace LibAuthd {
 
 /// Base class of everything that has options in the daemon. It knows its name, its options and where they are stored.
 ///
-///
 /// The order of the virtual functions is part of the binary interface, because methods and the daemon are built
 /// separately. Add new ones at the end of the last class; never move or remove one.
 class AUTHD_EXPORT BaseHandler : public QObject
@@ -64,10 +63,8 @@ public:
     /// value and reports the default. A value that is already stored is neither written nor reported again, so
     /// repeating a call is cheap.
     ///
-    ///
     /// Booleans, integers of 32 and 64 bits, doubles, strings, string lists and byte arrays can be stored, and read
     /// back as the same type.
-    ///
     ///
     /// Returns false, with a warning in the log and nothing changed, when the value has another type, is a subnormal
     /// double, is text with a null character or a lone surrogate, when the option's name is invalid (see the

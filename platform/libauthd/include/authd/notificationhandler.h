@@ -11,7 +11,6 @@
 /// The notifications that methods send to the daemon. The daemon implements this once and passes it to every method
 /// (AuthPluginInterface::setNotificator). Each call names the method that makes it.
 ///
-///
 /// A method calls directly from its own code, on its own thread. An implementation must not call back into the method
 /// from here unless the method is written for that.
 class AUTHD_EXPORT NotificationHandler
