@@ -8,6 +8,7 @@
 
 #include "files/descriptor.h"
 
+#include <QAbstractEventDispatcher>
 #include <QtEndian>
 
 #include <algorithm>
@@ -184,14 +185,15 @@ private:
         static char chunk[1024 * 1024];
         bool isIdle = false;
         while (!isIdle) {
-            QCoreApplication::processEvents();
+            // One round may handle only one of several events.
+            isIdle = !QCoreApplication::eventDispatcher()->processEvents(QEventLoop::AllEvents);
             const ssize_t toLibrary = recv(m_library.get(), chunk, sizeof chunk, 0);
             if (toLibrary > 0)
                 m_received.append(chunk, int(toLibrary));
             const ssize_t toClient = recv(m_client.get(), chunk, sizeof chunk, 0);
             if (toClient > 0)
                 m_fromLibrary += int(toClient);
-            isIdle = toLibrary <= 0 && toClient <= 0;
+            isIdle = isIdle && toLibrary <= 0 && toClient <= 0;
         }
     }
 
