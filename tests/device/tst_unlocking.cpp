@@ -5,6 +5,7 @@
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QScopedPointer>
 #include <QTest>
@@ -83,6 +84,7 @@ void TstUnlocking::rootUnlocks()
     lockOut();
     unlock(alice);
     QCOMPARE(m_client->checkPassword(right), QStringLiteral("success"));
+    QCOMPARE(ClientFixture::ownAttempts(), QByteArray("0 1\n"));
     // Unlocking works repeatedly.
     lockOut();
     unlock(alice);
@@ -158,6 +160,8 @@ void TstUnlocking::silentBus()
     const qint64 elapsed = clock.elapsed();
     kill(bus, SIGCONT);
     QCOMPARE(answer, lock);
+    QCoreApplication::processEvents();
+    QCOMPARE(m_client->output(), QByteArray());
     QVERIFY2(elapsed < callTimeout, qPrintable(QString::number(elapsed)));
 }
 
