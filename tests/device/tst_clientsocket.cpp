@@ -137,6 +137,7 @@ void TstClientSocket::othersAreNotShown()
     const QString other = TestDevice::clientDirectory + QStringLiteral("/other");
     QVERIFY(TestDevice::writeFile(other, {}));
     QVERIFY(QFile::setPermissions(other, QFile::ReadOwner));
+    QCOMPARE(chown(QFile::encodeName(other).constData(), TestDevice::alice, TestDevice::alice), 0);
     QCOMPARE(rename(QFile::encodeName(other).constData(), QFile::encodeName(TestDevice::socketPath).constData()), 0);
     QTest::qWait(0);
     const int before = watch.announcements.size();
