@@ -28,8 +28,7 @@ std::optional<uint> Unlocks::byRoot()
     QProcess process;
     process.setStandardErrorFile(QProcess::nullDevice());
     process.start(OwnProgram::path, {OwnProgram::optionPrefix + option}, QIODevice::ReadOnly);
-    if (!process.waitForFinished(replyTimeout) || process.exitStatus() != QProcess::NormalExit
-        || process.exitCode() != EXIT_SUCCESS) {
+    if (!process.waitForFinished(replyTimeout)) {
         process.kill();
         process.waitForFinished();
         return std::nullopt;
