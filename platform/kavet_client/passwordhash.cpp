@@ -26,8 +26,8 @@ const int PasswordHash::maximumLength = CRYPT_MAX_PASSPHRASE_SIZE - 1;
 QByteArray PasswordHash::make(const QByteArray &password)
 {
     char setting[CRYPT_GENSALT_OUTPUT_SIZE];
-    // crypt() would ignore everything after a null character.
-    if (password.isEmpty() || password.size() > maximumLength || password.contains('\0')
+    // crypt() refuses a password that is too long, but would ignore everything after a null character.
+    if (password.isEmpty() || password.contains('\0')
         || !crypt_gensalt_rn(nullptr, 0, nullptr, 0, setting, int(sizeof(setting))))
         return {};
     return hashed(password.constData(), setting);
