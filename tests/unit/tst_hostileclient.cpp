@@ -6,6 +6,7 @@
 #include "support/waiting.h"
 
 #include <QBasicTimer>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>

@@ -49,6 +49,12 @@ bool writePolicy(const QString &path, const char *max)
     return TestDevice::writeSetting(path, maxAttempts, text(max));
 }
 
+bool writePolicyOfAlice(const char *max)
+{
+    return writePolicy(TestDevice::currentPolicy, max)
+           && TestDevice::setOwner(TestDevice::currentPolicy, TestDevice::alice, TestDevice::alice);
+}
+
 /// The method, its private object, and its calls to the daemon after construction.
 struct Fixture
 {
@@ -745,17 +751,13 @@ private Q_SLOTS:
 
     void policyOfASessionWithoutClient()
     {
-        const auto alices = [](const char *max) {
-            return writePolicy(TestDevice::currentPolicy, max)
-                   && TestDevice::setOwner(TestDevice::currentPolicy, TestDevice::alice, TestDevice::alice);
-        };
-        QVERIFY(alices("1"));
+        QVERIFY(writePolicyOfAlice("1"));
         {
             Fixture fixture;
             fixture.method.handleUserSessionTriggered(TestDevice::alice, true, true);
             QCOMPARE(fixture.max(), QVariant(text("1")));
             // Rewritten in place, renamed over another file, and created.
-            QVERIFY(alices("2"));
+            QVERIFY(writePolicyOfAlice("2"));
             QTRY_COMPARE(fixture.max(), QVariant(text("2")));
             QVERIFY(writePolicy(TestDevice::sharedDirectory + text("/new"), "3"));
             QVERIFY(
@@ -766,10 +768,10 @@ private Q_SLOTS:
             // The watcher may report the directory's change first.
             fixture.d->handleChildSharedDirectory(TestDevice::sharedDirectory);
             QTRY_COMPARE(fixture.max(), QVariant(0));
-            QVERIFY(alices("4"));
+            QVERIFY(writePolicyOfAlice("4"));
             fixture.d->handleChildSharedDirectory(TestDevice::sharedDirectory);
             QCOMPARE(fixture.max(), QVariant(text("4")));
-            QVERIFY(alices("5"));
+            QVERIFY(writePolicyOfAlice("5"));
             QVERIFY(fixture.d->watcher.removePath(TestDevice::currentPolicy));
         }
         // The same in the destructor.
@@ -777,7 +779,7 @@ private Q_SLOTS:
         // Bob's session is not hers.
         Fixture fixture;
         fixture.method.handleUserSessionTriggered(TestDevice::bob, true, true);
-        QVERIFY(alices("6"));
+        QVERIFY(writePolicyOfAlice("6"));
         fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
         fixture.d->handleChildSharedDirectory(TestDevice::sharedDirectory);
         QCOMPARE(fixture.max(), QVariant(text("5")));
@@ -790,18 +792,14 @@ private Q_SLOTS:
 
     void policyAfterAFailedLaunch()
     {
-        const auto alices = [](const char *max) {
-            return writePolicy(TestDevice::currentPolicy, max)
-                   && TestDevice::setOwner(TestDevice::currentPolicy, TestDevice::alice, TestDevice::alice);
-        };
-        QVERIFY(alices("1"));
+        QVERIFY(writePolicyOfAlice("1"));
         Fixture fixture;
         fixture.method.handleUserSessionTriggered(TestDevice::alice, true, true);
         QVERIFY(QDir().rmdir(TestDevice::clientDirectory));
         fixture.method.authenticate(TestDevice::bob, {});
         QCOMPARE(fixture.d->child.uid, TestDevice::bob);
         // Her changes do not affect him, but the removal still ends her limit.
-        QVERIFY(alices("2"));
+        QVERIFY(writePolicyOfAlice("2"));
         fixture.d->handleChildFileChanged(TestDevice::currentPolicy);
         QCOMPARE(fixture.max(), QVariant(text("1")));
         QVERIFY(QFile::remove(TestDevice::currentPolicy));
