@@ -80,7 +80,8 @@ bool hasPurpose(const Certificate &certificate, const char *purpose)
     }
 }
 
-/// The certificate followed by its issuers, as far as they are known.
+/// The certificate followed by its issuers, as far as they are known. One that issued itself is repeated, which GnuTLS
+/// ignores.
 std::vector<gnutls_x509_crt_t> chain(const Certificate &certificate, const std::vector<Certificate> &others)
 {
     std::vector<gnutls_x509_crt_t> path = {certificate.get()};
@@ -90,7 +91,7 @@ std::vector<gnutls_x509_crt_t> chain(const Certificate &certificate, const std::
             if (gnutls_x509_crt_check_issuer(path.back(), other.get()))
                 issuer = other.get();
         }
-        if (!issuer || gnutls_x509_crt_check_issuer(issuer, issuer))
+        if (!issuer)
             break;
         path.push_back(issuer);
     }

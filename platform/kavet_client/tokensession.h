@@ -10,7 +10,8 @@
 
 #include <p11-kit/pkcs11.h>
 
-/// A read-only session with a token. Functions that return CK_RV return PKCS#11's error code.
+/// A read-only session with a token. Finalising the module closes it. Functions that return CK_RV return PKCS#11's
+/// error code.
 class TokenSession
 {
 public:
@@ -18,11 +19,6 @@ public:
         : m_module(module)
         , m_error(module->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &m_handle))
     {
-    }
-    ~TokenSession()
-    {
-        if (m_error == CKR_OK)
-            m_module->C_CloseSession(m_handle);
     }
 
     /// Adds all visible objects.

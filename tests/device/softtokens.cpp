@@ -158,8 +158,9 @@ bool SoftTokens::reset()
 {
     for (const QString &path : {directory, elsewhere})
         QDir(path).removeRecursively();
-    const QStringList left = QDir(home).entryList(
-        {QStringLiteral("unruly-token"), QStringLiteral("stalled"), QStringLiteral("wrong-pins.*")});
+    const QStringList left = QDir(home).entryList({QStringLiteral("unruly-token"), QStringLiteral("stalled"),
+                                                   QStringLiteral("signed"), QStringLiteral("initialised"),
+                                                   QStringLiteral("finalised"), QStringLiteral("wrong-pins.*")});
     for (const QString &name : left)
         QFile::remove(home + QLatin1Char('/') + name);
     if (!makeDirectory(directory) || !makeDirectory(authorities)

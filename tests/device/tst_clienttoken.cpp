@@ -191,6 +191,7 @@ private Q_SLOTS:
     void noLabel();
     void listsDefaultFirst();
     void commandLineList();
+    void listLeavesNothingOpen();
     void longCertificate();
     void manyCertificates();
     void tooManyCertificates();
@@ -204,6 +205,7 @@ private Q_SLOTS:
     void refuses();
     void otherAuthority();
     void authorityInBetween();
+    void renewedAuthority();
     void authorityForAnotherPurpose();
     void anchorDirectory();
     void noAnchors_data();
@@ -256,6 +258,7 @@ private Q_SLOTS:
     void waitsForTheNextCall();
     void settingsOfTheMoment();
     void waitingHelperIsGivenUp();
+    void helperForACall();
     void waitingHelperEnds();
     void waitingHelperHangs();
     void helperDiesOfAnySignal();
@@ -511,6 +514,17 @@ void TstClientToken::commandLineList()
     QCOMPARE(result.exitCode, 1);
     QVERIFY(result.output.isEmpty());
     QVERIFY2(result.error.startsWith("tarsk.kavet_client: Cannot load the token module: "), result.error.constData());
+}
+
+void TstClientToken::listLeavesNothingOpen()
+{
+    ClientFixture client;
+    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    QVERIFY(makeUnruly("record"));
+    QCOMPARE(ClientFixture::run({QStringLiteral("--certs")}, {}, TestDevice::alice, SoftTokens::environment()).exitCode,
+             0);
+    // Once, and with no session.
+    QCOMPARE(TestDevice::readFile(QStringLiteral("/home/alice/finalised")), QByteArray("0\n"));
 }
 
 void TstClientToken::longCertificate()
@@ -802,6 +816,28 @@ void TstClientToken::authorityInBetween()
     const QStringList certs = client.certList().filter(QStringLiteral("id=%05"));
     QCOMPARE(certs.size(), 1);
     QCOMPARE(client.validateCert(certs.constFirst(), pin), failed);
+}
+
+void TstClientToken::renewedAuthority()
+{
+    const QString name = QStringLiteral("renewed");
+    const QString path = QStringLiteral("/home/alice/ca/renewed.pem");
+    const QString former = QStringLiteral("/home/alice/ca/former.pem");
+    QVERIFY(SoftTokens::makeAuthority(
+        name, QString(), "activation_date = \"2020-01-01 00:00:00\"\nexpiration_date = \"2021-01-01 00:00:00\"\n"));
+    QVERIFY(QFile::remove(former) || !QFile::exists(former));
+    QVERIFY(QFile::rename(path, former));
+    QVERIFY(SoftTokens::makeAuthority(name)); // with the same key
+    ClientFixture client;
+    const QString cert = enrolled(
+        client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), name));
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(SoftTokens::putCert(one, id2, former));
+    QVERIFY(set("trust-anchors", former));
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    // The certificate that has expired does no harm.
+    QVERIFY(set("trust-anchors", path));
+    QCOMPARE(client.validateCert(cert, pin), success);
 }
 
 void TstClientToken::authorityForAnotherPurpose()
@@ -1721,6 +1757,24 @@ void TstClientToken::waitingHelperIsGivenUp()
     QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
     QTRY_VERIFY(childrenOf(client).isEmpty());
     QVERIFY(client.output().isEmpty());
+}
+
+void TstClientToken::helperForACall()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(endWaiting(client));
+    QVERIFY(makeUnruly("record"));
+    QCOMPARE(client.certList(), QStringList{cert});
+    QVERIFY(
+        waitUntil([&client] { return childrenOf(client).size() == 1 && isPrepared(childrenOf(client).constFirst()); }));
+    // With a call to serve, a helper initialises the module only for it. The other process is the next helper.
+    const QByteArrayList processes =
+        TestDevice::readFile(QStringLiteral("/home/alice/initialised")).trimmed().split('\n');
+    QCOMPARE(processes.size(), 2);
+    QVERIFY(processes.at(0) != processes.at(1));
+    QVERIFY(processes.contains(childrenOf(client).constFirst().toLatin1()));
 }
 
 void TstClientToken::waitingHelperEnds()

@@ -17,6 +17,9 @@
 //   initialize   the module cannot be initialised
 //   stall    initialising the module never returns; each time adds a line to the file stalled
 //   print    writes to standard output
+//   record   writes the text that it signs to the file signed. Each process adds its id to the file initialised when it
+//            initialises the module, and to the file finalised the number of sessions that are open when it finalises
+//            it
 //   expired  the PIN has expired
 //   blank    the token is not initialised
 //   open     the token requires no PIN
@@ -48,6 +51,7 @@ constexpr char softModule[] = "/usr/lib/softhsm/libsofthsm2.so";
 
 CK_FUNCTION_LIST functions;
 CK_FUNCTION_LIST *soft;
+int openSessions = 0;
 
 std::string inHome(const char *name)
 {
@@ -91,7 +95,29 @@ CK_RV initialize(void *arguments)
         std::puts("pkcs11:token=printed;type=cert");
         std::fflush(stdout);
     }
+    if (behaviour() == "record")
+        std::ofstream(inHome("initialised"), std::ios::app) << getpid() << std::endl;
     return soft->C_Initialize(arguments);
+}
+
+CK_RV finalize(void *reserved)
+{
+    if (behaviour() == "record")
+        std::ofstream(inHome("finalised"), std::ios::app) << openSessions << std::endl;
+    return soft->C_Finalize(reserved);
+}
+
+CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, void *application, CK_NOTIFY notify, CK_SESSION_HANDLE *session)
+{
+    const CK_RV result = soft->C_OpenSession(slot, flags, application, notify, session);
+    openSessions += result == CKR_OK;
+    return result;
+}
+
+CK_RV closeSession(CK_SESSION_HANDLE session)
+{
+    --openSessions;
+    return soft->C_CloseSession(session);
 }
 
 CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO *info)
@@ -206,6 +232,9 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
     functions = *soft;
     functions.C_GetFunctionList = functionList;
     functions.C_Initialize = initialize;
+    functions.C_Finalize = finalize;
+    functions.C_OpenSession = openSession;
+    functions.C_CloseSession = closeSession;
     functions.C_GetTokenInfo = getTokenInfo;
     functions.C_FindObjects = findObjects;
     functions.C_GetAttributeValue = getAttributeValue;
