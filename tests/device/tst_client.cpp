@@ -123,6 +123,7 @@ private Q_SLOTS:
     void setPasswordRefuses_data();
     void setPasswordRefuses();
     void setPasswordFromNoFile();
+    void unfinishedPassword();
     void longestPassword();
     void setPasswordOnTerminal_data();
     void setPasswordOnTerminal();
@@ -288,6 +289,23 @@ void TstClient::setPasswordFromNoFile()
     QCOMPARE(process.exitCode(), 1);
     QCOMPARE(process.readAllStandardError(),
              QByteArray("tarsk.kavet_client: Cannot read a password from standard input\n"));
+}
+
+void TstClient::unfinishedPassword()
+{
+    const QByteArray part = "correct horse battery staple";
+    const QByteArray end = "nearly there";
+    QProcess process;
+    ClientFixture::asUser(process, ClientFixture::program, {QStringLiteral("--set-password")});
+    process.start();
+    QVERIFY(process.waitForStarted()); // Until then, it is a copy of this process.
+    process.write(QByteArray(100, 'a') + part + QByteArray(2000, 'b') + end);
+    QVERIFY(waitUntil([&] { return processMemory(process.processId()).contains(end); }));
+    // There is one place to erase.
+    QCOMPARE(processMemory(process.processId()).count(part), 1);
+    process.closeWriteChannel();
+    QVERIFY(process.waitForFinished());
+    QCOMPARE(process.exitCode(), 1);
 }
 
 void TstClient::longestPassword()
