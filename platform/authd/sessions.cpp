@@ -42,8 +42,7 @@ Sessions::Map Sessions::resume(const QDBusConnection &bus)
     QDBusConnectionInterface *const names = bus.interface(); // null after the connection has been lost
     if (!names || !names->isServiceRegistered(loginManager))
         return m_sessions;
-    QDBusMessage call = QDBusMessage::createMethodCall(loginManager, managerPath, managerInterface, listSessions);
-    call.setAutoStartService(false);
+    const QDBusMessage call = QDBusMessage::createMethodCall(loginManager, managerPath, managerInterface, listSessions);
     const QDBusMessage reply = bus.call(call, QDBus::Block, ReplyTimeout);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.signature() != QLatin1String("a(susso)")) {
         Log::write(Log::Warning, "no-sessions-from-login-manager", {{"error", reply.errorName()}});
