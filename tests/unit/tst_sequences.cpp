@@ -173,15 +173,16 @@ rc::Gen<HappeningPointer> anyHappening(const Model &model)
     const World &world = model.worlds().first();
     const bool startsFail = world.get(LauncherMode) == IsMissing;
     const bool isFailing = world.is(ClientStarting) && world.get(ProcessMode) == IsMissing;
+    const bool mayBeOvertaken = world.isReplyUnderWay();
     const uint another = world.get(User) == int(alice) ? bob : alice;
     const auto seldom = gen::weightedElement<bool>({{startsFail ? 1U : 4U, false}, {1U, true}});
-    return gen::map(gen::tuple(gen::elementOf(kinds), users, common, any, answer, mostly, seldom, seldom),
-                    [delayedUser, isDelayed, isFailing,
-                     another](const std::tuple<Kind, uint, int, int, QString, bool, bool, bool> &parts) {
+    return gen::map(gen::tuple(gen::elementOf(kinds), users, common, any, answer, mostly, seldom, seldom, seldom),
+                    [delayedUser, isDelayed, isFailing, mayBeOvertaken,
+                     another](const std::tuple<Kind, uint, int, int, QString, bool, bool, bool, bool> &parts) {
                         Event event;
                         int variant = 0;
                         std::tie(event.kind, event.user, event.variant, variant, event.answer, event.flag,
-                                 event.hurried, event.delayed) = parts;
+                                 event.hurried, event.delayed, event.overtaken) = parts;
                         switch (event.kind) {
                         case Kind::Authenticate:
                             event.variant %= AuthDataCount;
@@ -229,7 +230,13 @@ rc::Gen<HappeningPointer> anyHappening(const Model &model)
                                 event.user = delayedUser;
                             break;
                         case Kind::EndClient:
+                            event.variant = variant;
+                            event.overtaken = event.overtaken || mayBeOvertaken;
+                            break;
                         case Kind::Reply:
+                            event.variant = variant;
+                            event.hurried = event.hurried || event.flag; // so that it can be overtaken
+                            break;
                         case Kind::WritePolicy:
                         case Kind::ReplacePolicy:
                         case Kind::WriteUserFile:
@@ -357,8 +364,8 @@ void TstSequences::sequencesReachEverything()
         QSKIP("Only as many sequences as are run by default are sure to reach everything.");
     for (int kind = 0; kind < int(Kind::Count); ++kind)
         QVERIFY2(kindsSeen.contains(nameOf(Kind(kind))), qPrintable(nameOf(Kind(kind))));
-    for (const char *situation :
-         {"answered after the link", "files brought back", "link cut", "socket brought back", "termination ignored"})
+    for (const char *situation : {"answered after the link", "files brought back", "link cut", "reply overtaken",
+                                  "socket brought back", "termination ignored"})
         QVERIFY2(situationsSeen.contains(QLatin1String(situation)), situation);
     QStringList unused;
     for (size_t row = 0; row < rules().size(); ++row) {

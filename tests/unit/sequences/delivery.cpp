@@ -100,6 +100,8 @@ void World::deliverLoss(int credential)
 
 void World::endProcess(int cause)
 {
+    if (isReplyUnderWay())
+        situations << QStringLiteral("reply overtaken");
     values[ExitCode] = cause & 0xff;
     values[ExitStatus] = cause >> 8;
     causes.clear();

@@ -69,7 +69,8 @@ std::ostream &operator<<(std::ostream &stream, const Event &event)
 {
     return stream << nameOf(event.kind).toStdString() << " user=" << event.user << " variant=" << event.variant
                   << " answer=\"" << event.answer.toStdString() << '"' << (event.flag ? " flag" : "")
-                  << (event.hurried ? " hurried" : "") << (event.delayed ? " delayed" : "");
+                  << (event.hurried ? " hurried" : "") << (event.delayed ? " delayed" : "")
+                  << (event.overtaken ? " overtaken" : "");
 }
 
 std::ostream &operator<<(std::ostream &stream, const Setup &setup)

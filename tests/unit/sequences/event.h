@@ -159,6 +159,8 @@ struct Event
     bool hurried = false;
     /// The watcher is read only when the process has nothing more to report.
     bool delayed = false;
+    /// What the process has to report comes before all that is under way.
+    bool overtaken = false;
 };
 
 /// The observable state of the private object and its environment, by name.

@@ -17,7 +17,7 @@ bool Model::allows(const Event &event) const
                        [&event](const World &world) { return world.allows(event); });
 }
 
-void Model::apply(const Event &event)
+bool Model::apply(const Event &event)
 {
     for (World &world : m_worlds) {
         if (!m_isHurried)
@@ -27,8 +27,11 @@ void Model::apply(const Event &event)
         world.happen(event);
     }
     m_isHurried = event.hurried;
-    if (!m_isHurried)
-        settle();
+    if (m_isHurried)
+        return false;
+    const bool reportComesFirst = event.overtaken && report();
+    settle();
+    return reportComesFirst;
 }
 
 void Model::applyAll(const Event &event)
@@ -43,6 +46,14 @@ void Model::applyAll(const Event &event)
 
 bool Model::advance()
 {
+    const bool reported = report();
+    settle();
+    return reported;
+}
+
+/// Applies the next report of the process; false if there is none.
+bool Model::report()
+{
     QVector<World> next;
     bool isOver = true;
     for (const World &world : qAsConst(m_worlds)) {
@@ -51,7 +62,6 @@ bool Model::advance()
         next += after.isEmpty() ? QVector<World>{world} : after;
     }
     m_worlds = next;
-    settle();
     return !isOver;
 }
 
@@ -111,6 +121,7 @@ QVector<Kind> Model::next() const
     add(couldLink && world.get(Stage) == Linked, Kind::Authenticate, 10);
     add(isLinked, Kind::StopClient, 3);
     add(waits, Kind::Reply, 15);
+    add(world.isReplyUnderWay(), Kind::EndClient, 100);
     add(waits, Kind::Authenticate, 8);
     add(waits, Kind::Reset, 4);
     add(waits, Kind::StartSession, 4);
@@ -198,6 +209,11 @@ Observation observation(const World &world, bool withOptions)
         }
     }
     return seen;
+}
+
+bool World::isReplyUnderWay() const
+{
+    return std::any_of(wire.begin(), wire.end(), [](const Message &message) { return message.type == Message::Reply; });
 }
 
 QStringList World::files() const

@@ -14,8 +14,9 @@ public:
 
     /// Whether `event` can happen now, in all states.
     bool allows(const Event &event) const;
-    /// Applies the event and, unless it is hurried, what follows before the client's process reports anything.
-    void apply(const Event &event);
+    /// Applies the event and, unless it is hurried, what follows before the client's process reports anything. An event
+    /// that is overtaken is preceded by the process's next report; returns whether there is one.
+    bool apply(const Event &event);
     /// Applies what follows from the next report of the process; false if there is none.
     bool advance();
     /// Applies what follows from reading a delayed watcher; false if it is not delayed.
@@ -33,6 +34,7 @@ public:
     uint delayedUser() const;
 
 private:
+    bool report();
     void settle();
 
     QVector<World> m_worlds;

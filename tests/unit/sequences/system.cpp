@@ -311,7 +311,7 @@ QString System::compareStart()
 QString System::perform(const Event &event)
 {
     const World before = world();
-    m_model.apply(event);
+    const bool reportComesFirst = m_model.apply(event);
     if (!m_isHurried)
         m_journal.clear();
     m_isHurried = event.hurried;
@@ -323,6 +323,8 @@ QString System::perform(const Event &event)
     lookForSocket();
     m_rightOwnerSeenBefore = m_rightOwnerSeenBefore || m_rightOwnerSeen;
     awaitLaunches();
+    if (reportComesFirst)
+        releaseProcess(true);
     QString difference = event.hurried ? differences(false) : settle();
     if (difference.isEmpty())
         m_model.keep(m_agreeing);
@@ -638,7 +640,7 @@ QString System::settle()
     QString difference = awaitAgreement(false);
     do {
         while (difference.isEmpty() && m_model.advance()) {
-            releaseProcess();
+            releaseProcess(false);
             difference = awaitAgreement(false);
         }
         m_isWatcherDelayed = false;
@@ -684,8 +686,8 @@ void System::holdProcess()
     }
 }
 
-/// Lets the process report one thing.
-void System::releaseProcess()
+/// Lets the process report one thing: before anything else arrives if it overtakes.
+void System::releaseProcess(bool overtakes)
 {
     m_hasReported = false;
     for (QSocketNotifier *notifier : qAsConst(m_heldNotifiers)) {
@@ -696,9 +698,28 @@ void System::releaseProcess()
     QElapsedTimer waiting;
     waiting.start();
     m_tick.start(2);
-    while (!m_hasReported && waiting.elapsed() < (hasFailed ? impatience : patience))
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    while (!m_hasReported && waiting.elapsed() < (hasFailed ? impatience : patience)) {
+        if (overtakes)
+            handleProcess();
+        else
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
     m_tick.stop();
+}
+
+/// Handles an event of the process, if there is one, and nothing else.
+void System::handleProcess()
+{
+    const auto notifiers = m_private->child.findChildren<QSocketNotifier *>();
+    for (QSocketNotifier *notifier : notifiers) {
+        pollfd entry = {int(notifier->socket()), POLLIN, 0};
+        if (notifier->type() == QSocketNotifier::Read && notifier->isEnabled() && poll(&entry, 1, 0) > 0) {
+            QEvent ready(QEvent::SockAct);
+            QCoreApplication::sendEvent(notifier, &ready);
+            return; // Others may be gone now.
+        }
+    }
+    QThread::yieldCurrentThread();
 }
 
 // --- Looking --------------------------------------------------------------------------------------------------------

@@ -55,7 +55,8 @@ private:
     QString settle();
     QString awaitAgreement(bool isOver);
     void holdProcess();
-    void releaseProcess();
+    void releaseProcess(bool overtakes);
+    void handleProcess();
     QString differences(bool isOver);
     QString broken();
     void readCalls();

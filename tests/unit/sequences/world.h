@@ -106,6 +106,8 @@ public:
     Value option(uint user, Option option) const;
     /// The calls to the client and to the wiper that have no outcome yet.
     int unfinishedCalls() const { return outstanding.size() + lost.size() + heldWipes.size() + wiperReplies.size(); }
+    /// Whether the client's reply to a credential has not arrived yet.
+    bool isReplyUnderWay() const;
     /// The files below the directories that change users.
     QStringList files() const;
 
