@@ -2,6 +2,7 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "device/authd.h"
 #include "device/clientfixture.h"
+#include "support/fakeservice.h"
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
@@ -10,6 +11,7 @@
 #include <QScopedPointer>
 #include <QTest>
 
+#include <atomic>
 #include <csignal>
 
 namespace {
@@ -52,6 +54,7 @@ private Q_SLOTS:
     void nothingElseUnlocks();
     void anyOtherNumberUnlocks();
     void numberOutlivesTheDaemon();
+    void uselessReply();
     void silentBus();
 
 private:
@@ -146,6 +149,22 @@ void TstUnlocking::numberOutlivesTheDaemon()
     QCOMPARE(BusUser(alice).error(QStringLiteral("GetUnlocks"), {alice}), QString());
     QCOMPARE(BusUser(alice).error(QStringLiteral("GetUnlocks"), {bob}),
              QStringLiteral("org.freedesktop.DBus.Error.AccessDenied"));
+}
+
+void TstUnlocking::uselessReply()
+{
+    lockOut();
+    m_root.reset();
+    QCOMPARE(m_authd.stop(SIGTERM), 0);
+    std::atomic<int> asked = 0;
+    const FakeService service(QStringLiteral("qarv.AuthService"), QStringLiteral("/qarv/AuthService"),
+                              [&asked](const QDBusMessage &call, const QDBusConnection &bus) {
+                                  ++asked;
+                                  bus.send(call.createReply(QStringLiteral("1"))); // a text, not a number
+                              });
+    QVERIFY(service.isRunning());
+    QCOMPARE(m_client->checkPassword(right), lock);
+    QVERIFY(asked > 0);
 }
 
 void TstUnlocking::silentBus()
