@@ -130,7 +130,6 @@ TokenHelpers::Helper::~Helper()
 
 void TokenHelpers::Helper::setupChildProcess()
 {
-    dieWithClient();
     dup2(m_sockets[1], STDIN_FILENO);
 }
 
