@@ -4,8 +4,11 @@
 
 #include "clientsettings.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QLoggingCategory>
+
+#include <algorithm>
 
 #include <gnutls/x509-ext.h>
 
@@ -30,15 +33,18 @@ bool addAnchors(gnutls_x509_trust_list_t list, const QString &path)
     return count > 0;
 }
 
+/// Adds the revocation lists of a file, or of all files in a directory. GnuTLS's own function for directories skips
+/// those that are invalid.
 bool addCrls(gnutls_x509_trust_list_t list, const QString &path)
 {
-    const QByteArray name = path.toLocal8Bit();
-    const int count = QFileInfo(path).isDir()
-                          ? gnutls_x509_trust_list_add_trust_dir(list, nullptr, name.constData(), GNUTLS_X509_FMT_PEM,
-                                                                 crlFlags, verifyFlags)
-                          : gnutls_x509_trust_list_add_trust_file(list, nullptr, name.constData(), GNUTLS_X509_FMT_PEM,
-                                                                  crlFlags, verifyFlags);
-    return count > 0;
+    const QFileInfoList files =
+        QFileInfo(path).isDir() ? QDir(path).entryInfoList(QDir::Files | QDir::System) : QFileInfoList{QFileInfo(path)};
+    return !files.isEmpty() && std::all_of(files.begin(), files.end(), [list](const QFileInfo &file) {
+        const QByteArray name = file.filePath().toLocal8Bit();
+        return gnutls_x509_trust_list_add_trust_file(list, nullptr, name.constData(), GNUTLS_X509_FMT_PEM, crlFlags,
+                                                     verifyFlags)
+               > 0;
+    });
 }
 
 /// Returns null when the settings name no usable trust anchors or revocation lists.

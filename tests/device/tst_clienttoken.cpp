@@ -871,9 +871,12 @@ void TstClientToken::anchorDirectory()
     QVERIFY(set("crls", anchors));
     QCOMPARE(client.validateCert(cert, pin), failed);
     const QString crls = QStringLiteral("/home/alice/crls");
+    QDir(crls).removeRecursively();
+    QVERIFY(QDir().mkpath(crls));
+    QVERIFY(set("crls", crls));
+    QCOMPARE(client.validateCert(cert, pin), failed);
     const QString other = SoftTokens::issue(QStringLiteral("other"), SoftTokens::loginTemplate());
     QVERIFY(TestDevice::writeFile(crls + QStringLiteral("/root.pem"), TestDevice::readFile(SoftTokens::revoke(other))));
-    QVERIFY(set("crls", crls));
     QCOMPARE(client.validateCert(cert, pin), success);
 }
 
@@ -915,10 +918,14 @@ void TstClientToken::uselessRevocationLists_data()
     QTest::addColumn<QString>("authority");
     QTest::addColumn<bool>("stale");
     QTest::addColumn<bool>("besideGood");
-    QTest::newRow("out of date") << QStringLiteral("root") << true << false;
-    QTest::newRow("by a stranger") << QStringLiteral("stranger") << false << false;
-    QTest::newRow("by a stranger, beside a good one") << QStringLiteral("stranger") << false << true;
-    QTest::newRow("no such file") << QString() << false << false;
+    QTest::addColumn<bool>("inDirectory");
+    QTest::newRow("out of date") << QStringLiteral("root") << true << false << false;
+    QTest::newRow("by a stranger") << QStringLiteral("stranger") << false << false << false;
+    QTest::newRow("by a stranger, beside a good one") << QStringLiteral("stranger") << false << true << false;
+    QTest::newRow("no such file") << QString() << false << false << false;
+    QTest::newRow("directory, out of date") << QStringLiteral("root") << true << false << true;
+    QTest::newRow("directory, by a stranger, beside a good one") << QStringLiteral("stranger") << false << true << true;
+    QTest::newRow("directory, lost, beside a good one") << QString() << false << true << true;
 }
 
 void TstClientToken::uselessRevocationLists()
@@ -926,15 +933,24 @@ void TstClientToken::uselessRevocationLists()
     QFETCH(QString, authority);
     QFETCH(bool, stale);
     QFETCH(bool, besideGood);
+    QFETCH(bool, inDirectory);
     QVERIFY(SoftTokens::makeAuthority(QStringLiteral("stranger")));
     QString crls = QStringLiteral("/nowhere");
     if (!authority.isEmpty())
         crls = SoftTokens::revoke(
             SoftTokens::issue(QStringLiteral("other"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), authority),
             authority, stale);
-    if (besideGood) {
-        const QString good =
-            SoftTokens::revoke(SoftTokens::issue(QStringLiteral("third"), SoftTokens::loginTemplate()));
+    const QString good =
+        besideGood ? SoftTokens::revoke(SoftTokens::issue(QStringLiteral("third"), SoftTokens::loginTemplate()))
+                   : QString();
+    if (inDirectory) {
+        const QString directory = QStringLiteral("/home/alice/useless-crls");
+        QDir(directory).removeRecursively();
+        QVERIFY(QDir().mkpath(directory));
+        QVERIFY(QFile::link(crls, directory + QStringLiteral("/useless.pem")));
+        QVERIFY(!besideGood || QFile::link(good, directory + QStringLiteral("/good.pem")));
+        crls = directory;
+    } else if (besideGood) {
         QVERIFY(TestDevice::writeFile(crls, TestDevice::readFile(good) + TestDevice::readFile(crls)));
     }
     QVERIFY(set("crls", crls));
