@@ -184,6 +184,7 @@ private Q_SLOTS:
     void listsNone();
     void unsuitableToken_data();
     void unsuitableToken();
+    void hesitantToken();
     void unreadableToken();
     void unreadableCertificate();
     void vastLabel();
@@ -414,6 +415,18 @@ void TstClientToken::unsuitableToken()
     QVERIFY(makeUnruly(how));
     QCOMPARE(client.certList(), QStringList());
     QCOMPARE(client.validateCert(cert, pin), noToken);
+}
+
+void TstClientToken::hesitantToken()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(SoftTokens::enroll(one, id2, goodCert()));
+    QVERIFY(makeUnruly("hesitant"));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 2);
+    QVERIFY(certs.contains(cert));
 }
 
 void TstClientToken::unreadableToken()

@@ -24,6 +24,7 @@
 //   blank    the token is not initialised
 //   open     the token requires no PIN
 //   unreadable   the token's objects cannot be read
+//   hesitant the token gives one object at a time
 //   vast     the labels of public keys seem to be as long as may be
 //   unlabelled   certificates have no labels
 //   secretive    the labels of certificates cannot be read
@@ -136,7 +137,9 @@ CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO *info)
 
 CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE *objects, unsigned long size, unsigned long *count)
 {
-    return behaviour() == "unreadable" ? CKR_DEVICE_ERROR : soft->C_FindObjects(session, objects, size, count);
+    const std::string how = behaviour();
+    return how == "unreadable" ? CKR_DEVICE_ERROR
+                               : soft->C_FindObjects(session, objects, how == "hesitant" ? 1 : size, count);
 }
 
 CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE *attributes,
