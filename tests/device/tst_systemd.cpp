@@ -148,11 +148,13 @@ void TstSystemd::journal()
     Listener listener(journalSocket);
     const QString file = QStringLiteral("/tmp/journal-stream");
     QProcess daemon;
-    daemon.start(
-        QStringLiteral("sh"),
-        {QStringLiteral("-c"), QStringLiteral("exec 2>%1; JOURNAL_STREAM=$(stat -c %d:%i %1) exec %2 --methods "
-                                              "'/no\u202ewhere'")
-                                   .arg(file, Installed::authd)});
+    const auto start = [&](const QString &methods) {
+        daemon.start(QStringLiteral("sh"),
+                     {QStringLiteral("-c"),
+                      QStringLiteral("exec 2>%1; JOURNAL_STREAM=$(stat -c %d:%i %1) exec %2 --methods '%3'")
+                          .arg(file, Installed::authd, methods)});
+    };
+    start(QStringLiteral("/no\u202ewhere"));
     QVERIFY(daemon.waitForFinished());
     const QByteArray received = listener.received();
     QVERIFY2(received.contains("\nMESSAGE=event=no-methods-directory directory=\"/no\\u202ewhere\"\n"),
@@ -161,6 +163,14 @@ void TstSystemd::journal()
     QVERIFY(received.contains("\nSYSLOG_IDENTIFIER=authd\n"));
     QVERIFY(received.contains("\nAUTHD_EVENT=no-methods-directory\n"));
     QVERIFY(received.contains("\nAUTHD_DIRECTORY=/no"));
+
+    // The journal drops a field whose name has a hyphen.
+    start(Installed::methods);
+    QTRY_VERIFY(listener.received().contains("\nAUTHD_EVENT=ready\n"));
+    QCOMPARE(BusUser(0).error(QStringLiteral("SessionStarted"), {TestDevice::alice, false}), QString());
+    QVERIFY(listener.received().contains("\nAUTHD_MANAGE_CLIENT=false\n"));
+    kill(pid_t(daemon.processId()), SIGTERM);
+    QVERIFY(daemon.waitForFinished());
     QCOMPARE(TestDevice::readFile(file), QByteArray());
     QFile::remove(journalSocket);
 }
