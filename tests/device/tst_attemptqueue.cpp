@@ -5,6 +5,7 @@
 #include "support/testdevice.h"
 #include "support/wiper.h"
 
+#include <QDBusConnectionInterface>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
 #include <QDir>
@@ -83,6 +84,7 @@ private Q_SLOTS:
     void waitsAgain();
     void rootComesFirst();
     void rootTriesAgainFirst();
+    void rootTriesAgainAfterItsTurn();
     void rootDoesNotWaitForChallenges();
     void longAttemptIsCutShort_data();
     void longAttemptIsCutShort();
@@ -476,6 +478,28 @@ void TstAttemptQueue::rootTriesAgainFirst()
     QTRY_VERIFY(m_reports->texts.contains(QStringLiteral("Authenticated(1001, puppet)")));
     const int ofAlice = m_reports->texts.indexOf(QStringLiteral("Authenticated(1000, puppet)"));
     QVERIFY(ofAlice >= 0 && ofAlice < m_reports->texts.indexOf(QStringLiteral("Authenticated(1001, puppet)")));
+}
+
+void TstAttemptQueue::rootTriesAgainAfterItsTurn()
+{
+    // Then another user comes first, even one who has not waited yet.
+    const BusUser user(bob);
+    QCOMPARE(user.error(QStringLiteral("GetMethods")), QString()); // The daemon need not ask the bus who calls.
+    const qulonglong first = open(*m_root, alice, "");
+    QTRY_COMPARE(told(first).size(), 1); // It has begun.
+    // The time itself is what is tested here.
+    QTest::qWait(4500); // A turn lasts 4 seconds.
+    const auto attempt = [](uint uid) {
+        return BusUser::message(QStringLiteral("Authenticate"), {uid, puppet, script("succeed")});
+    };
+    kill(pid_t(m_authd.pid()), SIGSTOP);
+    user.connection().asyncCall(attempt(bob));
+    // The bus keeps messages in order, so after this reply it has accepted the call.
+    QVERIFY(user.connection().interface()->isServiceRegistered(user.connection().baseService()));
+    m_authd.sendAtOnce(*m_root, {attempt(alice)});
+    QTRY_VERIFY(m_reports->texts.contains(QStringLiteral("Authenticated(1000, puppet)")));
+    const int ofBob = m_reports->texts.indexOf(QStringLiteral("Authenticated(1001, puppet)"));
+    QVERIFY(ofBob >= 0 && ofBob < m_reports->texts.indexOf(QStringLiteral("Authenticated(1000, puppet)")));
 }
 
 void TstAttemptQueue::rootDoesNotWaitForChallenges()
