@@ -12,9 +12,10 @@
 #include <map>
 
 /// The queue of open attempts. A method serves one user at a time, so one attempt is active and the others wait.
-/// Attempts from root's callers come first, then those of the user whose last turn is longest ago. An active attempt
-/// that keeps others waiting is cut short, so that another user's attempt begins within five seconds. An attempt that
-/// waits for the user's input occupies no turn. Every attempt has a deadline.
+/// Attempts from root's callers come first, then those of the user whose last turn is longest ago; the user whose turn
+/// has run out comes last. An active attempt that keeps others waiting is cut short, so that another user's attempt
+/// begins within five seconds. An attempt that waits for the user's input occupies no turn. Every attempt has a
+/// deadline.
 ///
 /// No function emits a signal before it returns: the effects of a change are reported from the event loop.
 class AttemptQueue : public QObject
