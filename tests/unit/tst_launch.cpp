@@ -1086,6 +1086,14 @@ void TstLaunch::limitWhoseFileHasGone()
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(0));
     f.method.handleUserSessionTriggered(bob, true, false);
     QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("5")));
+
+    // Root starts over during alice's turn. The limit from before does not return.
+    QVERIFY(f.method.setOption(0, maxAttempts, 3));
+    QVERIFY(putPolicy(f, alice, QStringLiteral("1")));
+    QVERIFY(QFile::remove(methodSettings));
+    f.method.handleUserSessionTriggered(bob, true, false);
+    QVERIFY(launchFor(f, bob));
+    QCOMPARE(f.method.getOptionInternal(0, maxAttempts), QVariant(QStringLiteral("5")));
 }
 
 // The watcher reports the removal only after the launch of the policy's own user.
