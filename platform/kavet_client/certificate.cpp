@@ -9,6 +9,7 @@
 #include <QLoggingCategory>
 
 #include <algorithm>
+#include <ctime>
 
 #include <gnutls/x509-ext.h>
 
@@ -86,15 +87,22 @@ bool hasPurpose(const Certificate &certificate, const char *purpose)
     }
 }
 
+bool isInDate(const Certificate &certificate)
+{
+    const std::time_t now = std::time(nullptr);
+    return gnutls_x509_crt_get_activation_time(certificate.get()) <= now
+           && now <= gnutls_x509_crt_get_expiration_time(certificate.get());
+}
+
 /// The certificate followed by its issuers, as far as they are known. One that issued itself is repeated, which GnuTLS
-/// ignores.
+/// ignores. An issuer may have several certificates, and GnuTLS does not look for one that is in date.
 std::vector<gnutls_x509_crt_t> chain(const Certificate &certificate, const std::vector<Certificate> &others)
 {
     std::vector<gnutls_x509_crt_t> path = {certificate.get()};
     for (int depth = 0; depth < maximumDepth; ++depth) {
         gnutls_x509_crt_t issuer = nullptr;
         for (const Certificate &other : others) {
-            if (gnutls_x509_crt_check_issuer(path.back(), other.get()))
+            if (gnutls_x509_crt_check_issuer(path.back(), other.get()) && isInDate(other))
                 issuer = other.get();
         }
         if (!issuer)

@@ -206,6 +206,8 @@ private Q_SLOTS:
     void refuses();
     void otherAuthority();
     void authorityInBetween();
+    void renewedAuthorityInBetween_data();
+    void renewedAuthorityInBetween();
     void renewedAuthority();
     void authorityForAnotherPurpose();
     void anchorDirectory();
@@ -829,6 +831,43 @@ void TstClientToken::authorityInBetween()
     const QStringList certs = client.certList().filter(QStringLiteral("id=%05"));
     QCOMPARE(certs.size(), 1);
     QCOMPARE(client.validateCert(certs.constFirst(), pin), failed);
+}
+
+void TstClientToken::renewedAuthorityInBetween_data()
+{
+    QTest::addColumn<QByteArray>("otherTime");
+    QTest::newRow("former") << QByteArray("activation_date = \"2020-01-01 00:00:00\"\n"
+                                          "expiration_date = \"2021-01-01 00:00:00\"\n");
+    QTest::newRow("future") << QByteArray("activation_date = \"2200-01-01 00:00:00\"\n"
+                                          "expiration_date = \"2201-01-01 00:00:00\"\n");
+}
+
+void TstClientToken::renewedAuthorityInBetween()
+{
+    QFETCH(QByteArray, otherTime);
+    const QString name = QStringLiteral("twig");
+    const QString path = QStringLiteral("/home/alice/ca/twig.pem");
+    const QString other = QStringLiteral("/home/alice/ca/other.pem");
+    QVERIFY(SoftTokens::makeAuthority(name, QStringLiteral("root"), otherTime));
+    QVERIFY(QFile::remove(other) || !QFile::exists(other));
+    QVERIFY(QFile::rename(path, other));
+    QVERIFY(SoftTokens::makeAuthority(name, QStringLiteral("root"))); // with the same key
+    ClientFixture client;
+    const QString cert = enrolled(
+        client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), name));
+    QVERIFY(!cert.isEmpty());
+    const auto putOther = [&other] {
+        bool stored = true;
+        for (int id = 10; id < 14; ++id) // The token shows them in any order.
+            stored = stored && SoftTokens::putCert(one, QString::number(id), other);
+        return stored;
+    };
+    QVERIFY(putOther());
+    QCOMPARE(client.validateCert(cert, pin), failed);
+    QVERIFY(SoftTokens::putCert(one, id2, path));
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QVERIFY(putOther());
+    QCOMPARE(client.validateCert(cert, pin), success);
 }
 
 void TstClientToken::renewedAuthority()
