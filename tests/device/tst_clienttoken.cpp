@@ -1460,6 +1460,7 @@ void TstClientToken::pinNotAskedFor()
     QVERIFY(makeUnruly("keypad"));
     // A successful signature does not prove that the PIN in the call was right.
     QCOMPARE(client.validateCert(cert, ::wrongPin), failed);
+    QCOMPARE(ClientFixture::attempts(), 1);
     QVERIFY(makeUnruly("none"));
     QCOMPARE(client.validateCert(cert, pin), success);
 }
