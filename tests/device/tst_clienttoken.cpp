@@ -1122,6 +1122,9 @@ void TstClientToken::severalForOneUri()
     QVERIFY(!cert.isEmpty());
     const QString vague = QStringLiteral("pkcs11:token=one;type=cert");
     QCOMPARE(client.validateCert(vague, pin), success);
+    // Only certificates count.
+    QVERIFY(SoftTokens::putKeys(one, id3, QStringLiteral("rsa-other")));
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:token=one"), pin), success);
     QVERIFY(SoftTokens::enroll(one, id2, goodCert()));
     QCOMPARE(client.validateCert(vague, pin), failed);
     QCOMPARE(client.validateCert(cert, pin), success);
