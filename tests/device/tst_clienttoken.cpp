@@ -1076,6 +1076,7 @@ void TstClientToken::badUri_data()
     QTest::newRow("as it is") << QStringLiteral("pkcs11:") << QStringLiteral("pkcs11:") << success;
     QTest::newRow("shorter") << QStringLiteral(";object=certificate") << QString() << success;
     QTest::newRow("no URI") << QString() << QStringLiteral("certificate") << failed;
+    QTest::newRow("a description alone") << QString() << QStringLiteral("holder=Alice") << failed;
     QTest::newRow("empty attributes") << QString() << QStringLiteral("pkcs11:object=;;;id=x") << failed;
     QTest::newRow("empty first attribute") << QString() << QStringLiteral("pkcs11:;id;object=x") << failed;
     QTest::newRow("empty last attribute") << QStringLiteral("type=cert") << QStringLiteral("type=cert;") << success;
