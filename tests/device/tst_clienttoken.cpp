@@ -1015,20 +1015,27 @@ void TstClientToken::uselessRevocationLists()
 
 void TstClientToken::wrongKey_data()
 {
+    QTest::addColumn<QString>("certified");
     QTest::addColumn<QString>("key");
     QTest::addColumn<QString>("id");
-    QTest::newRow("another RSA key") << QStringLiteral("rsa-other") << id1;
-    QTest::newRow("a key of another kind") << QStringLiteral("ec") << id1;
-    QTest::newRow("its key under another id") << QStringLiteral("rsa") << id2;
+    const QString rsa = QStringLiteral("rsa");
+    const QString ec = QStringLiteral("ec");
+    QTest::newRow("another RSA key") << rsa << QStringLiteral("rsa-other") << id1;
+    QTest::newRow("an EC key for an RSA certificate") << rsa << ec << id1;
+    QTest::newRow("an RSA key for an EC certificate") << ec << rsa << id1;
+    QTest::newRow("an EC key for an RSA-PSS certificate") << QStringLiteral("rsa-pss") << ec << id1;
+    QTest::newRow("its key under another id") << rsa << rsa << id2;
 }
 
 void TstClientToken::wrongKey()
 {
+    QFETCH(QString, certified);
     QFETCH(QString, key);
     QFETCH(QString, id);
+    const QString cert = SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), certified);
     QVERIFY(SoftTokens::add(one));
     QVERIFY(SoftTokens::putHiddenKey(one, id, key));
-    QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
+    QVERIFY(SoftTokens::putCert(one, id1, cert));
     ClientFixture client;
     QVERIFY(client.start(SoftTokens::environment()));
     const QStringList certs = client.certList();
