@@ -206,6 +206,7 @@ private Q_SLOTS:
     void refuses();
     void otherAuthority();
     void authorityInBetween();
+    void manyAuthoritiesInBetween();
     void renewedAuthorityInBetween_data();
     void renewedAuthorityInBetween();
     void renewedAuthority();
@@ -831,6 +832,25 @@ void TstClientToken::authorityInBetween()
     const QStringList certs = client.certList().filter(QStringLiteral("id=%05"));
     QCOMPARE(certs.size(), 1);
     QCOMPARE(client.validateCert(certs.constFirst(), pin), failed);
+}
+
+void TstClientToken::manyAuthoritiesInBetween()
+{
+    QString above = QStringLiteral("root");
+    QVERIFY(SoftTokens::add(one));
+    for (int i = 1; i <= 8; ++i) {
+        const QString name = QStringLiteral("level%1").arg(i);
+        QVERIFY(SoftTokens::makeAuthority(name, above));
+        QVERIFY(
+            SoftTokens::putCert(one, QString::number(0x10 + i, 16), QStringLiteral("/home/alice/ca/%1.pem").arg(name)));
+        above = name;
+    }
+    QVERIFY(SoftTokens::enroll(
+        one, id1,
+        SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), above)));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:token=one;id=%01;type=cert"), pin), success);
 }
 
 void TstClientToken::renewedAuthorityInBetween_data()
