@@ -763,6 +763,10 @@ void TstClientToken::refuses_data()
     QTest::newRow("address with two parts")
         << QByteArray(mail).replace("alice@", "alice@alice@") << QStringList() << QString();
     QTest::newRow("address in another domain") << mail << QStringList() << QStringLiteral("example");
+    // The address "alice@corp.example\0.other", as it is encoded
+    QTest::newRow("address with a null byte")
+        << nameless + "add_extension = \"2.5.29.17 0x301b8119616c69636540636f72702e6578616d706c65002e6f74686572\"\n"
+        << QStringList() << QStringLiteral("corp.example");
     QTest::newRow("principal name in another domain") << principal << QStringList() << QStringLiteral("example");
     QTest::newRow("user id not wanted") << base << only("email") << QString();
     QTest::newRow("address not wanted") << mail << only("upn") << QString();
