@@ -652,6 +652,11 @@ void TstClientToken::accepts_data()
     QTest::newRow("Ed25519") << base << QStringLiteral("ed25519") << QStringList() << QString();
     QTest::newRow("smart-card logon") << without(base, "tls_www_client") + "key_purpose_oid = 1.3.6.1.4.1.311.20.2.2\n"
                                       << ec << QStringList() << QString();
+    // The one in between is as long as GnuTLS reads.
+    QTest::newRow("smart-card logon after others")
+        << without(base, "tls_www_client") + "key_purpose_oid = 1.3.6.1.5.5.7.3.4\nkey_purpose_oid = 1.3.6.1.4.1.311"
+               + QByteArray(".123456789").repeated(11) + ".1\nkey_purpose_oid = 1.3.6.1.4.1.311.20.2.2\n"
+        << ec << QStringList() << QString();
     QTest::newRow("both purposes and another")
         << base + "key_purpose_oid = 1.3.6.1.4.1.311.20.2.2\nemail_protection_key\n"
         << ec << QStringList() << QString();
