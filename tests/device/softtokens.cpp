@@ -302,14 +302,19 @@ bool SoftTokens::multiply(const QByteArray &id, int count)
 bool SoftTokens::damage(const QString &certificate)
 {
     const QByteArray der = TestDevice::readFile(certificate + QStringLiteral(".der"));
+    return alter(der, QByteArray(der.size(), '\0'));
+}
+
+bool SoftTokens::alter(const QByteArray &from, const QByteArray &to)
+{
     const QString token = onlyToken();
     bool found = false;
     const QStringList files = objects(token);
     for (const QString &file : files) {
         QByteArray object = TestDevice::readFile(token + file);
-        if (!object.contains(der))
+        if (!object.contains(from))
             continue;
-        object.replace(der, QByteArray(der.size(), '\0'));
+        object.replace(from, to);
         found = TestDevice::writeFile(token + file, object);
     }
     return found;

@@ -55,6 +55,8 @@ bool putCert(const QString &label, const QString &id, const QString &certificate
 bool multiply(const QByteArray &id, int count);
 /// Makes a certificate on the only token unreadable.
 bool damage(const QString &certificate);
+/// Replaces bytes of the only token's objects by as many others.
+bool alter(const QByteArray &from, const QByteArray &to);
 /// Puts a key pair and a certificate on a token.
 bool enroll(const QString &label, const QString &id, const QString &certificate,
             const QString &key = QStringLiteral("rsa"), const QString &tokenPin = pin);
