@@ -178,6 +178,8 @@ private Q_SLOTS:
 
     void sleepsAfterCalls();
     void list();
+    void describes_data();
+    void describes();
     void listsHiddenKeys();
     void listsOverRegisteredModules();
     void listsNone_data();
@@ -342,6 +344,31 @@ void TstClientToken::list()
     QCOMPARE(certs.filter(QStringLiteral(";id=%A1%B2%C3;"), Qt::CaseInsensitive).size(), 1);
     QCOMPARE(client.certList(), certs);
     QVERIFY(client.output().isEmpty());
+}
+
+void TstClientToken::describes_data()
+{
+    QTest::addColumn<QByteArray>("name");
+    QTest::addColumn<QString>("holder");
+    const QByteArray longest(255, 'a');
+    QTest::newRow("name with separators") << QByteArray("A&B=C?D") << QStringLiteral("A%26B%3DC%3FD");
+    QTest::newRow("longest name") << longest << QString::fromLatin1(longest);
+    QTest::newRow("too long a name") << QByteArray(longest + 'a') << QString();
+    QTest::newRow("no name") << QByteArray() << QString();
+}
+
+void TstClientToken::describes()
+{
+    QFETCH(QByteArray, name);
+    QFETCH(QString, holder);
+    const QByteArray line = name.isEmpty() ? QByteArray() : QByteArray("cn = \"" + name + "\"\n");
+    ClientFixture client;
+    const QString cert =
+        enrolled(client, SoftTokens::issue(QStringLiteral("case"),
+                                           without(SoftTokens::loginTemplate(), "cn = \"Alice Liddell\"") + line));
+    QVERIFY2(cert.contains(QStringLiteral(";type=cert?holder=%1&issuer=Authority%20root&expires=20").arg(holder)),
+             qPrintable(cert));
+    QCOMPARE(client.validateCert(cert, pin), success);
 }
 
 void TstClientToken::listsHiddenKeys()
