@@ -297,8 +297,10 @@ void TstClientToken::init()
 
 QString TstClientToken::enrolled(ClientFixture &client, const QString &cert, const QString &key)
 {
+    // In this time zone, a day begins with the day before in UTC.
+    const QStringList environment = SoftTokens::environment() + QStringList{QStringLiteral("TZ=UTC+12")};
     if (cert.isEmpty() || !SoftTokens::add(one) || !SoftTokens::enroll(one, id1, cert, key)
-        || !client.start(SoftTokens::environment()))
+        || !client.start(environment))
         return {};
     const QStringList certs = client.certList();
     return certs.size() == 1 ? certs.constFirst() : QString();
