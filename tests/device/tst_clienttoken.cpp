@@ -258,6 +258,7 @@ private Q_SLOTS:
     void modulePrints();
     void answersOthersMeanwhile();
     void floodOfCalls();
+    void floodOfLists();
     void helperEndsWithClient_data();
     void helperEndsWithClient();
     void peerVanishesMeanwhile();
@@ -1764,6 +1765,27 @@ void TstClientToken::floodOfCalls()
     kill(helpers(client).constFirst().toInt(), SIGKILL);
     QTRY_COMPARE(counts(replies, QDBusError::NoError), underWay + 1);
     QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+// Unlike PINs, which wait for each other, each of these calls starts a process at once.
+void TstClientToken::floodOfLists()
+{
+    constexpr int underWay = 4;
+    ClientFixture client;
+    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    QVERIFY(makeUnruly("stall"));
+    QVector<QDBusPendingReply<QStringList>> replies;
+    for (int i = 0; i < 3 * underWay; ++i)
+        replies << client.connection().asyncCall(ClientFixture::request(QStringLiteral("getCertList"), {}));
+    for (int i = underWay; i < replies.size(); ++i) {
+        QTRY_VERIFY(replies.at(i).isFinished());
+        QCOMPARE(replies.at(i).error().type(), QDBusError::LimitsExceeded);
+        QCOMPARE(replies.at(i).error().message(), QStringLiteral("Too many token calls are pending"));
+    }
+    // The others are still served; one more process waits for the next call.
+    for (int i = 0; i < underWay; ++i)
+        QVERIFY(!replies.at(i).isFinished());
+    QVERIFY(childrenOf(client).size() <= underWay + 1);
 }
 
 void TstClientToken::helperEndsWithClient_data()
