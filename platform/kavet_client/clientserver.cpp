@@ -63,7 +63,7 @@ ClientServer::ClientServer(KavetAuth &auth)
 
 ClientServer::~ClientServer()
 {
-    if (m_inode != 0 && inode(socketPath) == m_inode)
+    if (inode(socketPath) == m_inode)
         unlink(socketPath);
 }
 
