@@ -21,8 +21,9 @@ public:
     /// The handshake of a peer that does not wait for replies.
     static inline const QByteArray handshake = QByteArray("\0AUTH EXTERNAL 30\r\nBEGIN\r\n", 26);
 
-    RawConnection()
-        : m_descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    /// `flags` are more flags of socket(2).
+    explicit RawConnection(int flags = 0)
+        : m_descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0))
     {
         struct sockaddr_un address = {};
         address.sun_family = AF_UNIX;

@@ -8,6 +8,7 @@
 #include <QCryptographicHash>
 #include <QXmlStreamReader>
 
+#include <csignal>
 #include <memory>
 #include <vector>
 
@@ -111,6 +112,7 @@ private Q_SLOTS:
     void silentPeerIsGivenUp();
     void silentCrowd();
     void speakingCrowd();
+    void connectionsWhileBusy();
     void peersThatVanish();
     void peerThatDoesNotRead();
     void noSecrets_data();
@@ -378,6 +380,23 @@ void TstClientPeers::silentCrowd()
 {
     ClientFixture client;
     QVERIFY(client.start());
+void TstClientPeers::connectionsWhileBusy()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    // From now on, this peer is not one that makes room for others.
+    QCOMPARE(client.checkPassword(right), success);
+    // The plugin does not wait until there is room for its connection.
+    kill(pid_t(client.process.processId()), SIGSTOP);
+    Crowd crowd;
+    for (int i = 0; i < ClientFixture::maximumPeers; ++i) {
+        crowd.push_back(std::make_unique<RawConnection>(SOCK_NONBLOCK));
+        QVERIFY2(crowd.back()->isConnected(), qPrintable(QString::number(i)));
+    }
+    kill(pid_t(client.process.processId()), SIGCONT);
+    QCOMPARE(client.checkPassword(right), success);
+}
+
     QCOMPARE(client.checkPassword(right), success);
     const int descriptors = client.openDescriptors();
     {
