@@ -104,6 +104,8 @@ private Q_SLOTS:
     void nonsense_data();
     void nonsense();
     void oneReplyForEachCall_data();
+    void longHandshake_data();
+    void longHandshake();
     void oneReplyForEachCall();
     void descriptors_data();
     void descriptors();
@@ -239,6 +241,30 @@ void TstClientPeers::nonsense()
 }
 
 void TstClientPeers::oneReplyForEachCall_data()
+void TstClientPeers::longHandshake_data()
+{
+    QTest::addColumn<int>("size");
+    QTest::addColumn<bool>("served");
+    QTest::newRow("longest") << 4096 << true;
+    QTest::newRow("longer") << 4097 << false;
+}
+
+void TstClientPeers::longHandshake()
+{
+    QFETCH(int, size);
+    QFETCH(bool, served);
+    ClientFixture client;
+    QVERIFY(client.start());
+    // The library answers an unknown command, and goes on.
+    QByteArray words = RawConnection::handshake;
+    words.insert(1, QByteArray(size - words.size() - 2, 'a') + "\r\n");
+    QCOMPARE(words.size(), size);
+    const RawConnection connection;
+    QVERIFY(connection.send(words + RawConnection::call("checkPassword", {"bob", "any"})));
+    QCOMPARE(connection.receives("failed"), served);
+    QCOMPARE(client.checkPassword(right), success);
+}
+
 {
     QTest::addColumn<QString>("authType");
     QTest::addColumn<QByteArray>("method");
