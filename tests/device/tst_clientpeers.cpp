@@ -104,18 +104,18 @@ private Q_SLOTS:
     void foreignerComesFirst();
     void nonsense_data();
     void nonsense();
-    void oneReplyForEachCall_data();
     void longHandshake_data();
     void longHandshake();
+    void oneReplyForEachCall_data();
     void oneReplyForEachCall();
     void descriptors_data();
     void descriptors();
     void hugeArray();
     void connections();
+    void connectionsWhileBusy();
     void silentPeerIsGivenUp();
     void silentCrowd();
     void speakingCrowd();
-    void connectionsWhileBusy();
     void peersThatVanish();
     void peerThatDoesNotRead();
     void noSecrets_data();
@@ -241,7 +241,6 @@ void TstClientPeers::nonsense()
     QCOMPARE(ClientFixture::attempts(), 0);
 }
 
-void TstClientPeers::oneReplyForEachCall_data()
 void TstClientPeers::longHandshake_data()
 {
     QTest::addColumn<int>("size");
@@ -266,6 +265,7 @@ void TstClientPeers::longHandshake()
     QCOMPARE(client.checkPassword(right), success);
 }
 
+void TstClientPeers::oneReplyForEachCall_data()
 {
     QTest::addColumn<QString>("authType");
     QTest::addColumn<QByteArray>("method");
@@ -380,6 +380,23 @@ void TstClientPeers::connections()
     QVERIFY2(client.privateMemory() - memory < maxGrowth, qPrintable(QString::number(client.privateMemory() - memory)));
 }
 
+void TstClientPeers::connectionsWhileBusy()
+{
+    ClientFixture client;
+    QVERIFY(client.start());
+    // From now on, this peer is not one that makes room for others.
+    QCOMPARE(client.checkPassword(right), success);
+    // The plugin does not wait until there is room for its connection.
+    kill(pid_t(client.process.processId()), SIGSTOP);
+    Crowd crowd;
+    for (int i = 0; i < ClientFixture::maximumPeers; ++i) {
+        crowd.push_back(std::make_unique<RawConnection>(SOCK_NONBLOCK));
+        QVERIFY2(crowd.back()->isConnected(), qPrintable(QString::number(i)));
+    }
+    kill(pid_t(client.process.processId()), SIGCONT);
+    QCOMPARE(client.checkPassword(right), success);
+}
+
 void TstClientPeers::silentPeerIsGivenUp()
 {
     {
@@ -408,23 +425,6 @@ void TstClientPeers::silentCrowd()
 {
     ClientFixture client;
     QVERIFY(client.start());
-void TstClientPeers::connectionsWhileBusy()
-{
-    ClientFixture client;
-    QVERIFY(client.start());
-    // From now on, this peer is not one that makes room for others.
-    QCOMPARE(client.checkPassword(right), success);
-    // The plugin does not wait until there is room for its connection.
-    kill(pid_t(client.process.processId()), SIGSTOP);
-    Crowd crowd;
-    for (int i = 0; i < ClientFixture::maximumPeers; ++i) {
-        crowd.push_back(std::make_unique<RawConnection>(SOCK_NONBLOCK));
-        QVERIFY2(crowd.back()->isConnected(), qPrintable(QString::number(i)));
-    }
-    kill(pid_t(client.process.processId()), SIGCONT);
-    QCOMPARE(client.checkPassword(right), success);
-}
-
     QCOMPARE(client.checkPassword(right), success);
     const int descriptors = client.openDescriptors();
     {
@@ -436,6 +436,16 @@ void TstClientPeers::connectionsWhileBusy()
         // The earlier peer is still served, and so is a new peer that sends a call.
         QCOMPARE(client.checkPassword(right), success);
         QTRY_VERIFY(client.openDescriptors() < crowdSize);
+        // Those that have been silent for longest make room, not a peer whose handshake has just begun.
+        const int begin = RawConnection::handshake.indexOf("BEGIN");
+        const RawConnection slow;
+        QVERIFY(slow.send(RawConnection::handshake.left(begin)) && slow.receives("OK "));
+        const RawConnection later;
+        QVERIFY(later.isConnected());
+        for (int i = 0; i < 2; ++i) // The client has accepted the later peer after the second call at the latest.
+            QCOMPARE(client.checkPassword(right), success);
+        QVERIFY(slow.send(RawConnection::handshake.mid(begin) + RawConnection::call("checkPassword", {"bob", "any"})));
+        QVERIFY(slow.receives("failed"));
         ClientFixture another;
         QVERIFY(another.reconnect());
         QCOMPARE(another.checkPassword(right), success);
