@@ -104,6 +104,51 @@ QString callsUntilReply(pid_t process, const std::function<void()> &begin)
     return calls;
 }
 
+/// A terminal on which a program asks for a password. The test types.
+class Terminal
+{
+public:
+    Terminal()
+        : m_keys(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
+    {
+        if (grantpt(m_keys) == 0 && unlockpt(m_keys) == 0)
+            m_programSide = open(ptsname(m_keys), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    }
+    ~Terminal()
+    {
+        close(m_programSide);
+        close(m_keys);
+    }
+
+    bool isOpen() const { return m_programSide != -1; }
+    bool type(const QByteArray &text) const
+    {
+        return write(m_keys, text.constData(), size_t(text.size())) == text.size();
+    }
+    struct termios modes() const
+    {
+        struct termios present = {};
+        tcgetattr(m_keys, &present);
+        return present;
+    }
+    /// Starts a process with the shell command `command`. There, "$@" is the process's own command, and $0 the
+    /// terminal. It must become the new session's: if QProcess opened it, it could become that of this process.
+    void start(QProcess &process, const QString &command) const
+    {
+        process.setArguments(QStringList{QStringLiteral("sh"), QStringLiteral("-c"), command,
+                                         QString::fromLocal8Bit(ptsname(m_keys)), process.program()}
+                             + process.arguments());
+        process.setProgram(QStringLiteral("setsid"));
+        process.start();
+    }
+
+private:
+    const int m_keys;
+    int m_programSide = -1; // Open, so that the terminal keeps its settings when the program exits.
+
+    Q_DISABLE_COPY(Terminal)
+};
+
 } // namespace
 
 class TstClient : public QObject
@@ -125,6 +170,7 @@ private Q_SLOTS:
     void setPasswordFromNoFile();
     void unfinishedPassword();
     void longestPassword();
+    void typedTooEarly();
     void setPasswordOnTerminal_data();
     void setPasswordOnTerminal();
     void signalsWhileTyping_data();
@@ -318,6 +364,36 @@ void TstClient::longestPassword()
     QCOMPARE(client.checkPassword(longest), success);
 }
 
+void TstClient::typedTooEarly()
+{
+    const Terminal terminal;
+    QVERIFY(terminal.isOpen());
+    QVERIFY(terminal.type("before the prompt\n"));
+    QProcess process;
+    ClientFixture::asUser(process, ClientFixture::program, {QStringLiteral("--set-password")});
+    // The shell stays, so that the terminal lasts, and reads what the client leaves, as the user's shell would.
+    terminal.start(process, QStringLiteral("\"$@\" <\"$0\"; read -r rest <\"$0\"; echo \"left: $rest.\" >&2"));
+    QByteArray shown;
+    const auto shows = [&](const QByteArray &text) {
+        return waitUntil([&] { return (shown += process.readAllStandardError()).contains(text); });
+    };
+    QVERIFY(shows("New password: "));
+    QVERIFY(terminal.type("open sesame\n"));
+    QVERIFY(shows("Repeat new password: "));
+    QVERIFY(terminal.type("open sesame\nafter the end\n"));
+    // The client may discard some of these lines, too.
+    QVERIFY(waitUntil([&] {
+        terminal.type("\n");
+        return (shown += process.readAllStandardError()).contains("left: ");
+    }));
+    QVERIFY(process.state() == QProcess::NotRunning || process.waitForFinished());
+    shown += process.readAllStandardError();
+    QCOMPARE(shown, QByteArray("New password: \nRepeat new password: \nleft: .\n"));
+    ClientFixture client;
+    QVERIFY(client.start());
+    QCOMPARE(client.checkPassword(QStringLiteral("open sesame")), success);
+}
+
 void TstClient::setPasswordOnTerminal_data()
 {
     QTest::addColumn<QByteArray>("first");
@@ -382,48 +458,32 @@ void TstClient::signalsWhileTyping()
 {
     QFETCH(int, signal);
     QFETCH(QByteArray, key);
-    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    QVERIFY(grantpt(terminal) == 0 && unlockpt(terminal) == 0);
-    const QString name = QString::fromLocal8Bit(ptsname(terminal));
-    // Kept open, so that the terminal keeps its settings when the client exits.
-    const int programSide = open(ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    QVERIFY(terminal != -1 && programSide != -1);
-    const auto modes = [terminal] {
-        struct termios present = {};
-        tcgetattr(terminal, &present);
-        return present;
-    };
-    const struct termios before = modes();
+    const Terminal terminal;
+    QVERIFY(terminal.isOpen());
+    const struct termios before = terminal.modes();
     QVERIFY(before.c_lflag & ECHO);
 
     std::signal(SIGHUP, SIG_DFL); // The client inherits an ignored one, as after nohup(1).
     QProcess process;
     ClientFixture::asUser(process, ClientFixture::program, {QStringLiteral("--set-password")});
-    // The terminal must become the new session's. If QProcess opened it, it could become that of this process.
-    process.setArguments(QStringList{QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("exec \"$@\" <\"$0\""),
-                                     name, process.program()}
-                         + process.arguments());
-    process.setProgram(QStringLiteral("setsid"));
-    process.start();
+    terminal.start(process, QStringLiteral("exec \"$@\" <\"$0\""));
     QByteArray shown;
     QTRY_VERIFY_WITH_TIMEOUT((shown += process.readAllStandardError()).contains("New password: "), 30000);
-    QVERIFY(!(modes().c_lflag & ECHO));
+    QVERIFY(!(terminal.modes().c_lflag & ECHO));
     // If the suspend key worked, it would leave the terminal like this.
-    QCOMPARE(modes().c_cc[VSUSP], cc_t(_POSIX_VDISABLE));
-    QCOMPARE(write(terminal, "half a passw", 12), ssize_t(12));
+    QCOMPARE(terminal.modes().c_cc[VSUSP], cc_t(_POSIX_VDISABLE));
+    QVERIFY(terminal.type("half a passw"));
     if (!key.isEmpty())
-        QCOMPARE(write(terminal, key.constData(), size_t(key.size())), ssize_t(key.size()));
+        QVERIFY(terminal.type(key));
     else
         kill(pid_t(process.processId()), signal);
     QVERIFY(process.waitForFinished());
     // The client must die of the signal, as its sender expects.
     QCOMPARE(process.exitStatus(), QProcess::CrashExit);
     QCOMPARE(process.exitCode(), signal);
-    QCOMPARE(modes().c_lflag, before.c_lflag);
-    QCOMPARE(modes().c_cc[VSUSP], before.c_cc[VSUSP]);
+    QCOMPARE(terminal.modes().c_lflag, before.c_lflag);
+    QCOMPARE(terminal.modes().c_cc[VSUSP], before.c_cc[VSUSP]);
     QVERIFY(!QFileInfo::exists(ClientFixture::settingsPath));
-    close(programSide);
-    close(terminal);
 }
 
 void TstClient::changePassword()
