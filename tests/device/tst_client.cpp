@@ -769,7 +769,9 @@ void TstClient::ownCount()
         ClientFixture client;
         QVERIFY(client.start());
         QCOMPARE(client.checkPassword(wrong), failed);
+        const int descriptors = client.openDescriptors();
         QCOMPARE(client.checkPassword(wrong), failed);
+        QCOMPARE(client.openDescriptors(), descriptors);
         QCOMPARE(ClientFixture::ownAttempts(), QByteArray("2\n"));
         QCOMPARE(mode(ClientFixture::ownCounterPath), 0600U);
         QCOMPARE(owner(ClientFixture::ownCounterPath), TestDevice::alice);
