@@ -26,7 +26,6 @@ const QString Unlocks::option = QStringLiteral("unlocks");
 std::optional<uint> Unlocks::byRoot()
 {
     QProcess process;
-    process.setStandardErrorFile(QProcess::nullDevice());
     process.start(OwnProgram::path, {OwnProgram::optionPrefix + option}, QIODevice::ReadOnly);
     if (!process.waitForFinished(replyTimeout)) {
         process.kill();
