@@ -588,6 +588,9 @@ void TstClient::answers()
     ClientFixture client;
     QVERIFY(client.start());
 
+    QCOMPARE(client.checkPassword(right), success);
+    // There is nothing to reset, so nothing is written.
+    QVERIFY(!QFileInfo::exists(ClientFixture::ownCounterPath));
     QCOMPARE(client.checkPassword(wrong), failed);
     QCOMPARE(ClientFixture::attempts(), 1);
     QCOMPARE(client.checkPassword({}), failed);
