@@ -253,10 +253,15 @@ void TstClient::commandLine()
     QFETCH(QString, output);
     QFETCH(QString, error);
 
-    const ClientFixture::Result result = ClientFixture::run(arguments, {});
-    QCOMPARE(result.exitCode, exitCode);
-    QCOMPARE(QString::fromUtf8(result.error), error);
-    QVERIFY(output.isEmpty() ? result.output.isEmpty() : result.output.contains(output.toUtf8()));
+    for (const uint user : {TestDevice::alice, 0U}) {
+        const ClientFixture::Result result = ClientFixture::run(arguments, {}, user);
+        QCOMPARE(result.exitCode, exitCode);
+        QCOMPARE(QString::fromUtf8(result.error), error);
+        QVERIFY(output.isEmpty() ? result.output.isEmpty() : result.output.contains(output.toUtf8()));
+        // These are for the client's own helpers.
+        for (const char *hidden : {"--token-helper", "--unlocks"})
+            QVERIFY2(!result.output.contains(hidden), hidden);
+    }
     QVERIFY(!QFileInfo::exists(TestDevice::socketPath));
 }
 
@@ -265,6 +270,9 @@ void TstClient::refusesRoot_data()
     QTest::addColumn<QString>("option");
     QTest::newRow("serve") << QStringLiteral("--no-gui");
     QTest::newRow("set password") << QStringLiteral("--set-password");
+    QTest::newRow("list certificates") << QStringLiteral("--certs");
+    QTest::newRow("use a token") << QStringLiteral("--token-helper=module");
+    QTest::newRow("ask for unlocks") << QStringLiteral("--unlocks");
 }
 
 void TstClient::refusesRoot()
@@ -273,6 +281,7 @@ void TstClient::refusesRoot()
     const ClientFixture::Result result = ClientFixture::run({option}, "password\n", 0);
     QCOMPARE(result.exitCode, 3);
     QCOMPARE(result.error, QByteArray("tarsk.kavet_client: Run this as the user to authenticate, never as root\n"));
+    QCOMPARE(result.output, QByteArray());
     QVERIFY(!QFileInfo::exists(TestDevice::socketPath));
     QVERIFY(!QFileInfo::exists(QStringLiteral("/root/.config/tarsk")));
 }
