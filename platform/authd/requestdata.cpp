@@ -10,27 +10,6 @@
 
 namespace {
 
-bool isPlain(const QVariant &value)
-{
-    switch (value.userType()) {
-    case QMetaType::Bool:
-    case QMetaType::UChar:
-    case QMetaType::Short:
-    case QMetaType::UShort:
-    case QMetaType::Int:
-    case QMetaType::UInt:
-    case QMetaType::LongLong:
-    case QMetaType::ULongLong:
-    case QMetaType::Double:
-    case QMetaType::QString:
-    case QMetaType::QStringList:
-    case QMetaType::QByteArray:
-        return true;
-    default:
-        return false;
-    }
-}
-
 bool isTooLarge(const QVariant &value)
 {
     if (value.userType() == QMetaType::QByteArray)
@@ -66,8 +45,6 @@ Reply RequestData::checkData(const QVariantMap &data)
     if (data.size() > EntryLimit)
         return tooLarge();
     for (auto entry = data.cbegin(); entry != data.cend(); ++entry) {
-        if (!isPlain(entry.value()))
-            return Reply(Errors::InvalidArgs, QStringLiteral("The data may only hold plain values"));
         if (entry.key().size() > NameLimit || isTooLarge(entry.value()))
             return tooLarge();
     }

@@ -16,8 +16,8 @@ constexpr int EntryLimit = 64;
 
 /// Returns an error for a name that is too long.
 Reply checkName(const QString &name);
-/// Returns an error for data that is too large or holds anything but plain values: booleans, numbers, strings, lists of
-/// strings and byte arrays.
+/// Returns an error for data that is too large. The bus reader lets only plain values pass: booleans, numbers, strings,
+/// lists of strings and byte arrays.
 Reply checkData(const QVariantMap &data);
 /// Returns an error for an option's value that is too long to store. The option's rules check everything else.
 Reply checkValue(const QVariant &value);
