@@ -160,6 +160,8 @@ private Q_SLOTS:
 
     void access_data();
     void access();
+    void errorMessages_data();
+    void errorMessages();
     void callerHasGone();
     void secretsStayInTheMessage();
 
@@ -1063,6 +1065,57 @@ void TstAuthd::access()
     // Root may do everything except write options that only the method writes.
     const QString error = BusUser(0).error(member, arguments);
     QCOMPARE(error == accessDenied, member == QLatin1String("SetUserMethodOption"));
+}
+
+void TstAuthd::errorMessages_data()
+{
+    QTest::addColumn<uint>("caller");
+    QTest::addColumn<QString>("member");
+    QTest::addColumn<QVariantList>("arguments");
+    QTest::addColumn<QString>("message");
+
+    const QVariant value = QVariant::fromValue(QDBusVariant(1));
+    const QVariant tooLong = QVariant::fromValue(QDBusVariant(QString(5000, QLatin1Char('a'))));
+    const QVariant nested = QVariantMap{{QStringLiteral("key"), QVariantMap()}};
+    const QString limit = QStringLiteral("max-attempts");
+    QTest::newRow("another user") << bob << "GetState" << QVariantList{alice} << "Only the user and root may do this";
+    QTest::newRow("root's state") << 0U << "GetState" << QVariantList{0U} << "User id 0 is not a user";
+    QTest::newRow("for root") << bob << "Unlock" << QVariantList{bob} << "Only root may do this";
+    QTest::newRow("nobody") << 0U << "GetState" << QVariantList{4711U}
+                            << "No user with the id 4711 can be authenticated";
+    QTest::newRow("no method") << bob << "GetMethodInfo" << QVariantList{QStringLiteral("nothing")} << "No such method";
+    QTest::newRow("no attempt") << bob << "Cancel" << QVariantList{qulonglong(1)}
+                                << "The caller has no such open attempt";
+    QTest::newRow("no option") << bob << "GetMethodOption" << QVariantList{kavetMethod, QStringLiteral("nothing")}
+                               << "The method has no such option";
+    QTest::newRow("no option to write") << 0U << "SetMethodOption"
+                                        << QVariantList{kavetMethod, QStringLiteral("nothing"), value}
+                                        << "The method has no such option";
+    QTest::newRow("option of the method")
+        << 0U << "SetUserMethodOption" << QVariantList{alice, kavetMethod, QStringLiteral("attempts"), value}
+        << "Only the method itself may write this option";
+    QTest::newRow("option of root") << bob << "SetMethodOption" << QVariantList{kavetMethod, limit, value}
+                                    << "Only root may write this option";
+    QTest::newRow("a service writes") << 1U << "SetMethodOption" << QVariantList{kavetMethod, limit, value}
+                                      << "Only users and root may write options";
+    QTest::newRow("type") << 0U << "SetMethodOption"
+                          << QVariantList{kavetMethod, limit, QVariant::fromValue(QDBusVariant(QStringLiteral("x")))}
+                          << "The option's type is int";
+    QTest::newRow("too long") << 0U << "SetMethodOption" << QVariantList{kavetMethod, limit, tooLong}
+                              << "The value is too long";
+    QTest::newRow("name too long") << 0U << "SetMethodOption"
+                                   << QVariantList{kavetMethod, QString(10000, QLatin1Char('a')), value}
+                                   << "The call has too much data";
+    QTest::newRow("nested") << alice << "Authenticate" << QVariantList{alice, kavetMethod, nested}
+                            << "No call takes such a value";
+}
+
+void TstAuthd::errorMessages()
+{
+    QFETCH(uint, caller);
+    QFETCH(QString, member);
+    QFETCH(QVariantList, arguments);
+    QTEST(BusUser(caller).call(member, arguments).errorMessage(), "message");
 }
 
 void TstAuthd::callerHasGone()
