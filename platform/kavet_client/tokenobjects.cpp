@@ -59,9 +59,8 @@ QByteArray TokenObjects::id(const Object &object)
 
 QByteArray TokenObjects::uri(const Object &object)
 {
-    char *text = nullptr;
-    if (gnutls_pkcs11_obj_export_url(object.get(), GNUTLS_PKCS11_URL_GENERIC, &text) != GNUTLS_E_SUCCESS)
-        return {};
+    char *text = nullptr; // stays null on error
+    gnutls_pkcs11_obj_export_url(object.get(), GNUTLS_PKCS11_URL_GENERIC, &text);
     const std::unique_ptr<char, GnutlsFree> owner(text);
     return text;
 }
