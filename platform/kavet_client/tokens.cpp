@@ -39,13 +39,16 @@ bool isAcceptable(const QByteArray &cert)
 }
 
 /// Returns the full URI under which a certificate is listed. Returns the URI unchanged if it matches no certificate or
-/// several.
+/// several that are not listed as one, as a certificate and its renewal are.
 QByteArray listed(const QByteArray &cert)
 {
     Objects found;
-    return !cert.isEmpty() && find(cert, GNUTLS_PKCS11_OBJ_FLAG_CRT, found) == GNUTLS_E_SUCCESS && found.size() == 1
-               ? uri(found.front())
-               : cert;
+    if (cert.isEmpty() || find(cert, GNUTLS_PKCS11_OBJ_FLAG_CRT, found) != GNUTLS_E_SUCCESS || found.empty())
+        return cert;
+    const QByteArray full = uri(found.front());
+    const bool isOne =
+        std::all_of(found.begin(), found.end(), [&full](const Object &object) { return uri(object) == full; });
+    return isOne ? full : cert;
 }
 
 /// Returns the first certificate with which the user may log in, or null.

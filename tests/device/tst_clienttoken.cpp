@@ -1216,6 +1216,11 @@ void TstClientToken::renewed()
     QVERIFY(!cert.isEmpty());
     QVERIFY2(cert.endsWith(QStringLiteral("&expires=2021-01-01")), qPrintable(cert));
     QCOMPARE(client.validateCert(cert, pin), failed);
+    // A URI that says less stands for both of two, which are listed as one.
+    QVERIFY(SoftTokens::putCert(one, id1, QStringLiteral("/home/alice/ca/case.pem")));
+    QVERIFY(set("default-cert", QStringLiteral("pkcs11:token=one;type=cert")));
+    QCOMPARE(client.validateCert(cert, pin), badDefault);
+    QVERIFY(set("default-cert", QString()));
     QVERIFY(SoftTokens::putCert(one, id1, goodCert()));
     for (int i = 0; i < 4; ++i) // The token shows them in any order.
         QVERIFY(SoftTokens::putCert(one, id1, QStringLiteral("/home/alice/ca/case.pem")));
