@@ -17,8 +17,6 @@ namespace {
 /// detects a loss even where converting back would undo an overflow.
 QVariant converted(const QVariant &value, const QVariant &model)
 {
-    if (value.userType() == model.userType())
-        return value;
     QVariant result = value;
     return result.convert(model.userType()) && result.toString() == value.toString() ? result : QVariant();
 }
