@@ -2,6 +2,8 @@
 // SPDX-License-Identifier: BSD-3-Clause
 #include "tokenobjects.h"
 
+#include "tokensession.h"
+
 #include <QLoggingCategory>
 
 #include <algorithm>
@@ -94,6 +96,15 @@ int TokenObjects::presentTokens(QByteArrayList &tokens)
         if (requiresPin(text))
             tokens << text;
     }
+}
+
+bool TokenObjects::isReadable(const QByteArray &token)
+{
+    void *module = nullptr;
+    unsigned long slot = 0;
+    std::vector<CK_OBJECT_HANDLE> objects;
+    return gnutls_pkcs11_token_get_ptr(token.constData(), &module, &slot, 0) == GNUTLS_E_SUCCESS
+           && TokenSession(static_cast<CK_FUNCTION_LIST *>(module), slot).find(objects) == CKR_OK;
 }
 
 QByteArrayList TokenObjects::attributes(const QByteArray &uri)

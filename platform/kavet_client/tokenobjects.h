@@ -51,6 +51,8 @@ bool requiresPin(const QByteArray &token);
 int presentTokens(QByteArrayList &tokens);
 /// Whether the token of a URI is present. Returns false if `tokens` is empty.
 bool isPresent(const QByteArray &uri, const QByteArrayList &tokens);
+/// Whether the objects on a present token can be read. find() finds none otherwise, because GnuTLS hides the error.
+bool isReadable(const QByteArray &token);
 
 /// The attributes of a URI. Separators within an attribute are percent-encoded.
 QByteArrayList attributes(const QByteArray &uri);

@@ -66,6 +66,18 @@ Certificate usable(const Objects &found, const std::vector<Certificate> &others,
 /// Results besides GnuTLS's error codes, which are negative.
 enum Obstacle { Refused = 1, Absent };
 
+/// Whether the objects can be read on those of the tokens that the URI describes.
+bool canRead(const QByteArray &cert, const QByteArrayList &tokens)
+{
+    const QByteArrayList said = attributes(tokenPart(cert));
+    return std::all_of(tokens.begin(), tokens.end(), [&said](const QByteArray &token) {
+        const QByteArrayList full = attributes(token);
+        const bool isMeant = std::all_of(said.begin(), said.end(),
+                                         [&full](const QByteArray &attribute) { return full.contains(attribute); });
+        return !isMeant || isReadable(token);
+    });
+}
+
 /// Checks the certificate before trying the PIN. Returns GnuTLS's error code or an Obstacle.
 int validateOn(const QByteArray &cert, const QString &user, const QByteArray &pin, const ClientSettings &settings)
 {
@@ -79,7 +91,11 @@ int validateOn(const QByteArray &cert, const QString &user, const QByteArray &pi
     if (found.empty()) {
         QByteArrayList tokens;
         error = presentTokens(tokens);
-        return error != GNUTLS_E_SUCCESS ? error : isPresent(cert, tokens) ? Refused : Absent;
+        if (error != GNUTLS_E_SUCCESS)
+            return error;
+        if (!isPresent(cert, tokens))
+            return Absent;
+        return canRead(cert, tokens) ? Refused : GNUTLS_E_PKCS11_ERROR;
     }
 
     // A URI that matches certificates for different keys is ambiguous. Certificates for the same key are

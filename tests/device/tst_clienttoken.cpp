@@ -469,10 +469,16 @@ void TstClientToken::hesitantToken()
 void TstClientToken::unreadableToken()
 {
     ClientFixture client;
-    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("unreadable"));
     QCOMPARE(client.certList(), QStringList());
     QTRY_VERIFY(client.output().contains("tarsk.kavet_client: Cannot read a token: "));
+    for (const QString &uri : {cert, QStringLiteral("pkcs11:token=one;type=cert")})
+        QCOMPARE(client.validateCert(uri, pin), moduleFailed);
+    QTRY_VERIFY(client.output().contains("tarsk.kavet_client: The token module failed: "));
+    // A URI that describes no token is not about this one.
+    QCOMPARE(client.validateCert(QStringLiteral("pkcs11:id=%01;type=cert"), pin), failed);
 }
 
 void TstClientToken::unreadableCertificate()
