@@ -77,7 +77,8 @@ ClientSettings::Mappings readMappings(const QSettings &settings)
 
 ClientSettings::ClientSettings()
 {
-    const QSettings settings(path(), QSettings::NativeFormat);
+    QSettings settings(path(), QSettings::NativeFormat);
+    settings.setIniCodec(settingsEncoding);
     m_passwordHash = settings.value(passwordHashKey).toString().toLatin1();
     m_lockAfter = limit(settings, lockAfterKey, defaultLockAfter);
     m_removeAfter = limit(settings, removeAfterKey, defaultRemoveAfter);

@@ -13,6 +13,7 @@ namespace {
 bool change(const QString &path, const QString &key, const QVariant &value)
 {
     QSettings settings(path, QSettings::NativeFormat);
+    settings.setIniCodec(settingsEncoding);
     settings.setValue(key, value);
     settings.sync();
     return settings.status() == QSettings::NoError;

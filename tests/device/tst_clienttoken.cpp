@@ -264,6 +264,7 @@ private Q_SLOTS:
     void peerVanishesMeanwhile();
     void waitsForTheNextCall();
     void settingsOfTheMoment();
+    void settingsInUtf8();
     void waitingHelperIsGivenUp();
     void helperForACall();
     void waitingHelperEnds();
@@ -1895,6 +1896,23 @@ void TstClientToken::waitsForTheNextCall()
     QCOMPARE(client.validateCert(cert, pin), noToken);
     QVERIFY(SoftTokens::putBack());
     QCOMPARE(client.validateCert(cert, pin), success);
+}
+
+void TstClientToken::settingsInUtf8()
+{
+    const QString anchors = QStringLiteral("/home/alice/Schlüssel.pem");
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(TestDevice::writeFile(anchors, TestDevice::readFile(SoftTokens::authority)));
+    // QSettings would encode the path in its own way, an editor does not.
+    QVERIFY(TestDevice::writeFile(ClientFixture::settingsPath, "[General]\nmodule=" + SoftTokens::module.toUtf8()
+                                                                   + "\ntrust-anchors=" + anchors.toUtf8() + '\n'));
+    QVERIFY(TestDevice::setOwner(ClientFixture::settingsPath, TestDevice::alice, TestDevice::alice));
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QVERIFY(ClientFixture::setPassword(password));
+    QCOMPARE(client.validateCert(cert, pin), success);
+    QCOMPARE(client.checkPassword(password), success);
 }
 
 void TstClientToken::settingsOfTheMoment()
