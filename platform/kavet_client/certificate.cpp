@@ -28,9 +28,8 @@ bool addAnchors(gnutls_x509_trust_list_t list, const QString &path)
     const QByteArray name = path.toLocal8Bit();
     const int count =
         QFileInfo(path).isDir()
-            ? gnutls_x509_trust_list_add_trust_dir(list, name.constData(), nullptr, GNUTLS_X509_FMT_PEM, 0, verifyFlags)
-            : gnutls_x509_trust_list_add_trust_file(list, name.constData(), nullptr, GNUTLS_X509_FMT_PEM, 0,
-                                                    verifyFlags);
+            ? gnutls_x509_trust_list_add_trust_dir(list, name.constData(), nullptr, GNUTLS_X509_FMT_PEM, 0, 0)
+            : gnutls_x509_trust_list_add_trust_file(list, name.constData(), nullptr, GNUTLS_X509_FMT_PEM, 0, 0);
     return count > 0;
 }
 

@@ -32,7 +32,6 @@ inline QByteArray takeBytes(gnutls_datum_t &datum)
 {
     QByteArray bytes(reinterpret_cast<const char *>(datum.data), int(datum.size));
     gnutls_free(datum.data);
-    datum.data = nullptr;
     return bytes;
 }
 
