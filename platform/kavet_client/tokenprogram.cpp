@@ -8,6 +8,7 @@
 #include "tokens.h"
 
 #include <QFile>
+#include <QLoggingCategory>
 
 #include <cstdlib>
 
@@ -49,7 +50,10 @@ Tokens::Outcome writeList(int descriptor)
     const Tokens::Outcome outcome = Tokens::list(certs);
     for (const QByteArray &cert : qAsConst(certs))
         output.write(cert + '\n');
-    return outcome;
+    if (output.flush())
+        return outcome;
+    qWarning("Cannot write the list: %s", qUtf8Printable(output.errorString()));
+    return Tokens::ModuleFailed;
 }
 
 /// Removes and returns the text up to the next null byte. D-Bus strings contain none.

@@ -566,6 +566,15 @@ void TstClientToken::commandLineList()
     ClientFixture::Result result = run();
     QCOMPARE(result.exitCode, 0);
     QCOMPARE(result.output, QByteArray(cert.toUtf8() + '\n'));
+    QProcess toFullDisk;
+    ClientFixture::asUser(toFullDisk, ClientFixture::program, {QStringLiteral("--certs")});
+    ClientFixture::addToEnvironment(toFullDisk, SoftTokens::environment());
+    toFullDisk.setStandardOutputFile(QStringLiteral("/dev/full"));
+    toFullDisk.start();
+    QVERIFY(toFullDisk.waitForFinished());
+    QCOMPARE(toFullDisk.exitCode(), 1);
+    QCOMPARE(toFullDisk.readAllStandardError(),
+             QByteArray("tarsk.kavet_client: Cannot write the list: No space left on device\n"));
     QVERIFY(set("module", QStringLiteral("/nowhere.so")));
     result = run();
     QCOMPARE(result.exitCode, 1);
