@@ -53,17 +53,18 @@ class LoadedModules
 public:
     explicit LoadedModules(const QString &path)
     {
+        CK_RV error = CKR_OK;
         if (path.isEmpty()) {
             m_registered = p11_kit_modules_load_and_initialize(0);
-        } else {
-            CK_FUNCTION_LIST *const module = p11_kit_module_load(path.toLocal8Bit().constData(), 0);
-            if (module && p11_kit_module_initialize(module) == CKR_OK)
+        } else if (CK_FUNCTION_LIST *const module = p11_kit_module_load(path.toLocal8Bit().constData(), 0)) {
+            error = p11_kit_module_initialize(module);
+            if (error == CKR_OK)
                 m_named[0] = module;
-            else if (module)
+            else
                 p11_kit_module_release(module);
         }
-        if (!loaded())
-            qWarning("Cannot load the token module: %s", p11_kit_message());
+        if (!loaded()) // The message is only about loading.
+            qWarning("Cannot load the token module: %s", error == CKR_OK ? p11_kit_message() : p11_kit_strerror(error));
     }
     ~LoadedModules()
     {

@@ -575,11 +575,18 @@ void TstClientToken::commandLineList()
     QCOMPARE(toFullDisk.exitCode(), 1);
     QCOMPARE(toFullDisk.readAllStandardError(),
              QByteArray("tarsk.kavet_client: Cannot write the list: No space left on device\n"));
+    QVERIFY(makeUnruly("initialize"));
+    result = run();
+    QCOMPARE(result.exitCode, 1);
+    QVERIFY(result.output.isEmpty());
+    QCOMPARE(result.error, QByteArray("tarsk.kavet_client: Cannot load the token module: Internal error\n"));
     QVERIFY(set("module", QStringLiteral("/nowhere.so")));
     result = run();
     QCOMPARE(result.exitCode, 1);
     QVERIFY(result.output.isEmpty());
-    QVERIFY2(result.error.startsWith("tarsk.kavet_client: Cannot load the token module: "), result.error.constData());
+    QVERIFY2(result.error.startsWith("tarsk.kavet_client: Cannot load the token module: ")
+                 && result.error.contains("/nowhere.so"),
+             result.error.constData());
 }
 
 void TstClientToken::listLeavesNothingOpen()
