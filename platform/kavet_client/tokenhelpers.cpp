@@ -45,8 +45,9 @@ TokenHelpers::Request makeRequest(HelperChannel::Operation operation, const QByt
 {
     auto file = std::make_unique<QFile>();
     const int descriptor = memfd_create("request", MFD_CLOEXEC);
-    if (descriptor == -1 || !file->open(descriptor, QIODevice::ReadWrite, QFileDevice::AutoCloseHandle)
-        || write(descriptor, content.constData(), size_t(content.size())) != content.size()) {
+    if (descriptor == -1
+        || !file->open(descriptor, QIODevice::ReadWrite | QIODevice::Unbuffered, QFileDevice::AutoCloseHandle)
+        || file->write(content) != content.size()) {
         qWarning("Cannot pass a request to the helper: %s", qUtf8Printable(qt_error_string()));
         file->close(); // so that no helper acts on a part of it
     }

@@ -2173,10 +2173,24 @@ void TstClientToken::unwritableRequest()
         process.start();
         return process.waitForFinished() && process.exitCode() == 0;
     };
+    // One call is served, and others wait for their turn.
+    QVERIFY(makeUnruly("wait"));
+    const QDBusPendingReply<QString> served = client.sendPin(cert, pin);
+    QTRY_COMPARE(helpers(client).size(), 1);
     QVERIFY(limit(size));
-    QCOMPARE(client.validateCert(cert, ::wrongPin), moduleFailed);
-    QCOMPARE(client.validateCert(cert, pin), moduleFailed);
-    QTRY_COMPARE(client.output().count("tarsk.kavet_client: Cannot pass a request to the helper: "), 2);
+    QVector<QDBusPendingReply<QString>> replies;
+    replies << client.sendPin(cert, ::wrongPin) << client.sendPin(cert, pin);
+    QTRY_COMPARE(client.output().count("tarsk.kavet_client: Cannot pass a request to the helper: File too large\n"), 2);
+    QVERIFY(makeUnruly("none"));
+    QTRY_VERIFY(served.isFinished());
+    QCOMPARE(served.value(), success);
+    for (const QDBusPendingReply<QString> &reply : qAsConst(replies)) {
+        QTRY_VERIFY(reply.isFinished());
+        QCOMPARE(reply.value(), moduleFailed);
+    }
+    // The client has replied to a later call, so it has ended each helper that got none of these.
+    QVERIFY(!client.checkPassword(password).isEmpty());
+    QCOMPARE(childrenOf(client).size(), 1);
     QVERIFY(limit(QStringLiteral("unlimited")));
     QCOMPARE(client.validateCert(cert, pin), success);
     QCOMPARE(ClientFixture::attempts(), 0);
