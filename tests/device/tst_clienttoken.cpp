@@ -31,6 +31,7 @@ const QString badDefault = QStringLiteral("firstcererr");
 
 const QString one = QStringLiteral("one");
 const QString two = QStringLiteral("two");
+const QString three = QStringLiteral("three");
 const QString pin = SoftTokens::pin;
 const QString wrongPin = QStringLiteral("31415927");
 const QString password = QStringLiteral("correct horse");
@@ -187,7 +188,9 @@ private Q_SLOTS:
     void unsuitableToken_data();
     void unsuitableToken();
     void hesitantToken();
+    void unreadableToken_data();
     void unreadableToken();
+    void certificateOnUnreadableToken();
     void unreadableCertificate();
     void vastLabel();
     void noLabel_data();
@@ -467,14 +470,42 @@ void TstClientToken::hesitantToken()
     QVERIFY(certs.contains(cert));
 }
 
+void TstClientToken::unreadableToken_data()
+{
+    QTest::addColumn<QByteArray>("how");
+    QTest::addColumn<int>("readable");
+    QTest::addColumn<QByteArray>("reason");
+    QTest::newRow("one's objects") << QByteArray("unreadable") << 2 << QByteArray("An error occurred on the device");
+    QTest::newRow("no session with one") << QByteArray("occupied") << 2 << QByteArray("Too many sessions are active");
+    QTest::newRow("no list of tokens") << QByteArray("unlisted") << 0 << QByteArray("An error occurred on the device");
+}
+
 void TstClientToken::unreadableToken()
+{
+    QFETCH(QByteArray, how);
+    QFETCH(int, readable);
+    QFETCH(QByteArray, reason);
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::enroll(one, id1, goodCert()));
+    // The soft tokens' module lists its tokens in any order.
+    for (const QString &label : {two, three}) {
+        QVERIFY(SoftTokens::add(label));
+        QVERIFY(SoftTokens::enroll(label, id1, goodCert()));
+    }
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    QVERIFY(makeUnruly(how));
+    QCOMPARE(client.certList().size(), readable);
+    QTRY_VERIFY2(client.output().contains("tarsk.kavet_client: Cannot read a token: " + reason + '\n'),
+                 client.output().constData());
+}
+
+void TstClientToken::certificateOnUnreadableToken()
 {
     ClientFixture client;
     const QString cert = enrolled(client, goodCert());
     QVERIFY(!cert.isEmpty());
     QVERIFY(makeUnruly("unreadable"));
-    QCOMPARE(client.certList(), QStringList());
-    QTRY_VERIFY(client.output().contains("tarsk.kavet_client: Cannot read a token: "));
     for (const QString &uri : {cert, QStringLiteral("pkcs11:token=one;type=cert")})
         QCOMPARE(client.validateCert(uri, pin), moduleFailed);
     QTRY_VERIFY(client.output().contains("tarsk.kavet_client: The token module failed: "));

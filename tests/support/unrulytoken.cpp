@@ -23,7 +23,9 @@
 //   expired  the PIN has expired
 //   blank    the token is not initialised
 //   open     the token requires no PIN
-//   unreadable   the token's objects cannot be read
+//   unreadable   the objects of the token "one" cannot be read
+//   occupied the token "one" opens no session
+//   unlisted the module cannot list its slots, of which it tells the number
 //   hesitant the token gives one object at a time
 //   vast     the labels of public keys seem to be as long as may be
 //   unlabelled   certificates have no labels
@@ -67,14 +69,28 @@ std::string behaviour()
     return word;
 }
 
-/// The file with the count of wrong tries for a slot's token.
-std::string counter(CK_SLOT_ID slot)
+/// The label of a slot's token.
+std::string labelOf(CK_SLOT_ID slot)
 {
     CK_TOKEN_INFO info = {};
     soft->C_GetTokenInfo(slot, &info);
     std::string label(reinterpret_cast<const char *>(info.label), sizeof(info.label)); // Padded with spaces.
     label.erase(label.find_last_not_of(' ') + 1);
-    return inHome("wrong-pins.") + label;
+    return label;
+}
+
+/// The slot that a session is with.
+CK_SLOT_ID slotOf(CK_SESSION_HANDLE session)
+{
+    CK_SESSION_INFO info = {};
+    soft->C_GetSessionInfo(session, &info);
+    return info.slotID;
+}
+
+/// The file with the count of wrong tries for a slot's token.
+std::string counter(CK_SLOT_ID slot)
+{
+    return inHome("wrong-pins.") + labelOf(slot);
 }
 
 int wrongPins(CK_SLOT_ID slot)
@@ -108,8 +124,15 @@ CK_RV finalize(void *reserved)
     return soft->C_Finalize(reserved);
 }
 
+CK_RV getSlotList(unsigned char onlyWithToken, CK_SLOT_ID *slots, unsigned long *count)
+{
+    return slots && behaviour() == "unlisted" ? CKR_DEVICE_ERROR : soft->C_GetSlotList(onlyWithToken, slots, count);
+}
+
 CK_RV openSession(CK_SLOT_ID slot, CK_FLAGS flags, void *application, CK_NOTIFY notify, CK_SESSION_HANDLE *session)
 {
+    if (behaviour() == "occupied" && labelOf(slot) == "one")
+        return CKR_SESSION_COUNT;
     const CK_RV result = soft->C_OpenSession(slot, flags, application, notify, session);
     openSessions += result == CKR_OK;
     return result;
@@ -138,8 +161,9 @@ CK_RV getTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO *info)
 CK_RV findObjects(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE *objects, unsigned long size, unsigned long *count)
 {
     const std::string how = behaviour();
-    return how == "unreadable" ? CKR_DEVICE_ERROR
-                               : soft->C_FindObjects(session, objects, how == "hesitant" ? 1 : size, count);
+    return how == "unreadable" && labelOf(slotOf(session)) == "one"
+               ? CKR_DEVICE_ERROR
+               : soft->C_FindObjects(session, objects, how == "hesitant" ? 1 : size, count);
 }
 
 CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_ATTRIBUTE *attributes,
@@ -168,9 +192,8 @@ CK_RV getAttributeValue(CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object, CK_A
 
 CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char *pin, unsigned long size)
 {
-    CK_SESSION_INFO info = {};
-    soft->C_GetSessionInfo(session, &info);
-    const int before = wrongPins(info.slotID);
+    const CK_SLOT_ID slot = slotOf(session);
+    const int before = wrongPins(slot);
     if (before >= maximumTries)
         return CKR_PIN_LOCKED;
     if (behaviour() == "expired")
@@ -180,9 +203,9 @@ CK_RV login(CK_SESSION_HANDLE session, CK_USER_TYPE user, unsigned char *pin, un
     const CK_RV result =
         isTyped ? soft->C_Login(session, user, typed, sizeof(typed) - 1) : soft->C_Login(session, user, pin, size);
     if (result == CKR_PIN_INCORRECT)
-        std::ofstream(counter(info.slotID)) << before + 1;
+        std::ofstream(counter(slot)) << before + 1;
     else if (result == CKR_OK)
-        std::ofstream(counter(info.slotID)) << 0;
+        std::ofstream(counter(slot)) << 0;
     return result;
 }
 
@@ -236,6 +259,7 @@ extern "C" __attribute__((visibility("default"))) CK_RV C_GetFunctionList(CK_FUN
     functions.C_GetFunctionList = functionList;
     functions.C_Initialize = initialize;
     functions.C_Finalize = finalize;
+    functions.C_GetSlotList = getSlotList;
     functions.C_OpenSession = openSession;
     functions.C_CloseSession = closeSession;
     functions.C_GetTokenInfo = getTokenInfo;
