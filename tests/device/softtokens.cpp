@@ -267,6 +267,15 @@ bool SoftTokens::putHiddenKey(const QString &label, const QString &id, const QSt
                           + idOption(id) + options);
 }
 
+bool SoftTokens::putVisibleKey(const QString &label, const QString &id, const QString &key)
+{
+    return run(QStringLiteral("p11tool"),
+               {QStringLiteral("--provider"), module, QStringLiteral("--write"), QStringLiteral("--load-privkey"),
+                file(key + QStringLiteral(".key")), QStringLiteral("--id"), id, QStringLiteral("--label"),
+                QStringLiteral("key"), QStringLiteral("--no-mark-private"), QStringLiteral("--login"),
+                QStringLiteral("--set-pin"), pin, QStringLiteral("pkcs11:token=") + label});
+}
+
 bool SoftTokens::putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin,
                          const QString &certLabel)
 {

@@ -47,6 +47,8 @@ bool putKeys(const QString &label, const QString &id, const QString &key, const 
 /// Puts a private key on a token, visible only with the PIN.
 bool putHiddenKey(const QString &label, const QString &id, const QString &key, const QString &tokenPin = pin,
                   const QStringList &options = {});
+/// Puts a private key on a token, visible without the PIN.
+bool putVisibleKey(const QString &label, const QString &id, const QString &key);
 /// Puts a certificate on a token; an empty id is left out.
 bool putCert(const QString &label, const QString &id, const QString &certificate, const QString &tokenPin = pin,
              const QString &certLabel = QStringLiteral("certificate"));

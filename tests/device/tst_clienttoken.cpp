@@ -182,6 +182,7 @@ private Q_SLOTS:
     void describes_data();
     void describes();
     void listsHiddenKeys();
+    void listsVisibleKeys();
     void listsOverRegisteredModules();
     void listsNone_data();
     void listsNone();
@@ -394,6 +395,20 @@ void TstClientToken::listsHiddenKeys()
     QCOMPARE(certs.size(), 2);
     QCOMPARE(certs.filter(QStringLiteral(";id=%A1%B2%C3;"), Qt::CaseInsensitive).size(), 1);
     QCOMPARE(client.validateCert(certs.filter(QStringLiteral(";id=%01;")).value(0), pin), success);
+}
+
+void TstClientToken::listsVisibleKeys()
+{
+    // The token shows a private key without its public key.
+    QVERIFY(SoftTokens::add(one));
+    QVERIFY(SoftTokens::putVisibleKey(one, id1, QStringLiteral("rsa")));
+    for (const QString &id : {id1, id2})
+        QVERIFY(SoftTokens::putCert(one, id, goodCert()));
+    ClientFixture client;
+    QVERIFY(client.start(SoftTokens::environment()));
+    const QStringList certs = client.certList();
+    QCOMPARE(certs.size(), 1);
+    QCOMPARE(client.validateCert(certs.constFirst(), pin), success);
 }
 
 void TstClientToken::listsOverRegisteredModules()
