@@ -280,6 +280,7 @@ private Q_SLOTS:
     void unwritableRequest();
     void outOfDescriptors();
     void closesOnExec();
+    void endsSilently_data();
     void endsSilently();
 
     void noSecrets();
@@ -2184,13 +2185,31 @@ void TstClientToken::closesOnExec()
     QTRY_COMPARE(inheritable(helpers(client).constFirst()), inherited);
 }
 
+void TstClientToken::endsSilently_data()
+{
+    QTest::addColumn<int>("calls");
+    QTest::newRow("idle") << 0;
+    QTest::newRow("while it serves a call") << 1;
+    QTest::newRow("while others are queued") << 3;
+}
+
 void TstClientToken::endsSilently()
 {
+    QFETCH(int, calls);
     ClientFixture client;
-    QVERIFY(!enrolled(client, goodCert()).isEmpty());
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
     QTRY_COMPARE(childrenOf(client).size(), 1);
+    QVERIFY(makeUnruly("hang"));
+    QVector<QDBusPendingReply<QString>> replies;
+    for (int i = 0; i < calls; ++i)
+        replies << client.sendPin(cert, pin);
+    QTRY_COMPARE(helpers(client).size(), calls != 0 ? 1 : 0);
+    QTRY_COMPARE(openFiles(QString::number(client.process.processId()), QStringLiteral("memfd:request")), calls);
     client.process.terminate();
     QVERIFY(client.process.waitForFinished());
+    QCOMPARE(client.process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(client.process.exitCode(), 0);
     QCOMPARE(client.process.readAll(), QByteArray());
 }
 
