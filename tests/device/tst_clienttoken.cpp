@@ -271,6 +271,7 @@ private Q_SLOTS:
     void settingsInUtf8();
     void waitingHelperIsGivenUp();
     void helperForACall();
+    void slowHelperForACall();
     void waitingHelperEnds();
     void waitingHelperHangs();
     void helperDiesOfAnySignal();
@@ -2031,6 +2032,31 @@ void TstClientToken::helperForACall()
     QCOMPARE(processes.size(), 2);
     QVERIFY(processes.at(0) != processes.at(1));
     QVERIFY(processes.contains(childrenOf(client).constFirst().toLatin1()));
+}
+
+void TstClientToken::slowHelperForACall()
+{
+    ClientFixture client;
+    const QString cert = enrolled(client, goodCert());
+    QVERIFY(!cert.isEmpty());
+    QVERIFY(endWaiting(client));
+    QVERIFY(makeUnruly("stall"));
+    const auto pid = pid_t(client.process.processId());
+    QCOMPARE(ptrace(PTRACE_SEIZE, pid, nullptr, PTRACE_O_TRACEFORK | PTRACE_O_TRACECLONE), 0L);
+    const QDBusPendingReply<QString> reply = client.sendPin(cert, pin);
+    QTRY_COMPARE(childrenOf(client).size(), 1);
+    const pid_t helper = childrenOf(client).constFirst().toInt();
+    QCOMPARE(waitpid(pid, nullptr, __WALL), pid);
+    QCOMPARE(waitpid(helper, nullptr, __WALL), helper);
+    QCOMPARE(ptrace(PTRACE_DETACH, pid, nullptr, nullptr), 0L);
+    // The helper for the call remains stopped. When the client sleeps, it has started the next helper, too, and it
+    // gives that one up.
+    QTRY_VERIFY(pollTimeout(pid) != 0);
+    QTRY_COMPARE(childrenOf(client), QStringList{QString::number(helper)});
+    QVERIFY(makeUnruly("none"));
+    QCOMPARE(ptrace(PTRACE_DETACH, helper, nullptr, nullptr), 0L);
+    QTRY_VERIFY(reply.isFinished());
+    QCOMPARE(reply.value(), success);
 }
 
 void TstClientToken::waitingHelperEnds()
