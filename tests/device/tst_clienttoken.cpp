@@ -599,6 +599,9 @@ void TstClientToken::listsDefaultFirst()
     // An ambiguous URI does not.
     QVERIFY(set("default-cert", QStringLiteral("pkcs11:token=one;object=other;type=cert")));
     QCOMPARE(client.certList(), certs);
+    // Nor does one that is invalid further on.
+    QVERIFY(set("default-cert", QStringLiteral("pkcs11:token=one;id=%A1%B2%C3;type=cert;serial=%0")));
+    QCOMPARE(client.certList(), certs);
     QVERIFY(set("auth-type", QStringLiteral("password")));
     QCOMPARE(client.certList(), QStringList());
 }
