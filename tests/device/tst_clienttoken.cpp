@@ -739,6 +739,15 @@ void TstClientToken::longestList()
     QCOMPARE(client.certList().size(), count + 1);
     QVERIFY(client.certList().filter(QStringLiteral("?")).isEmpty());
     QVERIFY(client.output().isEmpty());
+    // Nor for all certificates, when the URIs alone are so long.
+    QVERIFY(SoftTokens::reset() && SoftTokens::add(one) && put(QString(size, QLatin1Char('x'))));
+    QVERIFY(SoftTokens::multiply(id, count));
+    const QStringList some = client.certList();
+    const int total = some.join(QString()).size();
+    QVERIFY2(total <= count * size && total + some.value(0).size() > count * size, qPrintable(QString::number(total)));
+    QTRY_VERIFY2(client.output().contains("The list of 512 certificates is too long; listing only "
+                                          + QByteArray::number(some.size()) + '\n'),
+                 client.output().constData());
 }
 
 void TstClientToken::accepts_data()
