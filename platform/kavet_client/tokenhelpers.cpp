@@ -146,7 +146,6 @@ bool TokenHelpers::Helper::serve(Request &request, const Callback &done)
 
 void TokenHelpers::Helper::end(Tokens::Outcome outcome)
 {
-    disconnect();
     deleteLater();
     if (!m_done)
         return;
