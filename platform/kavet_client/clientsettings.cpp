@@ -12,6 +12,7 @@
 namespace {
 
 // Relative to the home directory, regardless of XDG variables, because the sandbox opens this directory.
+constexpr char encoding[] = "UTF-8"; ///< As editors write it.
 const QString settingsFile = QStringLiteral(".config/tarsk/kavet_client/client.conf");
 
 const QString passwordHashKey = QStringLiteral("password-hash");
@@ -78,7 +79,7 @@ ClientSettings::Mappings readMappings(const QSettings &settings)
 ClientSettings::ClientSettings()
 {
     QSettings settings(path(), QSettings::NativeFormat);
-    settings.setIniCodec(settingsEncoding);
+    settings.setIniCodec(encoding);
     m_passwordHash = settings.value(passwordHashKey).toString().toLatin1();
     m_lockAfter = limit(settings, lockAfterKey, defaultLockAfter);
     m_removeAfter = limit(settings, removeAfterKey, defaultRemoveAfter);
@@ -98,5 +99,5 @@ QString ClientSettings::path()
 
 bool ClientSettings::setPasswordHash(const QByteArray &hash)
 {
-    return writeSetting(path(), passwordHashKey, QString::fromLatin1(hash));
+    return writeSetting(path(), passwordHashKey, QString::fromLatin1(hash), encoding);
 }

@@ -10,10 +10,11 @@
 
 namespace {
 
-bool change(const QString &path, const QString &key, const QVariant &value)
+bool change(const QString &path, const QString &key, const QVariant &value, const char *encoding)
 {
     QSettings settings(path, QSettings::NativeFormat);
-    settings.setIniCodec(settingsEncoding);
+    if (encoding)
+        settings.setIniCodec(encoding);
     settings.setValue(key, value);
     settings.sync();
     return settings.status() == QSettings::NoError;
@@ -22,13 +23,13 @@ bool change(const QString &path, const QString &key, const QVariant &value)
 } // namespace
 
 // Works on a copy: on a full disk QSettings replaces the file by an empty one and reports no error.
-bool writeSetting(const QString &path, const QString &key, const QVariant &value)
+bool writeSetting(const QString &path, const QString &key, const QVariant &value, const char *encoding)
 {
     const QString draft = path + QStringLiteral(".new");
     QFile::remove(draft);
     if (QFile::exists(path) && !QFile::copy(path, draft))
         return false;
-    const bool written = change(draft, key, value) && QFileInfo(draft).size() > 0
+    const bool written = change(draft, key, value, encoding) && QFileInfo(draft).size() > 0
                          && QFile::setPermissions(draft, QFileDevice::ReadOwner | QFileDevice::WriteOwner)
                          && std::rename(QFile::encodeName(draft).constData(), QFile::encodeName(path).constData()) == 0;
     if (!written)

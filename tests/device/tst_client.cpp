@@ -957,7 +957,7 @@ void TstClient::counterFileStaysTheUsers()
     QVERIFY(ClientFixture::setPassword(right));
     ClientFixture client;
     QVERIFY(client.start());
-    QVERIFY(TestDevice::writeFile(ClientFixture::counterPath, "[General]\nother=kept\nattempts=1\n"));
+    QVERIFY(TestDevice::writeFile(ClientFixture::counterPath, "[General]\nother=kept\ndrink=caf\xe9\nattempts=1\n"));
     QCOMPARE(chmod(QFile::encodeName(ClientFixture::counterPath).constData(), 0644), 0);
     // The draft of a client that was killed
     const QString draft = ClientFixture::counterPath + QStringLiteral(".new");
@@ -966,6 +966,9 @@ void TstClient::counterFileStaysTheUsers()
     QCOMPARE(mode(ClientFixture::counterPath), 0600U);
     QCOMPARE(owner(ClientFixture::counterPath), TestDevice::alice);
     QVERIFY(TestDevice::readFile(ClientFixture::counterPath).contains("other=kept"));
+    // The plugin reads the file as QSettings does.
+    QCOMPARE(QSettings(ClientFixture::counterPath, QSettings::NativeFormat).value(QStringLiteral("drink")).toString(),
+             QStringLiteral("caf\u00e9"));
     QVERIFY(!QFileInfo::exists(draft));
 
     // If there is no file, the client creates one that only its user can read.
