@@ -38,6 +38,7 @@ const QString password = QStringLiteral("correct horse");
 const QString id1 = QStringLiteral("01");
 const QString id2 = QStringLiteral("02");
 const QString id3 = QStringLiteral("a1b2c3");
+const QString otherPath = QStringLiteral("/home/alice/ca/other.pem"); // of makeRenewedAuthority()
 constexpr int callTimeout = 20000; // milliseconds
 
 /// A certificate that logs alice in with the RSA key; the path of its file.
@@ -161,11 +162,24 @@ QByteArray without(QByteArray text, const char *line)
     return text.replace(QByteArray(line) + '\n', QByteArray());
 }
 
+const QByteArray inThePast =
+    QByteArrayLiteral("activation_date = \"2020-01-01 00:00:00\"\nexpiration_date = \"2021-01-01 00:00:00\"\n");
+const QByteArray inTheFuture =
+    QByteArrayLiteral("activation_date = \"2200-01-01 00:00:00\"\nexpiration_date = \"2201-01-01 00:00:00\"\n");
+
 /// The template of a certificate that logged alice in until it expired.
 QByteArray expired()
 {
-    return without(SoftTokens::loginTemplate(), "expiration_days = 30")
-           + "activation_date = \"2020-01-01 00:00:00\"\nexpiration_date = \"2021-01-01 00:00:00\"\n";
+    return without(SoftTokens::loginTemplate(), "expiration_days = 30") + inThePast;
+}
+
+/// Makes an authority with a certificate of another time, kept as other.pem, and with one that is valid now.
+bool makeRenewedAuthority(const QString &name, const QString &above, const QByteArray &otherTime)
+{
+    const QString path = QStringLiteral("/home/alice/ca/%1.pem").arg(name);
+    QFile::remove(otherPath);
+    return SoftTokens::makeAuthority(name, above, otherTime) && QFile::rename(path, otherPath)
+           && SoftTokens::makeAuthority(name, above); // with the same key
 }
 
 } // namespace
@@ -305,7 +319,7 @@ void TstClientToken::init()
 
 QString TstClientToken::enrolled(ClientFixture &client, const QString &cert, const QString &key)
 {
-    // In this time zone, a day begins with the day before in UTC.
+    // The client describes certificates in UTC, also where the local date is the day before.
     const QStringList environment = SoftTokens::environment() + QStringList{QStringLiteral("TZ=UTC+12")};
     if (cert.isEmpty() || !SoftTokens::add(one) || !SoftTokens::enroll(one, id1, cert, key)
         || !client.start(environment))
@@ -385,7 +399,7 @@ void TstClientToken::listsHiddenKeys()
 {
     // The token's keys are visible only with the PIN.
     QVERIFY(SoftTokens::add(one));
-    // A certificate that does not say whether it is an authority's: that extension gets a number without a meaning.
+    // A certificate that does not say whether it is an authority's: that extension becomes an unknown one.
     QVERIFY(SoftTokens::putCert(one, id3, goodCert()));
     QVERIFY(SoftTokens::alter("\x06\x03\x55\x1d\x13", "\x06\x03\x55\x1d\x7f"));
     QVERIFY(SoftTokens::putHiddenKey(one, id1, QStringLiteral("rsa")));
@@ -987,35 +1001,28 @@ void TstClientToken::manyAuthoritiesInBetween()
 void TstClientToken::renewedAuthorityInBetween_data()
 {
     QTest::addColumn<QByteArray>("otherTime");
-    QTest::newRow("former") << QByteArray("activation_date = \"2020-01-01 00:00:00\"\n"
-                                          "expiration_date = \"2021-01-01 00:00:00\"\n");
-    QTest::newRow("future") << QByteArray("activation_date = \"2200-01-01 00:00:00\"\n"
-                                          "expiration_date = \"2201-01-01 00:00:00\"\n");
+    QTest::newRow("former") << inThePast;
+    QTest::newRow("future") << inTheFuture;
 }
 
 void TstClientToken::renewedAuthorityInBetween()
 {
     QFETCH(QByteArray, otherTime);
     const QString name = QStringLiteral("twig");
-    const QString path = QStringLiteral("/home/alice/ca/twig.pem");
-    const QString other = QStringLiteral("/home/alice/ca/other.pem");
-    QVERIFY(SoftTokens::makeAuthority(name, QStringLiteral("root"), otherTime));
-    QVERIFY(QFile::remove(other) || !QFile::exists(other));
-    QVERIFY(QFile::rename(path, other));
-    QVERIFY(SoftTokens::makeAuthority(name, QStringLiteral("root"))); // with the same key
+    QVERIFY(makeRenewedAuthority(name, QStringLiteral("root"), otherTime));
     ClientFixture client;
     const QString cert = enrolled(
         client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), name));
     QVERIFY(!cert.isEmpty());
-    const auto putOther = [&other] {
+    const auto putOther = [] {
         bool stored = true;
         for (int id = 10; id < 14; ++id) // The token shows them in any order.
-            stored = stored && SoftTokens::putCert(one, QString::number(id), other);
+            stored = stored && SoftTokens::putCert(one, QString::number(id), otherPath);
         return stored;
     };
     QVERIFY(putOther());
     QCOMPARE(client.validateCert(cert, pin), failed);
-    QVERIFY(SoftTokens::putCert(one, id2, path));
+    QVERIFY(SoftTokens::putCert(one, id2, QStringLiteral("/home/alice/ca/twig.pem")));
     QCOMPARE(client.validateCert(cert, pin), success);
     QVERIFY(putOther());
     QCOMPARE(client.validateCert(cert, pin), success);
@@ -1024,22 +1031,16 @@ void TstClientToken::renewedAuthorityInBetween()
 void TstClientToken::renewedAuthority()
 {
     const QString name = QStringLiteral("renewed");
-    const QString path = QStringLiteral("/home/alice/ca/renewed.pem");
-    const QString former = QStringLiteral("/home/alice/ca/former.pem");
-    QVERIFY(SoftTokens::makeAuthority(
-        name, QString(), "activation_date = \"2020-01-01 00:00:00\"\nexpiration_date = \"2021-01-01 00:00:00\"\n"));
-    QVERIFY(QFile::remove(former) || !QFile::exists(former));
-    QVERIFY(QFile::rename(path, former));
-    QVERIFY(SoftTokens::makeAuthority(name)); // with the same key
+    QVERIFY(makeRenewedAuthority(name, QString(), inThePast));
     ClientFixture client;
     const QString cert = enrolled(
         client, SoftTokens::issue(QStringLiteral("case"), SoftTokens::loginTemplate(), QStringLiteral("rsa"), name));
     QVERIFY(!cert.isEmpty());
-    QVERIFY(SoftTokens::putCert(one, id2, former));
-    QVERIFY(set("trust-anchors", former));
+    QVERIFY(SoftTokens::putCert(one, id2, otherPath));
+    QVERIFY(set("trust-anchors", otherPath));
     QCOMPARE(client.validateCert(cert, pin), failed);
     // The certificate that has expired does no harm.
-    QVERIFY(set("trust-anchors", path));
+    QVERIFY(set("trust-anchors", QStringLiteral("/home/alice/ca/renewed.pem")));
     QCOMPARE(client.validateCert(cert, pin), success);
 }
 
