@@ -63,7 +63,7 @@ public:
             else
                 p11_kit_module_release(module);
         }
-        if (!loaded()) // The message is only about loading.
+        if (!loaded()) // p11_kit_message() does not tell why a module does not start.
             qWarning("Cannot load the token module: %s", error == CKR_OK ? p11_kit_message() : p11_kit_strerror(error));
     }
     ~LoadedModules()

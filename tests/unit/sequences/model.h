@@ -14,8 +14,8 @@ public:
 
     /// Whether `event` can happen now, in all states.
     bool allows(const Event &event) const;
-    /// Applies the event and, unless it is hurried, what follows before the client's process reports anything. An event
-    /// that is overtaken is preceded by the process's next report; returns whether there is one.
+    /// Applies the event and, unless it is hurried, what follows before the client's process reports anything. If the
+    /// event is overtaken, the next report comes before all else that follows; returns whether there is one.
     bool apply(const Event &event);
     /// Applies what follows from the next report of the process; false if there is none.
     bool advance();
