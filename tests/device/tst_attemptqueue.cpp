@@ -656,7 +656,10 @@ void TstAttemptQueue::tooManyAttempts()
         QVERIFY2(open(*m_root, uid, "") != 0, qPrintable(QString::number(uid)));
     const QString limitsExceeded = QStringLiteral("org.freedesktop.DBus.Error.LimitsExceeded");
     const QVariantList another = {alice, puppet, script("succeed")};
-    QCOMPARE(m_root->error(QStringLiteral("Authenticate"), another), limitsExceeded);
+    const auto isRefused = [&limitsExceeded](const QDBusMessage &reply, const char *why) {
+        return reply.errorName() == limitsExceeded && reply.errorMessage() == QLatin1String(why);
+    };
+    QVERIFY(isRefused(m_root->call(QStringLiteral("Authenticate"), another), "The caller has too many open attempts"));
     // Other callers have their own limits.
     QCOMPARE(BusUser(0).error(QStringLiteral("Authenticate"), another), QString());
 
@@ -670,7 +673,8 @@ void TstAttemptQueue::tooManyAttempts()
     qint64 opened = 0;
     while (open(user, bob, "") != 0) // Without pauses, because the allowance grows by a few every second.
         ++opened;
-    QCOMPARE(user.error(QStringLiteral("Authenticate"), {bob, puppet, script("")}), limitsExceeded);
+    QVERIFY(isRefused(user.call(QStringLiteral("Authenticate"), {bob, puppet, script("")}),
+                      "The user opens too many attempts"));
     QVERIFY2(opened >= 50 && opened <= 50 + 5 * (clock.elapsed() / 1000 + 1), qPrintable(QString::number(opened)));
 }
 

@@ -787,8 +787,10 @@ void TstAuthenticator::ownOptions()
 void TstAuthenticator::valueThatCannotBeStored()
 {
     QVERIFY(TestDevice::writeFile(QStringLiteral("/var/lib/authd/methods"), "in the way"));
-    QCOMPARE(m_root->error(QStringLiteral("SetMethodOption"), {puppet, QStringLiteral("number"), variant(7)}),
-             storeFailed);
+    const QDBusMessage reply =
+        m_root->call(QStringLiteral("SetMethodOption"), {puppet, QStringLiteral("number"), variant(7)});
+    QCOMPARE(reply.errorName(), storeFailed);
+    QCOMPARE(reply.errorMessage(), QStringLiteral("The value cannot be stored"));
     QCOMPARE(option(QStringLiteral("number")), QVariant(1));
 }
 

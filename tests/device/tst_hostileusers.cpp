@@ -191,7 +191,8 @@ private:
         int count = 0;
         for (QDBusPendingCall &pending : calls) {
             pending.waitForFinished();
-            count += pending.error().name() != limitsExceeded;
+            count += pending.error().name() != limitsExceeded
+                     || pending.error().message() != QLatin1String("The caller makes too many calls");
         }
         return count;
     }
